@@ -1,0 +1,70 @@
+/// @file
+/// The one class that an application derives from.
+#pragma once
+
+#include "jovu/command_interface.h"
+#include "jovu/device_address.h"
+#include "jovu/event_interface.h"
+#include "jovu/export.h"
+#include "jovu/job_interface.h"
+#include "jovu/transport.h"
+
+/// While one of these exists, the link opens no device, so none is announced. Process-wide, may be
+/// nested, cheap.
+///
+/// A class derived from JovuClient is announced devices as soon as its JovuClient part stands, when
+/// its own members are not there yet. It takes a hold as the default argument of its constructor,
+/// which lives until the whole object is built:
+///
+///     class App : public JovuClient {
+///     public:
+///         explicit App(const JovuScanHold& = JovuScanHold()) {}
+///         ~App() override { shutdown(); }
+///         void device_connected(JovuDeviceAddress address) override;
+///     };
+class JOVU_API JovuScanHold {
+public:
+    JovuScanHold() noexcept;
+    ~JovuScanHold();
+    JovuScanHold(const JovuScanHold&) = delete;
+    JovuScanHold& operator=(const JovuScanHold&) = delete;
+};
+
+/// The whole library as one object: print jobs, firmware commands, firmware events and the
+/// transport. An application derives from it, overrides what it wants to be told, and calls the
+/// command and job methods with an address from device_connected() or list_connected().
+///
+/// Construction starts the link; every device that is already attached is announced, as later ones
+/// are. Destruction takes the client off the link; it waits for running notification threads, but
+/// only shutdown(), called first in the application's own destructor, does so while the
+/// application's overrides and members still exist. The C++ run-time has torn them down when
+/// ~JovuClient() begins.
+///
+/// When the last client of the process goes, the link ends: devices are closed and libusb is left.
+class JOVU_API JovuClient : public JovuJobInterface,
+                            public JovuCommandInterface,
+                            public JovuEventInterface,
+                            public JovuTransport {
+public:
+    /// Builds the client and starts the link on first use.
+    /// @throws JovuException "Failed to initialize libusb"; nothing is left behind then.
+    JovuClient();
+
+    /// As shutdown().
+    ~JovuClient() override;
+
+    /// A device can be talked to. Empty by default. See JovuTransport::device_connected().
+    void device_connected(JovuDeviceAddress address) override;
+
+    /// A device is gone. Empty by default. See JovuTransport::device_disconnected().
+    void device_disconnected(JovuDeviceAddress address) override;
+
+    /// Takes the client off the link for good: when it returns, no callback of this client is
+    /// running (but a device_connected() or device_disconnected() that made the call) and none will
+    /// follow. May be called more than once; an application calls it first in its own destructor.
+    /// Not from a handler that is called with received data.
+    void shutdown();
+
+private:
+    explicit JovuClient(const JovuScanHold& hold);
+};

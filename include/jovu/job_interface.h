@@ -1,0 +1,131 @@
+/// @file
+/// The print-job channel: status, pause, abort and the job-file push.
+#pragma once
+
+#include <cstdint>
+#include <cstdio>
+#include <memory>
+#include <string>
+
+#include "jovu/device_address.h"
+#include "jovu/export.h"
+#include "jovu/usb_client.h"
+
+/// Talks to devices on the print-job channel (USB interface number 1).
+///
+/// Construction starts the link if it is not running; destruction takes this object off the link.
+///
+/// Threads: request and push operations run on the caller's thread and may be called from any;
+/// StatusReceived() and JobDataReceived() run on the thread that delivers received data (the link's
+/// watcher, for moments a thread that sends or closes) and hold up all reception while they run. In
+/// them, sends fail at once with "Send failed - libusb error: -6" (busy), and a client must be
+/// neither constructed nor destroyed.
+class JOVU_API JovuJobInterface : private JovuUsbClient {
+public:
+    /// One decoded status report. What the device left out is empty or zero.
+    struct StatusMsg {
+        /// Identity of the controller.
+        struct {
+            std::string model_name;           ///< Name of the model.
+            std::string cpu_id;               ///< Identity of the controller's processor.
+            std::string firmware_name;        ///< Name of the firmware.
+            std::string firmware_version;     ///< Version of the firmware.
+            std::int32_t accept_version = 0;  ///< Version of job files that is accepted.
+        } printer;
+        std::string state;                ///< What the machine is doing.
+        std::string build_plate;          ///< State of the build plate.
+        std::string filament;             ///< State of the filament.
+        double extruder_temperature = 0;  ///< Extruder temperature, degrees Celsius.
+        std::string job_id;               ///< Id of the current or last job; may be empty.
+        std::int32_t progress = 0;        ///< Progress of the job, per cent.
+        std::string file;                 ///< File of the job.
+        std::int32_t time_elapsed = 0;    ///< Time since the job began, seconds.
+        std::int32_t boot_time = 0;       ///< Time since the controller started, seconds.
+        std::int32_t idle_time = 0;       ///< Time since the controller was last busy, seconds.
+        std::int32_t error = 0;           ///< Error number of the firmware, 0 for none.
+    };
+
+    /// Progress of a push, called on the pushing thread.
+    /// @param percent 0.0 at the start, capped at 99.9 while pieces go out, 100.0 at the end.
+    /// @param job_id the job id of the push, empty from SendJobFile().
+    /// @param user the pointer given with the callback.
+    using Progress = void (*)(double percent, std::string job_id, void* user);
+
+    /// Registers for the job channel; starts the link on first use.
+    /// @throws JovuException "Failed to initialize libusb".
+    JovuJobInterface();
+
+    JovuJobInterface(const JovuJobInterface&) = delete;
+    JovuJobInterface& operator=(const JovuJobInterface&) = delete;
+
+    /// As shutdown(). Not on a thread that delivers received data.
+    ~JovuJobInterface() override;
+
+    /// Asks a device for a status report, which arrives later through StatusReceived().
+    /// @throws JovuException "Send failed - ..." when the device is gone or does not take it.
+    void RequestStatus(JovuDeviceAddress address);
+
+    /// Asks a device to pause its job.
+    /// @throws JovuException as RequestStatus().
+    void SendPause(JovuDeviceAddress address);
+
+    /// Asks a device to abort its job.
+    /// @throws JovuException as RequestStatus().
+    void SendAbort(JovuDeviceAddress address);
+
+    /// Writes raw bytes to the job channel, as they are.
+    /// @param data kept by the caller, needed during the call only.
+    /// @param length in bytes; with 0 nothing is sent.
+    /// @throws JovuException as RequestStatus().
+    void SendJobData(JovuDeviceAddress address, const unsigned char* data, unsigned int length);
+
+    /// Pushes a job file and returns when its last byte has been taken by the device. The push
+    /// carries no acknowledgement: the outcome shows in later status reports. Only one push per
+    /// device at a time, which is the caller's to ensure.
+    ///
+    /// A device that is unplugged ends the push with an exception, also when another one has taken
+    /// its address meanwhile.
+    /// @param path of a file that can be read and sought (read twice).
+    /// @param progress may be null. An exception that it throws ends the push and passes on.
+    /// @param user handed to the callback.
+    /// @param compressed must be false.
+    /// @throws JovuException "Failed to open job file." (also for a directory), "Compression not
+    ///     supported yet." or "Send failed - ...".
+    void SendJobFile(JovuDeviceAddress address, std::string path, Progress progress, void* user,
+                     bool compressed);
+
+    /// The push itself, on an open file that stays the caller's and open.
+    /// @param file a stream that can be sought; is read twice from its start.
+    /// @param progress may be null.
+    /// @param user handed to the callback.
+    /// @param job_id announced to the device and handed to the callback.
+    /// @param compressed announces deflated content; the bytes are sent as they are either way.
+    /// @param decompressed_length announced with @p compressed, in bytes.
+    /// @throws JovuException "Send failed - ...".
+    void send_job(JovuDeviceAddress address, std::FILE* file, Progress progress, void* user,
+                  std::string job_id, bool compressed, unsigned long decompressed_length);
+
+    /// A status report has arrived. Empty by default.
+    virtual void StatusReceived(JovuDeviceAddress address, StatusMsg status);
+
+    /// A complete JSON object has arrived, of whatever kind, before it is parsed. Empty by default.
+    /// @param text valid during the call only; followed by a zero that is not counted.
+    /// @param length in bytes.
+    virtual void JobDataReceived(JovuDeviceAddress address, const unsigned char* text,
+                                 unsigned int length);
+
+    /// Takes this object off the link for good: when it returns, no callback of this object is
+    /// running and none will follow. May be called more than once. A class derived from this one
+    /// calls it first in its own destructor, while its overrides are still there to be called.
+    /// Not on a thread that delivers received data.
+    void shutdown();
+
+private:
+    void usb_device_connected(JovuDeviceAddress address) override;
+    void usb_device_disconnected(JovuDeviceAddress address) override;
+    void data_received(unsigned char* data, unsigned int length,
+                       JovuDeviceAddress address) override;
+
+    struct State;
+    std::unique_ptr<State> state_;
+};

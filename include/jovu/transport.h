@@ -1,0 +1,95 @@
+/// @file
+/// The message channel: what an application sees of it.
+#pragma once
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "jovu/device_address.h"
+#include "jovu/export.h"
+#include "jovu/usb_client.h"
+
+class JovuMessage;
+struct yajl_val_s;
+
+/// Carries messages to and from devices on the message channel (USB interface number 0): frames
+/// them, matches responses with the requests that wait for them, and announces devices.
+///
+/// An application does not derive from this class but from JovuClient.
+class JOVU_API JovuTransport : private JovuUsbClient {
+public:
+    JovuTransport(const JovuTransport&) = delete;
+    JovuTransport& operator=(const JovuTransport&) = delete;
+
+    /// As shutdown(). Not on a thread that delivers received data.
+    ~JovuTransport() override;
+
+    /// Closes a device. It stays in list_connected(), closed, until it is unplugged, and is not
+    /// opened again before it is plugged in anew.
+    ///
+    /// Threads: any. In a handler that is called with received data the call only orders the close,
+    /// which the watcher carries out after the handler has returned.
+    /// @throws JovuException "Close failed - Device no longer connected." for an unknown or already
+    ///     closed device.
+    void close(JovuDeviceAddress address);
+
+    /// The devices that the library has opened and that are still on the bus, in no particular
+    /// order. Threads: any, never blocks for long.
+    std::vector<JovuDeviceAddress> list_connected() const;
+
+    /// Every device of the accepted vendor that is on the bus now, opened or not, in the order of
+    /// the bus enumeration. Threads: any; opens nothing.
+    /// @throws JovuException "Failed to get libusb device list."
+    std::vector<JovuUsbDevice> list_attached() const;
+
+    /// Why the calling thread's last exchange failed: the reason that stands in the diagnostic line
+    /// on standard output. Empty when it was answered, or (for a message that expects no answer)
+    /// sent. Each thread has its own; empty before its first exchange.
+    static std::string last_send_error();
+
+    /// A device can be talked to. Called on a thread of its own for every announcement; may send
+    /// commands to the device. Such calls may overlap with one another and with
+    /// device_disconnected(), and come in any order when a device is replugged quickly.
+    virtual void device_connected(JovuDeviceAddress address) = 0;
+
+    /// A device is gone: requests that waited for it have been woken and no exchange with it is
+    /// running any more. Called on a thread of its own.
+    virtual void device_disconnected(JovuDeviceAddress address) = 0;
+
+    /// Takes this object off the link for good. When it returns, no notification thread and no
+    /// handler of this object is running (but one that made the call), none will follow, requests
+    /// that waited have failed, and later ones fail at once. May be called more than once. A class
+    /// derived from this one calls it first in its own destructor, while its overrides and members
+    /// are still there to be used. Not on a thread that delivers received data.
+    void shutdown();
+
+    /// Sends a message and, if it expects an answer, waits for it. Used by the library's own
+    /// messages. Throws nothing: a failure is printed as one line on standard output, is told by
+    /// last_send_error(), and leaves the message without a response.
+    /// @param message stays the caller's.
+    void send_message(JovuMessage& message, JovuDeviceAddress address);
+
+    /// The words of a set of message attributes, in the order in which they stand in an envelope.
+    /// @param flags bits 1 "request", 2 "response", 4 "oneway", 8 "twoway", 16 "ack".
+    static std::vector<std::string> attrs(unsigned flags);
+
+protected:
+    /// Registers for the message channel; starts the link on first use.
+    /// @throws JovuException "Failed to initialize libusb".
+    JovuTransport();
+
+private:
+    void usb_device_connected(JovuDeviceAddress address) override;
+    void usb_device_disconnected(JovuDeviceAddress address) override;
+    void data_received(unsigned char* data, unsigned int length,
+                       JovuDeviceAddress address) override;
+
+    void process_data_receive(unsigned char* payload, unsigned int length,
+                              JovuDeviceAddress address);
+    std::shared_ptr<JovuMessage> parse_message(yajl_val_s* transport, yajl_val_s* data);
+    void exchange(JovuMessage& message, JovuDeviceAddress address);
+
+    struct State;
+    std::shared_ptr<State> state_;
+};
