@@ -35,10 +35,11 @@ public:
 /// command and job methods with an address from device_connected() or list_connected().
 ///
 /// Construction starts the link; every device that is already attached is announced, as later ones
-/// are. Destruction takes the client off the link; it waits for running notification threads, but
-/// only shutdown(), called first in the application's own destructor, does so while the
-/// application's overrides and members still exist. The C++ run-time has torn them down when
-/// ~JovuClient() begins.
+/// are. A device that the process has open already, through another client, is not announced again:
+/// list_connected() has it. Destruction takes the client off the link; it waits for running
+/// notification threads, but only shutdown(), called first in the application's own destructor,
+/// does so while the application's overrides and members still exist. The C++ run-time has torn
+/// them down when ~JovuClient() begins.
 ///
 /// When the last client of the process goes, the link ends: devices are closed and libusb is left.
 class JOVU_API JovuClient : public JovuJobInterface,

@@ -126,6 +126,8 @@ private:
     void data_received(unsigned char* data, unsigned int length,
                        JovuDeviceAddress address) override;
 
+    void send_request(const char* type, JovuDeviceAddress address);
+
     struct State;
     std::unique_ptr<State> state_;
 };

@@ -91,5 +91,5 @@ private:
     void exchange(JovuMessage& message, JovuDeviceAddress address);
 
     struct State;
-    std::shared_ptr<State> state_;
+    std::unique_ptr<State> state_;
 };

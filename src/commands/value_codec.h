@@ -1,0 +1,43 @@
+/// @file
+/// Firmware values to JSON and back.
+///
+/// Writing puts the key, then the value. Reading looks the key up in an object; it returns false,
+/// leaving the target as it was, when the member is missing or of another kind.
+#pragma once
+
+#include <yajl/yajl_gen.h>
+#include <yajl/yajl_tree.h>
+
+#include <cstdint>
+#include <memory>
+#include <type_traits>
+
+#include "core/message.h"
+#include "json/json.h"
+
+/// An integer in its own signedness; enumerations as their underlying integer; `bool` as 0 or 1.
+template <class T, std::enable_if_t<std::is_integral_v<T> || std::is_enum_v<T>, int> = 0>
+void cmd_ifc_serialize_type(yajl_gen gen, const char* key, T& value) {
+    JovuMessage::gen_string(gen, key);
+    JovuMessage::gen_integer(gen, static_cast<long long>(value));
+}
+
+/// The low bits of a number's integer reading; a `bool` is true when that is not 0.
+template <class T, std::enable_if_t<std::is_integral_v<T> || std::is_enum_v<T>, int> = 0>
+bool cmd_ifc_deserialize_type(yajl_val object, const char* key, T& value) {
+    const auto number = jovu::find_integer(object, {key});
+    if (!number) return false;
+    if constexpr (std::is_same_v<T, bool>) {
+        value = *number != 0;
+    } else {
+        value = static_cast<T>(*number);
+    }
+    return true;
+}
+
+/// A text: an array of its bytes as signed values, the final NUL included.
+/// @throws JovuException for a null text.
+void cmd_ifc_serialize_type(yajl_gen gen, const char* key, std::shared_ptr<char>& value);
+
+/// A text: an array of numbers, the low 8 bits of each. One more zero is kept behind it.
+bool cmd_ifc_deserialize_type(yajl_val object, const char* key, std::shared_ptr<char>& value);

@@ -1,0 +1,32 @@
+#include "jovu/client.h"
+
+#include "usb/usb.h"
+
+JovuScanHold::JovuScanHold() noexcept {
+    JovuUsb::hold_scans();
+}
+
+JovuScanHold::~JovuScanHold() {
+    JovuUsb::release_scans();
+}
+
+// The job interface registers first. A device that were opened before the transport has registered
+// as well would never be announced.
+JovuClient::JovuClient() : JovuClient(JovuScanHold()) {}
+
+JovuClient::JovuClient(const JovuScanHold& /*hold*/)
+    : JovuCommandInterface(static_cast<JovuTransport&>(*this)),
+      JovuEventInterface(static_cast<JovuTransport&>(*this)) {}
+
+JovuClient::~JovuClient() {
+    JovuClient::shutdown();
+}
+
+void JovuClient::device_connected(JovuDeviceAddress /*address*/) {}
+
+void JovuClient::device_disconnected(JovuDeviceAddress /*address*/) {}
+
+void JovuClient::shutdown() {
+    JovuTransport::shutdown();
+    JovuJobInterface::shutdown();
+}

@@ -1,0 +1,70 @@
+#include "core/notice_threads.h"
+
+#include <system_error>
+#include <thread>
+#include <utility>
+
+namespace jovu {
+namespace {
+
+/// The owner of the notice that this thread is in; null on every other thread.
+thread_local const void* current_owner = nullptr;
+
+}  // namespace
+
+NoticeThreads::NoticeThreads() : state_(std::make_shared<State>()) {}
+
+void NoticeThreads::post(Notice notice) {
+    {
+        const MutexLock lock(state_->mutex);
+        if (state_->closed) return;
+        state_->pending.push_back(std::move(notice));
+    }
+    try {
+        std::thread([state = state_] { run(*state); }).detach();
+    } catch (const std::system_error&) {
+        // No thread to be had now. The notice is in the queue, which every later thread empties.
+        return;
+    }
+}
+
+NoticeThreads::Notice NoticeThreads::State::begin_next() {
+    const MutexLock lock(mutex);
+    if (pending.empty()) return nullptr;
+    Notice notice = std::move(pending.front());
+    pending.pop_front();
+    ++running;
+    return notice;
+}
+
+void NoticeThreads::State::end() {
+    const MutexLock lock(mutex);
+    --running;
+    changed.notify_all();
+}
+
+void NoticeThreads::run(State& state) noexcept {
+    current_owner = &state;
+    while (Notice notice = state.begin_next()) {
+        notice();
+        // What the notice holds goes before anybody who waits for its end goes on.
+        notice = nullptr;
+        state.end();
+    }
+}
+
+void NoticeThreads::close() {
+    std::deque<Notice> dropped;
+    const MutexLock lock(state_->mutex);
+    state_->closed = true;
+    dropped.swap(state_->pending);
+}
+
+void NoticeThreads::wait() {
+    const unsigned own = current_owner == state_.get() ? 1 : 0;
+    const MutexLock lock(state_->mutex);
+    while (state_->running > own)
+        state_->changed.wait(state_->mutex);
+}
+
+}  // namespace jovu

@@ -1,0 +1,52 @@
+/// @file
+/// The threads on which an application is told of devices.
+#pragma once
+
+#include <deque>
+#include <functional>
+#include <memory>
+
+#include "base/mutex.h"
+
+namespace jovu {
+
+/// Runs notices, each on a detached thread of its own, and knows when none is running any more.
+class NoticeThreads {
+public:
+    using Notice = std::function<void()>;
+
+    NoticeThreads();
+    NoticeThreads(const NoticeThreads&) = delete;
+    NoticeThreads& operator=(const NoticeThreads&) = delete;
+
+    /// Starts a thread for a notice. If none can be started the notice waits for the next thread
+    /// that can be: it comes late rather than never.
+    void post(Notice notice);
+
+    /// Drops notices that have not begun and takes no more.
+    void close();
+
+    /// Waits until no notice is running, but for one that the calling thread itself is in. To be
+    /// called after close().
+    void wait();
+
+private:
+    /// Shared with the threads, which may end after this object.
+    struct State {
+        /// @return the next notice, now counted as running; empty when there is none.
+        Notice begin_next();
+        void end();
+
+        Mutex mutex;
+        ConditionVariable changed;
+        std::deque<Notice> pending JOVU_GUARDED_BY(mutex);
+        unsigned running JOVU_GUARDED_BY(mutex) = 0;
+        bool closed JOVU_GUARDED_BY(mutex) = false;
+    };
+
+    static void run(State& state) noexcept;
+
+    const std::shared_ptr<State> state_;
+};
+
+}  // namespace jovu

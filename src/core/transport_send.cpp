@@ -1,0 +1,97 @@
+/// @file
+/// Sending a message and waiting for its answer.
+#include <cstdio>
+#include <memory>
+#include <string>
+#include <utility>
+
+#include "core/last_send_error.h"
+#include "core/message.h"
+#include "core/transport_state.h"
+#include "jovu/exception.h"
+#include "jovu/transport.h"
+#include "usb/usb.h"
+
+namespace {
+
+constexpr const char* kDisconnected = "Transport Error - Device has been disconnected.";
+
+/// Holds a device's send lock for one exchange, unless the device has gone meanwhile.
+class SendTurn {
+public:
+    explicit SendTurn(std::shared_ptr<jovu::SendLock> lock)
+        : lock_(std::move(lock)), held_(lock_->mutex) {}
+
+    void check() const {
+        if (lock_->retired) throw JovuException(kDisconnected);
+    }
+    JovuUsb::connection_t connection() const noexcept { return lock_->connection; }
+
+private:
+    const std::shared_ptr<jovu::SendLock> lock_;
+    const jovu::MutexLock held_;
+};
+
+/// Caller holds the device's send lock, which keeps the two writes of a frame together.
+void send_command_data(const std::string& json, JovuDeviceAddress address,
+                       JovuUsb::connection_t connection) {
+    const jovu::Frame frame = jovu::make_frame(json);
+    JovuUsb::write(frame.header, sizeof frame.header, address, JovuUsb::JOVU_USB_INTERFACE_MESSAGES,
+                   connection);
+    JovuUsb::write(reinterpret_cast<const unsigned char*>(frame.body.data()),
+                   static_cast<unsigned int>(frame.body.size()), address,
+                   JovuUsb::JOVU_USB_INTERFACE_MESSAGES, connection);
+}
+
+void print_failure(unsigned id, const char* what) {
+    const std::string line = "JovuMessage: " + std::to_string(id) + " -- " + what + "\n";
+    std::fputs(line.c_str(), stdout);
+    std::fflush(stdout);
+}
+
+}  // namespace
+
+void JovuTransport::send_message(JovuMessage& message, JovuDeviceAddress address) {
+    const CallsInProgress::Call call(state_->exchanges);
+    jovu::set_last_send_error("");
+    try {
+        exchange(message, address);
+    } catch (const JovuException& error) {
+        print_failure(message.id(), error.what());
+        jovu::set_last_send_error(error.what());
+    } catch (const std::exception& error) {
+        jovu::set_last_send_error(error.what());
+    }
+}
+
+void JovuTransport::exchange(JovuMessage& message, JovuDeviceAddress address) {
+    std::shared_ptr<jovu::SendLock> lock = state_->device_mutexes.find(address);
+    if (lock == nullptr) throw JovuException(kDisconnected);
+    if (JovuUsb::delivering()) {
+        // The send lock may be held by a sender whose answer only this thread can deliver, so it is
+        // not waited for. The link refuses the write, with the reason.
+        send_command_data(message.compile(), address, lock->connection);
+        return;
+    }
+    const SendTurn turn(std::move(lock));
+    if (!message.twoway()) {
+        turn.check();
+        send_command_data(message.compile(), address, turn.connection());
+        return;
+    }
+    bool woken = false;
+    {
+        jovu::ResponseSignal signal;
+        const jovu::WaitingRequests::Entry entry(state_->waiting, message, signal, address);
+        turn.check();
+        send_command_data(message.compile(), address, turn.connection());
+        woken = signal.wait(jovu::kResponseTimeout);
+    }
+    // Out of the table, so nobody else touches the message any more.
+    if (!woken) {
+        throw JovuException("Transport Error - Waiting for response to request timed out.");
+    }
+    if (!message.response_available()) {
+        throw JovuException("Transport Error - No response received.");
+    }
+}

@@ -1,0 +1,3 @@
+#include "jovu/usb_client.h"
+
+JovuUsbClient::~JovuUsbClient() = default;

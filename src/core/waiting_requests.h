@@ -1,0 +1,77 @@
+/// @file
+/// Requests that wait for a response.
+#pragma once
+
+#include <chrono>
+#include <map>
+#include <memory>
+
+#include "base/mutex.h"
+#include "jovu/device_address.h"
+
+class JovuMessage;
+
+namespace jovu {
+
+/// How long a sender waits for a sign from the device.
+inline constexpr std::chrono::seconds kResponseTimeout{15};
+
+/// Wakes one sender; lives on its stack for one exchange. Counts, so that a wake-up that comes
+/// before the wait is not lost.
+class ResponseSignal {
+public:
+    void post();
+
+    /// Waits for one post. A wake-up without one starts a fresh wait.
+    /// @return false when @p limit passed without a wake-up.
+    bool wait(std::chrono::milliseconds limit);
+
+private:
+    Mutex mutex_;
+    ConditionVariable condition_;
+    unsigned count_ JOVU_GUARDED_BY(mutex_) = 0;
+};
+
+/// The requests of one transport that wait, by message id.
+class WaitingRequests {
+public:
+    /// Keeps a request in the table for a scope. Request and signal must outlive it.
+    class Entry {
+    public:
+        /// An entry that already holds the id is overwritten.
+        Entry(WaitingRequests& table, JovuMessage& request, ResponseSignal& signal,
+              JovuDeviceAddress address);
+        ~Entry();
+        Entry(const Entry&) = delete;
+        Entry& operator=(const Entry&) = delete;
+
+    private:
+        WaitingRequests& table_;
+        const unsigned id_;
+        ResponseSignal* const signal_;
+    };
+
+    /// Hands a response to the request with its id and wakes the sender; a response that nobody
+    /// waits for is dropped. Matched by id alone, whichever device sent it.
+    void respond(std::shared_ptr<JovuMessage>& response);
+
+    /// Wakes, without a response, the senders that wait for a device.
+    void wake(JovuDeviceAddress address);
+
+    /// Wakes every sender, without a response.
+    void wake_all();
+
+private:
+    struct Waiting {
+        JovuMessage* request;
+        ResponseSignal* signal;
+        JovuDeviceAddress address;
+    };
+
+    /// Taken before a signal's mutex. Held while a request reads its response, so that the entry's
+    /// owner cannot leave meanwhile.
+    Mutex mutex_;
+    std::map<unsigned, Waiting> waiting_ JOVU_GUARDED_BY(mutex_);
+};
+
+}  // namespace jovu

@@ -1,0 +1,85 @@
+/// @file
+/// The job channel: its life, reception and requests. The push is in job_push.cpp.
+#include "jovu/job_interface.h"
+
+#include <atomic>
+#include <string>
+#include <unordered_map>
+#include <utility>
+
+#include "jobs/job_requests.h"
+#include "jobs/job_stream.h"
+#include "jobs/status_report.h"
+#include "json/json.h"
+#include "usb/usb.h"
+
+struct JovuJobInterface::State {
+    /// Touched only by the link's calls for interface 1, which never overlap. Entries are never
+    /// erased.
+    std::unordered_map<JovuDeviceAddress, jovu::JobStream> streams;
+    std::atomic<bool> registered{false};
+};
+
+JovuJobInterface::JovuJobInterface() : state_(std::make_unique<State>()) {
+    JovuUsb::client_register(*this, JovuUsb::JOVU_USB_INTERFACE_JOBS);
+    state_->registered = true;
+}
+
+JovuJobInterface::~JovuJobInterface() {
+    JovuJobInterface::shutdown();
+}
+
+void JovuJobInterface::shutdown() {
+    if (!state_->registered.exchange(false)) return;
+    JovuUsb::client_unregister(*this, JovuUsb::JOVU_USB_INTERFACE_JOBS);
+}
+
+void JovuJobInterface::RequestStatus(JovuDeviceAddress address) {
+    send_request("status", address);
+}
+
+void JovuJobInterface::SendPause(JovuDeviceAddress address) {
+    send_request("pause", address);
+}
+
+void JovuJobInterface::SendAbort(JovuDeviceAddress address) {
+    send_request("abort", address);
+}
+
+void JovuJobInterface::send_request(const char* type, JovuDeviceAddress address) {
+    const std::string request = jovu::job_request(type);
+    SendJobData(address, reinterpret_cast<const unsigned char*>(request.data()),
+                static_cast<unsigned int>(request.size()));
+}
+
+void JovuJobInterface::SendJobData(JovuDeviceAddress address, const unsigned char* data,
+                                   unsigned int length) {
+    JovuUsb::write(data, length, address, JovuUsb::JOVU_USB_INTERFACE_JOBS);
+}
+
+void JovuJobInterface::StatusReceived(JovuDeviceAddress /*address*/, StatusMsg /*status*/) {}
+
+void JovuJobInterface::JobDataReceived(JovuDeviceAddress /*address*/, const unsigned char* /*text*/,
+                                       unsigned int /*length*/) {}
+
+void JovuJobInterface::usb_device_connected(JovuDeviceAddress address) {
+    state_->streams[address].clear();
+}
+
+void JovuJobInterface::usb_device_disconnected(JovuDeviceAddress address) {
+    state_->streams[address].clear();
+}
+
+void JovuJobInterface::data_received(unsigned char* data, unsigned int length,
+                                     JovuDeviceAddress address) {
+    const auto object = state_->streams[address].append(data, length);
+    if (!object) return;
+    JobDataReceived(address, reinterpret_cast<const unsigned char*>(object->c_str()),
+                    static_cast<unsigned int>(object->size()));
+    const jovu::JsonTree tree = jovu::parse_json(*object);
+    const char* const type = jovu::find_string(tree.get(), {"metadata", "type"});
+    if (type == nullptr || std::string(type) != "status") return;
+    StatusMsg status;
+    parse_status(tree.get(), status);
+    StatusReceived(address, std::move(status));
+}

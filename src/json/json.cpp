@@ -1,0 +1,85 @@
+#include "json/json.h"
+
+#include <algorithm>
+#include <array>
+#include <new>
+
+#include "json/numeric_locale.h"
+
+namespace jovu {
+namespace {
+
+constexpr std::size_t kMaxPath = 3;
+
+}  // namespace
+
+bool nests_within(std::string_view text, std::size_t limit) noexcept {
+    std::size_t depth = 0;
+    bool in_string = false;
+    bool escaped = false;
+    for (const char c : text) {
+        if (in_string) {
+            if (escaped) {
+                escaped = false;
+            } else if (c == '\\') {
+                escaped = true;
+            } else if (c == '"') {
+                in_string = false;
+            }
+        } else if (c == '"') {
+            in_string = true;
+        } else if (c == '{' || c == '[') {
+            if (++depth > limit) return false;
+        } else if ((c == '}' || c == ']') && depth > 0) {
+            --depth;
+        }
+    }
+    return true;
+}
+
+JsonTree parse_json(const std::string& text) {
+    if (!nests_within(text, kMaxJsonDepth)) return nullptr;
+    const NumericLocale locale;
+    return JsonTree(yajl_tree_parse(text.c_str(), nullptr, 0));
+}
+
+yajl_val find(yajl_val object, std::initializer_list<const char*> path, yajl_type type) noexcept {
+    if (object == nullptr || path.size() > kMaxPath) return nullptr;
+    std::array<const char*, kMaxPath + 1> keys{};
+    std::copy(path.begin(), path.end(), keys.begin());
+    return yajl_tree_get(object, keys.data(), type);
+}
+
+const char* find_string(yajl_val object, std::initializer_list<const char*> path) noexcept {
+    return YAJL_GET_STRING(find(object, path, yajl_t_string));
+}
+
+std::optional<long long> find_integer(yajl_val object,
+                                      std::initializer_list<const char*> path) noexcept {
+    const yajl_val node = find(object, path, yajl_t_number);
+    if (node == nullptr) return std::nullopt;
+    return YAJL_GET_INTEGER(node);
+}
+
+std::optional<double> find_double(yajl_val object,
+                                  std::initializer_list<const char*> path) noexcept {
+    const yajl_val node = find(object, path, yajl_t_number);
+    if (node == nullptr) return std::nullopt;
+    return YAJL_GET_DOUBLE(node);
+}
+
+JsonGenerator::JsonGenerator() : generator_(yajl_gen_alloc(nullptr)) {
+    if (generator_ == nullptr) throw std::bad_alloc();
+}
+
+std::string_view JsonGenerator::text() const {
+    const unsigned char* buffer = nullptr;
+    std::size_t length = 0;
+    if (yajl_gen_get_buf(generator_.get(), &buffer, &length) != yajl_gen_status_ok ||
+        buffer == nullptr) {
+        throw std::bad_alloc();
+    }
+    return {reinterpret_cast<const char*>(buffer), length};
+}
+
+}  // namespace jovu

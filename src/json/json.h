@@ -1,0 +1,71 @@
+/// @file
+/// Owners and look-ups around yajl's generator and tree parser.
+#pragma once
+
+#include <yajl/yajl_gen.h>
+#include <yajl/yajl_tree.h>
+
+#include <cstddef>
+#include <initializer_list>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace jovu {
+
+/// How deep received JSON may nest. The deepest document of the protocol has eight levels; yajl
+/// frees trees by recursion, so a device that nests without end would exhaust the stack.
+inline constexpr std::size_t kMaxJsonDepth = 64;
+
+struct TreeFree {
+    void operator()(yajl_val_s* tree) const noexcept { yajl_tree_free(tree); }
+};
+
+/// A parsed document; every node in it dies with it.
+using JsonTree = std::unique_ptr<yajl_val_s, TreeFree>;
+
+/// Parses one document.
+/// @return null when the text is not JSON or nests deeper than kMaxJsonDepth.
+JsonTree parse_json(const std::string& text);
+
+/// @return whether brackets outside of strings nest at most @p limit deep.
+bool nests_within(std::string_view text, std::size_t limit) noexcept;
+
+/// The node at a path of keys below an object.
+/// @param path at most three keys.
+/// @return null when it is absent or of another type; belongs to the tree.
+yajl_val find(yajl_val object, std::initializer_list<const char*> path, yajl_type type) noexcept;
+
+/// The text of a string node at a path.
+/// @return null when it is absent or not a string; lives as long as the tree.
+const char* find_string(yajl_val object, std::initializer_list<const char*> path) noexcept;
+
+/// The integer reading of a number node at a path: its leading whole number, clamped to 64 bits.
+std::optional<long long> find_integer(yajl_val object,
+                                      std::initializer_list<const char*> path) noexcept;
+
+/// The floating-point reading of a number node at a path.
+std::optional<double> find_double(yajl_val object,
+                                  std::initializer_list<const char*> path) noexcept;
+
+/// Owns a generator with default settings: compact output.
+class JsonGenerator {
+public:
+    /// @throws std::bad_alloc
+    JsonGenerator();
+
+    yajl_gen get() const noexcept { return generator_.get(); }
+
+    /// What has been written so far. Invalidated by further writing.
+    /// @throws std::bad_alloc when the generator has no buffer.
+    std::string_view text() const;
+
+private:
+    struct Free {
+        void operator()(yajl_gen_t* generator) const noexcept { yajl_gen_free(generator); }
+    };
+    std::unique_ptr<yajl_gen_t, Free> generator_;
+};
+
+}  // namespace jovu

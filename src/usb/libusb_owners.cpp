@@ -1,0 +1,43 @@
+#include "usb/libusb_owners.h"
+
+#include <utility>
+
+#include "base/mutex.h"
+#include "base/never_destroyed.h"
+
+namespace jovu {
+namespace {
+
+struct CurrentContext {
+    Mutex mutex;
+    std::weak_ptr<libusb_context> context JOVU_GUARDED_BY(mutex);
+};
+
+CurrentContext& current_context() {
+    static NeverDestroyed<CurrentContext> current;
+    return current.get();
+}
+
+}  // namespace
+
+Context acquire_context() {
+    CurrentContext& current = current_context();
+    const MutexLock lock(current.mutex);
+    if (Context shared = current.context.lock()) return shared;
+    libusb_context* raw = nullptr;
+    if (libusb_init(&raw) < 0) return nullptr;
+    Context created(raw, [](libusb_context* context) { libusb_exit(context); });
+    current.context = created;
+    return created;
+}
+
+DeviceList::DeviceList(Context context) noexcept
+    : context_(std::move(context)), count_(libusb_get_device_list(context_.get(), &list_)) {
+    if (count_ < 0) list_ = nullptr;
+}
+
+DeviceList::~DeviceList() {
+    if (list_ != nullptr) libusb_free_device_list(list_, 1);
+}
+
+}  // namespace jovu

@@ -1,0 +1,74 @@
+/// @file
+/// Registration of clients, which starts and stops the link.
+#include <algorithm>
+#include <thread>
+
+#include "jovu/exception.h"
+#include "usb/delivery.h"
+#include "usb/link.h"
+#include "usb/usb.h"
+#include "usb/usb_watcher.h"
+
+namespace {
+
+using jovu::Link;
+using jovu::link;
+
+/// Starting and stopping wait for the watcher, and so for every notice and delivery.
+void refuse_inside_callback(const char* message) {
+    if (jovu::delivering() || jovu::in_notice()) throw JovuException(message);
+}
+
+void start(Link& state) JOVU_REQUIRES(state.lifecycle_mutex) {
+    jovu::Context context = jovu::acquire_context();
+    if (context == nullptr) throw JovuException("Failed to initialize libusb");
+    jovu::forget_client_error();
+    state._run_device_hotplug_thread = true;
+    state._device_hotplug_thread =
+        std::thread([context] { jovu::device_status_thread_entry(context); });
+    state._libusb_ctx = std::move(context);
+}
+
+void stop(Link& state) JOVU_REQUIRES(state.lifecycle_mutex) {
+    state._run_device_hotplug_thread = false;
+    state._device_hotplug_thread.join();
+    // First, for a sender in a tight loop must not keep the link from stopping.
+    const jovu::FirstGateLock gate(state._connected_devices_mutex);
+    for (const JovuDeviceAddress address : state.addresses())
+        state.remove_device(address);
+    state._libusb_ctx.reset();
+}
+
+}  // namespace
+
+void JovuUsb::client_register(JovuUsbClient& client, jovu_usb_interface_t interface) {
+    refuse_inside_callback("Register failed - called from inside a notice or delivery.");
+    Link& state = link();
+    const jovu::MutexLock lifecycle(state.lifecycle_mutex);
+    if (!state._device_hotplug_thread.joinable()) start(state);
+    Link::Clients& clients = state._registered_clients[interface];
+    const jovu::ScopedLock<jovu::RecursiveMutex> lock(clients.mutex);
+    clients.list.push_back(&client);
+}
+
+void JovuUsb::client_unregister(JovuUsbClient& client, jovu_usb_interface_t interface) {
+    refuse_inside_callback("Unregister failed - called from inside a notice or delivery.");
+    Link& state = link();
+    const jovu::MutexLock lifecycle(state.lifecycle_mutex);
+    {
+        Link::Clients& clients = state._registered_clients[interface];
+        const jovu::ScopedLock<jovu::RecursiveMutex> lock(clients.mutex);
+        const auto found = std::find(clients.list.begin(), clients.list.end(), &client);
+        if (found != clients.list.end()) clients.list.erase(found);
+        if (!clients.list.empty()) return;
+    }
+    if (state._device_hotplug_thread.joinable()) stop(state);
+}
+
+void JovuUsb::hold_scans() noexcept {
+    ++link().scan_holds;
+}
+
+void JovuUsb::release_scans() noexcept {
+    --link().scan_holds;
+}

@@ -1,0 +1,130 @@
+#include "usb/usb_device.h"
+
+#include <algorithm>
+#include <chrono>
+#include <utility>
+
+#include "base/mutex.h"
+#include "base/never_destroyed.h"
+#include "usb/delivery.h"
+
+namespace jovu {
+namespace {
+
+std::atomic<JovuUsb::connection_t> last_connection{JovuUsb::kAnyConnection};
+
+struct Abandonment {
+    Mutex mutex;
+    std::list<AbandonedReception> list JOVU_GUARDED_BY(mutex);
+};
+
+void abandon(std::list<AbandonedReception>& what) noexcept {
+    static NeverDestroyed<Abandonment> abandonment;
+    Abandonment& all = abandonment.get();
+    const MutexLock lock(all.mutex);
+    all.list.splice(all.list.end(), what);
+}
+
+/// Throws what a failed libusb call on a device means.
+[[noreturn]] void fail(int result, const char* message) {
+    if (result == LIBUSB_ERROR_NO_DEVICE) throw DeviceGone(message);
+    throw JovuException(message);
+}
+
+}  // namespace
+
+UsbDevice::UsbDevice(Context context, std::uint16_t vendor_id, std::uint16_t product_id,
+                     JovuDeviceAddress address)
+    : context_(std::move(context)), address_(address), connection_(++last_connection), spare_(1) {
+    for (std::size_t i = 0; i < rx_transfer_.size(); ++i) {
+        rx_transfer_[i] = std::make_unique<ReceiveTransfer>(i, address);
+    }
+    open(vendor_id, product_id);
+}
+
+UsbDevice::~UsbDevice() {
+    close();
+}
+
+void UsbDevice::open(std::uint16_t vendor_id, std::uint16_t product_id) {
+    claim_device(vendor_id, product_id);
+    open_ = true;
+    for (const auto& transfer : rx_transfer_) {
+        if (transfer->submit(handle_.get())) continue;
+        open_ = false;
+        end_reception();
+        release_device();
+        return;
+    }
+}
+
+void UsbDevice::claim_device(std::uint16_t vendor_id, std::uint16_t product_id) {
+    const DeviceList list(context_);
+    if (!list) throw JovuException("Failed to get libusb device list.");
+    for (libusb_device* device : list) {
+        libusb_device_descriptor descriptor{};
+        if (libusb_get_device_descriptor(device, &descriptor) < 0) {
+            throw JovuException("Failed to get libusb device descriptor.");
+        }
+        if (descriptor.idVendor != vendor_id || descriptor.idProduct != product_id ||
+            libusb_get_bus_number(device) != address_.bus ||
+            libusb_get_device_address(device) != address_.address) {
+            continue;
+        }
+        libusb_device_handle* raw = nullptr;
+        int result = libusb_open(device, &raw);
+        if (result < 0) fail(result, "Failed to open libusb device.");
+        Handle handle(raw);
+        result = libusb_claim_interface(raw, kClaimedInterface);
+        if (result < 0) fail(result, "Failed to claim libusb device.");
+        handle_ = std::move(handle);
+        device_.reset(libusb_ref_device(device));
+        return;
+    }
+    throw DeviceGone("Failed to find desired device.");
+}
+
+void UsbDevice::release_device() noexcept {
+    if (handle_ == nullptr) return;
+    libusb_release_interface(handle_.get(), kClaimedInterface);
+    handle_.reset();
+}
+
+void UsbDevice::announce() {
+    announced_ = true;
+    notify_connected(address_);
+}
+
+bool UsbDevice::order_close() noexcept {
+    return open_ && !close_ordered_.exchange(true);
+}
+
+bool UsbDevice::reception_failed() const noexcept {
+    return std::all_of(rx_transfer_.begin(), rx_transfer_.end(),
+                       [](const auto& transfer) { return transfer && transfer->rx_failed(); });
+}
+
+void UsbDevice::close() noexcept {
+    if (handle_ == nullptr) return;
+    if (announced_) notify_disconnected(address_);
+    open_ = false;
+    end_reception();
+    release_device();
+}
+
+void UsbDevice::end_reception() noexcept {
+    const auto deadline = std::chrono::steady_clock::now() + kDrainLimit;
+    for (const auto& transfer : rx_transfer_) {
+        for (transfer->stop(); !transfer->idle(); transfer->stop()) {
+            if (std::chrono::steady_clock::now() > deadline) {
+                spare_.front() = {context_, std::move(handle_), std::move(rx_transfer_)};
+                abandon(spare_);
+                return;
+            }
+            timeval slice{0, 20000};
+            libusb_handle_events_timeout_completed(context_.get(), &slice, transfer->rx_done());
+        }
+    }
+}
+
+}  // namespace jovu
