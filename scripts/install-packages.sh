@@ -1,0 +1,71 @@
+#!/usr/bin/env bash
+# Installs the Debian packages that are missing. Does nothing, and needs no privileges, when
+# everything is there.
+#
+#   scripts/install-packages.sh demo     what building and trying the programs takes
+#   scripts/install-packages.sh test     that, and what the tests and checks take
+#   scripts/install-packages.sh --list demo|test
+set -euo pipefail
+
+demo_packages=(
+    g++ cmake ninja-build pkg-config
+    libusb-1.0-0-dev libyajl-dev zlib1g-dev   # the library
+    libcli11-dev nlohmann-json3-dev           # the jovu program
+    libumockdev-dev umockdev                  # the simulated controller
+    jq                                        # reads JSON in the demo
+)
+# clang-format and clang-tidy carry their version: another one formats and finds differently.
+test_packages=(
+    "${demo_packages[@]}"
+    libgtest-dev libgmock-dev
+    clang clang-format-14 clang-tidy-14
+)
+
+usage() { sed -n '2,/^set /s/^# \{0,1\}//p' "$0"; }
+
+list_only=false
+if [[ ${1:-} == --list ]]; then
+    list_only=true
+    shift
+fi
+case ${1:-} in
+    demo) packages=("${demo_packages[@]}") ;;
+    test) packages=("${test_packages[@]}") ;;
+    -h | --help) usage; exit 0 ;;
+    *) usage >&2; exit 2 ;;
+esac
+if "$list_only"; then
+    printf '%s\n' "${packages[@]}"
+    exit 0
+fi
+
+if ! command -v dpkg-query >/dev/null || ! command -v apt-get >/dev/null; then
+    echo "install-packages: this is not a Debian system. Install what it calls these packages:" >&2
+    echo "    ${packages[*]}" >&2
+    exit 1
+fi
+
+missing=()
+for package in "${packages[@]}"; do
+    status=$(dpkg-query -W -f='${db:Status-Status} ' "$package" 2>/dev/null) || status=
+    [[ " $status" == *" installed "* ]] || missing+=("$package")
+done
+if [[ ${#missing[@]} -eq 0 ]]; then
+    echo "all ${#packages[@]} packages are there"
+    exit 0
+fi
+
+as_root=()
+if [[ $(id -u) -ne 0 ]]; then
+    if ! command -v sudo >/dev/null; then
+        echo "install-packages: neither root nor sudo. Have an administrator run:" >&2
+        echo "    apt-get install --no-install-recommends ${missing[*]}" >&2
+        exit 1
+    fi
+    as_root=(sudo)
+fi
+
+echo "installing: ${missing[*]}"
+apt() { "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get -q -o Acquire::Retries=3 "$@"; }
+apt update
+apt install -y --no-install-recommends "${missing[@]}"

@@ -1,0 +1,95 @@
+#!/usr/bin/env bash
+# Checks the whole project: formatting, clang's and clang-tidy's findings, and the test suite as it
+# is released, under AddressSanitizer with UBSan, and under ThreadSanitizer. Installs what is
+# missing first.
+#
+#   ./test.sh                     everything
+#   ./test.sh --preset NAME       one of: format, clang, tidy, release, asan, tsan (may be repeated)
+#   ./test.sh --tests REGEX       only the tests whose names match
+#   ./test.sh --repeat N          runs each suite N times, until one fails
+#   ./test.sh --no-install        takes the packages as they are
+#   ./test.sh --help
+#
+# Prints a line a step; the full output is in build/logs. Exit status: 0 when every step passed,
+# 1 when one failed, 2 for a wrong option.
+set -euo pipefail
+cd "$(dirname "$0")"
+source scripts/steps.sh
+
+usage() { sed -n '2,/^set /s/^# \{0,1\}//p' test.sh; }
+wrong_usage() { echo "test.sh: $1 (see --help)" >&2; exit 2; }
+
+all=(format clang tidy release asan tsan)
+chosen=()
+ctest_options=()
+install=true
+while [[ $# -gt 0 ]]; do
+    case $1 in
+        --preset | --tests | --repeat) [[ $# -ge 2 ]] || wrong_usage "$1 needs a value" ;;
+    esac
+    case $1 in
+        --preset)
+            [[ " ${all[*]} " == *" $2 "* ]] || wrong_usage "unknown preset: $2"
+            chosen+=("$2"); shift 2 ;;
+        --tests) ctest_options+=(--tests-regex "$2"); shift 2 ;;
+        --repeat)
+            [[ $2 =~ ^[1-9][0-9]*$ ]] || wrong_usage "not a number of runs: $2"
+            ctest_options+=(--repeat "until-fail:$2"); shift 2 ;;
+        --no-install) install=false; shift ;;
+        -h | --help) usage; exit 0 ;;
+        *) wrong_usage "unknown option: $1" ;;
+    esac
+done
+[[ ${#chosen[@]} -gt 0 ]] || chosen=("${all[@]}")
+
+cores=$(nproc)
+# Tests mostly wait for a device or a time-out, so many more than the cores can run at once.
+test_jobs=$((cores * 4))
+test_timeout=240 # seconds; what a test without a limit of its own may take on a loaded machine
+
+# ThreadSanitizer's map of the address space does not fit every degree of randomisation that a
+# kernel may be set to, so its programs run without any. Where that is not permitted (in some
+# containers), the kernel's setting has to do.
+tsan_runner=()
+if setarch -R true 2>/dev/null; then tsan_runner=(setarch -R); fi
+
+configure() { cmake --preset "$1" -DJOVU_BUILD_TESTS=ON; }
+# PRESET RUNNER... Keeps going after an error, so that one run shows them all. The build runs test
+# programs too: it asks them for the tests that they have.
+build() { configure "$1" && "${@:2}" cmake --build "build/$1" --parallel "$cores" -- -k 0; }
+suite() {
+    "${@:2}" ctest --preset "$1" --parallel "$test_jobs" --timeout "$test_timeout" \
+        "${ctest_options[@]}"
+}
+tidy() { configure clang && scripts/check-tidy.sh build/clang; }
+
+suites=()
+build_and_test() {
+    step "$1 build" build "$@" || return 0
+    suites+=("$1")
+    step "$1 tests" suite "$@" || true
+}
+
+if "$install"; then
+    step "packages" scripts/install-packages.sh test || exit 1
+fi
+for name in "${chosen[@]}"; do
+    case $name in
+        format) step "format" scripts/check-format.sh || true ;;
+        clang) step "clang build" build clang || true ;;
+        tidy) step "tidy" tidy || true ;;
+        release | asan) build_and_test "$name" ;;
+        tsan) build_and_test "$name" "${tsan_runner[@]}" ;;
+    esac
+done
+
+for name in "${suites[@]}"; do
+    printf '\n%s:\n' "$name"
+    sed -n '/% tests passed/,$p' "$step_log_dir/$name-tests.log"
+done
+if [[ ${#step_failed[@]} -gt 0 ]]; then
+    printf -v failed '%s, ' "${step_failed[@]}"
+    echo
+    echo "test.sh: failed: ${failed%, }"
+    exit 1
+fi
