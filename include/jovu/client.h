@@ -5,6 +5,7 @@
 #include "jovu/command_interface.h"
 #include "jovu/device_address.h"
 #include "jovu/event_interface.h"
+#include "jovu/exception.h"
 #include "jovu/export.h"
 #include "jovu/job_interface.h"
 #include "jovu/transport.h"
@@ -63,7 +64,7 @@ public:
     /// Takes the client off the link for good: when it returns, no callback of this client is
     /// running (but a device_connected() or device_disconnected() that made the call) and none will
     /// follow. May be called more than once; an application calls it first in its own destructor.
-    /// Not from a handler that is called with received data.
+    /// @throws JovuException in a handler that is called with received data, having done nothing.
     void shutdown();
 
 private:

@@ -21,7 +21,9 @@ constexpr bool operator==(JovuDeviceAddress a, JovuDeviceAddress b) noexcept {
 }
 
 /// Not equal in at least one byte.
-constexpr bool operator!=(JovuDeviceAddress a, JovuDeviceAddress b) noexcept { return !(a == b); }
+constexpr bool operator!=(JovuDeviceAddress a, JovuDeviceAddress b) noexcept {
+    return !(a == b);
+}
 
 /// Hash of an address: `bus + 256 * address`, so distinct addresses never collide.
 template <>
@@ -34,6 +36,7 @@ struct std::hash<JovuDeviceAddress> {
 
 /// One device of the accepted vendor that is on the bus, whether the library opened it or not.
 struct JovuUsbDevice {
-    std::int32_t type;  ///< 1: USB product id 0x0002 (the kind that is opened); 2: 0x0003; 0: other.
+    std::int32_t
+        type;  ///< 1: USB product id 0x0002 (the kind that is opened); 2: 0x0003; 0: other.
     std::uint8_t port;  ///< USB port number that the device is plugged into.
 };

@@ -117,7 +117,7 @@ public:
     /// Takes this object off the link for good: when it returns, no callback of this object is
     /// running and none will follow. May be called more than once. A class derived from this one
     /// calls it first in its own destructor, while its overrides are still there to be called.
-    /// Not on a thread that delivers received data.
+    /// @throws JovuException on a thread that delivers received data, having done nothing.
     void shutdown();
 
 private:

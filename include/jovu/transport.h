@@ -61,7 +61,8 @@ public:
     /// handler of this object is running (but one that made the call), none will follow, requests
     /// that waited have failed, and later ones fail at once. May be called more than once. A class
     /// derived from this one calls it first in its own destructor, while its overrides and members
-    /// are still there to be used. Not on a thread that delivers received data.
+    /// are still there to be used.
+    /// @throws JovuException on a thread that delivers received data, having done nothing.
     void shutdown();
 
     /// Sends a message and, if it expects an answer, waits for it. Used by the library's own

@@ -23,6 +23,7 @@ JovuTransport::~JovuTransport() {
 }
 
 void JovuTransport::shutdown() {
+    JovuUsb::refuse_in_callback("Shutdown");
     // Senders are turned away first, so that nothing the link waits for takes an answer's time.
     state_->notices.close();
     state_->device_mutexes.close();

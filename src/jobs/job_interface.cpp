@@ -30,6 +30,7 @@ JovuJobInterface::~JovuJobInterface() {
 }
 
 void JovuJobInterface::shutdown() {
+    JovuUsb::refuse_in_callback("Shutdown");
     if (!state_->registered.exchange(false)) return;
     JovuUsb::client_unregister(*this, JovuUsb::JOVU_USB_INTERFACE_JOBS);
 }

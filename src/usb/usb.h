@@ -67,6 +67,11 @@ public:
     ///     another send or for event handling.
     static bool delivering() noexcept;
 
+    /// Starting and stopping wait for the watcher, and so for every notice and delivery.
+    /// @throws JovuException "<what> failed - called from inside a notice or delivery." if the
+    ///     calling thread is in one.
+    static void refuse_in_callback(const char* what);
+
     /// Between these two (counted) the link makes no scan and so opens no device.
     static void hold_scans() noexcept;
     static void release_scans() noexcept;

@@ -1,6 +1,7 @@
 /// @file
 /// Registration of clients, which starts and stops the link.
 #include <algorithm>
+#include <string>
 #include <thread>
 
 #include "jovu/exception.h"
@@ -13,11 +14,6 @@ namespace {
 
 using jovu::Link;
 using jovu::link;
-
-/// Starting and stopping wait for the watcher, and so for every notice and delivery.
-void refuse_inside_callback(const char* message) {
-    if (jovu::delivering() || jovu::in_notice()) throw JovuException(message);
-}
 
 void start(Link& state) JOVU_REQUIRES(state.lifecycle_mutex) {
     jovu::Context context = jovu::acquire_context();
@@ -41,8 +37,15 @@ void stop(Link& state) JOVU_REQUIRES(state.lifecycle_mutex) {
 
 }  // namespace
 
+void JovuUsb::refuse_in_callback(const char* what) {
+    if (jovu::delivering() || jovu::in_notice()) {
+        throw JovuException(std::string(what) +
+                            " failed - called from inside a notice or delivery.");
+    }
+}
+
 void JovuUsb::client_register(JovuUsbClient& client, jovu_usb_interface_t interface) {
-    refuse_inside_callback("Register failed - called from inside a notice or delivery.");
+    refuse_in_callback("Register");
     Link& state = link();
     const jovu::MutexLock lifecycle(state.lifecycle_mutex);
     if (!state._device_hotplug_thread.joinable()) start(state);
@@ -52,7 +55,7 @@ void JovuUsb::client_register(JovuUsbClient& client, jovu_usb_interface_t interf
 }
 
 void JovuUsb::client_unregister(JovuUsbClient& client, jovu_usb_interface_t interface) {
-    refuse_inside_callback("Unregister failed - called from inside a notice or delivery.");
+    refuse_in_callback("Unregister");
     Link& state = link();
     const jovu::MutexLock lifecycle(state.lifecycle_mutex);
     {

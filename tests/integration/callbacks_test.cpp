@@ -1,0 +1,170 @@
+/// @file
+/// What may be called from inside a callback, and what happens then.
+#include <gtest/gtest.h>
+
+#include <future>
+#include <thread>
+
+#include "support/recording_client.h"
+#include "support/sim_control.h"
+
+namespace {
+
+using test::eventually;
+using test::name;
+using test::plug;
+using test::RecordingClient;
+using test::sim;
+using test::text;
+
+std::string error_of(const std::function<void()>& call) {
+    try {
+        call();
+    } catch (const JovuException& error) {
+        return error.what();
+    }
+    return "";
+}
+
+constexpr const char* kBusy = "Send failed - libusb error: -6";
+
+/// While another thread is in the middle of an exchange, and while one is not: the callback's calls
+/// must come back at once either way.
+class InACallback : public testing::TestWithParam<bool> {};
+
+TEST_P(InACallback, NothingBlocks) {
+    const JovuDeviceAddress device = plug();
+    RecordingClient client;
+    std::promise<void> done;
+    std::vector<std::string> seen;
+    client.on_debug = [&](JovuDeviceAddress address, const std::string& message) {
+        if (message != "now") return;
+        client.bio_get_version(address);
+        seen.push_back(JovuTransport::last_send_error());
+        client.bio_get_version({9, 9});
+        seen.push_back(JovuTransport::last_send_error());
+        seen.push_back(error_of([&] { client.RequestStatus(address); }));
+        seen.push_back(error_of([&] { client.RequestStatus({9, 9}); }));
+        seen.push_back(std::to_string(client.list_connected().size()));
+        seen.push_back(std::to_string(client.list_attached().size()));
+        seen.push_back(error_of([&] { client.close({9, 9}); }));
+        seen.push_back(error_of([&] { client.close(address); }));
+        seen.push_back(error_of([&] { client.close(address); }));
+        seen.push_back(error_of([&] { client.RequestStatus(address); }));
+        done.set_value();
+    };
+    ASSERT_TRUE(client.wait_connected(device));
+    std::thread sender;
+    std::string sender_reason;
+    if (GetParam()) {
+        sim("fault " + name(device) + " silent");
+        sender = std::thread([&] {
+            client.gcode_process_command(device, text("G28"));
+            sender_reason = JovuTransport::last_send_error();
+        });
+        ASSERT_TRUE(eventually([&] {
+            return test::stats(device)["commands"].value("gcode_process_command", 0) == 1;
+        }));
+    }
+    const auto begin = std::chrono::steady_clock::now();
+    sim("event " + name(device) + " now");
+    ASSERT_EQ(done.get_future().wait_for(test::kPatience), std::future_status::ready);
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(5));
+    const std::vector<std::string> expected{kBusy,
+                                            "Transport Error - Device has been disconnected.",
+                                            kBusy,
+                                            "Send failed - Device no longer connected.",
+                                            "1",
+                                            "1",
+                                            "Close failed - Device no longer connected.",
+                                            "",
+                                            "Close failed - Device no longer connected.",
+                                            "Send failed - Device no longer connected."};
+    EXPECT_EQ(seen, expected);
+    EXPECT_TRUE(client.wait_disconnected(device)) << "the watcher carries the close out";
+    if (sender.joinable()) {
+        sender.join();
+        EXPECT_EQ(sender_reason, "Transport Error - No response received.");
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Exchange, InACallback, testing::Bool(), [](const auto& info) {
+    return info.param ? "WhileASenderWaits" : "Alone";
+});
+
+TEST(InAStatusCallback, SendsAreRefusedWhileAPushIsRunning) {
+    const JovuDeviceAddress device = plug();
+    RecordingClient client;
+    std::atomic<int> refused{0};
+    client.on_status = [&](JovuDeviceAddress address) {
+        if (error_of([&] { client.SendPause(address); }) == kBusy) ++refused;
+        client.list_connected();
+    };
+    ASSERT_TRUE(client.wait_connected(device));
+    // The sender holds the device lock nearly all the time, and often handles the events itself.
+    std::atomic<bool> stop{false};
+    std::thread sender([&] {
+        while (!stop)
+            client.RequestStatus(device);
+    });
+    EXPECT_TRUE(eventually([&] { return refused >= 100; }));
+    stop = true;
+    sender.join();
+}
+
+TEST(InACallbackOfOneClient, BuildingOrEndingAnotherIsRefusedNotHung) {
+    const JovuDeviceAddress device = plug();
+    auto other = std::make_unique<RecordingClient>();
+    RecordingClient client;
+    std::promise<std::vector<std::string>> told;
+    client.on_debug = [&](JovuDeviceAddress, const std::string&) {
+        told.set_value(
+            {error_of([&] { RecordingClient third; }), error_of([&] { other->shutdown(); })});
+    };
+    ASSERT_TRUE(client.wait_connected(device));
+    sim("event " + name(device) + " now");
+    auto result = told.get_future();
+    ASSERT_EQ(result.wait_for(test::kPatience), std::future_status::ready);
+    for (const std::string& error : result.get()) {
+        EXPECT_NE(error.find("called from inside"), std::string::npos) << error;
+    }
+}
+
+TEST(InAConnectCallback, CommandsWork) {
+    const JovuDeviceAddress device = plug();
+    RecordingClient client;
+    std::promise<bool> answered;
+    ASSERT_TRUE(client.wait_connected(device));
+    client.on_connected = [&](JovuDeviceAddress address) {
+        answered.set_value(client.answers(address));
+    };
+    auto result = answered.get_future();
+    sim("replug " + name(device));
+    ASSERT_EQ(result.wait_for(test::kPatience), std::future_status::ready);
+    EXPECT_TRUE(result.get());
+}
+
+TEST(AClientThatThrows, EndsTheWatcherWithItsWordsAndTheLinkCanStartAgain) {
+    const JovuDeviceAddress device = plug();
+    testing::internal::CaptureStdout();
+    {
+        RecordingClient client;
+        client.on_debug = [](JovuDeviceAddress, const std::string&) {
+            throw std::runtime_error("handler broke");
+        };
+        ASSERT_TRUE(client.wait_connected(device));
+        std::string printed;
+        sim("event " + name(device) + " now");
+        // The device is still open, and one that comes now is not seen any more.
+        plug("1:40");
+        std::this_thread::sleep_for(std::chrono::milliseconds(1200));
+        EXPECT_EQ(client.connects({1, 40}), 0U);
+    }
+    EXPECT_EQ(testing::internal::GetCapturedStdout(),
+              "Fatal error in hotplug thread - handler broke.\n");
+    RecordingClient again;
+    EXPECT_TRUE(again.wait_connected({1, 40}));
+    EXPECT_TRUE(again.answers(device));
+}
+
+}  // namespace

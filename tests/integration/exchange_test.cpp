@@ -1,0 +1,169 @@
+/// @file
+/// Commands and events over the real libusb.
+#include <gtest/gtest.h>
+
+#include <thread>
+#include <vector>
+
+#include "support/recording_client.h"
+#include "support/sim_control.h"
+
+namespace {
+
+using test::eventually;
+using test::name;
+using test::plug;
+using test::RecordingClient;
+using test::sim;
+using test::stats;
+using test::text;
+
+class Exchange : public testing::Test {
+protected:
+    void SetUp() override { ASSERT_TRUE(client.wait_connected(device)); }
+
+    void fault(const std::string& what) const { sim("fault " + name(device) + " " + what); }
+
+    JovuDeviceAddress device = plug();
+    RecordingClient client;
+};
+
+TEST_F(Exchange, CommandsAreAnsweredAndWellFormed) {
+    EXPECT_STRNE(client.bio_get_version(device).get(), "");
+    EXPECT_STRNE(client.bio_get_serial(device).get(), "");
+    EXPECT_EQ(client.gcode_process_command(device, text("G28")), 0U);
+    EXPECT_EQ(client.gcode_process_command(device, text("M117 \xC3\xA9\x80\xFF")), 0U);
+    EXPECT_NE(client.gcode_process_command(device, text("nonsense")), 0U);
+    EXPECT_EQ(JovuTransport::last_send_error(), "");
+    EXPECT_EQ(stats(device)["complaints"], 0) << "the device checks every byte of every request";
+}
+
+TEST_F(Exchange, ANullTextOrATooLongOneIsRefusedBeforeAByteIsSent) {
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(client.gcode_process_command(device, nullptr), 0U);
+    EXPECT_EQ(JovuTransport::last_send_error(), "Send failed - text argument \"command\" is null.");
+    EXPECT_EQ(client.gcode_process_command(device, text(std::string(30000, 'G'))), 0U);
+    EXPECT_NE(JovuTransport::last_send_error().find("is too long"), std::string::npos);
+    testing::internal::GetCapturedStdout();
+    EXPECT_TRUE(client.answers(device));
+    EXPECT_EQ(stats(device)["complaints"], 0);
+}
+
+TEST_F(Exchange, ThreadsTakeTurns) {
+    std::vector<std::thread> threads;
+    std::atomic<int> answered{0};
+    for (int i = 0; i < 4; ++i) {
+        threads.emplace_back([&] {
+            for (int n = 0; n < 25; ++n)
+                answered += client.answers(device) ? 1 : 0;
+        });
+    }
+    for (std::thread& thread : threads)
+        thread.join();
+    EXPECT_EQ(answered, 100);
+    EXPECT_EQ(stats(device)["complaints"], 0);
+}
+
+TEST_F(Exchange, AnUnplugEndsTheWaitAtOnceAndIsPrinted) {
+    fault("silent");
+    testing::internal::CaptureStdout();
+    std::string reason;
+    const auto begin = std::chrono::steady_clock::now();
+    std::thread waiting([&] {
+        EXPECT_EQ(client.bio_get_version(device), nullptr);
+        reason = JovuTransport::last_send_error();
+    });
+    ASSERT_TRUE(eventually([&] { return stats(device)["commands"]["bio_get_version"] == 1; }));
+    sim("unplug " + name(device));
+    waiting.join();
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(12));
+    EXPECT_EQ(reason, "Transport Error - No response received.");
+    const std::string printed = testing::internal::GetCapturedStdout();
+    EXPECT_EQ(printed.rfind("JovuMessage: ", 0), 0U) << printed;
+    EXPECT_NE(printed.find(" -- Transport Error - No response received.\n"), std::string::npos);
+}
+
+TEST_F(Exchange, ADeviceThatNeverAnswersTimesOutAndMayComeLate) {
+    fault("silent 1");
+    const auto begin = std::chrono::steady_clock::now();
+    EXPECT_EQ(client.bio_get_version(device), nullptr);
+    const auto waited = std::chrono::steady_clock::now() - begin;
+    EXPECT_GE(waited, std::chrono::milliseconds(14900));
+    EXPECT_EQ(JovuTransport::last_send_error(),
+              "Transport Error - Waiting for response to request timed out.");
+    EXPECT_TRUE(client.answers(device)) << "the link is alive";
+}
+
+TEST_F(Exchange, DamagedFramesAreDroppedAndTheLinkLives) {
+    const char* const faults[] = {"corrupt check 1", "corrupt terminator 1", "corrupt json 1",
+                                  "corrupt attrs 1", "corrupt id 1",         "corrupt truncate 1",
+                                  "deep 100000",     "garbage message 5000"};
+    for (const char* const what : faults) {
+        fault(what);
+        // The damaged answer is lost, so its sender is woken by hand: here by another device's end.
+        std::thread victim([&] { client.gcode_process_command(device, text("M105")); });
+        ASSERT_TRUE(eventually(
+            [&] { return stats(device)["commands"].value("gcode_process_command", 0) >= 1; }));
+        sim("replug " + name(device));
+        victim.join();
+        ASSERT_TRUE(eventually([&] { return client.answers(device); })) << what;
+    }
+}
+
+TEST_F(Exchange, UnaskedForDocumentsOfEveryShapeDisturbNothing) {
+    const std::string deep(20000, '[');
+    const char* const documents[] = {
+        "{}",
+        "[]",
+        "null",
+        R"({"transport":{},"data":{}})",
+        R"({"transport":[],"data":{}})",
+        R"({"transport":{"attrs":["response"]},"data":{}})",
+        R"({"transport":{"id":1},"data":{}})",
+        R"({"transport":{"attrs":{"a":1},"id":1},"data":{}})",
+        R"({"transport":{"attrs":[1,null,{}],"id":1},"data":{}})",
+        R"({"transport":{"attrs":["response"],"id":"1"},"data":{}})",
+        R"({"transport":{"attrs":["response"],"id":4000000000},"data":{"command":{}}})",
+        R"({"transport":{"attrs":["request"],"id":1e300},"data":[]})",
+        R"({"transport":{"attrs":["request"],"id":1},"data":{"command":{"name":5}}})",
+        R"({"transport":{"attrs":["request","oneway"],"id":1},"data":{"event":{"name":7}}})",
+        R"({"transport":{"attrs":["request","oneway"],"id":1},"data":{"event":{"name":"x"}}})",
+        R"({"transport":{"attrs":["request","oneway"],"id":1},)"
+        R"("data":{"event":{"name":"debug_event","args":{}}}})",
+        R"({"transport":{"attrs":["request","oneway"],"id":1},)"
+        R"("data":{"event":{"name":"debug_event","args":{"t":[72,"x"]}}}})",
+        R"({"transport":{"attrs":["request","oneway"],"id":1},)"
+        R"("data":{"event":{"name":"servo_dc_trace_event","args":{"t":{"pos":1}}}}})",
+        deep.c_str(),
+    };
+    for (const char* const document : documents) {
+        sim("frame " + name(device) + " " + document);
+    }
+    sim("event " + name(device) + " behind them");
+    EXPECT_TRUE(client.wait_text("behind them"));
+    EXPECT_EQ(client.texts().size(), 1U) << "malformed events are not told";
+    EXPECT_TRUE(client.answers(device));
+}
+
+TEST_F(Exchange, SplitAnswersAndFloodsAreRead) {
+    fault("split 1");
+    EXPECT_TRUE(client.answers(device));
+    fault("clear");
+    fault("flood message 500");
+    fault("flood job 500");
+    EXPECT_TRUE(client.answers(device));
+    sim("event " + name(device) + " after the flood");
+    EXPECT_TRUE(eventually([&] {
+        const auto texts = client.texts();
+        return !texts.empty() && texts.back() == "after the flood";
+    }));
+}
+
+TEST_F(Exchange, AStalledEndpointIsAClearErrorAndTheNextExchangeWorks) {
+    fault("status 02 EPIPE 1");
+    EXPECT_FALSE(client.answers(device));
+    EXPECT_EQ(JovuTransport::last_send_error(), "Send failed - libusb error: -9");
+    EXPECT_TRUE(client.answers(device));
+}
+
+}  // namespace

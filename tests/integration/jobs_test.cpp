@@ -1,0 +1,167 @@
+/// @file
+/// The job channel over the real libusb.
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <thread>
+
+#include "support/recording_client.h"
+#include "support/sim_control.h"
+
+namespace {
+
+using test::eventually;
+using test::name;
+using test::plug;
+using test::RecordingClient;
+using test::sim;
+using test::stats;
+
+/// A file that lives as long as the object.
+class JobFile {
+public:
+    explicit JobFile(std::size_t size) {
+        char path[] = "/tmp/jovu-job-XXXXXX";
+        ::close(::mkstemp(path));
+        path_ = path;
+        std::ofstream out(path_, std::ios::binary);
+        for (std::size_t i = 0; i < size; ++i)
+            out.put(static_cast<char>(i * 31 + i / 256));
+    }
+    ~JobFile() { ::unlink(path_.c_str()); }
+    JobFile(const JobFile&) = delete;
+    JobFile& operator=(const JobFile&) = delete;
+    const std::string& path() const { return path_; }
+
+private:
+    std::string path_;
+};
+
+void note(double percent, std::string /*job_id*/, void* user) {
+    static_cast<std::vector<double>*>(user)->push_back(percent);
+}
+
+class Jobs : public testing::Test {
+protected:
+    void SetUp() override { ASSERT_TRUE(client.wait_connected(device)); }
+
+    std::string push_error(const std::string& path, bool compressed = false) {
+        try {
+            client.SendJobFile(device, path, nullptr, nullptr, compressed);
+        } catch (const JovuException& error) {
+            return error.what();
+        }
+        return "";
+    }
+
+    JovuDeviceAddress device = plug();
+    RecordingClient client;
+};
+
+TEST_F(Jobs, PushesOfEverySizeArriveWholeAndReportProgress) {
+    const struct {
+        std::size_t size;
+        std::vector<double> progress;
+    } cases[] = {
+        {0, {0.0, 99.9, 100.0}},
+        {1, {0.0, 99.9, 100.0}},
+        {5120, {0.0, 99.9, 99.9, 100.0}},
+        {12000, {0.0, 5120 * 100.0 / 12000, 10240 * 100.0 / 12000, 99.9, 100.0}},
+    };
+    for (const auto& item : cases) {
+        const JobFile file(item.size);
+        std::vector<double> progress;
+        client.SendJobFile(device, file.path(), note, &progress, false);
+        EXPECT_EQ(progress, item.progress) << item.size;
+        ASSERT_TRUE(eventually([&] { return stats(device)["job"]["received"] == item.size; }));
+        const auto job = stats(device)["job"];
+        EXPECT_EQ(job["size"], item.size);
+        EXPECT_EQ(job["verified"], true) << job;
+        client.SendAbort(device);
+    }
+    EXPECT_EQ(stats(device)["complaints"], 0);
+}
+
+TEST_F(Jobs, AJobRunsToItsEndAndShowsInStatusReports) {
+    const JobFile file(20000);
+    client.SendJobFile(device, file.path(), nullptr, nullptr, false);
+    std::int32_t last = -1;
+    bool hot = false;
+    EXPECT_TRUE(eventually([&] {
+        const auto status = client.status(device);
+        EXPECT_GE(status.progress, last);
+        EXPECT_EQ(status.error, 0);
+        last = status.progress;
+        hot = hot || status.extruder_temperature > 50;
+        return status.progress == 100;
+    }));
+    EXPECT_TRUE(hot);
+    EXPECT_FALSE(client.statuses().back().printer.model_name.empty());
+    EXPECT_EQ(stats(device)["complaints"], 0);
+}
+
+TEST_F(Jobs, BadFilesAndDevicesAreRefusedInTheWordsOfTheLibrary) {
+    const JobFile file(10);
+    const std::string fifo = file.path() + ".fifo";
+    ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
+    EXPECT_EQ(push_error("/nonexistent/job"), "Failed to open job file.");
+    EXPECT_EQ(push_error("/nonexistent/job", true), "Failed to open job file.");
+    EXPECT_EQ(push_error("/tmp"), "Failed to open job file.");
+    EXPECT_EQ(push_error(fifo), "Failed to open job file.");
+    EXPECT_EQ(push_error(file.path(), true), "Compression not supported yet.");
+    ::unlink(fifo.c_str());
+    sim("unplug " + name(device));
+    ASSERT_TRUE(client.wait_disconnected(device));
+    EXPECT_TRUE(eventually([&] { return client.list_connected().empty(); }));
+    EXPECT_EQ(push_error(file.path()), "Send failed - Device no longer connected.");
+}
+
+TEST_F(Jobs, APushThatAnUnplugCutsOffNeverReachesTheNextDevice) {
+    const JobFile file(400000);
+    for (const unsigned offset : {1U, 64U, 5000U, 100000U}) {
+        sim("fault " + name(device) + " unplug-at 04 " + std::to_string(offset));
+        std::string error;
+        std::thread push([&] { error = push_error(file.path()); });
+        ASSERT_TRUE(eventually([] {
+            try {
+                return sim("list").empty();
+            } catch (const std::runtime_error&) {
+                return false;
+            }
+        }));
+        plug(name(device));
+        push.join();
+        EXPECT_EQ(error.rfind("Send failed - ", 0), 0U) << error;
+        ASSERT_TRUE(eventually([&] { return client.answers(device); }));
+        EXPECT_EQ(stats(device)["job"]["received"], 0) << "cut at " << offset;
+        EXPECT_EQ(stats(device)["complaints"], 0);
+    }
+}
+
+TEST_F(Jobs, AStatusRequestSurvivesWhateverTheDeviceSends) {
+    const std::string place = name(device);
+    const char* const noise[] = {
+        "}",                                               // dropped
+        "{\"metadata\":{\"type\":\"other\"}}",             // told, not decoded
+        "{\"metadata\":{\"type\":7}}",                     // likewise
+        "{\"metadata\":{\"type\":\"status\"},\"job\":3}",  // decoded: an empty report
+        "not json {}",
+    };
+    for (const char* const bytes : noise) {
+        std::string hex;
+        for (const char* c = bytes; *c != '\0'; ++c) {
+            char digits[3];
+            std::snprintf(digits, sizeof digits, "%02x", static_cast<unsigned char>(*c));
+            hex += digits;
+        }
+        sim("send " + place + " job " + hex);
+    }
+    ASSERT_TRUE(eventually([&] { return client.job_texts().size() == 4; }));
+    EXPECT_EQ(client.job_texts().back(), "not json {}");
+    EXPECT_EQ(client.statuses().size(), 1U);
+    EXPECT_FALSE(client.status(device).printer.model_name.empty());
+}
+
+}  // namespace

@@ -1,0 +1,154 @@
+/// @file
+/// Clients that begin and end while everything else goes on.
+#include <gtest/gtest.h>
+
+#include <future>
+#include <thread>
+
+#include "support/recording_client.h"
+#include "support/sim_control.h"
+
+namespace {
+
+using test::eventually;
+using test::name;
+using test::plug;
+using test::RecordingClient;
+using test::sim;
+using test::text;
+
+TEST(Lifetime, AClientEndsInTheMiddleOfAFlood) {
+    const JovuDeviceAddress device = plug();
+    for (int i = 0; i < 10; ++i) {
+        RecordingClient client;
+        ASSERT_TRUE(client.wait_connected(device));
+        sim("fault " + name(device) + " flood message 300");
+        sim("fault " + name(device) + " flood job 300");
+        ASSERT_TRUE(eventually([&] { return !client.texts().empty(); }));
+    }
+}
+
+TEST(Lifetime, AClientEndsWhileSendersAreAtWork) {
+    const JovuDeviceAddress device = plug();
+    for (int i = 0; i < 5; ++i) {
+        RecordingClient client;
+        RecordingClient other;
+        ASSERT_TRUE(client.wait_connected(device));
+        std::atomic<bool> stop{false};
+        std::thread commands([&] {
+            while (!stop)
+                client.bio_get_version(device);
+        });
+        std::thread requests([&] {
+            while (!stop) {
+                try {
+                    other.RequestStatus(device);
+                } catch (const JovuException&) {
+                    // The link is down once the last client of an interface has gone.
+                    std::this_thread::yield();
+                }
+            }
+        });
+        ASSERT_TRUE(eventually([&] { return !other.statuses().empty(); }));
+        client.shutdown();
+        EXPECT_EQ(client.bio_get_version(device), nullptr) << "off the link";
+        other.shutdown();
+        stop = true;
+        commands.join();
+        requests.join();
+    }
+}
+
+TEST(Lifetime, AWaitingRequestIsWokenByTheEndOfItsClient) {
+    const JovuDeviceAddress device = plug();
+    RecordingClient client;
+    ASSERT_TRUE(client.wait_connected(device));
+    sim("fault " + name(device) + " silent");
+    std::thread waiting([&] { EXPECT_EQ(client.bio_get_version(device), nullptr); });
+    ASSERT_TRUE(eventually(
+        [&] { return test::stats(device)["commands"].value("bio_get_version", 0) == 1; }));
+    const auto begin = std::chrono::steady_clock::now();
+    client.shutdown();
+    waiting.join();
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(10));
+}
+
+/// The members of this class are gone when the library's destructor runs: only an early shutdown
+/// keeps a notification thread away from them.
+TEST(Lifetime, AClientEndsWhileANotificationRuns) {
+    const JovuDeviceAddress device = plug();
+    for (int i = 0; i < 5; ++i) {
+        std::atomic<bool> inside{false};
+        std::atomic<bool> left{false};
+        {
+            RecordingClient client;
+            ASSERT_TRUE(client.wait_connected(device));
+            client.on_connected = [&](JovuDeviceAddress) {
+                inside = true;
+                std::this_thread::sleep_for(std::chrono::milliseconds(30));
+                left = true;
+            };
+            sim("replug " + name(device));
+            ASSERT_TRUE(eventually([&] { return inside.load(); }));
+        }
+        EXPECT_TRUE(left) << "the destructor waits for the notification";
+    }
+}
+
+TEST(Lifetime, AClientMayEndOnItsOwnNotificationThread) {
+    const JovuDeviceAddress device = plug();
+    auto client = std::make_unique<RecordingClient>();
+    std::promise<void> ended;
+    client->on_disconnected = [&](JovuDeviceAddress) {
+        client->shutdown();
+        ended.set_value();
+    };
+    ASSERT_TRUE(client->wait_connected(device));
+    sim("unplug " + name(device));
+    ASSERT_EQ(ended.get_future().wait_for(test::kPatience), std::future_status::ready);
+    client.reset();
+}
+
+TEST(Lifetime, ListingGoesOnWhileTheLinkStartsAndStops) {
+    plug();
+    plug("1:9 product=0003");
+    std::atomic<bool> stop{false};
+    std::atomic<int> listed{0};
+    std::thread lister([&] {
+        // A bare transport is enough to ask.
+        struct Bare : JovuTransport {
+            void device_connected(JovuDeviceAddress) override {}
+            void device_disconnected(JovuDeviceAddress) override {}
+        } bare;
+        bare.shutdown();
+        while (!stop) {
+            EXPECT_EQ(bare.list_attached().size(), 2U);
+            bare.list_connected();
+            ++listed;
+        }
+    });
+    for (int i = 0; i < 30; ++i)
+        RecordingClient client;
+    stop = true;
+    lister.join();
+    EXPECT_GT(listed, 0);
+}
+
+TEST(Lifetime, TheLastClientOfOneInterfaceTakesTheLinkDownForAll) {
+    const JovuDeviceAddress device = plug();
+    RecordingClient client;
+    ASSERT_TRUE(client.wait_connected(device));
+    {
+        JovuJobInterface jobs;
+        EXPECT_TRUE(client.answers(device)) << "another job client changes nothing";
+    }
+    EXPECT_TRUE(client.answers(device));
+    client.JovuJobInterface::shutdown();
+    EXPECT_TRUE(client.wait_disconnected(device));
+    EXPECT_TRUE(client.list_connected().empty());
+    const JovuJobInterface jobs;
+    EXPECT_TRUE(client.wait_connected(device, 2)) << "a new registration starts the link again";
+    EXPECT_TRUE(client.answers(device));
+}
+
+}  // namespace

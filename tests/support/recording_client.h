@@ -1,0 +1,115 @@
+/// @file
+/// A client that notes down what it is told.
+#pragma once
+
+#include <functional>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "jovu/client.h"
+#include "support/wait.h"
+
+namespace test {
+
+class RecordingClient : public JovuClient {
+public:
+    explicit RecordingClient(const JovuScanHold& = JovuScanHold()) {}
+    ~RecordingClient() override { shutdown(); }
+
+    /// Called, if set, inside the callback of that name. To be set before devices are there.
+    std::function<void(JovuDeviceAddress)> on_connected;
+    std::function<void(JovuDeviceAddress)> on_disconnected;
+    std::function<void(JovuDeviceAddress, const std::string&)> on_debug;
+    std::function<void(JovuDeviceAddress)> on_status;
+
+    std::size_t connects(JovuDeviceAddress address) const { return count(connected_, address); }
+    std::size_t disconnects(JovuDeviceAddress address) const {
+        return count(disconnected_, address);
+    }
+    std::vector<std::string> texts() const { return copy(texts_); }
+    std::vector<StatusMsg> statuses() const { return copy(statuses_); }
+    std::vector<std::string> job_texts() const { return copy(job_texts_); }
+
+    bool wait_connected(JovuDeviceAddress address, std::size_t times = 1) const {
+        return eventually([&] { return connects(address) >= times; });
+    }
+    bool wait_disconnected(JovuDeviceAddress address, std::size_t times = 1) const {
+        return eventually([&] { return disconnects(address) >= times; });
+    }
+    bool wait_text(const std::string& text) const {
+        return eventually([&] {
+            const auto seen = texts();
+            return !seen.empty() && seen.back() == text;
+        });
+    }
+
+    /// Asks for a status report and waits for it.
+    StatusMsg status(JovuDeviceAddress address) {
+        const std::size_t before = statuses().size();
+        RequestStatus(address);
+        if (!eventually([&] { return statuses().size() > before; })) return {};
+        return statuses().back();
+    }
+
+    /// @return whether an exchange with the device works now.
+    bool answers(JovuDeviceAddress address) {
+        return bio_get_version(address) != nullptr && last_send_error().empty();
+    }
+
+    void device_connected(JovuDeviceAddress address) override {
+        if (on_connected) on_connected(address);
+        add(connected_, address);
+    }
+    void device_disconnected(JovuDeviceAddress address) override {
+        if (on_disconnected) on_disconnected(address);
+        add(disconnected_, address);
+    }
+    void debug_event(JovuDeviceAddress address, std::shared_ptr<char> text) override {
+        const std::string copy = text == nullptr ? "" : text.get();
+        if (on_debug) on_debug(address, copy);
+        add(texts_, copy);
+    }
+    void StatusReceived(JovuDeviceAddress address, StatusMsg status) override {
+        if (on_status) on_status(address);
+        add(statuses_, std::move(status));
+    }
+    void JobDataReceived(JovuDeviceAddress /*address*/, const unsigned char* text,
+                         unsigned int length) override {
+        add(job_texts_, std::string(reinterpret_cast<const char*>(text), length));
+    }
+
+private:
+    template <class T, class U>
+    void add(std::vector<T>& list, U&& value) {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        list.push_back(std::forward<U>(value));
+    }
+    template <class T>
+    std::vector<T> copy(const std::vector<T>& list) const {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        return list;
+    }
+    std::size_t count(const std::vector<JovuDeviceAddress>& list, JovuDeviceAddress address) const {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        std::size_t found = 0;
+        for (const JovuDeviceAddress entry : list)
+            found += entry == address ? 1 : 0;
+        return found;
+    }
+
+    mutable std::mutex mutex_;
+    std::vector<JovuDeviceAddress> connected_;
+    std::vector<JovuDeviceAddress> disconnected_;
+    std::vector<std::string> texts_;
+    std::vector<StatusMsg> statuses_;
+    std::vector<std::string> job_texts_;
+};
+
+/// A text as the commands take it.
+inline std::shared_ptr<char> text(const std::string& value) {
+    auto owner = std::make_shared<std::string>(value);
+    return {owner, owner->data()};
+}
+
+}  // namespace test

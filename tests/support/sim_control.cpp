@@ -1,0 +1,69 @@
+#include "support/sim_control.h"
+
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <stdexcept>
+
+namespace test {
+namespace {
+
+class Socket {
+public:
+    Socket() : descriptor_(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {}
+    ~Socket() { ::close(descriptor_); }
+    Socket(const Socket&) = delete;
+    Socket& operator=(const Socket&) = delete;
+    int get() const noexcept { return descriptor_; }
+
+private:
+    int descriptor_;
+};
+
+}  // namespace
+
+std::string sim(const std::string& request) {
+    const char* const path = std::getenv("JOVU_SIM_CONTROL");
+    if (path == nullptr) throw std::runtime_error("not running under jovu-sim");
+    const Socket socket;
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::strncpy(address.sun_path, path, sizeof address.sun_path - 1);
+    if (::connect(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
+        throw std::runtime_error(std::string("cannot reach jovu-sim at ") + path);
+    }
+    const std::string line = request + "\n";
+    if (::send(socket.get(), line.data(), line.size(), MSG_NOSIGNAL) !=
+        static_cast<ssize_t>(line.size())) {
+        throw std::runtime_error("jovu-sim does not take a request");
+    }
+    std::string reply;
+    for (char c = 0; ::read(socket.get(), &c, 1) == 1 && c != '\n';)
+        reply += c;
+    if (reply.rfind("ok", 0) != 0) throw std::runtime_error(request + ": " + reply);
+    return reply.size() > 3 ? reply.substr(3) : std::string();
+}
+
+JovuDeviceAddress plug(const std::string& what) {
+    const std::string place = sim(what.empty() ? "plug" : "plug " + what);
+    unsigned bus = 0;
+    unsigned address = 0;
+    if (std::sscanf(place.c_str(), "%u:%u", &bus, &address) != 2) {
+        throw std::runtime_error("plug: " + place);
+    }
+    return {static_cast<std::uint8_t>(bus), static_cast<std::uint8_t>(address)};
+}
+
+std::string name(JovuDeviceAddress address) {
+    return std::to_string(address.bus) + ":" + std::to_string(address.address);
+}
+
+nlohmann::json stats(JovuDeviceAddress address) {
+    return nlohmann::json::parse(sim("stats " + name(address)));
+}
+
+}  // namespace test
