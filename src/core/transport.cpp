@@ -110,8 +110,8 @@ std::shared_ptr<JovuMessage> JovuTransport::parse_message(yajl_val_s* transport,
     const auto id = jovu::find_integer(transport, {"id"});
     if (!id) throw JovuException("Transport failed to supply id.");
     unsigned flags = 0;
-    for (std::size_t i = 0; i < YAJL_GET_ARRAY(words)->len; ++i) {
-        const char* const word = YAJL_GET_STRING(YAJL_GET_ARRAY(words)->values[i]);
+    for (std::size_t i = 0; i < words->u.array.len; ++i) {
+        const char* const word = YAJL_GET_STRING(words->u.array.values[i]);
         if (word != nullptr) flags |= jovu::attribute_bit(word);
     }
     return JovuMessage::elevate(JovuMessage(*this, flags, static_cast<unsigned>(*id), data));

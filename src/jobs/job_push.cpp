@@ -28,6 +28,7 @@ constexpr uLong kAdlerSeed = 0;
 constexpr double kMaxPartialPercent = 99.9;
 
 struct FileClose {
+    // NOLINTNEXTLINE(cppcoreguidelines-owning-memory): this is the owner.
     void operator()(std::FILE* file) const noexcept { std::fclose(file); }
 };
 using File = std::unique_ptr<std::FILE, FileClose>;

@@ -7,10 +7,10 @@ namespace jovu {
 
 std::shared_ptr<char> read_byte_text(yajl_val array) {
     if (!YAJL_IS_ARRAY(array)) return nullptr;
-    const std::size_t length = YAJL_GET_ARRAY(array)->len;
+    const std::size_t length = array->u.array.len;
     auto text = std::make_shared<std::vector<char>>(length + 1, '\0');
     for (std::size_t i = 0; i < length; ++i) {
-        const yajl_val element = YAJL_GET_ARRAY(array)->values[i];
+        const yajl_val element = array->u.array.values[i];
         if (!YAJL_IS_NUMBER(element)) return nullptr;
         (*text)[i] = static_cast<char>(YAJL_GET_INTEGER(element));
     }

@@ -1,6 +1,6 @@
 #include "json/numeric_locale.h"
 
-#include <locale.h>
+#include <clocale>
 
 namespace jovu {
 namespace {
