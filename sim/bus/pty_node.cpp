@@ -1,0 +1,87 @@
+#include "bus/pty_node.h"
+
+#include <fcntl.h>
+#include <sys/ioctl.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <termios.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <climits>
+#include <csignal>
+#include <cstdlib>
+#include <system_error>
+
+namespace jovusim {
+
+namespace {
+
+[[noreturn]] void fail(const char* what) {
+    throw std::system_error(errno, std::generic_category(), what);
+}
+
+/// The keeper's whole life, between fork and death: only calls that are safe there.
+[[noreturn]] void keep_session(int slave, pid_t parent) {
+    ::setsid();
+    ::ioctl(slave, TIOCSCTTY, 0);
+    ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+    if (::getppid() != parent) ::_exit(0);
+    // The last one closed tells the parent that the session stands.
+    ::close_range(0, UINT_MAX, 0);
+    for (;;)
+        ::pause();
+}
+
+}  // namespace
+
+PtyNode::PtyNode() {
+    master_.reset(::posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC));
+    if (!master_ || ::grantpt(master_.get()) != 0 || ::unlockpt(master_.get()) != 0) {
+        fail("cannot make a pseudo-terminal");
+    }
+    std::array<char, 64> name{};
+    if (::ptsname_r(master_.get(), name.data(), name.size()) != 0) fail("ptsname");
+    path_ = name.data();
+    slave_.reset(::open(path_.c_str(), O_RDWR | O_NOCTTY | O_CLOEXEC));
+    if (!slave_) fail("cannot open a pseudo-terminal");
+    start_keeper();
+    set_writable(false);
+}
+
+void PtyNode::start_keeper() {
+    std::array<int, 2> ends{};
+    if (::pipe2(ends.data(), O_CLOEXEC) != 0) fail("pipe");
+    UniqueFd reader(ends[0]);
+    UniqueFd writer(ends[1]);
+    const pid_t parent = ::getpid();
+    keeper_ = ::fork();
+    if (keeper_ < 0) fail("fork");
+    if (keeper_ == 0) keep_session(slave_.get(), parent);
+    writer.reset();
+    char nothing;
+    while (::read(reader.get(), &nothing, 1) < 0 && errno == EINTR) {
+    }
+}
+
+PtyNode::~PtyNode() {
+    hang_up();
+    if (keeper_ > 0) {
+        ::kill(keeper_, SIGKILL);
+        while (::waitpid(keeper_, nullptr, 0) < 0 && errno == EINTR) {
+        }
+    }
+}
+
+void PtyNode::set_writable(bool writable) {
+    if (writable == writable_ || !master_) return;
+    writable_ = writable;
+    ::tcflow(slave_.get(), writable ? TCOON : TCOOFF);
+}
+
+void PtyNode::hang_up() {
+    master_.reset();
+}
+
+}  // namespace jovusim

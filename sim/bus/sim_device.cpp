@@ -1,0 +1,209 @@
+#include "bus/sim_device.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <utility>
+
+#include "bus/clock.h"
+
+namespace jovusim {
+
+SimDevice::SimDevice(BusAddress address, std::unique_ptr<Controller> controller,
+                     std::function<void()> wake)
+    : address_(address),
+      wake_(std::move(wake)),
+      controller_(std::move(controller)),
+      engine_(*controller_, faults_) {
+    node_path_ = node_.path();
+}
+
+SimDevice::~SimDevice() {
+    unplug();
+}
+
+ClientId SimDevice::open() {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    const ClientId client = next_client_++;
+    clients_.insert(client);
+    ++counters_.opens;
+    return client;
+}
+
+void SimDevice::close(ClientId client) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    engine_.forget(client);
+    for (auto it = claims_.begin(); it != claims_.end();) {
+        it = it->second == client ? claims_.erase(it) : std::next(it);
+    }
+    clients_.erase(client);
+    // What nobody has read is not for the next program.
+    if (clients_.empty()) controller_->host_left();
+    settle(now_ms());
+}
+
+int SimDevice::claim(ClientId client, unsigned interface) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    if (unplugged_) return ENODEV;
+    if (const int error = faults_.take(BusFault::claim, 0)) {
+        ++counters_.refused_claims;
+        return error;
+    }
+    if (interface >= identity().interfaces.size()) return ENOENT;
+    const int error = claim_locked(client, interface);
+    ++(error == 0 ? counters_.claims : counters_.refused_claims);
+    return error;
+}
+
+int SimDevice::claim_locked(ClientId client, std::size_t interface) {
+    const auto [entry, inserted] = claims_.emplace(interface, client);
+    return entry->second == client ? 0 : EBUSY;
+}
+
+int SimDevice::release(ClientId client, unsigned interface) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    if (unplugged_) return ENODEV;
+    const auto found = claims_.find(interface);
+    if (found == claims_.end() || found->second != client) return EINVAL;
+    claims_.erase(found);
+    engine_.discard_interface(client, interface);
+    ++counters_.releases;
+    settle(now_ms());
+    return 0;
+}
+
+int SimDevice::submit(Urb urb) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    if (unplugged_) return ENODEV;
+    if (!urb.control) {
+        const auto interface = engine_.interface_of(urb.endpoint);
+        if (!interface) return ENOENT;
+        // Like the kernel: the first use of an endpoint claims its interface.
+        if (claims_.count(*interface) == 0) ++counters_.implicit_claims;
+        if (const int error = claim_locked(urb.client, *interface)) return error;
+    }
+    const Millis now = now_ms();
+    if (const int error = engine_.submit(std::move(urb), now)) return error;
+    if (engine_.wants_unplug()) unplug_locked();
+    settle(now);
+    return 0;
+}
+
+int SimDevice::discard(ClientId client, std::uint64_t handle) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    if (unplugged_) return ENODEV;
+    const int error = engine_.discard(client, handle);
+    settle(now_ms());
+    return error;
+}
+
+int SimDevice::reap(ClientId client, std::optional<Urb>& urb) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    ++counters_.reaps;
+    urb = engine_.reap(client);
+    if (urb) {
+        settle(now_ms());
+        return 0;
+    }
+    if (unplugged_) return ENODEV;
+    ++counters_.eagains;
+    return EAGAIN;
+}
+
+int SimDevice::check_present() {
+    return unplugged_ ? ENODEV : 0;
+}
+
+void SimDevice::count_ioctl() {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    ++counters_.ioctls;
+}
+
+void SimDevice::unplug() {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    unplug_locked();
+}
+
+void SimDevice::unplug_locked() {
+    if (unplugged_) return;
+    unplugged_ = true;
+    engine_.shut_down(-ESHUTDOWN);
+    // Only the hang-up makes libusb look: it reaps what ended above and then sees ENODEV.
+    node_.hang_up();
+    wake_();
+}
+
+/// To be called, under the lock, after everything that can finish a transfer or make output.
+void SimDevice::settle(Millis now) {
+    if (unplugged_) return;
+    node_.set_writable(engine_.has_finished());
+    const auto due = controller_->next_due();
+    if (due != announced_due_) {
+        announced_due_ = due;
+        if (due && *due > now) wake_();
+    }
+}
+
+void SimDevice::tick() {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    const Millis now = now_ms();
+    engine_.pump(now);
+    settle(now);
+}
+
+std::optional<Millis> SimDevice::next_due() {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    if (unplugged_) return std::nullopt;
+    const auto due = controller_->next_due();
+    // What is due and still here waits for a transfer, not for the clock.
+    if (!due || *due <= now_ms()) return std::nullopt;
+    return due;
+}
+
+void SimDevice::with_controller(const std::function<void(Controller&, Millis)>& work) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    const Millis now = now_ms();
+    work(*controller_, now);
+    engine_.pump(now);
+    settle(now);
+}
+
+void SimDevice::with_faults(const std::function<void(FaultBoard&)>& work) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    work(faults_);
+}
+
+std::size_t SimDevice::open_clients() {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    return clients_.size();
+}
+
+Json SimDevice::stats() {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    Json out = {{"address", address_.to_string()},
+                {"clients", clients_.size()},
+                {"opens", counters_.opens},
+                {"ioctls", counters_.ioctls},
+                {"reaps", counters_.reaps},
+                {"eagains", counters_.eagains},
+                {"claims", counters_.claims},
+                {"implicit_claims", counters_.implicit_claims},
+                {"refused_claims", counters_.refused_claims},
+                {"releases", counters_.releases},
+                {"endpoints", engine_.stats()}};
+    out.update(controller_->stats(now_ms()));
+    return out;
+}
+
+void SimDevice::print_complaints() {
+    std::vector<std::string> sentences;
+    {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        sentences = controller_->take_complaints();
+    }
+    for (const std::string& sentence : sentences) {
+        std::fprintf(stderr, "jovu-sim: device %s: %s\n", address_.to_string().c_str(),
+                     sentence.c_str());
+    }
+}
+
+}  // namespace jovusim

@@ -1,0 +1,118 @@
+/// @file
+/// One simulated device on the bus.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <set>
+#include <string>
+
+#include "bus/bus_address.h"
+#include "bus/fault_board.h"
+#include "bus/pty_node.h"
+#include "bus/urb_engine.h"
+#include "firmware/controller.h"
+
+namespace jovusim {
+
+/// A device node with everything behind it: who has it open, what is claimed, the transfers in
+/// flight, the function. This is where threads meet: ioctls come on the testbed's worker thread,
+/// control requests and the clock on the main thread. One lock guards all of it; no other lock is
+/// taken under it, and nothing under it blocks.
+///
+/// Made and destroyed on the main thread, or destroyed with its last client on the worker.
+class SimDevice {
+public:
+    /// @param wake called, under the lock, when the main thread should look at next_due() or
+    ///             wants_unplug(); must not block
+    SimDevice(BusAddress address, std::unique_ptr<Controller> controller,
+              std::function<void()> wake);
+    SimDevice(const SimDevice&) = delete;
+    SimDevice& operator=(const SimDevice&) = delete;
+    ~SimDevice();
+
+    BusAddress address() const { return address_; }
+    const UsbIdentity& identity() const { return controller_->identity(); }
+    const std::string& node_path() const { return node_path_; }
+
+    /// @name What an open file of the node does. Each returns 0 or the errno of the failed ioctl.
+    /// After an unplug all but reap() and close() fail with ENODEV.
+    /// @{
+    ClientId open();
+    void close(ClientId client);
+    int claim(ClientId client, unsigned interface);
+    int release(ClientId client, unsigned interface);
+    int submit(Urb urb);
+    int discard(ClientId client, std::uint64_t handle);
+    /// @returns 0 with the transfer in urb, EAGAIN, or ENODEV when the device is gone and nothing
+    ///     finished is left
+    int reap(ClientId client, std::optional<Urb>& urb);
+    /// 0 or ENODEV: for what needs nothing but the device's presence.
+    int check_present();
+    /// @}
+
+    /// Counts an ioctl of any kind.
+    void count_ioctl();
+
+    /// Takes the device off the bus: transfers in flight end, the node hangs up. Can be called
+    /// again.
+    void unplug();
+    bool unplugged() const { return unplugged_; }
+
+    /// @name Main thread
+    /// @{
+    /// Hands over what has become due.
+    void tick();
+    std::optional<Millis> next_due();
+
+    /// Runs something on the controller under the lock, and hands over what came of it.
+    void with_controller(const std::function<void(Controller&, Millis)>& work);
+
+    /// Runs something on the faults under the lock.
+    void with_faults(const std::function<void(FaultBoard&)>& work);
+
+    std::size_t open_clients();
+    Json stats();
+    /// @}
+
+    /// Prints what the firmware complains about. Any thread, without the lock.
+    void print_complaints();
+
+private:
+    void settle(Millis now);
+    void unplug_locked();
+    int claim_locked(ClientId client, std::size_t interface);
+
+    const BusAddress address_;
+    const std::function<void()> wake_;
+    std::string node_path_;
+    std::atomic<bool> unplugged_{false};
+
+    std::mutex mutex_;  // guards everything below
+    std::unique_ptr<Controller> controller_;
+    FaultBoard faults_;
+    UrbEngine engine_;
+    PtyNode node_;
+    std::set<ClientId> clients_;
+    std::map<std::size_t, ClientId> claims_;
+    ClientId next_client_ = 1;
+    std::optional<Millis> announced_due_;
+
+    struct Counters {
+        std::uint64_t ioctls = 0;
+        std::uint64_t reaps = 0;
+        std::uint64_t eagains = 0;
+        std::uint64_t opens = 0;
+        std::uint64_t claims = 0;
+        std::uint64_t implicit_claims = 0;
+        std::uint64_t refused_claims = 0;
+        std::uint64_t releases = 0;
+    } counters_;
+};
+
+}  // namespace jovusim

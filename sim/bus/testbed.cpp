@@ -1,0 +1,201 @@
+#include "bus/testbed.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <stdexcept>
+#include <utility>
+
+#include "bus/clock.h"
+#include "bus/descriptors.h"
+
+namespace jovusim {
+
+namespace {
+
+constexpr std::uint8_t kFirstBus = 1;
+
+/// The path of a socket in the testbed has to fit into sockaddr_un: with a longer directory for
+/// temporary files the usual one is taken.
+constexpr std::size_t kLongestTemporary = 32;
+
+std::string temporary_directory() {
+    const char* const chosen = std::getenv("TMPDIR");
+    if (chosen == nullptr || *chosen != '/') return "/tmp";
+    const std::string path = chosen;
+    return path.size() <= kLongestTemporary && std::filesystem::is_directory(path) ? path : "/tmp";
+}
+
+std::string serial_of(BusAddress address) {
+    char serial[16];
+    std::snprintf(serial, sizeof serial, "JVS%03u%03u", unsigned{address.bus},
+                  unsigned{address.address});
+    return serial;
+}
+
+/// The testbed makes its directory where TMPDIR says; the child's TMPDIR stays as it was.
+class TemporaryEnvironment {
+public:
+    explicit TemporaryEnvironment(const std::string& directory) {
+        if (const char* old = std::getenv("TMPDIR")) old_ = old;
+        ::setenv("TMPDIR", directory.c_str(), 1);
+    }
+    TemporaryEnvironment(const TemporaryEnvironment&) = delete;
+    TemporaryEnvironment& operator=(const TemporaryEnvironment&) = delete;
+    ~TemporaryEnvironment() {
+        if (old_) {
+            ::setenv("TMPDIR", old_->c_str(), 1);
+        } else {
+            ::unsetenv("TMPDIR");
+        }
+    }
+
+private:
+    std::optional<std::string> old_;
+};
+
+}  // namespace
+
+Testbed::Testbed(double pace, std::function<void()> wake) : pace_(pace), wake_(std::move(wake)) {
+    if (umockdev_in_mock_environment() != FALSE) {
+        throw std::runtime_error("this program runs on a simulated bus itself");
+    }
+    const std::string temporary = temporary_directory();
+    remove_stale_testbeds(temporary);
+    {
+        const TemporaryEnvironment environment(temporary);
+        testbed_.reset(umockdev_testbed_new());
+    }
+    const std::unique_ptr<gchar, decltype(&g_free)> root(
+        umockdev_testbed_get_root_dir(testbed_.get()), g_free);
+    root_ = root.get();
+    ownership_.emplace(root_);
+    uevents_.emplace(root_);
+}
+
+Testbed::~Testbed() {
+    while (!devices_.empty())
+        unplug(devices_.begin()->first);
+    // Removes the directory and ends the worker thread.
+    testbed_.reset();
+}
+
+BusAddress Testbed::free_address() {
+    for (int tries = 0; tries < kMaxBusAddress; ++tries) {
+        last_address_ = static_cast<std::uint8_t>(last_address_ % kMaxBusAddress + 1);
+        const BusAddress address{kFirstBus, last_address_};
+        if (devices_.count(address) == 0) return address;
+    }
+    throw std::runtime_error("no address is free on bus 1");
+}
+
+BusAddress Testbed::plug(std::optional<BusAddress> wanted, std::uint16_t product) {
+    const BusAddress address = wanted ? *wanted : free_address();
+    if (devices_.count(address) != 0) {
+        throw std::runtime_error("a device is plugged in at " + address.to_string());
+    }
+    auto device = std::make_shared<SimDevice>(
+        address, std::make_unique<Controller>(serial_of(address), product, pace_), wake_);
+    auto& node = nodes_[address];
+    if (!node) node = std::make_unique<UsbfsNode>(testbed_.get(), address.node());
+    node->set_device(device);
+    make_node(*device);
+    GError* error = nullptr;
+    const std::string record = testbed_record(device->identity(), address);
+    if (umockdev_testbed_add_from_string(testbed_.get(), record.c_str(), &error) == FALSE) {
+        const std::string reason = error != nullptr ? error->message : "no reason given";
+        g_clear_error(&error);
+        node->set_device(nullptr);
+        remove_node(address);
+        throw std::runtime_error("cannot add a device at " + address.to_string() + ": " + reason);
+    }
+    devices_[address] = std::move(device);
+    // Only now, with everything in place: a program may look as soon as it hears of it.
+    uevents_->send("add", address);
+    return address;
+}
+
+void Testbed::unplug(BusAddress address) {
+    const std::shared_ptr<SimDevice> device = at(address);
+    remove_node(address);
+    device->unplug();
+    put_away(address);
+}
+
+void Testbed::replug(BusAddress address) {
+    const std::uint16_t product = at(address)->identity().product;
+    unplug(address);
+    plug(address, product);
+}
+
+/// What is left to do when a device has gone: the opposite order of plug(). The message comes last,
+/// so that a program which has begun to look cannot miss it and still find the device.
+void Testbed::put_away(BusAddress address) {
+    nodes_.at(address)->set_device(nullptr);
+    devices_.erase(address);
+    umockdev_testbed_remove_device(testbed_.get(), ("/sys" + address.device_path()).c_str());
+    uevents_->send("remove", address);
+}
+
+std::shared_ptr<SimDevice> Testbed::at(BusAddress address) {
+    const auto found = devices_.find(address);
+    if (found == devices_.end()) {
+        throw std::out_of_range("no device at " + address.to_string());
+    }
+    return found->second;
+}
+
+std::vector<std::shared_ptr<SimDevice>> Testbed::devices() const {
+    std::vector<std::shared_ptr<SimDevice>> all;
+    for (const auto& [address, device] : devices_)
+        all.push_back(device);
+    return all;
+}
+
+void Testbed::make_node(const SimDevice& device) {
+    const std::filesystem::path path = root_ + device.address().node();
+    std::filesystem::create_directories(path.parent_path());
+    std::filesystem::create_symlink(device.node_path(), path);
+}
+
+void Testbed::remove_node(BusAddress address) {
+    std::filesystem::remove(root_ + address.node());
+}
+
+void Testbed::block_open(BusAddress address, bool blocked) {
+    const std::shared_ptr<SimDevice> device = at(address);
+    const std::filesystem::path path = root_ + address.node();
+    const bool is_blocked = std::filesystem::is_directory(path);
+    if (blocked == is_blocked) return;
+    remove_node(address);
+    if (blocked) {
+        std::filesystem::create_directory(path);
+    } else {
+        make_node(*device);
+    }
+}
+
+void Testbed::service() {
+    for (const auto& device : devices()) {
+        if (device->unplugged()) {
+            remove_node(device->address());
+            put_away(device->address());
+        } else {
+            device->tick();
+        }
+    }
+}
+
+std::optional<Millis> Testbed::next_due() const {
+    std::optional<Millis> first;
+    for (const auto& [address, device] : devices_) {
+        const auto due = device->next_due();
+        if (due && (!first || *due < *first)) first = due;
+    }
+    return first;
+}
+
+}  // namespace jovusim

@@ -1,0 +1,89 @@
+/// @file
+/// The simulated bus.
+#pragma once
+
+#include <umockdev.h>
+
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "bus/bus_address.h"
+#include "bus/sim_device.h"
+#include "bus/testbed_directory.h"
+#include "bus/uevent.h"
+#include "bus/usbfs_node.h"
+
+namespace jovusim {
+
+/// A bus on which devices come and go, for programs that run with the environment that it sets up
+/// (UMOCKDEV_DIR in this process's environment, and the preloaded library).
+///
+/// All members are for the main thread, which must have blocked the signals that it wants to handle
+/// itself: the testbed starts a worker thread.
+class Testbed {
+public:
+    /// Removes what killed simulators left behind and makes a bus without devices.
+    /// @param pace machine seconds in a second for all devices
+    /// @param wake called on any thread when service() has something to do; must not block
+    /// @throws std::runtime_error, std::system_error
+    Testbed(double pace, std::function<void()> wake);
+    Testbed(const Testbed&) = delete;
+    Testbed& operator=(const Testbed&) = delete;
+    ~Testbed();
+
+    /// The directory that lives as long as the bus.
+    const std::string& root() const { return root_; }
+
+    /// Plugs a device in.
+    /// @param address nothing: the next one on bus 1 that has not been in use for longest
+    /// @throws std::runtime_error when the address is taken
+    BusAddress plug(std::optional<BusAddress> address, std::uint16_t product);
+
+    /// Takes a device off the bus. @throws std::out_of_range for an unknown one.
+    void unplug(BusAddress address);
+
+    /// Unplugs a device and plugs it in again at the same address, at once.
+    void replug(BusAddress address);
+
+    /// @throws std::out_of_range for an unknown one
+    std::shared_ptr<SimDevice> at(BusAddress address);
+
+    /// In order of their addresses.
+    std::vector<std::shared_ptr<SimDevice>> devices() const;
+
+    /// Makes opening the node fail with EISDIR, or lets it succeed again. @throws as at()
+    void block_open(BusAddress address, bool blocked);
+
+    /// Hands over what is due and puts away devices that left by themselves.
+    void service();
+
+    /// When service() has to be called next, if ever.
+    std::optional<Millis> next_due() const;
+
+private:
+    struct TestbedDeleter {
+        void operator()(UMockdevTestbed* testbed) const { g_object_unref(testbed); }
+    };
+
+    BusAddress free_address();
+    void make_node(const SimDevice& device);
+    void remove_node(BusAddress address);
+    void put_away(BusAddress address);
+
+    const double pace_;
+    const std::function<void()> wake_;
+    std::unique_ptr<UMockdevTestbed, TestbedDeleter> testbed_;
+    std::string root_;
+    std::optional<DirectoryOwnership> ownership_;
+    std::optional<UeventSender> uevents_;
+    std::map<BusAddress, std::unique_ptr<UsbfsNode>> nodes_;
+    std::map<BusAddress, std::shared_ptr<SimDevice>> devices_;
+    std::uint8_t last_address_ = 1;  // the root hub's
+};
+
+}  // namespace jovusim

@@ -1,0 +1,229 @@
+#include "bus/urb_engine.h"
+
+#include <linux/usb/ch9.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <utility>
+
+#include "bus/descriptors.h"
+#include "firmware/outbox.h"
+
+namespace jovusim {
+
+namespace {
+
+bool is_in(std::uint8_t endpoint) {
+    return (endpoint & USB_ENDPOINT_DIR_MASK) != 0;
+}
+
+template <typename Predicate>
+void erase_if(std::deque<Urb>& urbs, Predicate predicate) {
+    urbs.erase(std::remove_if(urbs.begin(), urbs.end(), predicate), urbs.end());
+}
+
+/// The data stage of a standard request that the device answers, or nothing for a stall.
+std::optional<std::string> standard_request(const UsbIdentity& identity,
+                                            const usb_ctrlrequest& setup) {
+    const bool to_host = (setup.bRequestType & USB_DIR_IN) != 0;
+    if ((setup.bRequestType & USB_TYPE_MASK) != USB_TYPE_STANDARD) return std::nullopt;
+    switch (setup.bRequest) {
+        case USB_REQ_GET_DESCRIPTOR:
+            if (!to_host) return std::nullopt;
+            return find_descriptor(identity, static_cast<std::uint8_t>(setup.wValue >> 8U),
+                                   static_cast<std::uint8_t>(setup.wValue & 0xFFU));
+        case USB_REQ_GET_STATUS:
+            return std::string(2, '\0');
+        case USB_REQ_GET_CONFIGURATION:
+            return std::string(1, '\1');
+        default:
+            return std::nullopt;
+    }
+}
+
+}  // namespace
+
+UrbEngine::UrbEngine(UsbFunction& function, FaultBoard& faults)
+    : function_(function), faults_(faults) {
+    std::size_t number = 0;
+    for (const InterfaceInfo& interface : function.identity().interfaces) {
+        for (const EndpointInfo& endpoint : interface.endpoints) {
+            endpoints_[endpoint.address].interface = number;
+        }
+        ++number;
+    }
+}
+
+std::optional<std::size_t> UrbEngine::interface_of(std::uint8_t endpoint) const {
+    const auto found = endpoints_.find(endpoint);
+    if (found == endpoints_.end()) return std::nullopt;
+    return found->second.interface;
+}
+
+int UrbEngine::submit(Urb urb, Millis now) {
+    if (urb.control) {
+        run_control(std::move(urb));
+        return 0;
+    }
+    const auto found = endpoints_.find(urb.endpoint);
+    if (found == endpoints_.end()) return ENOENT;
+    Endpoint& endpoint = found->second;
+    if (const int error = faults_.take(BusFault::submit, urb.endpoint)) return error;
+    if (const int error = faults_.take(BusFault::status, urb.endpoint)) {
+        finish(std::move(urb), -error);
+    } else if (faults_.take(BusFault::never, urb.endpoint) != 0) {
+        endpoint.stuck.push_back(std::move(urb));
+    } else if (is_in(urb.endpoint)) {
+        endpoint.waiting.push_back(std::move(urb));
+        pump(found->first, endpoint, now);
+    } else {
+        send_out(std::move(urb), endpoint, now);
+        pump(now);
+    }
+    return 0;
+}
+
+void UrbEngine::send_out(Urb urb, Endpoint& endpoint, Millis now) {
+    const auto cut = faults_.count_out(urb.endpoint, urb.length);
+    urb.actual = cut.value_or(urb.length);
+    endpoint.bytes += urb.actual;
+    function_.receive(urb.endpoint, urb.buffer, urb.actual, now);
+    if (cut) {
+        // Left in flight: it ends together with all others when the device is gone.
+        wants_unplug_ = true;
+        endpoint.waiting.push_back(std::move(urb));
+    } else {
+        ++endpoint.transfers;
+        finish(std::move(urb), 0);
+    }
+}
+
+void UrbEngine::pump(Millis now) {
+    for (auto& [address, endpoint] : endpoints_) {
+        if (is_in(address)) pump(address, endpoint, now);
+    }
+}
+
+void UrbEngine::pump(std::uint8_t address, Endpoint& endpoint, Millis now) {
+    while (!endpoint.waiting.empty()) {
+        const auto packet = function_.next_packet(address, now);
+        if (!packet) return;
+        Urb& urb = endpoint.waiting.front();
+        const std::size_t room = urb.length - urb.actual;
+        const std::size_t taken = std::min(room, packet->size());
+        if (taken > 0) std::memcpy(urb.buffer + urb.actual, packet->data(), taken);
+        urb.actual += taken;
+        endpoint.bytes += taken;
+        const bool overflow = packet->size() > room;
+        if (overflow || packet->size() < kMaxPacket || urb.actual == urb.length) {
+            ++endpoint.transfers;
+            Urb done = std::move(urb);
+            endpoint.waiting.pop_front();
+            finish(std::move(done), overflow ? -EOVERFLOW : 0);
+        }
+    }
+}
+
+void UrbEngine::run_control(Urb urb) {
+    usb_ctrlrequest setup{};
+    if (urb.length < sizeof setup) {
+        finish(std::move(urb), -EPIPE);
+        return;
+    }
+    std::memcpy(&setup, urb.buffer, sizeof setup);
+    const auto reply = standard_request(function_.identity(), setup);
+    if (!reply) {
+        finish(std::move(urb), -EPIPE);
+        return;
+    }
+    const std::size_t room = std::min<std::size_t>(setup.wLength, urb.length - sizeof setup);
+    urb.actual = std::min(room, reply->size());
+    std::memcpy(urb.buffer + sizeof setup, reply->data(), urb.actual);
+    finish(std::move(urb), 0);
+}
+
+int UrbEngine::discard(ClientId client, std::uint64_t handle) {
+    const auto matches = [client, handle](const Urb& urb) {
+        return urb.client == client && urb.handle == handle;
+    };
+    for (auto& [address, endpoint] : endpoints_) {
+        for (auto* urbs : {&endpoint.waiting, &endpoint.stuck}) {
+            const auto found = std::find_if(urbs->begin(), urbs->end(), matches);
+            if (found == urbs->end()) continue;
+            Urb urb = std::move(*found);
+            urbs->erase(found);
+            finish(std::move(urb), -ENOENT);
+            return 0;
+        }
+    }
+    return EINVAL;
+}
+
+std::optional<Urb> UrbEngine::reap(ClientId client) {
+    const auto found = std::find_if(finished_.begin(), finished_.end(),
+                                    [client](const Urb& urb) { return urb.client == client; });
+    if (found == finished_.end()) return std::nullopt;
+    Urb urb = std::move(*found);
+    finished_.erase(found);
+    return urb;
+}
+
+void UrbEngine::discard_interface(ClientId client, std::size_t interface) {
+    for (auto& [address, endpoint] : endpoints_) {
+        if (endpoint.interface != interface) continue;
+        for (auto* urbs : {&endpoint.waiting, &endpoint.stuck}) {
+            std::deque<Urb> others;
+            for (Urb& urb : *urbs) {
+                if (urb.client == client) {
+                    finish(std::move(urb), -ENOENT);
+                } else {
+                    others.push_back(std::move(urb));
+                }
+            }
+            *urbs = std::move(others);
+        }
+    }
+}
+
+void UrbEngine::forget(ClientId client) {
+    const auto is_its = [client](const Urb& urb) { return urb.client == client; };
+    for (auto& [address, endpoint] : endpoints_) {
+        erase_if(endpoint.waiting, is_its);
+        erase_if(endpoint.stuck, is_its);
+    }
+    erase_if(finished_, is_its);
+}
+
+void UrbEngine::shut_down(int status) {
+    for (auto& [address, endpoint] : endpoints_) {
+        finish_all(endpoint.waiting, status);
+        finish_all(endpoint.stuck, status);
+    }
+}
+
+void UrbEngine::finish_all(std::deque<Urb>& urbs, int status) {
+    for (Urb& urb : urbs)
+        finish(std::move(urb), status);
+    urbs.clear();
+}
+
+void UrbEngine::finish(Urb urb, int status) {
+    urb.status = status;
+    finished_.push_back(std::move(urb));
+}
+
+Json UrbEngine::stats() const {
+    Json out = Json::object();
+    for (const auto& [address, endpoint] : endpoints_) {
+        char name[3];
+        std::snprintf(name, sizeof name, "%02x", unsigned{address});
+        out[name] = {{"bytes", endpoint.bytes},
+                     {"transfers", endpoint.transfers},
+                     {"in_flight", endpoint.waiting.size() + endpoint.stuck.size()}};
+    }
+    return out;
+}
+
+}  // namespace jovusim

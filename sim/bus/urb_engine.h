@@ -1,0 +1,98 @@
+/// @file
+/// Transfers in flight between programs on the host and the function behind the endpoints.
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <map>
+#include <memory>
+#include <optional>
+
+#include "bus/fault_board.h"
+#include "firmware/usb_function.h"
+
+namespace jovusim {
+
+/// An open file of a device node.
+using ClientId = std::uint64_t;
+
+/// One transfer request of a client.
+struct Urb {
+    ClientId client = 0;
+    std::uint64_t handle = 0;  ///< what the client names it by
+    bool control = false;      ///< otherwise bulk
+    std::uint8_t endpoint = 0;
+    std::uint8_t* buffer = nullptr;  ///< a control transfer's begins with the setup packet
+    std::size_t length = 0;
+    std::shared_ptr<void> memory;  ///< keeps buffer alive
+
+    int status = 0;          ///< when finished: 0 or a negative errno
+    std::size_t actual = 0;  ///< bytes of data transferred
+};
+
+/// Matches transfers with the packets of a function. No lock of its own: the device's lock guards
+/// every call, and the memory of the transfers in flight.
+class UrbEngine {
+public:
+    /// Both must outlive the engine.
+    UrbEngine(UsbFunction& function, FaultBoard& faults);
+
+    /// Begins a transfer. Returns 0 or the errno with which submitting failed. The device may want
+    /// to leave the bus because of it: see wants_unplug().
+    int submit(Urb urb, Millis now);
+
+    /// Ends a transfer early. Returns 0, or EINVAL when there is no such one in flight.
+    int discard(ClientId client, std::uint64_t handle);
+
+    /// The next finished transfer of a client.
+    std::optional<Urb> reap(ClientId client);
+
+    /// Hands packets that have become available to the transfers that wait for them.
+    void pump(Millis now);
+
+    /// Ends the client's transfers on one interface's endpoints, as releasing an interface does.
+    void discard_interface(ClientId client, std::size_t interface);
+
+    /// Forgets everything about a client.
+    void forget(ClientId client);
+
+    /// Ends all transfers in flight with that status, a negative errno, for good.
+    void shut_down(int status);
+
+    /// Whether a finished transfer waits for its client.
+    bool has_finished() const { return !finished_.empty(); }
+
+    /// Whether an armed fault asks for the device to be unplugged now.
+    bool wants_unplug() const { return wants_unplug_; }
+
+    /// The interface that an endpoint belongs to, or nothing.
+    std::optional<std::size_t> interface_of(std::uint8_t endpoint) const;
+
+    /// Per endpoint: bytes, finished transfers and transfers in flight.
+    Json stats() const;
+
+private:
+    struct Endpoint {
+        std::size_t interface = 0;
+        std::deque<Urb> waiting;  ///< in order of submission
+        std::deque<Urb> stuck;    ///< those that never end by themselves
+        std::uint64_t bytes = 0;
+        std::uint64_t transfers = 0;
+    };
+
+    void finish(Urb urb, int status);
+    void finish_all(std::deque<Urb>& urbs, int status);
+    void pump(std::uint8_t address, Endpoint& endpoint, Millis now);
+    void send_out(Urb urb, Endpoint& endpoint, Millis now);
+    void run_control(Urb urb);
+
+    UsbFunction& function_;
+    FaultBoard& faults_;
+    std::map<std::uint8_t, Endpoint> endpoints_;
+    std::deque<Urb> finished_;
+    bool wants_unplug_ = false;
+};
+
+}  // namespace jovusim

@@ -1,0 +1,119 @@
+#include "firmware/controller.h"
+
+#include <algorithm>
+#include <random>
+#include <utility>
+
+namespace jovusim {
+
+namespace {
+
+constexpr std::uint16_t kDeviceRelease = 0x0100;
+constexpr std::uint8_t kVendorSpecificClass = 0xFF;
+
+Identity identity_with(const std::string& serial) {
+    Identity identity;
+    identity.serial = serial;
+    return identity;
+}
+
+InterfaceInfo bulk_pair(std::uint8_t in, std::uint8_t out) {
+    return {kVendorSpecificClass, 0, 0, {{in, kMaxPacket}, {out, kMaxPacket}}};
+}
+
+UsbIdentity usb_identity(const std::string& serial, std::uint16_t product) {
+    return {kVendorId,
+            product,
+            kDeviceRelease,
+            "JoVu",
+            "JoVu Controller (simulated)",
+            serial,
+            {bulk_pair(kMessageIn, kMessageOut), bulk_pair(kJobIn, kJobOut)}};
+}
+
+}  // namespace
+
+Controller::Controller(const std::string& serial, std::uint16_t product, double pace)
+    : identity_(identity_with(serial)),
+      usb_(usb_identity(serial, product)),
+      machine_(pace),
+      messages_(identity_, machine_, faults_, complaints_),
+      jobs_(identity_, machine_, faults_, complaints_) {}
+
+void Controller::receive(std::uint8_t endpoint, const std::uint8_t* data, std::size_t size,
+                         Millis now) {
+    machine_.advance(now);
+    if (endpoint == kMessageOut) messages_.receive(data, size, now);
+    if (endpoint == kJobOut) {
+        jobs_.tick(now);
+        jobs_.receive(data, size, now);
+    }
+}
+
+std::optional<std::string> Controller::next_packet(std::uint8_t endpoint, Millis now) {
+    machine_.advance(now);
+    if (endpoint == kMessageIn) return messages_.outbox().next_packet(now);
+    if (endpoint == kJobIn) return jobs_.outbox().next_packet(now);
+    return std::nullopt;
+}
+
+std::optional<Millis> Controller::next_due() const {
+    const auto message = messages_.outbox().next_due();
+    const auto job = jobs_.outbox().next_due();
+    if (message && job) return std::min(*message, *job);
+    return message ? message : job;
+}
+
+void Controller::host_left() {
+    messages_.outbox().clear();
+    jobs_.outbox().clear();
+}
+
+Json Controller::stats(Millis now) {
+    machine_.advance(now);
+    jobs_.tick(now);
+    return {{"serial", identity_.serial},
+            {"message", messages_.stats()},
+            {"job", jobs_.stats()},
+            {"complaints", complaints_.stats()}};
+}
+
+void Controller::send_debug_event(const std::string& text, Millis now) {
+    messages_.send_debug_event(text, now);
+}
+
+void Controller::send_raw(Channel channel, std::string bytes, Millis now) {
+    outbox(channel).push(std::move(bytes), now);
+}
+
+void Controller::send_framed(const std::string& text, Millis now) {
+    messages_.outbox().push(encode_frame(text), now);
+}
+
+void Controller::flood(Channel channel, std::uint64_t count) {
+    if (channel == Channel::message) {
+        messages_.flood(count);
+    } else {
+        jobs_.flood(count);
+    }
+}
+
+void Controller::send_garbage(Channel channel, std::uint64_t bytes) {
+    if (bytes == 0) return;
+    const std::uint64_t blocks = (bytes + kMaxPacket - 1) / kMaxPacket;
+    outbox(channel).push_burst(
+        blocks, [random = std::minstd_rand(1), bytes](std::uint64_t block) mutable {
+            const std::uint64_t left = bytes - block * kMaxPacket;
+            std::string piece(static_cast<std::size_t>(std::min<std::uint64_t>(left, kMaxPacket)),
+                              '\0');
+            for (char& c : piece)
+                c = static_cast<char>((random() >> 8U) & 0xFFU);
+            return piece;
+        });
+}
+
+Outbox& Controller::outbox(Channel channel) {
+    return channel == Channel::message ? messages_.outbox() : jobs_.outbox();
+}
+
+}  // namespace jovusim

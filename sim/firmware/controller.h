@@ -1,0 +1,70 @@
+/// @file
+/// The controller as it runs its application firmware.
+#pragma once
+
+#include "firmware/commands.h"
+#include "firmware/complaints.h"
+#include "firmware/job_channel.h"
+#include "firmware/machine.h"
+#include "firmware/message_channel.h"
+#include "firmware/misbehaviour.h"
+#include "firmware/usb_function.h"
+
+namespace jovusim {
+
+constexpr std::uint16_t kVendorId = 0x7A1C;
+constexpr std::uint16_t kApplicationProduct = 0x0002;
+
+/// Endpoints of the two channels.
+constexpr std::uint8_t kMessageIn = 0x81;
+constexpr std::uint8_t kMessageOut = 0x02;
+constexpr std::uint8_t kJobIn = 0x83;
+constexpr std::uint8_t kJobOut = 0x04;
+
+/// The application personality: a message channel, a job channel and the machine behind them.
+class Controller final : public UsbFunction {
+public:
+    /// @param serial  unlike that of any other simulated device
+    /// @param product USB product id
+    /// @param pace    machine seconds in a second, greater than 0; protocol timeouts do not scale
+    Controller(const std::string& serial, std::uint16_t product, double pace);
+
+    const UsbIdentity& identity() const override { return usb_; }
+    void receive(std::uint8_t endpoint, const std::uint8_t* data, std::size_t size,
+                 Millis now) override;
+    std::optional<std::string> next_packet(std::uint8_t endpoint, Millis now) override;
+    std::optional<Millis> next_due() const override;
+    void host_left() override;
+    Json stats(Millis now) override;
+    std::vector<std::string> take_complaints() override { return complaints_.take(); }
+
+    /// Sends a debug event. The text must not hold a zero byte.
+    void send_debug_event(const std::string& text, Millis now);
+
+    /// Sends bytes as they are.
+    void send_raw(Channel channel, std::string bytes, Millis now);
+
+    /// Sends any text in a frame of the message channel. @throws std::length_error if too long.
+    void send_framed(const std::string& text, Millis now);
+
+    /// Sends that many events or status reports as fast as the host takes them.
+    void flood(Channel channel, std::uint64_t count);
+
+    /// Sends that many bytes without any meaning, always the same ones.
+    void send_garbage(Channel channel, std::uint64_t bytes);
+
+    Misbehaviour& misbehaviour() { return faults_; }
+
+private:
+    Outbox& outbox(Channel channel);
+
+    const Identity identity_;
+    const UsbIdentity usb_;
+    Complaints complaints_;
+    Misbehaviour faults_;
+    Machine machine_;
+    MessageChannel messages_;
+    JobChannel jobs_;
+};
+
+}  // namespace jovusim

@@ -1,0 +1,260 @@
+#include "firmware/job_channel.h"
+
+#include <zlib.h>
+
+#include <algorithm>
+#include <cmath>
+#include <limits>
+#include <utility>
+
+#include "firmware/request.h"
+
+namespace jovusim {
+
+namespace {
+
+/// Longer than a host keeps trying to send one piece.
+constexpr Millis kSilence = 10000;
+
+constexpr int kProtocolVersion = 1;
+constexpr std::size_t kObjectLimit = 65536;
+constexpr const char* kWho = "job channel: ";
+
+double rounded(double celsius) {
+    return std::round(celsius * 10.0) / 10.0;
+}
+
+/// What is wrong with the body of an announcement, or nothing.
+std::optional<std::string> check_announcement(const Json& push) {
+    const bool plain = has_members(push, {"size", "adler32", "job_id"});
+    if (!plain && !has_members(push, {"size", "adler32", "job_id", "compression"})) {
+        return "its members are not size, adler32, job_id, compression";
+    }
+    if (!push["size"].is_number_unsigned()) return "its size is no count";
+    if (!push["adler32"].is_number_unsigned() ||
+        push["adler32"] > std::numeric_limits<std::uint32_t>::max()) {
+        return "its adler32 is no 32-bit number";
+    }
+    if (!push["job_id"].is_string()) return "its job_id is no string";
+    if (plain) return std::nullopt;
+    const Json& compression = push["compression"];
+    if (!has_members(compression, {"algorithm", "decompressed_length"}) ||
+        compression["algorithm"] != "deflate" ||
+        !compression["decompressed_length"].is_number_unsigned()) {
+        return "its compression is not deflate with a decompressed_length";
+    }
+    return std::nullopt;
+}
+
+}  // namespace
+
+bool JobChannel::ObjectScanner::take(char c) {
+    text += c;
+    if (escaped) {
+        escaped = false;
+    } else if (in_string) {
+        escaped = c == '\\';
+        in_string = c != '"';
+    } else if (c == '"') {
+        in_string = true;
+    } else if (c == '{') {
+        ++depth;
+    } else if (c == '}') {
+        --depth;
+    }
+    return depth == 0;
+}
+
+JobChannel::JobChannel(const Identity& identity, Machine& machine, Misbehaviour& faults,
+                       Complaints& complaints)
+    : identity_(identity), machine_(machine), faults_(faults), complaints_(complaints) {}
+
+void JobChannel::receive(const std::uint8_t* data, std::size_t size, Millis now) {
+    last_byte_ = now;
+    for (std::size_t i = 0; i < size;) {
+        if (in_push()) {
+            i += take_data(data + i, size - i);
+        } else {
+            take_text(static_cast<char>(data[i]), now);
+            ++i;
+        }
+    }
+}
+
+void JobChannel::tick(Millis now) {
+    if (now - last_byte_ <= kSilence) return;
+    if (in_push()) {
+        complaints_.add(kWho + std::string("the push stopped after ") +
+                        std::to_string(push_.received) + " of " + std::to_string(push_.size) +
+                        " bytes");
+        owed_ = 0;
+        machine_.job().fail(push_.accepted ? JobError::incomplete : JobError::busy);
+    } else if (scanner_.depth > 0) {
+        complaints_.add(kWho + std::string("an object was left unfinished: ") +
+                        excerpt(scanner_.text));
+        scanner_ = {};
+        machine_.job().fail(JobError::request);
+    }
+}
+
+std::size_t JobChannel::take_data(const std::uint8_t* data, std::size_t size) {
+    const std::size_t part = static_cast<std::size_t>(std::min<std::uint64_t>(size, owed_));
+    push_.sum = static_cast<std::uint32_t>(adler32_z(push_.sum, data, part));
+    push_.received += part;
+    owed_ -= part;
+    if (owed_ == 0) finish_push();
+    return part;
+}
+
+void JobChannel::finish_push() {
+    ++pushes_;
+    if (!push_.accepted) {
+        machine_.job().fail(JobError::busy);
+        return;
+    }
+    push_.verified = push_.sum == push_.announced_sum;
+    if (push_.verified) {
+        machine_.job().start();
+        return;
+    }
+    complaints_.add(kWho + std::string("the job data has the checksum ") +
+                    std::to_string(push_.sum) + ", announced was " +
+                    std::to_string(push_.announced_sum));
+    machine_.job().fail(JobError::checksum);
+}
+
+void JobChannel::take_text(char c, Millis now) {
+    if (scanner_.depth == 0 && c != '{') {
+        if (!stray_reported_) {
+            complaints_.add(kWho + std::string("stray bytes between objects, from \"") +
+                            excerpt(std::string(1, c)) + "\" on");
+        }
+        stray_reported_ = true;
+        return;
+    }
+    stray_reported_ = false;
+    if (scanner_.take(c)) {
+        const ObjectScanner complete = std::exchange(scanner_, {});
+        handle(complete.text, now);
+    } else if (scanner_.text.size() > kObjectLimit) {
+        complaints_.add(kWho + std::string("an object without an end: ") + excerpt(scanner_.text));
+        scanner_ = {};
+        machine_.job().fail(JobError::request);
+    }
+}
+
+void JobChannel::handle(const std::string& text, Millis now) {
+    const Json object = Json::parse(text, nullptr, false);
+    const Json* metadata = nullptr;
+    if (!object.is_discarded() && object.contains("metadata")) metadata = &object["metadata"];
+    if (metadata == nullptr || !has_members(*metadata, {"version", "type"}) ||
+        (*metadata)["version"] != kProtocolVersion || !(*metadata)["type"].is_string()) {
+        complaints_.add(kWho + std::string("no request: ") + excerpt(text));
+        machine_.job().fail(JobError::request);
+        return;
+    }
+    if (has_blanks(text)) {
+        complaints_.add(kWho + std::string("blanks in the JSON: ") + excerpt(text));
+    }
+    if (faults_.drop.take()) return;
+    handle_request((*metadata)["type"].get<std::string>(), text, object, now);
+}
+
+void JobChannel::handle_request(const std::string& type, const std::string& text,
+                                const Json& object, Millis now) {
+    const bool push = type == "file_push";
+    const bool members_fit =
+        push ? has_members(object, {"metadata", "file_push"}) : has_members(object, {"metadata"});
+    if (!members_fit) {
+        complaints_.add(kWho + std::string("the members of this request are wrong: ") +
+                        excerpt(text));
+    }
+    if (type == "status") {
+        send_status(now);
+    } else if (type == "pause") {
+        machine_.job().toggle_pause();
+    } else if (type == "abort") {
+        machine_.job().abort();
+    } else if (push) {
+        begin_push(text, object);
+    } else {
+        complaints_.add(kWho + std::string("no such request: ") + excerpt(text));
+        machine_.job().fail(JobError::request);
+        return;
+    }
+    ++requests_[type];
+    machine_.note_activity();
+}
+
+void JobChannel::begin_push(const std::string& text, const Json& object) {
+    const Json body = object.contains("file_push") ? object["file_push"] : Json();
+    if (const auto fault = check_announcement(body)) {
+        complaints_.add(kWho + std::string("an announcement where ") + *fault + ": " +
+                        excerpt(text));
+        machine_.job().fail(JobError::announcement);
+        return;
+    }
+    push_ = {};
+    push_.size = body["size"].get<std::uint64_t>();
+    push_.announced_sum = body["adler32"].get<std::uint32_t>();
+    push_.accepted = !machine_.job().running();
+    owed_ = push_.size;
+    if (push_.accepted) machine_.job().announce(body["job_id"].get<std::string>());
+    if (owed_ == 0) finish_push();
+}
+
+void JobChannel::send_status(Millis now) {
+    if (faults_.silent.take()) return;
+    std::string report = status_report();
+    if (faults_.take(Corruption::json)) report.pop_back();
+    if (faults_.take(Corruption::truncate)) report.resize(report.size() / 2);
+    outbox_.push(std::move(report), now + faults_.delay, faults_.packet_size);
+}
+
+void JobChannel::flood(std::uint64_t reports) {
+    outbox_.push_burst(reports, [this](std::uint64_t) { return status_report(); });
+}
+
+std::string JobChannel::status_report() const {
+    const PrintJob& job = machine_.job();
+    const Json report = {
+        {"metadata", {{"version", kProtocolVersion}, {"type", "status"}}},
+        {"printer",
+         {{"model_name", identity_.model_name},
+          {"cpu_id", identity_.serial},
+          {"firmware",
+           {{"name", identity_.firmware_name}, {"version", identity_.firmware_version}}},
+          {"accept_version", kProtocolVersion}}},
+        {"status",
+         {{"state", to_string(job.state())},
+          {"build_plate", "present"},
+          {"filament", "loaded"},
+          {"extruder_temperature", rounded(machine_.extruder().temperature())}}},
+        {"job",
+         {{"id", job.id()},
+          {"progress", job.progress()},
+          {"file", job.file()},
+          {"time_elapsed", job.elapsed_seconds()}}},
+        {"time", {{"boot", machine_.seconds_since_boot()}, {"idle", machine_.seconds_idle()}}},
+        {"error", static_cast<int>(job.error())}};
+    return report.dump();
+}
+
+Json JobChannel::stats() const {
+    const PrintJob& job = machine_.job();
+    return {{"requests", requests_},
+            {"dropped", outbox_.dropped()},
+            {"pushes", pushes_},
+            {"size", push_.size},
+            {"received", push_.received},
+            {"adler32", push_.announced_sum},
+            {"computed", push_.sum},
+            {"verified", push_.verified},
+            {"id", job.id()},
+            {"state", to_string(job.state())},
+            {"error", static_cast<int>(job.error())},
+            {"progress", job.progress()},
+            {"finished", job.finished()}};
+}
+
+}  // namespace jovusim

@@ -1,0 +1,117 @@
+#include "firmware/message_channel.h"
+
+#include "firmware/values.h"
+
+namespace jovusim {
+
+namespace {
+
+/// A frame whose bytes stop coming is forgotten after that time, so that a host that starts anew is
+/// understood. Longer than a host waits for one transfer.
+constexpr Millis kFrameSilence = 2000;
+
+/// Events count their own ids from here on, far from those of a host that has just started.
+constexpr std::uint32_t kFirstEventId = 0x40000000;
+
+/// Far from any id that a host has got to.
+constexpr std::uint32_t kWrongIdOffset = 0x20000000;
+
+constexpr const char* kDeepResult = "__deep__";
+
+std::string nested_arrays(std::uint32_t depth) {
+    return std::string(depth, '[') + std::string(depth, ']');
+}
+
+}  // namespace
+
+MessageChannel::MessageChannel(const Identity& identity, Machine& machine, Misbehaviour& faults,
+                               Complaints& complaints)
+    : identity_(identity),
+      machine_(machine),
+      faults_(faults),
+      complaints_(complaints),
+      reader_(complaints),
+      next_event_id_(kFirstEventId) {}
+
+void MessageChannel::receive(const std::uint8_t* data, std::size_t size, Millis now) {
+    if (reader_.in_frame() && now - last_byte_ > kFrameSilence) {
+        complaints_.add("message channel: a frame was left unfinished");
+        reader_.reset();
+    }
+    last_byte_ = now;
+    for (std::size_t i = 0; i < size; ++i) {
+        if (reader_.take(static_cast<char>(data[i]))) handle(reader_.payload(), now);
+    }
+}
+
+void MessageChannel::handle(const std::string& payload, Millis now) {
+    const std::optional<Request> request = read_request(payload, complaints_);
+    if (!request) return;
+    if (faults_.drop.take()) return;
+    if (request->command == nullptr) {
+        answer(*request, nullptr, now);
+        return;
+    }
+    ++commands_[request->command->name];
+    machine_.note_activity();
+    std::vector<std::string> lines;
+    CommandContext context{identity_, machine_, gcode_, request->args, lines};
+    const Json result = request->command->run(context);
+    for (const std::string& line : lines)
+        send_debug_event(line, now);
+    answer(*request, &result, now);
+}
+
+void MessageChannel::answer(const Request& request, const Json* result, Millis now) {
+    if (!request.answer_wanted || faults_.silent.take()) return;
+    ++answers_;
+    Json body = Json::object();
+    if (!request.idx.is_null()) body["idx"] = request.idx;
+    if (!request.name.is_null()) body["name"] = request.name;
+    if (!request.args.is_null()) body["args"] = request.args;
+    if (result != nullptr) body["__return__"] = faults_.deep > 0 ? Json(kDeepResult) : *result;
+
+    Json transport = Json::object();
+    if (!faults_.take(Corruption::attrs)) transport["attrs"] = Json::array({"response"});
+    transport["id"] = faults_.take(Corruption::id) ? request.id + kWrongIdOffset : request.id;
+
+    const Json document = {{"transport", transport}, {"data", {{"command", body}}}};
+    std::string text = document.dump();
+    if (result != nullptr && faults_.deep > 0) {
+        // Written as text: a JSON tree of that depth would be walked by recursion.
+        const std::string marker = '"' + std::string(kDeepResult) + '"';
+        text.replace(text.rfind(marker), marker.size(), nested_arrays(faults_.deep));
+        faults_.deep = 0;
+    }
+    if (faults_.take(Corruption::json)) text.pop_back();
+    std::string frame = encode_frame(text);
+    if (faults_.take(Corruption::check)) frame[3] = static_cast<char>(~frame[3]);
+    if (faults_.take(Corruption::terminator)) frame.back() = '!';
+    if (faults_.take(Corruption::truncate)) frame.resize(frame.size() / 2);
+    outbox_.push(std::move(frame), now + faults_.delay, faults_.packet_size);
+}
+
+std::string MessageChannel::debug_event(const std::string& text) {
+    ++events_;
+    const Json document = {
+        {"transport", {{"attrs", {"request", "oneway"}}, {"id", next_event_id_++}}},
+        {"data", {{"event", {{"name", "debug_event"}, {"args", {{"text", text_to_json(text)}}}}}}}};
+    return encode_frame(document.dump());
+}
+
+void MessageChannel::send_debug_event(const std::string& text, Millis now) {
+    outbox_.push(debug_event(text), now);
+}
+
+void MessageChannel::flood(std::uint64_t events) {
+    outbox_.push_burst(
+        events, [this](std::uint64_t i) { return debug_event("flood " + std::to_string(i)); });
+}
+
+Json MessageChannel::stats() const {
+    return {{"frames", reader_.frames()},   {"answers", answers_},   {"events", events_},
+            {"dropped", outbox_.dropped()}, {"commands", commands_}, {"gcode", gcode_.last_lines()},
+            {"display", machine_.display}};
+}
+
+}  // namespace jovusim

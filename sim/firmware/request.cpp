@@ -1,0 +1,154 @@
+#include "firmware/request.h"
+
+#include <limits>
+
+namespace jovusim {
+
+namespace {
+
+constexpr const char* kWho = "message channel: ";
+
+const Json* member(const Json& object, const char* key) {
+    const auto it = object.find(key);
+    return it == object.end() ? nullptr : &*it;
+}
+
+Json member_or_null(const Json& object, const char* key) {
+    const Json* value = member(object, key);
+    return value == nullptr ? Json() : *value;
+}
+
+/// Reads the envelope. Returns whether there is an id.
+bool read_envelope(const Json& transport, Request& request, Complaints& complaints) {
+    if (!has_members(transport, {"attrs", "id"})) {
+        complaints.add(kWho + std::string("the members of \"transport\" are not attrs, id: ") +
+                       excerpt(transport.dump()));
+    }
+    const Json attrs = member_or_null(transport, "attrs");
+    if (attrs != Json::array({"request", "twoway"})) {
+        complaints.add(kWho + std::string("the attrs of a command are ") + attrs.dump());
+    }
+    if (attrs.is_array()) {
+        for (const Json& word : attrs) {
+            if (word == "oneway") request.answer_wanted = false;
+        }
+    }
+    const Json* id = member(transport, "id");
+    if (id == nullptr || !id->is_number_unsigned() ||
+        *id > std::numeric_limits<std::uint32_t>::max()) {
+        complaints.add(kWho + std::string("the id of a request is ") +
+                       (id == nullptr ? "missing" : excerpt(id->dump())));
+        return false;
+    }
+    request.id = id->get<std::uint32_t>();
+    return true;
+}
+
+/// Checks the arguments of a request. Returns whether the command can be carried out with them.
+bool arguments_fit(const Command& command, const Json& body, Complaints& complaints) {
+    const std::string who = kWho + std::string(command.name) + ": ";
+    const Json* args = member(body, "args");
+    if (command.argument_count() == 0) {
+        if (args == nullptr) return true;
+        complaints.add(who + "takes no arguments and came with \"args\"");
+        return false;
+    }
+    if (args == nullptr || !args->is_object() || args->size() != command.argument_count()) {
+        complaints.add(who + "\"args\" is " +
+                       (args == nullptr ? "missing" : excerpt(args->dump())));
+        return false;
+    }
+    bool fit = true;
+    auto rule = command.arguments.begin();
+    for (const auto& [key, value] : args->items()) {
+        if (key != rule->key) {
+            complaints.add(who + "argument \"" + excerpt(key) + "\" in the place of \"" +
+                           rule->key + "\"");
+            fit = false;
+        } else if (const auto fault = rule->check(value)) {
+            complaints.add(who + "argument \"" + key + "\" " + *fault);
+            fit = false;
+        }
+        ++rule;
+    }
+    return fit;
+}
+
+const Command* read_command(const Json& body, Request& request, Complaints& complaints) {
+    request.idx = member_or_null(body, "idx");
+    request.name = member_or_null(body, "name");
+    request.args = member_or_null(body, "args");
+    if (!has_members(body, {"idx", "name"}) && !has_members(body, {"idx", "name", "args"})) {
+        complaints.add(kWho + std::string("the members of \"command\" are not idx, name, args: ") +
+                       excerpt(body.dump()));
+    }
+    const Command* command =
+        request.name.is_string() ? find_command(request.name.get<std::string>()) : nullptr;
+    if (command == nullptr) {
+        complaints.add(kWho + std::string("no such command: ") + excerpt(request.name.dump()));
+        return nullptr;
+    }
+    if (request.idx != command->idx || !request.idx.is_number_integer()) {
+        complaints.add(kWho + std::string(command->name) + ": idx is " + request.idx.dump() +
+                       ", not " + std::to_string(command->idx));
+        return nullptr;
+    }
+    return arguments_fit(*command, body, complaints) ? command : nullptr;
+}
+
+}  // namespace
+
+bool has_members(const Json& object, std::initializer_list<const char*> keys) {
+    if (!object.is_object() || object.size() != keys.size()) return false;
+    auto expected = keys.begin();
+    for (const auto& [key, value] : object.items()) {
+        if (key != *expected++) return false;
+    }
+    return true;
+}
+
+bool has_blanks(const std::string& text) {
+    bool in_string = false;
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        const char c = text[i];
+        if (in_string && c == '\\') {
+            ++i;
+        } else if (c == '"') {
+            in_string = !in_string;
+        } else if (!in_string && (c == ' ' || c == '\t' || c == '\n' || c == '\r')) {
+            return true;
+        }
+    }
+    return false;
+}
+
+std::optional<Request> read_request(const std::string& payload, Complaints& complaints) {
+    const Json root = Json::parse(payload, nullptr, false);
+    if (root.is_discarded()) {
+        complaints.add(kWho + std::string("no JSON: ") + excerpt(payload));
+        return std::nullopt;
+    }
+    if (has_blanks(payload)) {
+        complaints.add(kWho + std::string("blanks in the JSON: ") + excerpt(payload));
+    }
+    if (!has_members(root, {"transport", "data"})) {
+        complaints.add(kWho + std::string("the members of a message are not transport, data: ") +
+                       excerpt(payload));
+    }
+    const Json transport = root.is_object() ? member_or_null(root, "transport") : Json();
+    const Json data = root.is_object() ? member_or_null(root, "data") : Json();
+    const Json* body = data.is_object() ? member(data, "command") : nullptr;
+    if (!transport.is_object() || body == nullptr || !body->is_object()) {
+        complaints.add(kWho + std::string("no command: ") + excerpt(payload));
+        return std::nullopt;
+    }
+    if (data.size() != 1) {
+        complaints.add(kWho + std::string("more than a command in \"data\": ") + excerpt(payload));
+    }
+    Request request;
+    if (!read_envelope(transport, request, complaints)) return std::nullopt;
+    request.command = read_command(*body, request, complaints);
+    return request;
+}
+
+}  // namespace jovusim

@@ -1,0 +1,44 @@
+/// @file
+/// Reading a request of the message channel and checking it against the rules.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+#include "firmware/commands.h"
+#include "firmware/complaints.h"
+#include "firmware/types.h"
+
+namespace jovusim {
+
+/// A request that could be read far enough to be answered.
+struct Request {
+    std::uint32_t id = 0;
+    bool answer_wanted = true;
+    Json idx;   ///< as it came, null if missing
+    Json name;  ///< as it came, null if missing
+    Json args;  ///< as it came, null if missing
+
+    /// What to carry out; null for a request that breaks the rules of its command. Such a request
+    /// is answered without a result.
+    const Command* command = nullptr;
+};
+
+/// Reads the payload of a frame. Everything that differs from
+///
+///     {"transport":{"attrs":["request","twoway"],"id":N},
+///      "data":{"command":{"idx":N,"name":"...","args":{...}}}}
+///
+/// is complained about: members, their order, types and ranges, blanks between them, an idx that is
+/// not the one of the name, and every argument that breaks its rule.
+/// @returns nothing when there is no command or no id to answer under
+std::optional<Request> read_request(const std::string& payload, Complaints& complaints);
+
+/// Whether the members of an object are these, in this order.
+bool has_members(const Json& object, std::initializer_list<const char*> keys);
+
+/// Whether a JSON text has blanks or line breaks outside its strings.
+bool has_blanks(const std::string& text);
+
+}  // namespace jovusim

@@ -1,0 +1,76 @@
+/// @file
+/// What a device does on its endpoints, whatever bus it is attached to.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "firmware/types.h"
+
+namespace jovusim {
+
+/// One bulk endpoint. Bit 7 of the address is set for IN.
+struct EndpointInfo {
+    std::uint8_t address;
+    std::uint16_t max_packet;
+};
+
+/// One interface with its only alternate setting.
+struct InterfaceInfo {
+    std::uint8_t interface_class;
+    std::uint8_t subclass;
+    std::uint8_t protocol;
+    std::vector<EndpointInfo> endpoints;
+};
+
+/// What the device says about itself in its descriptors.
+struct UsbIdentity {
+    std::uint16_t vendor;
+    std::uint16_t product;
+    std::uint16_t release;  ///< binary coded decimal
+    std::string manufacturer;
+    std::string product_name;
+    std::string serial;
+    std::vector<InterfaceInfo> interfaces;
+};
+
+/// The function behind the endpoints: the controller's application firmware is one, another
+/// personality of the same device (with other descriptors) is another.
+///
+/// No I/O, no clock and no lock of its own: the owner calls one member at a time and hands the time
+/// in. Moments never run backwards.
+class UsbFunction {
+public:
+    UsbFunction() = default;
+    UsbFunction(const UsbFunction&) = delete;
+    UsbFunction& operator=(const UsbFunction&) = delete;
+    virtual ~UsbFunction() = default;
+
+    /// Constant for the life of the object.
+    virtual const UsbIdentity& identity() const = 0;
+
+    /// Bytes from the host on an OUT endpoint.
+    virtual void receive(std::uint8_t endpoint, const std::uint8_t* data, std::size_t size,
+                         Millis now) = 0;
+
+    /// The next packet for an IN endpoint, if there is one at that moment.
+    virtual std::optional<std::string> next_packet(std::uint8_t endpoint, Millis now) = 0;
+
+    /// The first moment at which next_packet() may give something that it would not give earlier;
+    /// nothing when only the host can bring that about.
+    virtual std::optional<Millis> next_due() const = 0;
+
+    /// The last program on the host has closed the device.
+    virtual void host_left() = 0;
+
+    /// Counters as a JSON object.
+    virtual Json stats(Millis now) = 0;
+
+    /// Sentences about the host's mistakes since the last call.
+    virtual std::vector<std::string> take_complaints() = 0;
+};
+
+}  // namespace jovusim

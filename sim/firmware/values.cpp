@@ -1,0 +1,44 @@
+#include "firmware/values.h"
+
+namespace jovusim {
+
+namespace {
+constexpr int kByteMin = -128;
+constexpr int kByteMax = 127;
+}  // namespace
+
+Json text_to_json(const std::string& text) {
+    Json array = Json::array();
+    for (const char c : text)
+        array.push_back(static_cast<int>(static_cast<signed char>(c)));
+    array.push_back(0);
+    return array;
+}
+
+std::optional<std::string> check_text(const Json& value) {
+    if (!value.is_array()) return "is no array";
+    if (value.empty()) return "is an empty array, without the 0 that ends a text";
+    for (std::size_t i = 0; i < value.size(); ++i) {
+        const Json& element = value[i];
+        const std::string where = "element " + std::to_string(i) + " ";
+        if (!element.is_number_integer()) return where + "is no integer";
+        if (element < kByteMin || element > kByteMax) {
+            return where + "is " + element.dump() + ", outside -128..127";
+        }
+        const bool last = i + 1 == value.size();
+        if (last && element != 0) return where + "is the last one and not 0";
+        if (!last && element == 0) return where + "is 0 before the end";
+    }
+    return std::nullopt;
+}
+
+std::optional<std::string> text_from_json(const Json& value) {
+    if (check_text(value)) return std::nullopt;
+    std::string text;
+    for (const Json& element : value)
+        text += static_cast<char>(element.get<int>());
+    text.pop_back();
+    return text;
+}
+
+}  // namespace jovusim

@@ -1,0 +1,21 @@
+/// @file
+/// The wire forms of single values on the message channel.
+#pragma once
+
+#include <optional>
+#include <string>
+
+#include "firmware/types.h"
+
+namespace jovusim {
+
+/// A text as it travels: an array of signed bytes that ends with 0.
+Json text_to_json(const std::string& text);
+
+/// The text in such an array, without its 0; nothing for anything else.
+std::optional<std::string> text_from_json(const Json& value);
+
+/// Says what is wrong with a value that should be a text, or nothing.
+std::optional<std::string> check_text(const Json& value);
+
+}  // namespace jovusim

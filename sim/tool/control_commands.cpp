@@ -1,0 +1,143 @@
+#include "tool/control_commands.h"
+
+#include <algorithm>
+#include <array>
+#include <exception>
+
+#include "tool/fault_commands.h"
+
+namespace jovusim {
+
+namespace {
+
+constexpr char kProductKey[] = "product=";
+
+/// Returns the text behind "ok ", which may be empty.
+using Handler = std::string (*)(Testbed&, Words&);
+
+struct ControlRequest {
+    const char* word;
+    const char* usage;
+    Handler run;
+};
+
+std::string plug(Testbed& testbed, Words& words) {
+    std::optional<BusAddress> address;
+    std::uint16_t product = kApplicationProduct;
+    while (const auto word = words.next_if_any()) {
+        if (word->rfind(kProductKey, 0) == 0) {
+            product = parse_hex_word(word->substr(sizeof kProductKey - 1));
+        } else if (!address) {
+            address = parse_address(*word);
+        } else {
+            throw BadRequest("unexpected \"" + *word + "\"");
+        }
+    }
+    return testbed.plug(address, product).to_string();
+}
+
+std::string unplug(Testbed& testbed, Words& words) {
+    const BusAddress address = words.address();
+    words.expect_end();
+    testbed.unplug(address);
+    return {};
+}
+
+std::string replug(Testbed& testbed, Words& words) {
+    const BusAddress address = words.address();
+    words.expect_end();
+    testbed.replug(address);
+    return {};
+}
+
+std::string list(Testbed& testbed, Words& words) {
+    words.expect_end();
+    std::string out;
+    for (const auto& device : testbed.devices()) {
+        const UsbIdentity& identity = device->identity();
+        std::array<char, 5> product{};
+        std::snprintf(product.data(), product.size(), "%04x", unsigned{identity.product});
+        if (!out.empty()) out += ", ";
+        out += device->address().to_string() + " product=" + product.data() +
+               " serial=" + identity.serial + " clients=" + std::to_string(device->open_clients());
+    }
+    return out;
+}
+
+std::string stats(Testbed& testbed, Words& words) {
+    const auto device = testbed.at(words.address());
+    words.expect_end();
+    return device->stats().dump(-1, ' ', true, Json::error_handler_t::replace);
+}
+
+std::string event(Testbed& testbed, Words& words) {
+    const auto device = testbed.at(words.address());
+    const std::string text = words.rest();
+    device->with_controller(
+        [&](Controller& controller, Millis now) { controller.send_debug_event(text, now); });
+    return {};
+}
+
+std::string send(Testbed& testbed, Words& words) {
+    const auto device = testbed.at(words.address());
+    const Channel channel = words.channel();
+    const std::string bytes = parse_hex_bytes(words.next("HEX"));
+    words.expect_end();
+    device->with_controller(
+        [&](Controller& controller, Millis now) { controller.send_raw(channel, bytes, now); });
+    return {};
+}
+
+std::string frame(Testbed& testbed, Words& words) {
+    const auto device = testbed.at(words.address());
+    const std::string text = words.rest();
+    device->with_controller(
+        [&](Controller& controller, Millis now) { controller.send_framed(text, now); });
+    return {};
+}
+
+std::string fault(Testbed& testbed, Words& words) {
+    const BusAddress address = words.address();
+    set_fault(testbed, address, words);
+    return {};
+}
+
+constexpr std::array kRequests = {
+    ControlRequest{"plug", "plug [BUS:ADDR] [product=HEX]", plug},
+    ControlRequest{"unplug", "unplug BUS:ADDR", unplug},
+    ControlRequest{"replug", "replug BUS:ADDR", replug},
+    ControlRequest{"list", "list", list},
+    ControlRequest{"stats", "stats BUS:ADDR", stats},
+    ControlRequest{"event", "event BUS:ADDR TEXT", event},
+    ControlRequest{"send", "send BUS:ADDR message|job HEX", send},
+    ControlRequest{"frame", "frame BUS:ADDR TEXT", frame},
+    ControlRequest{"fault", "fault BUS:ADDR FAULT...", fault},
+};
+
+}  // namespace
+
+std::string run_control_request(Testbed& testbed, const std::string& line) {
+    try {
+        Words words(line);
+        const std::string word = words.next("request");
+        for (const ControlRequest& request : kRequests) {
+            if (word != request.word) continue;
+            const std::string text = request.run(testbed, words);
+            return text.empty() ? "ok" : "ok " + text;
+        }
+        throw BadRequest("unknown request \"" + word + "\"");
+    } catch (const std::exception& error) {
+        std::string text = error.what();
+        std::replace(text.begin(), text.end(), '\n', ' ');
+        return "error " + text;
+    }
+}
+
+std::string control_help() {
+    std::string help;
+    for (const ControlRequest& request : kRequests)
+        help += std::string("  ") + request.usage + "\n";
+    return help + "Faults:\n" + fault_help() + "COUNT is a number or \"always\", 1 if left out.\n";
+}
+
+}  // namespace jovusim

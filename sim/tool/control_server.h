@@ -1,0 +1,50 @@
+/// @file
+/// The control socket.
+#pragma once
+
+#include <poll.h>
+
+#include <functional>
+#include <list>
+#include <string>
+#include <vector>
+
+#include "bus/unique_fd.h"
+
+namespace jovusim {
+
+/// Serves a line protocol on a local socket: a request a line, a reply a line, as many as one likes
+/// on a connection, any number of connections. Main thread only; never blocks.
+class ControlServer {
+public:
+    /// @param path   must not exist yet
+    /// @param answer makes the reply to a request, without line feeds
+    /// @throws std::system_error
+    ControlServer(const std::string& path, std::function<std::string(const std::string&)> answer);
+
+    /// Adds what the server waits for.
+    void add_to(std::vector<pollfd>& waits) const;
+
+    /// Serves what poll() has found ready.
+    void serve(const std::vector<pollfd>& waits);
+
+private:
+    struct Connection {
+        UniqueFd fd;
+        std::string in;
+        std::string out;
+        bool closing = false;  ///< the other end has sent its last request
+    };
+
+    void accept_all();
+    bool serve(Connection& connection, short events);
+    bool read_some(Connection& connection);
+    bool write_some(Connection& connection) const;
+    void answer_lines(Connection& connection);
+
+    std::function<std::string(const std::string&)> answer_;
+    UniqueFd listener_;
+    std::list<Connection> connections_;
+};
+
+}  // namespace jovusim

@@ -1,0 +1,73 @@
+#include "tool/options.h"
+
+#include <CLI/CLI.hpp>
+
+#include "tool/control_commands.h"
+#include "tool/exit_status.h"
+
+namespace jovusim {
+
+namespace {
+
+constexpr unsigned kMostDevices = 100;
+constexpr double kSlowest = 0.001;
+constexpr double kFastest = 1e6;
+
+std::string joined(const std::vector<std::string>& words) {
+    std::string line;
+    for (const std::string& word : words) {
+        if (!line.empty()) line += ' ';
+        line += word;
+    }
+    return line;
+}
+
+}  // namespace
+
+std::variant<RunOptions, CtlOptions, ExitNow> parse_options(int argc, char** argv) {
+    CLI::App app{"Simulated USB controllers for programs that use libusb", "jovu-sim"};
+    app.require_subcommand(1);
+
+    RunOptions run;
+    bool empty = false;
+    CLI::App* run_app = app.add_subcommand(
+        "run",
+        "Run a program on a bus of simulated controllers.\n"
+        "The program finds JOVU_SIM_CONTROL in its environment, the path of the control socket.\n"
+        "Its exit status is passed on, 128 plus the number of the signal that ended it.");
+    auto* devices = run_app
+                        ->add_option("--devices", run.devices,
+                                     "Controllers plugged in at the start, at 1:2, 1:3, ...")
+                        ->check(CLI::Range(0U, kMostDevices))
+                        ->capture_default_str();
+    run_app->add_flag("--empty", empty, "Start without a controller")->excludes(devices);
+    run_app->add_option("--speed", run.speed, "How much faster than in life jobs and heaters are")
+        ->check(CLI::Range(kSlowest, kFastest))
+        ->capture_default_str();
+    run_app->add_option("program", run.program, "The program and its arguments, behind --")
+        ->required();
+    run_app->positionals_at_end();
+
+    CLI::App* ctl_app = app.add_subcommand(
+        "ctl", "Send a request to the simulator in which this runs and print its reply.");
+    ctl_app->prefix_command();
+    ctl_app->footer("Requests:\n" + control_help());
+
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& error) {
+        return ExitNow{app.exit(error) == 0 ? kExitOk : kExitUsage};
+    }
+    if (ctl_app->parsed()) {
+        CtlOptions ctl{joined(ctl_app->remaining())};
+        if (ctl.request.empty()) {
+            std::cerr << "jovu-sim: ctl without a request; see jovu-sim ctl --help\n";
+            return ExitNow{kExitUsage};
+        }
+        return ctl;
+    }
+    if (empty) run.devices = 0;
+    return run;
+}
+
+}  // namespace jovusim

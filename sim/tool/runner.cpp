@@ -1,0 +1,216 @@
+#include "tool/runner.h"
+
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <sys/resource.h>
+#include <sys/signalfd.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <climits>
+#include <csignal>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <exception>
+#include <system_error>
+
+#include "bus/clock.h"
+#include "bus/testbed.h"
+#include "tool/child_process.h"
+#include "tool/control_commands.h"
+#include "tool/control_name.h"
+#include "tool/control_server.h"
+#include "tool/exit_status.h"
+
+namespace jovusim {
+
+namespace {
+
+constexpr char kPreloadVariable[] = "LD_PRELOAD";
+constexpr char kPreloadLibrary[] = "libumockdev-preload.so.0";
+
+/// Each open file of a device node is one here too; running out of them would end the testbed.
+constexpr rlim_t kOpenFiles = 65536;
+
+/// Signals that ask a program to end. They are the child's business.
+constexpr std::array kForwarded = {SIGINT, SIGTERM, SIGHUP, SIGQUIT};
+
+/// Prepares this process; what it changes is noted for the child.
+ProcessSettings take_over_process() {
+    ProcessSettings before{};
+    sigset_t handled;
+    sigemptyset(&handled);
+    sigaddset(&handled, SIGCHLD);
+    for (const int number : kForwarded)
+        sigaddset(&handled, number);
+    ::sigprocmask(SIG_BLOCK, &handled, &before.signal_mask);
+
+    // Nobody may read this program's messages; that must not end it before its child.
+    struct sigaction ignore {};
+    ignore.sa_handler = SIG_IGN;
+    ::sigaction(SIGPIPE, &ignore, &before.pipe_action);
+
+    rlimit limit{};
+    if (::getrlimit(RLIMIT_NOFILE, &limit) == 0 && limit.rlim_cur < kOpenFiles) {
+        before.open_files = limit.rlim_cur;
+        limit.rlim_cur = std::min(limit.rlim_max, kOpenFiles);
+        ::setrlimit(RLIMIT_NOFILE, &limit);
+    }
+    return before;
+}
+
+UniqueFd signal_descriptor() {
+    sigset_t handled;
+    sigemptyset(&handled);
+    sigaddset(&handled, SIGCHLD);
+    for (const int number : kForwarded)
+        sigaddset(&handled, number);
+    UniqueFd fd(::signalfd(-1, &handled, SFD_CLOEXEC | SFD_NONBLOCK));
+    if (!fd) throw std::system_error(errno, std::generic_category(), "signalfd");
+    return fd;
+}
+
+/// A descriptor by which any thread wakes the main loop.
+class Waker {
+public:
+    Waker() : fd_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
+        if (!fd_) throw std::system_error(errno, std::generic_category(), "eventfd");
+    }
+    int fd() const { return fd_.get(); }
+    void wake() const { (void)!::write(fd_.get(), &kOne, sizeof kOne); }
+    void drain() const {
+        std::uint64_t count;
+        (void)!::read(fd_.get(), &count, sizeof count);
+    }
+
+private:
+    static constexpr std::uint64_t kOne = 1;
+    UniqueFd fd_;
+};
+
+std::vector<std::string> child_environment(const std::string& control_path) {
+    auto environment = current_environment();
+    // What is preloaded already stays in front: a sanitizer's run-time must come first.
+    std::string preload = kPreloadLibrary;
+    const char* const old = std::getenv(kPreloadVariable);
+    if (old != nullptr && *old != '\0') preload = old + (":" + preload);
+    set_variable(environment, kPreloadVariable, preload);
+    set_variable(environment, kControlVariable, control_path);
+    return environment;
+}
+
+/// Serves the bus until the child has ended.
+class MainLoop {
+public:
+    MainLoop(Testbed& testbed, ControlServer& server, const Waker& waker, pid_t child)
+        : testbed_(testbed),
+          server_(server),
+          waker_(waker),
+          signals_(signal_descriptor()),
+          child_(child) {}
+
+    int run() {
+        // The child may have ended before the descriptor for its signal was there.
+        while (!child_ended()) {
+            std::vector<pollfd> waits;
+            waits.push_back({signals_.get(), POLLIN, 0});
+            waits.push_back({waker_.fd(), POLLIN, 0});
+            server_.add_to(waits);
+            if (::poll(waits.data(), waits.size(), timeout()) < 0) {
+                if (errno == EINTR) continue;
+                throw std::system_error(errno, std::generic_category(), "poll");
+            }
+            waker_.drain();
+            forward_signals();
+            server_.serve(waits);
+            testbed_.service();
+        }
+        return status_;
+    }
+
+private:
+    int timeout() const {
+        const auto due = testbed_.next_due();
+        if (!due) return -1;
+        return static_cast<int>(std::clamp<Millis>(*due - now_ms(), 0, INT_MAX));
+    }
+
+    bool child_ended() {
+        int status = 0;
+        if (::waitpid(child_, &status, WNOHANG) != child_) return false;
+        if (WIFSIGNALED(status)) {
+            std::fprintf(stderr, "jovu-sim: the program was ended by signal %d (%s)\n",
+                         WTERMSIG(status), ::strsignal(WTERMSIG(status)));
+            status_ = kExitSignalBase + WTERMSIG(status);
+        } else {
+            status_ = WEXITSTATUS(status);
+        }
+        return true;
+    }
+
+    void forward_signals() const {
+        signalfd_siginfo info{};
+        while (::read(signals_.get(), &info, sizeof info) == sizeof info) {
+            const int number = static_cast<int>(info.ssi_signo);
+            // From the terminal the child has got it by itself.
+            if (number != SIGCHLD && info.ssi_code != SI_KERNEL) ::kill(child_, number);
+        }
+    }
+
+    Testbed& testbed_;
+    ControlServer& server_;
+    const Waker& waker_;
+    UniqueFd signals_;
+    pid_t child_;
+    int status_ = 0;
+};
+
+/// Ends and reaps the child when the simulator fails while it runs.
+class ChildGuard {
+public:
+    explicit ChildGuard(pid_t child) : child_(child) {}
+    ChildGuard(const ChildGuard&) = delete;
+    ChildGuard& operator=(const ChildGuard&) = delete;
+    ~ChildGuard() {
+        if (child_ <= 0) return;
+        ::kill(child_, SIGKILL);
+        ::waitpid(child_, nullptr, 0);
+    }
+    void dismiss() { child_ = -1; }
+
+private:
+    pid_t child_;
+};
+
+}  // namespace
+
+int run_on_bus(const RunOptions& options) {
+    try {
+        const ProcessSettings before = take_over_process();
+        const Waker waker;
+        Testbed testbed(options.speed, [&waker] { waker.wake(); });
+        const std::string control_path = testbed.root() + "/control";
+        ControlServer server(control_path, [&testbed](const std::string& line) {
+            return run_control_request(testbed, line);
+        });
+        for (unsigned i = 0; i < options.devices; ++i) {
+            testbed.plug(std::nullopt, kApplicationProduct);
+        }
+        const pid_t child = start_program(options.program, child_environment(control_path), before);
+        ChildGuard guard(child);
+        MainLoop loop(testbed, server, waker, child);
+        const int status = loop.run();
+        guard.dismiss();
+        return status;
+    } catch (const std::exception& error) {
+        std::fprintf(stderr, "jovu-sim: %s\n", error.what());
+        return kExitFailure;
+    }
+}
+
+}  // namespace jovusim
