@@ -1,0 +1,33 @@
+# What "cmake --install" lays down beside the library and the headers: the program, the CMake
+# package (find_package(jovu) gives jovu::jovu), the pkg-config file and the udev rule.
+include(CMakePackageConfigHelpers)
+
+set(jovu_cmake_dir "${CMAKE_INSTALL_LIBDIR}/cmake/jovu")
+install(EXPORT jovu-targets NAMESPACE jovu:: DESTINATION "${jovu_cmake_dir}")
+configure_package_config_file(
+  "${CMAKE_CURRENT_LIST_DIR}/jovu-config.cmake.in" "${PROJECT_BINARY_DIR}/jovu-config.cmake"
+  INSTALL_DESTINATION "${jovu_cmake_dir}")
+write_basic_package_version_file("${PROJECT_BINARY_DIR}/jovu-config-version.cmake"
+  COMPATIBILITY SameMajorVersion)
+install(FILES
+  "${PROJECT_BINARY_DIR}/jovu-config.cmake" "${PROJECT_BINARY_DIR}/jovu-config-version.cmake"
+  DESTINATION "${jovu_cmake_dir}")
+
+# Only users of the static library need the libraries under it, and their development packages.
+set(jovu_pc_requires "")
+set(jovu_pc_cflags "")
+if(JOVU_STATIC)
+  set(jovu_pc_requires "libusb-1.0 yajl zlib")
+  set(jovu_pc_cflags " -DJOVU_STATIC")
+endif()
+# Relative to the file's own place, so that the installed tree may be moved.
+file(RELATIVE_PATH jovu_pc_to_prefix
+  "${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_LIBDIR}/pkgconfig" "${CMAKE_INSTALL_PREFIX}")
+configure_file("${CMAKE_CURRENT_LIST_DIR}/jovu.pc.in" "${PROJECT_BINARY_DIR}/jovu.pc" @ONLY)
+install(FILES "${PROJECT_BINARY_DIR}/jovu.pc" DESTINATION "${CMAKE_INSTALL_LIBDIR}/pkgconfig")
+
+if(TARGET jovu-cli)
+  install(TARGETS jovu-cli RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+endif()
+# udev reads lib/udev/rules.d of /usr and of /usr/local.
+install(FILES "${PROJECT_SOURCE_DIR}/packaging/70-jovu.rules" DESTINATION lib/udev/rules.d)

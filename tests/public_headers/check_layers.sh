@@ -1,0 +1,46 @@
+#!/usr/bin/env bash
+# check_layers.sh SOURCE_DIR: who may include what. A layer that reaches into another one cannot be
+# tested without it, and a simulated controller that shares code with the library shares its faults.
+set -euo pipefail
+cd "$1"
+failed=0
+
+# includes FOLDER...: every include line, as FILE:LINE:TEXT.
+includes() { grep -rnE --include='*.h' --include='*.cpp' '^[[:space:]]*#[[:space:]]*include' "$@"; }
+
+# forbid RULE LINES: lines are what breaks the rule.
+forbid() {
+    if [[ -n $2 ]]; then
+        printf '%s:\n%s\n' "$1" "$2" >&2
+        failed=1
+    fi
+}
+
+# Includes in quotes in folder $1 that are found neither beside the file nor in the folders $2...
+from_outside() {
+    local folder=$1 file line text name root known
+    shift
+    while IFS=: read -r file line text; do
+        name=$(sed -E 's/[^"]*"([^"]+)".*/\1/' <<<"$text")
+        known=false
+        for root in "$(dirname "$file")" "$@"; do
+            if [[ -f $root/$name ]]; then known=true; fi
+        done
+        "$known" || echo "$file:$line:$text"
+    done < <(includes "$folder" | grep '"')
+}
+
+for folder in include src/usb src/base tools/jovu sim; do
+    [[ -n $(includes "$folder") ]] || { echo "$folder includes nothing?" >&2; exit 1; }
+done
+
+forbid "only src/usb may name libusb.h" \
+    "$(grep -rn '\blibusb\.h' include src tools | grep -v '^src/usb/' || true)"
+forbid "JSON has no place under the messages" \
+    "$(includes src/usb src/base | grep -E '[<"](yajl|json)/' || true)"
+forbid "the program stands on the public headers alone" \
+    "$(from_outside tools/jovu tools/jovu include; includes tools | grep -E '<(libusb|yajl)' || true)"
+forbid "the simulated controller shares nothing with the library" \
+    "$(from_outside sim sim; includes sim | grep -E '<(jovu/|libusb|yajl)' || true)"
+
+exit "$failed"

@@ -1,0 +1,1 @@
+#error "a public header must not need <yajl/yajl_version.h>"
