@@ -1,0 +1,104 @@
+/// @file
+/// `jovu events`: what a device reports of its own accord.
+
+#include <chrono>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "command.h"
+#include "printable.h"
+#include "session.h"
+#include "timestamp.h"
+
+namespace jovu_cli {
+namespace {
+
+struct EventOptions {
+    std::optional<std::chrono::milliseconds> limit;
+};
+
+Json trace_json(const servo_trace_msg& sample) {
+    return {{"servo_name", sample.servo_name},
+            {"servo_state", sample.servo_state},
+            {"int_cnt", sample.int_cnt},
+            {"pos_cmd", sample.pos_cmd},
+            {"pos", sample.pos},
+            {"pwm", sample.pwm},
+            {"padout_dist", sample.padout_dist}};
+}
+
+std::string trace_text(const servo_trace_msg& sample) {
+    return "servo " + std::to_string(sample.servo_name) + "  state " +
+           std::to_string(sample.servo_state) + "  count " + std::to_string(sample.int_cnt) +
+           "  commanded " + std::to_string(sample.pos_cmd) + "  at " + std::to_string(sample.pos) +
+           "  pwm " + std::to_string(sample.pwm) + "  pad-out " +
+           std::to_string(sample.padout_dist);
+}
+
+/// The firmware's texts are lines; the end of line need not be shown.
+std::string line_text(std::string text) {
+    while (!text.empty() && (text.back() == '\n' || text.back() == '\r')) {
+        text.pop_back();
+    }
+    return printable(text);
+}
+
+void print_event(Output& out, const Notice& notice) {
+    const auto* text = std::get_if<DebugText>(&notice.what);
+    const auto* sample = std::get_if<servo_trace_msg>(&notice.what);
+    if (text == nullptr && sample == nullptr) {
+        return;
+    }
+    if (out.json()) {
+        Json object = {{"time", utc_text(notice.time)},
+                       {"device", to_string(notice.address)},
+                       {"event", text != nullptr ? "debug_event" : "servo_dc_trace_event"}};
+        if (text != nullptr) {
+            object["text"] = *text ? Json(**text) : Json();
+        } else {
+            object["sample"] = trace_json(*sample);
+        }
+        out.object(object);
+        return;
+    }
+    const std::string shown = text != nullptr ? line_text(text->value_or("")) : trace_text(*sample);
+    out.line(clock_text(notice.time) + "  " + shown);
+}
+
+void report_lost(Inbox& inbox) {
+    const std::size_t lost = inbox.take_lost();
+    if (lost > 0) {
+        print_error("jovu: events lost, they come faster than they can be written: " +
+                    std::to_string(lost));
+    }
+}
+
+void run(const Context& context, const EventOptions& options) {
+    Session session(context.options, context.stop, Interest{false, true});
+    const JovuDeviceAddress address = session.pick_device();
+    const auto end =
+        options.limit ? Inbox::Clock::now() + *options.limit : Inbox::Clock::time_point::max();
+    while (const std::optional<Notice> notice = session.inbox().next(end)) {
+        session.check_connected(address, *notice);
+        if (notice->address == address) {
+            print_event(context.out, *notice);
+        }
+        report_lost(session.inbox());
+        if (Inbox::Clock::now() >= end) {
+            break;  // Events that come without a pause would keep the wait from ever timing out.
+        }
+    }
+    context.stop.throw_if_stopped();
+}
+
+}  // namespace
+
+Run define_events(CLI::App& app) {
+    const auto options = std::make_shared<EventOptions>();
+    app.footer("Prints debug texts and servo trace samples as they come, until Ctrl-C.");
+    add_seconds_option(app, "-s,--seconds", options->limit, "Stop after this time");
+    return [options](const Context& context) { run(context, *options); };
+}
+
+}  // namespace jovu_cli

@@ -1,0 +1,132 @@
+/// @file
+/// `jovu gcode`: hands lines of gcode to a device's interpreter.
+
+#include <cstring>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "command.h"
+#include "failure.h"
+#include "gcode_source.h"
+#include "printable.h"
+#include "session.h"
+
+namespace jovu_cli {
+namespace {
+
+struct GcodeOptions {
+    std::vector<std::string> lines;
+    std::string file;
+    bool keep_going = false;
+};
+
+/// The interpreter's verdict for a line that it has carried out; any other one is a refusal.
+constexpr std::uint32_t result_ok = 0;
+
+std::unique_ptr<GcodeSource> make_source(const GcodeOptions& options, const StopSource& stop) {
+    if (!options.file.empty()) {
+        return std::make_unique<StreamSource>(StreamSource::open_file(options.file, stop));
+    }
+    if (options.lines == std::vector<std::string>{"-"}) {
+        return std::make_unique<StreamSource>(StreamSource::standard_input(stop));
+    }
+    return std::make_unique<ArgumentSource>(options.lines);
+}
+
+std::shared_ptr<char> shared_text(const std::string& text) {
+    std::shared_ptr<char> copy(new char[text.size() + 1], std::default_delete<char[]>());
+    std::memcpy(copy.get(), text.c_str(), text.size() + 1);
+    return copy;
+}
+
+/// What the device has printed since the last call.
+std::vector<std::string> take_texts(Inbox& inbox, JovuDeviceAddress address) {
+    std::vector<std::string> texts;
+    while (const std::optional<Notice> notice = inbox.poll()) {
+        const auto* text = std::get_if<DebugText>(&notice->what);
+        if (text != nullptr && *text && notice->address == address) {
+            texts.push_back(**text);
+        }
+    }
+    return texts;
+}
+
+void print_result(Output& out, JovuDeviceAddress address, const GcodeLine& line,
+                  std::uint32_t result, const std::vector<std::string>& texts) {
+    if (out.json()) {
+        out.object({{"device", to_string(address)},
+                    {"line", line.number},
+                    {"command", line.text},
+                    {"result", result},
+                    {"accepted", result == result_ok},
+                    {"texts", texts}});
+        return;
+    }
+    out.line((result == result_ok ? "ok       " : "refused  ") + printable(line.text));
+    for (const std::string& text : texts) {
+        out.line("         | " + printable(text));
+    }
+}
+
+Failure refusal(const GcodeLine& line, std::uint32_t result) {
+    return Failure(ExitCode::device_refused, "device refused line " + std::to_string(line.number) +
+                                                 " with result " + std::to_string(result) + ": " +
+                                                 line.text);
+}
+
+void run(const Context& context, const GcodeOptions& options) {
+    const std::unique_ptr<GcodeSource> source = make_source(options, context.stop);
+    Session session(context.options, context.stop, Interest{false, true});
+    const JovuDeviceAddress address = session.pick_device();
+    std::size_t sent = 0;
+    std::size_t refused = 0;
+    while (const std::optional<GcodeLine> line = source->next()) {
+        const std::string name = "line " + std::to_string(line->number) + " (" + line->text + ")";
+        const std::uint32_t result = session.exchange(address, name, [&] {
+            return session.client().gcode_process_command(address, shared_text(line->text));
+        });
+        ++sent;
+        print_result(context.out, address, *line, result, take_texts(session.inbox(), address));
+        if (result == result_ok) {
+            continue;
+        }
+        if (!options.keep_going) {
+            throw refusal(*line, result);
+        }
+        ++refused;
+        print_error(std::string("jovu: ") + printable(refusal(*line, result).what()));
+    }
+    if (refused > 0) {
+        throw Failure(ExitCode::device_refused,
+                      "lines refused: " + std::to_string(refused) + " of " + std::to_string(sent));
+    }
+}
+
+}  // namespace
+
+Run define_gcode(CLI::App& app) {
+    const auto options = std::make_shared<GcodeOptions>();
+    // Without this, CLI11 takes "[a,b]" for a list of two values.
+    CLI::Option* lines =
+        app.add_option("LINE", options->lines, "Lines of gcode, or - for standard input")
+            ->expected(1, CLI::detail::expected_max_vector_size)
+            ->allow_extra_args(false);
+    CLI::Option* file =
+        app.add_option("-f,--file", options->file, "Read the lines from a file")->type_name("FILE");
+    lines->excludes(file);
+    app.add_flag("-k,--keep-going", options->keep_going, "Go on after a line that is refused");
+    app.footer(
+        "Comments (from ; on) and blank lines are skipped. Each line waits for the device's\n"
+        "result; 0 means that it was carried out. What the device prints meanwhile is shown\n"
+        "below the line.");
+    app.callback([lines, file] {
+        if (lines->count() == 0 && file->count() == 0) {
+            throw CLI::RequiredError("LINE, - or --file FILE");
+        }
+    });
+    return [options](const Context& context) { run(context, *options); };
+}
+
+}  // namespace jovu_cli

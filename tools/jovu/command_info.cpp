@@ -1,0 +1,39 @@
+/// @file
+/// `jovu info`: what a device is.
+
+#include "command.h"
+#include "identity.h"
+#include "printable.h"
+#include "report_text.h"
+#include "session.h"
+
+namespace jovu_cli {
+namespace {
+
+void run(const Context& context) {
+    Session session(context.options, context.stop, Interest{true, false});
+    const JovuDeviceAddress address = session.pick_device();
+    const Identity identity = read_identity(session, address);
+    const StatusReport report = session.request_status(address);
+    if (context.out.json()) {
+        context.out.object({{"device", to_string(address)},
+                            {"version", identity.version},
+                            {"serial", identity.serial},
+                            {"printer", identity_json(report)}});
+        return;
+    }
+    context.out.line(labelled("Device", to_string(address)));
+    context.out.line(labelled("Version", printable(identity.version)));
+    context.out.line(labelled("Serial", printable(identity.serial)));
+    for (const std::string& line : identity_block(report)) {
+        context.out.line(line);
+    }
+}
+
+}  // namespace
+
+Run define_info(CLI::App& /*app*/) {
+    return run;
+}
+
+}  // namespace jovu_cli

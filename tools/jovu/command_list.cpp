@@ -1,0 +1,150 @@
+/// @file
+/// `jovu list`: the devices, opened or not.
+
+#include <future>
+#include <map>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "command.h"
+#include "failure.h"
+#include "identity.h"
+#include "printable.h"
+#include "session.h"
+
+namespace jovu_cli {
+namespace {
+
+/// What became of asking one device who it is.
+struct Entry {
+    JovuDeviceAddress address;
+    std::optional<Identity> identity;
+    std::optional<Failure> failure;
+};
+
+Entry ask(Session& session, JovuDeviceAddress address) {
+    try {
+        return {address, read_identity(session, address), std::nullopt};
+    } catch (const Failure& failure) {
+        return {address, std::nullopt, failure};
+    }
+}
+
+/// Asks all devices at the same time: one that does not answer takes its whole time limit.
+std::vector<Entry> ask_all(Session& session, const std::vector<JovuDeviceAddress>& devices) {
+    std::vector<std::future<Entry>> pending;
+    for (const JovuDeviceAddress address : devices) {
+        pending.push_back(
+            std::async(std::launch::async, [&session, address] { return ask(session, address); }));
+    }
+    std::vector<Entry> entries;
+    for (std::future<Entry>& entry : pending) {
+        entries.push_back(entry.get());
+    }
+    return entries;
+}
+
+/// The ports at which a kind of device is attached that is not, or not all of it, opened. The bus
+/// listing knows ports and the link knows addresses, so the two cannot be told apart one by one.
+struct NotOpened {
+    std::int32_t type;
+    std::size_t count;
+    std::vector<unsigned> ports;
+};
+
+std::vector<NotOpened> not_opened(Session& session) {
+    std::map<std::int32_t, std::vector<unsigned>> ports;
+    for (const JovuUsbDevice& device : session.client().list_attached()) {
+        ports[device.type].push_back(device.port);
+    }
+    const std::size_t opened = session.client().list_connected().size();
+    std::vector<NotOpened> result;
+    for (const auto& [type, at] : ports) {
+        const std::size_t open_here = type == controller_type ? opened : 0;
+        if (at.size() > open_here) {
+            result.push_back({type, at.size() - open_here, at});
+        }
+    }
+    return result;
+}
+
+Json to_json(const std::vector<Entry>& entries, const std::vector<NotOpened>& rest) {
+    Json devices = Json::array();
+    for (const Entry& entry : entries) {
+        Json device = {{"device", to_string(entry.address)}};
+        if (entry.identity) {
+            device["serial"] = entry.identity->serial;
+            device["version"] = entry.identity->version;
+        } else {
+            device["error"] = entry.failure->what();
+        }
+        devices.push_back(std::move(device));
+    }
+    Json others = Json::array();
+    for (const NotOpened& kind : rest) {
+        others.push_back({{"type", kind.type}, {"count", kind.count}, {"ports", kind.ports}});
+    }
+    return {{"devices", std::move(devices)}, {"not_opened", std::move(others)}};
+}
+
+std::string describe(const NotOpened& kind) {
+    std::string ports;
+    for (const unsigned port : kind.ports) {
+        ports += (ports.empty() ? "" : ", ") + std::to_string(port);
+    }
+    std::string text = std::to_string(kind.count) + " attached of type " +
+                       std::to_string(kind.type) + ", not opened (";
+    if (kind.count < kind.ports.size()) {
+        text += "among ";
+    }
+    text += (kind.ports.size() == 1 ? "port " : "ports ") + ports + ")";
+    if (kind.type == controller_type) {
+        text += std::string("; ") + access_hint;
+    }
+    return text;
+}
+
+void print(Output& out, const std::vector<Entry>& entries, const std::vector<NotOpened>& rest) {
+    for (const Entry& entry : entries) {
+        const std::string address = to_string(entry.address);
+        if (entry.identity) {
+            out.line(address + "  serial " + printable(entry.identity->serial) + "  version " +
+                     printable(entry.identity->version));
+        } else {
+            out.line(address + "  no answer");
+        }
+    }
+    for (const NotOpened& kind : rest) {
+        out.line(describe(kind));
+    }
+}
+
+void run(const Context& context) {
+    Session session(context.options, context.stop, {});
+    const std::vector<JovuDeviceAddress> devices = session.find_devices();
+    const std::vector<Entry> entries = ask_all(session, devices);
+    context.stop.throw_if_stopped();
+    const std::vector<NotOpened> rest = not_opened(session);
+    if (context.out.json()) {
+        context.out.object(to_json(entries, rest));
+    } else {
+        print(context.out, entries, rest);
+    }
+    if (devices.empty()) {
+        session.throw_no_device();
+    }
+    for (const Entry& entry : entries) {
+        if (entry.failure) {
+            throw Failure(*entry.failure);
+        }
+    }
+}
+
+}  // namespace
+
+Run define_list(CLI::App& /*app*/) {
+    return run;
+}
+
+}  // namespace jovu_cli

@@ -1,0 +1,244 @@
+/// @file
+/// `jovu push`: sends a print job, sees that it is accepted, and follows it to its end.
+
+#include <chrono>
+#include <cmath>
+#include <exception>
+#include <memory>
+#include <string>
+
+#include "command.h"
+#include "failure.h"
+#include "job_file.h"
+#include "jovu/exception.h"
+#include "printable.h"
+#include "push_reporter.h"
+#include "report_text.h"
+#include "session.h"
+
+namespace jovu_cli {
+namespace {
+
+using namespace std::chrono_literals;
+
+/// How long a device may take to check a job and to show it in its reports.
+constexpr auto accept_limit = 10s;
+constexpr auto accept_poll = 200ms;
+constexpr auto follow_poll = 500ms;
+
+struct PushOptions {
+    std::string file;
+    bool wait = false;
+};
+
+/// Thrown by the progress callback to end a push.
+struct PushInterrupted {};
+
+/// One push, from the first byte to the last.
+class Push {
+public:
+    Push(Session& session, JovuDeviceAddress address, PushReporter& reporter, std::uint64_t size)
+        : session_(session), address_(address), reporter_(reporter), size_(size) {}
+
+    /// Sends the file.
+    /// @throws Failure that says how much the device has got; only after the whole push when it is
+    ///     about the output.
+    void run(const std::string& path) {
+        session_.stop().throw_if_stopped();
+        try {
+            session_.client().SendJobFile(address_, path, &Push::progress, this, false);
+        } catch (const PushInterrupted&) {
+            end_bar();
+            throw Failure(ExitCode::interrupted, "interrupted: " + how_far(), left_over);
+        } catch (const JovuException& error) {
+            end_bar();
+            fail(error.what());
+        }
+        if (output_failure_) {
+            std::rethrow_exception(output_failure_);
+        }
+    }
+
+private:
+    static constexpr const char* left_over =
+        "the device takes whatever comes next for the rest of the job, until it gives the job up "
+        "or is unplugged";
+
+    static void progress(double percent, std::string /*job_id*/, void* user) {
+        static_cast<Push*>(user)->advance(percent);
+    }
+
+    void advance(double percent) {
+        // The library holds the percentage below 100 until the end.
+        sent_ = percent > 99.8 && percent < 100 ? sent_
+                                                : static_cast<std::uint64_t>(std::llround(
+                                                      percent / 100 * static_cast<double>(size_)));
+        try {
+            if (!output_failure_) {
+                reporter_.sending(percent, sent_);
+            }
+        } catch (const Failure&) {
+            // A reader that went away is no reason to leave the device with half a job.
+            output_failure_ = std::current_exception();
+        }
+        if (session_.stop().state() == Stop::signal && percent < 100) {
+            throw PushInterrupted();
+        }
+    }
+
+    std::string how_far() const {
+        return to_string(address_) + " has got " + std::to_string(sent_) + " of " +
+               std::to_string(size_) + " bytes";
+    }
+
+    [[noreturn]] void fail(const std::string& reason) const {
+        const Failure failure = exchange_failure("push to " + to_string(address_), reason);
+        throw Failure(failure.code(), std::string(failure.what()) + "; " + how_far(),
+                      failure.hint());
+    }
+
+    void end_bar() {
+        if (!output_failure_) {
+            reporter_.end_bar();
+        }
+    }
+
+    Session& session_;
+    const JovuDeviceAddress address_;
+    PushReporter& reporter_;
+    const std::uint64_t size_;
+    std::uint64_t sent_ = 0;
+    std::exception_ptr output_failure_;
+};
+
+Failure refused(JovuDeviceAddress address, const std::string& what, const StatusReport& report) {
+    return Failure(ExitCode::device_refused,
+                   to_string(address) + " " + what + ": " + describe_error(report));
+}
+
+/// Waits a moment for the next report's time.
+void pause_for(Session& session, JovuDeviceAddress address, std::chrono::milliseconds time) {
+    const auto until = Inbox::Clock::now() + time;
+    while (const std::optional<Notice> notice = session.inbox().next(until)) {
+        session.check_connected(address, *notice);
+    }
+}
+
+void check_free(JovuDeviceAddress address, const StatusReport& report) {
+    const JobPhase phase = state_phase(report.state);
+    if (phase == JobPhase::active || phase == JobPhase::receiving) {
+        throw Failure(ExitCode::device_refused,
+                      to_string(address) + " is busy with another job: " + report.state + ", " +
+                          std::to_string(report.progress) + " %",
+                      "nothing was sent; 'jovu abort' ends that job");
+    }
+}
+
+/// Whether a report shows a job that the one before the push did not.
+bool shows_new_job(const StatusReport& before, const StatusReport& now) {
+    return now.job_id != before.job_id || now.file != before.file ||
+           state_phase(now.state) == JobPhase::active;
+}
+
+/// Waits until the device shows that it has taken the job, or that it has not. An error that was
+/// there before the push counts only when it stays.
+StatusReport wait_accepted(Session& session, JovuDeviceAddress address,
+                           const StatusReport& before) {
+    const auto deadline = Inbox::Clock::now() + accept_limit;
+    for (;;) {
+        const StatusReport now = session.request_status(address);
+        const JobPhase phase = job_phase(now);
+        const bool new_job = shows_new_job(before, now);
+        const bool late = Inbox::Clock::now() >= deadline;
+        if (phase == JobPhase::error && (new_job || now.error != before.error || late)) {
+            throw refused(address, "refused the job", now);
+        }
+        if (new_job && phase != JobPhase::error && phase != JobPhase::receiving) {
+            return now;
+        }
+        if (late) {
+            throw refused(address, "shows no sign of the job", now);
+        }
+        pause_for(session, address, accept_poll);
+    }
+}
+
+/// Follows the job until it has ended.
+/// @return the last report, of a job that is through.
+StatusReport wait_finished(Session& session, JovuDeviceAddress address, PushReporter& reporter,
+                           StatusReport report) {
+    for (;;) {
+        switch (job_phase(report)) {
+            case JobPhase::finished:
+                return report;
+            case JobPhase::error:
+                throw refused(address, "did not finish the job", report);
+            case JobPhase::aborted:
+                throw Failure(ExitCode::device_refused, "job was aborted at " +
+                                                            std::to_string(report.progress) +
+                                                            " %: " + report.job_id);
+            case JobPhase::idle:
+                if (report.progress >= 100) {
+                    return report;
+                }
+                throw Failure(ExitCode::device_refused, "job ended early, at " +
+                                                            std::to_string(report.progress) +
+                                                            " %: " + report.job_id);
+            case JobPhase::receiving:
+            case JobPhase::active:
+                break;
+        }
+        reporter.printing(report);
+        pause_for(session, address, follow_poll);
+        report = session.request_status(address);
+    }
+}
+
+void follow(const Context& context, Session& session, JovuDeviceAddress address,
+            PushReporter& reporter, const StatusReport& report) {
+    try {
+        reporter.finished(wait_finished(session, address, reporter, report));
+    } catch (const Failure& failure) {
+        if (failure.code() == ExitCode::output_closed) {
+            throw;
+        }
+        reporter.end_bar();
+        if (failure.code() == ExitCode::interrupted) {
+            throw Failure(ExitCode::interrupted,
+                          "interrupted: " + to_string(address) + " goes on with the job",
+                          "'jovu abort' ends it");
+        }
+        throw;
+    }
+    context.stop.throw_if_stopped();
+}
+
+void run(const Context& context, const PushOptions& options) {
+    const std::uint64_t size = check_job_file(options.file);
+    Session session(context.options, context.stop, Interest{true, false});
+    const JovuDeviceAddress address = session.pick_device();
+    const StatusReport before = session.request_status(address);
+    check_free(address, before);
+
+    PushReporter reporter(context.out, address, options.file, size);
+    Push(session, address, reporter, size).run(options.file);
+    const StatusReport report = wait_accepted(session, address, before);
+    reporter.accepted(report);
+    if (options.wait) {
+        follow(context, session, address, reporter, report);
+    }
+}
+
+}  // namespace
+
+Run define_push(CLI::App& app) {
+    const auto options = std::make_shared<PushOptions>();
+    app.add_option("FILE", options->file, "The job file")->required();
+    app.add_flag("--wait", options->wait, "Follow the job to its end");
+    app.footer(
+        "The device is asked afterwards whether it has accepted the job. An interrupted push\n"
+        "leaves it waiting for the rest; the message says how much it has got.");
+    return [options](const Context& context) { run(context, *options); };
+}
+
+}  // namespace jovu_cli

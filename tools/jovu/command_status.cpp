@@ -1,0 +1,100 @@
+/// @file
+/// `jovu status`: what a device is doing, once or again and again.
+
+#include <chrono>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "command.h"
+#include "failure.h"
+#include "printable.h"
+#include "report_text.h"
+#include "session.h"
+
+namespace jovu_cli {
+namespace {
+
+struct StatusOptions {
+    bool watch = false;
+    std::chrono::milliseconds interval{1000};
+};
+
+/// Draws a block of lines over the one drawn before.
+class RedrawnBlock {
+public:
+    explicit RedrawnBlock(Output& out) : out_(out) {}
+
+    void draw(const std::vector<std::string>& lines) {
+        const unsigned columns = out_.columns();
+        std::string frame;
+        if (drawn_ > 0) {
+            frame = "\x1b[" + std::to_string(drawn_) + "A";
+        }
+        for (const std::string& line : lines) {
+            // A line that wrapped would put the next block in the wrong place.
+            frame += "\r\x1b[2K" + fit(line, columns) + "\n";
+        }
+        out_.raw(frame);
+        drawn_ = lines.size();
+    }
+
+private:
+    Output& out_;
+    std::size_t drawn_ = 0;
+};
+
+/// Waits for the next report's time. What else comes in meanwhile is dropped.
+void wait_until(Session& session, JovuDeviceAddress address, Inbox::Clock::time_point time) {
+    while (const std::optional<Notice> notice = session.inbox().next(time)) {
+        session.check_connected(address, *notice);
+    }
+    session.stop().throw_if_stopped();
+}
+
+void watch(const Context& context, Session& session, JovuDeviceAddress address,
+           std::chrono::milliseconds interval) {
+    RedrawnBlock block(context.out);
+    for (;;) {
+        const auto next_time = Inbox::Clock::now() + interval;
+        const StatusReport report = session.request_status(address);
+        if (context.out.json()) {
+            context.out.object(to_json(address, report));
+        } else if (context.out.redraws()) {
+            block.draw(report_block(address, report));
+        } else {
+            context.out.line(report_line(address, report));
+        }
+        wait_until(session, address, next_time);
+    }
+}
+
+void run(const Context& context, const StatusOptions& options) {
+    Session session(context.options, context.stop, Interest{true, false});
+    const JovuDeviceAddress address = session.pick_device();
+    if (options.watch) {
+        watch(context, session, address, options.interval);
+        return;
+    }
+    const StatusReport report = session.request_status(address);
+    if (context.out.json()) {
+        context.out.object(to_json(address, report));
+        return;
+    }
+    for (const std::string& line : report_block(address, report)) {
+        context.out.line(line);
+    }
+}
+
+}  // namespace
+
+Run define_status(CLI::App& app) {
+    const auto options = std::make_shared<StatusOptions>();
+    CLI::Option* watch =
+        app.add_flag("-w,--watch", options->watch, "Report again and again, until Ctrl-C");
+    add_seconds_option(app, "--interval", options->interval, "Time between two reports [1]")
+        ->needs(watch);
+    return [options](const Context& context) { run(context, *options); };
+}
+
+}  // namespace jovu_cli

@@ -1,0 +1,54 @@
+/// @file
+/// The program `jovu`: wires the parts together and turns the outcome into an exit status.
+
+#include <exception>
+#include <string>
+
+#include "command_table.h"
+#include "failure.h"
+#include "jovu/exception.h"
+#include "output.h"
+#include "printable.h"
+#include "stop_source.h"
+
+namespace {
+
+using namespace jovu_cli;
+
+int finish(const Failure& failure) {
+    const std::string what = failure.what();
+    if (!what.empty()) {
+        const std::string hint = failure.hint().empty() ? "" : " (" + failure.hint() + ")";
+        print_error("jovu: " + printable(what + hint));
+    }
+    return static_cast<int>(failure.code());
+}
+
+int run(int argc, const char* const* argv, const FileDescriptor& output, StopSource& stop) {
+    try {
+        const Request request = parse_command_line(argc, argv);
+        Output out(output, stop, request.options.json);
+        if (request.run) {
+            request.run(Context{request.options, out, stop});
+        } else {
+            out.raw(request.text);
+        }
+        return static_cast<int>(ExitCode::ok);
+    } catch (const Failure& failure) {
+        return finish(failure);
+    } catch (const JovuException& error) {
+        return finish(Failure(ExitCode::exchange_failed, error.what()));
+    }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    try {
+        const FileDescriptor output = take_standard_output();
+        StopSource stop(output.get());
+        return run(argc, argv, output, stop);
+    } catch (const std::exception& error) {
+        return finish(Failure(ExitCode::failure, std::string("internal error: ") + error.what()));
+    }
+}

@@ -1,0 +1,110 @@
+#include "output.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <climits>
+#include <cstdlib>
+#include <cstring>
+#include <system_error>
+
+#include "failure.h"
+
+namespace jovu_cli {
+namespace {
+
+constexpr unsigned default_columns = 80;
+
+/// Opens the null device on standard descriptors that were closed when the program started, or the
+/// next file to be opened would become standard output.
+void fill_standard_descriptors() {
+    for (int fd = open("/dev/null", O_RDWR); fd >= 0; fd = open("/dev/null", O_RDWR)) {
+        if (fd > STDERR_FILENO) {
+            close(fd);
+            return;
+        }
+    }
+}
+
+bool can_move_cursor(int fd) {
+    const char* term = std::getenv("TERM");
+    return isatty(fd) != 0 && term != nullptr && *term != '\0' && std::strcmp(term, "dumb") != 0;
+}
+
+[[noreturn]] void throw_write_error(int error) {
+    if (error == EPIPE || error == EIO) {  // EIO: the terminal has been closed.
+        throw Failure(ExitCode::output_closed);
+    }
+    throw Failure(ExitCode::file_problem, std::string("cannot write the output: ") +
+                                              std::generic_category().message(error));
+}
+
+}  // namespace
+
+FileDescriptor take_standard_output() {
+    const bool given = fcntl(STDOUT_FILENO, F_GETFD) != -1;
+    fill_standard_descriptors();
+    FileDescriptor output(given ? fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, STDERR_FILENO + 1) : -1);
+    dup2(STDERR_FILENO, STDOUT_FILENO);
+    return output;
+}
+
+void print_error(const std::string& line) {
+    const std::string text = line + "\n";
+    // There is nobody left to be told of a failure here.
+    (void)!write(STDERR_FILENO, text.data(), text.size());
+}
+
+Output::Output(const FileDescriptor& fd, const StopSource& stop, bool json)
+    : fd_(fd.get()), stop_(stop), json_(json), redraws_(!json && can_move_cursor(fd_)) {}
+
+unsigned Output::columns() const {
+    winsize size{};
+    if (ioctl(fd_, TIOCGWINSZ, &size) == 0 && size.ws_col > 0) {
+        return size.ws_col;
+    }
+    return default_columns;
+}
+
+void Output::line(std::string_view text) {
+    raw(std::string(text) + "\n");
+}
+
+void Output::object(const Json& value) {
+    line(value.dump(-1, ' ', false, Json::error_handler_t::replace));
+}
+
+void Output::raw(std::string_view bytes) {
+    while (!bytes.empty()) {
+        wait_writable();
+        // A pipe that polls as writable takes this much without blocking.
+        const ssize_t written =
+            write(fd_, bytes.data(), std::min<std::size_t>(bytes.size(), PIPE_BUF));
+        if (written >= 0) {
+            bytes.remove_prefix(static_cast<std::size_t>(written));
+        } else if (errno != EINTR && errno != EAGAIN) {
+            throw_write_error(errno);
+        }
+    }
+}
+
+void Output::wait_writable() const {
+    if (fd_ < 0) {
+        throw_write_error(EBADF);
+    }
+    pollfd waited[] = {{fd_, POLLOUT, 0}, {stop_.fd(), POLLIN, 0}};
+    for (;;) {
+        if (poll(waited, std::size(waited), -1) < 0) {
+            continue;
+        }
+        if (waited[0].revents != 0) {
+            return;  // Writable, or the write will tell what is wrong.
+        }
+        stop_.throw_if_stopped();
+    }
+}
+
+}  // namespace jovu_cli

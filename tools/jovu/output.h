@@ -1,0 +1,59 @@
+/// @file
+/// The program's standard output, for people or as JSON.
+#pragma once
+
+#include <nlohmann/json.hpp>
+#include <string>
+#include <string_view>
+
+#include "file_descriptor.h"
+#include "stop_source.h"
+
+namespace jovu_cli {
+
+/// JSON with its members in the order in which they are written.
+using Json = nlohmann::ordered_json;
+
+/// Takes the standard output away from everybody else in the process: file descriptor 1, on which
+/// the library prints its diagnostic lines, becomes another name of standard error.
+/// @return the real standard output; invalid when the program was started without one.
+FileDescriptor take_standard_output();
+
+/// Prints one line on standard error.
+void print_error(const std::string& line);
+
+/// Writes to the program's output. Nothing is buffered. A write that would block ends when the
+/// program is to end. Not thread-safe.
+///
+/// Every writing method throws Failure when the output cannot be written: file_problem, or
+/// output_closed when its reader is gone.
+class Output {
+public:
+    /// @param fd must outlive this object, as must @p stop.
+    Output(const FileDescriptor& fd, const StopSource& stop, bool json);
+
+    /// Whether everything on the output is JSON.
+    bool json() const noexcept { return json_; }
+    /// Whether lines may be redrawn: a terminal that can move its cursor, and no JSON.
+    bool redraws() const noexcept { return redraws_; }
+    /// Width of the terminal, at this moment, in characters.
+    unsigned columns() const;
+
+    /// Writes a line of text; @p text does not hold its end. Device texts in it must have gone
+    /// through printable().
+    void line(std::string_view text);
+    /// Writes one JSON value on one line. Bytes in its texts that are not UTF-8 become U+FFFD.
+    void object(const Json& value);
+    /// Writes bytes as they are.
+    void raw(std::string_view bytes);
+
+private:
+    void wait_writable() const;
+
+    int fd_;
+    const StopSource& stop_;
+    bool json_;
+    bool redraws_;
+};
+
+}  // namespace jovu_cli

@@ -1,0 +1,111 @@
+/// @file
+/// A command's link to the devices: which of them it talks to, and exchanges that Ctrl-C ends.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "client.h"
+#include "failure.h"
+#include "inbox.h"
+#include "jovu/exception.h"
+#include "options.h"
+#include "stop_source.h"
+
+namespace jovu_cli {
+
+/// JovuUsbDevice::type of the devices that the library opens.
+constexpr int controller_type = 1;
+
+/// Why a device that is attached may not open, and what can be done about it.
+constexpr const char* access_hint =
+    "another program holds it, or you have no permission on its USB node: see the udev rule "
+    "packaging/70-jovu.rules";
+
+/// What can be done about an exchange that failed.
+/// @param reason a text of the library.
+/// @return empty when there is nothing to advise.
+std::string exchange_hint(const std::string& reason);
+
+/// The Failure for an exception of the library that a call about a device ended with.
+Failure exchange_failure(const std::string& what, const std::string& reason);
+
+/// The link, up from construction to destruction.
+class Session {
+public:
+    /// Starts the link.
+    /// @throws Failure when it cannot be started.
+    Session(const CommonOptions& options, StopSource& stop, Interest interest);
+    Session(const Session&) = delete;
+    Session& operator=(const Session&) = delete;
+
+    /// The library. Calls that wait for a device belong into exchange().
+    Client& client() noexcept { return client_; }
+    Inbox& inbox() noexcept { return inbox_; }
+    const StopSource& stop() const noexcept { return stop_; }
+
+    /// Waits until all that is attached is connected, or as long as the options say.
+    /// @return what is connected then, in the order of the addresses; only the chosen device when
+    ///     one was chosen. May be empty.
+    /// @throws Failure when the program is to end.
+    std::vector<JovuDeviceAddress> find_devices();
+
+    /// The one device that the command is for. As find_devices(), but for anything but one device:
+    /// @throws Failure no_device or several_devices.
+    JovuDeviceAddress pick_device();
+
+    /// Says why there is no device for the command, as well as it can be told.
+    [[noreturn]] void throw_no_device();
+
+    /// Makes one exchange with a device. An interrupt ends it at once, by closing the device.
+    /// Any thread.
+    /// @param name what is exchanged, for the message.
+    /// @param call a function without arguments that calls one command of client().
+    /// @return what @p call returned.
+    /// @throws Failure exchange_failed, or interrupted (with a text, as the device may have acted).
+    template <class Call>
+    auto exchange(JovuDeviceAddress address, const std::string& name, Call call) {
+        const StopSource::Action closer(
+            stop_, [this, address](Stop reason) { close_on_signal(address, reason); });
+        stop_.throw_if_stopped();
+        auto result = call();
+        check_exchange(address, name);
+        return result;
+    }
+
+    /// Makes a call that sends on the job channel, where nothing is answered.
+    /// @param name what is sent, for the message.
+    /// @throws Failure exchange_failed when @p call threw a JovuException, or interrupted.
+    template <class Call>
+    void send(JovuDeviceAddress address, const std::string& name, Call call) {
+        stop_.throw_if_stopped();
+        try {
+            call();
+        } catch (const JovuException& error) {
+            throw exchange_failure(name + " to " + to_string(address), error.what());
+        }
+    }
+
+    /// Asks a device for its status report and waits for it.
+    /// @throws Failure exchange_failed, also when the device goes away, or interrupted.
+    StatusReport request_status(JovuDeviceAddress address);
+
+    /// @throws Failure exchange_failed when the notice says that this device is gone.
+    void check_connected(JovuDeviceAddress address, const Notice& notice) const;
+
+private:
+    bool worth_waiting(const std::vector<JovuDeviceAddress>& usable, bool found);
+    std::vector<JovuDeviceAddress> usable_devices();
+    void note_announced(const Notice& notice);
+    std::size_t attached_controllers();
+    void close_on_signal(JovuDeviceAddress address, Stop reason);
+    void check_exchange(JovuDeviceAddress address, const std::string& name) const;
+
+    const CommonOptions options_;
+    StopSource& stop_;
+    Inbox inbox_;
+    std::vector<JovuDeviceAddress> announced_;  ///< Every address that was announced, once.
+    Client client_;
+};
+
+}  // namespace jovu_cli

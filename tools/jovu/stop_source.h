@@ -1,0 +1,82 @@
+/// @file
+/// Tells the program that it is to end: Ctrl-C, a request to terminate, or nobody reads any more.
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <functional>
+#include <list>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+#include "file_descriptor.h"
+
+namespace jovu_cli {
+
+/// Why the program is to end.
+enum class Stop {
+    none,
+    output_closed,  ///< The reader of standard output is gone; found without writing to it.
+    signal,         ///< SIGINT, SIGTERM or SIGHUP.
+};
+
+/// Waits, on a thread of its own, for the reasons to end. Made before any other thread, because the
+/// signals must be blocked in all of them. A second signal, when the first has had time to work,
+/// ends the process at once.
+class StopSource {
+public:
+    /// Blocks the signals (but those that were ignored when the program started, as under nohup),
+    /// ignores SIGPIPE and starts the thread.
+    /// @param output_fd the descriptor of the program's output; -1 to watch none. Stays the
+    /// caller's.
+    explicit StopSource(int output_fd);
+    ~StopSource();
+    StopSource(const StopSource&) = delete;
+    StopSource& operator=(const StopSource&) = delete;
+
+    /// The strongest reason so far. Any thread.
+    Stop state() const noexcept { return state_.load(); }
+
+    /// A descriptor that is readable, for good, once there is a reason to end. For poll(2) only.
+    int fd() const noexcept { return stopped_.get(); }
+
+    /// Ends the command if there is a reason to.
+    /// @throws Failure without a text: interrupted or output_closed.
+    void throw_if_stopped() const;
+
+    /// While one of these lives, its function is called, on a thread of its own, for each reason to
+    /// end that comes up. Not for one that came up before: check state() after constructing.
+    class Action {
+    public:
+        /// @param run must not throw, nor make or destroy an Action of this source.
+        Action(StopSource& source, std::function<void(Stop)> run);
+        /// Waits for a running call.
+        ~Action();
+        Action(const Action&) = delete;
+        Action& operator=(const Action&) = delete;
+
+    private:
+        StopSource& source_;
+        std::list<std::function<void(Stop)>>::iterator entry_;
+    };
+
+private:
+    void watch(int output_fd);
+    void take_signal();
+    void stop(Stop reason);
+    void run_actions(Stop reason);
+
+    std::atomic<Stop> state_{Stop::none};
+    FileDescriptor signals_;
+    FileDescriptor stopped_;  ///< An eventfd, written once and never read.
+    FileDescriptor quit_;     ///< An eventfd that ends the thread.
+    std::mutex mutex_;        ///< Held while actions run: they may take any lock but this one.
+    std::list<std::function<void(Stop)>> actions_;  ///< Protected by mutex_.
+    /// Actions can take seconds, in which a second signal must be seen. Used by thread_ only.
+    std::vector<std::thread> runners_;
+    std::chrono::steady_clock::time_point first_signal_;  ///< Used by thread_ only.
+    std::thread thread_;
+};
+
+}  // namespace jovu_cli
