@@ -1,0 +1,508 @@
+#include "fake_usb/fake_libusb.h"
+
+#include <algorithm>
+#include <chrono>
+#include <condition_variable>
+#include <deque>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <thread>
+#include <utility>
+
+using fake_usb::Bulk;
+using fake_usb::Call;
+using fake_usb::Sent;
+using fake_usb::Step;
+using Lock = std::unique_lock<std::mutex>;
+
+namespace {
+
+struct Completion {
+    libusb_transfer* transfer;  ///< Null for a synchronous call.
+    libusb_transfer_status status;
+    std::string data;
+    bool* bulk_done;
+};
+
+enum class Flight { idle, in_flight, completed };
+
+}  // namespace
+
+struct libusb_context {
+    std::deque<Completion> pending;
+    std::thread::id handler;  ///< Who handles events; no thread's id when nobody does.
+    unsigned closing = 0;
+};
+
+struct libusb_device {
+    std::uint8_t bus, address, port;
+    std::uint16_t vendor, product;
+    bool plugged = true;
+    unsigned references = 1;  ///< One is the bus's own while the device is plugged in.
+    libusb_context* context = nullptr;
+};
+
+struct libusb_device_handle {
+    libusb_device* device;
+    libusb_context* context;
+    bool claimed = false;
+};
+
+namespace {
+
+/// Event waits are upper bounds. Short ones let the library notice at once that it is to stop.
+constexpr std::chrono::milliseconds kLongestEventWait{2};
+constexpr std::chrono::seconds kPatience{30};
+
+template <class T>
+using Owned = std::map<T*, std::unique_ptr<T>>;
+
+struct Bus {
+    std::mutex mutex;
+    std::condition_variable changed;
+    Owned<libusb_context> contexts;
+    Owned<libusb_device> devices;
+    Owned<libusb_device_handle> handles;
+    std::map<libusb_device**, std::vector<libusb_device*>> lists;
+    std::map<libusb_transfer*, Flight> transfers;
+    std::map<Call, std::deque<Step>> script;
+    std::map<Call, unsigned> calls;
+    std::deque<Bulk> bulk_script;
+    std::vector<Sent> sent;
+    std::vector<std::string> misuses;
+    bool hold_bulk = false;
+    bool lose_cancellations = false;
+    unsigned in_bulk = 0;
+    unsigned queued = 0;   ///< Completions so far,
+    unsigned handled = 0;  ///< and how many of them have been told. They are told in order.
+};
+
+/// Never destroyed: a process may leave with the library's thread running.
+Bus& bus = *new Bus;
+
+int misuse(const char* what) {
+    bus.misuses.emplace_back(what);
+    return LIBUSB_ERROR_INVALID_PARAM;
+}
+
+template <class T, class... Values>
+T* create(Owned<T>& owned, Values... values) {
+    auto created = std::unique_ptr<T>(new T{values...});
+    T* const key = created.get();
+    owned[key] = std::move(created);
+    return key;
+}
+
+void drop_reference(libusb_device* device) {
+    if (--device->references == 0) bus.devices.erase(device);
+}
+
+int take_step(Call call) {
+    Step step(0);
+    {
+        const Lock lock(bus.mutex);
+        ++bus.calls[call];
+        auto& steps = bus.script[call];
+        if (!steps.empty()) {
+            step = std::move(steps.front());
+            steps.pop_front();
+        }
+    }
+    if (step.before) step.before();
+    return step.result;
+}
+
+libusb_transfer* find_in_flight(libusb_device* device, unsigned endpoint) {
+    for (const auto& [transfer, flight] : bus.transfers) {
+        if (flight == Flight::in_flight && transfer->dev_handle->device == device &&
+            transfer->endpoint == endpoint) {
+            return transfer;
+        }
+    }
+    return nullptr;
+}
+
+void queue(libusb_transfer* transfer, libusb_transfer_status status, const std::string& data) {
+    ++bus.queued;
+    bus.transfers[transfer] = Flight::completed;
+    transfer->dev_handle->context->pending.push_back({transfer, status, data, nullptr});
+    bus.changed.notify_all();
+}
+
+void run_callback(Lock& lock, const Completion& done) {
+    const auto found = bus.transfers.find(done.transfer);
+    if (found == bus.transfers.end()) return;  // Freed in flight, which has been noted.
+    found->second = Flight::idle;
+    done.transfer->status = done.status;
+    done.transfer->actual_length = static_cast<int>(done.data.size());
+    std::copy(done.data.begin(), done.data.end(), done.transfer->buffer);
+    lock.unlock();
+    bool thrown = false;
+    try {
+        done.transfer->callback(done.transfer);
+    } catch (...) {
+        thrown = true;
+    }
+    lock.lock();
+    if (thrown) misuse("an exception left a completion callback");
+}
+
+/// libusb reads the flag that its caller gave it without a lock of the caller's.
+__attribute__((no_sanitize("thread"))) bool is_set(const int* flag) {
+    return flag != nullptr && *static_cast<const volatile int*>(flag) != 0;
+}
+
+int handle_events(libusb_context* context, std::chrono::milliseconds limit, const int* completed) {
+    const int result = take_step(Call::handle_events);
+    if (result != 0) return result;
+    Lock lock(bus.mutex);
+    if (bus.contexts.count(context) == 0) return misuse("events of a context that is not there");
+    const std::thread::id nobody;
+    if (context->handler == std::this_thread::get_id()) return LIBUSB_ERROR_BUSY;
+    const auto wait = std::min(limit, kLongestEventWait);
+    if (context->handler != nobody || context->closing > 0) {
+        bus.changed.wait_for(lock, wait);
+        return 0;
+    }
+    if (is_set(completed)) return 0;
+    context->handler = std::this_thread::get_id();
+    bus.changed.wait_for(lock, wait,
+                         [&] { return !context->pending.empty() || context->closing > 0; });
+    for (std::size_t left = context->pending.size(); left > 0; --left) {
+        const Completion done = std::move(context->pending.front());
+        context->pending.pop_front();
+        if (done.bulk_done != nullptr) {
+            *done.bulk_done = true;
+        } else {
+            run_callback(lock, done);
+            ++bus.handled;
+            bus.changed.notify_all();
+        }
+    }
+    context->handler = nobody;
+    bus.changed.notify_all();
+    return 0;
+}
+
+int handle_events(libusb_context* context, const timeval* limit, const int* completed) {
+    return handle_events(context,
+                         std::chrono::milliseconds(limit->tv_sec * 1000 + limit->tv_usec / 1000),
+                         completed);
+}
+
+}  // namespace
+
+namespace fake_usb {
+
+libusb_device* plug(std::uint8_t bus_number, std::uint8_t address, std::uint16_t product,
+                    std::uint16_t vendor, std::uint8_t port) {
+    const Lock lock(bus.mutex);
+    return create(bus.devices, bus_number, address, port, vendor, product);
+}
+
+void unplug(libusb_device* device, bool silently) {
+    const Lock lock(bus.mutex);
+    device->plugged = false;
+    for (const unsigned endpoint : {0x81U, 0x83U}) {
+        libusb_transfer* const transfer = find_in_flight(device, endpoint);
+        if (transfer != nullptr && !silently) queue(transfer, LIBUSB_TRANSFER_NO_DEVICE, "");
+    }
+    drop_reference(device);
+}
+
+void script(Call call, const std::vector<Step>& steps) {
+    const Lock lock(bus.mutex);
+    bus.script[call].assign(steps.begin(), steps.end());
+}
+
+unsigned calls(Call call) {
+    const Lock lock(bus.mutex);
+    return bus.calls[call];
+}
+
+void script_bulk(const std::vector<Bulk>& steps) {
+    const Lock lock(bus.mutex);
+    bus.bulk_script.assign(steps.begin(), steps.end());
+}
+
+std::vector<Sent> sent() {
+    const Lock lock(bus.mutex);
+    return bus.sent;
+}
+
+void hold_bulk(bool hold) {
+    const Lock lock(bus.mutex);
+    bus.hold_bulk = hold;
+    bus.changed.notify_all();
+}
+
+bool in_bulk() {
+    const Lock lock(bus.mutex);
+    return bus.in_bulk > 0;
+}
+
+void lose_cancellations(bool lose) {
+    const Lock lock(bus.mutex);
+    bus.lose_cancellations = lose;
+}
+
+bool post(libusb_device* device, unsigned endpoint, libusb_transfer_status status,
+          const std::string& data) {
+    const Lock lock(bus.mutex);
+    libusb_transfer* const transfer = find_in_flight(device, endpoint);
+    if (transfer != nullptr) queue(transfer, status, data);
+    return transfer != nullptr;
+}
+
+bool complete(libusb_device* device, unsigned endpoint, libusb_transfer_status status,
+              const std::string& data) {
+    if (!post(device, endpoint, status, data)) return false;
+    Lock lock(bus.mutex);
+    return bus.changed.wait_for(lock, kPatience,
+                                [last = bus.queued] { return bus.handled >= last; });
+}
+
+bool in_flight(libusb_device* device, unsigned endpoint) {
+    const Lock lock(bus.mutex);
+    return find_in_flight(device, endpoint) != nullptr;
+}
+
+std::vector<std::string> finish() {
+    const Lock lock(bus.mutex);
+    std::vector<std::string> wrong = std::exchange(bus.misuses, {});
+    const auto left = [&wrong](std::size_t count, const char* what) {
+        if (count > 0) wrong.push_back(std::to_string(count) + " left: " + what);
+    };
+    left(bus.transfers.size(), "transfers");
+    left(bus.handles.size(), "handles");
+    left(bus.lists.size(), "device lists");
+    left(bus.contexts.size(), "contexts");
+    for (const auto& entry : bus.devices)
+        left(entry.first->references - (entry.first->plugged ? 1U : 0U), "device references");
+    for (const auto& entry : bus.script)
+        left(entry.second.size(), "steps of a script");
+    left(bus.bulk_script.size(), "steps of the bulk script");
+    bus.devices.clear();
+    bus.script.clear();
+    bus.calls.clear();
+    bus.bulk_script.clear();
+    bus.sent.clear();
+    bus.hold_bulk = bus.lose_cancellations = false;
+    return wrong;
+}
+
+}  // namespace fake_usb
+
+int libusb_init(libusb_context** context) {
+    if (const int result = take_step(Call::init)) return result;
+    const Lock lock(bus.mutex);
+    *context = create(bus.contexts);
+    return 0;
+}
+
+void libusb_exit(libusb_context* context) {
+    const Lock lock(bus.mutex);
+    for (const auto& entry : bus.handles) {
+        if (entry.first->context == context) misuse("exit with a handle open");
+    }
+    if (bus.contexts.erase(context) == 0) misuse("exit of a context that is not there");
+}
+
+ssize_t libusb_get_device_list(libusb_context* context, libusb_device*** list) {
+    if (const int result = take_step(Call::list)) return result;
+    const Lock lock(bus.mutex);
+    if (bus.contexts.count(context) == 0) return misuse("list of a context that is not there");
+    std::vector<libusb_device*> found;
+    for (const auto& entry : bus.devices) {
+        if (!entry.first->plugged) continue;
+        ++entry.first->references;
+        entry.first->context = context;
+        found.push_back(entry.first);
+    }
+    const auto count = static_cast<ssize_t>(found.size());
+    found.push_back(nullptr);
+    *list = found.data();
+    bus.lists[*list] = std::move(found);  // Moving a vector keeps its array.
+    return count;
+}
+
+void libusb_free_device_list(libusb_device** list, int unref_devices) {
+    const Lock lock(bus.mutex);
+    const auto found = bus.lists.find(list);
+    if (found == bus.lists.end() || unref_devices == 0) {
+        misuse("device list freed twice or without its references");
+        return;
+    }
+    found->second.pop_back();
+    for (libusb_device* const device : found->second)
+        drop_reference(device);
+    bus.lists.erase(found);
+}
+
+libusb_device* libusb_ref_device(libusb_device* device) {
+    const Lock lock(bus.mutex);
+    ++device->references;
+    return device;
+}
+
+void libusb_unref_device(libusb_device* device) {
+    const Lock lock(bus.mutex);
+    if (bus.devices.count(device) == 0) {
+        misuse("reference to a device let go twice");
+    } else {
+        drop_reference(device);
+    }
+}
+
+int libusb_get_device_descriptor(libusb_device* device, libusb_device_descriptor* descriptor) {
+    if (const int result = take_step(Call::descriptor)) return result;
+    *descriptor = {};
+    descriptor->idVendor = device->vendor;
+    descriptor->idProduct = device->product;
+    return 0;
+}
+
+std::uint8_t libusb_get_bus_number(libusb_device* device) {
+    return device->bus;
+}
+
+std::uint8_t libusb_get_device_address(libusb_device* device) {
+    return device->address;
+}
+
+std::uint8_t libusb_get_port_number(libusb_device* device) {
+    return device->port;
+}
+
+int libusb_open(libusb_device* device, libusb_device_handle** handle) {
+    if (const int result = take_step(Call::open)) return result;
+    const Lock lock(bus.mutex);
+    if (!device->plugged) return LIBUSB_ERROR_NO_DEVICE;
+    ++device->references;
+    *handle = create(bus.handles, device, device->context);
+    return 0;
+}
+
+void libusb_close(libusb_device_handle* handle) {
+    Lock lock(bus.mutex);
+    if (bus.handles.count(handle) == 0) {
+        misuse("handle closed twice");
+        return;
+    }
+    libusb_context* const context = handle->context;
+    if (context->handler != std::this_thread::get_id()) {
+        ++context->closing;
+        bus.changed.notify_all();
+        bus.changed.wait(lock, [context] { return context->handler == std::thread::id(); });
+        --context->closing;
+    }
+    if (handle->claimed) misuse("handle closed with its interface claimed");
+    for (auto& [transfer, flight] : bus.transfers) {
+        if (flight != Flight::idle && transfer->dev_handle == handle) {
+            misuse("handle closed with a transfer in flight");
+        }
+    }
+    drop_reference(handle->device);
+    bus.handles.erase(handle);
+}
+
+int libusb_claim_interface(libusb_device_handle* handle, int interface) {
+    if (const int result = take_step(Call::claim)) return result;
+    const Lock lock(bus.mutex);
+    if (!handle->device->plugged) return LIBUSB_ERROR_NO_DEVICE;
+    if (interface != 0 || handle->claimed) misuse("claim of another interface or twice");
+    handle->claimed = true;
+    return 0;
+}
+
+int libusb_release_interface(libusb_device_handle* handle, int interface) {
+    const Lock lock(bus.mutex);
+    if (interface != 0 || !handle->claimed) misuse("release of what is not claimed");
+    handle->claimed = false;
+    return 0;
+}
+
+libusb_transfer* libusb_alloc_transfer(int /*iso_packets*/) {
+    if (take_step(Call::alloc) != 0) return nullptr;
+    const Lock lock(bus.mutex);
+    auto* const transfer = new libusb_transfer{};
+    bus.transfers[transfer] = Flight::idle;
+    return transfer;
+}
+
+void libusb_free_transfer(libusb_transfer* transfer) {
+    const Lock lock(bus.mutex);
+    const auto found = bus.transfers.find(transfer);
+    if (found == bus.transfers.end()) {
+        if (transfer != nullptr) misuse("transfer freed twice");
+        return;
+    }
+    if (found->second != Flight::idle) misuse("transfer freed in flight");
+    bus.transfers.erase(found);
+    delete transfer;
+}
+
+int libusb_submit_transfer(libusb_transfer* transfer) {
+    if (const int result = take_step(Call::submit)) return result;
+    const Lock lock(bus.mutex);
+    if (bus.handles.count(transfer->dev_handle) == 0) return misuse("submission without a handle");
+    if (transfer->type != LIBUSB_TRANSFER_TYPE_BULK || transfer->timeout != 0 ||
+        transfer->length != 64) {
+        misuse("a receive transfer that is not 64 bytes of bulk without a time limit");
+    }
+    Flight& flight = bus.transfers[transfer];
+    if (flight != Flight::idle) return misuse("submission of a transfer in flight");
+    if (!transfer->dev_handle->device->plugged) return LIBUSB_ERROR_NO_DEVICE;
+    flight = Flight::in_flight;
+    return 0;
+}
+
+int libusb_cancel_transfer(libusb_transfer* transfer) {
+    if (const int result = take_step(Call::cancel)) return result;
+    const Lock lock(bus.mutex);
+    if (bus.transfers.count(transfer) == 0) return misuse("cancellation of a freed transfer");
+    if (bus.transfers[transfer] != Flight::in_flight) return LIBUSB_ERROR_NOT_FOUND;
+    if (!bus.lose_cancellations) queue(transfer, LIBUSB_TRANSFER_CANCELLED, "");
+    return 0;
+}
+
+int libusb_bulk_transfer(libusb_device_handle* handle, unsigned char endpoint, unsigned char* data,
+                         int length, int* transferred, unsigned timeout) {
+    Lock lock(bus.mutex);
+    if (bus.handles.count(handle) == 0) return misuse("bulk transfer without a handle");
+    libusb_context* const context = handle->context;
+    if (context->handler == std::this_thread::get_id()) return LIBUSB_ERROR_BUSY;
+    bus.sent.push_back({endpoint, {data, data + length}, timeout});
+    Bulk step;
+    if (!bus.bulk_script.empty()) {
+        step = bus.bulk_script.front();
+        bus.bulk_script.pop_front();
+    }
+    bool done = false;
+    bool queued = false;
+    ++bus.in_bulk;
+    while (!done) {
+        if (!queued && !bus.hold_bulk) {
+            context->pending.push_back({nullptr, {}, {}, &done});
+            bus.changed.notify_all();
+            queued = true;
+        }
+        lock.unlock();
+        handle_events(context, kPatience, nullptr);
+        lock.lock();
+    }
+    --bus.in_bulk;
+    if (!handle->device->plugged) step = {LIBUSB_ERROR_NO_DEVICE, 0};
+    *transferred = step.transferred == Bulk::kAll ? length : step.transferred;
+    return step.result;
+}
+
+int libusb_handle_events_timeout(libusb_context* context, timeval* limit) {
+    return handle_events(context, limit, nullptr);
+}
+
+int libusb_handle_events_timeout_completed(libusb_context* context, timeval* limit,
+                                           int* completed) {
+    return handle_events(context, limit, completed);
+}

@@ -1,0 +1,81 @@
+/// @file
+/// A USB bus for tests, behind libusb's own function names. Linked in place of libusb.
+///
+/// Threads meet as under the real one: one thread at a time handles events and runs completion
+/// callbacks; synchronous transfers handle events while they wait, and are refused as busy in a
+/// callback; closing a handle waits until nobody handles events.
+///
+/// Every function may be called from any thread.
+#pragma once
+
+#include <libusb.h>
+
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <vector>
+
+namespace fake_usb {
+
+/// The calls that can be scripted and are counted.
+enum class Call { init, list, descriptor, open, claim, alloc, submit, cancel, handle_events };
+
+/// What one call does: runs `before` on the calling thread with no lock held, then returns a result
+/// (other than 0: without having done anything; for an allocation: null).
+struct Step {
+    Step(int value, std::function<void()> first = nullptr)  // NOLINT(google-explicit-constructor)
+        : result(value), before(std::move(first)) {}
+    int result;
+    std::function<void()> before;
+};
+
+/// What one synchronous bulk call does.
+struct Bulk {
+    static constexpr int kAll = -1;
+    int result = 0;
+    int transferred = kAll;
+};
+
+/// One synchronous bulk call that was made.
+struct Sent {
+    unsigned endpoint;
+    std::string bytes;
+    unsigned timeout_ms;
+};
+
+libusb_device* plug(std::uint8_t bus, std::uint8_t address, std::uint16_t product = 0x0002,
+                    std::uint16_t vendor = 0x7A1C, std::uint8_t port = 1);
+
+/// @param silently leaves transfers in flight, as long as the host has not noticed yet.
+void unplug(libusb_device* device, bool silently = false);
+
+/// Says what the next calls do; calls past the script succeed.
+void script(Call call, const std::vector<Step>& steps);
+unsigned calls(Call call);
+
+void script_bulk(const std::vector<Bulk>& steps);
+std::vector<Sent> sent();
+
+/// While bulk is held, synchronous calls stay in their middle, handling events.
+void hold_bulk(bool hold);
+/// @return whether a synchronous call is in its middle now.
+bool in_bulk();
+
+/// While cancellations are lost, cancelling says yes and nothing comes of it.
+void lose_cancellations(bool lose);
+
+/// Completes the transfer that is in flight on an endpoint; its callback runs on the next thread
+/// that handles events.
+/// @return false when none is in flight there.
+bool post(libusb_device* device, unsigned endpoint, libusb_transfer_status status,
+          const std::string& data = "");
+/// The same, and waits until the callback has returned.
+bool complete(libusb_device* device, unsigned endpoint, libusb_transfer_status status,
+              const std::string& data = "");
+bool in_flight(libusb_device* device, unsigned endpoint);
+
+/// Ends a test and forgets everything.
+/// @return what was misused or not released, and how many steps of the scripts were not taken.
+std::vector<std::string> finish();
+
+}  // namespace fake_usb

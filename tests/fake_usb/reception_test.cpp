@@ -1,0 +1,278 @@
+/// @file
+/// Reception: what each completion leads to, and how reception ends.
+#include <stdexcept>
+
+#include "fake_usb/link_test.h"
+
+namespace {
+
+using fake_usb::Call;
+using fake_usb::complete;
+using fake_usb::in_flight;
+using fake_usb::post;
+using test::Barrier;
+using test::error_of;
+using test::in_time;
+using test::Journal;
+using test::kAddress;
+using test::kJobsIn;
+using test::kMessagesIn;
+using test::Link;
+using test::LinkClient;
+using testing::ElementsAre;
+
+using Reception = test::LinkTest;
+
+TEST_F(Reception, EveryCompletionIsDeliveredAndResubmittedAsItsStatusSays) {
+    const std::string packet(64, 'x');
+    const struct {
+        libusb_transfer_status status;
+        std::string data;
+        bool delivered;
+        bool resubmitted;
+    } cases[] = {
+        {LIBUSB_TRANSFER_COMPLETED, packet, true, true},
+        {LIBUSB_TRANSFER_COMPLETED, "", false, true},
+        {LIBUSB_TRANSFER_ERROR, "ab", true, true},
+        {LIBUSB_TRANSFER_ERROR, "", false, true},
+        {LIBUSB_TRANSFER_TIMED_OUT, "ab", true, true},
+        {LIBUSB_TRANSFER_OVERFLOW, packet, true, true},
+        {LIBUSB_TRANSFER_OVERFLOW, "", false, true},
+        {LIBUSB_TRANSFER_STALL, "ab", false, false},
+        {LIBUSB_TRANSFER_NO_DEVICE, "ab", false, false},
+        {LIBUSB_TRANSFER_CANCELLED, "ab", false, false},
+    };
+    for (const unsigned endpoint : {kMessagesIn, kJobsIn}) {
+        for (const auto& row : cases) {
+            SCOPED_TRACE(testing::Message() << "status " << row.status << " of " << endpoint);
+            Journal told;
+            {
+                Link link(told);
+                ASSERT_TRUE(told.wait("b+1.5"));
+                ASSERT_TRUE(complete(link.device, endpoint, row.status, row.data));
+                EXPECT_EQ(in_flight(link.device, endpoint), row.resubmitted);
+                EXPECT_TRUE(in_flight(link.device, kMessagesIn + kJobsIn - endpoint));
+                EXPECT_EQ(JovuUsb::list_connected().size(), 1U);
+                EXPECT_EQ(test::write("the device is there still"), "");
+            }
+            std::vector<std::string> expected{"a+1.5", "b+1.5", "a-1.5"};
+            if (row.delivered) {
+                const std::string client = endpoint == kMessagesIn ? "a" : "b";
+                expected.insert(expected.begin() + 2, client + "<1.5 " + row.data);
+            }
+            EXPECT_EQ(told.entries(), expected);
+            finish();
+        }
+    }
+}
+
+TEST_F(Reception, AFailureOnBothChannelsRemovesTheDevice) {
+    Link link(journal);
+    ASSERT_TRUE(journal.wait("b+1.5"));
+    ASSERT_TRUE(complete(link.device, kJobsIn, LIBUSB_TRANSFER_STALL));
+    ASSERT_TRUE(complete(link.device, kMessagesIn, LIBUSB_TRANSFER_COMPLETED, "x"));
+    ASSERT_TRUE(complete(link.device, kMessagesIn, LIBUSB_TRANSFER_NO_DEVICE));
+    ASSERT_TRUE(journal.wait("b+1.5", 2)) << "it is on the bus still, so the next scan takes it";
+    EXPECT_THAT(journal.entries(),
+                ElementsAre("a+1.5", "b+1.5", "a<1.5 x", "a-1.5", "b-1.5", "a+1.5", "b+1.5"));
+}
+
+TEST_F(Reception, AFailedResubmissionEndsOneChannelOnly) {
+    Link link(journal);
+    ASSERT_TRUE(journal.wait("b+1.5"));
+    fake_usb::script(Call::submit, {LIBUSB_ERROR_IO});
+    ASSERT_TRUE(complete(link.device, kMessagesIn, LIBUSB_TRANSFER_COMPLETED, "x"));
+    EXPECT_FALSE(in_flight(link.device, kMessagesIn));
+    ASSERT_TRUE(complete(link.device, kJobsIn, LIBUSB_TRANSFER_COMPLETED, "y"));
+    EXPECT_TRUE(in_flight(link.device, kJobsIn));
+    EXPECT_EQ(test::write("x"), "");
+    EXPECT_THAT(journal.entries(), ElementsAre("a+1.5", "b+1.5", "a<1.5 x", "b<1.5 y"));
+}
+
+TEST_F(Reception, ClientsOfAnInterfaceAreServedInOrderFromOneBufferThatIsThenCleared) {
+    std::string seen;
+    {
+        Link link(journal);
+        ASSERT_TRUE(journal.wait("b+1.5"));
+        LinkClient late(journal, "c", 0);
+        link.messages.on_data = [](unsigned char* data) { ++data[0]; };
+        late.on_data = [&seen](unsigned char* data) { seen.assign(data, data + 4); };
+        ASSERT_TRUE(complete(link.device, kMessagesIn, LIBUSB_TRANSFER_COMPLETED, "abcd"));
+        EXPECT_EQ(seen, "bbcd");
+        ASSERT_TRUE(complete(link.device, kMessagesIn, LIBUSB_TRANSFER_COMPLETED, "x"));
+        EXPECT_EQ(seen, std::string("y\0\0\0", 4));
+        JovuUsb::close(kAddress);
+    }
+    EXPECT_THAT(journal.entries(), ElementsAre("a+1.5", "b+1.5", "a<1.5 abcd", "c<1.5 bbcd",
+                                               "a<1.5 x", "c<1.5 y", "a-1.5", "c-1.5", "b-1.5"));
+}
+
+TEST_F(Reception, WhatAClientThrowsEndsTheWatcherInWordsAndTheLinkCanStartAgain) {
+    const std::pair<std::function<void(unsigned char*)>, const char*> cases[] = {
+        {[](unsigned char*) { throw std::runtime_error("no room"); }, "no room"},
+        {[](unsigned char*) { throw JovuException(); }, "Unknown JoVu Error"},
+        {[](unsigned char*) { throw 42; }, "UNKNOWN"},
+    };
+    for (const auto& [thrower, what] : cases) {
+        testing::internal::CaptureStdout();
+        {
+            Link link(journal);
+            LinkClient behind(journal, "c", 0);
+            link.messages.on_data = thrower;
+            ASSERT_TRUE(test::eventually([&] { return in_flight(link.device, kJobsIn); }));
+            ASSERT_TRUE(complete(link.device, kMessagesIn, LIBUSB_TRANSFER_COMPLETED, what));
+            EXPECT_TRUE(test::watcher_ends());
+            EXPECT_FALSE(in_flight(link.device, kMessagesIn)) << "not resubmitted";
+            EXPECT_EQ(JovuUsb::list_connected().size(), 1U);
+        }
+        EXPECT_EQ(testing::internal::GetCapturedStdout(),
+                  std::string("Fatal error in hotplug thread - ") + what + ".\n");
+        EXPECT_FALSE(
+            testing::Matches(testing::Contains(std::string("c<1.5 ") + what))(journal.entries()));
+        finish();
+    }
+    Journal again;
+    Link link(again);
+    EXPECT_TRUE(again.wait("b+1.5"));
+}
+
+TEST_F(Reception, AnExceptionOnASendersThreadReachesTheWatcherNotTheSender) {
+    testing::internal::CaptureStdout();
+    {
+        Link link(journal);
+        ASSERT_TRUE(journal.wait("b+1.5"));
+        link.messages.on_data = [](unsigned char*) { throw std::runtime_error("odd"); };
+        fake_usb::hold_bulk(true);
+        auto sending = std::async(std::launch::async, [] { return test::write("x"); });
+        ASSERT_TRUE(test::eventually(fake_usb::in_bulk));
+        ASSERT_TRUE(complete(link.device, kMessagesIn, LIBUSB_TRANSFER_COMPLETED, "x"));
+        fake_usb::hold_bulk(false);
+        EXPECT_EQ(sending.get(), "");
+        EXPECT_TRUE(test::watcher_ends());
+    }
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "Fatal error in hotplug thread - odd.\n");
+}
+
+TEST_F(Reception, ClosingRepeatsItsCancellationsUntilTheyAreThrough) {
+    Link link(journal);
+    ASSERT_TRUE(journal.wait("b+1.5"));
+    fake_usb::script(Call::cancel, std::vector<fake_usb::Step>(5, LIBUSB_ERROR_OTHER));
+    in_time("close", [] { JovuUsb::close(kAddress); });
+    EXPECT_FALSE(in_flight(link.device, kMessagesIn));
+    EXPECT_EQ(JovuUsb::list_connected().size(), 1U);
+    EXPECT_EQ(error_of([] { JovuUsb::close(kAddress); }),
+              "Close failed - Device no longer connected.");
+    EXPECT_THAT(journal.entries(), ElementsAre("a+1.5", "b+1.5", "a-1.5", "b-1.5"));
+}
+
+TEST_F(Reception, ACompletionThatCancellingComesTooLateForIsNotResubmitted) {
+    Link link(journal);
+    ASSERT_TRUE(journal.wait("b+1.5"));
+    const auto complete_first = [&link] {
+        post(link.device, kMessagesIn, LIBUSB_TRANSFER_COMPLETED, "x");
+    };
+    fake_usb::script(Call::cancel, {{LIBUSB_ERROR_NOT_FOUND, complete_first}});
+    const unsigned submitted = fake_usb::calls(Call::submit);
+    in_time("close", [] { JovuUsb::close(kAddress); });
+    EXPECT_EQ(fake_usb::calls(Call::submit), submitted);
+}
+
+TEST_F(Reception, ClosingOutlastsADeliveryOnAnotherThread) {
+    Link link(journal);
+    ASSERT_TRUE(journal.wait("b+1.5"));
+    Barrier barrier;
+    link.jobs->on_data = [&barrier](unsigned char*) { barrier.wait(); };
+    const auto deliver_meanwhile = [&] {
+        post(link.device, kJobsIn, LIBUSB_TRANSFER_COMPLETED, "x");
+        EXPECT_TRUE(journal.wait("b<1.5 x"));
+    };
+    fake_usb::script(Call::cancel, {{0, deliver_meanwhile}});
+    auto closing = std::async(std::launch::async, [] { JovuUsb::close(kAddress); });
+    ASSERT_TRUE(journal.wait("b<1.5 x"));
+    EXPECT_EQ(closing.wait_for(std::chrono::milliseconds(30)), std::future_status::timeout);
+    barrier.open();
+    in_time("close", [&] { closing.get(); });
+}
+
+TEST_F(Reception, StoppingLetsADeliveryFinish) {
+    Barrier barrier;
+    Link link(journal, [&](Link& self) {
+        self.messages.on_data = [&barrier](unsigned char*) { barrier.wait(); };
+        // The second one is behind the first in one round of event handling.
+        self.jobs->on_connected = [&self] {
+            post(self.device, kMessagesIn, LIBUSB_TRANSFER_COMPLETED, "x");
+            post(self.device, kJobsIn, LIBUSB_TRANSFER_COMPLETED, "y");
+        };
+    });
+    ASSERT_TRUE(journal.wait("a<1.5 x"));
+    auto stopping = std::async(std::launch::async, [&] { link.jobs.reset(); });
+    EXPECT_EQ(stopping.wait_for(std::chrono::milliseconds(30)), std::future_status::timeout);
+    barrier.open();
+    in_time("stop", [&] { stopping.get(); });
+    EXPECT_EQ(test::write("x"), "Send failed - Device no longer connected.");
+}
+
+/// With another thread in the middle of a send, which holds the lock around the devices.
+TEST_F(Reception, NothingBlocksInACallback) {
+    Link link(journal);
+    ASSERT_TRUE(journal.wait("b+1.5"));
+    std::vector<std::string> seen;
+    link.messages.on_data = [&](unsigned char*) {
+        Journal other;
+        seen = {test::write("x"),
+                test::write("x", {1, 6}),
+                std::to_string(JovuUsb::list_connected().size()),
+                std::to_string(JovuUsb::list_attached().size()),
+                error_of([&] { LinkClient(other, "c", 0); }),
+                error_of([] {
+                    JovuUsb::close({1, 6});
+                }),
+                error_of([] { JovuUsb::close(kAddress); }),
+                error_of([] { JovuUsb::close(kAddress); }),
+                test::write("x")};
+    };
+    fake_usb::hold_bulk(true);
+    auto sending = std::async(std::launch::async, [] { return test::write("x"); });
+    ASSERT_TRUE(test::eventually(fake_usb::in_bulk));
+    in_time("callback",
+            [&] { complete(link.device, kMessagesIn, LIBUSB_TRANSFER_COMPLETED, "x"); });
+    fake_usb::hold_bulk(false);
+    EXPECT_EQ(sending.get(), "");
+    EXPECT_TRUE(journal.wait("b-1.5")) << "the close that was ordered";
+    const std::string gone = "no longer connected.";
+    EXPECT_THAT(seen,
+                ElementsAre("Send failed - libusb error: -6", "Send failed - Device " + gone, "1",
+                            "1", "Register failed - called from inside a notice or delivery.",
+                            "Close failed - Device " + gone, "", "Close failed - Device " + gone,
+                            "Send failed - Device " + gone));
+}
+
+/// In a process of its own, which keeps what it set aside.
+TEST_F(Reception, ATransferThatNeverComesBackIsSetAsideNotFreed) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    const auto scenario = [] {
+        Journal told;
+        {
+            Link link(told);
+            EXPECT_TRUE(told.wait("b+1.5"));
+            fake_usb::lose_cancellations(true);
+            in_time("close", [] { JovuUsb::close(kAddress); });
+            EXPECT_EQ(test::write("x"), "Send failed - Device no longer connected.");
+            fake_usb::lose_cancellations(false);
+            // It is never too late for the completion.
+            EXPECT_TRUE(complete(link.device, kJobsIn, LIBUSB_TRANSFER_COMPLETED, "late"));
+            EXPECT_FALSE(in_flight(link.device, kJobsIn));
+            fake_usb::unplug(link.device);
+        }
+        EXPECT_THAT(fake_usb::finish(),
+                    ElementsAre("2 left: transfers", "1 left: handles", "1 left: contexts",
+                                "1 left: device references"));
+        Journal again;
+        Link link(again);
+        EXPECT_TRUE(again.wait("b+1.5"));
+        std::_Exit(HasFailure() ? 1 : 0);
+    };
+    EXPECT_EXIT(scenario(), testing::ExitedWithCode(0), "");
+}
+
+}  // namespace

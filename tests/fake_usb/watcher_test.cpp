@@ -1,0 +1,274 @@
+/// @file
+/// The watcher: what goes wrong when devices are opened, and starting and stopping.
+#include <atomic>
+
+#include "fake_usb/link_test.h"
+#include "support/recording_client.h"
+
+namespace {
+
+using fake_usb::Call;
+using fake_usb::in_flight;
+using fake_usb::Step;
+using test::error_of;
+using test::eventually;
+using test::in_time;
+using test::Journal;
+using test::kAddress;
+using test::kJobsIn;
+using test::kMessagesIn;
+using test::Link;
+using test::LinkClient;
+using testing::ElementsAre;
+
+using Watcher = test::LinkTest;
+
+TEST_F(Watcher, EndsInWordsWhenADeviceCannotBeOpenedAfterItsProbe) {
+    const struct {
+        Call call;
+        std::vector<Step> steps;
+        const char* message;
+    } cases[] = {
+        {Call::alloc, {LIBUSB_ERROR_NO_MEM}, "Failed to allocate rx transfer."},
+        {Call::alloc, {0, LIBUSB_ERROR_NO_MEM}, "Failed to allocate rx transfer."},
+        {Call::list, {0, LIBUSB_ERROR_NO_MEM}, "Failed to get libusb device list."},
+        {Call::descriptor, {0, LIBUSB_ERROR_IO}, "Failed to get libusb device descriptor."},
+        {Call::open, {0, LIBUSB_ERROR_ACCESS}, "Failed to open libusb device."},
+        {Call::claim, {0, LIBUSB_ERROR_BUSY}, "Failed to claim libusb device."},
+    };
+    for (const auto& row : cases) {
+        testing::internal::CaptureStdout();
+        fake_usb::script(row.call, row.steps);
+        {
+            const Link link(journal);
+            EXPECT_TRUE(test::watcher_ends());
+            EXPECT_TRUE(JovuUsb::list_connected().empty());
+        }
+        EXPECT_EQ(testing::internal::GetCapturedStdout(),
+                  std::string("Fatal error in hotplug thread - ") + row.message + ".\n");
+        finish();
+    }
+    EXPECT_TRUE(journal.entries().empty());
+    const Link link(journal);
+    EXPECT_TRUE(journal.wait("b+1.5")) << "a later registration starts anew";
+}
+
+TEST_F(Watcher, PassesOverWhatCannotBeHadNowAndTriesAgain) {
+    libusb_device* device = nullptr;
+    const auto leave = [&device] {
+        fake_usb::unplug(device);
+        device = fake_usb::plug(1, 5);
+    };
+    const auto leave_for_good = [&device] {
+        fake_usb::unplug(device);
+        fake_usb::plug(1, 6);
+    };
+    const struct {
+        const char* what;
+        Call call;
+        std::vector<Step> steps;
+        const char* next;
+    } cases[] = {
+        {"no list", Call::list, {LIBUSB_ERROR_NO_MEM}, "b+1.5"},
+        {"no descriptor", Call::descriptor, {LIBUSB_ERROR_IO}, "b+1.5"},
+        {"not to be opened", Call::open, {LIBUSB_ERROR_ACCESS}, "b+1.5"},
+        {"in use", Call::claim, {LIBUSB_ERROR_BUSY}, "b+1.5"},
+        {"left before the opening", Call::open, {0, LIBUSB_ERROR_NO_DEVICE}, "b+1.5"},
+        {"left before the claim", Call::claim, {0, LIBUSB_ERROR_NO_DEVICE}, "b+1.5"},
+        {"left before the look for it", Call::alloc, {{0, leave_for_good}}, "b+1.6"},
+        {"left while it is opened", Call::claim, {0, {0, leave_for_good}}, "b+1.6"},
+        {"left before reception", Call::submit, {{0, leave}}, "b+1.5"},
+        {"left before the notices", Call::submit, {0, {0, leave}}, "b+1.5"},
+    };
+    testing::internal::CaptureStdout();
+    for (const auto& row : cases) {
+        SCOPED_TRACE(row.what);
+        Journal told;
+        fake_usb::script(row.call, row.steps);
+        {
+            const Link link(told, [&](Link& self) { device = self.device; });
+            EXPECT_TRUE(told.wait(row.next));
+            EXPECT_TRUE(eventually([] {
+                return test::write("x") == "" || test::write("x", {1, 6}) == "";
+            }));
+        }
+        finish();
+    }
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
+}
+
+TEST_F(Watcher, KeepsADeviceWhoseReceptionCannotStartClosed) {
+    const std::pair<std::vector<Step>, std::vector<Step>> submissions_and_cancellations[] = {
+        {{LIBUSB_ERROR_IO}, {}},
+        {{0, LIBUSB_ERROR_NO_MEM}, {}},
+        {{0, LIBUSB_ERROR_IO}, {LIBUSB_ERROR_OTHER, LIBUSB_ERROR_OTHER}},
+    };
+    for (const auto& [submissions, cancellations] : submissions_and_cancellations) {
+        Journal told;
+        fake_usb::script(Call::submit, submissions);
+        fake_usb::script(Call::cancel, cancellations);
+        {
+            const Link link(told);
+            ASSERT_TRUE(told.wait("b+1.5"));
+            EXPECT_FALSE(in_flight(link.device, kMessagesIn) || in_flight(link.device, kJobsIn));
+            EXPECT_EQ(JovuUsb::list_connected().size(), 1U);
+            EXPECT_EQ(test::write("x"), "Send failed - Device no longer connected.");
+            fake_usb::unplug(link.device);
+            EXPECT_TRUE(eventually([] { return JovuUsb::list_connected().empty(); }));
+        }
+        EXPECT_THAT(told.entries(), ElementsAre("a+1.5", "b+1.5"));
+        finish();
+    }
+}
+
+TEST_F(Watcher, TellsOfTheOldDeviceBeforeTheNewOneAtItsAddress) {
+    const Link link(journal);
+    ASSERT_TRUE(journal.wait("b+1.5"));
+    fake_usb::unplug(link.device, true);
+    fake_usb::plug(1, 5);
+    ASSERT_TRUE(journal.wait("b+1.5", 2));
+    EXPECT_THAT(journal.entries(),
+                ElementsAre("a+1.5", "b+1.5", "a-1.5", "b-1.5", "a+1.5", "b+1.5"));
+}
+
+TEST_F(Watcher, WhatAClientThrowsAtANoticeTakesTheDeviceBack) {
+    testing::internal::CaptureStdout();
+    {
+        const Link link(journal, [](Link& self) {
+            self.messages.on_connected = [] { throw JovuException("not that one"); };
+        });
+        EXPECT_TRUE(test::watcher_ends());
+        EXPECT_TRUE(JovuUsb::list_connected().empty());
+    }
+    EXPECT_EQ(testing::internal::GetCapturedStdout(),
+              "Fatal error in hotplug thread - not that one.\n");
+}
+
+TEST_F(Watcher, TheLastClientOfEitherInterfaceTakesTheLinkDownForBoth) {
+    Link link(journal);
+    ASSERT_TRUE(journal.wait("b+1.5"));
+    auto second = std::make_unique<LinkClient>(journal, "c", 1);
+    link.jobs.reset();
+    EXPECT_EQ(test::write("x"), "") << "interface 1 has a client still";
+    second.reset();
+    EXPECT_TRUE(JovuUsb::list_connected().empty());
+    EXPECT_EQ(test::write("x"), "Send failed - Device no longer connected.");
+    link.jobs.emplace(journal, "d", 1);
+    ASSERT_TRUE(journal.wait("a+1.5", 2));
+    EXPECT_EQ(test::write("x"), "");
+}
+
+TEST_F(Watcher, OpensNothingWhileScansAreHeld) {
+    fake_usb::plug(1, 5);
+    std::optional<JovuScanHold> hold(std::in_place);
+    const LinkClient client(journal, "a", 0);
+    ASSERT_TRUE(eventually([] { return fake_usb::calls(Call::handle_events) > 50; }));
+    EXPECT_EQ(fake_usb::calls(Call::list), 0U);
+    hold.reset();
+    EXPECT_TRUE(journal.wait("a+1.5"));
+}
+
+TEST_F(Watcher, OpensNothingOnceAHoldIsTakenEvenInTheMiddleOfAScan) {
+    std::optional<JovuScanHold> hold;
+    std::vector<std::string> told_before;
+    std::future<void> holding;
+    fake_usb::script(Call::list, {{0, [&] {
+                                       holding = std::async(std::launch::async, [&] {
+                                           hold.emplace();
+                                           told_before = journal.entries();
+                                       });
+                                       holding.wait_for(std::chrono::milliseconds(30));
+                                   }}});
+    fake_usb::plug(1, 5);
+    const LinkClient client(journal, "a", 0);
+    ASSERT_TRUE(eventually([&] { return fake_usb::calls(Call::handle_events) > 5; }));
+    in_time("hold", [&] { holding.get(); });
+    const unsigned before = fake_usb::calls(Call::handle_events);
+    ASSERT_TRUE(eventually([&] { return fake_usb::calls(Call::handle_events) > before + 5; }));
+    EXPECT_EQ(journal.entries(), told_before);
+    hold.reset();
+    EXPECT_TRUE(journal.wait("a+1.5"));
+}
+
+TEST_F(Watcher, SendersInATightLoopHoldUpNeitherScansNorTheStop) {
+    std::atomic<bool> done{false};
+    std::vector<std::future<void>> senders;
+    {
+        Link link(journal);
+        ASSERT_TRUE(journal.wait("b+1.5"));
+        for (int i = 0; i < 2; ++i) {
+            senders.push_back(std::async(std::launch::async, [&done] {
+                while (!done)
+                    test::write("x");
+            }));
+        }
+        fake_usb::plug(1, 6);
+        EXPECT_TRUE(journal.wait("b+1.6"));
+        in_time("stop", [&] { link.jobs.reset(); });
+    }
+    done = true;
+}
+
+TEST_F(Watcher, ClientsMayComeAndGoOnSeveralThreadsWhileOthersList) {
+    fake_usb::plug(1, 5);
+    std::atomic<bool> done{false};
+    auto listing = std::async(std::launch::async, [&done] {
+        while (!done) {
+            EXPECT_EQ(JovuUsb::list_attached().size(), 1U);
+            EXPECT_LE(JovuUsb::list_connected().size(), 1U);
+        }
+    });
+    in_time("coming and going", [this] {
+        std::vector<std::future<void>> threads;
+        for (const unsigned interface : {0U, 1U}) {
+            threads.push_back(std::async(std::launch::async, [this, interface] {
+                for (int i = 0; i < 20; ++i)
+                    const LinkClient client(journal, "a", interface);
+            }));
+        }
+    });
+    done = true;
+}
+
+TEST_F(Watcher, ListsWhatIsAttachedWithoutAClient) {
+    for (std::uint16_t product = 1; product <= 3; ++product) {
+        fake_usb::plug(1, static_cast<std::uint8_t>(product), product, 0x7A1C,
+                       static_cast<std::uint8_t>(10 + product));
+        fake_usb::plug(2, static_cast<std::uint8_t>(product), product, 0x7A1D);
+    }
+    std::vector<std::pair<int, int>> kinds_and_ports;
+    for (const JovuUsbDevice& device : JovuUsb::list_attached())
+        kinds_and_ports.emplace_back(device.type, device.port);
+    EXPECT_THAT(kinds_and_ports, testing::UnorderedElementsAre(std::pair(0, 11), std::pair(1, 12),
+                                                               std::pair(2, 13)));
+    fake_usb::script(Call::descriptor, std::vector<Step>(6, LIBUSB_ERROR_IO));
+    EXPECT_TRUE(JovuUsb::list_attached().empty());
+    for (const Call call : {Call::list, Call::init}) {
+        fake_usb::script(call, {LIBUSB_ERROR_NO_MEM});
+        EXPECT_EQ(error_of([] { JovuUsb::list_attached(); }), "Failed to get libusb device list.");
+    }
+}
+
+TEST_F(Watcher, AClientThatCannotStartTheLinkLeavesNothingBehind) {
+    fake_usb::script(Call::init, {LIBUSB_ERROR_OTHER});
+    EXPECT_EQ(error_of([] { test::RecordingClient client; }), "Failed to initialize libusb");
+    EXPECT_TRUE(JovuUsb::list_connected().empty());
+    finish();
+    fake_usb::plug(1, 5);
+    const test::RecordingClient client;
+    EXPECT_TRUE(client.wait_connected(kAddress));
+}
+
+TEST_F(Watcher, AProcessMayLeaveWithItRunning) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    const auto leave = [] {
+        static Journal told;
+        static Link link(told);
+        new LinkClient(told, "leaked", 0);  // NOLINT(cppcoreguidelines-owning-memory)
+        told.wait("b+1.5");
+        std::exit(0);
+    };
+    EXPECT_EXIT(leave(), testing::ExitedWithCode(0), "");
+}
+
+}  // namespace
