@@ -1,0 +1,37 @@
+#!/usr/bin/env bash
+# Installs a build into a folder of its own, moves that, builds the example against it by CMake and
+# by pkg-config, and runs both on a simulated controller, and the installed program.
+#
+#   scripts/check-install.sh BUILD_DIR COMPILER JOVU_SIM
+set -euo pipefail
+examples=$(cd "$(dirname "$0")/../examples" && pwd)
+build_dir=$1 compiler=$2 jovu_sim=$3
+
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+fail() { echo "check-install: $1" >&2; exit 1; }
+
+cmake --install "$build_dir" --prefix "$work/first" >/dev/null
+mv "$work/first" "$work/prefix"
+prefix=$work/prefix
+[[ -f $prefix/lib/udev/rules.d/70-jovu.rules ]] || fail "no udev rule"
+"$prefix/bin/jovu" --help >/dev/null || fail "the installed program does not start"
+
+cmake -S "$examples" -B "$work/by-cmake" -G Ninja -DCMAKE_CXX_COMPILER="$compiler" \
+    -DCMAKE_PREFIX_PATH="$prefix" >/dev/null
+cmake --build "$work/by-cmake"
+
+pc=$(find "$prefix" -name jovu.pc -printf '%h')
+export PKG_CONFIG_PATH=$pc
+mkdir "$work/by-pkg-config"
+read -ra flags <<<"$(pkg-config --cflags --libs jovu)"
+"$compiler" -std=c++17 "$examples/announce.cpp" -o "$work/by-pkg-config/announce" "${flags[@]}"
+
+# The library is where pkg-config says; a program that it does not tell of its run-time path.
+LD_LIBRARY_PATH=$(pkg-config --variable=libdir jovu)
+export LD_LIBRARY_PATH
+for way in by-cmake by-pkg-config; do
+    said=$("$jovu_sim" run -- "$work/$way/announce" 3)
+    echo "$way: $said"
+    [[ $said == *"1:2 is here: serial "* ]] || fail "the example $way found no controller"
+done

@@ -1,0 +1,54 @@
+#!/usr/bin/env bash
+# What demo.sh shows, run inside a simulated bus with one controller on it, at 1:2.
+set -euo pipefail
+
+if [[ -t 1 ]]; then bold=$'\033[1m' plain=$'\033[0m'; else bold='' plain=''; fi
+tell() { printf '\n%s\n' "$*"; }
+show() { printf '%s$ %s%s\n' "$bold" "$1" "$plain"; }
+# Runs a command. One that fails ends the story.
+carry_out() {
+    local status=0
+    bash -euo pipefail -c "$1" || status=$?
+    if [[ $status -ne 0 ]]; then
+        echo "demo: failed with status $status: $1" >&2
+        exit 1
+    fi
+}
+# Prints a command and runs it.
+run() {
+    show "$1"
+    carry_out "$1"
+}
+# As run, while the first command runs in the background.
+run_meanwhile() {
+    show "($1) &"
+    carry_out "$1" &
+    run "$2"
+    wait $!
+}
+
+tell "Which controllers are there, and what are they?"
+run "jovu list"
+run "jovu info"
+
+tell "What is it doing? For people, and for programs:"
+run "jovu status"
+run "jovu status --json | jq -c ."
+
+tell "Gcode, line by line; the last one asks for the position:"
+run "jovu gcode G28 'M104 S215' 'G1 X20 Y30 F3000' M114"
+
+tell "The firmware speaks without being asked:"
+run_meanwhile "sleep 1; jovu-sim ctl event 1:2 the filament runs low" "jovu events --seconds 2"
+
+tell "A print job of $(wc -l <calibration-cube.gcode) lines, pushed and followed to its end:"
+run "jovu push calibration-cube.gcode --wait"
+run "jovu status"
+
+tell "The controller's side: what was announced, and what arrived?"
+run "jovu-sim ctl stats 1:2 | jq -c '{job: .job | {size, received, verified, state}, complaints}'"
+
+tell "An application of some 70 lines on the library, while somebody pulls the plug:"
+run_meanwhile "sleep 2; jovu-sim ctl unplug 1:2; jovu-sim ctl plug 1:9" "announce 4"
+
+tell "That was the whole story. Next: README.md, or: build/release/bin/jovu --help"
