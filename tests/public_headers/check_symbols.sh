@@ -11,24 +11,28 @@ soname=$(objdump -p "$library" | awk '$1 == "SONAME" {print $2}')
     failed=1
 }
 
-# Lines of "TYPE NAME". Instantiations of the standard library's templates are weak and visible by
-# the standard library's own wish.
-exported=$(nm --dynamic --demangle --defined-only "$library" | cut -d' ' -f2-)
-class='Jovu(Client|ScanHold|CommandInterface|EventInterface|JobInterface|Transport|UsbClient|Exception)'
-strangers=$(grep -vE \
-    -e "^[TWVDBR] (vtable for |VTT for |typeinfo (name )?for |(non-)?virtual thunk to )?$class(::|\$)" \
-    -e '^[WVu] ([a-z].* )?(std|__gnu_cxx)::' \
-    -e '^[WVu] (vtable|typeinfo|typeinfo name|guard variable) for (std|__gnu_cxx)::' \
+# Judged by their mangled names, in which a class is its length and name, and which begin with the
+# scope. Instantiations of the standard library's templates are weak, and visible by the standard
+# library's own wish.
+classes=
+for class in JovuClient JovuScanHold JovuCommandInterface JovuEventInterface JovuJobInterface \
+    JovuTransport JovuUsbClient JovuException; do
+    classes+="${classes:+|}${#class}$class"
+done
+# Lines of "TYPE NAME".
+exported=$(nm --dynamic --defined-only "$library" | sed 's/^[0-9a-f]* *//')
+prefix='_Z(T[VTIS]|Thn?[0-9]+_|GV)?Z?N?K?'
+strangers=$(grep -vE -e "^[TWVDBR] $prefix($classes)" -e "^[WVu] $prefix(S[tabsiod]|9__gnu_cxx)" \
     <<<"$exported") || true
 if [[ -n $strangers ]]; then
     echo "exported, but not of a public class:" >&2
-    echo "$strangers" >&2
+    c++filt <<<"$strangers" >&2
     failed=1
 fi
 
 for needed in 'JovuClient::JovuClient()' 'JovuClient::shutdown()' 'typeinfo for JovuException' \
     'JovuTransport::last_send_error[abi:cxx11]()'; do
-    grep -qF " $needed" <<<"$exported" || {
+    c++filt <<<"$exported" | grep -F " $needed" >/dev/null || {
         echo "not exported: $needed" >&2
         failed=1
     }
