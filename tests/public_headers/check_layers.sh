@@ -16,7 +16,8 @@ forbid() {
     fi
 }
 
-# Includes in quotes in folder $1 that are found neither beside the file nor in the folders $2...
+# Includes in quotes in folder $1 that are found neither beside the file nor in the folders $2...,
+# or that climb out by "..".
 from_outside() {
     local folder=$1 file line text name root known
     shift
@@ -24,20 +25,38 @@ from_outside() {
         name=$(sed -E 's/[^"]*"([^"]+)".*/\1/' <<<"$text")
         known=false
         for root in "$(dirname "$file")" "$@"; do
-            if [[ -f $root/$name ]]; then known=true; fi
+            if [[ -f $root/$name && $name != *..* ]]; then known=true; fi
         done
         "$known" || echo "$file:$line:$text"
     done < <(includes "$folder" | grep '"')
 }
 
-for folder in include src/usb src/base tools/jovu sim; do
+for folder in include src tools/jovu sim; do
     [[ -n $(includes "$folder") ]] || { echo "$folder includes nothing?" >&2; exit 1; }
+done
+
+# The rooms of the library, and what each may include beside itself and the public headers.
+declare -A rooms=(
+    [base]=''
+    [json]='base'
+    [usb]='base'
+    [core]='base json usb'
+    [commands]='base json core'
+    [events]='base json core'
+    [jobs]='base json usb'
+    [dfu]='base'
+)
+for folder in src/*/; do
+    room=$(basename "$folder")
+    [[ -v rooms[$room] ]] || { forbid "a room without a place among the others" "$folder"; continue; }
+    allowed="jovu $room ${rooms[$room]}"
+    forbid "src/$room may include ${allowed% } only" \
+        "$(includes "$folder" | grep '"' | grep -vE "\"(${allowed// /|})/" || true)"
 done
 
 forbid "only src/usb may name libusb.h" \
     "$(grep -rn '\blibusb\.h' include src tools | grep -v '^src/usb/' || true)"
-forbid "JSON has no place under the messages" \
-    "$(includes src/usb src/base | grep -E '[<"](yajl|json)/' || true)"
+forbid "JSON has no place under the messages" "$(includes src/usb src/base | grep '<yajl/' || true)"
 forbid "the program stands on the public headers alone" \
     "$(from_outside tools/jovu tools/jovu include; includes tools | grep -E '<(libusb|yajl)' || true)"
 forbid "the simulated controller shares nothing with the library" \
