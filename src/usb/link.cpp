@@ -43,6 +43,12 @@ void Link::remove_device(JovuDeviceAddress address) noexcept {
     _connected_devices.erase(found);
 }
 
+void Link::interrupt_watcher() {
+    const MutexLock lock(directory_mutex);
+    for (const auto& entry : _connected_devices)
+        entry.second->cancel_reception();
+}
+
 std::vector<JovuDeviceAddress> Link::addresses() {
     const MutexLock lock(directory_mutex);
     std::vector<JovuDeviceAddress> result;

@@ -68,6 +68,9 @@ struct Link {
     /// Closes a device (which announces its leaving) and removes it from the directory.
     void remove_device(JovuDeviceAddress address) noexcept JOVU_REQUIRES(_connected_devices_mutex);
 
+    /// Ends an event wait of the watcher, if a device is open, at the price of its reception.
+    void interrupt_watcher() JOVU_EXCLUDES(directory_mutex);
+
     std::vector<JovuDeviceAddress> addresses() JOVU_EXCLUDES(directory_mutex);
 };
 

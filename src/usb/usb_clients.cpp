@@ -27,6 +27,7 @@ void start(Link& state) JOVU_REQUIRES(state.lifecycle_mutex) {
 
 void stop(Link& state) JOVU_REQUIRES(state.lifecycle_mutex) {
     state._run_device_hotplug_thread = false;
+    state.interrupt_watcher();
     state._device_hotplug_thread.join();
     // First, for a sender in a tight loop must not keep the link from stopping.
     const jovu::FirstGateLock gate(state._connected_devices_mutex);

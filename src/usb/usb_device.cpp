@@ -35,10 +35,11 @@ void abandon(std::list<AbandonedReception>& what) noexcept {
 
 UsbDevice::UsbDevice(Context context, std::uint16_t vendor_id, std::uint16_t product_id,
                      JovuDeviceAddress address)
-    : context_(std::move(context)), address_(address), connection_(++last_connection), spare_(1) {
-    for (std::size_t i = 0; i < rx_transfer_.size(); ++i) {
-        rx_transfer_[i] = std::make_unique<ReceiveTransfer>(i, address);
-    }
+    : context_(std::move(context)),
+      address_(address),
+      connection_(++last_connection),
+      reception_(std::make_shared<Reception>(address)),
+      spare_(1) {
     open(vendor_id, product_id);
 }
 
@@ -49,8 +50,8 @@ UsbDevice::~UsbDevice() {
 void UsbDevice::open(std::uint16_t vendor_id, std::uint16_t product_id) {
     claim_device(vendor_id, product_id);
     open_ = true;
-    for (const auto& transfer : rx_transfer_) {
-        if (transfer->submit(handle_.get())) continue;
+    for (ReceiveTransfer& transfer : reception_->transfers) {
+        if (transfer.submit(handle_.get())) continue;
         open_ = false;
         end_reception();
         release_device();
@@ -100,8 +101,13 @@ bool UsbDevice::order_close() noexcept {
 }
 
 bool UsbDevice::reception_failed() const noexcept {
-    return std::all_of(rx_transfer_.begin(), rx_transfer_.end(),
-                       [](const auto& transfer) { return transfer && transfer->rx_failed(); });
+    return std::all_of(reception_->transfers.begin(), reception_->transfers.end(),
+                       [](const ReceiveTransfer& transfer) { return transfer.rx_failed(); });
+}
+
+void UsbDevice::cancel_reception() noexcept {
+    for (ReceiveTransfer& transfer : reception_->transfers)
+        transfer.stop();
 }
 
 void UsbDevice::close() noexcept {
@@ -114,15 +120,15 @@ void UsbDevice::close() noexcept {
 
 void UsbDevice::end_reception() noexcept {
     const auto deadline = std::chrono::steady_clock::now() + kDrainLimit;
-    for (const auto& transfer : rx_transfer_) {
-        for (transfer->stop(); !transfer->idle(); transfer->stop()) {
+    for (ReceiveTransfer& transfer : reception_->transfers) {
+        for (cancel_reception(); !transfer.idle(); cancel_reception()) {
             if (std::chrono::steady_clock::now() > deadline) {
-                spare_.front() = {context_, std::move(handle_), std::move(rx_transfer_)};
+                spare_.front() = {context_, std::move(handle_), reception_};
                 abandon(spare_);
                 return;
             }
             timeval slice{0, 20000};
-            libusb_handle_events_timeout_completed(context_.get(), &slice, transfer->rx_done());
+            libusb_handle_events_timeout_completed(context_.get(), &slice, transfer.rx_done());
         }
     }
 }

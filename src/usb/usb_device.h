@@ -23,14 +23,19 @@ class DeviceGone : public JovuException {
 };
 
 /// Receive transfers, one per channel.
-using Reception = std::array<std::unique_ptr<ReceiveTransfer>, kInterfaceCount>;
+struct Reception {
+    explicit Reception(JovuDeviceAddress address)
+        : transfers{ReceiveTransfer(0, address), ReceiveTransfer(1, address)} {}
+
+    std::array<ReceiveTransfer, kInterfaceCount> transfers;
+};
 
 /// Reception that libusb did not give back in time, set aside for good: freeing a transfer that is
 /// in flight, or closing the handle under it, would be worse than keeping it.
 struct AbandonedReception {
     Context context;
     Handle handle;
-    Reception transfers;
+    std::shared_ptr<Reception> reception;
 };
 
 /// A device that the link has opened, with reception on both channels.
@@ -73,6 +78,10 @@ public:
     /// @return whether reception has failed on both channels.
     bool reception_failed() const noexcept;
 
+    /// Cancels reception, for good, which ends an event wait that is going on. Any thread that
+    /// keeps the device alive.
+    void cancel_reception() noexcept;
+
     /// Tells the clients that the device leaves, ends reception and closes the handle. Does nothing
     /// on a closed device.
     void close() noexcept;
@@ -88,7 +97,7 @@ private:
     const JovuUsb::connection_t connection_;
     DeviceRef device_;
     Handle handle_;
-    Reception rx_transfer_;
+    const std::shared_ptr<Reception> reception_;
     std::list<AbandonedReception> spare_;  ///< One node, made while memory can still be refused.
     bool announced_ = false;
     std::atomic<bool> open_{false};

@@ -39,6 +39,8 @@ public:
             if (due && !held) {
                 scan();
                 last_scan_ = std::chrono::steady_clock::now();
+                // Nothing would interrupt the wait for a device that has just been opened.
+                if (!link_._run_device_hotplug_thread) return;
             }
             handle_events(due && held ? kHeldSlice : Link::_device_hotplug_refresh_rate);
             sweep();

@@ -14,6 +14,7 @@ using test::eventually;
 using test::name;
 using test::plug;
 using test::RecordingClient;
+using test::requests;
 using test::sim;
 using test::text;
 
@@ -62,9 +63,7 @@ TEST_P(InACallback, NothingBlocks) {
             client.gcode_process_command(device, text("G28"));
             sender_reason = JovuTransport::last_send_error();
         });
-        ASSERT_TRUE(eventually([&] {
-            return test::stats(device)["commands"].value("gcode_process_command", 0) == 1;
-        }));
+        ASSERT_TRUE(eventually([&] { return requests(device, "gcode_process_command") == 1; }));
     }
     const auto begin = std::chrono::steady_clock::now();
     sim("event " + name(device) + " now");
@@ -88,8 +87,8 @@ TEST_P(InACallback, NothingBlocks) {
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(Exchange, InACallback, testing::Bool(), [](const auto& info) {
-    return info.param ? "WhileASenderWaits" : "Alone";
+INSTANTIATE_TEST_SUITE_P(Exchange, InACallback, testing::Bool(), [](const auto& parameter) {
+    return parameter.param ? "WhileASenderWaits" : "Alone";
 });
 
 TEST(InAStatusCallback, SendsAreRefusedWhileAPushIsRunning) {
@@ -139,7 +138,9 @@ TEST(InAConnectCallback, CommandsWork) {
         answered.set_value(client.answers(address));
     };
     auto result = answered.get_future();
-    sim("replug " + name(device));
+    sim("unplug " + name(device));
+    ASSERT_TRUE(client.wait_disconnected(device));
+    plug(name(device));
     ASSERT_EQ(result.wait_for(test::kPatience), std::future_status::ready);
     EXPECT_TRUE(result.get());
 }

@@ -12,6 +12,7 @@
 
 namespace {
 
+using test::complaints;
 using test::eventually;
 using test::name;
 using test::plug;
@@ -81,7 +82,7 @@ TEST_F(Jobs, PushesOfEverySizeArriveWholeAndReportProgress) {
         EXPECT_EQ(job["verified"], true) << job;
         client.SendAbort(device);
     }
-    EXPECT_EQ(stats(device)["complaints"], 0);
+    EXPECT_EQ(complaints(device), 0);
 }
 
 TEST_F(Jobs, AJobRunsToItsEndAndShowsInStatusReports) {
@@ -99,7 +100,7 @@ TEST_F(Jobs, AJobRunsToItsEndAndShowsInStatusReports) {
     }));
     EXPECT_TRUE(hot);
     EXPECT_FALSE(client.statuses().back().printer.model_name.empty());
-    EXPECT_EQ(stats(device)["complaints"], 0);
+    EXPECT_EQ(complaints(device), 0);
 }
 
 TEST_F(Jobs, BadFilesAndDevicesAreRefusedInTheWordsOfTheLibrary) {
@@ -136,7 +137,7 @@ TEST_F(Jobs, APushThatAnUnplugCutsOffNeverReachesTheNextDevice) {
         EXPECT_EQ(error.rfind("Send failed - ", 0), 0U) << error;
         ASSERT_TRUE(eventually([&] { return client.answers(device); }));
         EXPECT_EQ(stats(device)["job"]["received"], 0) << "cut at " << offset;
-        EXPECT_EQ(stats(device)["complaints"], 0);
+        EXPECT_EQ(complaints(device), 0);
     }
 }
 

@@ -14,6 +14,7 @@ using test::eventually;
 using test::name;
 using test::plug;
 using test::RecordingClient;
+using test::requests;
 using test::sim;
 using test::text;
 
@@ -65,8 +66,7 @@ TEST(Lifetime, AWaitingRequestIsWokenByTheEndOfItsClient) {
     ASSERT_TRUE(client.wait_connected(device));
     sim("fault " + name(device) + " silent");
     std::thread waiting([&] { EXPECT_EQ(client.bio_get_version(device), nullptr); });
-    ASSERT_TRUE(eventually(
-        [&] { return test::stats(device)["commands"].value("bio_get_version", 0) == 1; }));
+    ASSERT_TRUE(eventually([&] { return requests(device, "bio_get_version") == 1; }));
     const auto begin = std::chrono::steady_clock::now();
     client.shutdown();
     waiting.join();

@@ -66,4 +66,12 @@ nlohmann::json stats(JovuDeviceAddress address) {
     return nlohmann::json::parse(sim("stats " + name(address)));
 }
 
+int complaints(JovuDeviceAddress address) {
+    return stats(address)["complaints"]["count"];
+}
+
+int requests(JovuDeviceAddress address, const std::string& command) {
+    return stats(address)["message"]["commands"].value(command, 0);
+}
+
 }  // namespace test

@@ -22,4 +22,10 @@ std::string name(JovuDeviceAddress address);
 /// What the simulated device has counted.
 nlohmann::json stats(JovuDeviceAddress address);
 
+/// How often the device found fault with a request: it checks every member of every one.
+int complaints(JovuDeviceAddress address);
+
+/// How many requests of that command have reached the device.
+int requests(JovuDeviceAddress address, const std::string& command);
+
 }  // namespace test
