@@ -53,7 +53,7 @@ test_timeout=240 # seconds; what a test without a limit of its own may take on a
 tsan_runner=()
 if setarch -R true 2>/dev/null; then tsan_runner=(setarch -R); fi
 
-configure() { cmake --preset "$1" -DJOVU_BUILD_TESTS=ON; }
+configure() { cmake --preset "$1"; }
 # PRESET RUNNER... Keeps going after an error, so that one run shows them all. The build runs test
 # programs too: it asks them for the tests that they have.
 build() { configure "$1" && "${@:2}" cmake --build "build/$1" --parallel "$cores" -- -k 0; }
