@@ -1,0 +1,113 @@
+#include <gtest/gtest.h>
+
+#include <limits>
+
+#include "commands/firmware_command.h"
+#include "jovu/exception.h"
+#include "support/recording_client.h"
+
+namespace {
+
+using Text = std::shared_ptr<char>;
+
+class Command : public testing::Test {
+protected:
+    /// The "command" object of a message.
+    static std::string body(JovuMessage& message) {
+        const std::string text = message.compile();
+        const std::string before = R"(},"data":{"command":)";
+        const std::size_t at = text.find(before) + before.size();
+        return text.substr(at, text.size() - at - 2);
+    }
+
+    /// Hands a reply with this "command" to a command.
+    void reply(JovuMessage& request, const std::string& command) {
+        const jovu::JsonTree tree = jovu::parse_json(R"({"command":)" + command + "}");
+        auto message = std::make_shared<JovuMessage>(client, 2U, request.id(), tree.get());
+        request.set_response(message);
+    }
+
+    test::RecordingClient client;
+};
+
+TEST_F(Command, WritesItsArgumentsUnderTheirKeys) {
+    VoidJovuFirmwareCommandNoArg bare(client, "bare", 7);
+    EXPECT_EQ(body(bare), R"({"idx":7,"name":"bare"})");
+    enum Level : std::uint32_t { high = 0xFFFFFFFF };
+    JovuFirmwareCommand<int, bool, unsigned char, short, int, unsigned, Level, Text> command(
+        client, "all", 67,
+        {true, '\xFF', std::numeric_limits<short>::min(), -1, 4294967295U, high,
+         test::text("a\"\xE9")},
+        {"b", "c", "s", "i", "u", "e", "t"});
+    EXPECT_EQ(body(command),
+              R"({"idx":67,"name":"all","args":{"b":1,"c":255,"s":-32768,"i":-1,"u":4294967295,)"
+              R"("e":4294967295,"t":[97,34,-23,0]}})");
+    JovuFirmwareCommand<int, Text> null(client, "null", 1, {nullptr}, {"which"});
+    EXPECT_THROW(null.compile(), JovuException);
+}
+
+TEST_F(Command, ReadsItsResultAndTreatsABrokenReplyAsNone) {
+    const struct {
+        const char* reply;
+        std::int16_t result;
+        bool answered;
+    } cases[] = {
+        {R"({"idx":1,"name":"n","__return__":-5})", -5, true},
+        {R"({"__return__":70000})", 4464, true},
+        {R"({"__return__":0,"args":{}})", 0, true},
+        {R"({"idx":1,"name":"n"})", 0, true},
+        {R"({})", 0, true},
+        {R"([])", 0, true},
+        {R"({"__return__":"5"})", 0, false},
+        {R"({"__return__":null})", 0, false},
+        {R"({"__return__":true})", 0, false},
+        {R"({"__return__":[5]})", 0, false},
+    };
+    for (const auto& row : cases) {
+        JovuFirmwareCommand<std::int16_t, int> command(client, "n", 1, {3}, {"k"});
+        reply(command, row.reply);
+        EXPECT_EQ(command.result(), row.result) << row.reply;
+        EXPECT_EQ(command.response_available(), row.answered) << row.reply;
+    }
+}
+
+TEST_F(Command, ReadsTextsAndKeepsAZeroBehindThem) {
+    const std::pair<const char*, const char*> cases[] = {
+        {"[72,105,0]", "Hi"},      {"[72,105]", "Hi"},       {"[]", ""},
+        {"[-23,489]", "\xE9\xE9"}, {R"([72,"i"])", nullptr}, {R"("Hi")", nullptr},
+    };
+    for (const auto& [value, text] : cases) {
+        JovuFirmwareCommand<Text, int> command(client, "n", 1);
+        reply(command, std::string(R"({"__return__":)") + value + "}");
+        EXPECT_STREQ(command.result().get(), text) << value;
+    }
+}
+
+TEST(EchoedArguments, AreReadByPositionWhateverTheirKeys) {
+    using Args = std::tuple<int, bool, Text>;
+    const struct {
+        const char* args;
+        Args expected;
+        std::vector<std::string> keys;
+    } cases[] = {
+        {R"({"a":4,"b":1,"c":[72,0]})", {4, true, test::text("H")}, {"a", "b", "c"}},
+        {R"({"z":4,"y":0,"x":[72]})", {4, false, test::text("H")}, {"z", "y", "x"}},
+        {R"({"b":1,"a":4})", {1, true, nullptr}, {"b", "a", ""}},
+        {R"({"a":4,"b":1,"c":[],"d":5})", {4, true, test::text("")}, {"a", "b", "c"}},
+        {R"({"a":"4","b":{},"c":72})", {0, false, nullptr}, {"a", "b", "c"}},
+        {R"({})", {0, false, nullptr}, {"", "", ""}},
+    };
+    for (const auto& row : cases) {
+        const jovu::JsonTree tree = jovu::parse_json(row.args);
+        Args args{};
+        std::vector<std::string> keys(3);
+        CmdArgDeserializer::for_each(tree->u.object.keys, tree->u.object.len, tree.get(), args,
+                                     keys);
+        EXPECT_EQ(keys, row.keys) << row.args;
+        EXPECT_EQ(std::get<0>(args), std::get<0>(row.expected)) << row.args;
+        EXPECT_EQ(std::get<1>(args), std::get<1>(row.expected)) << row.args;
+        EXPECT_STREQ(std::get<2>(args).get(), std::get<2>(row.expected).get()) << row.args;
+    }
+}
+
+}  // namespace

@@ -1,0 +1,116 @@
+#include "core/frame.h"
+
+#include <gtest/gtest.h>
+
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "jovu/exception.h"
+
+namespace {
+
+using Payloads = std::vector<std::string>;
+
+/// Framing by its description, apart from the library's.
+std::string framed(const std::string& payload) {
+    const std::size_t length = payload.size() + 1;
+    std::string frame = "$";
+    for (const std::size_t word : {length, ~length}) {
+        frame.push_back(static_cast<char>(word & 0xFFU));
+        frame.push_back(static_cast<char>(word >> 8U & 0xFFU));
+    }
+    return frame + payload + ";";
+}
+
+/// Decodes bytes that arrive in two pieces, the first of @p head bytes.
+Payloads decoded(const std::string& bytes, std::size_t head) {
+    Payloads payloads;
+    jovu::FrameDecoder decoder;
+    const auto feed = [&](const std::string& piece) {
+        decoder.feed(reinterpret_cast<const unsigned char*>(piece.data()), piece.size(),
+                     [&](const unsigned char* payload, unsigned length) {
+                         payloads.emplace_back(payload, payload + length);
+                     });
+    };
+    feed(bytes.substr(0, head));
+    if (head < bytes.size()) feed(bytes.substr(head));
+    return payloads;
+}
+
+TEST(Frame, IsFoundHoweverItsBytesAreSplit) {
+    using namespace std::string_literals;
+    const std::string ab = framed("ab");
+    const std::string bad_check = "$\x03\x00\xFC\xFE"s;
+    const struct {
+        const char* what;
+        std::string bytes;
+        Payloads expected;
+    } cases[] = {
+        {"one", ab, {"ab"}},
+        {"two", ab + framed("{\"$\":\";\"}"), {"ab", "{\"$\":\";\"}"}},
+        {"garbage around", "x;;y" + ab + "\0z"s + ab, {"ab", "ab"}},
+        {"a start in garbage", "$$$$$" + ab, {"ab"}},
+        {"bad check, frame right behind", bad_check + ab, {"ab"}},
+        {"bad check, its own bytes are not looked at again",
+         "$" + ab.substr(0, 4) + "ab;" + ab,
+         {"ab"}},
+        {"wrong terminator", framed("ab").substr(0, 7) + "x" + ab, {"ab"}},
+        {"wrong terminator that starts a frame", framed("ab").substr(0, 7) + ab, {"ab"}},
+        {"empty payload", framed("") + ab, {"", "ab"}},
+        {"binary payload", framed("\0\xFF$;\0"s), {"\0\xFF$;\0"s}},
+        {"cut off", ab.substr(0, 7), {}},
+        {"long", framed(std::string(300, 'l')) + ab, {std::string(300, 'l'), "ab"}},
+    };
+    for (const auto& row : cases) {
+        for (std::size_t head = 0; head <= row.bytes.size(); ++head) {
+            EXPECT_EQ(decoded(row.bytes, head), row.expected)
+                << row.what << ", split behind " << head;
+        }
+        Payloads payloads;
+        jovu::FrameDecoder decoder;
+        for (const char byte : row.bytes) {
+            const auto value = static_cast<unsigned char>(byte);
+            decoder.feed(&value, 1, [&](const unsigned char* payload, unsigned length) {
+                payloads.emplace_back(payload, payload + length);
+            });
+        }
+        EXPECT_EQ(payloads, row.expected) << row.what << ", byte by byte";
+    }
+}
+
+TEST(Frame, ALengthOfZeroWrapsToTheLongest) {
+    const std::string header("$\x00\x00\xFF\xFF", 5);
+    const std::string payload(65535, 'p');
+    EXPECT_EQ(decoded(header + payload + ";" + framed("ab"), 40000), (Payloads{payload, "ab"}));
+}
+
+TEST(Frame, IsMadeUpToTheLongestPayload) {
+    for (const std::size_t size : {0U, 2U, 254U, 255U, 65533U, 65534U}) {
+        const std::string payload(size, 'p');
+        const jovu::Frame frame = jovu::make_frame(payload);
+        const std::string bytes(frame.header, frame.header + sizeof frame.header);
+        EXPECT_EQ(bytes + frame.body, framed(payload)) << size;
+        EXPECT_EQ(decoded(bytes + frame.body, 64), Payloads{payload}) << size;
+    }
+    try {
+        jovu::make_frame(std::string(65535, 'p'));
+        ADD_FAILURE() << "the length would wrap";
+    } catch (const JovuException& error) {
+        EXPECT_STREQ(error.what(), "Send failed - message of 65535 bytes is too long.");
+    }
+}
+
+TEST(Frame, DecoderIsReadyForTheNextOneWhenItsReaderThrows) {
+    jovu::FrameDecoder decoder;
+    const std::string bytes = framed("ab");
+    const auto* const data = reinterpret_cast<const unsigned char*>(bytes.data());
+    EXPECT_THROW(decoder.feed(data, bytes.size(),
+                              [](unsigned char*, unsigned) { throw std::runtime_error("no"); }),
+                 std::runtime_error);
+    unsigned read = 0;
+    decoder.feed(data, bytes.size(), [&read](unsigned char*, unsigned length) { read = length; });
+    EXPECT_EQ(read, 2U);
+}
+
+}  // namespace

@@ -1,0 +1,89 @@
+#include "json/json.h"
+
+#include <gtest/gtest.h>
+
+#include <clocale>
+#include <cstdio>
+#include <cstdlib>
+#include <limits>
+
+#include "core/message.h"
+#include "jobs/status_report.h"
+#include "support/recording_client.h"
+
+namespace {
+
+std::string nested(std::size_t depth) {
+    return std::string(depth, '[') + std::string(depth, ']');
+}
+
+TEST(Json, NestingIsBoundedBeforeATreeIsBuilt) {
+    const std::size_t limit = jovu::kMaxJsonDepth;
+    EXPECT_NE(jovu::parse_json(nested(limit)), nullptr);
+    EXPECT_EQ(jovu::parse_json(nested(limit + 1)), nullptr);
+    EXPECT_EQ(jovu::parse_json(std::string(1U << 20U, '[')), nullptr);
+    const struct {
+        const char* text;
+        bool fits;  ///< In two levels.
+    } cases[] = {
+        {"", true},
+        {"[{}]", true},
+        {"[{[", false},
+        {R"({"[[[[":"{{{{"})", true},
+        {R"(["\"[[[["])", true},
+        {R"(["\\",[[]]])", false},
+        {R"(["\\\"[[[["])", true},
+        {"[]{}[]{}[]", true},
+        {"]]]][[", true},
+        {"]]]][[[", false},
+    };
+    for (const auto& row : cases)
+        EXPECT_EQ(jovu::nests_within(row.text, 2), row.fits) << row.text;
+}
+
+TEST(Json, LookUpsWantTheRightTypeAtTheRightPlace) {
+    const jovu::JsonTree tree =
+        jovu::parse_json(R"({"a":{"b":{"n":-7,"s":"t"}},"big":1e30,"huge":99999999999999999999})");
+    ASSERT_NE(tree, nullptr);
+    EXPECT_EQ(jovu::find_integer(tree.get(), {"a", "b", "n"}), -7);
+    EXPECT_EQ(jovu::find_double(tree.get(), {"a", "b", "n"}), -7.0);
+    EXPECT_STREQ(jovu::find_string(tree.get(), {"a", "b", "s"}), "t");
+    EXPECT_EQ(jovu::find_integer(tree.get(), {"huge"}), std::numeric_limits<long long>::max());
+    EXPECT_EQ(jovu::find_double(tree.get(), {"big"}), 1e30);
+    EXPECT_EQ(jovu::find_integer(tree.get(), {"a", "b", "s"}), std::nullopt);
+    EXPECT_EQ(jovu::find_double(tree.get(), {"a", "b"}), std::nullopt);
+    EXPECT_EQ(jovu::find_string(tree.get(), {"a", "b", "n"}), nullptr);
+    EXPECT_EQ(jovu::find_string(tree.get(), {"big", "s"}), nullptr);
+    EXPECT_EQ(jovu::find(tree.get(), {"a", "b", "n", "x"}, yajl_t_any), nullptr);
+    EXPECT_EQ(jovu::find(nullptr, {"a"}, yajl_t_any), nullptr);
+}
+
+class Reading : public JovuCommand {
+public:
+    using JovuCommand::JovuCommand;
+    void compile_command(yajl_gen g) override {
+        gen_string(g, "value");
+        gen_double(g, 21.5);
+    }
+};
+
+/// In an application with a locale of its own.
+TEST(Json, NumbersHaveADecimalPointWhateverTheLocale) {
+    test::RecordingClient client;
+    ASSERT_EQ(::setenv("LOCPATH", TEST_LOCALES, 1), 0);
+    ASSERT_NE(std::setlocale(LC_ALL, "de_DE.UTF-8"), nullptr);
+    char own[8] = "";
+    Reading message(client);
+    EXPECT_NE(message.compile().find("\"value\":21.5"), std::string::npos) << message.compile();
+
+    const jovu::JsonTree report = jovu::parse_json(R"({"status":{"extruder_temperature":215.5}})");
+    JovuJobInterface::StatusMsg status;
+    parse_status(report.get(), status);
+    EXPECT_EQ(status.extruder_temperature, 215.5);
+
+    std::snprintf(own, sizeof own, "%.1f", 1.5);
+    EXPECT_STREQ(own, "1,5") << "the application keeps its locale";
+    std::setlocale(LC_ALL, "C");
+}
+
+}  // namespace

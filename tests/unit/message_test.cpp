@@ -1,0 +1,120 @@
+#include "core/message.h"
+
+#include <gtest/gtest.h>
+
+#include <thread>
+
+#include "core/last_send_error.h"
+#include "json/json.h"
+#include "support/recording_client.h"
+
+namespace {
+
+class Message : public testing::Test {
+protected:
+    test::RecordingClient client;
+};
+
+TEST_F(Message, AttributesAndIdStandInTheEnvelope) {
+    const std::pair<unsigned, const char*> cases[] = {
+        {9, R"("request","twoway")"},
+        {5, R"("request","oneway")"},
+        {31, R"("request","response","twoway","oneway","ack")"},
+        {0xFFFFFF40, ""},
+    };
+    for (const auto& [flags, words] : cases) {
+        JovuMessage message(client, flags, 4294967295U, nullptr);
+        EXPECT_EQ(message.compile(), std::string(R"({"transport":{"attrs":[)") + words +
+                                         R"(],"id":4294967295},"data":{}})");
+        EXPECT_EQ(message.twoway(), flags == 9 || flags == 31);
+        EXPECT_EQ(message.is_response(), flags == 31);
+    }
+    EXPECT_EQ(JovuTransport::attrs(0xFFFFFFFF),
+              (std::vector<std::string>{"request", "response", "twoway", "oneway", "ack"}));
+}
+
+TEST_F(Message, IdsAreConsecutiveAndEveryKindTakesFromOneCounter) {
+    const JovuCommand first(client);
+    const JovuEvent second(client);
+    const JovuMessage given(client, 1, 7, nullptr);
+    const JovuMessage third(client, 1, nullptr);
+    EXPECT_EQ(second.id(), first.id() + 1);
+    EXPECT_EQ(third.id(), first.id() + 2);
+    EXPECT_EQ(given.id(), 7U);
+    EXPECT_EQ(JovuMessage(first).id(), first.id());
+}
+
+TEST_F(Message, IsRaisedToWhatItsBodySays) {
+    enum Kind { plain, command, event };
+    const std::pair<const char*, Kind> cases[] = {
+        {R"({"command":{}})", command},
+        {R"({"event":{}})", event},
+        {R"({"event":{},"command":{}})", command},
+        {R"({"event":{},"command":[]})", event},
+        {R"({"event":"e","command":1})", plain},
+        {R"({"status":{}})", plain},
+        {R"({})", plain},
+    };
+    for (const auto& [body, kind] : cases) {
+        const jovu::JsonTree tree = jovu::parse_json(body);
+        const auto raised = JovuMessage::elevate(JovuMessage(client, 2, 3, tree.get()));
+        EXPECT_EQ(dynamic_cast<JovuCommand*>(raised.get()) != nullptr, kind == command) << body;
+        EXPECT_EQ(dynamic_cast<JovuEvent*>(raised.get()) != nullptr, kind == event) << body;
+        EXPECT_EQ(raised->id(), 3U);
+        EXPECT_TRUE(raised->is_response());
+        EXPECT_EQ(raised->get_unparsed_data(), tree.get());
+    }
+    const auto raised = JovuMessage::elevate(JovuMessage(client, 2, 3, nullptr));
+    EXPECT_FALSE(raised->is_parsed());
+}
+
+TEST_F(Message, ACopyHasNoResponseAndAnAssignmentKeepsItsOwn) {
+    JovuMessage answered(client, 1, 1, nullptr);
+    auto response = std::make_shared<JovuMessage>(client, 2, 1, nullptr);
+    answered.set_response(response);
+    EXPECT_FALSE(JovuMessage(answered).response_available());
+    answered = JovuMessage(client, 8, 2, nullptr);
+    EXPECT_TRUE(answered.response_available());
+    EXPECT_EQ(answered.id(), 2U);
+    EXPECT_TRUE(answered.twoway());
+    JovuMessage fresh(client, 1, 3, nullptr);
+    fresh = answered;
+    EXPECT_FALSE(fresh.response_available());
+}
+
+TEST_F(Message, WhatIsMissingOrOfAnotherKindReadsAsNothing) {
+    const char* const bodies[] = {
+        "{}",
+        R"({"command":[],"event":0})",
+        R"({"command":{},"event":{}})",
+        R"({"command":{"name":1,"idx":"1","args":[1]},"event":{"name":{},"args":"x"}})",
+        R"({"command":{"name":null,"idx":true,"args":null},"event":{"args":[]}})",
+    };
+    for (const char* const body : bodies) {
+        const jovu::JsonTree tree = jovu::parse_json(body);
+        auto message = std::make_shared<JovuMessage>(client, 2, 1, tree.get());
+        EXPECT_EQ(JovuCommand::get_unparsed_cmd_name(message), "") << body;
+        EXPECT_EQ(JovuCommand::get_unparsed_cmd_idx(message), 0) << body;
+        EXPECT_EQ(JovuCommand::get_unparsed_args(message), nullptr) << body;
+        EXPECT_EQ(JovuCommand::get_unparsed_arg_keys(message), nullptr) << body;
+        EXPECT_EQ(JovuCommand::get_unparsed_return(message), nullptr) << body;
+        EXPECT_EQ(JovuEvent::get_unparsed_args(message), nullptr) << body;
+        EXPECT_EQ(JovuEvent::get_unparsed_arg_keys(message), nullptr) << body;
+        message->forget_data();
+        EXPECT_EQ(JovuCommand::get_unparsed_command(message), nullptr);
+    }
+}
+
+TEST(LastSendError, IsEachThreadsOwnAndCut) {
+    jovu::set_last_send_error(std::string(300, 'x'));
+    EXPECT_EQ(jovu::last_send_error(), std::string(255, 'x'));
+    std::thread([] {
+        EXPECT_EQ(jovu::last_send_error(), "");
+        jovu::set_last_send_error("other");
+    }).join();
+    EXPECT_EQ(jovu::last_send_error(), std::string(255, 'x'));
+    jovu::set_last_send_error("");
+    EXPECT_EQ(JovuTransport::last_send_error(), "");
+}
+
+}  // namespace
