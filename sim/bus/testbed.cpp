@@ -18,6 +18,15 @@ namespace {
 
 constexpr std::uint8_t kFirstBus = 1;
 
+/// Set by a testbed for the programs on it.
+constexpr char kTestbedVariable[] = "UMOCKDEV_DIR";
+
+/// A socket of the testbed's own: opening it as a file fails with ENXIO.
+constexpr char kUnopenable[] = "/ioctl/_default";
+
+constexpr Millis kLastFilesLimit = 200;
+constexpr useconds_t kLastFilesPause = 500;
+
 /// The path of a socket in the testbed has to fit into sockaddr_un: with a longer directory for
 /// temporary files the usual one is taken.
 constexpr std::size_t kLongestTemporary = 32;
@@ -60,7 +69,7 @@ private:
 }  // namespace
 
 Testbed::Testbed(double pace, std::function<void()> wake) : pace_(pace), wake_(std::move(wake)) {
-    if (umockdev_in_mock_environment() != FALSE) {
+    if (std::getenv(kTestbedVariable) != nullptr) {
         throw std::runtime_error("this program runs on a simulated bus itself");
     }
     const std::string temporary = temporary_directory();
@@ -158,11 +167,18 @@ std::vector<std::shared_ptr<SimDevice>> Testbed::devices() const {
 void Testbed::make_node(const SimDevice& device) {
     const std::filesystem::path path = root_ + device.address().node();
     std::filesystem::create_directories(path.parent_path());
+    std::filesystem::remove(path);
     std::filesystem::create_symlink(device.node_path(), path);
 }
 
 void Testbed::remove_node(BusAddress address) {
-    std::filesystem::remove(root_ + address.node());
+    const std::string path = root_ + address.node();
+    std::filesystem::remove(path);
+    // The preloaded library lets a program through to the machine's own devices where the testbed
+    // has no node. If this machine has one of that number, something stays that cannot be opened.
+    if (::access(address.node().c_str(), F_OK) == 0) {
+        std::filesystem::create_symlink(root_ + kUnopenable, path);
+    }
 }
 
 void Testbed::block_open(BusAddress address, bool blocked) {
@@ -170,8 +186,8 @@ void Testbed::block_open(BusAddress address, bool blocked) {
     const std::filesystem::path path = root_ + address.node();
     const bool is_blocked = std::filesystem::is_directory(path);
     if (blocked == is_blocked) return;
-    remove_node(address);
     if (blocked) {
+        std::filesystem::remove(path);
         std::filesystem::create_directory(path);
     } else {
         make_node(*device);

@@ -29,6 +29,9 @@ public:
     /// What programs get that open the node from now on; null for nothing.
     void set_device(std::shared_ptr<SimDevice> device);
 
+    /// How many files of all nodes of this process are open and have been used. Any thread.
+    static unsigned open_files();
+
 private:
     struct Socket;
     std::shared_ptr<Socket> socket_;

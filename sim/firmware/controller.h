@@ -38,7 +38,7 @@ public:
     Json stats(Millis now) override;
     std::vector<std::string> take_complaints() override { return complaints_.take(); }
 
-    /// Sends a debug event. The text must not hold a zero byte.
+    /// Sends a debug event with at most kLongestEventText bytes of that text.
     void send_debug_event(const std::string& text, Millis now);
 
     /// Sends bytes as they are.

@@ -7,7 +7,7 @@
 #include <limits>
 #include <utility>
 
-#include "firmware/request.h"
+#include "firmware/json_text.h"
 
 namespace jovusim {
 
@@ -144,7 +144,7 @@ void JobChannel::take_text(char c, Millis now) {
 }
 
 void JobChannel::handle(const std::string& text, Millis now) {
-    const Json object = Json::parse(text, nullptr, false);
+    const Json object = parse_json(text);
     const Json* metadata = nullptr;
     if (!object.is_discarded() && object.contains("metadata")) metadata = &object["metadata"];
     if (metadata == nullptr || !has_members(*metadata, {"version", "type"}) ||

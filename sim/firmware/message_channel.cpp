@@ -75,8 +75,13 @@ void MessageChannel::answer(const Request& request, const Json* result, Millis n
     if (!faults_.take(Corruption::attrs)) transport["attrs"] = Json::array({"response"});
     transport["id"] = faults_.take(Corruption::id) ? request.id + kWrongIdOffset : request.id;
 
-    const Json document = {{"transport", transport}, {"data", {{"command", body}}}};
+    Json document = {{"transport", transport}, {"data", {{"command", body}}}};
     std::string text = document.dump();
+    if (text.size() + 2 * std::size_t{faults_.deep} > kMaxFramePayload) {
+        // Almost as long as the request was; the echo is not part of the answer's meaning.
+        document["data"]["command"].erase("args");
+        text = document.dump();
+    }
     if (result != nullptr && faults_.deep > 0) {
         // Written as text: a JSON tree of that depth would be walked by recursion.
         const std::string marker = '"' + std::string(kDeepResult) + '"';
@@ -95,7 +100,10 @@ std::string MessageChannel::debug_event(const std::string& text) {
     ++events_;
     const Json document = {
         {"transport", {{"attrs", {"request", "oneway"}}, {"id", next_event_id_++}}},
-        {"data", {{"event", {{"name", "debug_event"}, {"args", {{"text", text_to_json(text)}}}}}}}};
+        {"data",
+         {{"event",
+           {{"name", "debug_event"},
+            {"args", {{"text", text_to_json(text.substr(0, kLongestEventText))}}}}}}}};
     return encode_frame(document.dump());
 }
 

@@ -16,6 +16,9 @@
 
 namespace jovusim {
 
+/// The longest text of a debug event: its frame has room for it whatever its bytes are.
+constexpr std::size_t kLongestEventText = 12000;
+
 /// Reads frames, carries commands out and queues answers and events.
 class MessageChannel {
 public:
@@ -24,7 +27,7 @@ public:
 
     void receive(const std::uint8_t* data, std::size_t size, Millis now);
 
-    /// Queues a debug event with that text.
+    /// Queues a debug event with that text, or the first kLongestEventText bytes of it.
     void send_debug_event(const std::string& text, Millis now);
 
     /// Queues that many debug events at once.

@@ -2,6 +2,8 @@
 
 #include <limits>
 
+#include "firmware/json_text.h"
+
 namespace jovusim {
 
 namespace {
@@ -98,34 +100,10 @@ const Command* read_command(const Json& body, Request& request, Complaints& comp
 
 }  // namespace
 
-bool has_members(const Json& object, std::initializer_list<const char*> keys) {
-    if (!object.is_object() || object.size() != keys.size()) return false;
-    auto expected = keys.begin();
-    for (const auto& [key, value] : object.items()) {
-        if (key != *expected++) return false;
-    }
-    return true;
-}
-
-bool has_blanks(const std::string& text) {
-    bool in_string = false;
-    for (std::size_t i = 0; i < text.size(); ++i) {
-        const char c = text[i];
-        if (in_string && c == '\\') {
-            ++i;
-        } else if (c == '"') {
-            in_string = !in_string;
-        } else if (!in_string && (c == ' ' || c == '\t' || c == '\n' || c == '\r')) {
-            return true;
-        }
-    }
-    return false;
-}
-
 std::optional<Request> read_request(const std::string& payload, Complaints& complaints) {
-    const Json root = Json::parse(payload, nullptr, false);
+    const Json root = parse_json(payload);
     if (root.is_discarded()) {
-        complaints.add(kWho + std::string("no JSON: ") + excerpt(payload));
+        complaints.add(kWho + std::string("no JSON, or nested too deeply: ") + excerpt(payload));
         return std::nullopt;
     }
     if (has_blanks(payload)) {

@@ -35,10 +35,4 @@ struct Request {
 /// @returns nothing when there is no command or no id to answer under
 std::optional<Request> read_request(const std::string& payload, Complaints& complaints);
 
-/// Whether the members of an object are these, in this order.
-bool has_members(const Json& object, std::initializer_list<const char*> keys);
-
-/// Whether a JSON text has blanks or line breaks outside its strings.
-bool has_blanks(const std::string& text);
-
 }  // namespace jovusim

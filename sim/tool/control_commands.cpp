@@ -73,6 +73,10 @@ std::string stats(Testbed& testbed, Words& words) {
 std::string event(Testbed& testbed, Words& words) {
     const auto device = testbed.at(words.address());
     const std::string text = words.rest();
+    if (text.size() > kLongestEventText) {
+        throw BadRequest("TEXT has " + std::to_string(text.size()) + " bytes, more than " +
+                         std::to_string(kLongestEventText));
+    }
     device->with_controller(
         [&](Controller& controller, Millis now) { controller.send_debug_event(text, now); });
     return {};

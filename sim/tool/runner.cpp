@@ -1,5 +1,6 @@
 #include "tool/runner.h"
 
+#include <dlfcn.h>
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/resource.h>
@@ -17,6 +18,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <exception>
+#include <stdexcept>
 #include <system_error>
 
 #include "bus/clock.h"
@@ -92,6 +94,16 @@ private:
     static constexpr std::uint64_t kOne = 1;
     UniqueFd fd_;
 };
+
+/// Without that library a program would run all the same, and find the machine's own devices.
+/// @throws std::runtime_error
+void require_preload_library() {
+    void* const library = ::dlopen(kPreloadLibrary, RTLD_LAZY | RTLD_LOCAL);
+    if (library == nullptr) {
+        throw std::runtime_error(std::string(::dlerror()) + "; is the package umockdev installed?");
+    }
+    ::dlclose(library);
+}
 
 std::vector<std::string> child_environment(const std::string& control_path) {
     auto environment = current_environment();
@@ -193,6 +205,7 @@ int run_on_bus(const RunOptions& options) {
     try {
         const ProcessSettings before = take_over_process();
         const Waker waker;
+        require_preload_library();
         Testbed testbed(options.speed, [&waker] { waker.wake(); });
         const std::string control_path = testbed.root() + "/control";
         ControlServer server(control_path, [&testbed](const std::string& line) {

@@ -1,0 +1,60 @@
+#include "firmware/json_text.h"
+
+namespace jovusim {
+
+namespace {
+
+constexpr int kDeepest = 64;
+
+/// Calls visit with every character that is not in a string, until it returns false.
+template <typename Visit>
+void outside_strings(const std::string& text, Visit visit) {
+    bool in_string = false;
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        const char c = text[i];
+        if (in_string && c == '\\') {
+            ++i;
+        } else if (c == '"') {
+            in_string = !in_string;
+        } else if (!in_string && !visit(c)) {
+            return;
+        }
+    }
+}
+
+bool too_deep(const std::string& text) {
+    int depth = 0;
+    outside_strings(text, [&depth](char c) {
+        if (c == '{' || c == '[') ++depth;
+        if (c == '}' || c == ']') --depth;
+        return depth <= kDeepest;
+    });
+    return depth > kDeepest;
+}
+
+}  // namespace
+
+Json parse_json(const std::string& text) {
+    if (too_deep(text)) return Json(Json::value_t::discarded);
+    return Json::parse(text, nullptr, false);
+}
+
+bool has_blanks(const std::string& text) {
+    bool found = false;
+    outside_strings(text, [&found](char c) {
+        found = c == ' ' || c == '\t' || c == '\n' || c == '\r';
+        return !found;
+    });
+    return found;
+}
+
+bool has_members(const Json& object, std::initializer_list<const char*> keys) {
+    if (!object.is_object() || object.size() != keys.size()) return false;
+    auto expected = keys.begin();
+    for (const auto& [key, value] : object.items()) {
+        if (key != *expected++) return false;
+    }
+    return true;
+}
+
+}  // namespace jovusim
