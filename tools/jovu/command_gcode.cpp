@@ -108,22 +108,19 @@ void run(const Context& context, const GcodeOptions& options) {
 
 Run define_gcode(CLI::App& app) {
     const auto options = std::make_shared<GcodeOptions>();
-    // Without this, CLI11 takes "[a,b]" for a list of two values.
     CLI::Option* lines =
         app.add_option("LINE", options->lines, "Lines of gcode, or - for standard input")
-            ->expected(1, CLI::detail::expected_max_vector_size)
-            ->allow_extra_args(false);
+            ->type_name("");
     CLI::Option* file =
         app.add_option("-f,--file", options->file, "Read the lines from a file")->type_name("FILE");
-    lines->excludes(file);
     app.add_flag("-k,--keep-going", options->keep_going, "Go on after a line that is refused");
     app.footer(
         "Comments (from ; on) and blank lines are skipped. Each line waits for the device's\n"
         "result; 0 means that it was carried out. What the device prints meanwhile is shown\n"
         "below the line.");
     app.callback([lines, file] {
-        if (lines->count() == 0 && file->count() == 0) {
-            throw CLI::RequiredError("LINE, - or --file FILE");
+        if ((lines->count() == 0) == (file->count() == 0)) {
+            throw CLI::ValidationError("either LINE..., - or --file FILE is needed");
         }
     });
     return [options](const Context& context) { run(context, *options); };

@@ -99,9 +99,6 @@ std::string describe(const NotOpened& kind) {
         text += "among ";
     }
     text += (kind.ports.size() == 1 ? "port " : "ports ") + ports + ")";
-    if (kind.type == controller_type) {
-        text += std::string("; ") + access_hint;
-    }
     return text;
 }
 
@@ -117,6 +114,9 @@ void print(Output& out, const std::vector<Entry>& entries, const std::vector<Not
     }
     for (const NotOpened& kind : rest) {
         out.line(describe(kind));
+        if (kind.type == controller_type && !entries.empty()) {  // Else it is told as the error.
+            out.line(std::string("  (") + access_hint + ")");
+        }
     }
 }
 

@@ -93,8 +93,8 @@ private:
 
     [[noreturn]] void fail(const std::string& reason) const {
         const Failure failure = exchange_failure("push to " + to_string(address_), reason);
-        throw Failure(failure.code(), std::string(failure.what()) + "; " + how_far(),
-                      failure.hint());
+        const std::string hint = failure.hint().empty() ? left_over : failure.hint();
+        throw Failure(failure.code(), std::string(failure.what()) + "; " + how_far(), hint);
     }
 
     void end_bar() {

@@ -3,10 +3,10 @@
 #include <algorithm>
 #include <map>
 #include <memory>
+#include <utility>
 
 #include "exit_codes.h"
 #include "failure.h"
-#include "printable.h"
 
 namespace jovu_cli {
 namespace {
@@ -37,9 +37,35 @@ void add_common_options(CLI::App& app, CommonOptions& options) {
     app.add_flag("--json", options.json, "Write JSON, for programs");
 }
 
-std::string on_one_line(std::string text) {
+std::string describe(const CLI::App& app, const CLI::ParseError& error) {
+    if (app.get_subcommands().empty()) {
+        // The parser's own text for these does not name the word.
+        const std::vector<std::string> words = app.remaining();
+        if (!words.empty()) {
+            return "unknown command or option: " + words.front();
+        }
+        if (dynamic_cast<const CLI::RequiredError*>(&error) != nullptr) {
+            return "no command given";
+        }
+    }
+    std::string text = error.what();
     std::replace(text.begin(), text.end(), '\n', ' ');
     return text;
+}
+
+/// The words of a command line. CLI11 takes a word "[a,b]" in a list of positionals for two values;
+/// a blank behind it prevents that, and does not matter to a line of gcode.
+std::vector<std::string> protected_words(int argc, const char* const* argv) {
+    std::vector<std::string> words(argv + 1, argv + argc);
+    const auto gcode = std::find(words.begin(), words.end(), "gcode");
+    for (auto word = gcode; word != words.end(); ++word) {
+        const std::string& before = *(word - (word == gcode ? 0 : 1));
+        const bool names_file = before == "-f" || before == "--file";
+        if (!names_file && word->size() > 1 && word->front() == '[' && word->back() == ']') {
+            *word += ' ';
+        }
+    }
+    return words;
 }
 
 }  // namespace
@@ -65,25 +91,29 @@ Request parse_command_line(int argc, const char* const* argv) {
     app.set_help_flag("-h,--help", "Print this help and exit");
     add_common_options(app, request.options);
     app.require_subcommand(1);
+    app.get_formatter()->label("SUBCOMMAND", "COMMAND");
     app.footer(std::string("\n") + notes + "\n" + exit_code_help());
 
     std::map<const CLI::App*, Run> runs;
     for (const Command& command : command_table()) {
         CLI::App* sub = app.add_subcommand(command.name, command.summary);
         sub->fallthrough();
+        sub->group("Commands");
         runs[sub] = command.define(*sub);
         const std::string own = sub->get_footer();
         sub->footer((own.empty() ? "" : own + "\n\n") + common_options_note);
     }
     try {
-        app.parse(argc, argv);
+        std::vector<std::string> words = protected_words(argc, argv);
+        std::reverse(words.begin(), words.end());  // The parser takes them from the end.
+        app.parse(std::move(words));
         request.run = runs.at(app.get_subcommands().front());
     } catch (const CLI::CallForHelp&) {
         request.text = app.help();
     } catch (const CLI::CallForVersion& version) {
         request.text = std::string(version.what()) + "\n";
     } catch (const CLI::ParseError& error) {
-        throw Failure(ExitCode::usage, printable(on_one_line(error.what())), "see jovu --help");
+        throw Failure(ExitCode::usage, describe(app, error), "see jovu --help");
     }
     return request;
 }

@@ -13,6 +13,11 @@ std::string whole_percent(double percent) {
     return std::to_string(static_cast<int>(percent)) + " %";
 }
 
+std::string printing_tail(const StatusReport& report) {
+    return printable(report.state) + "  " + temperature_text(report.extruder_temperature) + "  " +
+           duration_text(report.time_elapsed);
+}
+
 }  // namespace
 
 bool Tenths::reached(double percent) {
@@ -70,9 +75,7 @@ void PushReporter::printing(const StatusReport& report) {
         object("job", report);
         return;
     }
-    const std::string state = printable(report.state) + "  " +
-                              temperature_text(report.extruder_temperature) + "  " +
-                              duration_text(report.time_elapsed);
+    const std::string state = printing_tail(report);
     if (bar_) {
         bar_->draw(percent, "Printing", state, true);
     } else if (printed_tenths_.reached(percent) || report.state != last_state_) {
@@ -85,6 +88,9 @@ void PushReporter::finished(const StatusReport& report) {
     if (out_.json()) {
         object("finished", report);
         return;
+    }
+    if (bar_) {
+        bar_->draw(100, "Printing", printing_tail(report), true);
     }
     end_bar();
     out_.line("finished after " + duration_text(report.time_elapsed) + ": job " +

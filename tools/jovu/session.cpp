@@ -14,9 +14,10 @@ using namespace std::chrono_literals;
 constexpr auto default_wait = 2s;
 
 /// A device answers in milliseconds. A report can stay behind in the receive buffer until more
-/// bytes come, so the request is repeated.
-constexpr auto report_repeat = 2s;
-constexpr int report_attempts = 5;
+/// bytes come, so the request is repeated; only once, because a device that waits for the rest of a
+/// job takes each request for job data, and never gives up.
+constexpr auto report_repeat = 5s;
+constexpr int report_attempts = 2;
 
 bool ends_with(std::string_view text, std::string_view end) {
     return text.size() >= end.size() && text.substr(text.size() - end.size()) == end;
@@ -176,7 +177,10 @@ StatusReport Session::request_status(JovuDeviceAddress address) {
         }
         stop_.throw_if_stopped();
     }
-    throw exchange_failure("status request to " + to_string(address), "timed out");
+    throw Failure(ExitCode::exchange_failed,
+                  "status request to " + to_string(address) + " failed: timed out",
+                  "after an interrupted push the device may wait for the rest of the job: leave it "
+                  "alone until it gives up, or unplug it");
 }
 
 void Session::check_connected(JovuDeviceAddress address, const Notice& notice) const {
@@ -195,7 +199,6 @@ std::string exchange_hint(const std::string& reason) {
     static constexpr Row rows[] = {
         {"timed out.",
          "the device is attached but does not answer: unplug it and plug it in again"},
-        {"timed out", "the device is attached but does not answer: unplug it and plug it in again"},
         {"No response received.", "it was unplugged meanwhile, or has reset"},
         {"has been disconnected.", "it was unplugged"},
         {"no longer connected.", "it was unplugged"},

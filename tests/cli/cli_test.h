@@ -1,0 +1,78 @@
+/// @file
+/// What the tests of the program share.
+#pragma once
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <nlohmann/json.hpp>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "program.h"
+#include "support/sim_control.h"
+#include "support/wait.h"
+
+namespace test {
+
+/// The JSON values of an output that has one on each line.
+/// @throws nlohmann::json::parse_error when a line is not valid JSON.
+inline std::vector<nlohmann::json> json_lines(const std::string& text) {
+    std::vector<nlohmann::json> values;
+    std::istringstream lines(text);
+    for (std::string line; std::getline(lines, line);) {
+        values.push_back(nlohmann::json::parse(line));
+    }
+    return values;
+}
+
+/// A file in the test's directory for temporary files, removed with this object.
+class TemporaryFile {
+public:
+    TemporaryFile(const std::string& name, const std::string& content)
+        : path_(testing::TempDir() + std::to_string(getpid()) + "-" + name) {
+        std::ofstream(path_, std::ios::binary) << content;
+    }
+    ~TemporaryFile() { std::remove(path_.c_str()); }
+    TemporaryFile(const TemporaryFile&) = delete;
+    TemporaryFile& operator=(const TemporaryFile&) = delete;
+
+    const std::string& path() const { return path_; }
+
+private:
+    std::string path_;
+};
+
+/// A job file's content, in which every byte value occurs.
+inline std::string job_content(std::size_t size) {
+    std::string content(size, '\0');
+    for (std::size_t i = 0; i < size; ++i)
+        content[i] = static_cast<char>(i * 31 % 251 + i / 256);
+    return content;
+}
+
+/// Has a device send debug texts until a program that prints events is seen to listen.
+inline bool listens(Program& program, JovuDeviceAddress device) {
+    return eventually([&] {
+        sim("event " + name(device) + " listening?");
+        return program.writes("listening?", std::chrono::milliseconds(50));
+    });
+}
+
+/// Answers a program's next status request with this report, in place of the device's own.
+inline void answer_next_request(JovuDeviceAddress device, const nlohmann::json& report) {
+    sim("fault " + name(device) + " silent always");
+    const auto requested = [&] { return stats(device)["job"]["requests"]["status"].get<int>(); };
+    const int before = requested();
+    ASSERT_TRUE(eventually([&] { return requested() > before; }));
+    std::ostringstream hex;
+    for (const char c : report.dump()) {
+        const auto byte = static_cast<unsigned char>(c);
+        hex << "0123456789abcdef"[byte >> 4U] << "0123456789abcdef"[byte & 15U];
+    }
+    sim("send " + name(device) + " job " + hex.str());
+}
+
+}  // namespace test

@@ -1,0 +1,181 @@
+/// @file
+/// Which devices the program finds, and what it shows of them.
+
+#include "cli_test.h"
+
+namespace test {
+namespace {
+
+using nlohmann::json;
+using testing::ElementsAre;
+using testing::HasSubstr;
+
+TEST(List, ShowsWhatIsOpenedAndWhatIsNot) {
+    plug("1:3");
+    plug("1:2");
+    plug("1:4 product=0003");
+    const Ended text = jovu({"list"});
+    EXPECT_EQ(text.status, 0) << text.err;
+    EXPECT_THAT(text.out, HasSubstr("1:2  serial JVS001002  version 1.0.0\n"
+                                    "1:3  serial JVS001003  version 1.0.0\n"
+                                    "1 attached of type 2, not opened (port "));
+
+    const json list = json::parse(jovu({"list", "--json"}).out);
+    EXPECT_EQ(list["devices"].size(), 2U);
+    EXPECT_EQ(list["devices"][1],
+              json({{"device", "1:3"}, {"serial", "JVS001003"}, {"version", "1.0.0"}}));
+    EXPECT_EQ(list["not_opened"][0]["type"], 2);
+    EXPECT_EQ(list["not_opened"][0]["count"], 1);
+}
+
+TEST(List, ShowsADeviceThatCannotBeOpened) {
+    const JovuDeviceAddress held = plug();
+    sim("fault " + name(held) + " claim EBUSY always");
+    const Ended alone = jovu({"list", "--json"});
+    EXPECT_EQ(alone.status, 3);
+    EXPECT_THAT(alone.err, HasSubstr("access is refused"));
+    EXPECT_EQ(json::parse(alone.out)["not_opened"][0]["type"], 1);
+
+    plug();
+    const Ended both = jovu({"list"});
+    EXPECT_EQ(both.status, 0) << both.err;
+    EXPECT_THAT(both.out, HasSubstr("1 attached of type 1, not opened (among ports "));
+    EXPECT_THAT(both.out, HasSubstr("70-jovu.rules"));
+}
+
+TEST(List, GoesOnWhenOneDeviceDoesNotAnswer) {
+    const JovuDeviceAddress silent = plug();
+    plug();
+    sim("fault " + name(silent) + " silent always");
+    Program program({"list", "--json"});
+    ASSERT_TRUE(eventually([&] { return requests(silent, "bio_get_version") == 1; }));
+    sim("unplug " + name(silent));
+    EXPECT_EQ(program.finish(), 5);
+    const json devices = json::parse(program.out())["devices"];
+    EXPECT_TRUE(devices[0].contains("error"));
+    EXPECT_EQ(devices[1]["serial"], "JVS001003");
+}
+
+TEST(WaitDevice, WaitsForOneToAppear) {
+    Program any({"--wait-device", "60", "info"});
+    plug("1:8");
+    EXPECT_EQ(any.finish(), 0) << any.err();
+    EXPECT_THAT(any.out(), HasSubstr("JVS001008"));
+
+    Program chosen({"--wait-device", "60", "-d", "1:9", "status", "--json"});
+    ASSERT_TRUE(eventually([] { return stats({1, 8})["clients"] == 1; }));
+    plug("1:9");
+    EXPECT_EQ(chosen.finish(), 0) << chosen.err();
+    EXPECT_EQ(json::parse(chosen.out())["device"], "1:9");
+}
+
+TEST(WaitDevice, GivesUpInTheEnd) {
+    EXPECT_EQ(jovu({"--wait-device", "0.2", "status"}).status, 3);
+    plug();
+    EXPECT_EQ(jovu({"--wait-device", "0.2", "-d", "7:7", "status"}).status, 3);
+}
+
+TEST(Json, IsTheWholeOutputOfEveryCommand) {
+    const JovuDeviceAddress device = plug();
+    const TemporaryFile job("job.gcode", job_content(30000));
+    const struct {
+        std::vector<std::string> args;
+        const char* key;  ///< A member of each object.
+    } rows[] = {
+        {{"list"}, "devices"},           {{"info"}, "serial"},
+        {{"status"}, "state"},           {{"gcode", "G28", "M114", "[x,y]", "-k"}, "result"},
+        {{"push", job.path()}, "event"}, {{"pause"}, "request"},
+        {{"abort"}, "request"},
+    };
+    for (const auto& row : rows) {
+        std::vector<std::string> args = row.args;
+        args.push_back("--json");
+        const Ended ended = jovu(args);
+        const std::vector<json> objects = json_lines(ended.out);
+        EXPECT_FALSE(objects.empty()) << row.args[0] << ": " << ended.err;
+        for (const json& object : objects) {
+            EXPECT_TRUE(object.contains(row.key)) << object;
+        }
+    }
+    EXPECT_EQ(complaints(device), 0);
+}
+
+TEST(Status, ShowsTheReportAndRepeatsIt) {
+    const JovuDeviceAddress device = plug();
+    const json report = json::parse(jovu({"status", "--json"}).out);
+    EXPECT_EQ(report["printer"]["cpu_id"], "JVS001002");
+    EXPECT_EQ(report["state"], "idle");
+    EXPECT_NEAR(report["extruder_temperature"], 25.0, 5.0);
+    EXPECT_THAT(jovu({"status"}).out, HasSubstr("State         idle\n"));
+
+    Program watch({"status", "--watch", "--interval", "0", "--json"});
+    ASSERT_TRUE(eventually(
+        [&] { return watch.writes("\n") && stats(device)["job"]["requests"]["status"] >= 6; }));
+    watch.close_reader();
+    EXPECT_EQ(watch.finish(), 141);
+}
+
+TEST(Events, AreShownAsTheyCome) {
+    const JovuDeviceAddress device = plug();
+    const std::string trace =
+        R"({"transport":{"attrs":["request","oneway"],"id":7},"data":{"event":{)"
+        R"("name":"servo_dc_trace_event","args":{"msg":{"servo_name":1,"servo_state":2,)"
+        R"("int_cnt":4294967295,"pos_cmd":-5,"pos":6,"pwm":-7,"padout_dist":8}}}}})";
+    const std::string broken_text =
+        R"({"transport":{"attrs":["request","oneway"],"id":8},"data":{"event":{)"
+        R"("name":"debug_event","args":{"text":[27,91,51,49,109,-61,40,10,0]}}}})";
+    for (const bool as_json : {false, true}) {
+        Program program(as_json ? std::vector<std::string>{"events", "--json"}
+                                : std::vector<std::string>{"events"});
+        ASSERT_TRUE(listens(program, device));
+        sim("frame " + name(device) + " " + trace);
+        sim("frame " + name(device) + " " + broken_text);
+        sim("event " + name(device) + " the end");
+        ASSERT_TRUE(program.writes("the end"));
+        program.signal(SIGINT);
+        EXPECT_EQ(program.finish(), 130);
+        if (!as_json) {
+            EXPECT_THAT(program.out(), HasSubstr("servo 1  state 2  count 4294967295"));
+            EXPECT_THAT(program.out(), HasSubstr("  \\x1b[31m\\xc3(\n")) << "raw control bytes";
+            continue;
+        }
+        const std::vector<json> events = json_lines(program.out());
+        ASSERT_GE(events.size(), 4U);
+        const json* last = &events.back();
+        EXPECT_EQ(last[-2]["sample"]["pwm"], -7);
+        EXPECT_EQ(last[-1]["text"], "\x1b[31m\xEF\xBF\xBD(\n");
+        EXPECT_EQ(last[0]["device"], name(device));
+    }
+    EXPECT_EQ(jovu({"events", "--seconds", "0.1"}).status, 0);
+}
+
+TEST(Gcode, SendsEachLineAndShowsWhatComesOfIt) {
+    const JovuDeviceAddress device = plug();
+    const Ended good = jovu({"gcode", "-"}, "; start\nG28\r\n\n  G1 X10 Y20 ; move\nM114");
+    EXPECT_EQ(good.status, 0) << good.err;
+    EXPECT_EQ(good.out,
+              "ok       G28\nok       G1 X10 Y20\nok       M114\n"
+              "         | X:10.00 Y:20.00 Z:0.00 E:0.00\n");
+    EXPECT_THAT(stats(device)["message"]["gcode"], ElementsAre("G28", "G1 X10 Y20", "M114"));
+}
+
+TEST(Gcode, StopsAtARefusalUnlessItIsToKeepGoing) {
+    const JovuDeviceAddress device = plug();
+    const TemporaryFile file("moves.gcode", "G28\n\nG999 ; unknown\nG1 X-1\nG90\n");
+    const Ended stopped = jovu({"gcode", "-f", file.path()});
+    EXPECT_EQ(stopped.status, 6);
+    EXPECT_THAT(stopped.err, HasSubstr("jovu: device refused line 3 with result 2: G999\n"));
+    EXPECT_EQ(requests(device, "gcode_process_command"), 2);
+
+    const Ended kept = jovu({"gcode", "--keep-going", "--file", file.path(), "--json"});
+    EXPECT_EQ(kept.status, 6);
+    EXPECT_THAT(kept.err, HasSubstr("lines refused: 2 of 4"));
+    const std::vector<json> lines = json_lines(kept.out);
+    ASSERT_EQ(lines.size(), 4U);
+    EXPECT_EQ(lines[2]["line"], 4);
+    EXPECT_EQ(lines[2]["result"], 3);
+    EXPECT_EQ(lines[3]["accepted"], true);
+}
+
+}  // namespace
+}  // namespace test

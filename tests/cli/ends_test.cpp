@@ -1,0 +1,167 @@
+/// @file
+/// How the program ends: the exit code, and the line that says why.
+#include <csignal>
+
+#include "cli_test.h"
+
+namespace test {
+namespace {
+
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::Not;
+
+/// A failure is told in one line on standard error and leaves standard output empty.
+void expect_error(const Ended& ended, int status, const std::string& what) {
+    EXPECT_EQ(ended.status, status) << ended.err;
+    EXPECT_THAT(ended.out, IsEmpty());
+    EXPECT_THAT(ended.err, testing::StartsWith("jovu: "));
+    EXPECT_THAT(ended.err, HasSubstr(what));
+    EXPECT_EQ(std::count(ended.err.begin(), ended.err.end(), '\n'), 1) << ended.err;
+}
+
+TEST(Ends, WrongUsageNamesWhatIsWrong) {
+    const struct {
+        std::vector<std::string> args;
+        const char* named;
+    } rows[] = {
+        {{}, "no command"},
+        {{"frobnicate"}, "frobnicate"},
+        {{"status", "--frobnicate"}, "--frobnicate"},
+        {{"status", "surplus"}, "surplus"},
+        {{"-d", "1:256", "status"}, "1:256"},
+        {{"status", "--device"}, "--device"},
+        {{"list", "--wait-device", "soon"}, "soon"},
+        {{"status", "--interval", "1"}, "--watch"},
+        {{"status", "--watch", "--interval", "-1"}, "-1"},
+        {{"events", "--seconds", "nan"}, "nan"},
+        {{"push"}, "FILE"},
+        {{"gcode"}, "LINE"},
+        {{"gcode", "-f", "file", "G28"}, "--file"},
+    };
+    plug();
+    for (const auto& row : rows) {
+        expect_error(jovu(row.args), 2, row.named);
+    }
+}
+
+TEST(Ends, WithoutADevice) {
+    expect_error(jovu({"status"}), 3, "no device");
+    expect_error(jovu({"--json", "info"}), 3, "no device");
+    const JovuDeviceAddress device = plug();
+    expect_error(jovu({"status", "-d", "9:9"}), 3, "9:9");
+    sim("fault " + name(device) + " claim EBUSY always");
+    expect_error(jovu({"status"}), 3, "70-jovu.rules");
+}
+
+TEST(Ends, WhenThereAreSeveralDevicesAndNoneIsChosen) {
+    plug("1:4");
+    plug("1:3");
+    expect_error(jovu({"status"}), 4, "1:3, 1:4");
+    expect_error(jovu({"gcode", "G28", "--json"}), 4, "-d BUS:ADDR");
+    EXPECT_EQ(jovu({"-d", "001:004", "status"}).status, 0);
+}
+
+TEST(Ends, WhenTheDeviceGoesAwayInAnExchange) {
+    const JovuDeviceAddress device = plug();
+    sim("fault " + name(device) + " silent always");
+    Program program({"gcode", "G28"});
+    ASSERT_TRUE(eventually([&] { return requests(device, "gcode_process_command") == 1; }));
+    sim("unplug " + name(device));
+    EXPECT_EQ(program.finish(), 5);
+    EXPECT_THAT(program.err(), HasSubstr("jovu: line 1 (G28) to " + name(device) + " failed"));
+    EXPECT_THAT(program.out(), IsEmpty()) << "the library's diagnostics do not belong here";
+    EXPECT_THAT(program.err(), HasSubstr("JovuMessage"));
+
+    plug("1:2");
+    Program events({"events"});
+    ASSERT_TRUE(listens(events, {1, 2}));
+    sim("unplug 1:2");
+    EXPECT_EQ(events.finish(), 5);
+    EXPECT_THAT(events.err(), HasSubstr("device is gone: 1:2"));
+}
+
+TEST(Ends, WhenAFileIsOfNoUse) {
+    plug();
+    const TemporaryFile empty("empty", "");
+    const TemporaryFile binary("binary.gcode", std::string("G28\nG1\0X\n", 9));
+    const std::string missing = empty.path() + "-missing";
+    expect_error(jovu({"push", missing}), 7, missing);
+    expect_error(jovu({"push", testing::TempDir()}), 7, "directory");
+    expect_error(jovu({"push", "/dev/null"}), 7, "/dev/null");
+    expect_error(jovu({"push", empty.path()}), 7, "empty");
+    expect_error(jovu({"gcode", "-f", missing}), 7, missing);
+    EXPECT_EQ(jovu({"gcode", "-f", binary.path()}).status, 7);
+    EXPECT_EQ(jovu({"gcode", "-"}, std::string(200000, 'G')).status, 7);
+}
+
+TEST(Ends, WhenTheOutputCannotBeWritten) {
+    plug();
+    expect_error(jovu({"status"}, "", Out::full_disk), 7, "No space left");
+    expect_error(jovu({"--help"}, "", Out::full_disk), 7, "No space left");
+    expect_error(jovu({"status", "--json"}, "", Out::none), 7, "cannot write");
+    for (const auto& command : {"status", "events"}) {
+        const Ended ended = jovu({command}, "", Out::closed);
+        EXPECT_EQ(ended.status, 141) << command;
+        EXPECT_THAT(ended.err, IsEmpty()) << command;
+    }
+}
+
+TEST(Ends, WhenTheReaderGoesAwayThoughNothingIsWritten) {
+    const JovuDeviceAddress device = plug();
+    Program program({"events"});
+    ASSERT_TRUE(listens(program, device));
+    program.close_reader();
+    EXPECT_EQ(program.finish(), 141);
+    EXPECT_THAT(program.err(), IsEmpty());
+}
+
+/// Interrupts a program when it is at work and expects it to be gone long before the 15 seconds of
+/// an exchange are over.
+void expect_interrupted(Program& program, const std::string& what) {
+    const auto start = std::chrono::steady_clock::now();
+    program.signal(SIGINT);
+    EXPECT_EQ(program.finish(), 130) << program.err();
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(12));
+    EXPECT_THAT(program.err(),
+                what.empty() ? testing::Matcher<std::string>(IsEmpty()) : HasSubstr(what));
+}
+
+TEST(Interrupt, EndsWhatGoesOnForEver) {
+    const JovuDeviceAddress device = plug();
+    Program watch({"status", "--watch", "--interval", "0.05"});
+    ASSERT_TRUE(watch.writes("idle"));
+    expect_interrupted(watch, "");
+
+    Program typed({"gcode", "-"});
+    typed.type("G28\nM1");
+    ASSERT_TRUE(typed.writes("G28"));
+    expect_interrupted(typed, "");
+    EXPECT_EQ(requests(device, "gcode_process_command"), 1);
+
+    Program waiting({"status", "-d", "9:9", "--wait-device", "1000"});
+    ASSERT_TRUE(eventually([&] { return stats(device)["opens"] >= 6; }));
+    expect_interrupted(waiting, "");
+}
+
+TEST(Interrupt, EndsAnExchangeThatIsNotAnswered) {
+    const JovuDeviceAddress device = plug();
+    sim("fault " + name(device) + " silent always");
+    Program gcode({"gcode", "G28", "G90"});
+    ASSERT_TRUE(eventually([&] { return requests(device, "gcode_process_command") == 1; }));
+    expect_interrupted(gcode, "line 1 (G28) may or may not have been carried out");
+    EXPECT_EQ(requests(device, "gcode_process_command"), 1);
+
+    Program list({"list", "--json"});
+    ASSERT_TRUE(eventually([&] { return requests(device, "bio_get_version") == 1; }));
+    list.signal(SIGTERM);
+    EXPECT_EQ(list.finish(), 130);
+    EXPECT_THAT(list.out(), IsEmpty());
+
+    Program status({"status"});
+    ASSERT_TRUE(eventually([&] { return stats(device)["job"]["requests"]["status"] == 1; }));
+    expect_interrupted(status, "");
+}
+
+}  // namespace
+}  // namespace test

@@ -1,0 +1,191 @@
+#include "program.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <pty.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstdlib>
+#include <stdexcept>
+
+#include "file_descriptor.h"
+
+namespace test {
+namespace {
+
+using jovu_cli::FileDescriptor;
+using Clock = std::chrono::steady_clock;
+
+constexpr int kNeverEnded = -1000;
+
+struct Pipe {
+    FileDescriptor read;
+    FileDescriptor write;
+};
+
+Pipe make_pipe() {
+    int ends[2];
+    if (pipe2(ends, O_CLOEXEC) != 0) throw std::runtime_error("pipe2");
+    return {FileDescriptor(ends[0]), FileDescriptor(ends[1])};
+}
+
+Pipe make_terminal() {
+    int ours = -1;
+    int theirs = -1;
+    winsize size{24, 80, 0, 0};
+    if (openpty(&ours, &theirs, nullptr, nullptr, &size) != 0) throw std::runtime_error("openpty");
+    fcntl(ours, F_SETFD, FD_CLOEXEC);
+    fcntl(theirs, F_SETFD, FD_CLOEXEC);
+    return {FileDescriptor(ours), FileDescriptor(theirs)};
+}
+
+Pipe make_output(Out out) {
+    switch (out) {
+        case Out::terminal:
+            return make_terminal();
+        case Out::full_disk:
+            return {FileDescriptor(), FileDescriptor(open("/dev/full", O_WRONLY | O_CLOEXEC))};
+        case Out::closed: {
+            Pipe pipe = make_pipe();
+            return {FileDescriptor(), std::move(pipe.write)};
+        }
+        case Out::pipe:
+            return make_pipe();
+        case Out::none:
+            break;
+    }
+    return {};
+}
+
+/// Runs in the child, between fork and exec, where only system calls may be made.
+[[noreturn]] void become(char* const* argv, int in, int out, int err) {
+    dup2(in, STDIN_FILENO);
+    if (out >= 0) {
+        dup2(out, STDOUT_FILENO);
+    } else {
+        close(STDOUT_FILENO);
+    }
+    dup2(err, STDERR_FILENO);
+    execv(argv[0], argv);
+    _exit(127);
+}
+
+}  // namespace
+
+struct Program::Streams {
+    FileDescriptor in;
+    FileDescriptor out;
+    FileDescriptor err;
+    std::string out_text;
+    std::string err_text;
+
+    static void take(FileDescriptor& fd, short events, std::string& text) {
+        if (events == 0) return;
+        char bytes[4096];
+        const ssize_t count = read(fd.get(), bytes, sizeof bytes);
+        if (count > 0) {
+            text.append(bytes, static_cast<std::size_t>(count));
+        } else if (count == 0 || errno != EINTR) {
+            fd = FileDescriptor();  // A terminal ends with EIO.
+        }
+    }
+
+    /// Takes what comes within a moment.
+    void pump() {
+        pollfd watched[] = {{out.get(), POLLIN, 0}, {err.get(), POLLIN, 0}};
+        poll(watched, 2, 20);  // Bounded: the callers look at the clock in between.
+        take(out, watched[0].revents, out_text);
+        take(err, watched[1].revents, err_text);
+    }
+};
+
+Program::Program(const std::vector<std::string>& args, Out out)
+    : streams_(std::make_unique<Streams>()) {
+    Pipe input = make_pipe();
+    Pipe output = make_output(out);
+    Pipe errors = make_pipe();
+    std::vector<std::string> words{JOVU_PROGRAM};
+    words.insert(words.end(), args.begin(), args.end());
+    std::vector<char*> argv;
+    for (std::string& word : words)
+        argv.push_back(word.data());
+    argv.push_back(nullptr);
+    setenv("TERM", "xterm", 1);
+    ::signal(SIGPIPE, SIG_IGN);  // A program may end before it has read all.
+    pid_ = fork();
+    if (pid_ < 0) throw std::runtime_error("fork");
+    if (pid_ == 0) {
+        become(argv.data(), input.read.get(), output.write.get(), errors.write.get());
+    }
+    streams_->in = std::move(input.write);
+    streams_->out = std::move(output.read);
+    streams_->err = std::move(errors.read);
+}
+
+Program::~Program() {
+    if (pid_ > 0) {
+        kill(pid_, SIGKILL);
+        waitpid(pid_, nullptr, 0);
+    }
+}
+
+void Program::type(const std::string& text) {
+    const ssize_t count = write(streams_->in.get(), text.data(), text.size());
+    if (count < 0 && errno != EPIPE) throw std::runtime_error("write to the program");
+}
+
+void Program::end_input() {
+    streams_->in = FileDescriptor();
+}
+
+void Program::signal(int number) {
+    kill(pid_, number);
+}
+
+void Program::close_reader() {
+    streams_->out = FileDescriptor();
+}
+
+bool Program::writes(const std::string& text, std::chrono::milliseconds limit) {
+    const auto deadline = Clock::now() + limit;
+    while (streams_->out_text.find(text) == std::string::npos) {
+        if (!streams_->out.valid() || Clock::now() > deadline) return false;
+        streams_->pump();
+    }
+    return true;
+}
+
+int Program::finish() {
+    const auto deadline = Clock::now() + kPatience;
+    int status = 0;
+    while (streams_->out.valid() || streams_->err.valid()) {
+        if (Clock::now() > deadline) return kNeverEnded;
+        streams_->pump();
+    }
+    const bool ended = eventually([&] { return waitpid(pid_, &status, WNOHANG) == pid_; });
+    if (!ended) return kNeverEnded;
+    pid_ = -1;
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
+}
+
+const std::string& Program::out() const {
+    return streams_->out_text;
+}
+
+const std::string& Program::err() const {
+    return streams_->err_text;
+}
+
+Ended jovu(const std::vector<std::string>& args, const std::string& input, Out out) {
+    Program program(args, out);
+    program.type(input);
+    program.end_input();
+    const int status = program.finish();
+    return {status, program.out(), program.err()};
+}
+
+}  // namespace test

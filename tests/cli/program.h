@@ -1,0 +1,67 @@
+/// @file
+/// Runs the program `jovu` as a child process and watches what it writes.
+#pragma once
+
+#include <sys/types.h>
+
+#include <chrono>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "support/wait.h"
+
+namespace test {
+
+/// What a program's standard output is connected to.
+enum class Out {
+    pipe,
+    terminal,   ///< A pseudo-terminal of 80 columns that can move its cursor.
+    closed,     ///< A pipe whose reader is gone.
+    full_disk,  ///< /dev/full
+    none,       ///< Not open at all.
+};
+
+/// A running `jovu`. Killed, if it still runs, when this object goes.
+class Program {
+public:
+    explicit Program(const std::vector<std::string>& args, Out out = Out::pipe);
+    ~Program();
+    Program(const Program&) = delete;
+    Program& operator=(const Program&) = delete;
+
+    /// Writes to the program's standard input, as far as the program reads it.
+    void type(const std::string& text);
+    void end_input();
+    void signal(int number);
+    void close_reader();
+
+    /// Waits until the standard output holds a text. Returns whether it came.
+    bool writes(const std::string& text, std::chrono::milliseconds limit = kPatience);
+
+    /// Waits for the program's end.
+    /// @return its exit status, or -signal, or -1000 when it does not end.
+    int finish();
+
+    /// What has come so far; everything after finish().
+    const std::string& out() const;
+    const std::string& err() const;
+
+private:
+    struct Streams;
+    std::unique_ptr<Streams> streams_;
+    pid_t pid_ = -1;
+};
+
+/// A program that has ended.
+struct Ended {
+    int status;
+    std::string out;
+    std::string err;
+};
+
+/// Runs `jovu` to its end.
+Ended jovu(const std::vector<std::string>& args, const std::string& input = "",
+           Out out = Out::pipe);
+
+}  // namespace test
