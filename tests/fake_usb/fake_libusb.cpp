@@ -473,7 +473,6 @@ int libusb_bulk_transfer(libusb_device_handle* handle, unsigned char endpoint, u
     if (bus.handles.count(handle) == 0) return misuse("bulk transfer without a handle");
     libusb_context* const context = handle->context;
     if (context->handler == std::this_thread::get_id()) return LIBUSB_ERROR_BUSY;
-    bus.sent.push_back({endpoint, {data, data + length}, timeout});
     Bulk step;
     if (!bus.bulk_script.empty()) {
         step = bus.bulk_script.front();
@@ -493,6 +492,7 @@ int libusb_bulk_transfer(libusb_device_handle* handle, unsigned char endpoint, u
         lock.lock();
     }
     --bus.in_bulk;
+    bus.sent.push_back({endpoint, {data, data + length}, timeout});
     if (!handle->device->plugged) step = {LIBUSB_ERROR_NO_DEVICE, 0};
     *transferred = step.transferred == Bulk::kAll ? length : step.transferred;
     return step.result;

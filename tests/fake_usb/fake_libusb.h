@@ -36,7 +36,7 @@ struct Bulk {
     int transferred = kAll;
 };
 
-/// One synchronous bulk call that was made.
+/// One synchronous bulk call that has returned.
 struct Sent {
     unsigned endpoint;
     std::string bytes;

@@ -6,22 +6,13 @@
 #include <string>
 #include <vector>
 
+#include "fake_usb/framed.h"
 #include "jovu/exception.h"
 
 namespace {
 
+using test::framed;
 using Payloads = std::vector<std::string>;
-
-/// Framing by its description, apart from the library's.
-std::string framed(const std::string& payload) {
-    const std::size_t length = payload.size() + 1;
-    std::string frame = "$";
-    for (const std::size_t word : {length, ~length}) {
-        frame.push_back(static_cast<char>(word & 0xFFU));
-        frame.push_back(static_cast<char>(word >> 8U & 0xFFU));
-    }
-    return frame + payload + ";";
-}
 
 /// Decodes bytes that arrive in two pieces, the first of @p head bytes.
 Payloads decoded(const std::string& bytes, std::size_t head) {
