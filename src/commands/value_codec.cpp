@@ -1,16 +1,105 @@
 #include "commands/value_codec.h"
 
+#include <cmath>
 #include <cstring>
+#include <limits>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "jovu/exception.h"
 #include "json/byte_text.h"
 
-void cmd_ifc_serialize_type(yajl_gen gen, const char* key, std::shared_ptr<char>& value) {
-    if (value == nullptr) {
-        throw JovuException("Send failed - text argument \"" + std::string(key) + "\" is null.");
+namespace {
+
+[[noreturn]] void refuse(const char* key, const std::string& why) {
+    throw JovuException("Send failed - argument \"" + std::string(key) + "\" is " + why + ".");
+}
+
+/// The generator would leave a number without a JSON form out of the body, and what follows would
+/// slide into its place.
+void write_number(yajl_gen gen, const char* key, double value) {
+    if (!std::isfinite(value)) refuse(key, "not a finite number: " + std::to_string(value));
+    JovuMessage::gen_double(gen, value);
+}
+
+/// The nearest float; beyond the largest one the conversion itself would be undefined.
+float narrow(double value) {
+    if (std::abs(value) <= std::numeric_limits<float>::max() || std::isnan(value)) {
+        return static_cast<float>(value);
     }
+    return std::copysign(std::numeric_limits<float>::infinity(), value > 0 ? 1.0F : -1.0F);
+}
+
+/// Reads an array of numbers, each through @p element.
+template <class T, class Element>
+bool read_array(yajl_val object, const char* key, std::shared_ptr<T>& value, Element element) {
+    const yajl_val array = jovu::find(object, {key}, yajl_t_array);
+    if (array == nullptr) return false;
+    auto elements = std::make_shared<std::vector<T>>(array->u.array.len + 1);
+    for (std::size_t i = 0; i < array->u.array.len; ++i) {
+        const yajl_val number = array->u.array.values[i];
+        if (!YAJL_IS_NUMBER(number)) return false;
+        (*elements)[i] = element(number);
+    }
+    value = std::shared_ptr<T>(elements, elements->data());
+    return true;
+}
+
+}  // namespace
+
+void cmd_ifc_serialize_type(yajl_gen gen, const char* key, double& value) {
+    JovuMessage::gen_string(gen, key);
+    write_number(gen, key, value);
+}
+
+void cmd_ifc_serialize_type(yajl_gen gen, const char* key, float& value) {
+    JovuMessage::gen_string(gen, key);
+    write_number(gen, key, static_cast<double>(value));
+}
+
+bool cmd_ifc_deserialize_type(yajl_val object, const char* key, double& value) {
+    const auto number = jovu::find_double(object, {key});
+    if (number) value = *number;
+    return number.has_value();
+}
+
+bool cmd_ifc_deserialize_type(yajl_val object, const char* key, float& value) {
+    const auto number = jovu::find_double(object, {key});
+    if (number) value = narrow(*number);
+    return number.has_value();
+}
+
+void cmd_ifc_serialize_type(yajl_gen gen, const char* key, std::shared_ptr<float>& value) {
+    if (value == nullptr) refuse(key, "null");
+    JovuMessage::gen_string(gen, key);
+    JovuMessage::gen_array_open(gen);
+    write_number(gen, key, static_cast<double>(*value));
+    JovuMessage::gen_array_close(gen);
+}
+
+void cmd_ifc_serialize_type(yajl_gen gen, const char* key, std::shared_ptr<unsigned char>& value) {
+    if (value == nullptr) refuse(key, "null");
+    JovuMessage::gen_string(gen, key);
+    JovuMessage::gen_array_open(gen);
+    JovuMessage::gen_integer(gen, *value);
+    JovuMessage::gen_array_close(gen);
+}
+
+bool cmd_ifc_deserialize_type(yajl_val object, const char* key, std::shared_ptr<float>& value) {
+    return read_array(object, key, value,
+                      [](yajl_val number) { return narrow(YAJL_GET_DOUBLE(number)); });
+}
+
+bool cmd_ifc_deserialize_type(yajl_val object, const char* key,
+                              std::shared_ptr<unsigned char>& value) {
+    return read_array(object, key, value, [](yajl_val number) {
+        return static_cast<unsigned char>(YAJL_GET_INTEGER(number));
+    });
+}
+
+void cmd_ifc_serialize_type(yajl_gen gen, const char* key, std::shared_ptr<char>& value) {
+    if (value == nullptr) refuse(key, "null");
     JovuMessage::gen_string(gen, key);
     JovuMessage::gen_array_open(gen);
     const std::size_t length = std::strlen(value.get()) + 1;

@@ -35,6 +35,25 @@ bool cmd_ifc_deserialize_type(yajl_val object, const char* key, T& value) {
     return true;
 }
 
+/// A floating-point number, as the exact double of its value.
+/// @throws JovuException for NaN and the infinities, which JSON cannot say.
+void cmd_ifc_serialize_type(yajl_gen gen, const char* key, double& value);
+void cmd_ifc_serialize_type(yajl_gen gen, const char* key, float& value);
+
+/// A number's floating-point reading; narrowed to float, one that is too large is infinite.
+bool cmd_ifc_deserialize_type(yajl_val object, const char* key, double& value);
+bool cmd_ifc_deserialize_type(yajl_val object, const char* key, float& value);
+
+/// A buffer: an array of its first element alone, however long it is.
+/// @throws JovuException for a null buffer.
+void cmd_ifc_serialize_type(yajl_gen gen, const char* key, std::shared_ptr<float>& value);
+void cmd_ifc_serialize_type(yajl_gen gen, const char* key, std::shared_ptr<unsigned char>& value);
+
+/// A buffer: a new one with as many elements as the array of numbers has.
+bool cmd_ifc_deserialize_type(yajl_val object, const char* key, std::shared_ptr<float>& value);
+bool cmd_ifc_deserialize_type(yajl_val object, const char* key,
+                              std::shared_ptr<unsigned char>& value);
+
 /// A text: an array of its bytes as signed values, the final NUL included.
 /// @throws JovuException for a null text.
 void cmd_ifc_serialize_type(yajl_gen gen, const char* key, std::shared_ptr<char>& value);

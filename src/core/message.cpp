@@ -4,6 +4,7 @@
 
 #include "core/attribute_words.h"
 #include "jovu/event_interface.h"
+#include "jovu/exception.h"
 #include "jovu/transport.h"
 #include "json/json.h"
 #include "json/numeric_locale.h"
@@ -14,6 +15,15 @@ namespace {
 
 /// The body keys; the index is the kind of message that the key stands for.
 constexpr std::array<const char*, 2> _data_type_paths{"command", "event"};
+
+/// Whether the generator has refused anything since this thread began to compile a message. What it
+/// refuses it leaves out, and the rest slides into the gap: no such text may reach a device.
+thread_local bool generator_refused = false;
+
+yajl_gen_status noted(yajl_gen_status status) noexcept {
+    if (status != yajl_gen_status_ok) generator_refused = true;
+    return status;
+}
 
 yajl_val body_of(const std::shared_ptr<JovuMessage>& msg) {
     return msg == nullptr ? nullptr : msg->get_unparsed_data();
@@ -70,6 +80,7 @@ std::string JovuMessage::compile() {
     const jovu::NumericLocale locale;
     const jovu::JsonGenerator generator;
     yajl_gen g = generator.get();
+    generator_refused = false;
     gen_map_open(g);
     gen_string(g, "transport");
     gen_map_open(g);
@@ -85,6 +96,7 @@ std::string JovuMessage::compile() {
     gen_string(g, "data");
     compile_data(g);
     gen_map_close(g);
+    if (generator_refused) throw JovuException("Send failed - a value has no JSON form.");
     return std::string(generator.text());
 }
 
@@ -93,43 +105,44 @@ void JovuMessage::send(JovuDeviceAddress address) {
 }
 
 yajl_gen_status JovuMessage::gen_integer(yajl_gen g, long long value) {
-    return yajl_gen_integer(g, value);
+    return noted(yajl_gen_integer(g, value));
 }
 
 yajl_gen_status JovuMessage::gen_double(yajl_gen g, double value) {
-    return yajl_gen_double(g, value);
+    return noted(yajl_gen_double(g, value));
 }
 
 yajl_gen_status JovuMessage::gen_number(yajl_gen g, const std::string& literal) {
-    return yajl_gen_number(g, literal.data(), literal.size());
+    return noted(yajl_gen_number(g, literal.data(), literal.size()));
 }
 
 yajl_gen_status JovuMessage::gen_string(yajl_gen g, const std::string& text) {
-    return yajl_gen_string(g, reinterpret_cast<const unsigned char*>(text.data()), text.size());
+    return noted(
+        yajl_gen_string(g, reinterpret_cast<const unsigned char*>(text.data()), text.size()));
 }
 
 yajl_gen_status JovuMessage::gen_null(yajl_gen g) {
-    return yajl_gen_null(g);
+    return noted(yajl_gen_null(g));
 }
 
 yajl_gen_status JovuMessage::gen_bool(yajl_gen g, bool value) {
-    return yajl_gen_bool(g, value ? 1 : 0);
+    return noted(yajl_gen_bool(g, value ? 1 : 0));
 }
 
 yajl_gen_status JovuMessage::gen_map_open(yajl_gen g) {
-    return yajl_gen_map_open(g);
+    return noted(yajl_gen_map_open(g));
 }
 
 yajl_gen_status JovuMessage::gen_map_close(yajl_gen g) {
-    return yajl_gen_map_close(g);
+    return noted(yajl_gen_map_close(g));
 }
 
 yajl_gen_status JovuMessage::gen_array_open(yajl_gen g) {
-    return yajl_gen_array_open(g);
+    return noted(yajl_gen_array_open(g));
 }
 
 yajl_gen_status JovuMessage::gen_array_close(yajl_gen g) {
-    return yajl_gen_array_close(g);
+    return noted(yajl_gen_array_close(g));
 }
 
 std::shared_ptr<JovuMessage> JovuMessage::elevate(const JovuMessage& msg) {

@@ -62,7 +62,7 @@ public:
     virtual void handle_receive(JovuDeviceAddress address, std::shared_ptr<JovuMessage>& msg);
 
     /// @return the complete JSON text.
-    /// @throws std::bad_alloc, or what a derived class throws on a value that has no JSON form.
+    /// @throws JovuException when a value has no JSON form (NaN, an infinity), std::bad_alloc.
     std::string compile();
 
     /// Sends the message through its transport. Throws nothing: response_available() tells the

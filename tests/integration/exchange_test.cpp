@@ -42,7 +42,7 @@ TEST_F(Exchange, CommandsAreAnsweredAndWellFormed) {
 TEST_F(Exchange, ANullTextOrATooLongOneIsRefusedBeforeAByteIsSent) {
     testing::internal::CaptureStdout();
     EXPECT_EQ(client.gcode_process_command(device, nullptr), 0U);
-    EXPECT_EQ(JovuTransport::last_send_error(), "Send failed - text argument \"command\" is null.");
+    EXPECT_EQ(JovuTransport::last_send_error(), "Send failed - argument \"command\" is null.");
     EXPECT_EQ(client.gcode_process_command(device, text(std::string(30000, 'G'))), 0U);
     EXPECT_NE(JovuTransport::last_send_error().find("is too long"), std::string::npos);
     testing::internal::GetCapturedStdout();
