@@ -33,6 +33,9 @@ struct Link {
     Context _libusb_ctx JOVU_GUARDED_BY(lifecycle_mutex);
 
     std::atomic<bool> _run_device_hotplug_thread{true};
+    /// Held while one device is opened and announced, so that a hold begins before or after that
+    /// and never in the middle. Taken inside the gate.
+    Mutex opening_mutex;
     std::atomic<unsigned> scan_holds{0};
 
     /// The clients of one interface number. The lock is held while they are called.

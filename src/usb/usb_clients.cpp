@@ -70,7 +70,14 @@ void JovuUsb::client_unregister(JovuUsbClient& client, jovu_usb_interface_t inte
 }
 
 void JovuUsb::hold_scans() noexcept {
-    ++link().scan_holds;
+    Link& state = link();
+    if (jovu::delivering() || jovu::in_notice()) {
+        // This thread may be the one that is opening a device.
+        ++state.scan_holds;
+        return;
+    }
+    const jovu::MutexLock opening(state.opening_mutex);
+    ++state.scan_holds;
 }
 
 void JovuUsb::release_scans() noexcept {

@@ -34,15 +34,13 @@ public:
 
     void run() {
         while (link_._run_device_hotplug_thread) {
-            const bool due = scan_is_due();
-            const bool held = link_.scan_holds != 0;
-            if (due && !held) {
-                scan();
+            if (scan_is_due() && link_.scan_holds == 0) {
                 last_scan_ = std::chrono::steady_clock::now();
+                scan();
                 // Nothing would interrupt the wait for a device that has just been opened.
                 if (!link_._run_device_hotplug_thread) return;
             }
-            handle_events(due && held ? kHeldSlice : Link::_device_hotplug_refresh_rate);
+            handle_events(scan_is_due() ? kHeldSlice : Link::_device_hotplug_refresh_rate);
             sweep();
         }
     }
@@ -105,6 +103,12 @@ private:
             return;
         }
         link_.remove_device(address);
+        const MutexLock opening(link_.opening_mutex);
+        if (link_.scan_holds != 0) {
+            // Held back in the middle of the scan: another one is due as soon as that is over.
+            last_scan_.reset();
+            return;
+        }
         if (!probe(device)) return;
         try {
             link_.add_device(

@@ -1,5 +1,5 @@
 /// @file
-/// A client that takes long to build, on a bus where a device is waiting.
+/// Clients that take long to build, and threads that are slow to begin.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -8,6 +8,7 @@
 #include <thread>
 
 #include "jovu/client.h"
+#include "support/recording_client.h"
 #include "support/sim_control.h"
 #include "support/wait.h"
 
@@ -16,10 +17,22 @@ namespace {
 /// Makes this thread's allocations slow, and so what is built in between.
 thread_local std::chrono::milliseconds allocation_delay{0};
 
+/// Makes the allocations of threads slow that make their first one while this is set.
+std::atomic<bool> new_threads_are_slow{false};
+thread_local bool has_allocated = false;
+
+void perhaps_wait() {
+    if (!has_allocated) {
+        has_allocated = true;
+        if (new_threads_are_slow) allocation_delay = std::chrono::milliseconds(1500);
+    }
+    if (allocation_delay.count() > 0) std::this_thread::sleep_for(allocation_delay);
+}
+
 }  // namespace
 
 void* operator new(std::size_t size) {
-    if (allocation_delay.count() > 0) std::this_thread::sleep_for(allocation_delay);
+    perhaps_wait();
     void* const memory = std::malloc(size == 0 ? 1 : size);
     if (memory == nullptr) throw std::bad_alloc();
     return memory;
@@ -75,6 +88,22 @@ TEST(SlowConstruction, OfADerivedClassIsOverBeforeItIsToldOfADevice) {
     const SlowClient client(built, early, announced);
     EXPECT_TRUE(test::eventually([&] { return announced == 1; }, std::chrono::seconds(20)));
     EXPECT_EQ(early, 0);
+}
+
+TEST(SlowNotification, ThatComesAfterTheUnplugDoesNotBringTheDeviceBack) {
+    const JovuDeviceAddress first = test::plug();
+    test::RecordingClient client;
+    ASSERT_TRUE(client.wait_connected(first));
+    new_threads_are_slow = true;
+    const JovuDeviceAddress device = test::plug();
+    ASSERT_TRUE(test::eventually([&] { return client.list_connected().size() == 2; }));
+    test::sim("unplug " + test::name(device));
+    ASSERT_TRUE(test::eventually([&] { return client.list_connected().size() == 1; }));
+    new_threads_are_slow = false;
+    ASSERT_TRUE(client.wait_connected(device));
+    ASSERT_TRUE(client.wait_disconnected(device));
+    EXPECT_FALSE(client.answers(device));
+    EXPECT_EQ(JovuTransport::last_send_error(), "Transport Error - Device has been disconnected.");
 }
 
 }  // namespace
