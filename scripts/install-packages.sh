@@ -18,6 +18,7 @@ demo_packages=(
 test_packages=(
     "${demo_packages[@]}"
     libgtest-dev libgmock-dev
+    locales                                   # the source of a locale with a decimal comma
     clang clang-format-14 clang-tidy-14
 )
 

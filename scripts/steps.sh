@@ -37,7 +37,8 @@ step() {
     else
         printf '%-28s FAILED  %4d s   (status %d, %s)\n' \
             "$label" $((SECONDS - began)) "$status" "$log"
-        tail -n "$step_tail_lines" "$log" | sed 's/^/    /'
+        # A build's lines of progress are not what one looks for then.
+        grep -vE '^\[[0-9]+/[0-9]+\] ' "$log" | tail -n "$step_tail_lines" | sed 's/^/    /'
         step_failed+=("$label")
     fi
     return "$status"
