@@ -44,19 +44,20 @@ void SimDevice::close(ClientId client) {
 int SimDevice::claim(ClientId client, unsigned interface) {
     const std::lock_guard<std::mutex> lock(mutex_);
     if (unplugged_) return ENODEV;
+    if (interface >= identity().interfaces.size()) return ENOENT;
+    if (is_held_by_other(client, interface)) return kContended;
     if (const int error = faults_.take(BusFault::claim, 0)) {
         ++counters_.refused_claims;
         return error;
     }
-    if (interface >= identity().interfaces.size()) return ENOENT;
-    const int error = claim_locked(client, interface);
-    ++(error == 0 ? counters_.claims : counters_.refused_claims);
-    return error;
+    claims_[interface] = client;
+    ++counters_.claims;
+    return 0;
 }
 
-int SimDevice::claim_locked(ClientId client, std::size_t interface) {
-    const auto [entry, inserted] = claims_.emplace(interface, client);
-    return entry->second == client ? 0 : EBUSY;
+bool SimDevice::is_held_by_other(ClientId client, std::size_t interface) const {
+    const auto found = claims_.find(interface);
+    return found != claims_.end() && found->second != client;
 }
 
 int SimDevice::release(ClientId client, unsigned interface) {
@@ -77,9 +78,9 @@ int SimDevice::submit(Urb urb) {
     if (!urb.control) {
         const auto interface = engine_.interface_of(urb.endpoint);
         if (!interface) return ENOENT;
+        if (is_held_by_other(urb.client, *interface)) return kContended;
         // Like the kernel: the first use of an endpoint claims its interface.
-        if (claims_.count(*interface) == 0) ++counters_.implicit_claims;
-        if (const int error = claim_locked(urb.client, *interface)) return error;
+        if (claims_.emplace(*interface, urb.client).second) ++counters_.implicit_claims;
     }
     const Millis now = now_ms();
     if (const int error = engine_.submit(std::move(urb), now)) return error;
@@ -116,6 +117,11 @@ int SimDevice::check_present() {
 void SimDevice::count_ioctl() {
     const std::lock_guard<std::mutex> lock(mutex_);
     ++counters_.ioctls;
+}
+
+void SimDevice::count_refused_claim() {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    ++counters_.refused_claims;
 }
 
 void SimDevice::unplug() {

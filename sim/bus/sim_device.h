@@ -20,6 +20,11 @@
 
 namespace jovusim {
 
+/// What claiming, or submitting to an interface that has to be claimed for it, returns when another
+/// open file holds the interface. That file may have been closed already: unlike a kernel, the
+/// testbed notices that a moment later. So it is worth trying again, and EBUSY only then.
+constexpr int kContended = -1;
+
 /// A device node with everything behind it: who has it open, what is claimed, the transfers in
 /// flight, the function. This is where threads meet: ioctls come on the testbed's worker thread,
 /// control requests and the clock on the main thread. One lock guards all of it; no other lock is
@@ -40,8 +45,9 @@ public:
     const UsbIdentity& identity() const { return controller_->identity(); }
     const std::string& node_path() const { return node_path_; }
 
-    /// @name What an open file of the node does. Each returns 0 or the errno of the failed ioctl.
-    /// After an unplug all but reap() and close() fail with ENODEV.
+    /// @name What an open file of the node does. Each returns 0 or the errno of the failed ioctl,
+    /// claim() and submit() also kContended. After an unplug all but reap() and close() fail with
+    /// ENODEV.
     /// @{
     ClientId open();
     void close(ClientId client);
@@ -58,6 +64,9 @@ public:
 
     /// Counts an ioctl of any kind.
     void count_ioctl();
+
+    /// Counts a claim that was refused for good because of another open file.
+    void count_refused_claim();
 
     /// Takes the device off the bus: transfers in flight end, the node hangs up. Can be called
     /// again.
@@ -86,7 +95,7 @@ public:
 private:
     void settle(Millis now);
     void unplug_locked();
-    int claim_locked(ClientId client, std::size_t interface);
+    bool is_held_by_other(ClientId client, std::size_t interface) const;
 
     const BusAddress address_;
     const std::function<void()> wake_;

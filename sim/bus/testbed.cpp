@@ -88,6 +88,11 @@ Testbed::Testbed(double pace, std::function<void()> wake) : pace_(pace), wake_(s
 Testbed::~Testbed() {
     while (!devices_.empty())
         unplug(devices_.begin()->first);
+    // A program that was killed is noticed by the worker only now; the testbed does not like to go
+    // with a file open. Children of the program may keep one for longer.
+    const Millis deadline = now_ms() + kLastFilesLimit;
+    while (UsbfsNode::open_files() > 0 && now_ms() < deadline)
+        ::usleep(kLastFilesPause);
     // Removes the directory and ends the worker thread.
     testbed_.reset();
 }

@@ -11,6 +11,8 @@
 #include <stdexcept>
 #include <utility>
 
+#include "bus/clock.h"
+
 namespace jovusim {
 
 namespace {
@@ -52,7 +54,11 @@ struct UrbMemory {
     ClientMemory buffer;
 };
 
-/// What an ioctl returns: 0 or an errno.
+/// How long an interface has to be held by another open file until that is believed.
+constexpr Millis kContentionLimit = 100;
+constexpr guint kContentionPauseMs = 1;
+
+/// What an ioctl returns: 0, an errno, or kContended.
 using Outcome = int;
 
 /// One open file of the node. Lives as long as the testbed's object for that file, which goes when
@@ -69,6 +75,7 @@ struct Session {
         --open_sessions;
     }
 
+    /// Can be run again with the same request after kContended.
     Outcome run(gulong request, UMockdevIoctlData* arg);
 
     Outcome capabilities(UMockdevIoctlData* arg);
@@ -83,7 +90,6 @@ struct Session {
 
 Outcome Session::run(gulong request, UMockdevIoctlData* arg) {
     if (!device) return ENODEV;
-    device->count_ioctl();
     if (request == USBDEVFS_REAPURBNDELAY) return reap(arg);
     if (const Outcome gone = device->check_present()) return gone;
     switch (request) {
@@ -180,6 +186,55 @@ void destroy(gpointer data) {
     const std::unique_ptr<T> owner(static_cast<T*>(data));
 }
 
+Outcome run_once(Session& session, UMockdevIoctlClient* client) {
+    return session.run(umockdev_ioctl_client_get_request(client),
+                       umockdev_ioctl_client_get_arg(client));
+}
+
+void complete(UMockdevIoctlClient* client, Outcome outcome) {
+    umockdev_ioctl_client_complete(client, outcome == 0 ? 0 : -1, outcome);
+}
+
+/// An ioctl that waits for another open file to be gone, on the worker thread's main loop. Its
+/// client waits with it: it can neither go on nor close its file before the ioctl completes.
+class Contention {
+public:
+    static void wait(Session& session, UMockdevIoctlClient* client) {
+        auto self = std::make_unique<Contention>(session, client);
+        const std::unique_ptr<GSource, decltype(&g_source_unref)> timer(
+            g_timeout_source_new(kContentionPauseMs), g_source_unref);
+        g_source_set_callback(timer.get(), on_time, self.release(), destroy<Contention>);
+        g_source_attach(timer.get(), g_main_context_get_thread_default());
+    }
+
+    Contention(Session& session, UMockdevIoctlClient* client)
+        : session_(session),
+          client_(UMOCKDEV_IOCTL_CLIENT(g_object_ref(client)), g_object_unref),
+          deadline_(now_ms() + kContentionLimit) {}
+
+private:
+    static gboolean on_time(gpointer data) {
+        auto& self = *static_cast<Contention*>(data);
+        Outcome outcome = EIO;
+        try {
+            outcome = run_once(self.session_, self.client_.get());
+            if (outcome == kContended) {
+                if (now_ms() < self.deadline_) return G_SOURCE_CONTINUE;
+                self.session_.device->count_refused_claim();
+                outcome = EBUSY;
+            }
+        } catch (const std::exception& error) {
+            std::fprintf(stderr, "jovu-sim: an ioctl failed: %s\n", error.what());
+        }
+        complete(self.client_.get(), outcome);
+        return G_SOURCE_REMOVE;
+    }
+
+    Session& session_;  // lives as long as the client
+    const std::unique_ptr<UMockdevIoctlClient, decltype(&g_object_unref)> client_;
+    const Millis deadline_;
+};
+
 }  // namespace
 
 /// The listening end, shared with the testbed.
@@ -213,13 +268,17 @@ gboolean UsbfsNode::Socket::on_ioctl(UMockdevIoctlBase*, UMockdevIoctlClient* cl
     Outcome outcome = EIO;
     try {
         Session& session = session_of(**static_cast<std::shared_ptr<Socket>*>(self), client);
-        outcome = session.run(umockdev_ioctl_client_get_request(client),
-                              umockdev_ioctl_client_get_arg(client));
+        if (session.device) session.device->count_ioctl();
+        outcome = run_once(session, client);
+        if (outcome == kContended) {
+            Contention::wait(session, client);
+            return TRUE;
+        }
     } catch (const std::exception& error) {
         // The caller is a C library, which must not be unwound.
         std::fprintf(stderr, "jovu-sim: an ioctl failed: %s\n", error.what());
     }
-    umockdev_ioctl_client_complete(client, outcome == 0 ? 0 : -1, outcome);
+    complete(client, outcome);
     return TRUE;
 }
 

@@ -106,6 +106,10 @@ std::optional<Request> read_request(const std::string& payload, Complaints& comp
         complaints.add(kWho + std::string("no JSON, or nested too deeply: ") + excerpt(payload));
         return std::nullopt;
     }
+    if (!root.is_object()) {
+        complaints.add(kWho + std::string("no object: ") + excerpt(payload));
+        return std::nullopt;
+    }
     if (has_blanks(payload)) {
         complaints.add(kWho + std::string("blanks in the JSON: ") + excerpt(payload));
     }
@@ -113,8 +117,8 @@ std::optional<Request> read_request(const std::string& payload, Complaints& comp
         complaints.add(kWho + std::string("the members of a message are not transport, data: ") +
                        excerpt(payload));
     }
-    const Json transport = root.is_object() ? member_or_null(root, "transport") : Json();
-    const Json data = root.is_object() ? member_or_null(root, "data") : Json();
+    const Json transport = member_or_null(root, "transport");
+    const Json data = member_or_null(root, "data");
     const Json* body = data.is_object() ? member(data, "command") : nullptr;
     if (!transport.is_object() || body == nullptr || !body->is_object()) {
         complaints.add(kWho + std::string("no command: ") + excerpt(payload));

@@ -1,0 +1,103 @@
+/// @file
+/// A host for tests of the firmware model: sends bytes, reads packets, moves the clock.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "firmware/controller.h"
+
+namespace jovusim::test {
+
+/// Speaks to a controller without any bus.
+class FirmwareHost {
+public:
+    explicit FirmwareHost(double pace = 1.0) : controller("JVSTEST", kApplicationProduct, pace) {}
+
+    void send(std::uint8_t endpoint, const std::string& bytes) {
+        controller.receive(endpoint, reinterpret_cast<const std::uint8_t*>(bytes.data()),
+                           bytes.size(), now);
+    }
+
+    /// All packets that may be seen now.
+    std::vector<std::string> packets(std::uint8_t endpoint) {
+        std::vector<std::string> out;
+        while (auto packet = controller.next_packet(endpoint, now))
+            out.push_back(*packet);
+        return out;
+    }
+
+    /// All bytes that may be seen now.
+    std::string read(std::uint8_t endpoint) {
+        std::string out;
+        for (const std::string& packet : packets(endpoint))
+            out += packet;
+        return out;
+    }
+
+    /// Sends a request on the message channel and reads what comes back: payloads of frames.
+    std::vector<Json> exchange(const std::string& payload) {
+        send(kMessageOut, framed(payload));
+        return messages(read(kMessageIn));
+    }
+
+    Json stats() { return controller.stats(now); }
+    std::uint64_t complaints() { return stats()["complaints"]["count"]; }
+
+    /// A frame, made here and not by the code under test.
+    static std::string framed(const std::string& payload) {
+        const std::size_t length = payload.size() + 1;
+        std::string out = "$";
+        for (const std::size_t word : {length, ~length}) {
+            out += static_cast<char>(word & 0xFFU);
+            out += static_cast<char>((word >> 8U) & 0xFFU);
+        }
+        return out + payload + ";";
+    }
+
+    /// Takes a string of frames apart. Anything that is no frame is an error.
+    static std::vector<Json> messages(const std::string& bytes);
+
+    static std::string command(std::uint32_t id, int idx, const std::string& name,
+                               const std::string& args = "") {
+        return R"({"transport":{"attrs":["request","twoway"],"id":)" + std::to_string(id) +
+               R"(},"data":{"command":{"idx":)" + std::to_string(idx) + R"(,"name":")" + name +
+               "\"" + (args.empty() ? "" : ",\"args\":" + args) + "}}}";
+    }
+
+    static std::string gcode(std::uint32_t id, const std::string& line) {
+        return command(id, 5, "gcode_process_command", "{\"command\":" + bytes_of(line) + "}");
+    }
+
+    /// A text as an array of numbers that ends with 0.
+    static std::string bytes_of(const std::string& text) {
+        std::string out = "[";
+        for (const char c : text) {
+            out += std::to_string(static_cast<int>(static_cast<signed char>(c))) + ",";
+        }
+        return out + "0]";
+    }
+
+    Controller controller;
+    Millis now = 1'000'000;
+};
+
+inline std::vector<Json> FirmwareHost::messages(const std::string& bytes) {
+    std::vector<Json> out;
+    const auto byte = [&bytes](std::size_t at) {
+        return static_cast<std::size_t>(static_cast<unsigned char>(bytes.at(at)));
+    };
+    for (std::size_t at = 0; at < bytes.size();) {
+        const std::size_t length = byte(at + 1) + (byte(at + 2) << 8U);
+        const std::size_t check = byte(at + 3) + (byte(at + 4) << 8U);
+        if (bytes[at] != '$' || (length ^ check) != 0xFFFFU || bytes.at(at + 4 + length) != ';') {
+            throw std::runtime_error("no frame at byte " + std::to_string(at));
+        }
+        out.push_back(Json::parse(bytes.substr(at + 5, length - 1)));
+        at += 5 + length;
+    }
+    return out;
+}
+
+}  // namespace jovusim::test

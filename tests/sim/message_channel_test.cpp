@@ -1,0 +1,250 @@
+// The message channel of the firmware model: frames, requests, answers, events.
+#include <gtest/gtest.h>
+
+#include <cstring>
+
+#include "firmware_host.h"
+
+namespace jovusim::test {
+namespace {
+
+using Host = FirmwareHost;
+
+TEST(MessageChannel, AnswersACommandUnderItsId) {
+    Host host;
+    const auto answers = host.exchange(Host::command(4294967295U, 0, "bio_get_version"));
+    ASSERT_EQ(answers.size(), 1U);
+    EXPECT_EQ(answers[0].dump(),
+              R"({"transport":{"attrs":["response"],"id":4294967295},"data":{"command":{"idx":0,)"
+              R"("name":"bio_get_version","__return__":[49,46,48,46,48,0]}}})");
+    EXPECT_EQ(host.complaints(), 0U);
+}
+
+TEST(MessageChannel, EchoesArguments) {
+    Host host;
+    const auto answers = host.exchange(Host::gcode(7, "G28"));
+    ASSERT_EQ(answers.size(), 1U);
+    EXPECT_EQ(answers[0]["data"]["command"].dump(),
+              R"({"idx":5,"name":"gcode_process_command","args":{"command":[71,50,56,0]},)"
+              R"("__return__":0})");
+}
+
+TEST(MessageChannel, EachDeviceHasItsSerial) {
+    Controller other("JVSOTHER", kApplicationProduct, 1.0);
+    EXPECT_EQ(other.identity().serial, "JVSOTHER");
+    Host host;
+    const auto answers = host.exchange(Host::command(1, 1, "bio_get_serial"));
+    EXPECT_EQ(answers.at(0)["data"]["command"]["__return__"].dump(), Host::bytes_of("JVSTEST"));
+}
+
+TEST(MessageChannel, ReassemblesFramesHoweverTheyAreCut) {
+    const std::string two = Host::framed(Host::command(1, 0, "bio_get_version")) +
+                            Host::framed(Host::command(2, 1, "bio_get_serial"));
+    for (const std::size_t piece : {1, 2, 5, 63, 64, 1000}) {
+        Host host;
+        for (std::size_t at = 0; at < two.size(); at += piece) {
+            host.send(kMessageOut, two.substr(at, piece));
+        }
+        EXPECT_EQ(Host::messages(host.read(kMessageIn)).size(), 2U) << "pieces of " << piece;
+        EXPECT_EQ(host.complaints(), 0U) << "pieces of " << piece;
+    }
+}
+
+TEST(MessageChannel, FindsTheNextFrameBehindADamagedOne) {
+    const std::string good = Host::framed(Host::command(1, 0, "bio_get_version"));
+    std::string bad_check = good;
+    bad_check[3] = 'x';
+    std::string bad_end = good;
+    bad_end.back() = '$';  // at once the start of the next frame
+    const std::string zero_length("$\0\0\xFF\xFF", 5);
+    const struct {
+        const char* what;
+        std::string bytes;
+    } cases[] = {
+        {"bytes before the frame", "abc" + good},
+        {"wrong check", bad_check + good},
+        {"wrong terminator", bad_end + good.substr(1)},
+        {"length 0", zero_length + good},
+    };
+    for (const auto& c : cases) {
+        Host host;
+        host.send(kMessageOut, c.bytes);
+        EXPECT_EQ(Host::messages(host.read(kMessageIn)).size(), 1U) << c.what;
+        EXPECT_GT(host.complaints(), 0U) << c.what;
+    }
+}
+
+TEST(MessageChannel, ForgetsAFrameThatIsLeftUnfinished) {
+    Host host;
+    host.send(kMessageOut, Host::framed(Host::command(1, 0, "bio_get_version")).substr(0, 20));
+    host.now += 1000;
+    EXPECT_EQ(host.exchange(Host::command(2, 0, "bio_get_version")).size(), 0U);
+    host.now += 2001;
+    EXPECT_EQ(host.exchange(Host::command(3, 0, "bio_get_version")).size(), 1U);
+}
+
+struct BadRequest {
+    const char* what;
+    std::string payload;
+    const char* complaint;  ///< part of it
+    bool answered;          ///< and then without a result
+};
+
+std::string envelope(const std::string& transport, const std::string& command) {
+    return R"({"transport":)" + transport + R"(,"data":{"command":)" + command + "}}";
+}
+
+const std::string kTransport = R"({"attrs":["request","twoway"],"id":9})";
+const std::string kVersion = R"({"idx":0,"name":"bio_get_version"})";
+
+std::string gcode_args(const std::string& args) {
+    return Host::command(9, 5, "gcode_process_command", args);
+}
+
+TEST(MessageChannel, ComplainsAboutEveryBreachOfTheRules) {
+    const BadRequest cases[] = {
+        {"no JSON", "{\"transport\":", "no JSON", false},
+        {"deep", std::string(30000, '[') + std::string(30000, ']'), "too deeply", false},
+        {"an array", "[1,2]", "no object", false},
+        {"no transport", R"({"data":{"command":{"idx":0,"name":"bio_get_version"}}})", "no command",
+         false},
+        {"no command", R"({"transport":{"attrs":["request","twoway"],"id":1},"data":{}})",
+         "no command", false},
+        {"no id", envelope(R"({"attrs":["request","twoway"]})", kVersion), "id of a request",
+         false},
+        {"negative id", envelope(R"({"attrs":["request","twoway"],"id":-1})", kVersion),
+         "id of a request", false},
+        {"id too large", envelope(R"({"attrs":["request","twoway"],"id":4294967296})", kVersion),
+         "id of a request", false},
+        {"name with another idx", Host::command(9, 1, "bio_get_version"), "idx is 1", true},
+        {"idx of another type", envelope(kTransport, R"({"idx":0.0,"name":"bio_get_version"})"),
+         "idx is 0.0", true},
+        {"unknown name", Host::command(9, 0, "bio_get"), "no such command", true},
+        {"name of another type", envelope(kTransport, R"({"idx":0,"name":7})"), "no such command",
+         true},
+        {"args where there are none", Host::command(9, 0, "bio_get_version", "{}"),
+         "takes no arguments", true},
+        {"args missing", Host::command(9, 5, "gcode_process_command"), "missing", true},
+        {"args empty", gcode_args("{}"), "\"args\" is {}", true},
+        {"args no object", gcode_args("[[0]]"), "\"args\" is [[0]]", true},
+        {"wrong key", gcode_args(R"({"cmd":[0]})"), "in the place of \"command\"", true},
+        {"one too many", gcode_args(R"({"command":[0],"more":1})"), "\"args\" is", true},
+        {"text no array", gcode_args(R"({"command":"G28"})"), "no array", true},
+        {"text without elements", gcode_args(R"({"command":[]})"), "empty", true},
+        {"text without its 0", gcode_args(R"({"command":[71]})"), "not 0", true},
+        {"0 inside", gcode_args(R"({"command":[71,0,71,0]})"), "before the end", true},
+        {"unsigned byte", gcode_args(R"({"command":[233,0]})"), "outside -128..127", true},
+        {"too negative", gcode_args(R"({"command":[-129,0]})"), "outside -128..127", true},
+        {"fraction", gcode_args(R"({"command":[71.0,0]})"), "no integer", true},
+    };
+    for (const BadRequest& c : cases) {
+        Host host;
+        const auto answers = host.exchange(c.payload);
+        EXPECT_EQ(answers.size(), c.answered ? 1U : 0U) << c.what;
+        for (const Json& answer : answers) {
+            EXPECT_EQ(answer["transport"]["id"], 9) << c.what;
+            EXPECT_FALSE(answer["data"]["command"].contains("__return__")) << c.what;
+        }
+        const auto complaints = host.controller.take_complaints();
+        ASSERT_FALSE(complaints.empty()) << c.what;
+        EXPECT_NE(complaints.back().find(c.complaint), std::string::npos)
+            << c.what << ": " << complaints.back();
+        EXPECT_TRUE(host.stats()["message"]["commands"].empty()) << c.what;
+    }
+}
+
+TEST(MessageChannel, CarriesOutWhatIsOnlyUntidy) {
+    const struct {
+        const char* what;
+        std::string payload;
+    } cases[] = {
+        {"blanks", R"({"transport":{"attrs":["request","twoway"],"id":9}, "data":{"command":)" +
+                       kVersion + "}}"},
+        {"order of the message",
+         R"({"data":{"command":)" + kVersion + R"(},"transport":)" + kTransport + "}"},
+        {"order of the envelope", envelope(R"({"id":9,"attrs":["request","twoway"]})", kVersion)},
+        {"order of the command", envelope(kTransport, R"({"name":"bio_get_version","idx":0})")},
+        {"order of the attrs", envelope(R"({"attrs":["twoway","request"],"id":9})", kVersion)},
+        {"attrs missing", envelope(R"({"attrs":[],"id":9})", kVersion)},
+        {"more in the body", envelope(kTransport, kVersion + R"(,"event":{})")},
+    };
+    for (const auto& c : cases) {
+        Host host;
+        const auto answers = host.exchange(c.payload);
+        ASSERT_EQ(answers.size(), 1U) << c.what;
+        EXPECT_TRUE(answers[0]["data"]["command"].contains("__return__")) << c.what;
+        EXPECT_EQ(host.complaints(), 1U) << c.what;
+    }
+}
+
+TEST(MessageChannel, BlanksInsideStringsAreFine) {
+    Host host;
+    host.exchange(envelope(kTransport, R"({"idx":0,"name":"a \" b"})"));
+    const auto complaints = host.controller.take_complaints();
+    ASSERT_EQ(complaints.size(), 1U);
+    EXPECT_NE(complaints[0].find("no such command"), std::string::npos);
+}
+
+TEST(MessageChannel, DoesNotAnswerOneway) {
+    Host host;
+    EXPECT_EQ(host.exchange(envelope(R"({"attrs":["request","oneway"],"id":9})", kVersion)).size(),
+              0U);
+    EXPECT_EQ(host.stats()["message"]["commands"]["bio_get_version"], 1);
+}
+
+TEST(MessageChannel, SendsEventsWithIdsOfTheirOwn) {
+    Host host;
+    host.controller.send_debug_event("h\xE9", host.now);
+    host.controller.send_debug_event("", host.now);
+    const auto events = Host::messages(host.read(kMessageIn));
+    ASSERT_EQ(events.size(), 2U);
+    EXPECT_EQ(events[0]["transport"]["attrs"].dump(), R"(["request","oneway"])");
+    EXPECT_EQ(events[0]["data"].dump(),
+              R"({"event":{"name":"debug_event","args":{"text":[104,-23,0]}}})");
+    EXPECT_EQ(events[1]["data"]["event"]["args"]["text"].dump(), "[0]");
+    EXPECT_NE(events[0]["transport"]["id"], events[1]["transport"]["id"]);
+}
+
+TEST(MessageChannel, WhatACommandSaysComesBeforeItsAnswer) {
+    Host host;
+    const auto messages = host.exchange(Host::gcode(3, "M118 hello"));
+    ASSERT_EQ(messages.size(), 2U);
+    EXPECT_EQ(messages[0]["data"]["event"]["args"]["text"].dump(), Host::bytes_of("hello"));
+    EXPECT_EQ(messages[1]["transport"]["id"], 3);
+}
+
+TEST(MessageChannel, SurvivesTheLongestRequest) {
+    // Its echo and its event are longer than a frame can be.
+    const std::string overhead = Host::gcode(1, "M118 ");
+    const std::size_t bytes = (kMaxFramePayload - overhead.size()) / std::strlen("-123,");
+    const std::string line = "M118 " + std::string(bytes, '\x85');
+    Host host;
+    const std::string request = Host::gcode(1, line);
+    ASSERT_LE(request.size(), kMaxFramePayload);
+    host.send(kMessageOut, Host::framed(request));
+    const auto messages = Host::messages(host.read(kMessageIn));
+    ASSERT_EQ(messages.size(), 2U);
+    EXPECT_EQ(messages[1]["data"]["command"]["__return__"], 0);
+}
+
+TEST(MessageChannel, AHostThatNeverReadsDoesNotMakeItGrow) {
+    Host host;
+    const std::string text(kLongestEventText, 'x');
+    for (int i = 0; i < 100; ++i)
+        host.controller.send_debug_event(text, host.now);
+    EXPECT_GT(host.stats()["message"]["dropped"], 0);
+    EXPECT_LT(host.read(kMessageIn).size(), 2U << 20U);
+}
+
+TEST(MessageChannel, DropsUnreadOutputWithTheLastProgram) {
+    Host host;
+    host.send(kMessageOut, Host::framed(Host::command(1, 0, "bio_get_version")));
+    host.send(kJobOut, R"({"metadata":{"version":1,"type":"status"}})");
+    host.controller.next_packet(kMessageIn, host.now);
+    host.controller.host_left();
+    EXPECT_EQ(host.read(kMessageIn) + host.read(kJobIn), "");
+    EXPECT_EQ(host.exchange(Host::command(2, 0, "bio_get_version")).size(), 1U);
+}
+
+}  // namespace
+}  // namespace jovusim::test
