@@ -94,7 +94,7 @@ bool cmd_ifc_deserialize_type(yajl_val object, const char* key, std::shared_ptr<
 bool cmd_ifc_deserialize_type(yajl_val object, const char* key,
                               std::shared_ptr<unsigned char>& value) {
     return read_array(object, key, value, [](yajl_val number) {
-        return static_cast<unsigned char>(YAJL_GET_INTEGER(number));
+        return static_cast<unsigned char>(jovu::integer_of(number));
     });
 }
 

@@ -61,10 +61,20 @@ void NoticeThreads::close() {
 }
 
 void NoticeThreads::wait() {
-    const unsigned own = current_owner == state_.get() ? 1 : 0;
-    const MutexLock lock(state_->mutex);
-    while (state_->running > own)
-        state_->changed.wait(state_->mutex);
+    State& state = *state_;
+    const bool in_notice = current_owner == &state;
+    const MutexLock lock(state.mutex);
+    if (!in_notice) {
+        while (state.running > 0)
+            state.changed.wait(state.mutex);
+        return;
+    }
+    // Notices that wait here do not wait for one another.
+    ++state.waiting;
+    state.changed.notify_all();
+    while (state.running > state.waiting)
+        state.changed.wait(state.mutex);
+    --state.waiting;
 }
 
 }  // namespace jovu

@@ -26,8 +26,8 @@ public:
     /// Drops notices that have not begun and takes no more.
     void close();
 
-    /// Waits until no notice is running, but for one that the calling thread itself is in. To be
-    /// called after close().
+    /// Waits until no notice is running. Called from inside a notice it does not wait for that one,
+    /// nor for others that wait here themselves. To be called after close().
     void wait();
 
 private:
@@ -41,6 +41,7 @@ private:
         ConditionVariable changed;
         std::deque<Notice> pending JOVU_GUARDED_BY(mutex);
         unsigned running JOVU_GUARDED_BY(mutex) = 0;
+        unsigned waiting JOVU_GUARDED_BY(mutex) = 0;  ///< Of the running ones, inside wait().
         bool closed JOVU_GUARDED_BY(mutex) = false;
     };
 

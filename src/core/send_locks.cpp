@@ -1,34 +1,89 @@
 #include "core/send_locks.h"
 
+#include <iterator>
 #include <utility>
 
+#include "base/never_destroyed.h"
+
 namespace jovu {
+namespace {
+
+/// The send locks of the process, so that several transports use one for one device.
+class AllLocks {
+public:
+    std::shared_ptr<SendLock> of(JovuUsb::connection_t connection) {
+        const MutexLock guard(mutex_);
+        for (auto entry = locks_.begin(); entry != locks_.end();) {
+            entry = entry->second.expired() ? locks_.erase(entry) : std::next(entry);
+        }
+        std::weak_ptr<SendLock>& known = locks_[connection];
+        std::shared_ptr<SendLock> lock = known.lock();
+        if (lock == nullptr) known = lock = std::make_shared<SendLock>(connection);
+        return lock;
+    }
+
+private:
+    Mutex mutex_;
+    std::unordered_map<JovuUsb::connection_t, std::weak_ptr<SendLock>> locks_
+        JOVU_GUARDED_BY(mutex_);
+};
+
+AllLocks& all_locks() {
+    static NeverDestroyed<AllLocks> all;
+    return all.get();
+}
+
+}  // namespace
+
+void SendLock::leave() {
+    const MutexLock lock(mutex_);
+    busy_ = false;
+    changed_.notify_all();
+}
+
+void SendLock::wake() {
+    const MutexLock lock(mutex_);
+    changed_.notify_all();
+}
+
+void SendLock::wait_idle() {
+    const MutexLock lock(mutex_);
+    while (busy_)
+        changed_.wait(mutex_);
+}
 
 void SendLocks::connect(JovuDeviceAddress address, JovuUsb::connection_t connection) {
-    auto lock = std::make_shared<SendLock>(connection);
-    const MutexLock guard(mutex_);
-    if (closed_) return;
-    std::shared_ptr<SendLock>& entry = locks_[address];
-    if (entry != nullptr) entry->retired = true;
-    entry = std::move(lock);
+    std::shared_ptr<SendLock> lock = all_locks().of(connection);
+    {
+        const MutexLock guard(mutex_);
+        if (closed_) return;
+        std::swap(locks_[address], lock);
+    }
+    if (lock != nullptr) lock->wake();
 }
 
 std::shared_ptr<SendLock> SendLocks::disconnect(JovuDeviceAddress address) {
-    const MutexLock guard(mutex_);
-    const auto found = locks_.find(address);
-    if (found == locks_.end()) return nullptr;
-    std::shared_ptr<SendLock> lock = std::move(found->second);
-    locks_.erase(found);
-    lock->retired = true;
+    std::shared_ptr<SendLock> lock;
+    {
+        const MutexLock guard(mutex_);
+        const auto found = locks_.find(address);
+        if (found == locks_.end()) return nullptr;
+        lock = std::move(found->second);
+        locks_.erase(found);
+    }
+    lock->wake();
     return lock;
 }
 
 void SendLocks::close() {
-    const MutexLock guard(mutex_);
-    closed_ = true;
-    for (const auto& entry : locks_)
-        entry.second->retired = true;
-    locks_.clear();
+    Map taken_out;
+    {
+        const MutexLock guard(mutex_);
+        closed_ = true;
+        taken_out.swap(locks_);
+    }
+    for (const auto& entry : taken_out)
+        entry.second->wake();
 }
 
 std::shared_ptr<SendLock> SendLocks::find(JovuDeviceAddress address) {

@@ -2,7 +2,6 @@
 /// The send locks of connected devices.
 #pragma once
 
-#include <atomic>
 #include <memory>
 #include <unordered_map>
 
@@ -12,44 +11,70 @@
 
 namespace jovu {
 
-/// Makes the exchanges with one opening of a device follow one another.
-struct SendLock {
-    explicit SendLock(JovuUsb::connection_t opening) : connection(opening) {}
+/// Makes the exchanges with one opening of a device follow one another, whichever transport of the
+/// process they come from. Held for a whole exchange; taken before the link's locks.
+class SendLock {
+public:
+    explicit SendLock(JovuUsb::connection_t connection) : connection_(connection) {}
 
-    /// Held for one exchange. Taken before the link's locks.
-    Mutex mutex;
+    /// Which opening of the device this is for. A sender that got its turn in time and writes too
+    /// late does not reach another device at the same address.
+    JovuUsb::connection_t connection() const noexcept { return connection_; }
 
-    /// The opening of the device that this lock is for. A sender that got the lock in time and
-    /// writes too late does not reach another device at the same address.
-    const JovuUsb::connection_t connection;
+    /// Waits for the turn as long as @p wanted says so.
+    /// @param wanted called with the lock's own mutex held; may take a leaf.
+    /// @return whether the caller has the turn, and has to leave().
+    template <class Wanted>
+    bool enter(Wanted wanted) {
+        const MutexLock lock(mutex_);
+        while (busy_ && wanted())
+            changed_.wait(mutex_);
+        if (busy_ || !wanted()) return false;
+        busy_ = true;
+        return true;
+    }
 
-    /// Set when the device has gone. Senders that still queue for the lock turn away.
-    std::atomic<bool> retired{false};
+    void leave();
+
+    /// Makes those who wait ask again whether they want to.
+    void wake();
+
+    /// Waits until nobody has the turn.
+    void wait_idle();
+
+private:
+    const JovuUsb::connection_t connection_;
+    Mutex mutex_;
+    ConditionVariable changed_;
+    bool busy_ JOVU_GUARDED_BY(mutex_) = false;
 };
 
-/// One send lock per connected device; a device without one cannot be sent to.
+/// One send lock per device that a transport has been told of; a device without one cannot be sent
+/// to.
 ///
 /// Changed in the order of the link's notices, on the link's threads, so a quick replug at one
-/// address ends with the right lock. A lock that is taken out lives until its last holder has let
-/// go.
+/// address ends with the right lock. A lock that is taken out turns its queue away and lives until
+/// the last one in it has gone.
 class SendLocks {
 public:
-    /// A device is there: gives it a fresh lock in place of any other.
+    /// A device is there: gives it the lock of its opening in place of any other.
     void connect(JovuDeviceAddress address, JovuUsb::connection_t connection);
 
-    /// A device has gone: retires its lock.
-    /// @return the lock, for waiting until its holder has let go; null when there was none.
+    /// A device has gone: takes its lock out.
+    /// @return the lock, for waiting until it is idle; null when there was none.
     std::shared_ptr<SendLock> disconnect(JovuDeviceAddress address);
 
-    /// Retires all locks and gives out no more.
+    /// Takes all locks out and gives out no more.
     void close();
 
     /// @return null when the device is not connected.
     std::shared_ptr<SendLock> find(JovuDeviceAddress address);
 
 private:
-    Mutex mutex_;  ///< A leaf; never held while a send lock is waited for.
-    std::unordered_map<JovuDeviceAddress, std::shared_ptr<SendLock>> locks_ JOVU_GUARDED_BY(mutex_);
+    using Map = std::unordered_map<JovuDeviceAddress, std::shared_ptr<SendLock>>;
+
+    Mutex mutex_;  ///< A leaf; never held while a send lock is.
+    Map locks_ JOVU_GUARDED_BY(mutex_);
     bool closed_ JOVU_GUARDED_BY(mutex_) = false;
 };
 

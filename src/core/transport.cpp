@@ -15,7 +15,6 @@
 
 JovuTransport::JovuTransport() : state_(std::make_unique<State>()) {
     JovuUsb::client_register(*this, JovuUsb::JOVU_USB_INTERFACE_MESSAGES);
-    state_->registered = true;
 }
 
 JovuTransport::~JovuTransport() {
@@ -26,11 +25,11 @@ void JovuTransport::shutdown() {
     JovuUsb::refuse_in_callback("Shutdown");
     // Senders are turned away first, so that nothing the link waits for takes an answer's time.
     state_->notices.close();
+    state_->exchanges.close();
     state_->device_mutexes.close();
     state_->waiting.wake_all();
-    if (state_->registered.exchange(false)) {
-        JovuUsb::client_unregister(*this, JovuUsb::JOVU_USB_INTERFACE_MESSAGES);
-    }
+    state_->registration.end(
+        [this] { JovuUsb::client_unregister(*this, JovuUsb::JOVU_USB_INTERFACE_MESSAGES); });
     state_->exchanges.wait();
     state_->notices.wait();
 }
@@ -69,7 +68,7 @@ void JovuTransport::usb_device_disconnected(JovuDeviceAddress address) {
     std::shared_ptr<jovu::SendLock> lock = state_->device_mutexes.disconnect(address);
     state_->waiting.wake(address);
     state_->notices.post([this, address, lock = std::move(lock)] {
-        if (lock != nullptr) const jovu::MutexLock last_exchange(lock->mutex);
+        if (lock != nullptr) lock->wait_idle();
         device_disconnected(address);
     });
 }

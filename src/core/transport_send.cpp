@@ -16,23 +16,33 @@ namespace {
 
 constexpr const char* kDisconnected = "Transport Error - Device has been disconnected.";
 
-/// Holds a device's send lock for one exchange, unless the device has gone meanwhile.
+/// The turn to exchange messages with a device, for a scope.
 class SendTurn {
 public:
-    explicit SendTurn(std::shared_ptr<jovu::SendLock> lock)
-        : lock_(std::move(lock)), held_(lock_->mutex) {}
+    /// @throws JovuException when the device has gone, or goes while the turn is waited for.
+    SendTurn(jovu::SendLocks& locks, JovuDeviceAddress address,
+             std::shared_ptr<jovu::SendLock> lock)
+        : locks_(locks), address_(address), lock_(std::move(lock)) {
+        if (!lock_->enter([this] { return connected(); })) throw JovuException(kDisconnected);
+    }
+    ~SendTurn() { lock_->leave(); }
+    SendTurn(const SendTurn&) = delete;
+    SendTurn& operator=(const SendTurn&) = delete;
 
     void check() const {
-        if (lock_->retired) throw JovuException(kDisconnected);
+        if (!connected()) throw JovuException(kDisconnected);
     }
-    JovuUsb::connection_t connection() const noexcept { return lock_->connection; }
+    JovuUsb::connection_t connection() const noexcept { return lock_->connection(); }
 
 private:
+    bool connected() const { return locks_.find(address_) == lock_; }
+
+    jovu::SendLocks& locks_;
+    const JovuDeviceAddress address_;
     const std::shared_ptr<jovu::SendLock> lock_;
-    const jovu::MutexLock held_;
 };
 
-/// Caller holds the device's send lock, which keeps the two writes of a frame together.
+/// Caller has the turn with the device, which keeps the two writes of a frame together.
 void send_command_data(const std::string& json, JovuDeviceAddress address,
                        JovuUsb::connection_t connection) {
     const jovu::Frame frame = jovu::make_frame(json);
@@ -43,18 +53,18 @@ void send_command_data(const std::string& json, JovuDeviceAddress address,
                    JovuUsb::JOVU_USB_INTERFACE_MESSAGES, connection);
 }
 
-void print_failure(unsigned id, const char* what) {
-    const std::string line = "JovuMessage: " + std::to_string(id) + " -- " + what + "\n";
-    std::fputs(line.c_str(), stdout);
+void print_failure(unsigned id, const char* what) noexcept {
+    std::fprintf(stdout, "JovuMessage: %u -- %s\n", id, what);
     std::fflush(stdout);
 }
 
 }  // namespace
 
 void JovuTransport::send_message(JovuMessage& message, JovuDeviceAddress address) {
-    const CallsInProgress::Call call(state_->exchanges);
+    const jovu::CallsInProgress::Call call(state_->exchanges);
     jovu::set_last_send_error("");
     try {
+        if (!call) throw JovuException(kDisconnected);
         exchange(message, address);
     } catch (const JovuException& error) {
         print_failure(message.id(), error.what());
@@ -70,10 +80,10 @@ void JovuTransport::exchange(JovuMessage& message, JovuDeviceAddress address) {
     if (JovuUsb::delivering()) {
         // The send lock may be held by a sender whose answer only this thread can deliver, so it is
         // not waited for. The link refuses the write, with the reason.
-        send_command_data(message.compile(), address, lock->connection);
+        send_command_data(message.compile(), address, lock->connection());
         return;
     }
-    const SendTurn turn(std::move(lock));
+    const SendTurn turn(state_->device_mutexes, address, std::move(lock));
     if (!message.twoway()) {
         turn.check();
         send_command_data(message.compile(), address, turn.connection());

@@ -29,15 +29,14 @@ public:
     const std::string& name() const noexcept { return name_; }
     int index() const noexcept { return index_; }
 
-    /// Reads the first member of "args", whatever its key. Without "args" the handler gets a
-    /// default argument; with an argument that cannot be read it is not called.
+    /// Reads the first member of "args", whatever its key. Without one the handler gets a default
+    /// argument; with an argument that cannot be read it is not called.
     void execute(JovuDeviceAddress address, std::shared_ptr<JovuMessage>& msg) override {
         Arg argument{};
         const yajl_val args = get_unparsed_args(msg);
-        if (args != nullptr) {
-            if (YAJL_GET_OBJECT(args)->len == 0) return;
-            const char* const key = get_unparsed_arg_keys(msg)[0];
-            if (!event_ifc_deserialize_type(args, key, argument)) return;
+        if (args != nullptr && args->u.object.len > 0 &&
+            !event_ifc_deserialize_type(args, args->u.object.keys[0], argument)) {
+            return;
         }
         if (handler_) handler_(address, std::move(argument));
     }

@@ -2,7 +2,6 @@
 /// The job channel: its life, reception and requests. The push is in job_push.cpp.
 #include "jovu/job_interface.h"
 
-#include <atomic>
 #include <string>
 #include <unordered_map>
 #include <utility>
@@ -11,18 +10,18 @@
 #include "jobs/job_stream.h"
 #include "jobs/status_report.h"
 #include "json/json.h"
+#include "usb/registration.h"
 #include "usb/usb.h"
 
 struct JovuJobInterface::State {
     /// Touched only by the link's calls for interface 1, which never overlap. Entries are never
     /// erased.
     std::unordered_map<JovuDeviceAddress, jovu::JobStream> streams;
-    std::atomic<bool> registered{false};
+    jovu::Registration registration;
 };
 
 JovuJobInterface::JovuJobInterface() : state_(std::make_unique<State>()) {
     JovuUsb::client_register(*this, JovuUsb::JOVU_USB_INTERFACE_JOBS);
-    state_->registered = true;
 }
 
 JovuJobInterface::~JovuJobInterface() {
@@ -31,8 +30,8 @@ JovuJobInterface::~JovuJobInterface() {
 
 void JovuJobInterface::shutdown() {
     JovuUsb::refuse_in_callback("Shutdown");
-    if (!state_->registered.exchange(false)) return;
-    JovuUsb::client_unregister(*this, JovuUsb::JOVU_USB_INTERFACE_JOBS);
+    state_->registration.end(
+        [this] { JovuUsb::client_unregister(*this, JovuUsb::JOVU_USB_INTERFACE_JOBS); });
 }
 
 void JovuJobInterface::RequestStatus(JovuDeviceAddress address) {

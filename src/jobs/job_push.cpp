@@ -50,8 +50,9 @@ File open_job_file(const std::string& path) {
     return file;
 }
 
+/// Goes back to the start; a stream that cannot would be announced, and then not sent.
 void rewind_file(std::FILE* file) {
-    static_cast<void>(std::fseek(file, 0, SEEK_SET));
+    if (std::fseek(file, 0, SEEK_SET) != 0) throw JovuException("Failed to rewind job file.");
 }
 
 /// First pass: size and checksum, as far as the file can be read.
@@ -88,9 +89,6 @@ void JovuJobInterface::send_job(JovuDeviceAddress address, std::FILE* file, Prog
     // All of it goes to one opening of the device: pieces that another device at the same address
     // got would be commands to it.
     const JovuUsb::connection_t connection = JovuUsb::connection(address);
-    if (connection == JovuUsb::kAnyConnection) {
-        throw JovuException("Send failed - Device no longer connected.");
-    }
     const auto write = [address, connection](const void* data, std::size_t size) {
         JovuUsb::write(static_cast<const unsigned char*>(data), static_cast<unsigned int>(size),
                        address, JovuUsb::JOVU_USB_INTERFACE_JOBS, connection);

@@ -3,6 +3,8 @@
 #include <cstddef>
 #include <vector>
 
+#include "json/json.h"
+
 namespace jovu {
 
 std::shared_ptr<char> read_byte_text(yajl_val array) {
@@ -12,7 +14,7 @@ std::shared_ptr<char> read_byte_text(yajl_val array) {
     for (std::size_t i = 0; i < length; ++i) {
         const yajl_val element = array->u.array.values[i];
         if (!YAJL_IS_NUMBER(element)) return nullptr;
-        (*text)[i] = static_cast<char>(YAJL_GET_INTEGER(element));
+        (*text)[i] = static_cast<char>(integer_of(element));
     }
     return {text, text->data()};
 }

@@ -28,6 +28,8 @@ bool nests_within(std::string_view text, std::size_t limit) noexcept {
             }
         } else if (c == '"') {
             in_string = true;
+        } else if (c == '/') {
+            return false;
         } else if (c == '{' || c == '[') {
             if (++depth > limit) return false;
         } else if ((c == '}' || c == ']') && depth > 0) {
@@ -38,7 +40,8 @@ bool nests_within(std::string_view text, std::size_t limit) noexcept {
 }
 
 JsonTree parse_json(const std::string& text) {
-    if (!nests_within(text, kMaxJsonDepth)) return nullptr;
+    // yajl sees the text up to its first NUL.
+    if (!nests_within(text.c_str(), kMaxJsonDepth)) return nullptr;
     const NumericLocale locale;
     return JsonTree(yajl_tree_parse(text.c_str(), nullptr, 0));
 }
@@ -54,11 +57,20 @@ const char* find_string(yajl_val object, std::initializer_list<const char*> path
     return YAJL_GET_STRING(find(object, path, yajl_t_string));
 }
 
+long long integer_of(yajl_val number) noexcept {
+    // The first double beyond the largest integer; its negative is the smallest one.
+    constexpr double kLimit = 9223372036854775808.0;
+    const double value = number->u.number.d;
+    const bool fits = value >= -kLimit && value < kLimit;
+    if (YAJL_IS_INTEGER(number) || !YAJL_IS_DOUBLE(number) || !fits) return number->u.number.i;
+    return static_cast<long long>(value);
+}
+
 std::optional<long long> find_integer(yajl_val object,
                                       std::initializer_list<const char*> path) noexcept {
     const yajl_val node = find(object, path, yajl_t_number);
     if (node == nullptr) return std::nullopt;
-    return YAJL_GET_INTEGER(node);
+    return integer_of(node);
 }
 
 std::optional<double> find_double(yajl_val object,

@@ -29,7 +29,9 @@ using JsonTree = std::unique_ptr<yajl_val_s, TreeFree>;
 /// @return null when the text is not JSON or nests deeper than kMaxJsonDepth.
 JsonTree parse_json(const std::string& text);
 
-/// @return whether brackets outside of strings nest at most @p limit deep.
+/// @return whether brackets outside of strings nest at most @p limit deep. Comments, which yajl
+///     would skip, are not let through: JSON has none, and a quotation mark in one would hide
+///     brackets from this count.
 bool nests_within(std::string_view text, std::size_t limit) noexcept;
 
 /// The node at a path of keys below an object.
@@ -41,7 +43,12 @@ yajl_val find(yajl_val object, std::initializer_list<const char*> path, yajl_typ
 /// @return null when it is absent or not a string; lives as long as the tree.
 const char* find_string(yajl_val object, std::initializer_list<const char*> path) noexcept;
 
-/// The integer reading of a number node at a path: its leading whole number, clamped to 64 bits.
+/// The integer reading of a number: what yajl stored, or its whole part if it is not a whole
+/// number, for which yajl stores nothing of use. Clamped to 64 bits.
+/// @param number a number node.
+long long integer_of(yajl_val number) noexcept;
+
+/// The integer reading of a number node at a path.
 std::optional<long long> find_integer(yajl_val object,
                                       std::initializer_list<const char*> path) noexcept;
 

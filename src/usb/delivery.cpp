@@ -29,13 +29,21 @@ void keep_client_error(std::exception_ptr error) noexcept {
     if (state.client_error == nullptr) state.client_error = std::move(error);
 }
 
+/// Calls the clients of one interface that are built, in order of registration.
+template <class Call>
+void call_each(Link::Clients& clients, Call call) JOVU_REQUIRES(clients.mutex) {
+    const std::uint64_t ended_holds = link().ended_holds;
+    for (const Link::Clients::Entry& entry : clients.list) {
+        if (entry.live_after <= ended_holds) call(*entry.client);
+    }
+}
+
 template <class Call>
 void notify(Call call) {
-    for (Link::Clients& interface : link()._registered_clients) {
-        const ScopedLock<RecursiveMutex> lock(interface.mutex);
+    for (Link::Clients& clients : link()._registered_clients) {
+        const ScopedLock<RecursiveMutex> lock(clients.mutex);
         const Depth depth(notices);
-        for (JovuUsbClient* client : interface.list)
-            call(*client);
+        call_each(clients, call);
     }
 }
 
@@ -55,8 +63,8 @@ bool deliver(std::size_t interface, unsigned char* data, unsigned int length,
         Link::Clients& clients = link()._registered_clients[interface];
         const ScopedLock<RecursiveMutex> lock(clients.mutex);
         const Depth depth(deliveries);
-        for (JovuUsbClient* client : clients.list)
-            client->data_received(data, length, address);
+        call_each(clients,
+                  [=](JovuUsbClient& client) { client.data_received(data, length, address); });
         std::fill_n(data, length, static_cast<unsigned char>(0));
         return true;
     } catch (...) {

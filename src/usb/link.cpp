@@ -43,6 +43,18 @@ void Link::remove_device(JovuDeviceAddress address) noexcept {
     _connected_devices.erase(found);
 }
 
+void Link::remove_devices() noexcept {
+    for (;;) {
+        JovuDeviceAddress address{};
+        {
+            const MutexLock lock(directory_mutex);
+            if (_connected_devices.empty()) return;
+            address = _connected_devices.begin()->first;
+        }
+        remove_device(address);
+    }
+}
+
 void Link::interrupt_watcher() {
     const MutexLock lock(directory_mutex);
     for (const auto& entry : _connected_devices)

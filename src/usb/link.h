@@ -5,6 +5,7 @@
 #include <array>
 #include <atomic>
 #include <chrono>
+#include <cstdint>
 #include <exception>
 #include <memory>
 #include <thread>
@@ -38,10 +39,19 @@ struct Link {
     Mutex opening_mutex;
     std::atomic<unsigned> scan_holds{0};
 
+    /// How often the last hold has been released.
+    std::atomic<std::uint64_t> ended_holds{0};
+
     /// The clients of one interface number. The lock is held while they are called.
     struct Clients {
+        struct Entry {
+            JovuUsbClient* client;
+            /// Not called before ended_holds has come to this: whoever registers under a hold is
+            /// still being built.
+            std::uint64_t live_after;
+        };
         RecursiveMutex mutex;
-        std::vector<JovuUsbClient*> list JOVU_GUARDED_BY(mutex);
+        std::vector<Entry> list JOVU_GUARDED_BY(mutex);
     };
     std::array<Clients, kInterfaceCount> _registered_clients;
 
@@ -73,6 +83,9 @@ struct Link {
 
     /// Ends an event wait of the watcher, if a device is open, at the price of its reception.
     void interrupt_watcher() JOVU_EXCLUDES(directory_mutex);
+
+    /// Removes every device.
+    void remove_devices() noexcept JOVU_REQUIRES(_connected_devices_mutex);
 
     std::vector<JovuDeviceAddress> addresses() JOVU_EXCLUDES(directory_mutex);
 };

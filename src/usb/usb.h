@@ -21,9 +21,10 @@ public:
         JOVU_USB_INTERFACE_JOBS = 1,
     };
 
-    /// Tells one opening of a device from every other one, also at the same address. 0: none.
+    /// Tells one opening of a device from every other one, also at the same address.
     using connection_t = std::uint64_t;
-    static constexpr connection_t kAnyConnection = 0;
+    static constexpr connection_t kNoConnection = 0;
+    static constexpr connection_t kAnyConnection = ~connection_t{0};
 
     /// Adds a client to the end of an interface's list and starts the link if it is not running.
     /// The client is not told of devices that are open already.
@@ -60,7 +61,8 @@ public:
     /// As JovuTransport::list_attached(). Works also while the link is idle.
     static std::vector<JovuUsbDevice> list_attached();
 
-    /// @return which opening of a device the address stands for now; 0 when there is none.
+    /// @return which opening of a device the address stands for now; kNoConnection if there is
+    /// none.
     static connection_t connection(JovuDeviceAddress address);
 
     /// @return whether the calling thread is delivering received data, where nothing may wait for

@@ -31,8 +31,7 @@ void stop(Link& state) JOVU_REQUIRES(state.lifecycle_mutex) {
     state._device_hotplug_thread.join();
     // First, for a sender in a tight loop must not keep the link from stopping.
     const jovu::FirstGateLock gate(state._connected_devices_mutex);
-    for (const JovuDeviceAddress address : state.addresses())
-        state.remove_device(address);
+    state.remove_devices();
     state._libusb_ctx.reset();
 }
 
@@ -49,10 +48,17 @@ void JovuUsb::client_register(JovuUsbClient& client, jovu_usb_interface_t interf
     refuse_in_callback("Register");
     Link& state = link();
     const jovu::MutexLock lifecycle(state.lifecycle_mutex);
-    if (!state._device_hotplug_thread.joinable()) start(state);
     Link::Clients& clients = state._registered_clients[interface];
+    {
+        // Room first: once the link runs, nothing may fail any more.
+        const jovu::ScopedLock<jovu::RecursiveMutex> lock(clients.mutex);
+        clients.list.reserve(clients.list.size() + 1);
+    }
+    if (!state._device_hotplug_thread.joinable()) start(state);
+    const std::uint64_t ended = state.ended_holds;
+    const std::uint64_t live_after = state.scan_holds != 0 ? ended + 1 : 0;
     const jovu::ScopedLock<jovu::RecursiveMutex> lock(clients.mutex);
-    clients.list.push_back(&client);
+    clients.list.push_back({&client, live_after});
 }
 
 void JovuUsb::client_unregister(JovuUsbClient& client, jovu_usb_interface_t interface) {
@@ -62,7 +68,9 @@ void JovuUsb::client_unregister(JovuUsbClient& client, jovu_usb_interface_t inte
     {
         Link::Clients& clients = state._registered_clients[interface];
         const jovu::ScopedLock<jovu::RecursiveMutex> lock(clients.mutex);
-        const auto found = std::find(clients.list.begin(), clients.list.end(), &client);
+        const auto found =
+            std::find_if(clients.list.begin(), clients.list.end(),
+                         [&client](const auto& entry) { return entry.client == &client; });
         if (found != clients.list.end()) clients.list.erase(found);
         if (!clients.list.empty()) return;
     }
@@ -81,5 +89,6 @@ void JovuUsb::hold_scans() noexcept {
 }
 
 void JovuUsb::release_scans() noexcept {
-    --link().scan_holds;
+    Link& state = link();
+    if (--state.scan_holds == 0) ++state.ended_holds;
 }

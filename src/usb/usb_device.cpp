@@ -11,7 +11,7 @@
 namespace jovu {
 namespace {
 
-std::atomic<JovuUsb::connection_t> last_connection{JovuUsb::kAnyConnection};
+std::atomic<JovuUsb::connection_t> last_connection{JovuUsb::kNoConnection};
 
 struct Abandonment {
     Mutex mutex;
@@ -119,16 +119,21 @@ void UsbDevice::close() noexcept {
 }
 
 void UsbDevice::end_reception() noexcept {
-    const auto deadline = std::chrono::steady_clock::now() + kDrainLimit;
+    using Clock = std::chrono::steady_clock;
     for (ReceiveTransfer& transfer : reception_->transfers) {
+        auto deadline = Clock::now() + kDrainLimit;
         for (cancel_reception(); !transfer.idle(); cancel_reception()) {
-            if (std::chrono::steady_clock::now() > deadline) {
+            // A completion that a client is busy with holds up all event handling, for which libusb
+            // cannot be blamed.
+            if (transfer.completing()) deadline = Clock::now() + kDrainLimit;
+            const bool overdue = Clock::now() > deadline;
+            timeval slice{0, 20000};
+            libusb_handle_events_timeout_completed(context_.get(), &slice, transfer.rx_done());
+            if (overdue && !transfer.idle() && !transfer.completing()) {
                 spare_.front() = {context_, std::move(handle_), reception_};
                 abandon(spare_);
                 return;
             }
-            timeval slice{0, 20000};
-            libusb_handle_events_timeout_completed(context_.get(), &slice, transfer.rx_done());
         }
     }
 }

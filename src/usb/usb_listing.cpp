@@ -75,7 +75,7 @@ JovuUsb::connection_t JovuUsb::connection(JovuDeviceAddress address) {
     Link& state = link();
     const jovu::MutexLock lock(state.directory_mutex);
     const auto found = state._connected_devices.find(address);
-    return found == state._connected_devices.end() ? kAnyConnection : found->second->connection();
+    return found == state._connected_devices.end() ? kNoConnection : found->second->connection();
 }
 
 bool JovuUsb::delivering() noexcept {

@@ -5,7 +5,6 @@
 #include <cstdio>
 #include <memory>
 #include <optional>
-#include <string>
 #include <thread>
 #include <vector>
 
@@ -154,8 +153,8 @@ private:
     std::optional<std::chrono::steady_clock::time_point> last_scan_;
 };
 
-void print_fatal(const std::string& what) {
-    std::fputs(("Fatal error in hotplug thread - " + what + ".\n").c_str(), stdout);
+void print_fatal(const char* what) noexcept {
+    std::fprintf(stdout, "Fatal error in hotplug thread - %s.\n", what);
     std::fflush(stdout);
 }
 

@@ -57,6 +57,17 @@ protected:
         return "";
     }
 
+    /// Makes the device send bytes on the job channel.
+    void send(const std::string& bytes) const {
+        static const char digits[] = "0123456789abcdef";
+        std::string hex;
+        for (const char byte : bytes) {
+            hex += digits[static_cast<unsigned char>(byte) / 16];
+            hex += digits[static_cast<unsigned char>(byte) % 16];
+        }
+        sim("send " + name(device) + " job " + hex);
+    }
+
     JovuDeviceAddress device = plug();
     RecordingClient client;
 };
@@ -142,7 +153,6 @@ TEST_F(Jobs, APushThatAnUnplugCutsOffNeverReachesTheNextDevice) {
 }
 
 TEST_F(Jobs, AStatusRequestSurvivesWhateverTheDeviceSends) {
-    const std::string place = name(device);
     const char* const noise[] = {
         "}",                                               // dropped
         "{\"metadata\":{\"type\":\"other\"}}",             // told, not decoded
@@ -150,15 +160,8 @@ TEST_F(Jobs, AStatusRequestSurvivesWhateverTheDeviceSends) {
         "{\"metadata\":{\"type\":\"status\"},\"job\":3}",  // decoded: an empty report
         "not json {}",
     };
-    for (const char* const bytes : noise) {
-        std::string hex;
-        for (const char* c = bytes; *c != '\0'; ++c) {
-            char digits[3];
-            std::snprintf(digits, sizeof digits, "%02x", static_cast<unsigned char>(*c));
-            hex += digits;
-        }
-        sim("send " + place + " job " + hex);
-    }
+    for (const char* const bytes : noise)
+        send(bytes);
     ASSERT_TRUE(eventually([&] { return client.job_texts().size() == 4; }));
     EXPECT_EQ(client.job_texts().back(), "not json {}");
     EXPECT_EQ(client.statuses().size(), 1U);

@@ -151,4 +151,43 @@ TEST(Lifetime, TheLastClientOfOneInterfaceTakesTheLinkDownForAll) {
     EXPECT_TRUE(client.answers(device));
 }
 
+TEST(Lifetime, SeveralNotificationsMayEndTheirClient) {
+    const JovuDeviceAddress first = plug();
+    const JovuDeviceAddress second = plug();
+    RecordingClient client;
+    std::atomic<int> inside{0};
+    std::atomic<int> ended{0};
+    client.on_disconnected = [&](JovuDeviceAddress) {
+        ++inside;
+        eventually([&] { return inside == 2; });
+        client.shutdown();
+        ++ended;
+    };
+    ASSERT_TRUE(client.wait_connected(first));
+    ASSERT_TRUE(client.wait_connected(second));
+    sim("unplug " + name(first));
+    sim("unplug " + name(second));
+    EXPECT_TRUE(eventually([&] { return ended == 2; }, std::chrono::seconds(20)));
+}
+
+TEST(Lifetime, ThreadsThatKeepSendingCannotKeepAClientFromEnding) {
+    const JovuDeviceAddress device = plug();
+    RecordingClient client;
+    ASSERT_TRUE(client.wait_connected(device));
+    std::atomic<bool> stop{false};
+    std::vector<std::thread> senders;
+    for (int i = 0; i < 6; ++i) {
+        senders.emplace_back([&] {
+            while (!stop)
+                client.bio_get_version(device);
+        });
+    }
+    const auto begin = std::chrono::steady_clock::now();
+    client.shutdown();
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(10));
+    stop = true;
+    for (std::thread& sender : senders)
+        sender.join();
+}
+
 }  // namespace

@@ -3,48 +3,13 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <cstdlib>
-#include <new>
 #include <thread>
 
 #include "jovu/client.h"
 #include "support/recording_client.h"
 #include "support/sim_control.h"
+#include "support/slow_allocation.h"
 #include "support/wait.h"
-
-namespace {
-
-/// Makes this thread's allocations slow, and so what is built in between.
-thread_local std::chrono::milliseconds allocation_delay{0};
-
-/// Makes the allocations of threads slow that make their first one while this is set.
-std::atomic<bool> new_threads_are_slow{false};
-thread_local bool has_allocated = false;
-
-void perhaps_wait() {
-    if (!has_allocated) {
-        has_allocated = true;
-        if (new_threads_are_slow) allocation_delay = std::chrono::milliseconds(1500);
-    }
-    if (allocation_delay.count() > 0) std::this_thread::sleep_for(allocation_delay);
-}
-
-}  // namespace
-
-void* operator new(std::size_t size) {
-    perhaps_wait();
-    void* const memory = std::malloc(size == 0 ? 1 : size);
-    if (memory == nullptr) throw std::bad_alloc();
-    return memory;
-}
-
-void operator delete(void* memory) noexcept {
-    std::free(memory);
-}
-
-void operator delete(void* memory, std::size_t /*size*/) noexcept {
-    std::free(memory);
-}
 
 namespace {
 
@@ -52,9 +17,9 @@ TEST(SlowConstruction, DoesNotLoseADeviceThatIsAttached) {
     const JovuDeviceAddress device = test::plug();
     // The parts of a client register one after the other. A device that is opened in between is
     // told to the first part only, and could never be talked to.
-    allocation_delay = std::chrono::milliseconds(100);
+    test::allocation_delay = std::chrono::milliseconds(100);
     JovuClient client;
-    allocation_delay = std::chrono::milliseconds(0);
+    test::allocation_delay = std::chrono::milliseconds(0);
     EXPECT_TRUE(test::eventually([&] { return client.bio_get_version(device) != nullptr; },
                                  std::chrono::seconds(20)));
 }
@@ -70,6 +35,10 @@ public:
     }
     ~SlowClient() override { shutdown(); }
     void device_connected(JovuDeviceAddress) override {
+        if (!built_) ++early_;
+        ++announced_;
+    }
+    void debug_event(JovuDeviceAddress, std::shared_ptr<char>) override {
         if (!built_) ++early_;
         ++announced_;
     }
@@ -90,16 +59,35 @@ TEST(SlowConstruction, OfADerivedClassIsOverBeforeItIsToldOfADevice) {
     EXPECT_EQ(early, 0);
 }
 
+TEST(SlowConstruction, WhileAnotherClientReceivesIsOverBeforeDataComes) {
+    const JovuDeviceAddress device = test::plug();
+    test::RecordingClient first;
+    ASSERT_TRUE(first.wait_connected(device));
+    std::atomic<bool> done{false};
+    std::thread talker([&] {
+        while (!done)
+            test::sim("event " + test::name(device) + " hello");
+    });
+    std::atomic<bool> built{false};
+    std::atomic<int> early{0};
+    std::atomic<int> events{0};
+    const SlowClient second(built, early, events);
+    EXPECT_TRUE(test::eventually([&] { return events > 3; }));
+    EXPECT_EQ(early, 0);
+    done = true;
+    talker.join();
+}
+
 TEST(SlowNotification, ThatComesAfterTheUnplugDoesNotBringTheDeviceBack) {
     const JovuDeviceAddress first = test::plug();
     test::RecordingClient client;
     ASSERT_TRUE(client.wait_connected(first));
-    new_threads_are_slow = true;
+    test::new_threads_are_slow = true;
     const JovuDeviceAddress device = test::plug();
     ASSERT_TRUE(test::eventually([&] { return client.list_connected().size() == 2; }));
     test::sim("unplug " + test::name(device));
     ASSERT_TRUE(test::eventually([&] { return client.list_connected().size() == 1; }));
-    new_threads_are_slow = false;
+    test::new_threads_are_slow = false;
     ASSERT_TRUE(client.wait_connected(device));
     ASSERT_TRUE(client.wait_disconnected(device));
     EXPECT_FALSE(client.answers(device));
