@@ -230,6 +230,16 @@ TEST_F(Watcher, ClientsMayComeAndGoOnSeveralThreadsWhileOthersList) {
     done = true;
 }
 
+TEST_F(Watcher, MayStopInTheMiddleOfAListing) {
+    Link link(journal);
+    ASSERT_TRUE(journal.wait("b+1.5"));
+    const auto stop = [&link, lister = std::this_thread::get_id()] {
+        if (std::this_thread::get_id() == lister) link.jobs.reset();
+    };
+    fake_usb::script(Call::list, {{0, stop}});
+    EXPECT_EQ(JovuUsb::list_attached().size(), 1U);
+}
+
 TEST_F(Watcher, ListsWhatIsAttachedWithoutAClient) {
     for (std::uint16_t product = 1; product <= 3; ++product) {
         fake_usb::plug(1, static_cast<std::uint8_t>(product), product, 0x7A1C,
@@ -262,9 +272,9 @@ TEST_F(Watcher, AClientThatCannotStartTheLinkLeavesNothingBehind) {
 TEST_F(Watcher, AProcessMayLeaveWithItRunning) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     const auto leave = [] {
-        static Journal told;
-        static Link link(told);
-        new LinkClient(told, "leaked", 0);  // NOLINT(cppcoreguidelines-owning-memory)
+        // Leaked, as an application may do.
+        auto& told = *std::make_unique<Journal>().release();
+        static_cast<void>(std::make_unique<Link>(told).release());
         told.wait("b+1.5");
         std::exit(0);
     };

@@ -42,8 +42,67 @@ TEST_F(Command, WritesItsArgumentsUnderTheirKeys) {
     EXPECT_EQ(body(command),
               R"({"idx":67,"name":"all","args":{"b":1,"c":255,"s":-32768,"i":-1,"u":4294967295,)"
               R"("e":4294967295,"t":[97,34,-23,0]}})");
-    JovuFirmwareCommand<int, Text> null(client, "null", 1, {nullptr}, {"which"});
-    EXPECT_THROW(null.compile(), JovuException);
+}
+
+TEST_F(Command, WritesFloatsExactlyAndOfABufferTheFirstElement) {
+    const auto floats = std::make_shared<std::vector<float>>(std::vector<float>{1.5F, 2.5F});
+    const auto bytes =
+        std::make_shared<std::vector<unsigned char>>(std::vector<unsigned char>{200, 7});
+    JovuFirmwareCommand<int, float, double, std::shared_ptr<float>, std::shared_ptr<unsigned char>>
+        command(client, "n", 1, {0.1F, -1e300, {floats, floats->data()}, {bytes, bytes->data()}},
+                {"f", "d", "fs", "bs"});
+    EXPECT_EQ(body(command), R"({"idx":1,"name":"n","args":{"f":0.10000000149011611938,)"
+                             R"("d":-1.0000000000000000525e+300,"fs":[1.5],"bs":[200]}})");
+}
+
+/// A gap in the arguments would hand the device a value that was meant for another.
+TEST_F(Command, IsNotWrittenWithAValueThatHasNoJsonForm) {
+    const auto error = [this](auto value) {
+        JovuFirmwareCommand<int, decltype(value)> command(client, "n", 1, {value}, {"k"});
+        try {
+            return "written: " + command.compile();
+        } catch (const JovuException& refused) {
+            return std::string(refused.what());
+        }
+    };
+    const float nan = std::numeric_limits<float>::quiet_NaN();
+    const double infinity = std::numeric_limits<double>::infinity();
+    const std::string refused = "Send failed - argument \"k\" is ";
+    EXPECT_EQ(error(nan), refused + "not a finite number: nan.");
+    EXPECT_EQ(error(-infinity), refused + "not a finite number: -inf.");
+    EXPECT_EQ(error(std::make_shared<float>(nan)), refused + "not a finite number: nan.");
+    EXPECT_EQ(error(std::shared_ptr<float>()), refused + "null.");
+    EXPECT_EQ(error(std::shared_ptr<unsigned char>()), refused + "null.");
+    EXPECT_EQ(error(Text()), refused + "null.");
+    struct Careless : JovuCommand {
+        using JovuCommand::JovuCommand;
+        void compile_command(yajl_gen g) override { gen_double(g, 1.0); }
+    };
+    EXPECT_THROW(Careless(client).compile(), JovuException) << "a value where a key belongs";
+}
+
+TEST_F(Command, ReadsFloatsAndBuffersOrNothing) {
+    const auto read = [this](const char* value, auto result) {
+        JovuFirmwareCommand<decltype(result), int> command(client, "n", 1);
+        reply(command, std::string(R"({"__return__":)") + value + "}");
+        return std::make_pair(command.result(), command.response_available());
+    };
+    const float infinity = std::numeric_limits<float>::infinity();
+    EXPECT_EQ(read("-0.5", 0.0F), std::make_pair(-0.5F, true));
+    EXPECT_EQ(read("7", 0.0), std::make_pair(7.0, true));
+    EXPECT_EQ(read("-1e39", 0.0F), std::make_pair(-infinity, true));
+    EXPECT_EQ(read("\"1\"", 0.0F), std::make_pair(0.0F, false));
+    const auto floats = read("[1.5,-2,1e39]", std::shared_ptr<float>()).first;
+    ASSERT_NE(floats, nullptr);
+    EXPECT_EQ(std::vector<float>(floats.get(), floats.get() + 3),
+              (std::vector<float>{1.5F, -2.0F, infinity}));
+    const auto bytes = read("[255,256,-1]", std::shared_ptr<unsigned char>()).first;
+    ASSERT_NE(bytes, nullptr);
+    EXPECT_EQ(std::vector<int>(bytes.get(), bytes.get() + 4), (std::vector<int>{255, 0, 255, 0}));
+    for (const char* const broken : {"1.5", "[1,\"2\"]", "[[1]]", "null"}) {
+        EXPECT_EQ(read(broken, std::shared_ptr<float>()).first, nullptr) << broken;
+        EXPECT_EQ(read(broken, std::shared_ptr<unsigned char>()).first, nullptr) << broken;
+    }
 }
 
 TEST_F(Command, ReadsItsResultAndTreatsABrokenReplyAsNone) {
