@@ -10,8 +10,10 @@
 #include "jovu/job_interface.h"
 #include "jovu/transport.h"
 
-/// While one of these exists, the link opens no device, so none is announced. Process-wide, may be
-/// nested, cheap.
+/// While one of these exists, the link opens no device, so none is announced, and a client that is
+/// built meanwhile is not called at all: it gets no answers to commands either. Departures of
+/// devices are noticed late. Process-wide, may be nested; taking one waits for an opening that is
+/// going on (milliseconds).
 ///
 /// A class derived from JovuClient is announced devices as soon as its JovuClient part stands, when
 /// its own members are not there yet. It takes a hold as the default argument of its constructor,
@@ -36,11 +38,12 @@ public:
 /// command and job methods with an address from device_connected() or list_connected().
 ///
 /// Construction starts the link; every device that is already attached is announced, as later ones
-/// are. A device that the process has open already, through another client, is not announced again:
-/// list_connected() has it. Destruction takes the client off the link; it waits for running
-/// notification threads, but only shutdown(), called first in the application's own destructor,
-/// does so while the application's overrides and members still exist. The C++ run-time has torn
-/// them down when ~JovuClient() begins.
+/// are. A device that the process has open already, through another client, is not announced again;
+/// this client receives its data and can push jobs to it, but send it no commands before it is
+/// plugged in anew. One client per process is the rule. Destruction takes the client off the link;
+/// it waits for running notification threads, but only shutdown(), called first in the
+/// application's own destructor, does so while the application's overrides and members still exist.
+/// The C++ run-time has torn them down when ~JovuClient() begins.
 ///
 /// When the last client of the process goes, the link ends: devices are closed and libusb is left.
 class JOVU_API JovuClient : public JovuJobInterface,
@@ -49,7 +52,9 @@ class JOVU_API JovuClient : public JovuJobInterface,
                             public JovuTransport {
 public:
     /// Builds the client and starts the link on first use.
-    /// @throws JovuException "Failed to initialize libusb"; nothing is left behind then.
+    /// @throws JovuException "Failed to initialize libusb", or when called from inside a callback
+    ///     with received data; std::system_error when no thread can be started. Nothing is left
+    ///     behind then.
     JovuClient();
 
     /// As shutdown().

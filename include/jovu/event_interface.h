@@ -20,7 +20,9 @@ class JovuTransport;
 /// handler, commands and sends fail at once and JovuTransport::close() is carried out right after
 /// the handler returns; listing works. A handler must not destroy a client or construct one.
 ///
-/// A malformed event is dropped without a call; an event of an unknown name is ignored.
+/// A malformed event is dropped without a call; an event of an unknown name is ignored. A handler
+/// must not throw: an exception ends the link's watcher, for the whole process, with one line on
+/// standard output.
 class JOVU_API JovuEventInterface {
 public:
     /// @param transport the transport that receives the events; only the reference is kept.

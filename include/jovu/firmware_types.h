@@ -8,8 +8,8 @@
 /// through unchanged; any 32-bit value may come.
 enum gcode_process_result_t : std::uint32_t {};
 
-/// One sample of a DC servo's control loop. Every field is the whole number that the device sent,
-/// cut to the field's width.
+/// One sample of a DC servo's control loop. Every field is the whole part of the number that the
+/// device sent, cut to the field's width.
 struct servo_trace_msg {
     std::int16_t servo_name;   ///< Which servo, in the firmware's numbering.
     std::int16_t servo_state;  ///< State of the servo's control loop, the firmware's own value.

@@ -19,7 +19,14 @@
 /// StatusReceived() and JobDataReceived() run on the thread that delivers received data (the link's
 /// watcher, for moments a thread that sends or closes) and hold up all reception while they run. In
 /// them, sends fail at once with "Send failed - libusb error: -6" (busy), and a client must be
-/// neither constructed nor destroyed.
+/// neither constructed nor destroyed. They must not throw: an exception ends the link's watcher,
+/// for the whole process, with one line on standard output.
+///
+/// The channel is one stream of bytes. While a push to a device runs, requests to it and raw bytes
+/// from other threads would become part of the job; keeping them apart is the caller's to ensure.
+///
+/// The link goes down when the last client of either interface leaves: an object of this class
+/// alone stops working when the last JovuClient of the process goes.
 class JOVU_API JovuJobInterface : private JovuUsbClient {
 public:
     /// One decoded status report. What the device left out is empty or zero.
@@ -52,7 +59,8 @@ public:
     using Progress = void (*)(double percent, std::string job_id, void* user);
 
     /// Registers for the job channel; starts the link on first use.
-    /// @throws JovuException "Failed to initialize libusb".
+    /// @throws JovuException "Failed to initialize libusb", or when called from inside a callback
+    ///     with received data; std::system_error when no thread can be started.
     JovuJobInterface();
 
     JovuJobInterface(const JovuJobInterface&) = delete;
@@ -89,19 +97,25 @@ public:
     /// @param progress may be null. An exception that it throws ends the push and passes on.
     /// @param user handed to the callback.
     /// @param compressed must be false.
-    /// @throws JovuException "Failed to open job file." (also for a directory), "Compression not
-    ///     supported yet." or "Send failed - ...".
+    ///
+    /// A file that cannot be read to its end, or that becomes shorter meanwhile, ends the push
+    /// early and still with 100.0: the device finds out by the announced size and checksum.
+    /// @throws JovuException "Failed to open job file." (also for a directory or a pipe),
+    ///     "Compression not supported yet." or "Send failed - ...".
     void SendJobFile(JovuDeviceAddress address, std::string path, Progress progress, void* user,
                      bool compressed);
 
     /// The push itself, on an open file that stays the caller's and open.
-    /// @param file a stream that can be sought; is read twice from its start.
+    /// @param file a stream that can be sought; is read twice from its start. Read errors as in
+    ///     SendJobFile().
     /// @param progress may be null.
     /// @param user handed to the callback.
     /// @param job_id announced to the device and handed to the callback.
     /// @param compressed announces deflated content; the bytes are sent as they are either way.
     /// @param decompressed_length announced with @p compressed, in bytes.
-    /// @throws JovuException "Send failed - ...".
+    /// @throws JovuException "Send failed - ..."; "Failed to rewind job file.", having sent
+    /// nothing,
+    ///     for a stream that cannot be sought.
     void send_job(JovuDeviceAddress address, std::FILE* file, Progress progress, void* user,
                   std::string job_id, bool compressed, unsigned long decompressed_length);
 

@@ -25,8 +25,8 @@ public:
     /// As shutdown(). Not on a thread that delivers received data.
     ~JovuTransport() override;
 
-    /// Closes a device. It stays in list_connected(), closed, until it is unplugged, and is not
-    /// opened again before it is plugged in anew.
+    /// Closes a device; device_disconnected() follows. It stays in list_connected(), closed, until
+    /// it is unplugged, and is not opened again before it is plugged in anew.
     ///
     /// Threads: any. In a handler that is called with received data the call only orders the close,
     /// which the watcher carries out after the handler has returned.
@@ -49,12 +49,13 @@ public:
     static std::string last_send_error();
 
     /// A device can be talked to. Called on a thread of its own for every announcement; may send
-    /// commands to the device. Such calls may overlap with one another and with
-    /// device_disconnected(), and come in any order when a device is replugged quickly.
+    /// commands to the device, and must not throw, as an exception on that thread ends the process.
+    /// Such calls may overlap with one another and with device_disconnected(), and come in any
+    /// order when a device is replugged quickly.
     virtual void device_connected(JovuDeviceAddress address) = 0;
 
     /// A device is gone: requests that waited for it have been woken and no exchange with it is
-    /// running any more. Called on a thread of its own.
+    /// running any more. Called on a thread of its own; must not throw.
     virtual void device_disconnected(JovuDeviceAddress address) = 0;
 
     /// Takes this object off the link for good. When it returns, no notification thread and no
@@ -77,7 +78,8 @@ public:
 
 protected:
     /// Registers for the message channel; starts the link on first use.
-    /// @throws JovuException "Failed to initialize libusb".
+    /// @throws JovuException "Failed to initialize libusb", or when called from inside a callback
+    ///     with received data; std::system_error when no thread can be started.
     JovuTransport();
 
 private:
