@@ -29,7 +29,7 @@ TEST(DebugEvent, HandsOverTheBytesOfItsFirstArgumentOrIsDropped) {
         {R"({"args":{"x":[]}})", 1, ""},
         {R"({"name":"debug_event"})", 1, nullptr},
         {R"({"args":[]})", 1, nullptr},
-        {R"({"args":{}})", 0, nullptr},
+        {R"({"args":{}})", 1, nullptr},
         {R"({"args":{"x":"Hi"}})", 0, nullptr},
         {R"({"args":{"x":null,"text":[72]}})", 0, nullptr},
         {R"({"args":{"x":[72,"i"]}})", 0, nullptr},
@@ -76,14 +76,17 @@ TEST(ServoTraceEvent, CutsNumbersToTheirFieldsAndWantsAllOfThem) {
     EXPECT_EQ(sample.pwm, 4464);
     EXPECT_EQ(sample.padout_dist, -2147483647 - 1);
     for (const std::string& args :
-         {R"({"any":{)" + six + "}}", R"({"any":{)" + six + R"(,"pwm":"1"}})", std::string("{}"),
+         {R"({"any":{)" + six + "}}", R"({"any":{)" + six + R"(,"pwm":"1"}})",
           std::string(R"({"any":[1,2,3,4,5,6,7]})"), std::string(R"({"any":1})")}) {
         execute(client, event, R"({"args":)" + args + "}");
         EXPECT_EQ(calls, 1) << args;
     }
-    execute(client, event, "{}");
-    EXPECT_EQ(calls, 2);
-    EXPECT_EQ(sample.pwm, 0) << "without arguments the sample is all zero";
+    for (const char* const none : {"{}", R"({"args":{}})"}) {
+        sample.pwm = 1;
+        execute(client, event, none);
+        EXPECT_EQ(sample.pwm, 0) << "without an argument the sample is all zero";
+    }
+    EXPECT_EQ(calls, 3);
 }
 
 TEST(EventInterface, DispatchesByNameAndIgnoresOthers) {
