@@ -18,9 +18,6 @@ namespace {
 
 constexpr std::uint8_t kFirstBus = 1;
 
-/// Set by a testbed for the programs on it.
-constexpr char kTestbedVariable[] = "UMOCKDEV_DIR";
-
 /// A socket of the testbed's own: opening it as a file fails with ENXIO.
 constexpr char kUnopenable[] = "/ioctl/_default";
 
@@ -45,27 +42,6 @@ std::string serial_of(BusAddress address) {
     return serial;
 }
 
-/// The testbed makes its directory where TMPDIR says; the child's TMPDIR stays as it was.
-class TemporaryEnvironment {
-public:
-    explicit TemporaryEnvironment(const std::string& directory) {
-        if (const char* old = std::getenv("TMPDIR")) old_ = old;
-        ::setenv("TMPDIR", directory.c_str(), 1);
-    }
-    TemporaryEnvironment(const TemporaryEnvironment&) = delete;
-    TemporaryEnvironment& operator=(const TemporaryEnvironment&) = delete;
-    ~TemporaryEnvironment() {
-        if (old_) {
-            ::setenv("TMPDIR", old_->c_str(), 1);
-        } else {
-            ::unsetenv("TMPDIR");
-        }
-    }
-
-private:
-    std::optional<std::string> old_;
-};
-
 }  // namespace
 
 Testbed::Testbed(double pace, std::function<void()> wake) : pace_(pace), wake_(std::move(wake)) {
@@ -74,10 +50,9 @@ Testbed::Testbed(double pace, std::function<void()> wake) : pace_(pace), wake_(s
     }
     const std::string temporary = temporary_directory();
     remove_stale_testbeds(temporary);
-    {
-        const TemporaryEnvironment environment(temporary);
-        testbed_.reset(umockdev_testbed_new());
-    }
+    // The testbed makes its directory where this says.
+    ::setenv("TMPDIR", temporary.c_str(), 1);
+    testbed_.reset(umockdev_testbed_new());
     const std::unique_ptr<gchar, decltype(&g_free)> root(
         umockdev_testbed_get_root_dir(testbed_.get()), g_free);
     root_ = root.get();
@@ -86,13 +61,19 @@ Testbed::Testbed(double pace, std::function<void()> wake) : pace_(pace), wake_(s
 }
 
 Testbed::~Testbed() {
-    while (!devices_.empty())
-        unplug(devices_.begin()->first);
+    try {
+        while (!devices_.empty()) {
+            unplug(devices_.begin()->first);
+        }
+    } catch (const std::exception& error) {
+        std::fprintf(stderr, "jovu-sim: cannot clear the bus: %s\n", error.what());
+    }
     // A program that was killed is noticed by the worker only now; the testbed does not like to go
     // with a file open. Children of the program may keep one for longer.
     const Millis deadline = now_ms() + kLastFilesLimit;
-    while (UsbfsNode::open_files() > 0 && now_ms() < deadline)
+    while (UsbfsNode::open_files() > 0 && now_ms() < deadline) {
         ::usleep(kLastFilesPause);
+    }
     // Removes the directory and ends the worker thread.
     testbed_.reset();
 }

@@ -20,8 +20,11 @@
 
 namespace jovusim {
 
-/// A bus on which devices come and go, for programs that run with the environment that it sets up
-/// (UMOCKDEV_DIR in this process's environment, and the preloaded library).
+/// Tells programs where their testbed is.
+constexpr char kTestbedVariable[] = "UMOCKDEV_DIR";
+
+/// A bus on which devices come and go, for programs that run with the testbed's library preloaded
+/// and kTestbedVariable set to root(). Changes that and TMPDIR in this process's environment.
 ///
 /// All members are for the main thread, which must have blocked the signals that it wants to handle
 /// itself: the testbed starts a worker thread.

@@ -6,7 +6,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdio>
 #include <cstring>
 #include <system_error>
 
@@ -18,11 +17,16 @@ namespace {
 
 std::vector<char*> pointers(const std::vector<std::string>& texts) {
     std::vector<char*> out;
+    out.reserve(texts.size() + 1);
     // exec() takes pointers to mutable text and leaves it alone.
     for (const std::string& text : texts)
         out.push_back(const_cast<char*>(text.c_str()));
     out.push_back(nullptr);
     return out;
+}
+
+void print(const char* text) {
+    (void)!::write(STDERR_FILENO, text, std::strlen(text));
 }
 
 /// Between fork and exec: only calls that are safe there.
@@ -40,7 +44,11 @@ std::vector<char*> pointers(const std::vector<std::string>& texts) {
     ::sigprocmask(SIG_SETMASK, &settings.signal_mask, nullptr);
     ::execvpe(arguments[0], arguments, environment);
     const int error = errno;
-    std::fprintf(stderr, "jovu-sim: %s: %s\n", arguments[0], std::strerror(error));
+    print("jovu-sim: ");
+    print(arguments[0]);
+    print(": ");
+    print(::strerrordesc_np(error));
+    print("\n");
     ::_exit(error == ENOENT ? kExitNotFound : kExitCannotRun);
 }
 

@@ -7,7 +7,7 @@ namespace jovusim {
 
 namespace {
 
-constexpr Millis kLongestDelay = 3600 * 1000;
+constexpr Millis kLongestDelay = Millis{3600} * 1000;
 constexpr std::uint64_t kMostFlood = 100'000'000;
 constexpr std::uint64_t kMostGarbage = 1ULL << 32U;
 

@@ -105,13 +105,16 @@ void require_preload_library() {
     ::dlclose(library);
 }
 
-std::vector<std::string> child_environment(const std::string& control_path) {
-    auto environment = current_environment();
+/// @param environment of this process before the bus was made
+std::vector<std::string> child_environment(std::vector<std::string> environment,
+                                           const std::string& root,
+                                           const std::string& control_path) {
     // What is preloaded already stays in front: a sanitizer's run-time must come first.
     std::string preload = kPreloadLibrary;
     const char* const old = std::getenv(kPreloadVariable);
     if (old != nullptr && *old != '\0') preload = old + (":" + preload);
     set_variable(environment, kPreloadVariable, preload);
+    set_variable(environment, kTestbedVariable, root);
     set_variable(environment, kControlVariable, control_path);
     return environment;
 }
@@ -206,6 +209,7 @@ int run_on_bus(const RunOptions& options) {
         const ProcessSettings before = take_over_process();
         const Waker waker;
         require_preload_library();
+        const std::vector<std::string> own_environment = current_environment();
         Testbed testbed(options.speed, [&waker] { waker.wake(); });
         const std::string control_path = testbed.root() + "/control";
         ControlServer server(control_path, [&testbed](const std::string& line) {
@@ -214,7 +218,8 @@ int run_on_bus(const RunOptions& options) {
         for (unsigned i = 0; i < options.devices; ++i) {
             testbed.plug(std::nullopt, kApplicationProduct);
         }
-        const pid_t child = start_program(options.program, child_environment(control_path), before);
+        const auto environment = child_environment(own_environment, testbed.root(), control_path);
+        const pid_t child = start_program(options.program, environment, before);
         ChildGuard guard(child);
         MainLoop loop(testbed, server, waker, child);
         const int status = loop.run();
