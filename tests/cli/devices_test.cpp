@@ -41,6 +41,7 @@ TEST(List, ShowsADeviceThatCannotBeOpened) {
     EXPECT_EQ(both.status, 0) << both.err;
     EXPECT_THAT(both.out, HasSubstr("1 attached of type 1, not opened (among ports "));
     EXPECT_THAT(both.out, HasSubstr("70-jovu.rules"));
+    EXPECT_EQ(jovu({"--wait-device", "1000", "info"}).status, 0) << "waits for what cannot come";
 }
 
 TEST(List, GoesOnWhenOneDeviceDoesNotAnswer) {

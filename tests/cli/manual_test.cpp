@@ -9,7 +9,7 @@
 #include <iterator>
 #include <string>
 
-#include "command_table.h"
+#include "command_line.h"
 
 namespace {
 

@@ -2,21 +2,17 @@
 /// `jovu events`: what a device reports of its own accord.
 
 #include <chrono>
-#include <memory>
+#include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
 
-#include "command.h"
+#include "commands.h"
 #include "printable.h"
 #include "session.h"
 #include "timestamp.h"
 
 namespace jovu_cli {
 namespace {
-
-struct EventOptions {
-    std::optional<std::chrono::milliseconds> limit;
-};
 
 Json trace_json(const servo_trace_msg& sample) {
     return {{"servo_name", sample.servo_name},
@@ -74,7 +70,9 @@ void report_lost(Inbox& inbox) {
     }
 }
 
-void run(const Context& context, const EventOptions& options) {
+}  // namespace
+
+void run_events(const Context& context, const EventOptions& options) {
     Session session(context.options, context.stop, Interest{false, true});
     const JovuDeviceAddress address = session.pick_device();
     const auto end =
@@ -90,15 +88,6 @@ void run(const Context& context, const EventOptions& options) {
         }
     }
     context.stop.throw_if_stopped();
-}
-
-}  // namespace
-
-Run define_events(CLI::App& app) {
-    const auto options = std::make_shared<EventOptions>();
-    app.footer("Prints debug texts and servo trace samples as they come, until Ctrl-C.");
-    add_seconds_option(app, "-s,--seconds", options->limit, "Stop after this time");
-    return [options](const Context& context) { run(context, *options); };
 }
 
 }  // namespace jovu_cli

@@ -3,11 +3,12 @@
 
 #include <cstring>
 #include <memory>
+#include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
 #include <vector>
 
-#include "command.h"
+#include "commands.h"
 #include "failure.h"
 #include "gcode_source.h"
 #include "printable.h"
@@ -15,12 +16,6 @@
 
 namespace jovu_cli {
 namespace {
-
-struct GcodeOptions {
-    std::vector<std::string> lines;
-    std::string file;
-    bool keep_going = false;
-};
 
 /// The interpreter's verdict for a line that it has carried out; any other one is a refusal.
 constexpr std::uint32_t result_ok = 0;
@@ -76,7 +71,9 @@ Failure refusal(const GcodeLine& line, std::uint32_t result) {
                                                  line.text);
 }
 
-void run(const Context& context, const GcodeOptions& options) {
+}  // namespace
+
+void run_gcode(const Context& context, const GcodeOptions& options) {
     const std::unique_ptr<GcodeSource> source = make_source(options, context.stop);
     Session session(context.options, context.stop, Interest{false, true});
     const JovuDeviceAddress address = session.pick_device();
@@ -102,28 +99,6 @@ void run(const Context& context, const GcodeOptions& options) {
         throw Failure(ExitCode::device_refused,
                       "lines refused: " + std::to_string(refused) + " of " + std::to_string(sent));
     }
-}
-
-}  // namespace
-
-Run define_gcode(CLI::App& app) {
-    const auto options = std::make_shared<GcodeOptions>();
-    CLI::Option* lines =
-        app.add_option("LINE", options->lines, "Lines of gcode, or - for standard input")
-            ->type_name("");
-    CLI::Option* file =
-        app.add_option("-f,--file", options->file, "Read the lines from a file")->type_name("FILE");
-    app.add_flag("-k,--keep-going", options->keep_going, "Go on after a line that is refused");
-    app.footer(
-        "Comments (from ; on) and blank lines are skipped. Each line waits for the device's\n"
-        "result; 0 means that it was carried out. What the device prints meanwhile is shown\n"
-        "below the line.");
-    app.callback([lines, file] {
-        if ((lines->count() == 0) == (file->count() == 0)) {
-            throw CLI::ValidationError("either LINE..., - or --file FILE is needed");
-        }
-    });
-    return [options](const Context& context) { run(context, *options); };
 }
 
 }  // namespace jovu_cli

@@ -1,16 +1,17 @@
 /// @file
 /// `jovu info`: what a device is.
 
-#include "command.h"
+#include <nlohmann/json.hpp>
+
+#include "commands.h"
 #include "identity.h"
 #include "printable.h"
 #include "report_text.h"
 #include "session.h"
 
 namespace jovu_cli {
-namespace {
 
-void run(const Context& context) {
+void run_info(const Context& context) {
     Session session(context.options, context.stop, Interest{true, false});
     const JovuDeviceAddress address = session.pick_device();
     const Identity identity = read_identity(session, address);
@@ -28,12 +29,6 @@ void run(const Context& context) {
     for (const std::string& line : identity_block(report)) {
         context.out.line(line);
     }
-}
-
-}  // namespace
-
-Run define_info(CLI::App& /*app*/) {
-    return run;
 }
 
 }  // namespace jovu_cli

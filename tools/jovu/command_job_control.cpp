@@ -1,9 +1,10 @@
 /// @file
 /// `jovu pause` and `jovu abort`: requests about the job that a device is printing.
 
+#include <nlohmann/json.hpp>
 #include <string>
 
-#include "command.h"
+#include "commands.h"
 #include "report_text.h"
 #include "session.h"
 
@@ -27,14 +28,12 @@ void run(const Context& context, const char* name, void (Client::*request)(JovuD
 
 }  // namespace
 
-Run define_pause(CLI::App& app) {
-    app.footer("A second pause lets the job go on. Shows the state that the device is in then.");
-    return [](const Context& context) { run(context, "pause", &Client::SendPause); };
+void run_pause(const Context& context) {
+    run(context, "pause", &Client::SendPause);
 }
 
-Run define_abort(CLI::App& app) {
-    app.footer("Shows the state that the device is in then.");
-    return [](const Context& context) { run(context, "abort", &Client::SendAbort); };
+void run_abort(const Context& context) {
+    run(context, "abort", &Client::SendAbort);
 }
 
 }  // namespace jovu_cli

@@ -3,11 +3,12 @@
 
 #include <future>
 #include <map>
+#include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
 #include <vector>
 
-#include "command.h"
+#include "commands.h"
 #include "failure.h"
 #include "identity.h"
 #include "printable.h"
@@ -120,7 +121,9 @@ void print(Output& out, const std::vector<Entry>& entries, const std::vector<Not
     }
 }
 
-void run(const Context& context) {
+}  // namespace
+
+void run_list(const Context& context) {
     Session session(context.options, context.stop, {});
     const std::vector<JovuDeviceAddress> devices = session.find_devices();
     const std::vector<Entry> entries = ask_all(session, devices);
@@ -139,12 +142,6 @@ void run(const Context& context) {
             throw Failure(*entry.failure);
         }
     }
-}
-
-}  // namespace
-
-Run define_list(CLI::App& /*app*/) {
-    return run;
 }
 
 }  // namespace jovu_cli

@@ -4,10 +4,9 @@
 #include <chrono>
 #include <cmath>
 #include <exception>
-#include <memory>
 #include <string>
 
-#include "command.h"
+#include "commands.h"
 #include "failure.h"
 #include "job_file.h"
 #include "jovu/exception.h"
@@ -25,11 +24,6 @@ using namespace std::chrono_literals;
 constexpr auto accept_limit = 10s;
 constexpr auto accept_poll = 200ms;
 constexpr auto follow_poll = 500ms;
-
-struct PushOptions {
-    std::string file;
-    bool wait = false;
-};
 
 /// Thrown by the progress callback to end a push.
 struct PushInterrupted {};
@@ -213,7 +207,9 @@ void follow(const Context& context, Session& session, JovuDeviceAddress address,
     context.stop.throw_if_stopped();
 }
 
-void run(const Context& context, const PushOptions& options) {
+}  // namespace
+
+void run_push(const Context& context, const PushOptions& options) {
     const std::uint64_t size = check_job_file(options.file);
     Session session(context.options, context.stop, Interest{true, false});
     const JovuDeviceAddress address = session.pick_device();
@@ -227,18 +223,6 @@ void run(const Context& context, const PushOptions& options) {
     if (options.wait) {
         follow(context, session, address, reporter, report);
     }
-}
-
-}  // namespace
-
-Run define_push(CLI::App& app) {
-    const auto options = std::make_shared<PushOptions>();
-    app.add_option("FILE", options->file, "The job file")->required();
-    app.add_flag("--wait", options->wait, "Follow the job to its end");
-    app.footer(
-        "The device is asked afterwards whether it has accepted the job. An interrupted push\n"
-        "leaves it waiting for the rest; the message says how much it has got.");
-    return [options](const Context& context) { run(context, *options); };
 }
 
 }  // namespace jovu_cli

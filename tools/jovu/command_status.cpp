@@ -2,11 +2,11 @@
 /// `jovu status`: what a device is doing, once or again and again.
 
 #include <chrono>
-#include <memory>
+#include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
 
-#include "command.h"
+#include "commands.h"
 #include "failure.h"
 #include "printable.h"
 #include "report_text.h"
@@ -14,11 +14,6 @@
 
 namespace jovu_cli {
 namespace {
-
-struct StatusOptions {
-    bool watch = false;
-    std::chrono::milliseconds interval{1000};
-};
 
 /// Draws a block of lines over the one drawn before.
 class RedrawnBlock {
@@ -69,7 +64,9 @@ void watch(const Context& context, Session& session, JovuDeviceAddress address,
     }
 }
 
-void run(const Context& context, const StatusOptions& options) {
+}  // namespace
+
+void run_status(const Context& context, const StatusOptions& options) {
     Session session(context.options, context.stop, Interest{true, false});
     const JovuDeviceAddress address = session.pick_device();
     if (options.watch) {
@@ -84,17 +81,6 @@ void run(const Context& context, const StatusOptions& options) {
     for (const std::string& line : report_block(address, report)) {
         context.out.line(line);
     }
-}
-
-}  // namespace
-
-Run define_status(CLI::App& app) {
-    const auto options = std::make_shared<StatusOptions>();
-    CLI::Option* watch =
-        app.add_flag("-w,--watch", options->watch, "Report again and again, until Ctrl-C");
-    add_seconds_option(app, "--interval", options->interval, "Time between two reports [1]")
-        ->needs(watch);
-    return [options](const Context& context) { run(context, *options); };
 }
 
 }  // namespace jovu_cli

@@ -4,7 +4,7 @@
 #include <exception>
 #include <string>
 
-#include "command_table.h"
+#include "command_line.h"
 #include "failure.h"
 #include "jovu/exception.h"
 #include "output.h"

@@ -9,6 +9,7 @@
 #include <climits>
 #include <cstdlib>
 #include <cstring>
+#include <nlohmann/json.hpp>
 #include <system_error>
 
 #include "failure.h"

@@ -2,7 +2,7 @@
 /// The program's standard output, for people or as JSON.
 #pragma once
 
-#include <nlohmann/json.hpp>
+#include <nlohmann/json_fwd.hpp>
 #include <string>
 #include <string_view>
 

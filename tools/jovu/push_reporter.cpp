@@ -1,6 +1,7 @@
 #include "push_reporter.h"
 
 #include <cmath>
+#include <nlohmann/json.hpp>
 
 #include "options.h"
 #include "printable.h"

@@ -4,6 +4,7 @@
 #include <cctype>
 #include <cinttypes>
 #include <cstdio>
+#include <nlohmann/json.hpp>
 #include <string_view>
 
 #include "options.h"

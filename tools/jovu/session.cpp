@@ -11,7 +11,7 @@ using namespace std::chrono_literals;
 
 /// How long a command waits for what is attached when nothing else is asked for. The link scans
 /// the bus twice a second; a device that is not open after this is not going to be.
-constexpr auto default_wait = 2s;
+constexpr std::chrono::milliseconds default_wait = 2s;
 
 /// A device answers in milliseconds. A report can stay behind in the receive buffer until more
 /// bytes come, so the request is repeated; only once, because a device that waits for the rest of a
@@ -44,8 +44,8 @@ Session::Session(const CommonOptions& options, StopSource& stop, Interest intere
 }
 
 std::vector<JovuDeviceAddress> Session::find_devices() {
-    const auto deadline = Inbox::Clock::now() +
-                          options_.wait_device.value_or(std::chrono::milliseconds(default_wait));
+    auto deadline = Inbox::Clock::now() + options_.wait_device.value_or(default_wait);
+    bool found = false;
     for (;;) {
         stop_.throw_if_stopped();
         const std::vector<JovuDeviceAddress> usable = usable_devices();
@@ -58,6 +58,11 @@ std::vector<JovuDeviceAddress> Session::find_devices() {
         }
         if (!worth_waiting(usable, !devices.empty())) {
             return devices;
+        }
+        if (!found && !devices.empty()) {
+            // Others may follow, but those that another program holds never will.
+            found = true;
+            deadline = std::min(deadline, Inbox::Clock::now() + default_wait);
         }
         if (const std::optional<Notice> notice = inbox_.next(deadline)) {
             note_announced(*notice);

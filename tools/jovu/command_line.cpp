@@ -1,5 +1,6 @@
-#include "command_table.h"
+#include "command_line.h"
 
+#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <map>
 #include <memory>
@@ -11,7 +12,7 @@
 namespace jovu_cli {
 namespace {
 
-constexpr const char* description =
+constexpr const char* purpose =
     "Talks to USB machine controllers: looks at them, sends them gcode and print jobs.";
 
 constexpr const char* notes =
@@ -20,6 +21,21 @@ constexpr const char* notes =
 
 constexpr const char* common_options_note =
     "Options of every command, such as -d and --json: see jovu --help.";
+
+/// Adds an option that takes a time in seconds.
+/// @param target takes the value; must live as long as the parser.
+template <class Target>
+CLI::Option* add_seconds_option(CLI::App& app, const std::string& names, Target& target,
+                                const std::string& description) {
+    const auto take = [&target](const std::string& text) {
+        const std::optional<std::chrono::milliseconds> time = parse_seconds(text);
+        if (!time) {
+            throw CLI::ValidationError("not a time in seconds: " + text);
+        }
+        target = *time;
+    };
+    return app.add_option_function<std::string>(names, take, description)->type_name("SECONDS");
+}
 
 void add_common_options(CLI::App& app, CommonOptions& options) {
     app.add_option_function<std::string>(
@@ -68,6 +84,70 @@ std::vector<std::string> protected_words(int argc, const char* const* argv) {
     return words;
 }
 
+Run define_list(CLI::App& /*app*/) {
+    return run_list;
+}
+
+Run define_info(CLI::App& /*app*/) {
+    return run_info;
+}
+
+Run define_status(CLI::App& app) {
+    const auto options = std::make_shared<StatusOptions>();
+    CLI::Option* watch =
+        app.add_flag("-w,--watch", options->watch, "Report again and again, until Ctrl-C");
+    add_seconds_option(app, "--interval", options->interval, "Time between two reports [1]")
+        ->needs(watch);
+    return [options](const Context& context) { run_status(context, *options); };
+}
+
+Run define_gcode(CLI::App& app) {
+    const auto options = std::make_shared<GcodeOptions>();
+    CLI::Option* lines =
+        app.add_option("LINE", options->lines, "Lines of gcode, or - for standard input")
+            ->type_name("");
+    CLI::Option* file =
+        app.add_option("-f,--file", options->file, "Read the lines from a file")->type_name("FILE");
+    app.add_flag("-k,--keep-going", options->keep_going, "Go on after a line that is refused");
+    app.footer(
+        "Comments (from ; on) and blank lines are skipped. Each line waits for the device's\n"
+        "result; 0 means that it was carried out. What the device prints meanwhile is shown\n"
+        "below the line.");
+    app.callback([lines, file] {
+        if ((lines->count() == 0) == (file->count() == 0)) {
+            throw CLI::ValidationError("either LINE..., - or --file FILE is needed");
+        }
+    });
+    return [options](const Context& context) { run_gcode(context, *options); };
+}
+
+Run define_push(CLI::App& app) {
+    const auto options = std::make_shared<PushOptions>();
+    app.add_option("FILE", options->file, "The job file")->required();
+    app.add_flag("--wait", options->wait, "Follow the job to its end");
+    app.footer(
+        "The device is asked afterwards whether it has accepted the job. An interrupted push\n"
+        "leaves it waiting for the rest; the message says how much it has got.");
+    return [options](const Context& context) { run_push(context, *options); };
+}
+
+Run define_pause(CLI::App& app) {
+    app.footer("A second pause lets the job go on. Shows the state that the device is in then.");
+    return run_pause;
+}
+
+Run define_abort(CLI::App& app) {
+    app.footer("Shows the state that the device is in then.");
+    return run_abort;
+}
+
+Run define_events(CLI::App& app) {
+    const auto options = std::make_shared<EventOptions>();
+    app.footer("Prints debug texts and servo trace samples as they come, until Ctrl-C.");
+    add_seconds_option(app, "-s,--seconds", options->limit, "Stop after this time");
+    return [options](const Context& context) { run_events(context, *options); };
+}
+
 }  // namespace
 
 const std::vector<Command>& command_table() {
@@ -86,7 +166,7 @@ const std::vector<Command>& command_table() {
 
 Request parse_command_line(int argc, const char* const* argv) {
     Request request;
-    CLI::App app(description, "jovu");
+    CLI::App app(purpose, "jovu");
     app.set_version_flag("--version", "jovu " JOVU_VERSION, "Print the version and exit");
     app.set_help_flag("-h,--help", "Print this help and exit");
     add_common_options(app, request.options);

@@ -1,0 +1,58 @@
+/// @file
+/// The commands of the program: what each can be told, and the function that carries it out. One
+/// file each holds the rest.
+#pragma once
+
+#include <chrono>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "options.h"
+#include "output.h"
+#include "stop_source.h"
+
+namespace jovu_cli {
+
+/// What every command is given to run with.
+struct Context {
+    const CommonOptions& options;
+    Output& out;
+    StopSource& stop;
+};
+
+struct StatusOptions {
+    bool watch = false;
+    std::chrono::milliseconds interval{1000};
+};
+
+struct GcodeOptions {
+    std::vector<std::string> lines;  ///< One "-" stands for standard input.
+    std::string file;                ///< Read in place of @p lines when it is not empty.
+    bool keep_going = false;
+};
+
+struct PushOptions {
+    std::string file;
+    bool wait = false;
+};
+
+struct EventOptions {
+    std::optional<std::chrono::milliseconds> limit;
+};
+
+/// @name The commands
+/// Each returns when it has succeeded.
+/// @throws Failure when it has not.
+/// @{
+void run_list(const Context& context);
+void run_info(const Context& context);
+void run_status(const Context& context, const StatusOptions& options);
+void run_gcode(const Context& context, const GcodeOptions& options);
+void run_push(const Context& context, const PushOptions& options);
+void run_pause(const Context& context);
+void run_abort(const Context& context);
+void run_events(const Context& context, const EventOptions& options);
+/// @}
+
+}  // namespace jovu_cli
