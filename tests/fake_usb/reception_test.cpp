@@ -216,40 +216,6 @@ TEST_F(Reception, StoppingLetsADeliveryFinish) {
 }
 
 /// With another thread in the middle of a send, which holds the lock around the devices.
-TEST_F(Reception, NothingBlocksInACallback) {
-    Link link(journal);
-    ASSERT_TRUE(journal.wait("b+1.5"));
-    std::vector<std::string> seen;
-    link.messages.on_data = [&](unsigned char*) {
-        Journal other;
-        seen = {test::write("x"),
-                test::write("x", {1, 6}),
-                std::to_string(JovuUsb::list_connected().size()),
-                std::to_string(JovuUsb::list_attached().size()),
-                error_of([&] { LinkClient(other, "c", 0); }),
-                error_of([] {
-                    JovuUsb::close({1, 6});
-                }),
-                error_of([] { JovuUsb::close(kAddress); }),
-                error_of([] { JovuUsb::close(kAddress); }),
-                test::write("x")};
-    };
-    fake_usb::hold_bulk(true);
-    auto sending = std::async(std::launch::async, [] { return test::write("x"); });
-    ASSERT_TRUE(test::eventually(fake_usb::in_bulk));
-    in_time("callback",
-            [&] { complete(link.device, kMessagesIn, LIBUSB_TRANSFER_COMPLETED, "x"); });
-    fake_usb::hold_bulk(false);
-    EXPECT_EQ(sending.get(), "");
-    EXPECT_TRUE(journal.wait("b-1.5")) << "the close that was ordered";
-    const std::string gone = "no longer connected.";
-    EXPECT_THAT(seen,
-                ElementsAre("Send failed - libusb error: -6", "Send failed - Device " + gone, "1",
-                            "1", "Register failed - called from inside a notice or delivery.",
-                            "Close failed - Device " + gone, "", "Close failed - Device " + gone,
-                            "Send failed - Device " + gone));
-}
-
 /// In a process of its own, which keeps what it set aside.
 TEST_F(Reception, ATransferThatNeverComesBackIsSetAsideNotFreed) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");

@@ -144,20 +144,6 @@ TEST_F(Watcher, WhatAClientThrowsAtANoticeTakesTheDeviceBack) {
               "Fatal error in hotplug thread - not that one.\n");
 }
 
-TEST_F(Watcher, TheLastClientOfEitherInterfaceTakesTheLinkDownForBoth) {
-    Link link(journal);
-    ASSERT_TRUE(journal.wait("b+1.5"));
-    auto second = std::make_unique<LinkClient>(journal, "c", 1);
-    link.jobs.reset();
-    EXPECT_EQ(test::write("x"), "") << "interface 1 has a client still";
-    second.reset();
-    EXPECT_TRUE(JovuUsb::list_connected().empty());
-    EXPECT_EQ(test::write("x"), "Send failed - Device no longer connected.");
-    link.jobs.emplace(journal, "d", 1);
-    ASSERT_TRUE(journal.wait("a+1.5", 2));
-    EXPECT_EQ(test::write("x"), "");
-}
-
 TEST_F(Watcher, OpensNothingWhileScansAreHeld) {
     fake_usb::plug(1, 5);
     std::optional<JovuScanHold> hold(std::in_place);
@@ -190,46 +176,6 @@ TEST_F(Watcher, OpensNothingOnceAHoldIsTakenEvenInTheMiddleOfAScan) {
     EXPECT_TRUE(journal.wait("a+1.5"));
 }
 
-TEST_F(Watcher, SendersInATightLoopHoldUpNeitherScansNorTheStop) {
-    std::atomic<bool> done{false};
-    std::vector<std::future<void>> senders;
-    {
-        Link link(journal);
-        ASSERT_TRUE(journal.wait("b+1.5"));
-        for (int i = 0; i < 2; ++i) {
-            senders.push_back(std::async(std::launch::async, [&done] {
-                while (!done)
-                    test::write("x");
-            }));
-        }
-        fake_usb::plug(1, 6);
-        EXPECT_TRUE(journal.wait("b+1.6"));
-        in_time("stop", [&] { link.jobs.reset(); });
-    }
-    done = true;
-}
-
-TEST_F(Watcher, ClientsMayComeAndGoOnSeveralThreadsWhileOthersList) {
-    fake_usb::plug(1, 5);
-    std::atomic<bool> done{false};
-    auto listing = std::async(std::launch::async, [&done] {
-        while (!done) {
-            EXPECT_EQ(JovuUsb::list_attached().size(), 1U);
-            EXPECT_LE(JovuUsb::list_connected().size(), 1U);
-        }
-    });
-    in_time("coming and going", [this] {
-        std::vector<std::future<void>> threads;
-        for (const unsigned interface : {0U, 1U}) {
-            threads.push_back(std::async(std::launch::async, [this, interface] {
-                for (int i = 0; i < 20; ++i)
-                    const LinkClient client(journal, "a", interface);
-            }));
-        }
-    });
-    done = true;
-}
-
 TEST_F(Watcher, MayStopInTheMiddleOfAListing) {
     Link link(journal);
     ASSERT_TRUE(journal.wait("b+1.5"));
@@ -240,25 +186,6 @@ TEST_F(Watcher, MayStopInTheMiddleOfAListing) {
     EXPECT_EQ(JovuUsb::list_attached().size(), 1U);
 }
 
-TEST_F(Watcher, ListsWhatIsAttachedWithoutAClient) {
-    for (std::uint16_t product = 1; product <= 3; ++product) {
-        fake_usb::plug(1, static_cast<std::uint8_t>(product), product, 0x7A1C,
-                       static_cast<std::uint8_t>(10 + product));
-        fake_usb::plug(2, static_cast<std::uint8_t>(product), product, 0x7A1D);
-    }
-    std::vector<std::pair<int, int>> kinds_and_ports;
-    for (const JovuUsbDevice& device : JovuUsb::list_attached())
-        kinds_and_ports.emplace_back(device.type, device.port);
-    EXPECT_THAT(kinds_and_ports, testing::UnorderedElementsAre(std::pair(0, 11), std::pair(1, 12),
-                                                               std::pair(2, 13)));
-    fake_usb::script(Call::descriptor, std::vector<Step>(6, LIBUSB_ERROR_IO));
-    EXPECT_TRUE(JovuUsb::list_attached().empty());
-    for (const Call call : {Call::list, Call::init}) {
-        fake_usb::script(call, {LIBUSB_ERROR_NO_MEM});
-        EXPECT_EQ(error_of([] { JovuUsb::list_attached(); }), "Failed to get libusb device list.");
-    }
-}
-
 TEST_F(Watcher, AClientThatCannotStartTheLinkLeavesNothingBehind) {
     fake_usb::script(Call::init, {LIBUSB_ERROR_OTHER});
     EXPECT_EQ(error_of([] { test::RecordingClient client; }), "Failed to initialize libusb");
@@ -267,18 +194,6 @@ TEST_F(Watcher, AClientThatCannotStartTheLinkLeavesNothingBehind) {
     fake_usb::plug(1, 5);
     const test::RecordingClient client;
     EXPECT_TRUE(client.wait_connected(kAddress));
-}
-
-TEST_F(Watcher, AProcessMayLeaveWithItRunning) {
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
-    const auto leave = [] {
-        // Leaked, as an application may do.
-        auto& told = *std::make_unique<Journal>().release();
-        static_cast<void>(std::make_unique<Link>(told).release());
-        told.wait("b+1.5");
-        std::exit(0);
-    };
-    EXPECT_EXIT(leave(), testing::ExitedWithCode(0), "");
 }
 
 }  // namespace
