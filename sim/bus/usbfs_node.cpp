@@ -26,6 +26,11 @@ constexpr char kSessionKey[] = "jovu-sim-session";
 /// thread under locks that ThreadSanitizer does not see; this orders the two visibly.
 std::atomic<unsigned> nodes_handed_over{0};
 
+/// To be called first in what the worker thread does with a node.
+void see_nodes_handed_over() {
+    nodes_handed_over.load(std::memory_order_acquire);
+}
+
 std::atomic<unsigned> open_sessions{0};
 
 constexpr std::uint32_t kCapabilities =
@@ -264,7 +269,7 @@ Session& UsbfsNode::Socket::session_of(Socket& socket, UMockdevIoctlClient* clie
 
 gboolean UsbfsNode::Socket::on_ioctl(UMockdevIoctlBase*, UMockdevIoctlClient* client,
                                      gpointer self) {
-    nodes_handed_over.load(std::memory_order_acquire);
+    see_nodes_handed_over();
     Outcome outcome = EIO;
     try {
         Session& session = session_of(**static_cast<std::shared_ptr<Socket>*>(self), client);
@@ -290,7 +295,10 @@ UsbfsNode::UsbfsNode(UMockdevTestbed* testbed, const std::string& node)
     nodes_handed_over.fetch_add(1, std::memory_order_release);
     g_signal_connect_data(
         handler.get(), "handle-ioctl", G_CALLBACK(Socket::on_ioctl), share.release(),
-        [](gpointer data, GClosure*) { destroy<std::shared_ptr<Socket>>(data); },
+        [](gpointer data, GClosure*) {
+            see_nodes_handed_over();
+            destroy<std::shared_ptr<Socket>>(data);
+        },
         static_cast<GConnectFlags>(0));
     GError* error = nullptr;
     if (umockdev_testbed_attach_ioctl(testbed, node.c_str(), handler.get(), &error) == FALSE) {
