@@ -1,5 +1,5 @@
-# What "cmake --install" lays down beside the library and the headers: the program, the CMake
-# package (find_package(jovu) gives jovu::jovu), the pkg-config file and the udev rule.
+# What "cmake --install" lays down beside the library, the headers and the program: the CMake package
+# (find_package(jovu) gives jovu::jovu), the pkg-config file and the udev rule.
 include(CMakePackageConfigHelpers)
 
 set(jovu_cmake_dir "${CMAKE_INSTALL_LIBDIR}/cmake/jovu")
@@ -26,8 +26,5 @@ file(RELATIVE_PATH jovu_pc_to_prefix
 configure_file("${CMAKE_CURRENT_LIST_DIR}/jovu.pc.in" "${PROJECT_BINARY_DIR}/jovu.pc" @ONLY)
 install(FILES "${PROJECT_BINARY_DIR}/jovu.pc" DESTINATION "${CMAKE_INSTALL_LIBDIR}/pkgconfig")
 
-if(TARGET jovu-cli)
-  install(TARGETS jovu-cli RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
-endif()
 # udev reads lib/udev/rules.d of /usr and of /usr/local.
 install(FILES "${PROJECT_SOURCE_DIR}/packaging/70-jovu.rules" DESTINATION lib/udev/rules.d)
