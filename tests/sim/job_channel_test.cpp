@@ -91,7 +91,7 @@ TEST_F(JobChannelTest, AReportIsARunOfPacketsOfItsOwn) {
 }
 
 TEST_F(JobChannelTest, VerifiesAPush) {
-    for (const std::size_t size : {0, 1, 5119, 5120, 12000}) {
+    for (const std::size_t size : {0U, 1U, 5119U, 5120U, 12000U}) {
         const std::string bytes = data(size);
         push(bytes);
         const Json stats = host_.stats()["job"];

@@ -40,7 +40,7 @@ TEST(MessageChannel, EachDeviceHasItsSerial) {
 TEST(MessageChannel, ReassemblesFramesHoweverTheyAreCut) {
     const std::string two = Host::framed(Host::command(1, 0, "bio_get_version")) +
                             Host::framed(Host::command(2, 1, "bio_get_serial"));
-    for (const std::size_t piece : {1, 2, 5, 63, 64, 1000}) {
+    for (const std::size_t piece : {1U, 2U, 5U, 63U, 64U, 1000U}) {
         Host host;
         for (std::size_t at = 0; at < two.size(); at += piece) {
             host.send(kMessageOut, two.substr(at, piece));
