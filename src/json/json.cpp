@@ -62,7 +62,7 @@ long long integer_of(yajl_val number) noexcept {
     constexpr double kLimit = 9223372036854775808.0;
     const double value = number->u.number.d;
     const bool fits = value >= -kLimit && value < kLimit;
-    if (YAJL_IS_INTEGER(number) || !YAJL_IS_DOUBLE(number) || !fits) return number->u.number.i;
+    if (YAJL_IS_INTEGER(number) || !fits) return number->u.number.i;
     return static_cast<long long>(value);
 }
 

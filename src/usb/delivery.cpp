@@ -1,6 +1,7 @@
 #include "usb/delivery.h"
 
 #include <algorithm>
+#include <atomic>
 #include <exception>
 #include <utility>
 
@@ -11,6 +12,17 @@ namespace {
 
 thread_local int deliveries = 0;
 thread_local int notices = 0;
+
+/// Over all threads.
+std::atomic<int> deliveries_in_progress{0};
+
+class InProgress {
+public:
+    InProgress() noexcept { ++deliveries_in_progress; }
+    ~InProgress() { --deliveries_in_progress; }
+    InProgress(const InProgress&) = delete;
+    InProgress& operator=(const InProgress&) = delete;
+};
 
 class Depth {
 public:
@@ -53,6 +65,10 @@ bool delivering() noexcept {
     return deliveries > 0;
 }
 
+bool delivery_in_progress() noexcept {
+    return deliveries_in_progress > 0;
+}
+
 bool in_notice() noexcept {
     return notices > 0;
 }
@@ -63,6 +79,7 @@ bool deliver(std::size_t interface, unsigned char* data, unsigned int length,
         Link::Clients& clients = link()._registered_clients[interface];
         const ScopedLock<RecursiveMutex> lock(clients.mutex);
         const Depth depth(deliveries);
+        const InProgress in_progress;
         call_each(clients,
                   [=](JovuUsbClient& client) { client.data_received(data, length, address); });
         std::fill_n(data, length, static_cast<unsigned char>(0));

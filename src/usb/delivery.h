@@ -13,6 +13,9 @@ namespace jovu {
 ///     would wait for this very event handling.
 bool delivering() noexcept;
 
+/// @return whether any thread is handing received data to clients.
+bool delivery_in_progress() noexcept;
+
 /// @return whether this thread is inside a connect or disconnect notice.
 bool in_notice() noexcept;
 

@@ -44,11 +44,6 @@ bool ReceiveTransfer::idle() noexcept {
     return state_ == State::idle;
 }
 
-bool ReceiveTransfer::completing() noexcept {
-    const MutexLock lock(mutex_);
-    return state_ == State::completing;
-}
-
 void ReceiveTransfer::finish() noexcept {
     const MutexLock lock(mutex_);
     become(State::idle);

@@ -39,9 +39,6 @@ public:
     /// @return whether libusb has nothing of it: not in flight, and no completion being handled.
     bool idle() noexcept;
 
-    /// @return whether its completion is being handled just now.
-    bool completing() noexcept;
-
     /// @return whether reception ended with a stall or because the device has gone.
     bool rx_failed() const noexcept { return rx_failed_; }
 

@@ -123,13 +123,13 @@ void UsbDevice::end_reception() noexcept {
     for (ReceiveTransfer& transfer : reception_->transfers) {
         auto deadline = Clock::now() + kDrainLimit;
         for (cancel_reception(); !transfer.idle(); cancel_reception()) {
-            // A completion that a client is busy with holds up all event handling, for which libusb
-            // cannot be blamed.
-            if (transfer.completing()) deadline = Clock::now() + kDrainLimit;
+            // A client that is busy with a delivery, of whatever device, holds up all event
+            // handling, for which libusb cannot be blamed.
+            if (delivery_in_progress()) deadline = Clock::now() + kDrainLimit;
             const bool overdue = Clock::now() > deadline;
             timeval slice{0, 20000};
             libusb_handle_events_timeout_completed(context_.get(), &slice, transfer.rx_done());
-            if (overdue && !transfer.idle() && !transfer.completing()) {
+            if (overdue && !transfer.idle() && !delivery_in_progress()) {
                 spare_.front() = {context_, std::move(handle_), reception_};
                 abandon(spare_);
                 return;

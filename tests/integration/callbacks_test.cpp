@@ -165,6 +165,7 @@ TEST(AClientThatThrows, EndsTheWatcherWithItsWordsAndTheLinkCanStartAgain) {
               "Fatal error in hotplug thread - handler broke.\n");
     RecordingClient again;
     EXPECT_TRUE(again.wait_connected({1, 40}));
+    EXPECT_TRUE(again.wait_connected(device));
     EXPECT_TRUE(again.answers(device));
 }
 
