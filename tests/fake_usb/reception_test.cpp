@@ -215,7 +215,6 @@ TEST_F(Reception, StoppingLetsADeliveryFinish) {
     EXPECT_EQ(test::write("x"), "Send failed - Device no longer connected.");
 }
 
-/// With another thread in the middle of a send, which holds the lock around the devices.
 /// In a process of its own, which keeps what it set aside.
 TEST_F(Reception, ATransferThatNeverComesBackIsSetAsideNotFreed) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");

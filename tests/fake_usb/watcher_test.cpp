@@ -1,7 +1,5 @@
 /// @file
 /// The watcher: what goes wrong when devices are opened, and starting and stopping.
-#include <atomic>
-
 #include "fake_usb/link_test.h"
 #include "support/recording_client.h"
 
