@@ -161,6 +161,11 @@ TEST(Interrupt, EndsAnExchangeThatIsNotAnswered) {
     Program status({"status"});
     ASSERT_TRUE(eventually([&] { return stats(device)["job"]["requests"]["status"] == 1; }));
     expect_interrupted(status, "");
+
+    sim("fault " + name(device) + " never 04 always");
+    Program stalled({"status"});
+    ASSERT_TRUE(eventually([&] { return stats(device)["endpoints"]["04"]["in_flight"] == 1; }));
+    expect_interrupted(stalled, "");
 }
 
 }  // namespace

@@ -43,9 +43,12 @@ public:
             session_.client().SendJobFile(address_, path, &Push::progress, this, false);
         } catch (const PushInterrupted&) {
             end_bar();
-            throw Failure(ExitCode::interrupted, "interrupted: " + how_far(), left_over);
+            throw_interrupted();
         } catch (const JovuException& error) {
             end_bar();
+            if (session_.stop().state() == Stop::signal) {
+                throw_interrupted();
+            }
             fail(error.what());
         }
         if (output_failure_) {
@@ -83,6 +86,10 @@ private:
     std::string how_far() const {
         return to_string(address_) + " has got " + std::to_string(sent_) + " of " +
                std::to_string(size_) + " bytes";
+    }
+
+    [[noreturn]] void throw_interrupted() const {
+        throw Failure(ExitCode::interrupted, "interrupted: " + how_far(), left_over);
     }
 
     [[noreturn]] void fail(const std::string& reason) const {

@@ -82,6 +82,7 @@ public:
         try {
             call();
         } catch (const JovuException& error) {
+            stop_.throw_if_stopped();  // Whoever has pressed Ctrl-C need not hear of it.
             throw exchange_failure(name + " to " + to_string(address), error.what());
         }
     }
