@@ -11,7 +11,7 @@ ReceiveTransfer::ReceiveTransfer(std::size_t interface, JovuDeviceAddress addres
     if (transfer_ == nullptr) throw JovuException("Failed to allocate rx transfer.");
 }
 
-bool ReceiveTransfer::submit(libusb_device_handle* handle) {
+int ReceiveTransfer::submit(libusb_device_handle* handle) {
     handle_ = handle;
     const MutexLock lock(mutex_);
     return submit_again();
@@ -22,15 +22,15 @@ void ReceiveTransfer::become(State state) noexcept {
     rx_done_ = state == State::idle ? 1 : 0;
 }
 
-bool ReceiveTransfer::submit_again() noexcept {
+int ReceiveTransfer::submit_again() noexcept {
     libusb_fill_bulk_transfer(transfer_.get(), handle_, kReceiveEndpoint[interface_],
                               rx_buffer_.data(), kReceiveBufferSize, libusb_rx_data_callback, this,
                               0);
     // In flight before libusb has it: the completion may come before the call returns.
     become(State::in_flight);
-    if (libusb_submit_transfer(transfer_.get()) == 0) return true;
-    become(State::idle);
-    return false;
+    const int result = libusb_submit_transfer(transfer_.get());
+    if (result != 0) become(State::idle);
+    return result;
 }
 
 void ReceiveTransfer::stop() noexcept {

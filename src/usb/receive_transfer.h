@@ -29,8 +29,8 @@ public:
 
     /// Submits the transfer for the first time.
     /// @param handle must stay open until the transfer is idle.
-    /// @return false when libusb did not take it; it is idle then.
-    bool submit(libusb_device_handle* handle);
+    /// @return 0, or libusb's error when it did not take it; it is idle then.
+    int submit(libusb_device_handle* handle);
 
     /// Cancels the transfer if it is in flight and keeps it from being submitted again. To be
     /// repeated until idle(): a cancellation can be lost to a completion that is just arriving.
@@ -50,7 +50,7 @@ private:
 
     static void LIBUSB_CALL libusb_rx_data_callback(libusb_transfer* transfer) noexcept;
 
-    bool submit_again() noexcept JOVU_REQUIRES(mutex_);
+    int submit_again() noexcept JOVU_REQUIRES(mutex_);
     void become(State state) noexcept JOVU_REQUIRES(mutex_);
     void finish() noexcept;
 

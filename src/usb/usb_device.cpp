@@ -51,10 +51,12 @@ void UsbDevice::open(std::uint16_t vendor_id, std::uint16_t product_id) {
     claim_device(vendor_id, product_id);
     open_ = true;
     for (ReceiveTransfer& transfer : reception_->transfers) {
-        if (transfer.submit(handle_.get())) continue;
+        const int result = transfer.submit(handle_.get());
+        if (result == 0) continue;
         open_ = false;
         end_reception();
         release_device();
+        if (result == LIBUSB_ERROR_NO_DEVICE) throw DeviceGone("Failed to open libusb device.");
         return;
     }
 }
