@@ -1,68 +1,187 @@
 /// @file
-/// The firmware's commands as one table. The methods of JovuCommandInterface, the names on the wire
-/// and the program's help follow from it.
+/// The firmware's commands as one table. The methods of JovuCommandInterface, the names and keys on
+/// the wire, and the program's commands, help and completion follow from it.
+///
+/// Needs no JSON library, so that programs can include it.
 #pragma once
 
 #include <array>
 #include <cstddef>
-#include <memory>
 #include <string_view>
 #include <tuple>
 
-#include "jovu/firmware_types.h"
+#include "jovu/command_interface.h"
 
 namespace jovu {
 
-/// One command: its place in the firmware's own table, its name, and a key for every argument.
-template <class Result, class... Args>
+/// One command. The types of its arguments and its result are those of its method.
+template <class R, class... A>
 struct CommandRow {
-    int idx;
-    std::string_view name;
-    std::array<std::string_view, sizeof...(Args)> keys;
+    using Result = R;
+    using Arguments = std::tuple<A...>;
+
+    int idx;                ///< Its place in the firmware's own table.
+    std::string_view name;  ///< On the wire; the method has the same.
+    R (JovuCommandInterface::*method)(JovuDeviceAddress, A...);
+    std::string_view summary;                         ///< For people, without a full stop.
+    std::array<std::string_view, sizeof...(A)> keys;  ///< One for each argument, in their order.
 };
 
-/// @tparam Result what the device returns, `void` for a return value that means nothing.
-template <class Result, class... Args, class... Keys>
-constexpr CommandRow<Result, Args...> command(int idx, std::string_view name, Keys... keys) {
-    static_assert(sizeof...(Keys) == sizeof...(Args), "a command has one key per argument");
-    return {idx, name, {std::string_view(keys)...}};
+template <class R, class... A, class... Keys>
+constexpr CommandRow<R, A...> command(int idx, std::string_view name,
+                                      R (JovuCommandInterface::*method)(JovuDeviceAddress, A...),
+                                      std::string_view summary, Keys... keys) {
+    static_assert(sizeof...(Keys) == sizeof...(A), "a command has one key per argument");
+    return {idx, name, method, summary, {std::string_view(keys)...}};
 }
 
-namespace catalogue {
+/// A row; a macro, so that the name on the wire and the method's cannot differ.
+#define JOVU_COMMAND(idx, name, ...) \
+    ::jovu::command(idx, #name, &JovuCommandInterface::name, __VA_ARGS__)
 
-using Text = std::shared_ptr<char>;
+/// Every command, in the order of the firmware's indices.
+inline constexpr auto catalogue = std::make_tuple(
+    JOVU_COMMAND(0, bio_get_version, "Version text of the firmware"),
+    JOVU_COMMAND(1, bio_get_serial, "Serial number text of the controller"),
+    JOVU_COMMAND(2, gpio_get_raw, "Level of a pin as it is", "gpio"),
+    JOVU_COMMAND(3, gpio_input_get, "State of an input", "pin", "debounce"),
+    JOVU_COMMAND(4, gpio_output_set, "Sets an output", "pin", "value"),
+    JOVU_COMMAND(5, gcode_process_command, "Hands a line of gcode to the interpreter", "command"),
+    JOVU_COMMAND(6, gcode_process_macro, "Runs a macro stored in the controller", "macro"),
+    JOVU_COMMAND(7, heater_param_set, "Sets a parameter of the heater's control loop", "param_num",
+                 "param_val"),
+    JOVU_COMMAND(8, heater_param_get, "Asks for a parameter of the heater's control loop",
+                 "param_num", "param_val"),
+    JOVU_COMMAND(9, heater_param_set_defaults, "Puts the heater's parameters back to the defaults"),
+    JOVU_COMMAND(10, heater_var_set_defaults, "Puts the heater's variables back to the defaults"),
+    JOVU_COMMAND(11, heater_turn_on, "Starts heating"),
+    JOVU_COMMAND(12, heater_turn_off, "Stops heating"),
+    JOVU_COMMAND(13, heater_in_guardband, "Whether the heater is close to its target"),
+    JOVU_COMMAND(14, heater_state_get, "What the heater is doing"),
+    JOVU_COMMAND(15, heater_fault_get, "Why the heater has stopped"),
+    JOVU_COMMAND(16, heater_var_set, "Sets a variable of the heater", "var_num", "var_val"),
+    JOVU_COMMAND(17, heater_var_get, "Asks for a variable of the heater", "var_num", "var_val"),
+    JOVU_COMMAND(18, wifi_start_wifi, "Switches a Wi-Fi interface on", "interface_t"),
+    JOVU_COMMAND(19, wifi_stop_wifi, "Switches a Wi-Fi interface off", "interface_t"),
+    JOVU_COMMAND(20, wifi_client_connect, "Joins a network", "interface_t", "connect_t"),
+    JOVU_COMMAND(21, wifi_disconnect, "Leaves the network", "interface_t"),
+    JOVU_COMMAND(22, wifi_client_get_status, "Whether a network is joined, and with what addresses",
+                 "interface_t"),
+    JOVU_COMMAND(23, wifi_client_get_configuration, "Configuration of a Wi-Fi interface",
+                 "interface_t"),
+    JOVU_COMMAND(24, wifi_save_configuration, "Keeps the Wi-Fi configuration over a restart",
+                 "interface_t"),
+    JOVU_COMMAND(25, wifi_set_auto_start_configuration_item,
+                 "Whether Wi-Fi starts with the controller", "interface_t", "auto_start"),
+    JOVU_COMMAND(26, wifi_set_auto_connect_configuration_item,
+                 "Whether Wi-Fi joins a network when it starts", "interface_t", "auto_connect"),
+    JOVU_COMMAND(27, wifi_set_auto_connect_ssid_configuration_item,
+                 "Which network Wi-Fi joins by itself", "interface_t", "auto_connect_ssid"),
+    JOVU_COMMAND(28, wifi_set_auto_connect_key_configuration_item,
+                 "Key of the network that Wi-Fi joins by itself", "interface_t",
+                 "auto_connect_key"),
+    JOVU_COMMAND(29, wifi_client_configure, "Configures a Wi-Fi interface as a whole",
+                 "interface_t", "cmd", "config"),
+    JOVU_COMMAND(30, servo_dc_config_get, "Configuration of a servo", "servo_name"),
+    JOVU_COMMAND(31, servo_dc_config_set, "Configures a servo", "servo_name", "config"),
+    JOVU_COMMAND(32, servo_dc_move_default, "A move with every member at its default"),
+    JOVU_COMMAND(33, servo_dc_move, "Starts or prepares a move", "servo_name", "move_config"),
+    JOVU_COMMAND(34, servo_dc_move_start_sync, "Starts all prepared moves"),
+    JOVU_COMMAND(35, servo_dc_move_active, "Whether a move is under way", "servo_name"),
+    JOVU_COMMAND(36, servo_dc_put_idle, "Takes the drive off a servo", "servo_name"),
+    JOVU_COMMAND(37, servo_dc_move_modify, "Changes a move that is under way", "modifer_data",
+                 "count", "validate"),
+    JOVU_COMMAND(38, servo_dc_move_modifier_validate, "Whether a change of a move is possible",
+                 "modifier_data", "count"),
+    JOVU_COMMAND(39, servo_dc_move_metrics_get, "How well a servo has followed its last move",
+                 "servo_name"),
+    JOVU_COMMAND(40, servo_dc_move_dir_get, "Direction of the move", "servo_name"),
+    JOVU_COMMAND(41, servo_dc_position_get, "Position in native units", "servo_name"),
+    JOVU_COMMAND(42, servo_dc_position_get_client, "Position in client units", "servo_name"),
+    JOVU_COMMAND(43, servo_dc_position_set, "Says which position this is, in native units",
+                 "servo_name", "position"),
+    JOVU_COMMAND(44, servo_dc_position_set_client, "Says which position this is, in client units",
+                 "servo_name", "position"),
+    JOVU_COMMAND(45, servo_dc_target_get_client, "Where the move leads, in client units",
+                 "servo_name"),
+    JOVU_COMMAND(46, servo_dc_units_client_to_native, "Converts client units to native ones",
+                 "servo_name", "pos_client"),
+    JOVU_COMMAND(47, servo_dc_units_native_to_client, "Converts native units to client ones",
+                 "servo_name", "pos_native"),
+    JOVU_COMMAND(48, servo_dc_name_str_get, "Name of a servo for people to read", "servo_name"),
+    JOVU_COMMAND(49, servo_dc_backlash_set, "Sets the backlash of a servo", "servo_name",
+                 "backlash_value", "flush"),
+    JOVU_COMMAND(50, servo_dc_trace_enable, "Switches the trace events of a servo", "servo_name",
+                 "enable"),
+    JOVU_COMMAND(51, unload_initiate, "Begins to unload the filament"),
+    JOVU_COMMAND(52, load_initiate, "Begins to load a filament"),
+    JOVU_COMMAND(53, Enter_dfu_mode, "Restarts the controller for a firmware update"),
+    JOVU_COMMAND(54, ui_led, "Lets a light blink", "led", "on_count", "off_count"),
+    JOVU_COMMAND(55, sd_mmc_write, "Writes to the SD store; of the buffer only the first byte",
+                 "offset", "buf", "length"),
+    JOVU_COMMAND(56, sd_mmc_write_byte, "Writes one byte to the SD store", "offset", "write_buf"),
+    JOVU_COMMAND(57, sd_mmc_read_byte, "Reads one byte from the SD store", "offset"),
+    JOVU_COMMAND(58, sd_mmc_read, "Lets the device read from the SD store", "offset", "read_buf",
+                 "length"),
+    JOVU_COMMAND(59, sd_mmc_get_storage_info, "Size of the SD store"),
+    JOVU_COMMAND(60, hbridge_duty_set, "Sets the duty of an H-bridge", "hbridge", "duty"),
+    JOVU_COMMAND(61, wifi_client_scan_refresh, "Looks for networks", "interface_t"),
+    JOVU_COMMAND(62, wifi_client_scan_get, "One network of the last scan", "interface_t", "index"),
+    JOVU_COMMAND(63, jm_disable_network_tasks, "Stops the controller's network tasks"),
+    JOVU_COMMAND(64, jm_enable_network_tasks, "Lets the controller's network tasks run"),
+    JOVU_COMMAND(65, jm_are_network_tasks_enabled, "Whether the network tasks run"),
+    JOVU_COMMAND(66, check_store_connection, "Whether the controller can reach its store"),
+    JOVU_COMMAND(67, Reset_printer, "Restarts the printer"));
 
-inline constexpr auto bio_get_version = command<Text>(0, "bio_get_version");
-inline constexpr auto bio_get_serial = command<Text>(1, "bio_get_serial");
-inline constexpr auto gcode_process_command =
-    command<gcode_process_result_t, Text>(5, "gcode_process_command", "command");
+#undef JOVU_COMMAND
 
-/// Every row, in the order of the firmware's indices.
-inline constexpr auto all = std::make_tuple(bio_get_version, bio_get_serial, gcode_process_command);
+inline constexpr std::size_t kCommandCount = std::tuple_size_v<decltype(catalogue)>;
 
 namespace detail {
 
-template <class... Rows>
-constexpr bool well_formed(const std::tuple<Rows...>& rows) {
-    constexpr std::size_t count = sizeof...(Rows);
+/// Row i has index i, which makes each index occur once, and no two rows share a name.
+constexpr bool well_formed() {
     return std::apply(
         [](const auto&... row) {
-            const std::array<int, count> indices{row.idx...};
-            const std::array<std::string_view, count> names{row.name...};
-            for (std::size_t i = 0; i < count; ++i) {
-                if (i > 0 && indices[i] <= indices[i - 1]) return false;
+            const std::array<int, kCommandCount> indices{row.idx...};
+            const std::array<std::string_view, kCommandCount> names{row.name...};
+            for (std::size_t i = 0; i < kCommandCount; ++i) {
+                if (indices[i] != static_cast<int>(i)) return false;
                 for (std::size_t j = 0; j < i; ++j) {
                     if (names[i] == names[j]) return false;
                 }
             }
             return true;
         },
-        rows);
+        catalogue);
+}
+
+static_assert(kCommandCount == 68, "the firmware has 68 commands");
+static_assert(well_formed(), "rows are in the order of their indices and names are unique");
+
+/// Which row has this method.
+template <class Method>
+constexpr std::size_t row_of(Method method) {
+    std::size_t index = 0;
+    std::size_t found = kCommandCount;
+    std::apply(
+        [&](const auto&... row) {
+            const auto look = [&](const auto& candidate) {
+                if constexpr (std::is_same_v<decltype(candidate.method), Method>) {
+                    if (candidate.method == method) found = index;
+                }
+                ++index;
+            };
+            (look(row), ...);
+        },
+        catalogue);
+    return found;
 }
 
 }  // namespace detail
 
-static_assert(detail::well_formed(all), "indices ascend and names are unique");
+/// The row of a method of JovuCommandInterface.
+template <auto method>
+inline constexpr const auto& row = std::get<detail::row_of(method)>(catalogue);
 
-}  // namespace catalogue
 }  // namespace jovu

@@ -10,7 +10,7 @@
 #include <utility>
 #include <vector>
 
-#include "commands/value_codec.h"
+#include "commands/structure_codec.h"
 #include "core/message.h"
 
 /// Writes a tuple of arguments, each under its key.

@@ -1,5 +1,6 @@
 #include "commands/value_codec.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstring>
 #include <limits>
@@ -48,6 +49,10 @@ bool read_array(yajl_val object, const char* key, std::shared_ptr<T>& value, Ele
 
 }  // namespace
 
+void jovu::refuse_null(const char* key, const void* pointer) {
+    if (pointer == nullptr) refuse(key, "null");
+}
+
 void cmd_ifc_serialize_type(yajl_gen gen, const char* key, double& value) {
     JovuMessage::gen_string(gen, key);
     write_number(gen, key, value);
@@ -71,7 +76,7 @@ bool cmd_ifc_deserialize_type(yajl_val object, const char* key, float& value) {
 }
 
 void cmd_ifc_serialize_type(yajl_gen gen, const char* key, std::shared_ptr<float>& value) {
-    if (value == nullptr) refuse(key, "null");
+    jovu::refuse_null(key, value.get());
     JovuMessage::gen_string(gen, key);
     JovuMessage::gen_array_open(gen);
     write_number(gen, key, static_cast<double>(*value));
@@ -79,7 +84,7 @@ void cmd_ifc_serialize_type(yajl_gen gen, const char* key, std::shared_ptr<float
 }
 
 void cmd_ifc_serialize_type(yajl_gen gen, const char* key, std::shared_ptr<unsigned char>& value) {
-    if (value == nullptr) refuse(key, "null");
+    jovu::refuse_null(key, value.get());
     JovuMessage::gen_string(gen, key);
     JovuMessage::gen_array_open(gen);
     JovuMessage::gen_integer(gen, *value);
@@ -99,7 +104,7 @@ bool cmd_ifc_deserialize_type(yajl_val object, const char* key,
 }
 
 void cmd_ifc_serialize_type(yajl_gen gen, const char* key, std::shared_ptr<char>& value) {
-    if (value == nullptr) refuse(key, "null");
+    jovu::refuse_null(key, value.get());
     JovuMessage::gen_string(gen, key);
     JovuMessage::gen_array_open(gen);
     const std::size_t length = std::strlen(value.get()) + 1;
@@ -113,5 +118,30 @@ bool cmd_ifc_deserialize_type(yajl_val object, const char* key, std::shared_ptr<
     std::shared_ptr<char> text = jovu::read_byte_text(jovu::find(object, {key}, yajl_t_array));
     if (text == nullptr) return false;
     value = std::move(text);
+    return true;
+}
+
+void cmd_ifc_serialize_bytes(yajl_gen gen, const char* key, const unsigned char* bytes,
+                             std::size_t size, bool is_signed) {
+    JovuMessage::gen_string(gen, key);
+    JovuMessage::gen_array_open(gen);
+    for (std::size_t i = 0; i < size; ++i) {
+        JovuMessage::gen_integer(gen, is_signed ? static_cast<signed char>(bytes[i]) : bytes[i]);
+    }
+    JovuMessage::gen_array_close(gen);
+}
+
+bool cmd_ifc_deserialize_bytes(yajl_val object, const char* key, unsigned char* bytes,
+                               std::size_t size) {
+    const yajl_val array = jovu::find(object, {key}, yajl_t_array);
+    if (array == nullptr) return false;
+    const std::size_t count = std::min(size, array->u.array.len);
+    const auto* const first = array->u.array.values;
+    if (!std::all_of(first, first + count, [](yajl_val e) { return YAJL_IS_NUMBER(e); })) {
+        return false;
+    }
+    std::transform(first, first + count, bytes, [](yajl_val element) {
+        return static_cast<unsigned char>(jovu::integer_of(element));
+    });
     return true;
 }

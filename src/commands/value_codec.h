@@ -1,5 +1,6 @@
 /// @file
-/// Firmware values to JSON and back.
+/// Firmware values to JSON and back: numbers, buffers and texts. Structures are made of these, see
+/// structure_codec.h.
 ///
 /// Writing puts the key, then the value. Reading looks the key up in an object; it returns false,
 /// leaving the target as it was, when the member is missing or of another kind.
@@ -8,12 +9,19 @@
 #include <yajl/yajl_gen.h>
 #include <yajl/yajl_tree.h>
 
-#include <cstdint>
+#include <cstddef>
 #include <memory>
 #include <type_traits>
 
 #include "core/message.h"
 #include "json/json.h"
+
+namespace jovu {
+
+/// @throws JovuException that names the argument when @p pointer is null.
+void refuse_null(const char* key, const void* pointer);
+
+}  // namespace jovu
 
 /// An integer in its own signedness; enumerations as their underlying integer; `bool` as 0 or 1.
 template <class T, std::enable_if_t<std::is_integral_v<T> || std::is_enum_v<T>, int> = 0>
@@ -60,3 +68,14 @@ void cmd_ifc_serialize_type(yajl_gen gen, const char* key, std::shared_ptr<char>
 
 /// A text: an array of numbers, the low 8 bits of each. One more zero is kept behind it.
 bool cmd_ifc_deserialize_type(yajl_val object, const char* key, std::shared_ptr<char>& value);
+
+/// @name Fixed arrays of bytes
+/// An array of exactly @p size numbers when written. When read, elements beyond @p size are left
+/// out and bytes beyond the last element stay as they are.
+/// @param is_signed whether each byte is written as -128 to 127 rather than as 0 to 255.
+/// @{
+void cmd_ifc_serialize_bytes(yajl_gen gen, const char* key, const unsigned char* bytes,
+                             std::size_t size, bool is_signed);
+bool cmd_ifc_deserialize_bytes(yajl_val object, const char* key, unsigned char* bytes,
+                               std::size_t size);
+/// @}
