@@ -1,0 +1,486 @@
+/// @file
+/// Every command: the bytes of its request, and how its answer is read.
+#include <cmath>
+#include <sstream>
+
+#include "fake_usb/exchange_fixture.h"
+
+namespace {
+
+using test::kAddress;
+
+/// @name Results as text: the members of a structure one after another.
+/// @{
+struct Shown {
+    std::ostringstream out;
+
+    template <class T>
+    void add(const T& value) {
+        if (out.tellp() > 0) out << ' ';
+        if constexpr (std::is_enum_v<T>) {
+            out << static_cast<std::underlying_type_t<T>>(value);
+        } else if constexpr (std::is_integral_v<T>) {
+            out << +value;
+        } else {
+            out << value;
+        }
+    }
+    template <std::size_t size>
+    void add(const unsigned char (&bytes)[size]) {
+        std::string text;
+        for (const unsigned char byte : bytes)
+            text += (text.empty() ? "" : ".") + std::to_string(byte);
+        add(text);
+    }
+    template <std::size_t size>
+    void add(const char (&text)[size]) {
+        add(std::string(text, strnlen(text, size)));
+    }
+};
+
+template <class... Values>
+std::string shown(const Values&... values) {
+    Shown result;
+    (result.add(values), ...);
+    return result.out.str();
+}
+
+std::string shown(const std::shared_ptr<char>& text) {
+    return text == nullptr ? "null" : text.get();
+}
+std::string shown(const wifi_ip_config_t& c) {
+    return shown(c.ip, c.subnet_mask, c.default_gateway, c.dhcp_server, c.dns_server, c.mac_address,
+                 c.connected_ssid);
+}
+std::string shown(const wifi_status_t& status) {
+    return shown(status.connected, shown(status.ip_config));
+}
+std::string shown(const wifi_config_t& config) {
+    const auto& [start, connect, ssid, key, timeout] = config.ifc_config;
+    const auto& [mac, patch] = config.hdw_config;
+    return shown(start, connect, ssid, key, timeout, mac, patch, shown(config.ip_config));
+}
+std::string shown(const wifi_scan_network_t& n) {
+    return shown(n.ssid, n.encryption, n.strength);
+}
+std::string shown(const servo_dc_client_config_t& c) {
+    const auto& [kp, ki, kd, ka, kv, kf] = c.gains;
+    return shown(c.interrupt_frequency, kp, ki, kd, ka, kv, kf, c.pwm_cap, c.pwm_cap_time, c.units,
+                 c.pos_res_eu_per_mm, c.vel_res_mm_per_sec, c.speed_max, c.accel_max,
+                 c.move_dist_min_static, c.move_dist_min_dynamic, c.trace);
+}
+std::string shown(const servo_dc_move_config_t& c) {
+    return shown(c.move_type, c.start_sync, c.target, c.distance, c.speed_f, c.accel_f, c.decel_f,
+                 c.max_cycles, c.metric_skip, c.speed_offset_upramp_f, c.speed_offset_downramp_f,
+                 c.ignore_stalls, c.slaved, c.slave_ratio);
+}
+std::string shown(const servo_dc_move_metrics_t& m) {
+    return shown(m.n, m.mean, m.M2);
+}
+std::string shown(const write_byte_return_t& r) {
+    return shown(r.success, r.timetowrite);
+}
+std::string shown(const read_byte_return_t& r) {
+    return shown(r.byteread, r.timetoread);
+}
+std::string shown(const storage_info_t& s) {
+    return shown(s.total_size, s.block_count, s.block_size);
+}
+/// @}
+
+/// @return the text with "0*3" spelled out as "0,0,0".
+std::string spelled_out(std::string text) {
+    for (std::size_t at; (at = text.find("0*")) != std::string::npos;) {
+        std::size_t digits = 0;
+        const int count = std::stoi(text.substr(at + 2), &digits);
+        std::string zeros = "0";
+        for (int i = 1; i < count; ++i)
+            zeros += ",0";
+        text.replace(at, 2 + digits, zeros);
+    }
+    return text;
+}
+
+/// As much memory as two values need, the first filled by @p fill.
+template <class T, class Fill>
+std::shared_ptr<T> two(Fill fill) {
+    auto owner = std::make_shared<std::array<T, 2>>();
+    fill((*owner)[0]);
+    return {owner, owner->data()};
+}
+
+class EveryCommand : public test::ExchangeTest {
+protected:
+    template <class Call>
+    std::string run(Call call) {
+        if constexpr (std::is_void_v<decltype(call(client, kAddress))>) {
+            call(client, kAddress);
+            return "void" + JovuTransport::last_send_error();
+        } else {
+            const std::string result = shown(call(client, kAddress));
+            return result + JovuTransport::last_send_error();
+        }
+    }
+};
+
+/// One row a command: the call, what is sent, what comes back, what the caller gets.
+TEST_F(EveryCommand, IsWrittenAndReadAsTheFirmwareDoes) {
+    const auto floats = two<float>([](float& value) { value = 1.5F; });
+    const auto bytes = two<unsigned char>([](unsigned char& value) { value = 200; });
+    const wifi_client_connect_t network{{'n', '\xE9'}, {'k'}, 4294967295U};
+    const auto configs = two<wifi_config_t>([](wifi_config_t& config) {
+        config = {{true, false, {'n', 'e', 't'}, {'\xFF'}, -2},
+                  {{255, 0, 0, 0, 0, 1}, {2, 200}},
+                  {{192, 168, 0, 1},
+                   {255, 255, 0, 0},
+                   {0, 0, 0, 1},
+                   {0, 0, 0, 2},
+                   {0, 0, 0, 3},
+                   {0, 0, 0, 0, 0, 4},
+                   {'\xE9'}}};
+    });
+    const servo_dc_client_config_t servo{
+        65535, {1.5F, 2, 3, 4, 5, 6}, -7, 4294967295U, 8, 9, 10, 11, 12, 13, 14, 15};
+    const auto moves = two<servo_dc_move_config_t>([](servo_dc_move_config_t& move) {
+        move = {4294967295U, true, 0.1, 2, 3, 4, 5, 6, 7, 8, 9, false, true, 10};
+    });
+    const auto changes = two<servo_dc_move_modifier_data_t>([](auto& change) {
+        change = {servo_dc_name_t{-1}, 4294967295U, 1.5F, 2, 3, 4, 5, true, 255, -6, 200};
+    });
+
+    struct Row {
+        std::function<std::string()> call;
+        std::string sent;
+        std::string returned;
+        std::string result;
+    };
+#define CALL(...) [&] { return run([&](auto& c, auto a) { return c.__VA_ARGS__; }); }
+    // clang-format off
+    const Row rows[] = {
+        {CALL(bio_get_version(a)),
+         R"({"idx":0,"name":"bio_get_version"})",
+         R"([49,46,48,0])", "1.0"},
+        {CALL(bio_get_serial(a)),
+         R"({"idx":1,"name":"bio_get_serial"})",
+         R"([])", ""},
+        {CALL(gpio_get_raw(a, gpio_name_t{4294967295})),
+         R"({"idx":2,"name":"gpio_get_raw","args":{"gpio":4294967295}})",
+         R"(2)", "1"},
+        {CALL(gpio_input_get(a, gpio_input_name_t{3}, true)),
+         R"({"idx":3,"name":"gpio_input_get","args":{"pin":3,"debounce":1}})",
+         R"(4294967295)", "4294967295"},
+        {CALL(gpio_output_set(a, gpio_name_t{3}, true)),
+         R"({"idx":4,"name":"gpio_output_set","args":{"pin":3,"value":1}})",
+         R"(0)", "void"},
+        {CALL(gcode_process_command(a, test::text("G1 \xE9"))),
+         R"({"idx":5,"name":"gcode_process_command","args":{"command":[71,49,32,-23,0]}})",
+         R"(7)", "7"},
+        {CALL(gcode_process_macro(a, test::text(""))),
+         R"({"idx":6,"name":"gcode_process_macro","args":{"macro":[0]}})",
+         R"(0)", "0"},
+        {CALL(heater_param_set(a, heater_params_t{2}, 0.1F)),
+         R"({"idx":7,"name":"heater_param_set","args":{"param_num":2,)"
+         R"("param_val":0.10000000149011611938}})",
+         R"(-1)", "-1"},
+        {CALL(heater_param_get(a, heater_params_t{2}, floats)),
+         R"({"idx":8,"name":"heater_param_get","args":{"param_num":2,"param_val":[1.5]}})",
+         R"(65535)", "-1"},
+        {CALL(heater_param_set_defaults(a)),
+         R"({"idx":9,"name":"heater_param_set_defaults"})",
+         R"(0)", "void"},
+        {CALL(heater_var_set_defaults(a)),
+         R"({"idx":10,"name":"heater_var_set_defaults"})",
+         R"(0)", "void"},
+        {CALL(heater_turn_on(a)),
+         R"({"idx":11,"name":"heater_turn_on"})",
+         R"(1)", "1"},
+        {CALL(heater_turn_off(a)),
+         R"({"idx":12,"name":"heater_turn_off"})",
+         R"(-2)", "-2"},
+        {CALL(heater_in_guardband(a)),
+         R"({"idx":13,"name":"heater_in_guardband"})",
+         R"(1)", "1"},
+        {CALL(heater_state_get(a)),
+         R"({"idx":14,"name":"heater_state_get"})",
+         R"(3)", "3"},
+        {CALL(heater_fault_get(a)),
+         R"({"idx":15,"name":"heater_fault_get"})",
+         R"(4)", "4"},
+        {CALL(heater_var_set(a, HEATER_VARS_m{1}, -210.0F)),
+         R"({"idx":16,"name":"heater_var_set","args":{"var_num":1,"var_val":-210.0}})",
+         R"(0)", "0"},
+        {CALL(heater_var_get(a, HEATER_VARS_m{1}, floats)),
+         R"({"idx":17,"name":"heater_var_get","args":{"var_num":1,"var_val":[1.5]}})",
+         R"(5)", "5"},
+        {CALL(wifi_start_wifi(a, wifi_interface_t{1})),
+         R"({"idx":18,"name":"wifi_start_wifi","args":{"interface_t":1}})",
+         R"(2147483648)", "-2147483648"},
+        {CALL(wifi_stop_wifi(a, wifi_interface_t{1})),
+         R"({"idx":19,"name":"wifi_stop_wifi","args":{"interface_t":1}})",
+         R"(-1)", "-1"},
+        {CALL(wifi_client_connect(a, wifi_interface_t{1}, network)),
+         R"({"idx":20,"name":"wifi_client_connect","args":{"interface_t":1,)"
+         R"("connect_t":{"ssid":[110,-23,0*30],"key":[107,0*63],"timeout":4294967295}}})",
+         R"(0)", "0"},
+        {CALL(wifi_disconnect(a, wifi_interface_t{0})),
+         R"({"idx":21,"name":"wifi_disconnect","args":{"interface_t":0}})",
+         R"(0)", "0"},
+        {CALL(wifi_client_get_status(a, wifi_interface_t{0})),
+         R"({"idx":22,"name":"wifi_client_get_status","args":{"interface_t":0}})",
+         R"({"connected":1,"ip_config":{"ip":[192,168,1,7],"subnet_mask":[255,255,255,0],)"
+         R"("default_gateway":[1,2,3,4],"dhcp_server":[5,6,7,8],"dns_server":[9,10,11,12],)"
+         R"("mac_address":[1,2,3,4,5,255],"connected_ssid":[110,233]}})", "1 192.168.1.7 255.255.255.0 1.2.3.4 5.6.7.8 9.10.11.12 1.2.3.4.5.255 n\xE9"},
+        {CALL(wifi_client_get_configuration(a, wifi_interface_t{0})),
+         R"({"idx":23,"name":"wifi_client_get_configuration","args":{"interface_t":0}})",
+         R"({"ifc_config":{"auto_start":1,"auto_connect":0,"auto_connect_ssid":[110],)"
+         R"("auto_connect_key":[-23],"auto_connect_timeout":-5},)"
+         R"("hdw_config":{"mac_address":[6,5,4,3,2,1],"patch_version":[1,200]},)"
+         R"("ip_config":{"ip":[1,2,3,4]}})", "1 0 n \xE9" " -5 6.5.4.3.2.1 1.200 1.2.3.4 0.0.0.0 0.0.0.0 0.0.0.0 0.0.0.0 0.0.0.0.0.0 "},
+        {CALL(wifi_save_configuration(a, wifi_interface_t{0})),
+         R"({"idx":24,"name":"wifi_save_configuration","args":{"interface_t":0}})",
+         R"(1)", "1"},
+        {CALL(wifi_set_auto_start_configuration_item(a, wifi_interface_t{0}, true)),
+         R"({"idx":25,"name":"wifi_set_auto_start_configuration_item",)"
+         R"("args":{"interface_t":0,"auto_start":1}})",
+         R"(2)", "2"},
+        {CALL(wifi_set_auto_connect_configuration_item(a, wifi_interface_t{0}, false)),
+         R"({"idx":26,"name":"wifi_set_auto_connect_configuration_item",)"
+         R"("args":{"interface_t":0,"auto_connect":0}})",
+         R"(3)", "3"},
+        {CALL(wifi_set_auto_connect_ssid_configuration_item(a, wifi_interface_t{0}, test::text("ab"))),
+         R"({"idx":27,"name":"wifi_set_auto_connect_ssid_configuration_item",)"
+         R"("args":{"interface_t":0,"auto_connect_ssid":[97,98,0]}})",
+         R"(4)", "4"},
+        {CALL(wifi_set_auto_connect_key_configuration_item(a, wifi_interface_t{0}, test::text("k"))),
+         R"({"idx":28,"name":"wifi_set_auto_connect_key_configuration_item",)"
+         R"("args":{"interface_t":0,"auto_connect_key":[107,0]}})",
+         R"(5)", "5"},
+        {CALL(wifi_client_configure(a, wifi_interface_t{0}, -3, configs)),
+         R"({"idx":29,"name":"wifi_client_configure","args":{"interface_t":0,"cmd":-3,)"
+         R"("config":[{"ifc_config":{"auto_start":1,"auto_connect":0,)"
+         R"("auto_connect_ssid":[110,101,116,0*29],"auto_connect_key":[-1,0*63],)"
+         R"("auto_connect_timeout":-2},"hdw_config":{"mac_address":[255,0,0,0,0,1],)"
+         R"("patch_version":[2,200]},"ip_config":{"ip":[192,168,0,1],"subnet_mask":[255,)"
+         R"(255,0,0],"default_gateway":[0,0,0,1],"dhcp_server":[0,0,0,2],"dns_server":[0,)"
+         R"(0,0,3],"mac_address":[0,0,0,0,0,4],"connected_ssid":[233,0*31]}}]}})",
+         R"(6)", "6"},
+        {CALL(servo_dc_config_get(a, servo_dc_name_t{-1})),
+         R"({"idx":30,"name":"servo_dc_config_get","args":{"servo_name":-1}})",
+         R"({"interrupt_frequency":65535,"gains":{"kp":1,"ki":2.5,"kd":3,"ka":4,"kv":5,)"
+         R"("kf":-6},"pwm_cap":-7,"pwm_cap_time":4294967295,"units":8,)"
+         R"("pos_res_eu_per_mm":9.5,"vel_res_mm_per_sec":10,"speed_max":11,"accel_max":12,)"
+         R"("move_dist_min_static":13,"move_dist_min_dynamic":14,"trace":15})", "65535 1 2.5 3 4 5 -6 -7 4294967295 8 9.5 10 11 12 13 14 15"},
+        {CALL(servo_dc_config_set(a, servo_dc_name_t{1}, servo)),
+         R"({"idx":31,"name":"servo_dc_config_set","args":{"servo_name":1,)"
+         R"("config":{"interrupt_frequency":65535,"gains":{"kp":1.5,"ki":2.0,"kd":3.0,)"
+         R"("ka":4.0,"kv":5.0,"kf":6.0},"pwm_cap":-7,"pwm_cap_time":4294967295,"units":8,)"
+         R"("pos_res_eu_per_mm":9.0,"vel_res_mm_per_sec":10.0,"speed_max":11.0,)"
+         R"("accel_max":12.0,"move_dist_min_static":13,"move_dist_min_dynamic":14,)"
+         R"("trace":15}}})",
+         R"(0)", "void"},
+        {CALL(servo_dc_move_default(a)),
+         R"({"idx":32,"name":"servo_dc_move_default"})",
+         R"({"move_type":1,"start_sync":1,"target":0.1,"distance":2.5,"speed_f":3,)"
+         R"("accel_f":4,"decel_f":5,"max_cycles":6,"metric_skip":7,)"
+         R"("speed_offset_upramp_f":8,"speed_offset_downramp_f":9,"ignore_stalls":0,)"
+         R"("slaved":1,"slave_ratio":10})", "1 1 0.1 2.5 3 4 5 6 7 8 9 0 1 10"},
+        {CALL(servo_dc_move(a, servo_dc_name_t{0}, moves)),
+         R"({"idx":33,"name":"servo_dc_move","args":{"servo_name":0,)"
+         R"("move_config":[{"move_type":4294967295,"start_sync":1,)"
+         R"("target":0.10000000000000000555,"distance":2.0,"speed_f":3.0,"accel_f":4.0,)"
+         R"("decel_f":5.0,"max_cycles":6,"metric_skip":7,"speed_offset_upramp_f":8.0,)"
+         R"("speed_offset_downramp_f":9.0,"ignore_stalls":0,"slaved":1,)"
+         R"("slave_ratio":10.0}]}})",
+         R"(2)", "2"},
+        {CALL(servo_dc_move_start_sync(a)),
+         R"({"idx":34,"name":"servo_dc_move_start_sync"})",
+         R"(0)", "void"},
+        {CALL(servo_dc_move_active(a, servo_dc_name_t{0})),
+         R"({"idx":35,"name":"servo_dc_move_active","args":{"servo_name":0}})",
+         R"(1)", "1"},
+        {CALL(servo_dc_put_idle(a, servo_dc_name_t{0})),
+         R"({"idx":36,"name":"servo_dc_put_idle","args":{"servo_name":0}})",
+         R"(0)", "0"},
+        {CALL(servo_dc_move_modify(a, changes, 3, true)),
+         R"({"idx":37,"name":"servo_dc_move_modify",)"
+         R"("args":{"modifer_data":[{"servo_name":-1,"type":4294967295,"pos":1.5,)"
+         R"("vel":2.0,"accel":3.0,"decel":4.0,"validation_pos":5.0,"use_validation_pos":1,)"
+         R"("decel_ramp_skip":255,"data":-6,"active":200}],"count":3,"validate":1}})",
+         R"(300)", "44"},
+        {CALL(servo_dc_move_modifier_validate(a, changes, 2)),
+         R"({"idx":38,"name":"servo_dc_move_modifier_validate",)"
+         R"("args":{"modifier_data":[{"servo_name":-1,"type":4294967295,"pos":1.5,)"
+         R"("vel":2.0,"accel":3.0,"decel":4.0,"validation_pos":5.0,"use_validation_pos":1,)"
+         R"("decel_ramp_skip":255,"data":-6,"active":200}],"count":2}})",
+         R"(-1)", "1"},
+        {CALL(servo_dc_move_metrics_get(a, servo_dc_name_t{2})),
+         R"({"idx":39,"name":"servo_dc_move_metrics_get","args":{"servo_name":2}})",
+         R"({"n":-1,"mean":0.5,"M2":1.25})", "-1 0.5 1.25"},
+        {CALL(servo_dc_move_dir_get(a, servo_dc_name_t{2})),
+         R"({"idx":40,"name":"servo_dc_move_dir_get","args":{"servo_name":2}})",
+         R"(1)", "1"},
+        {CALL(servo_dc_position_get(a, servo_dc_name_t{2})),
+         R"({"idx":41,"name":"servo_dc_position_get","args":{"servo_name":2}})",
+         R"(-40000)", "-40000"},
+        {CALL(servo_dc_position_get_client(a, servo_dc_name_t{2})),
+         R"({"idx":42,"name":"servo_dc_position_get_client","args":{"servo_name":2}})",
+         R"(-12.5)", "-12.5"},
+        {CALL(servo_dc_position_set(a, servo_dc_name_t{2}, -5)),
+         R"({"idx":43,"name":"servo_dc_position_set","args":{"servo_name":2,)"
+         R"("position":-5}})",
+         R"(0)", "void"},
+        {CALL(servo_dc_position_set_client(a, servo_dc_name_t{2}, -5.25F)),
+         R"({"idx":44,"name":"servo_dc_position_set_client","args":{"servo_name":2,)"
+         R"("position":-5.25}})",
+         R"(0)", "void"},
+        {CALL(servo_dc_target_get_client(a, servo_dc_name_t{2})),
+         R"({"idx":45,"name":"servo_dc_target_get_client","args":{"servo_name":2}})",
+         R"(3)", "3"},
+        {CALL(servo_dc_units_client_to_native(a, servo_dc_name_t{2}, 1.5F)),
+         R"({"idx":46,"name":"servo_dc_units_client_to_native","args":{"servo_name":2,)"
+         R"("pos_client":1.5}})",
+         R"(4800)", "4800"},
+        {CALL(servo_dc_units_native_to_client(a, servo_dc_name_t{2}, -1)),
+         R"({"idx":47,"name":"servo_dc_units_native_to_client","args":{"servo_name":2,)"
+         R"("pos_native":-1}})",
+         R"(0.25)", "0.25"},
+        {CALL(servo_dc_name_str_get(a, servo_dc_name_t{2})),
+         R"({"idx":48,"name":"servo_dc_name_str_get","args":{"servo_name":2}})",
+         R"([90,0])", "Z"},
+        {CALL(servo_dc_backlash_set(a, servo_dc_name_t{2}, -5, false)),
+         R"({"idx":49,"name":"servo_dc_backlash_set","args":{"servo_name":2,)"
+         R"("backlash_value":-5,"flush":0}})",
+         R"(0)", "void"},
+        {CALL(servo_dc_trace_enable(a, servo_dc_name_t{2}, true)),
+         R"({"idx":50,"name":"servo_dc_trace_enable","args":{"servo_name":2,"enable":1}})",
+         R"(0)", "void"},
+        {CALL(unload_initiate(a)),
+         R"({"idx":51,"name":"unload_initiate"})",
+         R"(255)", "255"},
+        {CALL(load_initiate(a)),
+         R"({"idx":52,"name":"load_initiate"})",
+         R"(-1)", "255"},
+        {CALL(Enter_dfu_mode(a)),
+         R"({"idx":53,"name":"Enter_dfu_mode"})",
+         R"(0)", "void"},
+        {CALL(ui_led(a, ui_led_t{1}, 32767, -32768)),
+         R"({"idx":54,"name":"ui_led","args":{"led":1,"on_count":32767,)"
+         R"("off_count":-32768}})",
+         R"(0)", "void"},
+        {CALL(sd_mmc_write(a, 512, bytes, 64)),
+         R"({"idx":55,"name":"sd_mmc_write","args":{"offset":512,"buf":[200],"length":64}})",
+         R"(1)", "1"},
+        {CALL(sd_mmc_write_byte(a, 4294967295, 255)),
+         R"({"idx":56,"name":"sd_mmc_write_byte","args":{"offset":4294967295,)"
+         R"("write_buf":255}})",
+         R"({"success":-1,"timetowrite":4294967295})", "-1 4294967295"},
+        {CALL(sd_mmc_read_byte(a, 7)),
+         R"({"idx":57,"name":"sd_mmc_read_byte","args":{"offset":7}})",
+         R"({"byteread":200,"timetoread":3})", "200 3"},
+        {CALL(sd_mmc_read(a, 0, bytes, 2)),
+         R"({"idx":58,"name":"sd_mmc_read","args":{"offset":0,"read_buf":[200],)"
+         R"("length":2}})",
+         R"(-1)", "-1"},
+        {CALL(sd_mmc_get_storage_info(a)),
+         R"({"idx":59,"name":"sd_mmc_get_storage_info"})",
+         R"({"total_size":4294967295,"block_count":2,"block_size":512})", "4294967295 2 512"},
+        {CALL(hbridge_duty_set(a, hbridge_name_t{1}, -100)),
+         R"({"idx":60,"name":"hbridge_duty_set","args":{"hbridge":1,"duty":-100}})",
+         R"(0)", "void"},
+        {CALL(wifi_client_scan_refresh(a, wifi_interface_t{1})),
+         R"({"idx":61,"name":"wifi_client_scan_refresh","args":{"interface_t":1}})",
+         R"(12)", "12"},
+        {CALL(wifi_client_scan_get(a, wifi_interface_t{1}, 255)),
+         R"({"idx":62,"name":"wifi_client_scan_get","args":{"interface_t":1,"index":255}})",
+         R"({"ssid":[110,101,116],"encryption":-4,"strength":-70})", "net -4 -70"},
+        {CALL(jm_disable_network_tasks(a)),
+         R"({"idx":63,"name":"jm_disable_network_tasks"})",
+         R"(1)", "1"},
+        {CALL(jm_enable_network_tasks(a)),
+         R"({"idx":64,"name":"jm_enable_network_tasks"})",
+         R"(0)", "void"},
+        {CALL(jm_are_network_tasks_enabled(a)),
+         R"({"idx":65,"name":"jm_are_network_tasks_enabled"})",
+         R"(0)", "0"},
+        {CALL(check_store_connection(a)),
+         R"({"idx":66,"name":"check_store_connection"})",
+         R"(1)", "1"},
+        {CALL(Reset_printer(a)),
+         R"({"idx":67,"name":"Reset_printer"})",
+         R"(0)", "void"},
+    };
+    // clang-format on
+#undef CALL
+    EXPECT_EQ(std::size(rows), 68U);
+    const std::string head = R"({"transport":{"attrs":["request","twoway"],"id":#},"data":)";
+    for (const Row& row : rows) {
+        EXPECT_EQ(request_of(row.call), head + R"({"command":)" + spelled_out(row.sent) + "}}");
+        answer(test::kResponse + (R"({"command":{"__return__":)" + row.returned + "}}}"));
+        EXPECT_EQ(result(), row.result) << row.sent;
+    }
+}
+
+/// Bytes 0x80 to 0xFF travel as negative numbers.
+TEST_F(EveryCommand, TextsCarryEveryByte) {
+    std::string every_byte, written;
+    for (int byte = 1; byte < 256; ++byte) {
+        every_byte.push_back(static_cast<char>(byte));
+        written += std::to_string(byte < 128 ? byte : byte - 256) + ",";
+    }
+    const std::string sent = request_of(
+        [&] { return shown(client.gcode_process_command(kAddress, test::text(every_byte))); });
+    EXPECT_NE(sent.find(R"("args":{"command":[)" + written + "0]}"), std::string::npos) << sent;
+    answer(std::string(test::kResponse) + R"({"command":{"__return__":4294967295}}})");
+    EXPECT_EQ(result(), "4294967295");
+}
+
+/// What a device gets wrong in a structure costs that member, never memory.
+TEST_F(EveryCommand, ReadsOfAStructureWhatCanBeRead) {
+    const std::string endless = "[" + spelled_out("0*5000") + "]";
+    const struct {
+        std::string returned, result;
+    } rows[] = {
+        {R"({})", " 0 0"},
+        {R"({"ssid":)" + endless + R"(,"encryption":1e99,"strength":128})", " -1 -128"},
+        {R"({"ssid":[110,"e"],"encryption":true,"strength":[5]})", " 0 0"},
+        {R"({"ssid":"net","encryption":{"n":1},"strength":-1.9})", " 0 -1"},
+        {R"({"ssid":{"0":1},"strength":5,"strength":6})", " 0 5"},
+    };
+    for (const auto& row : rows) {
+        request_of([this] { return shown(client.wifi_client_scan_get(kAddress, {}, 0)); });
+        answer(test::kResponse + (R"({"command":{"__return__":)" + row.returned + "}}}"));
+        EXPECT_EQ(result(), row.result) << row.returned.substr(0, 80);
+    }
+    for (const char* const no_structure : {"5", "[]", "[{}]", "null", "\"x\""}) {
+        request_of(
+            [this] { return run([](auto& c, auto a) { return c.sd_mmc_get_storage_info(a); }); });
+        answer(std::string(test::kResponse) + R"({"command":{"__return__":)" + no_structure +
+               "}}}");
+        EXPECT_EQ(result(), "0 0 0Transport Error - No response received.") << no_structure;
+    }
+}
+
+/// Nothing is sent: a gap in the body could hand a heater a value that was meant for another.
+TEST_F(EveryCommand, IsNotSentWithAValueThatHasNoForm) {
+    const float nan = std::nanf("");
+    servo_dc_client_config_t servo{};
+    servo.gains.kd = nan;
+    const auto move = two<servo_dc_move_config_t>([](auto& m) { m.target = -HUGE_VAL; });
+    const std::pair<std::function<void()>, const char*> rows[] = {
+        {[&] { client.heater_var_set(kAddress, {}, nan); }, "\"var_val\" is not a finite number: "},
+        {[&] { client.servo_dc_config_set(kAddress, {}, servo); }, "\"kd\" is not a finite number"},
+        {[&] { client.servo_dc_move(kAddress, {}, move); },
+         "\"target\" is not a finite number: -inf"},
+        {[&] { client.servo_dc_move(kAddress, {}, nullptr); }, "\"move_config\" is null"},
+        {[&] { client.heater_var_get(kAddress, {}, nullptr); }, "\"var_val\" is null"},
+        {[&] { client.sd_mmc_write(kAddress, 0, nullptr, 1); }, "\"buf\" is null"},
+        {[&] { client.gcode_process_macro(kAddress, nullptr); }, "\"macro\" is null"},
+    };
+    for (const auto& [call, reason] : rows) {
+        call();
+        EXPECT_THAT(JovuTransport::last_send_error(), testing::HasSubstr(reason));
+    }
+    EXPECT_TRUE(fake_usb::sent().empty());
+}
+
+}  // namespace
