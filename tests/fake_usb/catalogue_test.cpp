@@ -13,10 +13,11 @@ using test::kAddress;
 /// @{
 struct Shown {
     std::ostringstream out;
+    bool first = true;
 
     template <class T>
     void add(const T& value) {
-        if (out.tellp() > 0) out << ' ';
+        if (!std::exchange(first, false)) out << ' ';
         if constexpr (std::is_enum_v<T>) {
             out << static_cast<std::underlying_type_t<T>>(value);
         } else if constexpr (std::is_integral_v<T>) {
