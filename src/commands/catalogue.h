@@ -14,30 +14,41 @@
 
 namespace jovu {
 
-/// One command. The types of its arguments and its result are those of its method.
+/// What a method of JovuCommandInterface takes behind the address, and returns.
+template <class Method>
+struct CommandTypes;
+
 template <class R, class... A>
-struct CommandRow {
+struct CommandTypes<R (JovuCommandInterface::*)(JovuDeviceAddress, A...)> {
     using Result = R;
     using Arguments = std::tuple<A...>;
-
-    int idx;                ///< Its place in the firmware's own table.
-    std::string_view name;  ///< On the wire; the method has the same.
-    R (JovuCommandInterface::*method)(JovuDeviceAddress, A...);
-    std::string_view summary;                         ///< For people, without a full stop.
-    std::array<std::string_view, sizeof...(A)> keys;  ///< One for each argument, in their order.
 };
 
-template <class R, class... A, class... Keys>
-constexpr CommandRow<R, A...> command(int idx, std::string_view name,
-                                      R (JovuCommandInterface::*method)(JovuDeviceAddress, A...),
-                                      std::string_view summary, Keys... keys) {
-    static_assert(sizeof...(Keys) == sizeof...(A), "a command has one key per argument");
-    return {idx, name, method, summary, {std::string_view(keys)...}};
+/// One command. The types of its arguments and its result are those of its method.
+template <auto M>
+struct CommandRow {
+    static constexpr auto method = M;
+    using Result = typename CommandTypes<decltype(M)>::Result;
+    using Arguments = typename CommandTypes<decltype(M)>::Arguments;
+    static constexpr std::size_t kArguments = std::tuple_size_v<Arguments>;
+
+    int idx;                                        ///< Its place in the firmware's own table.
+    std::string_view name;                          ///< On the wire; the method has the same.
+    std::string_view summary;                       ///< For people, without a full stop.
+    std::array<std::string_view, kArguments> keys;  ///< One for each argument, in their order.
+};
+
+template <auto method, class... Keys>
+constexpr CommandRow<method> command(int idx, std::string_view name, std::string_view summary,
+                                     Keys... keys) {
+    static_assert(sizeof...(Keys) == CommandRow<method>::kArguments,
+                  "a command has one key per argument");
+    return {idx, name, summary, {std::string_view(keys)...}};
 }
 
 /// A row; a macro, so that the name on the wire and the method's cannot differ.
 #define JOVU_COMMAND(idx, name, ...) \
-    ::jovu::command(idx, #name, &JovuCommandInterface::name, __VA_ARGS__)
+    ::jovu::command<&JovuCommandInterface::name>(idx, #name, __VA_ARGS__)
 
 /// Every command, in the order of the firmware's indices.
 inline constexpr auto catalogue = std::make_tuple(
@@ -159,29 +170,10 @@ constexpr bool well_formed() {
 static_assert(kCommandCount == 68, "the firmware has 68 commands");
 static_assert(well_formed(), "rows are in the order of their indices and names are unique");
 
-/// Which row has this method.
-template <class Method>
-constexpr std::size_t row_of(Method method) {
-    std::size_t index = 0;
-    std::size_t found = kCommandCount;
-    std::apply(
-        [&](const auto&... row) {
-            const auto look = [&](const auto& candidate) {
-                if constexpr (std::is_same_v<decltype(candidate.method), Method>) {
-                    if (candidate.method == method) found = index;
-                }
-                ++index;
-            };
-            (look(row), ...);
-        },
-        catalogue);
-    return found;
-}
-
 }  // namespace detail
 
-/// The row of a method of JovuCommandInterface.
+/// The row of a method of JovuCommandInterface; does not compile unless there is just one.
 template <auto method>
-inline constexpr const auto& row = std::get<detail::row_of(method)>(catalogue);
+inline constexpr const auto& row = std::get<CommandRow<method>>(catalogue);
 
 }  // namespace jovu

@@ -11,29 +11,24 @@
 
 namespace {
 
-/// A command that carries what the row of a method says.
-template <class Result, class... Args>
-auto make_command(JovuTransport& transport, const jovu::CommandRow<Result, Args...>& row,
-                  std::tuple<Args...> args) {
-    using Read = std::conditional_t<std::is_void_v<Result>, int, Result>;
-    if constexpr (sizeof...(Args) == 0) {
-        return JovuFirmwareCommandNoArg<Read>(transport, std::string(row.name), row.idx);
-    } else {
-        return JovuFirmwareCommand<Read, Args...>(
-            transport, std::string(row.name), row.idx, std::move(args),
-            std::vector<std::string>(row.keys.begin(), row.keys.end()));
-    }
-}
-
 /// Runs one exchange of a method's command and hands back its result, zero-initialised if the
 /// exchange failed.
 template <auto method, class... Args>
 auto call(JovuTransport& transport, JovuDeviceAddress address, Args... args) {
-    using Row = std::decay_t<decltype(jovu::row<method>)>;
-    auto command =
-        make_command(transport, jovu::row<method>, typename Row::Arguments(std::move(args)...));
-    command.send(address);
-    if constexpr (!std::is_void_v<typename Row::Result>) return std::move(command.result());
+    const auto& row = jovu::row<method>;
+    using Result = typename jovu::CommandRow<method>::Result;
+    using Read = std::conditional_t<std::is_void_v<Result>, int, Result>;
+    const auto send = [address](auto command) {
+        command.send(address);
+        if constexpr (!std::is_void_v<Result>) return std::move(command.result());
+    };
+    if constexpr (sizeof...(Args) == 0) {
+        return send(JovuFirmwareCommandNoArg<Read>(transport, std::string(row.name), row.idx));
+    } else {
+        return send(JovuFirmwareCommand<Read, Args...>(
+            transport, std::string(row.name), row.idx, {std::move(args)...},
+            std::vector<std::string>(row.keys.begin(), row.keys.end())));
+    }
 }
 
 }  // namespace
