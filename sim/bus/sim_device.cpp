@@ -23,6 +23,7 @@ SimDevice::~SimDevice() {
 
 ClientId SimDevice::open() {
     const std::lock_guard<std::mutex> lock(mutex_);
+    if (clients_.empty()) controller_->host_came();
     const ClientId client = next_client_++;
     clients_.insert(client);
     ++counters_.opens;
@@ -142,27 +143,35 @@ void SimDevice::unplug_locked() {
 void SimDevice::settle(Millis now) {
     if (unplugged_) return;
     node_.set_writable(engine_.has_finished());
-    const auto due = controller_->next_due();
-    if (due != announced_due_) {
+    const auto due = due_at(now);
+    if (due && (!announced_due_ || *due < *announced_due_)) {
         announced_due_ = due;
-        if (due && *due > now) wake_();
+        wake_();
     }
+}
+
+/// When the main thread has something to do here.
+std::optional<Millis> SimDevice::due_at(Millis now) const {
+    if (unplugged_) return std::nullopt;
+    auto due = controller_->next_tick();
+    // Output that is due and still here waits for a transfer, not for the clock.
+    const auto output = controller_->next_due();
+    if (output && *output > now && (!due || *output < *due)) due = output;
+    return due;
 }
 
 void SimDevice::tick() {
     const std::lock_guard<std::mutex> lock(mutex_);
     const Millis now = now_ms();
+    controller_->tick(now);
     engine_.pump(now);
     settle(now);
 }
 
 std::optional<Millis> SimDevice::next_due() {
     const std::lock_guard<std::mutex> lock(mutex_);
-    if (unplugged_) return std::nullopt;
-    const auto due = controller_->next_due();
-    // What is due and still here waits for a transfer, not for the clock.
-    if (!due || *due <= now_ms()) return std::nullopt;
-    return due;
+    announced_due_ = due_at(now_ms());
+    return announced_due_;
 }
 
 void SimDevice::with_controller(const std::function<void(Controller&, Millis)>& work) {

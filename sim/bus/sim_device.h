@@ -94,6 +94,7 @@ public:
 
 private:
     void settle(Millis now);
+    std::optional<Millis> due_at(Millis now) const;
     void unplug_locked();
     bool is_held_by_other(ClientId client, std::size_t interface) const;
 
@@ -110,7 +111,7 @@ private:
     std::set<ClientId> clients_;
     std::map<std::size_t, ClientId> claims_;
     ClientId next_client_ = 1;
-    std::optional<Millis> announced_due_;
+    std::optional<Millis> announced_due_;  // what the main thread waits for
 
     struct Counters {
         std::uint64_t ioctls = 0;

@@ -36,13 +36,18 @@ UsbIdentity usb_identity(const std::string& serial, std::uint16_t product) {
 Controller::Controller(const std::string& serial, std::uint16_t product, double pace)
     : identity_(identity_with(serial)),
       usb_(usb_identity(serial, product)),
-      machine_(pace),
+      machine_(pace, serial),
       messages_(identity_, machine_, faults_, complaints_),
       jobs_(identity_, machine_, faults_, complaints_) {}
 
+void Controller::advance(Millis now) {
+    machine_.advance(now);
+    messages_.send_samples(machine_.take_samples(), now);
+}
+
 void Controller::receive(std::uint8_t endpoint, const std::uint8_t* data, std::size_t size,
                          Millis now) {
-    machine_.advance(now);
+    advance(now);
     if (endpoint == kMessageOut) messages_.receive(data, size, now);
     if (endpoint == kJobOut) {
         jobs_.tick(now);
@@ -51,7 +56,7 @@ void Controller::receive(std::uint8_t endpoint, const std::uint8_t* data, std::s
 }
 
 std::optional<std::string> Controller::next_packet(std::uint8_t endpoint, Millis now) {
-    machine_.advance(now);
+    advance(now);
     if (endpoint == kMessageIn) return messages_.outbox().next_packet(now);
     if (endpoint == kJobIn) return jobs_.outbox().next_packet(now);
     return std::nullopt;
@@ -67,14 +72,16 @@ std::optional<Millis> Controller::next_due() const {
 void Controller::host_left() {
     messages_.outbox().clear();
     jobs_.outbox().clear();
+    machine_.record_samples(false);
 }
 
 Json Controller::stats(Millis now) {
-    machine_.advance(now);
+    advance(now);
     jobs_.tick(now);
     return {{"serial", identity_.serial},
             {"message", messages_.stats()},
             {"job", jobs_.stats()},
+            {"machine", machine_.stats()},
             {"complaints", complaints_.stats()}};
 }
 

@@ -34,6 +34,9 @@ public:
                  Millis now) override;
     std::optional<std::string> next_packet(std::uint8_t endpoint, Millis now) override;
     std::optional<Millis> next_due() const override;
+    void tick(Millis now) override { advance(now); }
+    std::optional<Millis> next_tick() const override { return machine_.next_due(); }
+    void host_came() override { machine_.record_samples(true); }
     void host_left() override;
     Json stats(Millis now) override;
     std::vector<std::string> take_complaints() override { return complaints_.take(); }
@@ -54,8 +57,10 @@ public:
     void send_garbage(Channel channel, std::uint64_t bytes);
 
     Misbehaviour& misbehaviour() { return faults_; }
+    Machine& machine() { return machine_; }
 
 private:
+    void advance(Millis now);
     Outbox& outbox(Channel channel);
 
     const Identity identity_;

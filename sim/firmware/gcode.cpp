@@ -4,6 +4,7 @@
 #include <charconv>
 #include <cmath>
 #include <cstdio>
+#include <optional>
 
 namespace jovusim {
 
@@ -13,7 +14,18 @@ constexpr std::size_t kRememberedLines = 8;
 constexpr double kMaxCelsius = 300.0;
 constexpr double kMaxFan = 255.0;
 constexpr std::array<char, kAxisCount> kAxisLetters = {'X', 'Y', 'Z', 'E'};
-constexpr std::array<double, 3> kTravel = {200.0, 200.0, 180.0};
+constexpr double kSecondsPerMinute = 60.0;
+
+struct Macro {
+    const char* name;
+    std::array<const char*, 4> lines;  ///< null ends them
+};
+constexpr std::array kMacros = {
+    Macro{"home", {"G28"}},
+    Macro{"park", {"G90", "G1 X0 Y200 Z180 F6000"}},
+    Macro{"preheat", {"M104 S210"}},
+    Macro{"cooldown", {"M104 S0", "M107"}},
+};
 
 bool is_blank(char c) {
     return c == ' ' || c == '\t' || c == '\r' || c == '\n';
@@ -123,29 +135,46 @@ GcodeResult GcodeInterpreter::run(const std::string& line, Machine& machine,
     return (this->*code->run)(call);
 }
 
+GcodeResult GcodeInterpreter::run_macro(const std::string& name, Machine& machine,
+                                        std::vector<std::string>& replies) {
+    for (const Macro& macro : kMacros) {
+        if (name != macro.name) continue;
+        for (const char* line : macro.lines) {
+            if (line == nullptr) break;
+            const GcodeResult result = run(line, machine, replies);
+            if (result != GcodeResult::ok) return result;
+        }
+        return GcodeResult::ok;
+    }
+    return GcodeResult::unknown;
+}
+
 GcodeResult GcodeInterpreter::move(const Call& call) {
     if (call.machine.job().running()) return GcodeResult::busy;
-    auto target = call.machine.position();
+    std::array<std::optional<double>, kAxisCount> targets;
     for (std::size_t axis = 0; axis < kAxisCount; ++axis) {
         const double* value = call.find(kAxisLetters[axis]);
         if (value == nullptr) continue;
+        const Servo& servo = call.machine.servos()[axis];
         const bool relative = axis == kE ? extruder_relative_ : relative_;
-        target[axis] = relative ? target[axis] + *value : *value;
-        if (axis < kTravel.size() && (target[axis] < 0 || target[axis] > kTravel[axis])) {
-            return GcodeResult::out_of_range;
-        }
+        const double target = relative ? servo.target() + *value : *value;
+        if (!servo.in_travel(target)) return GcodeResult::out_of_range;
+        targets[axis] = target;
     }
     const double* feed = call.find('F');
     if (feed != nullptr && *feed <= 0) return GcodeResult::out_of_range;
-    call.machine.position() = target;
+    if (feed != nullptr) speed_ = *feed / kSecondsPerMinute;
+    for (std::size_t axis = 0; axis < kAxisCount; ++axis) {
+        if (targets[axis]) call.machine.servos()[axis].drive_to(*targets[axis], speed_);
+    }
     return GcodeResult::ok;
 }
 
 GcodeResult GcodeInterpreter::home(const Call& call) {
     if (call.machine.job().running()) return GcodeResult::busy;
-    for (std::size_t axis = 0; axis < kTravel.size(); ++axis) {
+    for (const Axis axis : {kX, kY, kZ}) {
         if (call.words.empty() || call.find(kAxisLetters[axis]) != nullptr) {
-            call.machine.position()[axis] = 0;
+            call.machine.servos()[axis].drive_to(0, kUsualSpeed);
         }
     }
     return GcodeResult::ok;
@@ -182,7 +211,7 @@ GcodeResult GcodeInterpreter::set_position(const Call& call) {
     for (std::size_t axis = 0; axis < kAxisCount; ++axis) {
         const double* value = call.find(kAxisLetters[axis]);
         if (value != nullptr || call.words.empty()) {
-            call.machine.position()[axis] = value != nullptr ? *value : 0.0;
+            call.machine.servos()[axis].set_position(value != nullptr ? *value : 0.0);
         }
     }
     return GcodeResult::ok;
@@ -192,14 +221,15 @@ GcodeResult GcodeInterpreter::set_temperature(const Call& call) {
     const double* celsius = call.find('S');
     if (celsius == nullptr) return GcodeResult::malformed;
     if (*celsius < 0 || *celsius > kMaxCelsius) return GcodeResult::out_of_range;
-    call.machine.set_manual_target(*celsius);
+    // A heater that cannot warm says so itself.
+    call.machine.heater().hold(*celsius);
     return GcodeResult::ok;
 }
 
 GcodeResult GcodeInterpreter::report_temperature(const Call& call) {
     char text[64];
-    std::snprintf(text, sizeof text, "ok T:%.1f /%.1f", call.machine.extruder().temperature(),
-                  call.machine.target());
+    std::snprintf(text, sizeof text, "ok T:%.1f /%.1f", call.machine.heater().temperature(),
+                  call.machine.heater().target());
     call.replies.emplace_back(text);
     return GcodeResult::ok;
 }
@@ -217,9 +247,10 @@ GcodeResult GcodeInterpreter::fan_off(const Call& call) {
 }
 
 GcodeResult GcodeInterpreter::report_position(const Call& call) {
-    const auto& at = call.machine.position();
+    ServoBank& at = call.machine.servos();
     char text[128];
-    std::snprintf(text, sizeof text, "X:%.2f Y:%.2f Z:%.2f E:%.2f", at[kX], at[kY], at[kZ], at[kE]);
+    std::snprintf(text, sizeof text, "X:%.2f Y:%.2f Z:%.2f E:%.2f", at[kX].target(),
+                  at[kY].target(), at[kZ].target(), at[kE].target());
     call.replies.emplace_back(text);
     return GcodeResult::ok;
 }

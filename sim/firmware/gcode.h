@@ -20,12 +20,21 @@ enum class GcodeResult : std::uint8_t {
     busy = 4,          ///< a move while a job is being printed
 };
 
-/// Carries gcode out on a machine, a line at a time. Nothing waits: a move is where it goes at
-/// once, and a command that waits for a temperature on a real machine returns at once too.
+/// Carries gcode out on a machine, a line at a time. Nothing waits: a move sets the servos going
+/// and its end is the position from then on, and a command that waits for a temperature on a real
+/// machine returns at once too.
 class GcodeInterpreter {
 public:
     /// @param replies text lines that the command has to say to the host are appended here
     GcodeResult run(const std::string& line, Machine& machine, std::vector<std::string>& replies);
+
+    /// Runs the lines of a macro until one is not ok. Returns GcodeResult::unknown without one of
+    /// that name.
+    GcodeResult run_macro(const std::string& name, Machine& machine,
+                          std::vector<std::string>& replies);
+
+    /// Power-on: absolute coordinates, the usual speed.
+    void reset() { *this = {}; }
 
     /// The newest lines, the newest last, whatever became of them.
     const std::deque<std::string>& last_lines() const { return last_lines_; }
@@ -49,6 +58,8 @@ public:
     };
 
 private:
+    static constexpr double kUsualSpeed = 60;
+
     struct Code;
     static const Code* find_code(const Word& command);
 
@@ -71,6 +82,7 @@ private:
 
     bool relative_ = false;
     bool extruder_relative_ = false;
+    double speed_ = kUsualSpeed;  ///< of moves, mm/s
     std::deque<std::string> last_lines_;
 };
 

@@ -112,6 +112,10 @@ void JobChannel::finish_push() {
         machine_.job().fail(JobError::busy);
         return;
     }
+    if (machine_.job().state() != JobState::receiving) {  // the machine was reset in between
+        machine_.job().fail(JobError::incomplete);
+        return;
+    }
     push_.verified = push_.sum == push_.announced_sum;
     if (push_.verified) {
         machine_.job().start();
@@ -228,8 +232,8 @@ std::string JobChannel::status_report() const {
         {"status",
          {{"state", to_string(job.state())},
           {"build_plate", "present"},
-          {"filament", "loaded"},
-          {"extruder_temperature", rounded(machine_.extruder().temperature())}}},
+          {"filament", to_string(machine_.filament())},
+          {"extruder_temperature", rounded(machine_.heater().temperature())}}},
         {"job",
          {{"id", job.id()},
           {"progress", job.progress()},

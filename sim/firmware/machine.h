@@ -2,28 +2,42 @@
 /// The machine behind the firmware: what moves, heats and prints.
 #pragma once
 
-#include <array>
+#include <cstdint>
 #include <optional>
 #include <string>
+#include <vector>
 
+#include "firmware/gpio.h"
 #include "firmware/heater.h"
+#include "firmware/panel.h"
 #include "firmware/print_job.h"
+#include "firmware/servo_bank.h"
+#include "firmware/storage.h"
 #include "firmware/types.h"
+#include "firmware/wifi.h"
 
 namespace jovusim {
 
-/// X, Y, Z and the extruder, in millimetres.
-enum Axis : std::uint8_t { kX, kY, kZ, kE };
-constexpr std::size_t kAxisCount = 4;
+/// Where the filament is.
+enum class FilamentState : std::uint8_t { loaded, unloading, empty, loading };
+
+/// The word for it in a status report.
+const char* to_string(FilamentState state);
 
 /// State of the machine, advanced by the clock that is handed in.
 class Machine {
 public:
-    /// @param pace seconds of machine time in one second of the clock, greater than 0
-    explicit Machine(double pace) : pace_(pace) {}
+    /// @param pace   seconds of machine time in one second of the clock, greater than 0. Servos run
+    ///               by the clock itself.
+    /// @param serial of the device
+    Machine(double pace, const std::string& serial) : pace_(pace), wifi_(serial) {}
 
     /// Lets time go by up to that moment.
     void advance(Millis now);
+
+    /// The next moment at which something happens that nobody asked for; nothing when the machine
+    /// can be left alone until it is asked.
+    std::optional<Millis> next_due() const;
 
     /// Something was asked of the machine: it is not idle.
     void note_activity() { last_activity_ = seconds_; }
@@ -31,15 +45,32 @@ public:
     int seconds_since_boot() const { return static_cast<int>(seconds_); }
     int seconds_idle() const { return static_cast<int>(seconds_ - last_activity_); }
 
-    /// Sets the temperature that the extruder holds while no job asks for one.
-    void set_manual_target(double celsius) { manual_target_ = celsius; }
-    double target() const;
+    /// All back to power-on. What needs no power stays: the card, saved settings, heat, filament,
+    /// and what others have connected.
+    void reset();
 
-    const Heater& extruder() const { return extruder_; }
+    Heater& heater() { return heater_; }
+    const Heater& heater() const { return heater_; }
+    ServoBank& servos() { return servos_; }
+    Gpio& gpio() { return gpio_; }
+    Wifi& wifi() { return wifi_; }
+    Storage& storage() { return storage_; }
+    Panel& panel() { return panel_; }
     PrintJob& job() { return job_; }
     const PrintJob& job() const { return job_; }
 
-    std::array<double, kAxisCount>& position() { return position_; }
+    /// @param change loading or unloading. Returns false while it is busy with that, or with a job.
+    bool begin_filament_change(FilamentState change);
+    FilamentState filament() const { return filament_; }
+
+    /// Whether samples of traced servos are kept.
+    void record_samples(bool on);
+    /// The samples since the last call.
+    std::vector<TraceSample> take_samples();
+
+    /// The firmware update was asked for: it begins once the answer has been read.
+    void leave_application(Millis now);
+    std::optional<Millis> leaving_at() const { return leaving_at_; }
 
     /// The text on the machine's display.
     std::string display;
@@ -47,15 +78,27 @@ public:
     /// 0 to 255.
     int fan = 0;
 
+    bool network_tasks = true;
+
+    Json stats() const;
+
 private:
     double pace_;
     std::optional<Millis> now_;
     double seconds_ = 0;
     double last_activity_ = 0;
-    double manual_target_ = 0;
-    Heater extruder_;
+    Heater heater_;
+    ServoBank servos_;
+    Gpio gpio_;
+    Wifi wifi_;
+    Storage storage_;
+    Panel panel_;
     PrintJob job_;
-    std::array<double, kAxisCount> position_{};
+    FilamentState filament_ = FilamentState::loaded;
+    double filament_left_ = 0;  ///< seconds until the change is done
+    bool recording_ = true;
+    std::vector<TraceSample> samples_;
+    std::optional<Millis> leaving_at_;
 };
 
 }  // namespace jovusim

@@ -1,5 +1,7 @@
 #include "firmware/message_channel.h"
 
+#include <cstdio>
+
 #include "firmware/values.h"
 
 namespace jovusim {
@@ -45,7 +47,7 @@ void MessageChannel::receive(const std::uint8_t* data, std::size_t size, Millis 
 }
 
 void MessageChannel::handle(const std::string& payload, Millis now) {
-    const std::optional<Request> request = read_request(payload, complaints_);
+    std::optional<Request> request = read_request(payload, complaints_);
     if (!request) return;
     if (faults_.drop.take()) return;
     if (request->command == nullptr) {
@@ -55,7 +57,7 @@ void MessageChannel::handle(const std::string& payload, Millis now) {
     ++commands_[request->command->name];
     machine_.note_activity();
     std::vector<std::string> lines;
-    CommandContext context{identity_, machine_, gcode_, request->args, lines};
+    CommandContext context{identity_, machine_, gcode_, request->args, lines, now};
     const Json result = request->command->run(context);
     for (const std::string& line : lines)
         send_debug_event(line, now);
@@ -109,6 +111,25 @@ std::string MessageChannel::debug_event(const std::string& text) {
 
 void MessageChannel::send_debug_event(const std::string& text, Millis now) {
     outbox_.push(debug_event(text), now);
+}
+
+std::string MessageChannel::trace_event(const TraceSample& sample) {
+    ++events_;
+    // A thousand of these a second: no tree for each of them.
+    char text[320];
+    std::snprintf(text, sizeof text,
+                  R"({"transport":{"attrs":["request","oneway"],"id":%u},"data":{"event":)"
+                  R"({"name":"servo_dc_trace_event","args":{"msg":{"servo_name":%d,)"
+                  R"("servo_state":%d,"int_cnt":%u,"pos_cmd":%d,"pos":%d,"pwm":%d,)"
+                  R"("padout_dist":%d}}}}})",
+                  next_event_id_++, sample.servo, static_cast<int>(sample.state), sample.count,
+                  sample.commanded, sample.position, sample.pwm, sample.padout);
+    return encode_frame(text);
+}
+
+void MessageChannel::send_samples(const std::vector<TraceSample>& samples, Millis now) {
+    for (const TraceSample& sample : samples)
+        outbox_.push(trace_event(sample), now);
 }
 
 void MessageChannel::flood(std::uint64_t events) {

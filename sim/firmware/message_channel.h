@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <map>
 #include <string>
+#include <vector>
 
 #include "firmware/commands.h"
 #include "firmware/complaints.h"
@@ -30,6 +31,9 @@ public:
     /// Queues a debug event with that text, or the first kLongestEventText bytes of it.
     void send_debug_event(const std::string& text, Millis now);
 
+    /// Queues a trace event for each sample.
+    void send_samples(const std::vector<TraceSample>& samples, Millis now);
+
     /// Queues that many debug events at once.
     void flood(std::uint64_t events);
 
@@ -41,6 +45,7 @@ private:
     void handle(const std::string& payload, Millis now);
     void answer(const Request& request, const Json* result, Millis now);
     std::string debug_event(const std::string& text);
+    std::string trace_event(const TraceSample& sample);
 
     const Identity& identity_;
     Machine& machine_;

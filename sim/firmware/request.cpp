@@ -67,8 +67,9 @@ bool arguments_fit(const Command& command, const Json& body, Complaints& complai
             complaints.add(who + "argument \"" + excerpt(key) + "\" in the place of \"" +
                            rule->key + "\"");
             fit = false;
-        } else if (const auto fault = rule->check(value)) {
-            complaints.add(who + "argument \"" + key + "\" " + *fault);
+        } else if (const auto fault = find_fault(value, *rule->rule)) {
+            const bool nested = fault->front() == '[' || fault->front() == '.';
+            complaints.add(who + "argument \"" + key + "\"" + (nested ? "" : " ") + *fault);
             fit = false;
         }
         ++rule;

@@ -63,6 +63,15 @@ public:
     /// nothing when only the host can bring that about.
     virtual std::optional<Millis> next_due() const = 0;
 
+    /// Lets time go by: to be called at next_tick(), whether or not the host reads.
+    virtual void tick(Millis now) = 0;
+
+    /// When the function next does something that nobody asked for, if ever. May be in the past.
+    virtual std::optional<Millis> next_tick() const = 0;
+
+    /// The first program on the host has opened the device.
+    virtual void host_came() = 0;
+
     /// The last program on the host has closed the device.
     virtual void host_left() = 0;
 

@@ -41,4 +41,27 @@ std::optional<std::string> text_from_json(const Json& value) {
     return text;
 }
 
+Json signed_field(const std::string& text, std::size_t size) {
+    Json array = Json::array();
+    for (std::size_t i = 0; i < size; ++i)
+        array.push_back(i < text.size() ? static_cast<signed char>(text[i]) : 0);
+    return array;
+}
+
+Json unsigned_field(const std::string& text, std::size_t size) {
+    Json array = Json::array();
+    for (std::size_t i = 0; i < size; ++i)
+        array.push_back(i < text.size() ? static_cast<unsigned char>(text[i]) : 0);
+    return array;
+}
+
+std::string text_of_field(const Json& field) {
+    std::string text;
+    for (const Json& element : field) {
+        if (element == 0) break;
+        text += static_cast<char>(element.get<int>());
+    }
+    return text;
+}
+
 }  // namespace jovusim

@@ -2,6 +2,7 @@
 /// The wire forms of single values on the message channel.
 #pragma once
 
+#include <cstddef>
 #include <optional>
 #include <string>
 
@@ -17,5 +18,15 @@ std::optional<std::string> text_from_json(const Json& value);
 
 /// Says what is wrong with a value that should be a text, or nothing.
 std::optional<std::string> check_text(const Json& value);
+
+/// A field of a structure: exactly size bytes, those behind the text are 0. @name The elements are
+/// signed or unsigned bytes, by the field.
+/// @{
+Json signed_field(const std::string& text, std::size_t size);
+Json unsigned_field(const std::string& text, std::size_t size);
+/// @}
+
+/// The text in such a field, up to its first 0 or its end.
+std::string text_of_field(const Json& field);
 
 }  // namespace jovusim

@@ -1,0 +1,29 @@
+#include "firmware/commands.h"
+#include "firmware/values.h"
+
+namespace jovusim {
+
+namespace {
+
+Json gcode_process_command(CommandContext& context) {
+    const std::string line = text_from_json(context.args["command"]).value_or("");
+    return static_cast<int>(context.gcode.run(line, context.machine, context.debug_lines));
+}
+
+Json gcode_process_macro(CommandContext& context) {
+    const std::string name = text_from_json(context.args["macro"]).value_or("");
+    return static_cast<int>(context.gcode.run_macro(name, context.machine, context.debug_lines));
+}
+
+constexpr Command kRows[] = {
+    {5, "gcode_process_command", gcode_process_command, {{{"command", &kText}}}},
+    {6, "gcode_process_macro", gcode_process_macro, {{{"macro", &kText}}}},
+};
+
+}  // namespace
+
+CommandRows gcode_commands() {
+    return {kRows, std::size(kRows)};
+}
+
+}  // namespace jovusim

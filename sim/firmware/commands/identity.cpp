@@ -1,0 +1,27 @@
+#include "firmware/commands.h"
+#include "firmware/values.h"
+
+namespace jovusim {
+
+namespace {
+
+Json bio_get_version(CommandContext& context) {
+    return text_to_json(context.identity.firmware_version);
+}
+
+Json bio_get_serial(CommandContext& context) {
+    return text_to_json(context.identity.serial);
+}
+
+constexpr Command kRows[] = {
+    {0, "bio_get_version", bio_get_version, {}},
+    {1, "bio_get_serial", bio_get_serial, {}},
+};
+
+}  // namespace
+
+CommandRows identity_commands() {
+    return {kRows, std::size(kRows)};
+}
+
+}  // namespace jovusim

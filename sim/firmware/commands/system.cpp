@@ -1,0 +1,89 @@
+#include "firmware/commands.h"
+
+namespace jovusim {
+
+namespace {
+
+constexpr int kStarted = 0;
+constexpr int kBusy = 1;
+
+Json unload_initiate(CommandContext& context) {
+    return context.machine.begin_filament_change(FilamentState::unloading) ? kStarted : kBusy;
+}
+
+Json load_initiate(CommandContext& context) {
+    return context.machine.begin_filament_change(FilamentState::loading) ? kStarted : kBusy;
+}
+
+Json enter_dfu_mode(CommandContext& context) {
+    context.machine.leave_application(context.now);
+    return kNoResult;
+}
+
+Json ui_led(CommandContext& context) {
+    const auto number = context.arg<std::uint32_t>("led");
+    const Led led{context.arg<std::int16_t>("on_count"), context.arg<std::int16_t>("off_count")};
+    if (!context.machine.panel().set_led(number, led)) {
+        context.debug_lines.push_back("led: " + std::to_string(number) + " refused");
+    }
+    return kNoResult;
+}
+
+Json hbridge_duty_set(CommandContext& context) {
+    const auto bridge = context.arg<std::uint32_t>("hbridge");
+    const int duty = context.arg<int>("duty");
+    if (!context.machine.panel().set_duty(bridge, duty)) {
+        context.debug_lines.push_back("hbridge: duty " + std::to_string(duty) + " of bridge " +
+                                      std::to_string(bridge) + " refused");
+    }
+    return kNoResult;
+}
+
+Json jm_disable_network_tasks(CommandContext& context) {
+    context.machine.network_tasks = false;
+    return 0;
+}
+
+Json jm_enable_network_tasks(CommandContext& context) {
+    context.machine.network_tasks = true;
+    return kNoResult;
+}
+
+Json jm_are_network_tasks_enabled(CommandContext& context) {
+    return int{context.machine.network_tasks};
+}
+
+/// The store is reached over Wi-Fi, by a network task.
+Json check_store_connection(CommandContext& context) {
+    return int{context.machine.network_tasks && context.machine.wifi().connected()};
+}
+
+Json reset_printer(CommandContext& context) {
+    context.machine.reset();
+    context.gcode.reset();
+    return kNoResult;
+}
+
+constexpr Command kRows[] = {
+    {51, "unload_initiate", unload_initiate, {}},
+    {52, "load_initiate", load_initiate, {}},
+    {53, "Enter_dfu_mode", enter_dfu_mode, {}},
+    {54,
+     "ui_led",
+     ui_led,
+     {{{"led", &kEnumeration}, {"on_count", &kShort}, {"off_count", &kShort}}}},
+    {60, "hbridge_duty_set", hbridge_duty_set, {{{"hbridge", &kEnumeration}, {"duty", &kInt}}}},
+    {63, "jm_disable_network_tasks", jm_disable_network_tasks, {}},
+    {64, "jm_enable_network_tasks", jm_enable_network_tasks, {}},
+    {65, "jm_are_network_tasks_enabled", jm_are_network_tasks_enabled, {}},
+    {66, "check_store_connection", check_store_connection, {}},
+    {67, "Reset_printer", reset_printer, {}},
+};
+
+}  // namespace
+
+CommandRows system_commands() {
+    return {kRows, std::size(kRows)};
+}
+
+}  // namespace jovusim

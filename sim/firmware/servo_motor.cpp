@@ -1,0 +1,69 @@
+#include "firmware/servo_motor.h"
+
+#include <algorithm>
+#include <cmath>
+
+namespace jovusim {
+
+namespace {
+
+constexpr double kDrive = 20;        ///< mm/s^2 for each step of PWM
+constexpr double kDrag = 40;         ///< mm/s^2 lost for each mm/s: the motor's own voltage
+constexpr double kFriction = 1000;   ///< mm/s^2
+constexpr double kTakeUpSpeed = 40;  ///< mm/s of play
+constexpr double kFastest = 2000;    ///< mm/s
+constexpr double kIntegralLimit = 10;
+
+int sign(double value) {
+    return (value > 0) - (value < 0);
+}
+
+}  // namespace
+
+void ServoMotor::place(double position) {
+    position_ = position;
+    velocity_ = pwm_ = integral_ = 0;
+    saturated_ = false;
+}
+
+void ServoMotor::set_play(double play, bool taken_up) {
+    play_ = std::fabs(play);
+    if (taken_up || play_left_ > play_) play_left_ = 0;
+}
+
+void ServoMotor::step(const ServoDemand& demand, const ServoGains& gains, double cap,
+                      double seconds) {
+    const double error = demand.position - position_;
+    const double wanted = gains.kp * error + gains.ki * integral_ +
+                          gains.kd * (demand.velocity - velocity_) +
+                          gains.ka * demand.acceleration + gains.kv * demand.velocity +
+                          gains.kf * sign(demand.velocity);
+    pwm_ = std::isfinite(wanted) ? std::clamp(wanted, -cap, cap) : 0;
+    saturated_ = pwm_ != wanted;
+    if (!saturated_) {
+        integral_ = std::clamp(integral_ + error * seconds, -kIntegralLimit, kIntegralLimit);
+    }
+
+    const int turning = sign(velocity_) != 0 ? sign(velocity_) : sign(pwm_);
+    if (turning != 0 && turning != direction_) {
+        if (direction_ != 0) play_left_ = play_ - play_left_;
+        direction_ = turning;
+    }
+    if (play_left_ > 0) {  // the motor turns, the axis does not
+        play_left_ = std::max(play_left_ - kTakeUpSpeed * seconds, 0.0);
+        velocity_ = 0;
+        return;
+    }
+
+    const double drive = kDrive * pwm_ - kDrag * velocity_;
+    if (velocity_ == 0 && std::fabs(drive) <= kFriction) return;  // it sticks
+    const int against = velocity_ != 0 ? sign(velocity_) : sign(drive);
+    double after = velocity_ + (drive - kFriction * against) * seconds;
+    // Friction stops a motor; it does not turn it round.
+    if (sign(after) == -sign(velocity_) && std::fabs(drive) <= kFriction) after = 0;
+    after = std::clamp(after, -kFastest, kFastest);
+    position_ += (velocity_ + after) / 2 * seconds;
+    velocity_ = after;
+}
+
+}  // namespace jovusim

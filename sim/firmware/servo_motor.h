@@ -1,0 +1,55 @@
+/// @file
+/// A DC motor with its control loop.
+#pragma once
+
+namespace jovusim {
+
+/// Gains of the control loop. The error is in millimetres; the last three feed the wanted
+/// acceleration, speed and direction forward.
+struct ServoGains {
+    double kp;
+    double ki;
+    double kd;
+    double ka;
+    double kv;
+    double kf;
+};
+
+/// Where the motor should be.
+struct ServoDemand {
+    double position;      ///< mm
+    double velocity;      ///< mm/s
+    double acceleration;  ///< mm/s^2
+};
+
+/// A motor that drives an axis against friction, with some play between the two. Positions are the
+/// axis's, in millimetres. Its numbers stay finite whatever the gains are.
+class ServoMotor {
+public:
+    /// One run of the control loop. @param cap most of PWM either way
+    void step(const ServoDemand& demand, const ServoGains& gains, double cap, double seconds);
+
+    /// At rest at that place, unpowered.
+    void place(double position);
+
+    /// Sets the play that the motor has to take up when it turns round, in mm.
+    void set_play(double play, bool taken_up);
+
+    double position() const { return position_; }
+    double velocity() const { return velocity_; }
+    double pwm() const { return pwm_; }
+    double play_left() const { return play_left_; }  ///< mm still to take up
+    bool saturated() const { return saturated_; }
+
+private:
+    double position_ = 0;
+    double velocity_ = 0;
+    double pwm_ = 0;
+    double integral_ = 0;
+    double play_ = 0;
+    double play_left_ = 0;
+    int direction_ = 0;  ///< in which it has turned last
+    bool saturated_ = false;
+};
+
+}  // namespace jovusim
