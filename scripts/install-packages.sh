@@ -17,7 +17,7 @@ demo_packages=(
 # clang-format and clang-tidy carry their version: another one formats and finds differently.
 test_packages=(
     "${demo_packages[@]}"
-    libgtest-dev libgmock-dev
+    libgtest-dev libgmock-dev libbenchmark-dev
     locales                                   # the source of a locale with a decimal comma
     clang clang-format-14 clang-tidy-14
 )

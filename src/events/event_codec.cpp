@@ -7,14 +7,13 @@
 
 namespace {
 
-/// Reads one member of a sample. Sets @p complete to false when it is missing or no number.
+/// Reads one member of a sample.
+/// @return false when it is missing or no number.
 template <class Field>
-void read(yajl_val args, const char* key, const char* member, Field& field, bool& complete) {
-    if (const auto value = jovu::find_integer(args, {key, member})) {
-        field = static_cast<Field>(*value);
-    } else {
-        complete = false;
-    }
+bool read(yajl_val object, const char* member, Field& field) {
+    const auto value = jovu::find_integer(object, {member});
+    if (value) field = static_cast<Field>(*value);
+    return value.has_value();
 }
 
 }  // namespace
@@ -27,15 +26,15 @@ bool event_ifc_deserialize_type(yajl_val args, const char* key, std::shared_ptr<
 }
 
 bool event_ifc_deserialize_type(yajl_val args, const char* key, servo_trace_msg& out) {
+    const yajl_val object = jovu::find(args, {key}, yajl_t_object);
     servo_trace_msg sample{};
-    bool complete = true;
-    read(args, key, "servo_name", sample.servo_name, complete);
-    read(args, key, "servo_state", sample.servo_state, complete);
-    read(args, key, "int_cnt", sample.int_cnt, complete);
-    read(args, key, "pos_cmd", sample.pos_cmd, complete);
-    read(args, key, "pos", sample.pos, complete);
-    read(args, key, "pwm", sample.pwm, complete);
-    read(args, key, "padout_dist", sample.padout_dist, complete);
-    if (complete) out = sample;
-    return complete;
+    if (!read(object, "servo_name", sample.servo_name) ||
+        !read(object, "servo_state", sample.servo_state) ||
+        !read(object, "int_cnt", sample.int_cnt) || !read(object, "pos_cmd", sample.pos_cmd) ||
+        !read(object, "pos", sample.pos) || !read(object, "pwm", sample.pwm) ||
+        !read(object, "padout_dist", sample.padout_dist)) {
+        return false;
+    }
+    out = sample;
+    return true;
 }

@@ -1,0 +1,126 @@
+#include "memory_link.h"
+
+#include <algorithm>
+#include <string_view>
+
+#include "usb/usb.h"
+
+namespace {
+
+constexpr std::size_t kPacket = 64;
+constexpr std::size_t kFrameHeader = 5;
+constexpr JovuUsb::connection_t kConnection = 1;
+
+JovuUsbClient* message_client = nullptr;
+std::string returned;
+std::string request;
+std::string answer;
+std::string answer_frame;
+
+/// Where the id stands in a request, and in an answer.
+constexpr std::string_view kRequestHead = R"({"transport":{"attrs":["request","twoway"],"id":)";
+constexpr std::string_view kAnswerHead = R"({"transport":{"attrs":["response"],"id":)";
+constexpr std::size_t kIdWidth = 10;  ///< Digits of the largest id; blanks stand in for the rest.
+
+/// Makes the answer to a request, all but its id. As a device does, it sends the command back as it
+/// came, with the result behind it.
+void prepare_answer() {
+    const std::size_t body = request.find('}', kRequestHead.size());
+    answer = kAnswerHead;
+    answer.append(kIdWidth, ' ').append(request, body, request.size() - 3 - body);
+    answer += R"(,"__return__":)" + returned + "}}}";
+    answer_frame = bench::framed(answer);
+}
+
+/// Puts the id of a request into the prepared answer.
+void copy_id(const char* text) {
+    constexpr std::size_t at = kFrameHeader + kAnswerHead.size();
+    const char* const digits = text + kRequestHead.size();
+    for (std::size_t i = 0, blank = 0; i < kIdWidth; ++i) {
+        blank = blank != 0 || digits[i] == '}' ? 1 : 0;
+        answer_frame[at + i] = blank != 0 ? ' ' : digits[i];
+    }
+}
+
+}  // namespace
+
+namespace bench {
+
+std::string framed(const std::string& text) {
+    const std::size_t length = text.size() + 1;
+    std::string frame = "$";
+    for (const std::size_t word : {length, ~length}) {
+        frame.push_back(static_cast<char>(word & 0xFFU));
+        frame.push_back(static_cast<char>(word >> 8U & 0xFFU));
+    }
+    return frame + text + ";";
+}
+
+void connect_device() {
+    message_client->usb_device_connected(kAddress);
+}
+
+void answer_with(const std::string& value) {
+    returned = value;
+    answer_frame.clear();
+}
+
+void receive(std::string& bytes) {
+    auto* const data = reinterpret_cast<unsigned char*>(bytes.data());
+    for (std::size_t at = 0; at < bytes.size(); at += kPacket) {
+        const std::size_t size = std::min(kPacket, bytes.size() - at);
+        message_client->data_received(data + at, static_cast<unsigned>(size), kAddress);
+    }
+}
+
+const std::string& sample_request() {
+    return request;
+}
+
+const std::string& sample_answer() {
+    return answer;
+}
+
+}  // namespace bench
+
+void JovuUsb::write(const unsigned char* data, unsigned int length, JovuDeviceAddress /*address*/,
+                    jovu_usb_interface_t /*interface*/, connection_t /*connection*/) {
+    if (length == kFrameHeader && *data == '$') return;
+    const auto* const text = reinterpret_cast<const char*>(data);
+    if (answer_frame.empty()) {
+        request.assign(text, length - 1);
+        prepare_answer();
+    }
+    copy_id(text);
+    bench::receive(answer_frame);
+}
+
+void JovuUsb::client_register(JovuUsbClient& client, jovu_usb_interface_t interface) {
+    if (interface == JOVU_USB_INTERFACE_MESSAGES) message_client = &client;
+}
+
+void JovuUsb::client_unregister(JovuUsbClient& /*client*/, jovu_usb_interface_t /*interface*/) {}
+
+void JovuUsb::close(JovuDeviceAddress /*address*/) {}
+
+std::vector<JovuDeviceAddress> JovuUsb::list_connected() {
+    return {bench::kAddress};
+}
+
+std::vector<JovuUsbDevice> JovuUsb::list_attached() {
+    return {};
+}
+
+JovuUsb::connection_t JovuUsb::connection(JovuDeviceAddress /*address*/) {
+    return kConnection;
+}
+
+bool JovuUsb::delivering() noexcept {
+    return false;
+}
+
+void JovuUsb::refuse_in_callback(const char* /*what*/) {}
+
+void JovuUsb::hold_scans() noexcept {}
+
+void JovuUsb::release_scans() noexcept {}

@@ -1,0 +1,174 @@
+/// @file
+/// Exchanges and events, each as a ratio to bare yajl on the same bytes, measured in the same run.
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <stdexcept>
+
+#include <benchmark/benchmark.h>
+
+#include "allocations.h"
+#include "bare_yajl.h"
+#include "jovu/client.h"
+#include "memory_link.h"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+/// Long enough for the clock not to matter, short enough for both sides to meet the same machine.
+constexpr int kBatch = 100;
+
+/// Runs what is measured and its floor by turns and tells the ratio of their times.
+template <class Work, class Floor>
+void compare(benchmark::State& state, Work work, Floor floor) {
+    Clock::duration work_time{};
+    Clock::duration floor_time{};
+    std::int64_t batches = 0;
+    const std::uint64_t before = bench::allocations();
+    work();
+    const std::uint64_t allocated = bench::allocations() - before;
+    floor();
+    const std::uint64_t floor_allocated = bench::allocations() - before - allocated;
+    for ([[maybe_unused]] const auto iteration : state) {
+        const Clock::time_point start = Clock::now();
+        for (int i = 0; i < kBatch; ++i)
+            work();
+        const Clock::time_point middle = Clock::now();
+        for (int i = 0; i < kBatch; ++i)
+            floor();
+        floor_time += Clock::now() - middle;
+        work_time += middle - start;
+        state.SetIterationTime(std::chrono::duration<double>(middle - start).count());
+        ++batches;
+    }
+    const auto each = [&](Clock::duration time) {
+        return std::chrono::duration<double, std::micro>(time).count() /
+               static_cast<double>(batches * kBatch);
+    };
+    state.counters["us"] = each(work_time);
+    state.counters["yajl_us"] = each(floor_time);
+    state.counters["ratio"] = each(work_time) / each(floor_time);
+    state.counters["allocs"] = static_cast<double>(allocated);
+    state.counters["yajl_allocs"] = static_cast<double>(floor_allocated);
+}
+
+class Client : public JovuClient {
+public:
+    std::uint64_t samples = 0;
+
+    void servo_dc_trace_event(JovuDeviceAddress /*address*/, servo_trace_msg sample) override {
+        samples += sample.int_cnt != 0 ? 1 : 0;
+    }
+};
+
+/// Never destroyed before main() has ended, as an application would have it.
+Client& client() {
+    static Client the_client;
+    static const bool connected = (bench::connect_device(), true);
+    benchmark::DoNotOptimize(connected);
+    return the_client;
+}
+
+struct TreeFree {
+    void operator()(yajl_val_s* tree) const { yajl_tree_free(tree); }
+};
+using Tree = std::unique_ptr<yajl_val_s, TreeFree>;
+
+/// @param call one command; it must be answered.
+void exchange(benchmark::State& state, const std::string& returned,
+              const std::function<void(Client&)>& call) {
+    bench::answer_with(returned);
+    call(client());
+    const Tree request(yajl_tree_parse(bench::sample_request().c_str(), nullptr, 0));
+    const std::string answer = [] {
+        // A blank is no id; any number has the same length.
+        std::string text = bench::sample_answer();
+        const std::size_t blank = text.find(' ');
+        return text.replace(blank, 6, "123456");
+    }();
+    compare(
+        state,
+        [&] {
+            call(client());
+            if (!JovuTransport::last_send_error().empty()) throw std::logic_error("no answer");
+        },
+        [&] {
+            benchmark::DoNotOptimize(bench::generate(request.get()));
+            bench::parse(answer);
+        });
+    state.counters["bytes"] = static_cast<double>(bench::sample_request().size() + answer.size());
+}
+
+void bio_get_version(benchmark::State& state) {
+    exchange(state, "[49,46,50,46,51,0]", [](Client& c) { c.bio_get_version(bench::kAddress); });
+}
+
+void servo_dc_position_get(benchmark::State& state) {
+    exchange(state, "123456",
+             [](Client& c) { c.servo_dc_position_get(bench::kAddress, servo_dc_name_t{1}); });
+}
+
+void gcode_process_command(benchmark::State& state) {
+    const std::string line = "G1 X102.375 Y87.210 E3.14159 F3600";
+    const std::shared_ptr<char> text(new char[line.size() + 1]{}, [](char* p) { delete[] p; });
+    line.copy(text.get(), line.size());
+    exchange(state, "0", [text](Client& c) { c.gcode_process_command(bench::kAddress, text); });
+}
+
+void servo_dc_move(benchmark::State& state) {
+    const auto move = std::make_shared<servo_dc_move_config_t>();
+    *move = {1, false, 102.375, 10.5F, 80.0F, 1200.0F, 1200.0F, 0, 0, 0.5F, 0.25F, false, false, 1};
+    exchange(state, "0",
+             [move](Client& c) { c.servo_dc_move(bench::kAddress, servo_dc_name_t{1}, move); });
+}
+
+void wifi_client_configure(benchmark::State& state) {
+    const auto config = std::make_shared<wifi_config_t>();
+    exchange(state, "0", [config](Client& c) {
+        c.wifi_client_configure(bench::kAddress, wifi_interface_t{0}, 1, config);
+    });
+}
+
+void servo_dc_config_get(benchmark::State& state) {
+    exchange(state,
+             R"({"interrupt_frequency":1000,"gains":{"kp":1.5,"ki":0.25,"kd":3.5,"ka":4.0,)"
+             R"("kv":5.0,"kf":6.0},"pwm_cap":1000,"pwm_cap_time":500,"units":1,)"
+             R"("pos_res_eu_per_mm":80.0,"vel_res_mm_per_sec":0.01,"speed_max":200.0,)"
+             R"("accel_max":3000.0,"move_dist_min_static":1,"move_dist_min_dynamic":2,"trace":0})",
+             [](Client& c) { c.servo_dc_config_get(bench::kAddress, servo_dc_name_t{1}); });
+}
+
+void servo_dc_trace_event(benchmark::State& state) {
+    const std::string text =
+        R"({"transport":{"attrs":["request","oneway"],"id":1073745000},"data":{"event":{"name":)"
+        R"("servo_dc_trace_event","args":{"msg":{"servo_name":1,"servo_state":2,"int_cnt":123456,)"
+        R"("pos_cmd":81234,"pos":81201,"pwm":-312,"padout_dist":0}}}}})";
+    std::string frame = bench::framed(text);
+    const std::uint64_t before = client().samples;
+    std::uint64_t events = 0;
+    compare(
+        state,
+        [&] {
+            bench::receive(frame);
+            ++events;
+        },
+        [&] { bench::parse(text); });
+    if (client().samples - before != events) throw std::logic_error("an event was lost");
+    state.counters["events_per_s"] = 1e6 / state.counters["us"];
+    state.counters["of_yajl"] = 1 / state.counters["ratio"];
+    state.counters["bytes"] = static_cast<double>(frame.size());
+}
+
+BENCHMARK(bio_get_version)->UseManualTime();
+BENCHMARK(servo_dc_position_get)->UseManualTime();
+BENCHMARK(gcode_process_command)->UseManualTime();
+BENCHMARK(servo_dc_move)->UseManualTime();
+BENCHMARK(servo_dc_config_get)->UseManualTime();
+BENCHMARK(wifi_client_configure)->UseManualTime();
+BENCHMARK(servo_dc_trace_event)->UseManualTime();
+
+}  // namespace
+
+BENCHMARK_MAIN();
