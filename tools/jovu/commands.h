@@ -41,6 +41,15 @@ struct EventOptions {
     std::optional<std::chrono::milliseconds> limit;
 };
 
+struct CommandsOptions {
+    std::string name;  ///< One command of the firmware; all when empty.
+};
+
+struct CallOptions {
+    std::string name;                    ///< A command of the firmware.
+    std::vector<std::string> arguments;  ///< KEY=VALUE each.
+};
+
 /// @name The commands
 /// Each returns when it has succeeded.
 /// @throws Failure when it has not.
@@ -53,6 +62,8 @@ void run_push(const Context& context, const PushOptions& options);
 void run_pause(const Context& context);
 void run_abort(const Context& context);
 void run_events(const Context& context, const EventOptions& options);
+void run_commands(const Context& context, const CommandsOptions& options);
+void run_call(const Context& context, const CallOptions& options);
 /// @}
 
 }  // namespace jovu_cli

@@ -1,0 +1,162 @@
+/// @file
+/// What `jovu call` makes of the arguments that it is given, before anything is sent.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <nlohmann/json.hpp>
+#include <string>
+#include <vector>
+
+#include "call_arguments.h"
+#include "failure.h"
+#include "near_names.h"
+
+namespace {
+
+using jovu_cli::firmware_command;
+using jovu_cli::Json;
+using jovu_cli::read_arguments;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using Words = std::vector<std::string>;
+
+/// The text of the usage error that some words end in, with its hint.
+std::string refusal(const std::string& name, const Words& words) {
+    try {
+        return "not refused: " + read_arguments(firmware_command(name), words).dump();
+    } catch (const jovu_cli::Failure& failure) {
+        EXPECT_EQ(failure.code(), jovu_cli::ExitCode::usage);
+        return failure.what() + (" (" + failure.hint() + ")");
+    }
+}
+
+TEST(Arguments, AreReadByTheirTypes) {
+    const struct {
+        const char* command;
+        Words words;
+        const char* read;
+    } rows[] = {
+        {"bio_get_version", {}, "{}"},
+        {"gpio_output_set", {"value=on", "pin=0xFFFFFFFF"}, R"({"value":true,"pin":4294967295})"},
+        {"servo_dc_position_set",
+         {"servo_name=-1", "position=-2147483648"},
+         R"({"servo_name":-1,"position":-2147483648})"},
+        {"heater_var_set", {"var_num=+2", "var_val=-3.5e-3"}, R"({"var_num":2,"var_val":-0.0035})"},
+        {"heater_param_get",
+         {"param_num=0", "param_val=1.5,2"},
+         R"({"param_num":0,"param_val":[1.5,2.0]})"},
+        {"gcode_process_command", {"command=M117 a=b {x}"}, R"({"command":"M117 a=b {x}"})"},
+        {"gcode_process_macro", {"macro="}, R"({"macro":""})"},
+        {"sd_mmc_write",
+         {"offset=512", "buf=255,0", "length=2"},
+         R"({"offset":512,"buf":[255,0],"length":2})"},
+        {"wifi_client_connect",
+         {"interface_t=0", "connect_t.ssid=a:b", "connect_t.key=1,2"},
+         R"({"interface_t":0,"connect_t":{"ssid":[97,58,98],"key":[49,44,50]}})"},
+        {"servo_dc_move",
+         {"move_config={}", "servo_name=1"},
+         R"({"move_config":{},"servo_name":1})"},
+    };
+    for (const auto& row : rows) {
+        EXPECT_EQ(read_arguments(firmware_command(row.command), row.words), Json::parse(row.read));
+    }
+}
+
+TEST(Arguments, TakeBytesAsPeopleWriteThem) {
+    const Json config = read_arguments(
+        firmware_command("wifi_client_configure"),
+        {"interface_t=0", "cmd=1", "config.ip_config.ip=192.168.1.7",
+         "config.ip_config.dns_server=8,8,4,4", "config.hdw_config.mac_address=02:4a:0:0:FF:01",
+         R"(config.hdw_config={"patch_version":[1,2]})",
+         R"(config.ifc_config={"auto_connect_ssid":"net","auto_connect_key":[-23,255,0]})"})
+        ["config"];
+    EXPECT_EQ(config["ip_config"]["ip"], Json({192, 168, 1, 7}));
+    EXPECT_EQ(config["ip_config"]["dns_server"], Json({8, 8, 4, 4}));
+    EXPECT_EQ(config["hdw_config"]["mac_address"], Json({2, 0x4a, 0, 0, 255, 1}));
+    EXPECT_EQ(config["hdw_config"]["patch_version"], Json({1, 2}));
+    EXPECT_EQ(config["ifc_config"]["auto_connect_ssid"], Json({'n', 'e', 't'}));
+    EXPECT_EQ(config["ifc_config"]["auto_connect_key"], Json({0xE9, 255, 0}));
+}
+
+TEST(Arguments, GivenAsMembersReplaceThoseOfTheJsonWhateverTheirOrder) {
+    const Json config =
+        read_arguments(firmware_command("servo_dc_config_set"),
+                       {"config.gains.kp=3", "servo_name=0", R"(config.gains={"kp":2,"ki":2})",
+                        R"(config={"gains":{"kp":1,"ki":1,"kd":1},"units":7})"})["config"];
+    EXPECT_EQ(config["units"], 7);
+    EXPECT_EQ(config["gains"], Json({{"kp", 3.0}, {"ki", 2.0}})) << "gains were given as a whole";
+}
+
+TEST(Arguments, AreRefusedWithTheKeyAndTheValue) {
+    const struct {
+        const char* command;
+        Words words;
+        const char* told;
+    } rows[] = {
+        {"gpio_get_raw", {"gpio=4294967296"}, "gpio=4294967296 is out of range (gpio_name_t: 0"},
+        {"gpio_get_raw", {"gpio=99999999999999999999"}, "is out of range"},
+        {"gpio_get_raw", {"gpio=-1"}, "gpio=-1 is out of range"},
+        {"gpio_get_raw", {"gpio=1.0"}, "gpio=1.0 is not a whole number"},
+        {"gpio_get_raw", {"gpio="}, "gpio= is not a whole number"},
+        {"gpio_get_raw", {"gpio=0x"}, "is not a whole number"},
+        {"gpio_get_raw", {"gpio=0x-1"}, "is not a whole number"},
+        {"gpio_get_raw", {"gpio=1 "}, "is not a whole number"},
+        {"gpio_get_raw", {"gpio"}, "not of the form KEY=VALUE: gpio (it takes gpio=VALUE)"},
+        {"gpio_get_raw", {"=1"}, "not of the form KEY=VALUE: =1"},
+        {"gpio_get_raw", {"gpio=1", "gpio=1"}, "gpio is given twice"},
+        {"gpio_get_raw", {"gpi=1"}, "no argument gpi: gpi=1 (did you mean gpio?)"},
+        {"gpio_get_raw", {"gpio.x=1"}, "gpio has no members: gpio.x=1"},
+        {"gpio_input_get", {"pin=1"}, "without debounce (it takes pin=VALUE debounce=VALUE)"},
+        {"gpio_output_set", {"pin=1", "value=2"}, "value=2 is neither 0 nor 1"},
+        {"bio_get_version", {"x=1"}, "no argument x: x=1 (it takes no arguments)"},
+        {"heater_var_set", {"var_num=1", "var_val=nan"}, "var_val=nan is not a number"},
+        {"heater_var_set", {"var_num=1", "var_val=inf"}, "var_val=inf is out of range"},
+        {"heater_var_set", {"var_num=1", "var_val=1e39"}, "var_val=1e39 is out of range"},
+        {"heater_var_set", {"var_num=1", "var_val=1e-60"}, "var_val=1e-60 is out of range"},
+        {"heater_var_set", {"var_num=1", "var_val=1e-999"}, "var_val=1e-999 is out of range"},
+        {"heater_var_get", {"var_num=1", "var_val=1,,2"}, "var_val=1,,2 is not a number"},
+        {"sd_mmc_read", {"offset=0", "length=1", "read_buf=256"}, "read_buf=256 is out of range"},
+        {"gcode_process_command", {std::string("command=a\0b", 11)}, "holds a NUL byte"},
+        {"wifi_client_connect",
+         {"connect_t.ssid=123456789012345678901234567890123"},
+         "is too long, 33 bytes (char[32]: text of at most 32 bytes)"},
+        {"wifi_client_connect", {"connect_t=x"}, "connect_t=x is not JSON: parse error at line 1"},
+        {"wifi_client_connect", {"connect_t=[]"}, "connect_t=[] is no JSON object (a structure is"},
+        {"wifi_client_connect", {R"(connect_t={"timeout":-1})"}, ": timeout is out of range"},
+        {"wifi_client_connect", {R"(connect_t={"ssid":7})"}, ": ssid is of another type"},
+        {"wifi_client_connect", {R"(connect_t={"ssid":[256]})"}, ": ssid is out of range"},
+        {"wifi_client_connect", {R"(connect_t={"ssid":"\u0000"})"}, ": ssid holds a NUL byte"},
+        {"wifi_client_connect", {R"(connect_t={"key":"a","key":"b"})"}, ": key is given twice"},
+        {"wifi_client_connect", {R"(connect_t={"timeout":1e999})"}, "is not JSON: number overflow"},
+        {"wifi_client_configure",
+         {R"(config={"ip_config":{"ipp":1}})"},
+         ": ip_config.ipp is no member of wifi_ip_config_t"},
+        {"wifi_client_configure", {"config.ip_config.ip=1.2.3"}, "is not 4 bytes"},
+        {"wifi_client_configure", {"config.ip_config.ip=1.2.3.256"}, "is not 4 bytes"},
+        {"wifi_client_configure", {"config.ip_config.ip=1.2.3,4"}, "is not 4 bytes"},
+        {"wifi_client_configure", {R"(config.ip_config={"ip":[1,2,3]})"}, "ip has 3 elements"},
+        {"servo_dc_config_set",
+         {"config.gains.kq=1"},
+         "config.gains has no kq: config.gains.kq=1 (did you mean kp,"},
+    };
+    for (const auto& row : rows) {
+        EXPECT_THAT(refusal(row.command, row.words), HasSubstr(row.told));
+    }
+}
+
+TEST(Names, AreSuggestedWhenOneIsMistyped) {
+    const std::vector<std::string> names = jovu_cli::firmware_command_names();
+    const auto near = [&](const std::string& typed) { return jovu_cli::near_names(typed, names); };
+    EXPECT_THAT(near("bio_get_verison"), ElementsAre("bio_get_version"));
+    EXPECT_THAT(near("ENTER_DFU_MODE"), ElementsAre("Enter_dfu_mode"));
+    EXPECT_THAT(near("wifi_client_scan"),
+                ElementsAre("wifi_client_scan_get", "wifi_client_scan_refresh"));
+    EXPECT_THAT(near("backlash"), ElementsAre("servo_dc_backlash_set"));
+    EXPECT_THAT(near("frobnicate"), IsEmpty());
+    EXPECT_THAT(near(""), IsEmpty());
+    EXPECT_EQ(jovu_cli::did_you_mean("heater_turn", names),
+              "did you mean heater_turn_on or heater_turn_off?");
+}
+
+}  // namespace

@@ -1,0 +1,266 @@
+#include "argument_values.h"
+
+#include <algorithm>
+#include <charconv>
+#include <cmath>
+#include <nlohmann/json.hpp>
+#include <set>
+#include <string_view>
+#include <vector>
+
+#include "bytes_text.h"
+#include "near_names.h"
+
+namespace jovu_cli {
+namespace {
+
+[[noreturn]] void refuse(const ValueType& type, const std::string& why) {
+    const std::string allowed = values_text(type);
+    throw BadValue(why + (allowed.empty() ? "" : " (" + type_text(type) + ": " + allowed + ")"));
+}
+
+/// The digits behind a sign that the standard conversions do not know.
+std::string_view without_plus(const std::string& text) {
+    std::string_view digits = text;
+    if (digits.size() > 1 && digits[0] == '+' && digits[1] != '-') {
+        digits.remove_prefix(1);
+    }
+    return digits;
+}
+
+Json read_boolean(const ValueType& type, const std::string& text) {
+    if (text == "1" || text == "true" || text == "on") {
+        return true;
+    }
+    if (text == "0" || text == "false" || text == "off") {
+        return false;
+    }
+    refuse(type, "is neither 0 nor 1");
+}
+
+Json read_integer(const ValueType& type, const std::string& text) {
+    std::string_view digits = without_plus(text);
+    const bool hexadecimal = digits.size() > 2 && digits.substr(0, 2) == "0x";
+    if (hexadecimal) {
+        digits.remove_prefix(2);
+    }
+    std::int64_t value = 0;
+    const char* const end = digits.data() + digits.size();
+    const auto [stop, error] = std::from_chars(digits.data(), end, value, hexadecimal ? 16 : 10);
+    if (stop != end || error == std::errc::invalid_argument ||
+        (hexadecimal && digits.front() == '-')) {
+        refuse(type, "is not a whole number");
+    }
+    if (error != std::errc() || value < type.lowest || value > type.highest) {
+        refuse(type, "is out of range");
+    }
+    return value;
+}
+
+Json read_number(const ValueType& type, const std::string& text) {
+    const std::string_view digits = without_plus(text);
+    double value = 0;
+    const char* const end = digits.data() + digits.size();
+    const auto [stop, error] = std::from_chars(digits.data(), end, value);
+    if (stop != end || error == std::errc::invalid_argument || std::isnan(value)) {
+        refuse(type, "is not a number");
+    }
+    const double magnitude = std::abs(value);
+    if (error != std::errc() || magnitude > type.largest ||
+        (magnitude > 0 && magnitude < type.smallest)) {
+        refuse(type, "is out of range");
+    }
+    return value;
+}
+
+Json read_text(const ValueType& type, const std::string& text) {
+    if (text.find('\0') != std::string::npos) {
+        refuse(type, "holds a NUL byte");
+    }
+    return text;
+}
+
+Json pad_text(const ValueType& type, const std::string& text) {
+    read_text(type, text);
+    if (text.size() > type.size) {
+        refuse(type, "is too long, " + std::to_string(text.size()) + " bytes");
+    }
+    Json bytes = Json::array();
+    for (const char c : text) {
+        bytes.push_back(static_cast<unsigned char>(c));
+    }
+    return bytes;
+}
+
+Json read_bytes(const ValueType& type, const std::string& text) {
+    if (type.holds_text) {
+        return pad_text(type, text);
+    }
+    const auto bytes = parse_bytes(text);
+    if (!bytes || bytes->size() != type.size) {
+        refuse(type, "is not " + std::to_string(type.size) + " bytes");
+    }
+    return *bytes;
+}
+
+ValueType element_type(const ValueType& buffer) {
+    ValueType element = buffer;
+    element.kind = buffer.element;
+    return element;
+}
+
+Json read_scalar(const ValueType& type, const std::string& text) {
+    return type.kind == Kind::number ? read_number(type, text) : read_integer(type, text);
+}
+
+Json read_buffer(const ValueType& type, const std::string& text) {
+    const ValueType element = element_type(type);
+    Json list = Json::array();
+    for (std::size_t begin = 0; begin <= text.size();) {
+        const std::size_t end = std::min(text.find(',', begin), text.size());
+        list.push_back(read_scalar(element, text.substr(begin, end - begin)));
+        begin = end + 1;
+    }
+    return list;
+}
+
+/// The members of an object occur once each, which the parser by itself does not see to.
+class KeyGuard {
+public:
+    bool operator()(int /*depth*/, Json::parse_event_t event, const Json& parsed) {
+        if (event == Json::parse_event_t::object_start) {
+            open_.emplace_back();
+        } else if (event == Json::parse_event_t::object_end) {
+            open_.pop_back();
+        } else if (event == Json::parse_event_t::key) {
+            const auto& key = parsed.get_ref<const std::string&>();
+            if (!open_.back().insert(key).second) {
+                throw BadValue("is given twice", key);
+            }
+        }
+        return true;
+    }
+
+private:
+    std::vector<std::set<std::string>> open_;
+};
+
+Json parse_json(const std::string& text) {
+    KeyGuard guard;
+    try {
+        return Json::parse(text, [&guard](int depth, Json::parse_event_t event, Json& parsed) {
+            return guard(depth, event, parsed);
+        });
+    } catch (const Json::exception& error) {
+        // "[json.exception.parse_error.101] parse error at ...": the name is of no use to people.
+        const std::string what = error.what();
+        throw BadValue("is not JSON: " + what.substr(std::min(what.find("] ") + 2, what.size())));
+    }
+}
+
+Json checked(const ValueType& type, const Json& json);
+
+Json checked_members(const ValueType& type, const Json& json) {
+    if (!json.is_object()) {
+        throw BadValue("is no JSON object");
+    }
+    Json object = Json::object();
+    for (const auto& [key, value] : json.items()) {
+        const NamedType* const member = find_key(type.members, key);
+        if (member == nullptr) {
+            throw BadValue("is no member of " + type.name, key);
+        }
+        try {
+            object[key] = checked(member->type, value);
+        } catch (const BadValue& bad) {
+            throw BadValue(bad.what(), key + (bad.where().empty() ? "" : "." + bad.where()));
+        }
+    }
+    return object;
+}
+
+/// An array in JSON, element by element.
+Json checked_elements(const ValueType& type, const Json& json) {
+    ValueType element = element_type(type);
+    if (type.kind == Kind::bytes) {
+        element.kind = Kind::integer;
+        // Bytes of a text count from -128 on the wire, from 0 elsewhere: both are understood.
+        element.lowest = type.holds_text ? -128 : 0;
+        element.highest = 255;
+    }
+    Json list = Json::array();
+    for (const Json& entry : json) {
+        if (!entry.is_number()) {
+            refuse(type, "holds something else than numbers");
+        }
+        list.push_back(read_scalar(element, entry.dump()));
+    }
+    if (type.kind == Kind::bytes) {
+        if (type.holds_text ? list.size() > type.size : list.size() != type.size) {
+            refuse(type, "has " + std::to_string(list.size()) + " elements");
+        }
+        for (Json& byte : list) {
+            byte = static_cast<unsigned char>(byte.get<int>());
+        }
+    } else if (list.empty()) {
+        refuse(type, "has no elements");
+    }
+    return list;
+}
+
+Json checked(const ValueType& type, const Json& json) {
+    switch (type.kind) {
+        case Kind::structure:
+            return checked_members(type, json);
+        case Kind::boolean:
+            if (json.is_boolean() || json.is_number()) {
+                return read_boolean(type, json.dump());
+            }
+            break;
+        case Kind::integer:
+        case Kind::number:
+            if (json.is_number()) {
+                return read_scalar(type, json.dump());
+            }
+            break;
+        case Kind::bytes:
+        case Kind::buffer:
+            if (json.is_array()) {
+                return checked_elements(type, json);
+            }
+            [[fallthrough]];
+        case Kind::text:
+            if (json.is_string()) {
+                return read_value(type, json.get<std::string>());
+            }
+            break;
+        case Kind::nothing:
+            break;
+    }
+    refuse(type, "is of another type");
+}
+
+}  // namespace
+
+Json read_value(const ValueType& type, const std::string& text) {
+    switch (type.kind) {
+        case Kind::boolean:
+            return read_boolean(type, text);
+        case Kind::integer:
+        case Kind::number:
+            return read_scalar(type, text);
+        case Kind::text:
+            return read_text(type, text);
+        case Kind::bytes:
+            return read_bytes(type, text);
+        case Kind::buffer:
+            return read_buffer(type, text);
+        case Kind::structure:
+            return checked_members(type, parse_json(text));
+        case Kind::nothing:
+            break;
+    }
+    throw BadValue("is not wanted");
+}
+
+}  // namespace jovu_cli

@@ -1,0 +1,158 @@
+#include "call_arguments.h"
+
+#include <algorithm>
+#include <cstddef>
+#include <nlohmann/json.hpp>
+#include <utility>
+
+#include "argument_values.h"
+#include "failure.h"
+#include "near_names.h"
+#include "printable.h"
+
+namespace jovu_cli {
+namespace {
+
+/// One word, taken apart.
+struct Assignment {
+    std::string key;  ///< As it was given, "config.gains.kp".
+    std::vector<std::string> path;
+    std::string value;
+};
+
+std::vector<std::string> split_path(const std::string& key) {
+    std::vector<std::string> path;
+    for (std::size_t begin = 0; begin <= key.size();) {
+        const std::size_t end = std::min(key.find('.', begin), key.size());
+        path.push_back(key.substr(begin, end - begin));
+        begin = end + 1;
+    }
+    return path;
+}
+
+/// The arguments of one command while they are collected.
+class Collector {
+public:
+    explicit Collector(const FirmwareCommand& command) : command_(command) {}
+
+    void take(const std::vector<std::string>& words) {
+        std::vector<Assignment> assignments;
+        for (const std::string& word : words) {
+            Assignment assignment = split(word);
+            const bool twice = std::any_of(
+                assignments.begin(), assignments.end(),
+                [&](const Assignment& earlier) { return earlier.key == assignment.key; });
+            if (twice) {
+                fail(assignment.key + " is given twice");
+            }
+            assignments.push_back(std::move(assignment));
+        }
+        // Whole structures first: the members beside them replace theirs.
+        std::stable_sort(
+            assignments.begin(), assignments.end(),
+            [](const Assignment& a, const Assignment& b) { return a.path.size() < b.path.size(); });
+        for (const Assignment& assignment : assignments) {
+            put(assignment);
+        }
+    }
+
+    Json finish() {
+        std::string missing;
+        for (const NamedType& argument : command_.arguments) {
+            if (!arguments_.contains(argument.key)) {
+                missing += (missing.empty() ? "" : ", ") + argument.key;
+            }
+        }
+        if (!missing.empty()) {
+            fail("without " + missing, usage());
+        }
+        return std::move(arguments_);
+    }
+
+private:
+    [[noreturn]] void fail(const std::string& what, const std::string& hint = {}) const {
+        // Printable already here: the text of an exception ends at a NUL.
+        throw Failure(ExitCode::usage, std::string(command_.name) + ": " + printable(what), hint);
+    }
+
+    std::string usage() const {
+        if (command_.arguments.empty()) {
+            return "it takes no arguments";
+        }
+        std::string text = "it takes";
+        for (const NamedType& argument : command_.arguments) {
+            text += " " + argument.key + "=" +
+                    (argument.type.kind == Kind::structure ? "{...}" : "VALUE");
+        }
+        return text;
+    }
+
+    Assignment split(const std::string& word) const {
+        const std::size_t equals = word.find('=');
+        if (equals == std::string::npos || equals == 0) {
+            fail("not of the form KEY=VALUE: " + word, usage());
+        }
+        const std::string key = word.substr(0, equals);
+        return {key, split_path(key), word.substr(equals + 1)};
+    }
+
+    [[noreturn]] void fail_unknown(const Assignment& assignment, const std::string& step,
+                                   const std::string& owner,
+                                   const std::vector<NamedType>& entries) const {
+        std::vector<std::string> keys;
+        std::string all;
+        for (const NamedType& entry : entries) {
+            keys.push_back(entry.key);
+            all += (all.empty() ? "" : ", ") + entry.key;
+        }
+        const std::string near = did_you_mean(step, keys);
+        const std::string what = owner.empty() ? "no argument " + step : owner + " has no " + step;
+        fail(what + ": " + assignment.key + "=" + assignment.value, !near.empty() ? near
+                                                                    : all.empty()
+                                                                        ? "it takes no arguments"
+                                                                        : "it has: " + all);
+    }
+
+    void put(const Assignment& assignment) {
+        const std::vector<NamedType>* entries = &command_.arguments;
+        std::string owner;
+        const ValueType* type = nullptr;
+        Json* place = &arguments_;
+        for (const std::string& step : assignment.path) {
+            if (type != nullptr && type->kind != Kind::structure) {
+                fail(owner + " has no members: " + assignment.key + "=" + assignment.value);
+            }
+            const NamedType* const entry = find_key(*entries, step);
+            if (entry == nullptr) {
+                fail_unknown(assignment, step, owner, *entries);
+            }
+            owner += (owner.empty() ? "" : ".") + step;
+            type = &entry->type;
+            entries = &type->members;
+            place = &(*place)[step];
+        }
+        try {
+            *place = read_value(*type, assignment.value);
+        } catch (const BadValue& bad) {
+            const std::string member = bad.where().empty() ? "" : ": " + bad.where();
+            fail(assignment.key + "=" + assignment.value + member + " " + bad.what(),
+                 type->kind == Kind::structure && bad.where().empty() ? structure_hint : "");
+        }
+    }
+
+    static constexpr const char* structure_hint =
+        "a structure is a JSON object, or given by its members, KEY.MEMBER=VALUE";
+
+    const FirmwareCommand& command_;
+    Json arguments_ = Json::object();
+};
+
+}  // namespace
+
+Json read_arguments(const FirmwareCommand& command, const std::vector<std::string>& words) {
+    Collector collector(command);
+    collector.take(words);
+    return collector.finish();
+}
+
+}  // namespace jovu_cli

@@ -1,0 +1,142 @@
+/// @file
+/// `jovu commands`: what commands the firmware has. Needs no device.
+
+#include <algorithm>
+#include <nlohmann/json.hpp>
+#include <string>
+
+#include "commands.h"
+#include "firmware_commands.h"
+
+namespace jovu_cli {
+namespace {
+
+const char* kind_word(const ValueType& type) {
+    switch (type.kind) {
+        case Kind::nothing:
+            return "nothing";
+        case Kind::boolean:
+            return "boolean";
+        case Kind::integer:
+            return "integer";
+        case Kind::number:
+            return "number";
+        case Kind::text:
+            return "text";
+        case Kind::bytes:
+            return type.holds_text ? "text" : "bytes";
+        case Kind::buffer:
+            return "buffer";
+        case Kind::structure:
+            return "structure";
+    }
+    return "";
+}
+
+Json to_json(const ValueType& type);
+
+Json to_json(const std::vector<NamedType>& entries) {
+    Json list = Json::array();
+    for (const NamedType& entry : entries) {
+        Json object = {{"key", entry.key}};
+        object.update(to_json(entry.type));
+        list.push_back(std::move(object));
+    }
+    return list;
+}
+
+Json to_json(const ValueType& type) {
+    Json object = {{"type", type.name}, {"kind", kind_word(type)}};
+    if (type.kind == Kind::integer) {
+        object["lowest"] = type.lowest;
+        object["highest"] = type.highest;
+    } else if (type.kind == Kind::bytes) {
+        object["size"] = type.size;
+    } else if (type.kind == Kind::structure) {
+        object["members"] = to_json(type.members);
+    }
+    return object;
+}
+
+Json to_json(const FirmwareCommand& command) {
+    return {{"index", command.index},
+            {"name", command.name},
+            {"summary", command.summary},
+            {"arguments", to_json(command.arguments)},
+            {"result", to_json(command.result)}};
+}
+
+std::string padded(std::string text, std::size_t width) {
+    text.resize(std::max(width, text.size()), ' ');
+    return text;
+}
+
+/// "gpio_output_set(pin: gpio_name_t, value: bool) -> void"
+std::string signature(const FirmwareCommand& command) {
+    std::string text = std::string(command.name) + "(";
+    for (const NamedType& argument : command.arguments) {
+        text += (text.back() == '(' ? "" : ", ") + argument.key + ": " + type_text(argument.type);
+    }
+    return text + ") -> " + type_text(command.result);
+}
+
+void print_types(Output& out, const std::vector<NamedType>& entries) {
+    const auto paths = key_paths(entries);
+    std::size_t key_width = 0;
+    std::size_t type_width = 0;
+    for (const auto& [path, type] : paths) {
+        key_width = std::max(key_width, path.size());
+        type_width = std::max(type_width, type_text(*type).size());
+    }
+    for (const auto& [path, type] : paths) {
+        const std::string values = values_text(*type);
+        const std::string name = type_text(*type);
+        out.line("  " + padded(path, key_width) + "  " +
+                 (values.empty() ? name : padded(name, type_width) + "  " + values));
+    }
+}
+
+void print_details(Output& out, const FirmwareCommand& command) {
+    out.line(signature(command));
+    out.line(std::string(command.summary) + "; index " + std::to_string(command.index) + ".");
+    if (!command.arguments.empty()) {
+        out.line("");
+        out.line("Arguments:");
+        print_types(out, command.arguments);
+    }
+    if (command.result.kind == Kind::structure) {
+        out.line("");
+        out.line("Result:");
+        print_types(out, command.result.members);
+    }
+}
+
+}  // namespace
+
+void run_commands(const Context& context, const CommandsOptions& options) {
+    if (!options.name.empty()) {
+        const FirmwareCommand& command = firmware_command(options.name);
+        if (context.out.json()) {
+            context.out.object(to_json(command));
+        } else {
+            print_details(context.out, command);
+        }
+        return;
+    }
+    if (context.out.json()) {
+        Json list = Json::array();
+        for (const FirmwareCommand& command : firmware_commands()) {
+            list.push_back(to_json(command));
+        }
+        context.out.object(list);
+        return;
+    }
+    const std::size_t width = std::to_string(firmware_commands().back().index).size();
+    for (const FirmwareCommand& command : firmware_commands()) {
+        const std::string index = std::to_string(command.index);
+        context.out.line(std::string(width - index.size(), ' ') + index + "  " +
+                         signature(command));
+    }
+}
+
+}  // namespace jovu_cli

@@ -1,0 +1,119 @@
+/// @file
+/// The table of the program's commands: what each adds to the command line.
+
+#include <CLI/CLI.hpp>
+#include <memory>
+#include <vector>
+
+#include "command_line.h"
+#include "seconds_option.h"
+
+namespace jovu_cli {
+namespace {
+
+Run define_list(CLI::App& /*app*/) {
+    return run_list;
+}
+
+Run define_info(CLI::App& /*app*/) {
+    return run_info;
+}
+
+Run define_status(CLI::App& app) {
+    const auto options = std::make_shared<StatusOptions>();
+    CLI::Option* watch =
+        app.add_flag("-w,--watch", options->watch, "Report again and again, until Ctrl-C");
+    add_seconds_option(app, "--interval", options->interval, "Time between two reports [1]")
+        ->needs(watch);
+    return [options](const Context& context) { run_status(context, *options); };
+}
+
+Run define_gcode(CLI::App& app) {
+    const auto options = std::make_shared<GcodeOptions>();
+    CLI::Option* lines =
+        app.add_option("LINE", options->lines, "Lines of gcode, or - for standard input")
+            ->type_name("");
+    CLI::Option* file =
+        app.add_option("-f,--file", options->file, "Read the lines from a file")->type_name("FILE");
+    app.add_flag("-k,--keep-going", options->keep_going, "Go on after a line that is refused");
+    app.footer(
+        "Comments (from ; on) and blank lines are skipped. Each line waits for the device's\n"
+        "result; 0 means that it was carried out. What the device prints meanwhile is shown\n"
+        "below the line.");
+    app.callback([lines, file] {
+        if ((lines->count() == 0) == (file->count() == 0)) {
+            throw CLI::ValidationError("either LINE..., - or --file FILE is needed");
+        }
+    });
+    return [options](const Context& context) { run_gcode(context, *options); };
+}
+
+Run define_push(CLI::App& app) {
+    const auto options = std::make_shared<PushOptions>();
+    app.add_option("FILE", options->file, "The job file")->required();
+    app.add_flag("--wait", options->wait, "Follow the job to its end");
+    app.footer(
+        "The device is asked afterwards whether it has accepted the job. An interrupted push\n"
+        "leaves it waiting for the rest; the message says how much it has got.");
+    return [options](const Context& context) { run_push(context, *options); };
+}
+
+Run define_pause(CLI::App& app) {
+    app.footer("A second pause lets the job go on. Shows the state that the device is in then.");
+    return run_pause;
+}
+
+Run define_abort(CLI::App& app) {
+    app.footer("Shows the state that the device is in then.");
+    return run_abort;
+}
+
+Run define_events(CLI::App& app) {
+    const auto options = std::make_shared<EventOptions>();
+    app.footer("Prints debug texts and servo trace samples as they come, until Ctrl-C.");
+    add_seconds_option(app, "-s,--seconds", options->limit, "Stop after this time");
+    return [options](const Context& context) { run_events(context, *options); };
+}
+
+Run define_commands(CLI::App& app) {
+    const auto options = std::make_shared<CommandsOptions>();
+    app.add_option("NAME", options->name, "Show this command in detail")->type_name("");
+    app.footer("Lists what 'jovu call' can call. Needs no device.");
+    return [options](const Context& context) { run_commands(context, *options); };
+}
+
+Run define_call(CLI::App& app) {
+    const auto options = std::make_shared<CallOptions>();
+    app.add_option("NAME", options->name, "The command, as 'jovu commands' lists it")
+        ->type_name("")
+        ->required();
+    app.add_option("KEY=VALUE", options->arguments, "Its arguments, in any order")->type_name("");
+    app.footer(
+        "Enumerations are given as whole numbers (decimal, or hexadecimal with 0x), booleans as\n"
+        "0 or 1, texts as they are. Of a buffer, a list such as 1.5,2,3, only the first value is\n"
+        "sent: the rest never leaves this program.\n"
+        "Structures are given by their members (config.gains.kp=1.5), as JSON (config={...}), or\n"
+        "both: then the members replace those of the JSON. Members that are not given are zero.\n"
+        "Bytes are decimals with dots or commas (192.168.1.7), or hexadecimals with colons.");
+    return [options](const Context& context) { run_call(context, *options); };
+}
+
+}  // namespace
+
+const std::vector<Command>& command_table() {
+    static const std::vector<Command> table = {
+        {"list", "List the devices", define_list},
+        {"info", "Show what a device is: versions, serial number, model", define_info},
+        {"status", "Show what a device is doing", define_status},
+        {"gcode", "Send lines of gcode", define_gcode},
+        {"push", "Send a print job", define_push},
+        {"pause", "Pause the print job", define_pause},
+        {"abort", "Abort the print job", define_abort},
+        {"events", "Print what a device reports of its own accord", define_events},
+        {"commands", "List the firmware's commands", define_commands},
+        {"call", "Call any of the firmware's commands", define_call},
+    };
+    return table;
+}
+
+}  // namespace jovu_cli

@@ -1,0 +1,29 @@
+/// @file
+/// The options that take a time.
+#pragma once
+
+#include <CLI/CLI.hpp>
+#include <chrono>
+#include <optional>
+#include <string>
+
+#include "options.h"
+
+namespace jovu_cli {
+
+/// Adds an option that takes a time in seconds.
+/// @param target takes the value; must live as long as the parser.
+template <class Target>
+CLI::Option* add_seconds_option(CLI::App& app, const std::string& names, Target& target,
+                                const std::string& description) {
+    const auto take = [&target](const std::string& text) {
+        const std::optional<std::chrono::milliseconds> time = parse_seconds(text);
+        if (!time) {
+            throw CLI::ValidationError("not a time in seconds: " + text);
+        }
+        target = *time;
+    };
+    return app.add_option_function<std::string>(names, take, description)->type_name("SECONDS");
+}
+
+}  // namespace jovu_cli
