@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # check_symbols.sh LIBRARY: the shared library is named by its major version and exports the public
-# classes only. Anything else that leaks out becomes part of an ABI that nobody meant to keep.
+# classes and functions only. Anything else that leaks out becomes part of an ABI that nobody meant
+# to keep.
 set -euo pipefail
 library=$1
 failed=0
@@ -11,12 +12,12 @@ soname=$(objdump -p "$library" | awk '$1 == "SONAME" {print $2}')
     failed=1
 }
 
-# Judged by their mangled names, in which a class is its length and name, and which begin with the
-# scope. Instantiations of the standard library's templates are weak, and visible by the standard
-# library's own wish.
+# Judged by their mangled names, in which a class or function is its length and name, and which
+# begin with the scope. Instantiations of the standard library's templates are weak, and visible by
+# the standard library's own wish.
 classes=
 for class in JovuClient JovuScanHold JovuCommandInterface JovuEventInterface JovuJobInterface \
-    JovuTransport JovuUsbClient JovuException; do
+    JovuTransport JovuUsbClient JovuException JovuDfu escape_spaces; do
     classes+="${classes:+|}${#class}$class"
 done
 # Lines of "TYPE NAME".
@@ -31,7 +32,7 @@ if [[ -n $strangers ]]; then
 fi
 
 for needed in 'JovuClient::JovuClient()' 'JovuClient::shutdown()' 'typeinfo for JovuException' \
-    'JovuTransport::last_send_error[abi:cxx11]()'; do
+    'JovuTransport::last_send_error[abi:cxx11]()' 'JovuDfu::GetDfuDevices[abi:cxx11]()' 'escape_spaces('; do
     c++filt <<<"$exported" | grep -F " $needed" >/dev/null || {
         echo "not exported: $needed" >&2
         failed=1

@@ -1,0 +1,226 @@
+// What dfu-util is told and what it says, as text.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <ctime>
+#include <limits>
+#include <random>
+#include <regex>
+#include <sstream>
+
+#include "dfu/command_line.h"
+#include "dfu/tool_output.h"
+#include "jovu/exception.h"
+
+namespace {
+
+using namespace std::string_literals;
+using Device = JovuDfu::DfuDevice_t;
+
+std::string read_back(const std::list<Device>& devices) {
+    std::string text;
+    for (const Device& device : devices)
+        text += device.vendor_id + ":" + device.product_id + " " + device.serial + ";";
+    return text;
+}
+
+/// The same with the patterns themselves.
+std::list<Device> listed_by_regex(const std::string& output) {
+    static const std::regex line(
+        R"(Found\s+DFU:\s+\[[a-zA-Z0-9]+:[a-zA-Z0-9]+\].*serial="[a-zA-Z0-9]+".*\n)");
+    static const std::regex ids("[a-zA-Z0-9]+:[a-zA-Z0-9]+");
+    static const std::regex steps_to_serial[] = {std::regex("serial=\"[a-zA-Z0-9]+\""),
+                                                 std::regex("\"[a-zA-Z0-9]+\""),
+                                                 std::regex("[a-zA-Z0-9]+")};
+    const auto search = [](const std::string& text, const std::regex& pattern) {
+        std::smatch match;
+        std::regex_search(text, match, pattern);
+        return match.str();
+    };
+    std::list<Device> devices;
+    for (std::sregex_iterator match(output.begin(), output.end(), line), end; match != end;
+         ++match) {
+        const std::string id = search(match->str(), ids);
+        std::string serial = match->str();
+        for (const std::regex& step : steps_to_serial)
+            serial = search(serial, step);
+        devices.push_back({id.substr(0, id.find(':')), id.substr(id.find(':') + 1), serial});
+    }
+    return devices;
+}
+
+std::vector<double> percentages_by_regex(std::string piece) {
+    static const std::regex pattern("\\s[0-9]+%\\s");
+    std::vector<double> found;
+    std::smatch match;
+    while (std::regex_search(piece, match, pattern)) {
+        const std::string text = match.str();
+        found.push_back(std::stod(text.substr(1, text.size() - 3)));
+        piece = match.suffix();
+    }
+    return found;
+}
+
+/// Texts put together from words at random.
+class Texts {
+public:
+    /// @param words with bars in between.
+    explicit Texts(const std::string& words) {
+        std::istringstream stream(words);
+        for (std::string word; std::getline(stream, word, '|');)
+            words_.push_back(word);
+    }
+    std::string next() {
+        std::string text;
+        for (std::size_t left = random_() % 16; left > 0; --left)
+            text += words_[random_() % words_.size()];
+        return text;
+    }
+
+private:
+    std::vector<std::string> words_;
+    std::mt19937 random_{1};
+};
+
+constexpr int kTexts = 20000;
+
+TEST(DfuListing, FindsWhatThePatternsFind) {
+    // Some words stand more than once, to come more often.
+    Texts texts(
+        "Found|Found |Found DFU: [12:ab]|Found DFU: [12:ab]|Found DFU: [12:ab]|DFU:| |[|x:Y9|:|]|"
+        "Found\n DFU:\r\t[a:b]|serial=|\"|serial=\"A1\"|serial=\"A1\"| serial=\"B2\", |serial=\"\"|"
+        "serial=\"C 3\"|serial=\"D|\n|\n|\n|\r|\r\n|\v|\0|\xE2\x80\xA8"s);
+    std::size_t devices = 0;
+    for (int i = 0; i < kTexts; ++i) {
+        const std::string text = texts.next();
+        const auto expected = listed_by_regex(text);
+        ASSERT_EQ(read_back(jovu::listed_devices(text)), read_back(expected)) << text;
+        devices += expected.size();
+    }
+    EXPECT_GT(devices, kTexts / 20U) << "the texts match too rarely to prove anything";
+}
+
+TEST(DfuProgress, FindsWhatThePatternFinds) {
+    Texts texts(" |\t|\n|\r|\v|0|42|100|%|% | 7%|x|-|.");
+    std::size_t numbers = 0;
+    for (int i = 0; i < kTexts; ++i) {
+        const std::string text = texts.next();
+        const auto expected = percentages_by_regex(text);
+        ASSERT_EQ(jovu::percentages(text), expected) << text;
+        numbers += expected.size();
+    }
+    EXPECT_GT(numbers, kTexts / 20U);
+    const std::string longest = " " + std::string(124, '9') + "% ";
+    EXPECT_EQ(jovu::percentages(longest), percentages_by_regex(longest));
+}
+
+std::string repeated(const std::string& unit, std::size_t size) {
+    std::string text;
+    while (text.size() < size)
+        text += unit;
+    return text;
+}
+
+/// Processor time of this thread for one reading, the least of several.
+double cost(const std::string& output) {
+    const auto now = [] {
+        timespec time{};
+        ::clock_gettime(CLOCK_THREAD_CPUTIME_ID, &time);
+        return static_cast<double>(time.tv_sec) * 1e9 + static_cast<double>(time.tv_nsec);
+    };
+    double least = std::numeric_limits<double>::infinity();
+    for (int i = 0; i < 3; ++i) {
+        const double start = now();
+        jovu::listed_devices(output);
+        least = std::min(least, now() - start);
+    }
+    return least;
+}
+
+TEST(DfuListing, TakesTimeInProportionToItsLength) {
+    constexpr std::size_t kSmall = std::size_t{1} << 16U;
+    constexpr std::size_t kFactor = 16;
+    const std::string header = "Found DFU: [a:b] ";
+    const struct {
+        std::string begin, unit, end;
+    } cases[] = {
+        {"", header, ""},
+        {"", header, "\n"},
+        {"", header + "serial=\"x\" ", "\r\n"},
+        {"", header + "serial=\"\" ", "\n"},
+        {"", header + "serial=\"x\"\n", ""},
+        {"", "Found ", ""},
+        {"", "Found", " DFU: ["},
+        {"Found", "\n", ""},
+        {"Found DFU: [", "a", ""},
+        {header, "serial=\"", "\n"},
+        {header, "x", " serial=\"x\"\n"},
+    };
+    for (const auto& row : cases) {
+        const double small = cost(row.begin + repeated(row.unit, kSmall) + row.end);
+        const double large = cost(row.begin + repeated(row.unit, kSmall * kFactor) + row.end);
+        // Quadratic time would grow 256 times. The margin is for caches.
+        EXPECT_LT(large, small * kFactor * 4) << row.begin << row.unit << row.end;
+    }
+    const std::string line = header + "serial=\"x\"\n";
+    EXPECT_EQ(jovu::listed_devices(repeated(line, line.size() * 40000)).size(), 40000U);
+    EXPECT_EQ(jovu::listed_devices(header + std::string(100000, 'x') + line).size(), 1U);
+}
+
+TEST(EscapeSpaces, PutsASlashBeforeEveryRunOfWhitespace) {
+    EXPECT_EQ(escape_spaces("/tmp/my dir"), "/tmp/my/ dir");
+    Texts texts(" |\t|\n|\v|\f|\r|/|a|\\|$&|\xC2\xA0");
+    const std::regex pattern("\\s+");
+    for (int i = 0; i < 2000; ++i) {
+        const std::string text = texts.next();
+        ASSERT_EQ(escape_spaces(text), std::regex_replace(text, pattern, "/$&")) << text;
+    }
+}
+
+TEST(DfuCommandLine, IsPlainUnlessTheShellWouldMakeSomethingElseOfIt) {
+    const auto listing = [](const std::string& directory) {
+        return jovu::listing_command(jovu::path_on_command_line(directory));
+    };
+    EXPECT_EQ(listing("/opt/fw"), "/opt/fw/dfu-util -l");
+    EXPECT_EQ(listing("/Users/a b"), "/Users/a/ b/dfu-util -l");
+    EXPECT_EQ(listing("/Users/a b (2)"), "'/Users/a b (2)'/dfu-util -l");
+    EXPECT_EQ(jovu::listing_command(""), "/dfu-util -l");
+
+    const struct {
+        Device device;
+        std::string file, arguments;
+    } cases[] = {
+        {{"1234", "abcd", "ABC123"}, "/opt/i.bin", "1234:abcd -a 0 -S ABC123 -D /opt/i.bin"},
+        {{"1", "2", "A B"}, "/my \tdir/\rx", "1:2 -a 0 -S A B -D /my/ \tdir//\rx"},
+        {{"1", "2", "A"}, "/my dir/it's", R"(1:2 -a 0 -S A -D '/my dir/it'\''s')"},
+        {{"1", "2", "A"}, "a\nb", "1:2 -a 0 -S A -D 'a\nb'"},
+        {{"1", "2", "A -R"}, "b -e", "1:2 -a 0 -S 'A -R' -D 'b -e'"},
+        {{"1;", "2", "$A"}, "~", "'1;:2' -a 0 -S '$A' -D '~'"},
+        {{"-1", "2", "-A"}, "-R", "-1:2 -a 0 -S -A -D ./-R"},
+        {{"1", "2", "A"}, "- R", "1:2 -a 0 -S A -D ./-/ R"},
+        {{"", "", ""}, "", ": -a 0 -S  -D "},
+        {{"1", "2", "A"}, "j\xC3\xBCrgen b", "1:2 -a 0 -S A -D j\xC3\xBCrgen/ b"},
+    };
+    for (const auto& row : cases) {
+        EXPECT_EQ(jovu::update_command("/t", row.device, row.file),
+                  "/t/dfu-util -d " + row.arguments);
+    }
+}
+
+TEST(DfuCommandLine, RefusesNullBytes) {
+    const std::string with_null("a\0b", 3);
+    const std::pair<Device, std::string> cases[] = {{{with_null, "2", "A"}, "vendor id"},
+                                                    {{"1", with_null, "A"}, "product id"},
+                                                    {{"1", "2", with_null}, "serial number"},
+                                                    {{"1", "2", "A"}, "path"}};
+    for (const auto& [device, what] : cases) {
+        try {
+            jovu::update_command("/t", device, what == "path" ? with_null : "i");
+            ADD_FAILURE() << what;
+        } catch (const JovuException& error) {
+            EXPECT_EQ(error.what(), "Failed to update device, null byte in " + what + ": a\\0b");
+        }
+    }
+}
+
+}  // namespace
