@@ -9,9 +9,9 @@
 #include <benchmark/benchmark.h>
 
 #include "allocations.h"
+#include "answering_device.h"
 #include "bare_yajl.h"
 #include "jovu/client.h"
-#include "memory_link.h"
 
 namespace {
 

@@ -1,17 +1,14 @@
-#include "memory_link.h"
+#include "answering_device.h"
 
 #include <algorithm>
 #include <string_view>
 
-#include "usb/usb.h"
+#include "support/memory_link.h"
 
 namespace {
 
-constexpr std::size_t kPacket = 64;
 constexpr std::size_t kFrameHeader = 5;
-constexpr JovuUsb::connection_t kConnection = 1;
 
-JovuUsbClient* message_client = nullptr;
 std::string returned;
 std::string request;
 std::string answer;
@@ -42,6 +39,16 @@ void copy_id(const char* text) {
     }
 }
 
+/// Takes the payload and terminator of a frame.
+void answer_request(const char* text, std::size_t size) {
+    if (answer_frame.empty()) {
+        request.assign(text, size - 1);
+        prepare_answer();
+    }
+    copy_id(text);
+    bench::receive(answer_frame);
+}
+
 }  // namespace
 
 namespace bench {
@@ -57,7 +64,11 @@ std::string framed(const std::string& text) {
 }
 
 void connect_device() {
-    message_client->usb_device_connected(kAddress);
+    memory_link::on_write([](unsigned /*interface*/, const unsigned char* data, std::size_t size) {
+        if (size == kFrameHeader && *data == '$') return;
+        answer_request(reinterpret_cast<const char*>(data), size);
+    });
+    memory_link::client(0).usb_device_connected(kAddress);
 }
 
 void answer_with(const std::string& value) {
@@ -67,9 +78,9 @@ void answer_with(const std::string& value) {
 
 void receive(std::string& bytes) {
     auto* const data = reinterpret_cast<unsigned char*>(bytes.data());
-    for (std::size_t at = 0; at < bytes.size(); at += kPacket) {
-        const std::size_t size = std::min(kPacket, bytes.size() - at);
-        message_client->data_received(data + at, static_cast<unsigned>(size), kAddress);
+    for (std::size_t at = 0; at < bytes.size(); at += memory_link::kPacket) {
+        const std::size_t size = std::min(memory_link::kPacket, bytes.size() - at);
+        memory_link::client(0).data_received(data + at, static_cast<unsigned>(size), kAddress);
     }
 }
 
@@ -82,45 +93,3 @@ const std::string& sample_answer() {
 }
 
 }  // namespace bench
-
-void JovuUsb::write(const unsigned char* data, unsigned int length, JovuDeviceAddress /*address*/,
-                    jovu_usb_interface_t /*interface*/, connection_t /*connection*/) {
-    if (length == kFrameHeader && *data == '$') return;
-    const auto* const text = reinterpret_cast<const char*>(data);
-    if (answer_frame.empty()) {
-        request.assign(text, length - 1);
-        prepare_answer();
-    }
-    copy_id(text);
-    bench::receive(answer_frame);
-}
-
-void JovuUsb::client_register(JovuUsbClient& client, jovu_usb_interface_t interface) {
-    if (interface == JOVU_USB_INTERFACE_MESSAGES) message_client = &client;
-}
-
-void JovuUsb::client_unregister(JovuUsbClient& /*client*/, jovu_usb_interface_t /*interface*/) {}
-
-void JovuUsb::close(JovuDeviceAddress /*address*/) {}
-
-std::vector<JovuDeviceAddress> JovuUsb::list_connected() {
-    return {bench::kAddress};
-}
-
-std::vector<JovuUsbDevice> JovuUsb::list_attached() {
-    return {};
-}
-
-JovuUsb::connection_t JovuUsb::connection(JovuDeviceAddress /*address*/) {
-    return kConnection;
-}
-
-bool JovuUsb::delivering() noexcept {
-    return false;
-}
-
-void JovuUsb::refuse_in_callback(const char* /*what*/) {}
-
-void JovuUsb::hold_scans() noexcept {}
-
-void JovuUsb::release_scans() noexcept {}

@@ -1,12 +1,10 @@
 /// @file
-/// A link made of memory: it takes what is written and hands back what it was told to, on the
-/// calling thread.
+/// A device that answers every command at once, on the calling thread.
 #pragma once
 
 #include <string>
 
 #include "jovu/device_address.h"
-#include "jovu/usb_client.h"
 
 namespace bench {
 
@@ -18,7 +16,7 @@ void connect_device();
 /// Answers every command from now on with this text as the value of "__return__".
 void answer_with(const std::string& returned);
 
-/// Hands bytes to the client in pieces as a bulk endpoint delivers them.
+/// Hands bytes to the client in packets.
 void receive(std::string& bytes);
 
 /// The text of the first request since answer_with(), without its frame.

@@ -1,0 +1,140 @@
+/// @file
+/// Bytes that a device sends on the message channel while a command waits for its answer.
+///
+/// An input is the number of the command, a byte of modes (see Input), and what the device sends.
+/// Every '#' stands for the id of the request. Whatever came, the next answer gets through.
+#include <algorithm>
+#include <array>
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "commands/catalogue.h"
+#include "jovu/client.h"
+#include "require.h"
+#include "support/memory_link.h"
+
+namespace {
+
+constexpr JovuDeviceAddress kAddress{1, 2};
+constexpr std::size_t kLongestPayload = 65534;
+
+class Client : public JovuClient {
+public:
+    ~Client() override { shutdown(); }
+    std::size_t seen = 0;
+
+    void debug_event(JovuDeviceAddress /*address*/, std::shared_ptr<char> text) override {
+        if (text != nullptr) seen += std::strlen(text.get());
+    }
+    void servo_dc_trace_event(JovuDeviceAddress /*address*/, servo_trace_msg sample) override {
+        seen += sample.int_cnt;
+    }
+};
+
+/// Something to send for an argument, or to read a result to its end.
+template <class T>
+T argument(const T* /*type*/) {
+    return T{};
+}
+template <class T>
+std::shared_ptr<T> argument(const std::shared_ptr<T>* /*type*/) {
+    return std::make_shared<T>();
+}
+template <class T>
+void use(const T& /*result*/) {}
+void use(const std::shared_ptr<char>& text) {
+    if (text != nullptr) REQUIRE(std::strlen(text.get()) < kLongestPayload);
+}
+
+using Call = void (*)(JovuCommandInterface&);
+
+template <class Row, class... Args>
+void call(JovuCommandInterface& commands, const std::tuple<Args...>* /*types*/) {
+    if constexpr (std::is_void_v<typename Row::Result>) {
+        (commands.*Row::method)(kAddress, argument(static_cast<const Args*>(nullptr))...);
+    } else {
+        use((commands.*Row::method)(kAddress, argument(static_cast<const Args*>(nullptr))...));
+    }
+}
+
+template <class... Rows>
+constexpr std::array<Call, sizeof...(Rows)> calls_of(const std::tuple<Rows...>& /*rows*/) {
+    return {[](JovuCommandInterface& commands) {
+        call<Rows>(commands, static_cast<const typename Rows::Arguments*>(nullptr));
+    }...};
+}
+
+constexpr auto calls = calls_of(jovu::catalogue);
+
+struct Input {
+    std::size_t command;
+    bool framed;        ///< What is sent is one text, and goes into a frame.
+    std::size_t piece;  ///< How many bytes come at once.
+    std::string bytes;
+
+    Input(const std::uint8_t* data, std::size_t size)
+        : command(data[0] % calls.size()),
+          framed((data[1] & 1U) != 0),
+          piece(std::min<std::size_t>((data[1] >> 1U) + 1U, memory_link::kPacket)),
+          bytes(data + 2, data + size) {}
+};
+
+std::string framed(const std::string& text) {
+    const std::size_t length = text.size() + 1;
+    std::string frame = "$";
+    for (const std::size_t word : {length, ~length}) {
+        frame.push_back(static_cast<char>(word & 0xFFU));
+        frame.push_back(static_cast<char>(word >> 8U & 0xFFU));
+    }
+    return frame + text + ";";
+}
+
+/// Each piece in a block of its own, as long as the piece: reading behind it is noticed.
+void receive(const std::string& bytes, std::size_t piece) {
+    for (std::size_t at = 0; at < bytes.size(); at += piece) {
+        const std::size_t size = std::min(piece, bytes.size() - at);
+        const auto block = std::make_unique<unsigned char[]>(size);
+        std::memcpy(block.get(), bytes.data() + at, size);
+        memory_link::client(0).data_received(block.get(), static_cast<unsigned>(size), kAddress);
+    }
+}
+
+void answer(const Input& input, const std::string& request) {
+    const std::string label = R"("id":)";
+    const std::size_t begin = request.find(label) + label.size();
+    const std::string id = request.substr(begin, request.find('}', begin) - begin);
+    std::string bytes;
+    for (const char c : input.bytes)
+        bytes += c == '#' ? id : std::string(1, c);
+    receive(input.framed && bytes.size() <= kLongestPayload ? framed(bytes) : bytes, input.piece);
+    // Ends whatever frame is open, header included, and is nothing by itself.
+    static const std::string filler =
+        framed('/' + std::string(kLongestPayload - 1, ';')) + std::string(16, ';');
+    receive(filler, filler.size());
+    receive(framed(R"({"transport":{"attrs":["response"],"id":)" + id + R"(},"data":{}})"), 64);
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    if (size < 2) return 0;
+    // The library tells of failed exchanges on standard output.
+    static std::FILE* const quiet = std::freopen("/dev/null", "w", stdout);
+    REQUIRE(quiet != nullptr);
+    const Input input(data, size);
+    Client client;
+    memory_link::client(0).usb_device_connected(kAddress);
+    memory_link::on_write([&](unsigned interface, const unsigned char* bytes, std::size_t length) {
+        const std::string text(bytes, bytes + length);
+        if (interface == 0 && text.front() == '{') answer(input, text);
+    });
+    calls[input.command](client);
+    const std::string error = JovuTransport::last_send_error();
+    REQUIRE(error.empty() || error == "Transport Error - No response received.");
+    memory_link::on_write(nullptr);
+    return 0;
+}
