@@ -21,16 +21,16 @@
 namespace jovusim {
 
 /// What claiming, or submitting to an interface that has to be claimed for it, returns when another
-/// open file holds the interface. That file may have been closed already: unlike a kernel, the
-/// testbed notices that a moment later. So it is worth trying again, and EBUSY only then.
+/// open file holds the interface. That file may have been closed already: unlike a kernel, this
+/// program notices that a moment later. So it is worth trying again, and EBUSY only then.
 constexpr int kContended = -1;
 
 /// A device node with everything behind it: who has it open, what is claimed, the transfers in
-/// flight, the function. This is where threads meet: ioctls come on the testbed's worker thread,
+/// flight, the function. This is where threads meet: ioctls come on a thread for each open file,
 /// control requests and the clock on the main thread. One lock guards all of it; no other lock is
 /// taken under it, and nothing under it blocks.
 ///
-/// Made and destroyed on the main thread, or destroyed with its last client on the worker.
+/// Made on the main thread; destroyed there, or with its last client on that one's thread.
 class SimDevice {
 public:
     /// @param wake called, under the lock, when the main thread should look at next_due() or

@@ -21,9 +21,6 @@ constexpr std::uint8_t kFirstBus = 1;
 /// A socket of the testbed's own: opening it as a file fails with ENXIO.
 constexpr char kUnopenable[] = "/ioctl/_default";
 
-constexpr Millis kLastFilesLimit = 200;
-constexpr useconds_t kLastFilesPause = 500;
-
 /// The path of a socket in the testbed has to fit into sockaddr_un: with a longer directory for
 /// temporary files the usual one is taken.
 constexpr std::size_t kLongestTemporary = 32;
@@ -68,13 +65,8 @@ Testbed::~Testbed() {
     } catch (const std::exception& error) {
         std::fprintf(stderr, "jovu-sim: cannot clear the bus: %s\n", error.what());
     }
-    // A program that was killed is noticed by the worker only now; the testbed does not like to go
-    // with a file open. Children of the program may keep one for longer.
-    const Millis deadline = now_ms() + kLastFilesLimit;
-    while (UsbfsNode::open_files() > 0 && now_ms() < deadline) {
-        ::usleep(kLastFilesPause);
-    }
-    // Removes the directory and ends the worker thread.
+    nodes_.clear();
+    // Removes the directory.
     testbed_.reset();
 }
 
@@ -95,7 +87,7 @@ BusAddress Testbed::plug(std::optional<BusAddress> wanted, std::uint16_t product
     auto device = std::make_shared<SimDevice>(
         address, std::make_unique<Controller>(serial_of(address), product, pace_), wake_);
     auto& node = nodes_[address];
-    if (!node) node = std::make_unique<UsbfsNode>(testbed_.get(), address.node());
+    if (!node) node = std::make_unique<UsbfsNode>(root_, address.node());
     node->set_device(device);
     make_node(*device);
     GError* error = nullptr;

@@ -1,13 +1,17 @@
 /// @file
-/// The ioctls of a device node.
+/// Device nodes as programs open them.
 #pragma once
 
-#include <umockdev.h>
-
+#include <atomic>
+#include <list>
 #include <memory>
+#include <mutex>
 #include <string>
+#include <thread>
 
+#include "bus/ioctl_link.h"
 #include "bus/sim_device.h"
+#include "bus/unique_fd.h"
 
 namespace jovusim {
 
@@ -16,25 +20,41 @@ namespace jovusim {
 /// good on purpose: a program that opens the node at the moment of an unplug ends itself when it
 /// finds the socket's file but nobody behind it.
 ///
-/// Made and destroyed on the main thread; ioctls come on the testbed's worker thread, also for a
-/// while after this object has gone.
+/// Made and destroyed on the main thread. A thread of its own takes new files in, and each of them
+/// gets one.
 class UsbfsNode {
 public:
-    /// @throws std::runtime_error when the testbed cannot listen
-    UsbfsNode(UMockdevTestbed* testbed, const std::string& node);
+    /// @param root of the testbed @param node as "/dev/bus/usb/001/002"
+    /// @throws std::system_error when it cannot listen
+    UsbfsNode(const std::string& root, const std::string& node);
     UsbfsNode(const UsbfsNode&) = delete;
     UsbfsNode& operator=(const UsbfsNode&) = delete;
+    /// Ends all sessions: a program that still has a file open fails from then on.
     ~UsbfsNode();
 
     /// What programs get that open the node from now on; null for nothing.
     void set_device(std::shared_ptr<SimDevice> device);
 
-    /// How many files of all nodes of this process are open and have been used. Any thread.
-    static unsigned open_files();
-
 private:
-    struct Socket;
-    std::shared_ptr<Socket> socket_;
+    struct OpenFile {
+        explicit OpenFile(UniqueFd socket) : link(std::move(socket)) {}
+
+        IoctlLink link;
+        std::atomic<bool> ended{false};
+        std::thread thread;
+    };
+
+    void accept_files();
+    void serve(OpenFile& file);
+    std::shared_ptr<SimDevice> device();
+
+    UniqueFd listener_;
+
+    std::mutex mutex_;  // guards device_; no other lock is taken under it
+    std::shared_ptr<SimDevice> device_;
+
+    std::list<OpenFile> files_;  // the acceptor's, and the destructor's when that has ended
+    std::thread acceptor_;
 };
 
 }  // namespace jovusim

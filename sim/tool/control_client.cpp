@@ -10,9 +10,9 @@
 #include <cstring>
 #include <system_error>
 
+#include "bus/local_socket.h"
 #include "tool/control_name.h"
 #include "tool/exit_status.h"
-#include "tool/local_socket.h"
 
 namespace jovusim {
 

@@ -8,7 +8,7 @@
 #include <cerrno>
 #include <system_error>
 
-#include "tool/local_socket.h"
+#include "bus/local_socket.h"
 
 namespace jovusim {
 

@@ -1,4 +1,4 @@
-#include "tool/local_socket.h"
+#include "bus/local_socket.h"
 
 #include <sys/socket.h>
 
