@@ -20,7 +20,7 @@ case ${1:-} in
 esac
 
 build() {
-    cmake --preset release -DJOVU_BUILD_TESTS=OFF &&
+    cmake --preset release -DJOVU_BUILD_TESTS=OFF -DJOVU_BUILD_BENCH=OFF &&
         cmake --build build/release --parallel "$(nproc)" --target jovu-cli jovu-sim announce
 }
 if "$install"; then
