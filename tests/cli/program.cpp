@@ -151,9 +151,19 @@ void Program::close_reader() {
 }
 
 bool Program::writes(const std::string& text, std::chrono::milliseconds limit) {
+    return comes(text, false, limit);
+}
+
+bool Program::complains(const std::string& text, std::chrono::milliseconds limit) {
+    return comes(text, true, limit);
+}
+
+bool Program::comes(const std::string& text, bool on_error, std::chrono::milliseconds limit) {
     const auto deadline = Clock::now() + limit;
-    while (streams_->out_text.find(text) == std::string::npos) {
-        if (!streams_->out.valid() || Clock::now() > deadline) return false;
+    const std::string& written = on_error ? streams_->err_text : streams_->out_text;
+    const FileDescriptor& stream = on_error ? streams_->err : streams_->out;
+    while (written.find(text) == std::string::npos) {
+        if (!stream.valid() || Clock::now() > deadline) return false;
         streams_->pump();
     }
     return true;

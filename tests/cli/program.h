@@ -39,6 +39,9 @@ public:
     /// Waits until the standard output holds a text. Returns whether it came.
     bool writes(const std::string& text, std::chrono::milliseconds limit = kPatience);
 
+    /// Likewise the standard error.
+    bool complains(const std::string& text, std::chrono::milliseconds limit = kPatience);
+
     /// Waits for the program's end.
     /// @return its exit status, or -signal, or -1000 when it does not end.
     int finish();
@@ -48,6 +51,8 @@ public:
     const std::string& err() const;
 
 private:
+    bool comes(const std::string& text, bool on_error, std::chrono::milliseconds limit);
+
     struct Streams;
     std::unique_ptr<Streams> streams_;
     pid_t pid_ = -1;

@@ -8,6 +8,7 @@
 #include "commands.h"
 #include "firmware_commands.h"
 #include "session.h"
+#include "session_lease.h"
 #include "value_text.h"
 
 namespace jovu_cli {
@@ -15,7 +16,8 @@ namespace jovu_cli {
 void run_call(const Context& context, const CallOptions& options) {
     const FirmwareCommand& command = firmware_command(options.name);
     const Json arguments = read_arguments(command, options.arguments);
-    Session session(context.options, context.stop, {});
+    const SessionLease lease(context, Interest{});
+    Session& session = lease.session();
     const JovuDeviceAddress address = session.pick_device();
     const Json result = session.exchange(
         address, options.name, [&] { return command.call(session.client(), address, arguments); });

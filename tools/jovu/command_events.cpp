@@ -9,6 +9,7 @@
 #include "commands.h"
 #include "printable.h"
 #include "session.h"
+#include "session_lease.h"
 #include "timestamp.h"
 
 namespace jovu_cli {
@@ -73,7 +74,8 @@ void report_lost(Inbox& inbox) {
 }  // namespace
 
 void run_events(const Context& context, const EventOptions& options) {
-    Session session(context.options, context.stop, Interest{false, true});
+    const SessionLease lease(context, Interest{false, true});
+    Session& session = lease.session();
     const JovuDeviceAddress address = session.pick_device();
     const auto end =
         options.limit ? Inbox::Clock::now() + *options.limit : Inbox::Clock::time_point::max();

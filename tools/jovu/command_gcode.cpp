@@ -13,6 +13,7 @@
 #include "gcode_source.h"
 #include "printable.h"
 #include "session.h"
+#include "session_lease.h"
 
 namespace jovu_cli {
 namespace {
@@ -75,7 +76,8 @@ Failure refusal(const GcodeLine& line, std::uint32_t result) {
 
 void run_gcode(const Context& context, const GcodeOptions& options) {
     const std::unique_ptr<GcodeSource> source = make_source(options, context.stop);
-    Session session(context.options, context.stop, Interest{false, true});
+    const SessionLease lease(context, Interest{false, true});
+    Session& session = lease.session();
     const JovuDeviceAddress address = session.pick_device();
     std::size_t sent = 0;
     std::size_t refused = 0;

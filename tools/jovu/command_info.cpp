@@ -8,11 +8,13 @@
 #include "printable.h"
 #include "report_text.h"
 #include "session.h"
+#include "session_lease.h"
 
 namespace jovu_cli {
 
 void run_info(const Context& context) {
-    Session session(context.options, context.stop, Interest{true, false});
+    const SessionLease lease(context, Interest{true, false});
+    Session& session = lease.session();
     const JovuDeviceAddress address = session.pick_device();
     const Identity identity = read_identity(session, address);
     const StatusReport report = session.request_status(address);

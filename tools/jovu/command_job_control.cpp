@@ -7,13 +7,15 @@
 #include "commands.h"
 #include "report_text.h"
 #include "session.h"
+#include "session_lease.h"
 
 namespace jovu_cli {
 namespace {
 
 /// Sends the request, which is not answered, and shows the state that the device is in then.
 void run(const Context& context, const char* name, void (Client::*request)(JovuDeviceAddress)) {
-    Session session(context.options, context.stop, Interest{true, false});
+    const SessionLease lease(context, Interest{true, false});
+    Session& session = lease.session();
     const JovuDeviceAddress address = session.pick_device();
     session.send(address, name, [&] { (session.client().*request)(address); });
     const StatusReport report = session.request_status(address);

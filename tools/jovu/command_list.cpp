@@ -13,6 +13,7 @@
 #include "identity.h"
 #include "printable.h"
 #include "session.h"
+#include "session_lease.h"
 
 namespace jovu_cli {
 namespace {
@@ -124,7 +125,8 @@ void print(Output& out, const std::vector<Entry>& entries, const std::vector<Not
 }  // namespace
 
 void run_list(const Context& context) {
-    Session session(context.options, context.stop, {});
+    const SessionLease lease(context, Interest{});
+    Session& session = lease.session();
     const std::vector<JovuDeviceAddress> devices = session.find_devices();
     const std::vector<Entry> entries = ask_all(session, devices);
     context.stop.throw_if_stopped();

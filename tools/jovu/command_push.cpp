@@ -14,6 +14,7 @@
 #include "push_reporter.h"
 #include "report_text.h"
 #include "session.h"
+#include "session_lease.h"
 
 namespace jovu_cli {
 namespace {
@@ -218,7 +219,8 @@ void follow(const Context& context, Session& session, JovuDeviceAddress address,
 
 void run_push(const Context& context, const PushOptions& options) {
     const std::uint64_t size = check_job_file(options.file);
-    Session session(context.options, context.stop, Interest{true, false});
+    const SessionLease lease(context, Interest{true, false});
+    Session& session = lease.session();
     const JovuDeviceAddress address = session.pick_device();
     const StatusReport before = session.request_status(address);
     check_free(address, before);

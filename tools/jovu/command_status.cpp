@@ -11,6 +11,7 @@
 #include "printable.h"
 #include "report_text.h"
 #include "session.h"
+#include "session_lease.h"
 
 namespace jovu_cli {
 namespace {
@@ -67,7 +68,8 @@ void watch(const Context& context, Session& session, JovuDeviceAddress address,
 }  // namespace
 
 void run_status(const Context& context, const StatusOptions& options) {
-    Session session(context.options, context.stop, Interest{true, false});
+    const SessionLease lease(context, Interest{true, false});
+    Session& session = lease.session();
     const JovuDeviceAddress address = session.pick_device();
     if (options.watch) {
         watch(context, session, address, options.interval);

@@ -98,6 +98,29 @@ Run define_call(CLI::App& app) {
     return [options](const Context& context) { run_call(context, *options); };
 }
 
+Run define_trace(CLI::App& app) {
+    const auto options = std::make_shared<TraceOptions>();
+    app.add_option("SERVO", options->servo, "The servo, by its number")->type_name("")->required();
+    add_seconds_option(app, "-s,--seconds", options->limit, "Stop after this time");
+    app.add_option("--csv", options->csv, "Write the samples to a file")->type_name("FILE");
+    app.add_option("--plot", options->plot, "Draw them as a PNG image; needs gnuplot")
+        ->type_name("FILE");
+    app.add_option_function<std::string>(
+           "--move",
+           [options](const std::string& text) {
+               options->distance = parse_float(text);
+               if (!options->distance) {
+                   throw CLI::ValidationError("not a distance: " + text);
+               }
+           },
+           "Move by that far, in client units, once it is traced")
+        ->type_name("DISTANCE");
+    app.footer(
+        "Records until Ctrl-C when no time is given. The tracing is switched off at the end,\n"
+        "whatever the end is. Samples that are missing are counted and told.");
+    return [options](const Context& context) { run_trace(context, *options); };
+}
+
 }  // namespace
 
 const std::vector<Command>& command_table() {
@@ -112,6 +135,7 @@ const std::vector<Command>& command_table() {
         {"events", "Print what a device reports of its own accord", define_events},
         {"commands", "List the firmware's commands", define_commands},
         {"call", "Call any of the firmware's commands", define_call},
+        {"trace", "Record what a servo does", define_trace},
     };
     return table;
 }

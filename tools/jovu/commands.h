@@ -4,6 +4,7 @@
 #pragma once
 
 #include <chrono>
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <vector>
@@ -14,11 +15,14 @@
 
 namespace jovu_cli {
 
+class Session;
+
 /// What every command is given to run with.
 struct Context {
     const CommonOptions& options;
     Output& out;
     StopSource& stop;
+    Session* session = nullptr;  ///< The link of the shell that the command runs in, if it does.
 };
 
 struct StatusOptions {
@@ -50,6 +54,14 @@ struct CallOptions {
     std::vector<std::string> arguments;  ///< KEY=VALUE each.
 };
 
+struct TraceOptions {
+    std::int16_t servo = 0;
+    std::optional<std::chrono::milliseconds> limit;
+    std::string csv;                ///< File for the samples; none when empty.
+    std::string plot;               ///< File for the drawing; none when empty.
+    std::optional<float> distance;  ///< Of a move, in client units.
+};
+
 /// @name The commands
 /// Each returns when it has succeeded.
 /// @throws Failure when it has not.
@@ -64,6 +76,7 @@ void run_abort(const Context& context);
 void run_events(const Context& context, const EventOptions& options);
 void run_commands(const Context& context, const CommandsOptions& options);
 void run_call(const Context& context, const CallOptions& options);
+void run_trace(const Context& context, const TraceOptions& options);
 /// @}
 
 }  // namespace jovu_cli

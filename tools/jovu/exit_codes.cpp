@@ -6,7 +6,8 @@ namespace jovu_cli {
 
 const std::array<ExitCodeRow, 10> exit_code_table{{
     {ExitCode::ok, "done"},
-    {ExitCode::failure, "the USB link could not be started, or an internal error"},
+    {ExitCode::failure,
+     "the USB link or a needed program could not be started, or an internal error"},
     {ExitCode::usage, "wrong usage: unknown command or option, or a bad value"},
     {ExitCode::no_device,
      "no device: none attached, none that can be opened, or not the one asked for"},

@@ -1,6 +1,12 @@
 #include "inbox.h"
 
+#include <sys/eventfd.h>
+#include <unistd.h>
+
 #include <algorithm>
+#include <cerrno>
+#include <cstdint>
+#include <system_error>
 #include <utility>
 
 namespace jovu_cli {
@@ -21,29 +27,75 @@ bool is_link_notice(const Notice& notice) {
 
 }  // namespace
 
+bool Inbox::Queue::put(Notice&& notice) {
+    const std::size_t size = text_size(notice);
+    const bool full = notices.size() >= max_waiting || bytes + size > max_waiting_bytes;
+    if (full && !is_link_notice(notice)) {
+        return false;
+    }
+    bytes += size;
+    notices.push_back(std::move(notice));
+    return true;
+}
+
+std::optional<Notice> Inbox::Queue::take() {
+    if (notices.empty()) {
+        return std::nullopt;
+    }
+    Notice notice = std::move(notices.front());
+    notices.pop_front();
+    bytes -= text_size(notice);
+    return notice;
+}
+
 Inbox::Inbox(StopSource& stop, Interest interest)
-    : stop_(stop), interest_(interest), wake_(stop, [this](Stop) {
+    : stop_(stop),
+      interest_(interest),
+      aside_event_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
+      wake_(stop, [this](Stop) {
           // The state changed without the lock; taking it keeps the wake-up from falling between
           // a waiter's check and its wait.
           { const std::lock_guard<std::mutex> lock(mutex_); }
           changed_.notify_all();
-      }) {}
+      }) {
+    if (!aside_event_.valid()) {
+        throw std::system_error(errno, std::generic_category(), "eventfd");
+    }
+}
+
+void Inbox::begin(Interest interest) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    interest_ = interest;
+    waiting_ = {};
+    lost_ = 0;
+}
+
+void Inbox::keep_aside(bool keep) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    keep_aside_ = keep;
+}
 
 void Inbox::post(Notice notice) {
-    if (!wanted(notice)) {
-        return;
-    }
-    const std::size_t size = text_size(notice);
+    ++posted_;
     {
         const std::lock_guard<std::mutex> lock(mutex_);
-        const bool full =
-            waiting_.size() >= max_waiting || waiting_bytes_ + size > max_waiting_bytes;
-        if (full && !is_link_notice(notice)) {
+        if (std::holds_alternative<Connected>(notice.what) &&
+            std::find(announced_.begin(), announced_.end(), notice.address) == announced_.end()) {
+            announced_.push_back(notice.address);
+        }
+        const bool aside = keeps_aside(notice);
+        if (!aside && !wanted(notice)) {
+            return;
+        }
+        if (!(aside ? aside_ : waiting_).put(std::move(notice))) {
             ++lost_;
             return;
         }
-        waiting_bytes_ += size;
-        waiting_.push_back(std::move(notice));
+        if (aside) {
+            const std::uint64_t one = 1;
+            (void)!write(aside_event_.get(), &one, sizeof one);
+            return;
+        }
     }
     changed_.notify_one();
 }
@@ -52,19 +104,31 @@ std::optional<Notice> Inbox::next(Clock::time_point deadline) {
     std::unique_lock<std::mutex> lock(mutex_);
     const auto stopped = [this] { return stop_.state() != Stop::none; };
     const bool ready =
-        changed_.wait_until(lock, deadline, [&] { return stopped() || !waiting_.empty(); });
+        changed_.wait_until(lock, deadline, [&] { return stopped() || !waiting_.notices.empty(); });
     if (!ready || stopped()) {
         return std::nullopt;
     }
-    return take();
+    return waiting_.take();
 }
 
 std::optional<Notice> Inbox::poll() {
     const std::lock_guard<std::mutex> lock(mutex_);
-    if (waiting_.empty()) {
-        return std::nullopt;
+    return waiting_.take();
+}
+
+std::optional<Notice> Inbox::poll_aside() {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    std::optional<Notice> notice = aside_.take();
+    if (aside_.notices.empty()) {
+        std::uint64_t count = 0;
+        (void)!read(aside_event_.get(), &count, sizeof count);
     }
-    return take();
+    return notice;
+}
+
+std::vector<JovuDeviceAddress> Inbox::announced() {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    return announced_;
 }
 
 void Inbox::drop_reports() {
@@ -72,7 +136,8 @@ void Inbox::drop_reports() {
     const auto is_report = [](const Notice& notice) {
         return std::holds_alternative<StatusReport>(notice.what);
     };
-    waiting_.erase(std::remove_if(waiting_.begin(), waiting_.end(), is_report), waiting_.end());
+    auto& notices = waiting_.notices;
+    notices.erase(std::remove_if(notices.begin(), notices.end(), is_report), notices.end());
 }
 
 std::size_t Inbox::take_lost() {
@@ -87,11 +152,10 @@ bool Inbox::wanted(const Notice& notice) const {
     return is_link_notice(notice) || interest_.events;
 }
 
-std::optional<Notice> Inbox::take() {
-    Notice notice = std::move(waiting_.front());
-    waiting_.pop_front();
-    waiting_bytes_ -= text_size(notice);
-    return notice;
+bool Inbox::keeps_aside(const Notice& notice) const {
+    const bool is_event =
+        !is_link_notice(notice) && !std::holds_alternative<StatusReport>(notice.what);
+    return keep_aside_ && is_event && !interest_.events;
 }
 
 }  // namespace jovu_cli

@@ -3,15 +3,19 @@
 /// them out.
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstddef>
+#include <cstdint>
 #include <deque>
 #include <mutex>
 #include <optional>
 #include <string>
 #include <variant>
+#include <vector>
 
+#include "file_descriptor.h"
 #include "jovu/device_address.h"
 #include "jovu/firmware_types.h"
 #include "jovu/job_interface.h"
@@ -35,8 +39,8 @@ struct Notice {
     std::variant<Connected, Disconnected, DebugText, servo_trace_msg, StatusReport> what;
 };
 
-/// Which notices a command wants; what nobody wants is dropped at the door. Connects and
-/// disconnects always come.
+/// Which notices a command wants; what nobody wants is dropped at the door, or kept aside. Connects
+/// and disconnects always come.
 struct Interest {
     bool reports = false;  ///< StatusReport
     bool events = false;   ///< DebugText and servo_trace_msg
@@ -48,6 +52,13 @@ public:
     using Clock = std::chrono::steady_clock;
 
     Inbox(StopSource& stop, Interest interest);
+
+    /// Begins with another command: forgets what waits for the one before it.
+    void begin(Interest interest);
+
+    /// Whether events that no command wants are kept aside, for whoever shows them between the
+    /// commands, rather than dropped. Not at first.
+    void keep_aside(bool keep);
 
     /// Puts in a notice. When as much is waiting as the inbox holds, reports and events are
     /// counted and dropped: blocking here would stop all reception from all devices.
@@ -66,17 +77,42 @@ public:
     /// @return number of notices lost since the last call because nobody took them out in time.
     std::size_t take_lost();
 
+    /// How many notices were put in so far, whatever became of them.
+    std::uint64_t posted() const noexcept { return posted_; }
+
+    /// Takes out the oldest event that was kept aside, if there is one.
+    std::optional<Notice> poll_aside();
+
+    /// A descriptor that is readable while something is kept aside. For poll(2) only.
+    int aside_fd() const noexcept { return aside_event_.get(); }
+
+    /// @return every address at which a device was announced, once.
+    std::vector<JovuDeviceAddress> announced();
+
 private:
+    /// Notices in their order, as many as may wait.
+    struct Queue {
+        bool put(Notice&& notice);
+        std::optional<Notice> take();
+
+        std::deque<Notice> notices;
+        std::size_t bytes = 0;  ///< Text in the notices.
+    };
+
     bool wanted(const Notice& notice) const;
-    std::optional<Notice> take();
+    bool keeps_aside(const Notice& notice) const;
 
     const StopSource& stop_;
-    const Interest interest_;
+    std::atomic<std::uint64_t> posted_{0};
     std::mutex mutex_;
     std::condition_variable changed_;
-    std::deque<Notice> waiting_;     ///< Protected by mutex_.
-    std::size_t waiting_bytes_ = 0;  ///< Text in waiting_. Protected by mutex_.
-    std::size_t lost_ = 0;           ///< Protected by mutex_.
+    Interest interest_;                         ///< Protected by mutex_.
+    Queue waiting_;                             ///< Protected by mutex_.
+    Queue aside_;                               ///< Protected by mutex_.
+    bool keep_aside_ = false;                   ///< Protected by mutex_.
+    std::size_t lost_ = 0;                      ///< Protected by mutex_.
+    std::vector<JovuDeviceAddress> announced_;  ///< Protected by mutex_.
+    FileDescriptor aside_event_;                ///< An eventfd, up while aside_ holds something.
     StopSource::Action wake_;
 };
 

@@ -1,6 +1,7 @@
 #include "options.h"
 
 #include <charconv>
+#include <cmath>
 #include <string_view>
 
 namespace jovu_cli {
@@ -51,6 +52,11 @@ std::optional<std::chrono::milliseconds> parse_seconds(const std::string& text) 
         return std::nullopt;
     }
     return std::chrono::milliseconds(static_cast<std::int64_t>(*seconds * 1000));
+}
+
+std::optional<float> parse_float(const std::string& text) {
+    const auto value = parse_number<float>(text);
+    return value && std::isfinite(*value) ? value : std::nullopt;
 }
 
 }  // namespace jovu_cli

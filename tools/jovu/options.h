@@ -33,6 +33,10 @@ std::string to_string(const std::vector<JovuDeviceAddress>& addresses);
 /// @return nothing for any other text.
 std::optional<std::chrono::milliseconds> parse_seconds(const std::string& text);
 
+/// Reads a number that is neither infinite nor out of a float's range.
+/// @return nothing for any other text.
+std::optional<float> parse_float(const std::string& text);
+
 /// A week: the longest time that an option takes.
 constexpr int max_seconds = 7 * 24 * 60 * 60;
 

@@ -43,6 +43,11 @@ Session::Session(const CommonOptions& options, StopSource& stop, Interest intere
                   "is USB available on this machine?");
 }
 
+void Session::begin(const CommonOptions& options, Interest interest) {
+    options_ = options;
+    inbox_.begin(interest);
+}
+
 std::vector<JovuDeviceAddress> Session::find_devices() {
     auto deadline = Inbox::Clock::now() + options_.wait_device.value_or(default_wait);
     bool found = false;
@@ -64,9 +69,7 @@ std::vector<JovuDeviceAddress> Session::find_devices() {
             found = true;
             deadline = std::min(deadline, Inbox::Clock::now() + default_wait);
         }
-        if (const std::optional<Notice> notice = inbox_.next(deadline)) {
-            note_announced(*notice);
-        } else {
+        if (!inbox_.next(deadline)) {  // Whatever comes is reason to look again.
             stop_.throw_if_stopped();
             return devices;
         }
@@ -100,9 +103,10 @@ bool Session::worth_waiting(const std::vector<JovuDeviceAddress>& usable, bool f
 /// The announced devices that are still there. The link's list alone is not enough: a device enters
 /// it a moment before it can be talked to.
 std::vector<JovuDeviceAddress> Session::usable_devices() {
+    const std::vector<JovuDeviceAddress> announced = inbox_.announced();
     std::vector<JovuDeviceAddress> devices;
     for (const JovuDeviceAddress address : client_.list_connected()) {
-        if (contains(announced_, address)) {
+        if (contains(announced, address)) {
             devices.push_back(address);
         }
     }
@@ -112,10 +116,8 @@ std::vector<JovuDeviceAddress> Session::usable_devices() {
     return devices;
 }
 
-void Session::note_announced(const Notice& notice) {
-    if (std::holds_alternative<Connected>(notice.what) && !contains(announced_, notice.address)) {
-        announced_.push_back(notice.address);
-    }
+bool Session::is_connected(JovuDeviceAddress address) const {
+    return contains(client_.list_connected(), address);
 }
 
 std::size_t Session::attached_controllers() {
@@ -145,9 +147,13 @@ void Session::throw_no_device() {
 }
 
 void Session::close_on_signal(JovuDeviceAddress address, Stop reason) {
-    if (reason != Stop::signal) {
-        return;
+    if (reason == Stop::signal) {
+        close(address);
     }
+}
+
+void Session::close(JovuDeviceAddress address) noexcept {
+    has_closed_ = true;
     try {
         client_.close(address);
     } catch (const JovuException&) {

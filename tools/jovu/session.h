@@ -2,7 +2,10 @@
 /// A command's link to the devices: which of them it talks to, and exchanges that Ctrl-C ends.
 #pragma once
 
+#include <atomic>
+#include <chrono>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "client.h"
@@ -11,6 +14,7 @@
 #include "jovu/exception.h"
 #include "options.h"
 #include "stop_source.h"
+#include "watchdog.h"
 
 namespace jovu_cli {
 
@@ -36,6 +40,8 @@ public:
     /// Starts the link.
     /// @throws Failure when it cannot be started.
     Session(const CommonOptions& options, StopSource& stop, Interest interest);
+    /// Begins with another command, on the same link. What the one before left is forgotten.
+    void begin(const CommonOptions& options, Interest interest);
     Session(const Session&) = delete;
     Session& operator=(const Session&) = delete;
 
@@ -43,6 +49,8 @@ public:
     Client& client() noexcept { return client_; }
     Inbox& inbox() noexcept { return inbox_; }
     const StopSource& stop() const noexcept { return stop_; }
+    /// Whether a device was closed to end an exchange with it. Only a new session opens it again.
+    bool has_closed() const noexcept { return has_closed_; }
 
     /// Waits until all that is attached is connected, or as long as the options say.
     /// @return what is connected then, in the order of the addresses; only the chosen device when
@@ -73,6 +81,24 @@ public:
         return result;
     }
 
+    /// Makes one exchange whose outcome must be known, and that is made also when the program is to
+    /// end. The device is closed when it does not answer within the limits; what it sends
+    /// otherwise is a sign of life.
+    /// @throws Failure as exchange().
+    template <class Call>
+    void finish_exchange(JovuDeviceAddress address, const std::string& name,
+                         Watchdog::Limits limits, Call call) {
+        const auto alive = [this, seen = inbox_.posted()]() mutable {
+            return std::exchange(seen, inbox_.posted()) != inbox_.posted();
+        };
+        const Watchdog watchdog(stop_, limits, alive, [this, address] { close(address); });
+        call();
+        check_exchange(address, name);
+    }
+
+    /// Whether a device is there and open.
+    bool is_connected(JovuDeviceAddress address) const;
+
     /// Makes a call that sends on the job channel, where nothing is answered.
     /// @param name what is sent, for the message.
     /// @throws Failure exchange_failed when @p call threw a JovuException, or interrupted.
@@ -97,15 +123,15 @@ public:
 private:
     bool worth_waiting(const std::vector<JovuDeviceAddress>& usable, bool found);
     std::vector<JovuDeviceAddress> usable_devices();
-    void note_announced(const Notice& notice);
     std::size_t attached_controllers();
     void close_on_signal(JovuDeviceAddress address, Stop reason);
+    void close(JovuDeviceAddress address) noexcept;
     void check_exchange(JovuDeviceAddress address, const std::string& name) const;
 
-    const CommonOptions options_;
+    CommonOptions options_;
     StopSource& stop_;
     Inbox inbox_;
-    std::vector<JovuDeviceAddress> announced_;  ///< Every address that was announced, once.
+    std::atomic<bool> has_closed_{false};
     Client client_;
 };
 

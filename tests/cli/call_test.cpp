@@ -1,0 +1,121 @@
+/// @file
+/// Every command of the firmware, called by name.
+#include <map>
+
+#include "cli_test.h"
+
+namespace test {
+namespace {
+
+using nlohmann::json;
+using testing::HasSubstr;
+
+/// A value of the kind that an argument has.
+std::string example(const json& argument) {
+    const std::string kind = argument["kind"];
+    if (kind == "structure") return "{}";
+    if (kind == "text") return argument.contains("size") ? "net" : "G28";
+    return kind == "buffer" ? "1,2" : "1";
+}
+
+bool fits(const json& value, const json& type) {
+    const std::string kind = type["kind"];
+    if (kind == "nothing") return value.is_null();
+    if (kind == "boolean") return value.is_boolean();
+    if (kind == "integer") {
+        return value.is_number_integer() && value >= type["lowest"] && value <= type["highest"];
+    }
+    if (kind == "number") return value.is_number();
+    if (kind == "text" || kind == "bytes") return value.is_string();
+    if (kind != "structure" || value.size() != type["members"].size()) return false;
+    for (const json& member : type["members"]) {
+        if (!fits(value[member["key"].get<std::string>()], member)) return false;
+    }
+    return true;
+}
+
+TEST(Call, ReachesTheDeviceWithEveryCommand) {
+    const json commands = json::parse(jovu({"commands", "--json"}).out);
+    ASSERT_EQ(commands.size(), 68U);
+    std::map<std::string, int> calls;
+    // The device leaves the bus for these.
+    const std::vector<std::string> last = {"Enter_dfu_mode", "Reset_printer"};
+    const JovuDeviceAddress device = plug();
+    for (const json& command : commands) {
+        const std::string name = command["name"];
+        if (std::count(last.begin(), last.end(), name) != 0) continue;
+        std::vector<std::string> words{"call", name, "--json"};
+        for (const json& argument : command["arguments"]) {
+            words.push_back(argument["key"].get<std::string>() + "=" + example(argument));
+        }
+        const Ended ended = jovu(words);
+        ASSERT_EQ(ended.status, 0) << name << ": " << ended.err;
+        const json answer = json::parse(ended.out);
+        EXPECT_EQ(answer["index"], command["index"]);
+        EXPECT_TRUE(fits(answer["result"], command["result"])) << name << ": " << answer;
+        EXPECT_EQ(requests(device, name), 1) << name;
+    }
+    EXPECT_EQ(complaints(device), 0) << stats(device)["complaints"];
+    for (const std::string& name : last) {
+        const Ended ended = jovu({"call", name});
+        EXPECT_THAT(ended.status, testing::AnyOf(0, 5)) << ended.err;
+        sim("replug " + test::name(device));
+    }
+}
+
+TEST(Call, ReadsBackWhatItHasWritten) {
+    const JovuDeviceAddress device = plug();
+    const auto result = [](const std::vector<std::string>& words) {
+        const Ended ended = jovu(words);
+        EXPECT_EQ(ended.status, 0) << ended.err;
+        return json::parse(ended.out)["result"];
+    };
+    json config = result({"call", "servo_dc_config_get", "servo_name=0", "--json"});
+    EXPECT_EQ(jovu({"call", "servo_dc_config_set", "servo_name=0", "config=" + config.dump(),
+                    "config.gains.kp=0.1", "config.pwm_cap=900"})
+                  .out,
+              "done\n");
+    config["gains"]["kp"] = 0.1;
+    config["pwm_cap"] = 900;
+    EXPECT_EQ(result({"call", "servo_dc_config_get", "servo_name=0", "--json"}), config);
+
+    json wifi = result({"call", "wifi_client_get_configuration", "interface_t=0", "--json"});
+    EXPECT_THAT(wifi["hdw_config"]["mac_address"].get<std::string>(),
+                testing::MatchesRegex("([0-9a-f][0-9a-f]:)+[0-9a-f][0-9a-f]"));
+    EXPECT_EQ(jovu({"call", "wifi_set_auto_connect_ssid_configuration_item", "interface_t=0",
+                    "auto_connect_ssid=caf\xC3\xA9"})
+                  .status,
+              0);
+    const Ended shown = jovu({"call", "wifi_client_get_configuration", "interface_t=0"});
+    EXPECT_THAT(shown.out, HasSubstr("\nifc_config.auto_connect_ssid     caf\xC3\xA9\n"));
+    EXPECT_EQ(complaints(device), 0);
+}
+
+TEST(Call, SendsNothingThatIsWrong) {
+    const JovuDeviceAddress device = plug();
+    for (const std::vector<std::string>& words :
+         {std::vector<std::string>{"call", "gpio_get_raw", "gpio=-1"},
+          {"call", "gpio_get_rww", "gpio=1"},
+          {"call"},
+          {"commands", "gpio"}}) {
+        const Ended ended = jovu(words);
+        EXPECT_EQ(ended.status, 2) << ended.err;
+        EXPECT_EQ(ended.out, "");
+    }
+    EXPECT_EQ(stats(device)["opens"], 0) << "the device was not even looked for";
+    EXPECT_THAT(jovu({"commands", "ui_led"}).out,
+                HasSubstr("on_count   short     -32768 to 32767\n"));
+}
+
+TEST(Call, IsInterrupted) {
+    const JovuDeviceAddress device = plug();
+    sim("fault " + name(device) + " silent always");
+    Program program({"call", "heater_turn_on"});
+    ASSERT_TRUE(eventually([&] { return requests(device, "heater_turn_on") == 1; }));
+    program.signal(SIGINT);
+    EXPECT_EQ(program.finish(), 130);
+    EXPECT_THAT(program.err(), HasSubstr("heater_turn_on may or may not have been carried out"));
+}
+
+}  // namespace
+}  // namespace test

@@ -1,0 +1,149 @@
+/// @file
+/// The recording of servo traces.
+#include <sys/stat.h>
+
+#include <csignal>
+#include <filesystem>
+
+#include "cli_test.h"
+
+namespace test {
+namespace {
+
+using nlohmann::json;
+using testing::HasSubstr;
+using testing::StartsWith;
+
+/// A sample as the firmware sends it.
+std::string sample(int servo, unsigned count, int commanded, int position) {
+    const json args = {{"msg",
+                        {{"servo_name", servo},
+                         {"servo_state", 2},
+                         {"int_cnt", count},
+                         {"pos_cmd", commanded},
+                         {"pos", position},
+                         {"pwm", -7},
+                         {"padout_dist", 8}}}};
+    return json{{"transport", {{"attrs", {"request", "oneway"}}, {"id", 7}}},
+                {"data", {{"event", {{"name", "servo_dc_trace_event"}, {"args", args}}}}}}
+        .dump();
+}
+
+std::string content(const std::string& path) {
+    std::ifstream file(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), {}};
+}
+
+/// Device, files that a trace writes, and what is known of the device's servos.
+class Trace : public testing::Test {
+protected:
+    /// Whether the device has been told, lastly, to trace no more.
+    bool switched_off() const {
+        return requests(device_, "servo_dc_trace_enable") == 2 && !traced(0);
+    }
+    bool traced(std::size_t servo) const {
+        return stats(device_)["machine"]["servos"][servo]["traced"].get<bool>();
+    }
+
+    const JovuDeviceAddress device_ = plug();
+    const TemporaryFile csv_{"trace.csv", "old"};
+    const TemporaryFile plot_{"trace's plot.png", "old"};
+};
+
+TEST_F(Trace, IsWrittenAndDrawnAndSummedUp) {
+    const Ended ended = jovu({"trace", "1", "--seconds", "1", "--move", "30", "--csv", csv_.path(),
+                              "--plot", plot_.path(), "--json"});
+    EXPECT_EQ(ended.status, 0) << ended.err;
+    const json summary = json::parse(ended.out);
+    EXPECT_EQ(summary["name"], "Y");
+    EXPECT_GT(summary["samples"], 500);
+    EXPECT_EQ(summary["gaps"], 0);
+    EXPECT_EQ(summary["lost"], 0);
+    EXPECT_NEAR(summary["position"]["highest"].get<int>(), 6000, 100) << "30 mm";
+    EXPECT_GT(summary["following_error"]["largest"], 0);
+
+    const std::string rows = content(csv_.path());
+    EXPECT_THAT(rows, StartsWith("int_cnt,time_s,servo_name,servo_state,pos_cmd,pos,pwm,"
+                                 "padout_dist\n"));
+    EXPECT_EQ(std::count(rows.begin(), rows.end(), '\n'), 1 + summary["samples"].get<int>());
+    EXPECT_THAT(rows, HasSubstr(",0.000,1,"));
+    EXPECT_THAT(content(plot_.path()), StartsWith("\x89PNG\r\n"));
+    EXPECT_GT(content(plot_.path()).size(), 20000U);
+    EXPECT_FALSE(std::filesystem::exists(csv_.path() + ".part"));
+    EXPECT_FALSE(std::filesystem::exists(plot_.path() + ".part"));
+    EXPECT_TRUE(switched_off());
+    EXPECT_EQ(complaints(device_), 0);
+}
+
+TEST_F(Trace, TellsWhatIsMissing) {
+    Program program({"trace", "3", "--csv", csv_.path(), "--json"});
+    // Without a move of its own the device is to send only what is told here.
+    ASSERT_TRUE(eventually([&] { return traced(3); }));
+    sim("frame " + name(device_) + " " + sample(7, 50, 0, 0));
+    for (const unsigned count : {4294900000U, 4294900001U, 4294900005U, 4294900005U}) {
+        sim("frame " + name(device_) + " " + sample(3, count, -2000000000, 2000000000));
+    }
+    sim("event " + name(device_) + " the end");
+    ASSERT_TRUE(program.complains("prints: the end"));
+    program.signal(SIGINT);
+    EXPECT_EQ(program.finish(), 130);
+    const json summary = json::parse(program.out());
+    EXPECT_THAT(content(csv_.path()),
+                testing::ContainsRegex("\n4294900000,[0-9.]+,3,2,-2000000000,2000000000,-7,8\n"));
+    EXPECT_GE(summary["missing"], 3);
+    EXPECT_GE(summary["restarts"], 1);
+    EXPECT_EQ(summary["following_error"]["largest"], -4000000000);
+    EXPECT_THAT(program.err(), HasSubstr("the trace has gaps: "));
+    EXPECT_FALSE(traced(3));
+}
+
+TEST_F(Trace, IsSwitchedOffOnEveryWayOut) {
+    for (const int signal : {SIGINT, SIGTERM}) {
+        Program program({"trace", "0", "--csv", csv_.path()});
+        ASSERT_TRUE(eventually([&] { return traced(0); }));
+        program.signal(signal);
+        EXPECT_EQ(program.finish(), 130);
+        EXPECT_FALSE(traced(0));
+    }
+    const Ended full = jovu({"trace", "0", "--csv", "/dev/full", "--seconds", "0.2"});
+    EXPECT_EQ(full.status, 7);
+    EXPECT_THAT(full.err, HasSubstr("cannot write /dev/full: No space left on device"));
+    EXPECT_FALSE(traced(0));
+
+    const Ended refused = jovu({"trace", "0", "--move", "5000", "--seconds", "9"});
+    EXPECT_EQ(refused.status, 6);
+    EXPECT_THAT(refused.err, HasSubstr(name(device_) + " refused the move with result 3"));
+    EXPECT_FALSE(traced(0));
+}
+
+TEST_F(Trace, KeepsWhatItHasWhenTheDeviceGoes) {
+    Program program({"trace", "0", "--csv", csv_.path()});
+    ASSERT_TRUE(eventually([&] { return stats(device_)["message"]["events"] > 100; }));
+    sim("unplug " + name(device_));
+    EXPECT_EQ(program.finish(), 5);
+    EXPECT_THAT(program.err(),
+                HasSubstr(name(device_) + " is gone: there is no tracing to switch off"));
+    EXPECT_THAT(program.err(), HasSubstr("what was recorded until then is in " + csv_.path()));
+    EXPECT_EQ(content(csv_.path()), "old");
+    EXPECT_THAT(content(csv_.path() + ".part"), StartsWith("int_cnt,"));
+    std::filesystem::remove(csv_.path() + ".part");
+}
+
+TEST_F(Trace, IsNotBegunWhenItWouldBeInVain) {
+    const std::string nowhere = csv_.path() + "-missing/trace.csv";
+    EXPECT_EQ(jovu({"trace", "0", "--csv", nowhere}).status, 7);
+    EXPECT_EQ(jovu({"trace", "0", "--plot", testing::TempDir()}).status, 7);
+    const std::string path = std::getenv("PATH");
+    setenv("PATH", testing::TempDir().c_str(), 1);
+    const Ended ended = jovu({"trace", "0", "--plot", plot_.path()});
+    setenv("PATH", path.c_str(), 1);
+    EXPECT_EQ(ended.status, 1);
+    EXPECT_THAT(ended.err, HasSubstr("--plot needs gnuplot, which is not installed"));
+    EXPECT_EQ(requests(device_, "servo_dc_trace_enable"), 0);
+    EXPECT_EQ(jovu({"trace", "99", "--seconds", "0.1"}).status, 6) << "no such servo";
+    EXPECT_EQ(jovu({"trace", "99999"}).status, 2);
+    EXPECT_EQ(jovu({"trace", "0", "--move", "inf"}).status, 2);
+}
+
+}  // namespace
+}  // namespace test
