@@ -37,9 +37,10 @@ void MotionProfile::step(double seconds) {
     const double direction = way < 0 ? -1 : 1;
     const double before = velocity_ * direction;  // towards the target
 
-    // Close and slow enough to be there with this step.
-    if (left <= std::fabs(before) * seconds + limits_.decel * seconds * seconds &&
-        std::fabs(before) <= 2 * limits_.decel * seconds) {
+    // Close and slow enough to be there with this step. Less than a step of either ramp cannot be
+    // planned: the course would go to and fro about its end.
+    const double ramp = std::max(limits_.accel, limits_.decel) * seconds;
+    if (left <= (std::fabs(before) + ramp) * seconds && std::fabs(before) <= 2 * ramp) {
         accel_ = -velocity_ / seconds;
         velocity_ = 0;
         position_ = target_;

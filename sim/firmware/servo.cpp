@@ -15,6 +15,10 @@ constexpr double kLoopSeconds = 0.001;
 constexpr std::uint32_t kSettleLimit = 500;
 constexpr double kAtRest = 1.0;  ///< mm/s
 
+/// The last bit, in which friction is stronger than the loop, is crept, so far with each run.
+constexpr double kCreepWay = 0.02;    ///< mm
+constexpr double kCreepStep = 0.001;  ///< mm
+
 constexpr double kTuningWay = 10;  ///< mm to either side
 constexpr MotionLimits kTuning{80, 2000, 2000};
 constexpr std::uint32_t kTuningPause = 120;
@@ -209,8 +213,11 @@ void Servo::measure() {
 
 void Servo::settle() {
     const double error = profile_.position() - motor_.position();
-    const bool arrived =
-        to_native(std::fabs(error)) == 0 && std::fabs(motor_.velocity()) <= kAtRest;
+    const bool at_rest = std::fabs(motor_.velocity()) <= kAtRest;
+    if (at_rest && std::fabs(error) <= kCreepWay) {
+        motor_.creep(std::clamp(error, -kCreepStep, kCreepStep));
+    }
+    const bool arrived = at_rest && std::fabs(error) <= kCreepStep;
     if (!arrived && ++settling_ <= kSettleLimit) return;
     // One that cannot get there with its gains stays where it is.
     const double place = arrived ? profile_.position() : motor_.position();

@@ -61,7 +61,7 @@ enum ModifierType : std::uint32_t {
 /// A servo's configuration. Some of it is only kept for the host: the loop runs at 1 kHz always.
 struct ServoConfig {
     std::uint16_t interrupt_frequency = 1000;
-    ServoGains gains{280, 1500, 2.5, 0.03125, 1.875, 30};
+    ServoGains gains{280, 6000, 1.5, 0.03125, 1.875, 12};
     std::int32_t pwm_cap = 1000;
     std::uint32_t pwm_cap_time = 500;  ///< ms at the cap until it counts as stalled
     std::uint32_t units = 0;

@@ -9,7 +9,7 @@ namespace {
 
 constexpr double kDrive = 20;        ///< mm/s^2 for each step of PWM
 constexpr double kDrag = 40;         ///< mm/s^2 lost for each mm/s: the motor's own voltage
-constexpr double kFriction = 1000;   ///< mm/s^2
+constexpr double kFriction = 500;    ///< mm/s^2
 constexpr double kTakeUpSpeed = 40;  ///< mm/s of play
 constexpr double kFastest = 2000;    ///< mm/s
 constexpr double kIntegralLimit = 10;
@@ -33,6 +33,7 @@ void ServoMotor::set_play(double play, bool taken_up) {
 
 void ServoMotor::step(const ServoDemand& demand, const ServoGains& gains, double cap,
                       double seconds) {
+    turn(seconds);
     const double error = demand.position - position_;
     const double wanted = gains.kp * error + gains.ki * integral_ +
                           gains.kd * (demand.velocity - velocity_) +
@@ -43,7 +44,9 @@ void ServoMotor::step(const ServoDemand& demand, const ServoGains& gains, double
     if (!saturated_) {
         integral_ = std::clamp(integral_ + error * seconds, -kIntegralLimit, kIntegralLimit);
     }
+}
 
+void ServoMotor::turn(double seconds) {
     const int turning = sign(velocity_) != 0 ? sign(velocity_) : sign(pwm_);
     if (turning != 0 && turning != direction_) {
         if (direction_ != 0) play_left_ = play_ - play_left_;

@@ -26,11 +26,15 @@ struct ServoDemand {
 /// axis's, in millimetres. Its numbers stay finite whatever the gains are.
 class ServoMotor {
 public:
-    /// One run of the control loop. @param cap most of PWM either way
+    /// Time goes by; then the control loop reads the axis and sets the PWM.
+    /// @param cap most of PWM either way
     void step(const ServoDemand& demand, const ServoGains& gains, double cap, double seconds);
 
     /// At rest at that place, unpowered.
     void place(double position);
+
+    /// Moves a bit without the loop.
+    void creep(double way) { position_ += way; }
 
     /// Sets the play that the motor has to take up when it turns round, in mm.
     void set_play(double play, bool taken_up);
@@ -42,6 +46,8 @@ public:
     bool saturated() const { return saturated_; }
 
 private:
+    void turn(double seconds);
+
     double position_ = 0;
     double velocity_ = 0;
     double pwm_ = 0;

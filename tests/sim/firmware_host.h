@@ -2,7 +2,9 @@
 /// A host for tests of the firmware model: sends bytes, reads packets, moves the clock.
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -41,6 +43,32 @@ public:
         send(kMessageOut, framed(payload));
         return messages(read(kMessageIn));
     }
+
+    /// Sends a command and returns the body of its answer, as {"idx":..,"args":..,"__return__":..}.
+    /// Events that come before it are dropped.
+    Json call(const std::string& name, const std::string& args = "") {
+        const Command* command_row = find_command(name);
+        if (command_row == nullptr) throw std::runtime_error("no command " + name);
+        const auto answers = exchange(command(1, command_row->idx, name, args));
+        return answers.empty() ? Json() : answers.back()["data"]["command"];
+    }
+
+    /// The result of a command; null when it was refused.
+    Json result(const std::string& name, const std::string& args = "") {
+        const Json body = call(name, args);
+        return body.contains("__return__") ? body["__return__"] : Json();
+    }
+
+    /// Lets time go by as the bus does, in steps.
+    void wait(Millis span) {
+        const Millis end = now + span;
+        while (now < end) {
+            now = std::min(now + 10, end);
+            controller.tick(now);
+        }
+    }
+
+    Json machine() { return stats()["machine"]; }
 
     Json stats() { return controller.stats(now); }
     std::uint64_t complaints() { return stats()["complaints"]["count"]; }

@@ -1,0 +1,149 @@
+// The table of commands and the check of their arguments.
+#include <gtest/gtest.h>
+
+#include <map>
+
+#include "firmware_host.h"
+
+namespace jovusim::test {
+namespace {
+
+using Host = FirmwareHost;
+
+std::string repeated(int count, const std::string& value) {
+    std::string out = "[";
+    for (int i = 0; i < count; ++i)
+        out += (i > 0 ? "," : "") + value;
+    return out + "]";
+}
+
+/// An argument that fits a rule.
+std::string example(const Rule& rule) {
+    switch (rule.kind) {
+        case Rule::Kind::integer:
+            return std::to_string(rule.most);
+        case Rule::Kind::single:
+            return "0.10000000149011611938";
+        case Rule::Kind::real:
+            return "0.1";
+        case Rule::Kind::text:
+            return "[-23,0]";
+        case Rule::Kind::array:
+            return repeated(static_cast<int>(rule.count), example(*rule.element));
+        case Rule::Kind::object: {
+            std::string out = "{";
+            for (std::size_t i = 0; i < rule.count; ++i) {
+                out += (i > 0 ? ",\"" : "\"") + std::string(rule.members[i].key) +
+                       "\":" + example(*rule.members[i].rule);
+            }
+            return out + "}";
+        }
+    }
+    return "null";
+}
+
+const auto kFamilies = {identity_commands, gpio_commands,  gcode_commands,   heater_commands,
+                        wifi_commands,     servo_commands, storage_commands, system_commands};
+
+TEST(CommandTable, HasEveryIndexAndEveryNameOnce) {
+    std::map<int, std::string> by_idx;
+    std::map<std::string, int> by_name;
+    for (const auto family : kFamilies) {
+        for (const Command& command : family()) {
+            by_idx.emplace(command.idx, command.name);
+            by_name.emplace(command.name, command.idx);
+        }
+    }
+    EXPECT_EQ(by_idx.size(), 68U);
+    EXPECT_EQ(by_name.size(), 68U);
+    EXPECT_EQ(by_idx.begin()->first, 0);
+    EXPECT_EQ(by_idx.rbegin()->first, 67);
+}
+
+TEST(CommandTable, EveryCommandTakesArgumentsThatFitAndNoOthers) {
+    for (const auto family : kFamilies) {
+        for (const Command& command : family()) {
+            std::string args;
+            std::string swapped;
+            for (std::size_t i = 0; i < command.argument_count(); ++i) {
+                const Member& member = command.arguments[i];
+                const std::string one = '"' + std::string(member.key) + "\":";
+                args += (args.empty() ? "{" : ",") + one + example(*member.rule);
+                swapped = "," + one + example(*member.rule) + swapped;
+            }
+            Host host;
+            EXPECT_FALSE(host.result(command.name, args.empty() ? "" : args + "}").is_null())
+                << command.name;
+            EXPECT_EQ(host.complaints(), 0U) << command.name;
+            const std::string wrong = args.empty() ? "{}" : args + R"(,"more":1})";
+            EXPECT_TRUE(host.result(command.name, wrong).is_null()) << command.name;
+            if (command.argument_count() > 1) {
+                swapped[0] = '{';
+                EXPECT_TRUE(host.result(command.name, swapped + "}").is_null()) << command.name;
+            }
+        }
+    }
+}
+
+TEST(CommandRules, NameTheValueThatBreaksThem) {
+    const std::string key = repeated(64, "0");
+    const std::string gains = R"({"kp":1.0,"ki":1,"kd":1e-07,"ka":0,"kv":0,"kf":0})";
+    const auto connect = [](const std::string& value) {
+        return R"({"interface_t":0,"connect_t":)" + value + "}";
+    };
+    const auto config = [](const std::string& g) {
+        return R"({"servo_name":0,"config":{"interrupt_frequency":1000,"gains":)" + g + "}}";
+    };
+    const struct {
+        const char* name;
+        std::string args;
+        const char* complaint;  ///< part of it
+    } cases[] = {
+        {"gpio_output_set", R"({"pin":3,"value":true})", "\"value\" is true, no integer"},
+        {"gpio_output_set", R"({"pin":3,"value":2})", "\"value\" is 2, outside 0..1"},
+        {"gpio_output_set", R"({"pin":-1,"value":1})", "outside 0..4294967295"},
+        {"gpio_output_set", R"({"value":1,"pin":3})", "\"value\" in the place of \"pin\""},
+        {"servo_dc_name_str_get", R"({"servo_name":2147483648})", "outside -2147483648.."},
+        {"servo_dc_backlash_set", R"({"servo_name":0,"backlash_value":40000,"flush":0})",
+         "outside -32768..32767"},
+        {"wifi_client_scan_get", R"({"interface_t":0,"index":256})", "outside 0..255"},
+        {"heater_param_set", R"({"param_num":0,"param_val":0.1})", "which no float is"},
+        {"heater_param_set", R"({"param_num":0,"param_val":16777217})", "which no float is"},
+        {"heater_param_set", R"({"param_num":0,"param_val":1e39})", "which no float is"},
+        {"heater_param_get", R"({"param_num":0,"param_val":1.5})", "no array"},
+        {"heater_param_get", R"({"param_num":0,"param_val":[1.5,2.5]})", "has 2 elements, not 1"},
+        {"sd_mmc_write", R"({"offset":0,"buf":[-1],"length":1})",
+         "\"buf\"[0] is -1, outside 0..255"},
+        {"wifi_client_connect",
+         connect(R"({"ssid":)" + repeated(31, "0") + R"(,"key":)" + key + R"(,"timeout":1})"),
+         "\"connect_t\".ssid has 31 elements, not 32"},
+        {"wifi_client_connect",
+         connect(R"({"ssid":)" + repeated(32, "200") + R"(,"key":)" + key + R"(,"timeout":1})"),
+         ".ssid[0] is 200, outside -128..127"},
+        {"wifi_client_connect",
+         connect(R"({"key":)" + key + R"(,"ssid":)" + repeated(32, "0") + R"(,"timeout":1})"),
+         "has \"key\" in the place of \"ssid\""},
+        {"servo_dc_config_set", config(gains), "\"config\" lacks \"pwm_cap\""},
+        {"servo_dc_config_set", config("[1,2,3,4,5,6]"), ".gains is [1,2,3,4,5,6], no object"},
+    };
+    for (const auto& c : cases) {
+        Host host;
+        EXPECT_TRUE(host.result(c.name, c.args).is_null()) << c.complaint;
+        const auto complaints = host.controller.take_complaints();
+        ASSERT_FALSE(complaints.empty()) << c.complaint;
+        EXPECT_NE(complaints[0].find(c.complaint), std::string::npos) << complaints[0];
+    }
+}
+
+TEST(CommandRules, TakeAnyNumberForADouble) {
+    for (const char* target : {"0.1", "1", "1.0", "-0.0", "1e-07", "9.9999999999999995475e-08"}) {
+        EXPECT_FALSE(find_fault(Json::parse(target), kDouble)) << target;
+    }
+    for (const char* value : {"1", "1.0", "-0.0", "1e+20", "3.4028234663852885981e+38"}) {
+        const auto fault = find_fault(Json::parse(value), kFloat);
+        EXPECT_EQ(fault.has_value(), std::string(value) == "1e+20") << value;
+    }
+}
+
+}  // namespace
+}  // namespace jovusim::test
