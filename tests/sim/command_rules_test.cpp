@@ -87,7 +87,7 @@ TEST(CommandTable, EveryCommandTakesArgumentsThatFitAndNoOthers) {
 
 TEST(CommandRules, NameTheValueThatBreaksThem) {
     const std::string key = repeated(64, "0");
-    const std::string gains = R"({"kp":1.0,"ki":1,"kd":1e-07,"ka":0,"kv":0,"kf":0})";
+    const std::string gains = R"({"kp":1.0,"ki":1,"kd":1.5,"ka":0,"kv":0,"kf":0})";
     const auto connect = [](const std::string& value) {
         return R"({"interface_t":0,"connect_t":)" + value + "}";
     };
