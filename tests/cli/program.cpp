@@ -4,6 +4,7 @@
 #include <poll.h>
 #include <pty.h>
 #include <signal.h>
+#include <sys/ioctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -46,6 +47,7 @@ Pipe make_terminal() {
 Pipe make_output(Out out) {
     switch (out) {
         case Out::terminal:
+        case Out::console:
             return make_terminal();
         case Out::full_disk:
             return {FileDescriptor(), FileDescriptor(open("/dev/full", O_WRONLY | O_CLOEXEC))};
@@ -62,7 +64,12 @@ Pipe make_output(Out out) {
 }
 
 /// Runs in the child, between fork and exec, where only system calls may be made.
-[[noreturn]] void become(char* const* argv, int in, int out, int err) {
+[[noreturn]] void become(char* const* argv, int in, int out, int err, bool console) {
+    if (console) {
+        setsid();
+        ioctl(out, TIOCSCTTY, 0);
+        in = out;
+    }
     dup2(in, STDIN_FILENO);
     if (out >= 0) {
         dup2(out, STDOUT_FILENO);
@@ -119,9 +126,12 @@ Program::Program(const std::vector<std::string>& args, Out out)
     pid_ = fork();
     if (pid_ < 0) throw std::runtime_error("fork");
     if (pid_ == 0) {
-        become(argv.data(), input.read.get(), output.write.get(), errors.write.get());
+        become(argv.data(), input.read.get(), output.write.get(), errors.write.get(),
+               out == Out::console);
     }
-    streams_->in = std::move(input.write);
+    streams_->in = out == Out::console
+                       ? FileDescriptor(fcntl(output.read.get(), F_DUPFD_CLOEXEC, 0))
+                       : std::move(input.write);
     streams_->out = std::move(output.read);
     streams_->err = std::move(errors.read);
 }

@@ -17,6 +17,7 @@ namespace test {
 enum class Out {
     pipe,
     terminal,   ///< A pseudo-terminal of 80 columns that can move its cursor.
+    console,    ///< Likewise, which is the standard input, too, and where Ctrl-C comes from.
     closed,     ///< A pipe whose reader is gone.
     full_disk,  ///< /dev/full
     none,       ///< Not open at all.

@@ -121,6 +121,15 @@ Run define_trace(CLI::App& app) {
     return [options](const Context& context) { run_trace(context, *options); };
 }
 
+Run define_shell(CLI::App& app) {
+    app.footer(
+        "A line that begins with a dot is a command, as in '.status' or '.push FILE'; any other\n"
+        "line is gcode. '.help' lists the commands, Ctrl-D or '.quit' leaves, Ctrl-C abandons the\n"
+        "line or the command. When standard input is no terminal, lines are read without a prompt\n"
+        "up to the first failure, which is the exit code.");
+    return run_shell;
+}
+
 }  // namespace
 
 const std::vector<Command>& command_table() {
@@ -136,6 +145,7 @@ const std::vector<Command>& command_table() {
         {"commands", "List the firmware's commands", define_commands},
         {"call", "Call any of the firmware's commands", define_call},
         {"trace", "Record what a servo does", define_trace},
+        {"shell", "Talk to a device at a prompt", define_shell},
     };
     return table;
 }

@@ -77,6 +77,7 @@ void run_events(const Context& context, const EventOptions& options);
 void run_commands(const Context& context, const CommandsOptions& options);
 void run_call(const Context& context, const CallOptions& options);
 void run_trace(const Context& context, const TraceOptions& options);
+void run_shell(const Context& context);
 /// @}
 
 }  // namespace jovu_cli

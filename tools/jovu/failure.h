@@ -27,4 +27,7 @@ private:
     std::string hint_;
 };
 
+/// Prints the line of a failure on standard error, if it has one.
+void print_failure(const Failure& failure);
+
 }  // namespace jovu_cli

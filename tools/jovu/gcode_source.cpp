@@ -101,11 +101,18 @@ std::optional<std::string> StreamSource::next_raw() {
 
 /// Reads some more; waits for it, but not longer than until the program is to end.
 void StreamSource::fill() {
-    pollfd waited[] = {{fd_, POLLIN, 0}, {stop_->fd(), POLLIN, 0}};
+    pollfd waited[] = {
+        {fd_, POLLIN, 0}, {stop_->fd(), POLLIN, 0}, {side_.fd ? side_.fd() : -1, POLLIN, 0}};
     if (poll(waited, std::size(waited), -1) < 0) {
         return;
     }
     stop_->throw_if_stopped();
+    if (waited[2].revents != 0) {
+        side_.run();
+    }
+    if (waited[0].revents == 0) {
+        return;
+    }
     char bytes[read_size];
     const ssize_t count = read(fd_, bytes, sizeof bytes);
     if (count < 0 && errno != EINTR && errno != EAGAIN) {

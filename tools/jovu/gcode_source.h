@@ -3,8 +3,10 @@
 #pragma once
 
 #include <cstddef>
+#include <functional>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "file_descriptor.h"
@@ -59,15 +61,26 @@ public:
     static StreamSource open_file(const std::string& path, const StopSource& stop);
     static StreamSource standard_input(const StopSource& stop);
 
+    /// @return the next line as it stands, without its end; nothing at the end.
+    /// @throws Failure as next().
+    std::optional<std::string> next_raw() override;
+
+    /// What else is waited for while there is no input.
+    struct Side {
+        std::function<int()> fd;  ///< Descriptor that becomes readable.
+        std::function<void()> run;
+    };
+    void set_side(Side side) { side_ = std::move(side); }
+
 private:
     StreamSource(FileDescriptor owned, int fd, std::string name, const StopSource& stop);
-    std::optional<std::string> next_raw() override;
     void fill();
 
     FileDescriptor owned_;
     int fd_;
     std::string name_;
     const StopSource* stop_;
+    Side side_;
     std::string buffer_;
     bool at_end_ = false;
 };

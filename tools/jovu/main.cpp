@@ -8,7 +8,6 @@
 #include "failure.h"
 #include "jovu/exception.h"
 #include "output.h"
-#include "printable.h"
 #include "stop_source.h"
 
 namespace {
@@ -16,11 +15,7 @@ namespace {
 using namespace jovu_cli;
 
 int finish(const Failure& failure) {
-    const std::string what = failure.what();
-    if (!what.empty()) {
-        const std::string hint = failure.hint().empty() ? "" : " (" + failure.hint() + ")";
-        print_error("jovu: " + printable(what + hint));
-    }
+    print_failure(failure);
     return static_cast<int>(failure.code());
 }
 

@@ -60,7 +60,10 @@ void print_error(const std::string& line) {
 }
 
 Output::Output(const FileDescriptor& fd, const StopSource& stop, bool json)
-    : fd_(fd.get()), stop_(stop), json_(json), redraws_(!json && can_move_cursor(fd_)) {}
+    : Output(fd.get(), stop, json) {}
+
+Output::Output(int fd, const StopSource& stop, bool json)
+    : fd_(fd), stop_(stop), json_(json), redraws_(!json && can_move_cursor(fd_)) {}
 
 unsigned Output::columns() const {
     winsize size{};

@@ -32,6 +32,11 @@ public:
     /// @param fd must outlive this object, as must @p stop.
     Output(const FileDescriptor& fd, const StopSource& stop, bool json);
 
+    /// The same output, for JSON or for people.
+    Output with_json(bool json) const { return Output(fd_, stop_, json); }
+
+    /// For programs that write to a terminal themselves. Stays this object's.
+    int fd() const noexcept { return fd_; }
     /// Whether everything on the output is JSON.
     bool json() const noexcept { return json_; }
     /// Whether lines may be redrawn: a terminal that can move its cursor, and no JSON.
@@ -48,6 +53,7 @@ public:
     void raw(std::string_view bytes);
 
 private:
+    Output(int fd, const StopSource& stop, bool json);
     void wait_writable() const;
 
     int fd_;

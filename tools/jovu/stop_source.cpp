@@ -113,26 +113,67 @@ void StopSource::take_signal() {
         return;
     }
     const auto now = std::chrono::steady_clock::now();
+    const bool interrupt = info.ssi_signo == SIGINT;
+    const bool echo = interrupt && now - first_signal_ <= echo_time;
+    if (!interrupt) {
+        const std::lock_guard<std::mutex> lock(state_mutex_);
+        only_interrupts_ = false;
+    }
     if (state() != Stop::signal) {
-        first_signal_ = now;
-        stop(Stop::signal);
+        if (!echo) {
+            first_signal_ = now;
+            stop(Stop::signal);
+        }
     } else if (now - first_signal_ > echo_time) {
         _exit(static_cast<int>(ExitCode::interrupted));
     }
 }
 
-void StopSource::stop(Stop reason) {
-    // The thread is the only writer. A signal outweighs a reader that went away.
-    state_ = std::max(state(), reason);
-    raise_event(stopped_);
-    runners_.emplace_back([this, reason] { run_actions(reason); });
+bool StopSource::forgive_interrupt() {
+    const std::lock_guard<std::mutex> lock(state_mutex_);
+    if (state() != Stop::signal || !only_interrupts_ || output_closed_) {
+        return false;
+    }
+    state_ = Stop::none;
+    ++round_;
+    std::uint64_t count = 0;
+    (void)!read(stopped_.get(), &count, sizeof count);
+    return true;
 }
 
-void StopSource::run_actions(Stop reason) {
+void StopSource::stop(Stop reason) {
+    const unsigned now = round();
+    if (runners_round_ != now) {
+        // They have done their work, or find that there is none.
+        for (std::thread& runner : runners_) {
+            runner.join();
+        }
+        runners_.clear();
+        runners_round_ = now;
+    }
+    {
+        const std::lock_guard<std::mutex> lock(state_mutex_);
+        // A signal outweighs a reader that went away.
+        state_ = std::max(state(), reason);
+        output_closed_ = output_closed_ || reason == Stop::output_closed;
+        raise_event(stopped_);
+    }
+    runners_.emplace_back([this, reason, now] { run_actions(reason, now); });
+}
+
+void StopSource::run_actions(Stop reason, unsigned round_of_reason) {
     const std::lock_guard<std::mutex> lock(mutex_);
+    if (round() != round_of_reason) {
+        return;
+    }
     for (const auto& run : actions_) {
         run(reason);
     }
+}
+
+unsigned StopSource::round() {
+    const std::lock_guard<std::mutex> lock(state_mutex_);
+    return round_;
 }
 
 StopSource::Action::Action(StopSource& source, std::function<void(Stop)> run) : source_(source) {

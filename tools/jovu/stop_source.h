@@ -23,7 +23,7 @@ enum class Stop {
 
 /// Waits, on a thread of its own, for the reasons to end. Made before any other thread, because the
 /// signals must be blocked in all of them. A second signal, when the first has had time to work,
-/// ends the process at once.
+/// ends the process at once, unless the first one has been forgiven.
 class StopSource {
 public:
     /// Blocks the signals (but those that were ignored when the program started, as under nohup),
@@ -45,6 +45,11 @@ public:
     /// @throws Failure without a text: interrupted or output_closed.
     void throw_if_stopped() const;
 
+    /// Takes a Ctrl-C back, for a program that goes on after it: everything is as if it had not
+    /// been pressed.
+    /// @return false, having done nothing, when there is another reason to end.
+    bool forgive_interrupt();
+
     /// While one of these lives, its function is called, on a thread of its own, for each reason to
     /// end that comes up. Not for one that came up before: check state() after constructing.
     class Action {
@@ -65,16 +70,24 @@ private:
     void watch(int output_fd);
     void take_signal();
     void stop(Stop reason);
-    void run_actions(Stop reason);
+    void run_actions(Stop reason, unsigned round_of_reason);
+    unsigned round();
 
     std::atomic<Stop> state_{Stop::none};
     FileDescriptor signals_;
-    FileDescriptor stopped_;  ///< An eventfd, written once and never read.
-    FileDescriptor quit_;     ///< An eventfd that ends the thread.
-    std::mutex mutex_;        ///< Held while actions run: they may take any lock but this one.
+    FileDescriptor stopped_;       ///< An eventfd, up while there is a reason to end.
+    FileDescriptor quit_;          ///< An eventfd that ends the thread.
+    std::mutex state_mutex_;       ///< Held for moments, below all others; state_ changes under it.
+    bool output_closed_ = false;   ///< Protected by state_mutex_.
+    bool only_interrupts_ = true;  ///< No other signal than SIGINT. Protected by state_mutex_.
+    /// How often an interrupt was forgiven: actions for those before are not run any more.
+    /// Protected by state_mutex_.
+    unsigned round_ = 0;
+    std::mutex mutex_;  ///< Held while actions run: they may take any lock but this one.
     std::list<std::function<void(Stop)>> actions_;  ///< Protected by mutex_.
     /// Actions can take seconds, in which a second signal must be seen. Used by thread_ only.
     std::vector<std::thread> runners_;
+    unsigned runners_round_ = 0;  ///< To which the runners belong. Used by thread_ only.
     std::chrono::steady_clock::time_point first_signal_;  ///< Used by thread_ only.
     std::thread thread_;
 };

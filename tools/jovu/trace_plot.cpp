@@ -126,7 +126,7 @@ std::string TracePlot::script(const Title& title) const {
            "set border 3 lc rgb '#808080'\n"
            "set tics nomirror out textcolor rgb '#303030'\n"
            "set grid lc rgb '#e4e4e4' lt 1 lw 0.7\n"
-           "set key horizontal Left reverse samplen 2\n"
+           "set key horizontal Left reverse samplen 2 width 2\n"
            "set key at graph 1, graph 1.06 right bottom\n"
            "set lmargin at screen 0.085\n"
            "set rmargin at screen 0.975\n"

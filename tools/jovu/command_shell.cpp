@@ -1,0 +1,314 @@
+/// @file
+/// `jovu shell`: commands and lines of gcode at a prompt, over one link.
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "command_line.h"
+#include "commands.h"
+#include "event_text.h"
+#include "failure.h"
+#include "gcode_source.h"
+#include "jovu/exception.h"
+#include "line_editor.h"
+#include "near_names.h"
+#include "printable.h"
+#include "session.h"
+#include "words.h"
+
+namespace jovu_cli {
+namespace {
+
+/// So many events are shown between two looks at what is typed.
+constexpr int most_events_at_once = 100;
+
+/// The names of the program's commands that a shell runs too; one shell in another makes no sense.
+bool runs_in_shell(const std::string& name) {
+    return name != "shell" && name != "events";
+}
+
+class Shell {
+public:
+    explicit Shell(const Context& context)
+        : context_(context), options_(context.options), out_(context.out) {}
+
+    /// Reads from a terminal, until the end of its input or ".quit".
+    void run_interactive() {
+        LineEditor editor(out_, context_.stop, history_path(),
+                          {[this](const std::string& line) { return complete_line(line); },
+                           [this] { return side_fd(); }, [this] { show_events(); }});
+        greet();
+        while (!quit_) {
+            std::string line;
+            switch (editor.read(line)) {
+                case LineEditor::End::closed:
+                    return;
+                case LineEditor::End::interrupted:
+                    go_on();
+                    break;
+                case LineEditor::End::line:
+                    run_and_tell(line);
+                    break;
+            }
+        }
+    }
+
+    /// Reads from anywhere else, until the end of the input, ".quit" or the first failure.
+    void run_script() {
+        StreamSource source = StreamSource::standard_input(context_.stop);
+        source.set_side({[this] { return side_fd(); }, [this] { show_events(); }});
+        for (std::size_t number = 1; !quit_; ++number) {
+            const std::optional<std::string> line = source.next_raw();
+            if (!line) {
+                return;
+            }
+            try {
+                run(*line);
+            } catch (const Failure& failure) {
+                const std::string what = failure.what();
+                throw Failure(failure.code(),
+                              what.empty() ? what : "line " + std::to_string(number) + ": " + what,
+                              failure.hint());
+            }
+            show_events();
+        }
+    }
+
+private:
+    using Words = std::vector<std::string>;
+
+    /// A command that the program has in its shell alone.
+    struct OwnCommand {
+        const char* name;
+        const char* usage;
+        const char* summary;
+        void (Shell::*run)(const Words& words);
+    };
+    static const std::array<OwnCommand, 4> own_commands;
+
+    void run_and_tell(const std::string& line) {
+        try {
+            run(line);
+        } catch (const Failure& failure) {
+            print_failure(failure);
+        } catch (const JovuException& error) {
+            print_failure(Failure(ExitCode::exchange_failed, error.what()));
+        }
+        show_events();
+        go_on();
+    }
+
+    /// After a Ctrl-C the shell goes on; other reasons to end are final.
+    void go_on() {
+        if (context_.stop.state() != Stop::none && !context_.stop.forgive_interrupt()) {
+            context_.stop.throw_if_stopped();
+        }
+    }
+
+    void run(const std::string& line) {
+        const std::size_t begin = line.find_first_not_of(" \t\r");
+        if (begin == std::string::npos) {
+            return;
+        }
+        if (line.find('\0') != std::string::npos) {
+            throw Failure(ExitCode::usage, "the line holds a NUL byte: " + printable(line));
+        }
+        if (line[begin] != '.') {
+            run_gcode({options_, out_, context_.stop, &session()}, {{line}, "", false});
+            return;
+        }
+        Words words = split_words(line.substr(begin + 1));
+        const std::string name = words.empty() ? "" : words.front();
+        for (const OwnCommand& own : own_commands) {
+            if (name == own.name) {
+                (this->*own.run)(words);
+                return;
+            }
+        }
+        run_command(name, words);
+    }
+
+    /// Runs one of the program's commands, on the shell's link.
+    void run_command(const std::string& name, const Words& words) {
+        const std::vector<std::string> names = command_names();
+        if (std::find(names.begin(), names.end(), "." + name) == names.end()) {
+            const std::string near = did_you_mean("." + name, names);
+            throw Failure(ExitCode::usage, "no such command: ." + name,
+                          near.empty() ? ".help lists them" : near);
+        }
+        std::vector<const char*> arguments{"jovu"};
+        for (const std::string& word : words) {
+            arguments.push_back(word.c_str());
+        }
+        Request request = parse_command_line(static_cast<int>(arguments.size()), arguments.data());
+        if (!request.run) {
+            out_.raw(request.text);
+            return;
+        }
+        CommonOptions& options = request.options;
+        options.device = options.device ? options.device : options_.device;
+        options.wait_device = options.wait_device ? options.wait_device : options_.wait_device;
+        options.json = options.json || options_.json;
+        Output out = out_.with_json(options.json);
+        request.run({options, out, context_.stop, &session()});
+    }
+
+    void run_help(const Words& words) {
+        if (words.size() > 1) {
+            const std::string name = words[1].substr(words[1].find_first_not_of('.'));
+            run_command(name, {name, "--help"});
+            return;
+        }
+        const auto row = [this](std::string left, const std::string& summary) {
+            left.resize(std::max<std::size_t>(left.size() + 1, 22), ' ');
+            out_.line("  ." + left + summary);
+        };
+        out_.line("A line that does not begin with a dot is gcode. Commands:");
+        for (const Command& command : command_table()) {
+            if (runs_in_shell(command.name)) {
+                row(command.name, command.summary);
+            }
+        }
+        for (const OwnCommand& own : own_commands) {
+            row(own.usage, own.summary);
+        }
+        out_.line(".help COMMAND tells more. Words are separated by blanks; 'quote' them.");
+    }
+
+    void run_quit(const Words& words) {
+        expect(words, words.size() == 1);
+        quit_ = true;
+    }
+
+    void run_events(const Words& words) {
+        expect(words, words.size() == 2 && (words[1] == "on" || words[1] == "off"));
+        events_ = words[1] == "on";
+        session().inbox().keep_aside(events_);
+    }
+
+    void run_device(const Words& words) {
+        expect(words, words.size() <= 2);
+        if (words.size() == 2) {
+            const std::optional<JovuDeviceAddress> address = parse_address(words[1]);
+            if (!address) {
+                throw Failure(ExitCode::usage, "not a device address BUS:ADDR: " + words[1]);
+            }
+            options_.device = address;
+            return;
+        }
+        const std::string all = to_string(session().client().list_connected());
+        out_.line("connected: " + (all.empty() ? "none" : all) +
+                  (options_.device ? "; chosen: " + to_string(*options_.device) : ""));
+    }
+
+    /// @throws Failure usage when the words of a command of the shell's own are not right.
+    void expect(const Words& words, bool right) const {
+        if (right) {
+            return;
+        }
+        const auto* const own =
+            std::find_if(own_commands.begin(), own_commands.end(),
+                         [&](const OwnCommand& candidate) { return words[0] == candidate.name; });
+        throw Failure(ExitCode::usage, std::string("usage: .") + own->usage);
+    }
+
+    static std::vector<std::string> command_names() {
+        std::vector<std::string> names;
+        for (const Command& command : command_table()) {
+            if (runs_in_shell(command.name)) {
+                names.push_back(std::string(".") + command.name);
+            }
+        }
+        for (const OwnCommand& own : own_commands) {
+            names.push_back(std::string(".") + own.name);
+        }
+        return names;
+    }
+
+    /// The link: one for the whole time, but for a device that was closed to end an exchange.
+    Session& session() {
+        if (session_ && session_->has_closed()) {
+            session_.reset();
+        }
+        if (!session_) {
+            session_.emplace(options_, context_.stop, Interest{});
+            session_->inbox().keep_aside(events_);
+        }
+        return *session_;
+    }
+
+    void greet() {
+        out_.line("A line is gcode, a command begins with a dot: .help lists them. Ctrl-D leaves.");
+        const std::vector<JovuDeviceAddress> devices = session().find_devices();
+        if (devices.empty()) {
+            out_.line("no device is connected");
+        } else {
+            out_.line("connected: " + to_string(devices) +
+                      (devices.size() > 1 ? "; .device BUS:ADDR chooses one" : ""));
+        }
+    }
+
+    int side_fd() { return session_ ? session_->inbox().aside_fd() : -1; }
+
+    void show_events() {
+        if (!session_) {
+            return;
+        }
+        for (int i = 0; i < most_events_at_once; ++i) {
+            const std::optional<Notice> notice = session_->inbox().poll_aside();
+            if (!notice) {
+                break;
+            }
+            print_event(out_, *notice);
+        }
+        const std::size_t lost = session_->inbox().take_lost();
+        if (lost > 0) {
+            print_error("jovu: events lost, they come faster than they can be written: " +
+                        std::to_string(lost));
+        }
+    }
+
+    Completion complete_line(const std::string& line) {
+        std::vector<std::string> devices;
+        for (const JovuDeviceAddress address : session().client().list_connected()) {
+            devices.push_back(to_string(address));
+        }
+        return complete(line, command_names(), devices);
+    }
+
+    const Context& context_;
+    CommonOptions options_;
+    Output out_;
+    std::optional<Session> session_;
+    bool events_ = true;
+    bool quit_ = false;
+};
+
+const std::array<Shell::OwnCommand, 4> Shell::own_commands{{
+    {"events", "events on|off", "Show what the device reports of its own accord",
+     &Shell::run_events},
+    {"device", "device [BUS:ADDR]", "Choose a device, or show them", &Shell::run_device},
+    {"help", "help [COMMAND]", "Show this list, or more of a command", &Shell::run_help},
+    {"quit", "quit", "Leave", &Shell::run_quit},
+}};
+
+}  // namespace
+
+void run_shell(const Context& context) {
+    if (context.session != nullptr) {
+        throw Failure(ExitCode::usage, "this is a shell already");
+    }
+    Shell shell(context);
+    if (isatty(STDIN_FILENO) != 0 && context.out.redraws()) {
+        shell.run_interactive();
+    } else {
+        shell.run_script();
+    }
+}
+
+}  // namespace jovu_cli

@@ -1,0 +1,303 @@
+#include "line_editor.h"
+
+#include <fcntl.h>
+#include <histedit.h>
+#include <poll.h>
+#include <sys/ioctl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <langinfo.h>
+#include <algorithm>
+#include <cerrno>
+#include <clocale>
+#include <cstdlib>
+#include <cstring>
+#include <cwchar>
+#include <filesystem>
+#include <system_error>
+#include <utility>
+#include <vector>
+
+namespace jovu_cli {
+namespace {
+
+constexpr const char* prompt_text = "jovu> ";
+constexpr int kept_lines = 1000;
+
+/// Characters are read and counted as UTF-8, also in a locale that says nothing of it.
+void use_utf8() {
+    std::setlocale(LC_CTYPE, "");
+    if (std::strcmp(nl_langinfo(CODESET), "UTF-8") != 0) {
+        std::setlocale(LC_CTYPE, "C.UTF-8");
+    }
+}
+
+std::FILE* open_terminal(int fd) {
+    const int copy = fcntl(fd, F_DUPFD_CLOEXEC, 0);
+    std::FILE* const file = copy < 0 ? nullptr : fdopen(copy, "w");
+    if (file == nullptr) {
+        throw std::system_error(errno, std::generic_category(), "fdopen");
+    }
+    return file;
+}
+
+/// Width of a text on the terminal.
+std::size_t width_of(const char* text, std::size_t length) {
+    std::size_t width = 0;
+    std::mbstate_t state{};
+    while (length > 0) {
+        wchar_t character = 0;
+        const std::size_t size = std::mbrtowc(&character, text, length, &state);
+        if (size == 0 || size > length) {
+            break;
+        }
+        width += static_cast<std::size_t>(std::max(wcwidth(character), 0));
+        text += size;
+        length -= size;
+    }
+    return width;
+}
+
+/// Words in columns, each line with its end.
+std::string in_columns(const std::vector<std::string>& words, std::size_t width) {
+    std::size_t longest = 0;
+    for (const std::string& word : words) {
+        longest = std::max(longest, word.size());
+    }
+    const std::size_t columns = std::max<std::size_t>(1, width / (longest + 2));
+    std::string text;
+    for (std::size_t i = 0; i < words.size(); ++i) {
+        std::string cell = words[i];
+        const bool last = (i + 1) % columns == 0 || i + 1 == words.size();
+        if (!last) {
+            cell.resize(longest + 2, ' ');
+        }
+        text += cell + (last ? "\n" : "");
+    }
+    return text;
+}
+
+}  // namespace
+
+struct LineEditor::Library {
+    static LineEditor& self(EditLine* editor) {
+        void* data = nullptr;
+        el_get(editor, EL_CLIENTDATA, &data);
+        return *static_cast<LineEditor*>(data);
+    }
+
+    static char* prompt(EditLine* /*editor*/) {
+        static std::string text = prompt_text;
+        return text.data();
+    }
+
+    static int get_character(EditLine* editor, wchar_t* character) {
+        LineEditor& line_editor = self(editor);
+        try {
+            return line_editor.next_character(*character);
+        } catch (...) {
+            line_editor.exception_ = std::current_exception();  // read() throws it again.
+            return -1;
+        }
+    }
+
+    static unsigned char complete(EditLine* editor, int /*key*/) {
+        LineEditor& line_editor = self(editor);
+        try {
+            return line_editor.complete_word();
+        } catch (...) {
+            line_editor.exception_ = std::current_exception();
+            return CC_EOF;
+        }
+    }
+};
+
+void LineEditor::EndEditor::operator()(editline* editor) const noexcept {
+    el_end(editor);
+}
+
+void LineEditor::EndHistory::operator()(struct history* lines) const noexcept {
+    history_end(lines);
+}
+
+LineEditor::LineEditor(Output& out, const StopSource& stop, const std::string& history_file,
+                       Hooks hooks)
+    : out_(out), stop_(stop), history_file_(history_file), hooks_(std::move(hooks)) {
+    use_utf8();
+    terminal_.reset(open_terminal(out.fd()));
+    history_.reset(history_init());
+    editor_.reset(el_init("jovu", stdin, terminal_.get(), stderr));
+    if (!history_ || !editor_) {
+        throw std::bad_alloc();
+    }
+    HistEvent event{};
+    ::history(history_.get(), &event, H_SETSIZE, kept_lines);
+    ::history(history_.get(), &event, H_SETUNIQUE, 1);
+    if (!history_file_.empty()) {
+        ::history(history_.get(), &event, H_LOAD, history_file_.c_str());
+    }
+    EditLine* const editor = editor_.get();
+    el_set(editor, EL_CLIENTDATA, this);
+    el_set(editor, EL_PROMPT, &Library::prompt);
+    el_set(editor, EL_EDITOR, "emacs");
+    el_set(editor, EL_HIST, &::history, history_.get());
+    el_set(editor, EL_GETCFN, &Library::get_character);
+    el_set(editor, EL_ADDFN, "jovu-complete", "Complete the word", &Library::complete);
+    el_set(editor, EL_BIND, "^I", "jovu-complete", nullptr);
+    el_set(editor, EL_BIND, "^R", "em-inc-search-prev", nullptr);
+    el_source(editor, nullptr);  // What the user prefers, from ~/.editrc.
+}
+
+LineEditor::~LineEditor() = default;
+
+LineEditor::End LineEditor::read(std::string& line) {
+    interrupted_ = false;
+    partial_.clear();
+    int length = 0;
+    const char* const text = el_gets(editor_.get(), &length);
+    if (exception_) {
+        std::rethrow_exception(std::exchange(exception_, nullptr));
+    }
+    if (interrupted_) {
+        el_reset(editor_.get());
+        out_.raw("^C\n");
+        return End::interrupted;
+    }
+    if (text == nullptr || length <= 0) {
+        out_.raw("\n");
+        return End::closed;
+    }
+    line.assign(text, static_cast<std::size_t>(length));
+    if (line.back() == '\n') {
+        line.pop_back();
+    }
+    remember(line);
+    return End::line;
+}
+
+/// @return 1 with a character; 0 at the end of the input; -1 when the line is abandoned.
+int LineEditor::next_character(wchar_t& character) {
+    for (;;) {
+        pollfd waited[] = {
+            {STDIN_FILENO, POLLIN, 0}, {stop_.fd(), POLLIN, 0}, {hooks_.side_fd(), POLLIN, 0}};
+        if (poll(waited, std::size(waited), -1) < 0) {
+            resume();  // EINTR, as after SIGSTOP and SIGCONT.
+            continue;
+        }
+        if (waited[1].revents != 0) {
+            interrupted_ = true;
+            return -1;
+        }
+        if (waited[2].revents != 0) {
+            show_side();
+            continue;
+        }
+        char byte = 0;
+        const ssize_t count = ::read(STDIN_FILENO, &byte, 1);
+        if (count == 0 || (count < 0 && errno != EINTR && errno != EAGAIN)) {
+            return 0;
+        }
+        if (count < 0) {
+            continue;
+        }
+        el_resize(editor_.get());  // The window may have another size by now.
+        if (const std::optional<wchar_t> complete_one = take_byte(byte)) {
+            character = *complete_one;
+            return 1;
+        }
+    }
+}
+
+/// Adds a byte to the character that is being read.
+/// @return the character when it is complete; bytes that make none are dropped.
+std::optional<wchar_t> LineEditor::take_byte(char byte) {
+    partial_ += byte;
+    wchar_t character = 0;
+    std::mbstate_t state{};
+    const std::size_t size = std::mbrtowc(&character, partial_.data(), partial_.size(), &state);
+    if (size == static_cast<std::size_t>(-2)) {
+        return std::nullopt;
+    }
+    partial_.clear();
+    if (size == static_cast<std::size_t>(-1)) {
+        return std::nullopt;
+    }
+    return character;
+}
+
+/// Puts what there is to show above the line that is being edited.
+void LineEditor::show_side() {
+    const std::size_t rows = rows_above_cursor();
+    out_.raw((rows > 0 ? "\x1b[" + std::to_string(rows) + "A" : "") + "\r\x1b[J");
+    hooks_.show_side();
+    el_set(editor_.get(), EL_REFRESH);
+}
+
+std::size_t LineEditor::rows_above_cursor() const {
+    const LineInfo* const info = el_line(editor_.get());
+    const auto length = static_cast<std::size_t>(info->cursor - info->buffer);
+    return (std::strlen(prompt_text) + width_of(info->buffer, length)) / out_.columns();
+}
+
+/// The program has been stopped and goes on: somebody else has used the terminal meanwhile.
+void LineEditor::resume() {
+    el_set(editor_.get(), EL_PREP_TERM, 0);
+    el_set(editor_.get(), EL_PREP_TERM, 1);
+    el_set(editor_.get(), EL_REFRESH);
+}
+
+unsigned char LineEditor::complete_word() {
+    const LineInfo* const info = el_line(editor_.get());
+    const std::string line(info->buffer, info->cursor);
+    const Completion completion = hooks_.complete(line);
+    if (completion.words.empty()) {
+        return CC_REFRESH_BEEP;
+    }
+    std::string rest = common_prefix(completion.words).substr(completion.typed);
+    if (completion.words.size() == 1) {
+        const char last = completion.words.front().back();
+        const bool goes_on = last == '=' || last == '.' || last == '/';
+        rest += goes_on ? "" : " ";
+    } else if (rest.empty()) {
+        out_.raw("\n" + in_columns(completion.words, out_.columns()));
+        return CC_REDISPLAY;
+    }
+    return el_insertstr(editor_.get(), rest.c_str()) == 0 ? CC_REFRESH : CC_ERROR;
+}
+
+void LineEditor::remember(const std::string& line) {
+    if (line.empty() || line.front() == ' ') {
+        return;
+    }
+    HistEvent event{};
+    ::history(history_.get(), &event, H_ENTER, line.c_str());
+    if (!history_file_.empty()) {
+        // A history that cannot be kept is no reason to stop.
+        ::history(history_.get(), &event, H_SAVE, history_file_.c_str());
+    }
+}
+
+std::string history_path() {
+    namespace fs = std::filesystem;
+    const char* const state = std::getenv("XDG_STATE_HOME");
+    const char* const home = std::getenv("HOME");
+    fs::path directory;
+    if (state != nullptr && *state == '/') {
+        directory = state;
+    } else if (home != nullptr && *home == '/') {
+        directory = fs::path(home) / ".local" / "state";
+    } else {
+        return {};
+    }
+    directory /= "jovu";
+    std::error_code error;
+    const bool made = fs::create_directories(directory, error);
+    if (made) {
+        // Lines may hold the key of a network.
+        fs::permissions(directory, fs::perms::owner_all, error);
+    }
+    return error ? std::string() : (directory / "history").string();
+}
+
+}  // namespace jovu_cli
