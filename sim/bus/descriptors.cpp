@@ -2,7 +2,6 @@
 
 #include <linux/usb/ch9.h>
 
-#include <array>
 #include <cstdio>
 #include <vector>
 
@@ -15,7 +14,7 @@ constexpr std::uint8_t kConfigurationValue = 1;
 constexpr std::uint8_t kMaxPower = 50;  // in units of 2 mA
 constexpr std::uint16_t kEnglish = 0x0409;
 
-enum StringIndex : std::uint8_t { kNoString, kManufacturer, kProduct, kSerial };
+enum StringIndex : std::uint8_t { kNoString, kManufacturer, kProduct, kSerial, kFirstInterface };
 
 void append(std::string& out, unsigned byte) {
     out += static_cast<char>(byte & 0xFFU);
@@ -51,13 +50,14 @@ std::string configuration_descriptor(const UsbIdentity& identity) {
     for (const InterfaceInfo& info : identity.interfaces) {
         append(body, USB_DT_INTERFACE_SIZE);
         append(body, USB_DT_INTERFACE);
-        append(body, number++);
+        append(body, number);
         append(body, 0);  // alternate setting
         append(body, static_cast<unsigned>(info.endpoints.size()));
         append(body, info.interface_class);
         append(body, info.subclass);
         append(body, info.protocol);
-        append(body, kNoString);
+        append(body, info.name.empty() ? kNoString : kFirstInterface + number);
+        body += info.extra;
         for (const EndpointInfo& endpoint : info.endpoints) {
             append(body, USB_DT_ENDPOINT_SIZE);
             append(body, USB_DT_ENDPOINT);
@@ -66,6 +66,7 @@ std::string configuration_descriptor(const UsbIdentity& identity) {
             append_word(body, endpoint.max_packet);
             append(body, 0);  // interval
         }
+        ++number;
     }
     std::string out;
     append(out, USB_DT_CONFIG_SIZE);
@@ -84,10 +85,12 @@ std::optional<std::string> string_descriptor(const UsbIdentity& identity, std::u
     if (index == 0) {
         append_word(body, kEnglish);
     } else {
-        const std::array<const std::string*, 4> texts = {nullptr, &identity.manufacturer,
-                                                         &identity.product_name, &identity.serial};
-        if (index >= texts.size()) return std::nullopt;
-        for (const char c : *texts[index])
+        std::vector<std::string> texts = {"", identity.manufacturer, identity.product_name,
+                                          identity.serial};
+        for (const InterfaceInfo& info : identity.interfaces)
+            texts.push_back(info.name);
+        if (index >= texts.size() || texts[index].empty()) return std::nullopt;
+        for (const char c : texts[index])
             append_word(body, static_cast<unsigned char>(c));
     }
     std::string out;

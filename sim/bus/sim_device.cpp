@@ -2,18 +2,19 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <stdexcept>
 #include <utility>
 
 #include "bus/clock.h"
 
 namespace jovusim {
 
-SimDevice::SimDevice(BusAddress address, std::unique_ptr<Controller> controller,
+SimDevice::SimDevice(BusAddress address, std::unique_ptr<UsbFunction> function,
                      std::function<void()> wake)
     : address_(address),
       wake_(std::move(wake)),
-      controller_(std::move(controller)),
-      engine_(*controller_, faults_) {
+      function_(std::move(function)),
+      engine_(*function_, faults_) {
     node_path_ = node_.path();
 }
 
@@ -23,7 +24,7 @@ SimDevice::~SimDevice() {
 
 ClientId SimDevice::open() {
     const std::lock_guard<std::mutex> lock(mutex_);
-    if (clients_.empty()) controller_->host_came();
+    if (clients_.empty()) function_->host_came();
     const ClientId client = next_client_++;
     clients_.insert(client);
     ++counters_.opens;
@@ -38,7 +39,7 @@ void SimDevice::close(ClientId client) {
     }
     clients_.erase(client);
     // What nobody has read is not for the next program.
-    if (clients_.empty()) controller_->host_left();
+    if (clients_.empty()) function_->host_left();
     settle(now_ms());
 }
 
@@ -111,6 +112,15 @@ int SimDevice::reap(ClientId client, std::optional<Urb>& urb) {
     return EAGAIN;
 }
 
+int SimDevice::reset() {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    if (unplugged_) return ENODEV;
+    const Millis now = now_ms();
+    function_->bus_reset(now);
+    settle(now);
+    return unplugged_ ? ENODEV : 0;
+}
+
 int SimDevice::check_present() {
     return unplugged_ ? ENODEV : 0;
 }
@@ -142,6 +152,11 @@ void SimDevice::unplug_locked() {
 /// To be called, under the lock, after everything that can finish a transfer or make output.
 void SimDevice::settle(Millis now) {
     if (unplugged_) return;
+    if (function_->wants_to_leave(now)) {
+        left_by_itself_ = true;
+        unplug_locked();
+        return;
+    }
     node_.set_writable(engine_.has_finished());
     const auto due = due_at(now);
     if (due && (!announced_due_ || *due < *announced_due_)) {
@@ -153,9 +168,9 @@ void SimDevice::settle(Millis now) {
 /// When the main thread has something to do here.
 std::optional<Millis> SimDevice::due_at(Millis now) const {
     if (unplugged_) return std::nullopt;
-    auto due = controller_->next_tick();
+    auto due = function_->next_tick();
     // Output that is due and still here waits for a transfer, not for the clock.
-    const auto output = controller_->next_due();
+    const auto output = function_->next_due();
     if (output && *output > now && (!due || *output < *due)) due = output;
     return due;
 }
@@ -163,7 +178,7 @@ std::optional<Millis> SimDevice::due_at(Millis now) const {
 void SimDevice::tick() {
     const std::lock_guard<std::mutex> lock(mutex_);
     const Millis now = now_ms();
-    controller_->tick(now);
+    function_->tick(now);
     engine_.pump(now);
     settle(now);
 }
@@ -177,9 +192,26 @@ std::optional<Millis> SimDevice::next_due() {
 void SimDevice::with_controller(const std::function<void(Controller&, Millis)>& work) {
     const std::lock_guard<std::mutex> lock(mutex_);
     const Millis now = now_ms();
-    work(*controller_, now);
+    auto* controller = dynamic_cast<Controller*>(function_.get());
+    if (controller == nullptr) {
+        throw std::runtime_error("the device at " + address_.to_string() + " is in DFU mode");
+    }
+    work(*controller, now);
     engine_.pump(now);
     settle(now);
+}
+
+void SimDevice::with_function(const std::function<void(UsbFunction&, Millis)>& work) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    const Millis now = now_ms();
+    work(*function_, now);
+    engine_.pump(now);
+    settle(now);
+}
+
+std::unique_ptr<UsbFunction> SimDevice::take_successor() {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    return left_by_itself_ ? function_->successor() : nullptr;
 }
 
 void SimDevice::with_faults(const std::function<void(FaultBoard&)>& work) {
@@ -205,7 +237,7 @@ Json SimDevice::stats() {
                 {"refused_claims", counters_.refused_claims},
                 {"releases", counters_.releases},
                 {"endpoints", engine_.stats()}};
-    out.update(controller_->stats(now_ms()));
+    out.update(function_->stats(now_ms()));
     return out;
 }
 
@@ -213,7 +245,7 @@ void SimDevice::print_complaints() {
     std::vector<std::string> sentences;
     {
         const std::lock_guard<std::mutex> lock(mutex_);
-        sentences = controller_->take_complaints();
+        sentences = function_->take_complaints();
     }
     for (const std::string& sentence : sentences) {
         std::fprintf(stderr, "jovu-sim: device %s: %s\n", address_.to_string().c_str(),

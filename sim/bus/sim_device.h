@@ -35,14 +35,14 @@ class SimDevice {
 public:
     /// @param wake called, under the lock, when the main thread should look at next_due() or
     ///             wants_unplug(); must not block
-    SimDevice(BusAddress address, std::unique_ptr<Controller> controller,
+    SimDevice(BusAddress address, std::unique_ptr<UsbFunction> function,
               std::function<void()> wake);
     SimDevice(const SimDevice&) = delete;
     SimDevice& operator=(const SimDevice&) = delete;
     ~SimDevice();
 
     BusAddress address() const { return address_; }
-    const UsbIdentity& identity() const { return controller_->identity(); }
+    const UsbIdentity& identity() const { return function_->identity(); }
     const std::string& node_path() const { return node_path_; }
 
     /// @name What an open file of the node does. Each returns 0 or the errno of the failed ioctl,
@@ -58,6 +58,7 @@ public:
     /// @returns 0 with the transfer in urb, EAGAIN, or ENODEV when the device is gone and nothing
     ///     finished is left
     int reap(ClientId client, std::optional<Urb>& urb);
+    int reset();
     /// 0 or ENODEV: for what needs nothing but the device's presence.
     int check_present();
     /// @}
@@ -80,7 +81,14 @@ public:
     std::optional<Millis> next_due();
 
     /// Runs something on the controller under the lock, and hands over what came of it.
+    /// @throws std::runtime_error when the device does not run its application
     void with_controller(const std::function<void(Controller&, Millis)>& work);
+
+    /// Runs something on whatever the device is, likewise.
+    void with_function(const std::function<void(UsbFunction&, Millis)>& work);
+
+    /// What a device that has left by itself comes back as, or null. To be called once.
+    std::unique_ptr<UsbFunction> take_successor();
 
     /// Runs something on the faults under the lock.
     void with_faults(const std::function<void(FaultBoard&)>& work);
@@ -104,7 +112,8 @@ private:
     std::atomic<bool> unplugged_{false};
 
     std::mutex mutex_;  // guards everything below
-    std::unique_ptr<Controller> controller_;
+    bool left_by_itself_ = false;
+    std::unique_ptr<UsbFunction> function_;
     FaultBoard faults_;
     UrbEngine engine_;
     PtyNode node_;

@@ -17,6 +17,10 @@ namespace jovusim {
 namespace {
 
 constexpr std::uint8_t kFirstBus = 1;
+constexpr std::uint8_t kHubAddress = 1;
+
+/// How long a device that starts another firmware is off the bus.
+constexpr Millis kRestartTime = 200;
 
 /// A socket of the testbed's own: opening it as a file fails with ENXIO.
 constexpr char kUnopenable[] = "/ioctl/_default";
@@ -70,22 +74,48 @@ Testbed::~Testbed() {
     testbed_.reset();
 }
 
-BusAddress Testbed::free_address() {
+BusAddress Testbed::free_address(std::uint8_t bus) {
+    std::uint8_t& last = last_addresses_.emplace(bus, kHubAddress).first->second;
     for (int tries = 0; tries < kMaxBusAddress; ++tries) {
-        last_address_ = static_cast<std::uint8_t>(last_address_ % kMaxBusAddress + 1);
-        const BusAddress address{kFirstBus, last_address_};
+        last = static_cast<std::uint8_t>(last % kMaxBusAddress + 1);
+        const BusAddress address{bus, last};
         if (devices_.count(address) == 0) return address;
     }
-    throw std::runtime_error("no address is free on bus 1");
+    throw std::runtime_error("no address is free on bus " + std::to_string(bus));
+}
+
+/// A device that came back at another address has kept its serial.
+std::string Testbed::free_serial(BusAddress address) const {
+    const auto taken = [this](const std::string& serial) {
+        return std::any_of(devices_.begin(), devices_.end(),
+                           [&](const auto& d) { return d.second->identity().serial == serial; }) ||
+               std::any_of(returning_.begin(), returning_.end(), [&](const Returning& r) {
+                   return r.function->identity().serial == serial;
+               });
+    };
+    std::string serial = serial_of(address);
+    while (taken(serial))
+        serial += 'A';
+    return serial;
 }
 
 BusAddress Testbed::plug(std::optional<BusAddress> wanted, std::uint16_t product) {
-    const BusAddress address = wanted ? *wanted : free_address();
+    const BusAddress address = wanted ? *wanted : free_address(kFirstBus);
+    DeviceNature nature{free_serial(address), product, pace_};
+    if (product == kDfuProduct) {
+        nature.product = kApplicationProduct;
+        attach(address, std::make_unique<DfuDevice>(nature, DfuFaults()));
+    } else {
+        attach(address, std::make_unique<Controller>(nature));
+    }
+    return address;
+}
+
+void Testbed::attach(BusAddress address, std::unique_ptr<UsbFunction> function) {
     if (devices_.count(address) != 0) {
         throw std::runtime_error("a device is plugged in at " + address.to_string());
     }
-    auto device = std::make_shared<SimDevice>(
-        address, std::make_unique<Controller>(serial_of(address), product, pace_), wake_);
+    auto device = std::make_shared<SimDevice>(address, std::move(function), wake_);
     auto& node = nodes_[address];
     if (!node) node = std::make_unique<UsbfsNode>(root_, address.node());
     node->set_device(device);
@@ -102,7 +132,6 @@ BusAddress Testbed::plug(std::optional<BusAddress> wanted, std::uint16_t product
     devices_[address] = std::move(device);
     // Only now, with everything in place: a program may look as soon as it hears of it.
     uevents_->send("add", address);
-    return address;
 }
 
 void Testbed::unplug(BusAddress address) {
@@ -113,7 +142,9 @@ void Testbed::unplug(BusAddress address) {
 }
 
 void Testbed::replug(BusAddress address) {
-    const std::uint16_t product = at(address)->identity().product;
+    std::uint16_t product = 0;
+    at(address)->with_function(
+        [&product](UsbFunction& function, Millis) { product = function.application_product(); });
     unplug(address);
     plug(address, product);
 }
@@ -173,13 +204,30 @@ void Testbed::block_open(BusAddress address, bool blocked) {
 }
 
 void Testbed::service() {
+    const Millis now = now_ms();
     for (const auto& device : devices()) {
+        if (!device->unplugged()) device->tick();
         if (device->unplugged()) {
-            remove_node(device->address());
-            put_away(device->address());
-        } else {
-            device->tick();
+            const BusAddress address = device->address();
+            remove_node(address);
+            put_away(address);
+            if (auto successor = device->take_successor()) {
+                returning_.push_back({now + kRestartTime, address.bus, std::move(successor)});
+            }
         }
+    }
+    take_back(now);
+}
+
+void Testbed::take_back(Millis now) {
+    for (auto it = returning_.begin(); it != returning_.end();) {
+        if (it->due > now) {
+            ++it;
+            continue;
+        }
+        Returning back = std::move(*it);
+        it = returning_.erase(it);
+        attach(free_address(back.bus), std::move(back.function));
     }
 }
 
@@ -188,6 +236,9 @@ std::optional<Millis> Testbed::next_due() const {
     for (const auto& [address, device] : devices_) {
         const auto due = device->next_due();
         if (due && (!first || *due < *first)) first = due;
+    }
+    for (const Returning& returning : returning_) {
+        if (!first || returning.due < *first) first = returning.due;
     }
     return first;
 }

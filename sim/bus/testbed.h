@@ -42,7 +42,7 @@ public:
     /// The directory that lives as long as the bus.
     const std::string& root() const { return root_; }
 
-    /// Plugs a device in.
+    /// Plugs a device in: a controller, or one in DFU mode for kDfuProduct.
     /// @param address nothing: the next one on bus 1 that has not been in use for longest
     /// @throws std::runtime_error when the address is taken
     BusAddress plug(std::optional<BusAddress> address, std::uint16_t product);
@@ -62,7 +62,8 @@ public:
     /// Makes opening the node fail with EISDIR, or lets it succeed again. @throws as at()
     void block_open(BusAddress address, bool blocked);
 
-    /// Hands over what is due and puts away devices that left by themselves.
+    /// Hands over what is due, puts away devices that left by themselves and brings back those that
+    /// do not stay away.
     void service();
 
     /// When service() has to be called next, if ever.
@@ -73,7 +74,17 @@ private:
         void operator()(UMockdevTestbed* testbed) const { g_object_unref(testbed); }
     };
 
-    BusAddress free_address();
+    /// A device that is on its way between its application and its boot loader.
+    struct Returning {
+        Millis due;
+        std::uint8_t bus;
+        std::unique_ptr<UsbFunction> function;
+    };
+
+    BusAddress free_address(std::uint8_t bus);
+    std::string free_serial(BusAddress address) const;
+    void attach(BusAddress address, std::unique_ptr<UsbFunction> function);
+    void take_back(Millis now);
     void make_node(const SimDevice& device);
     void remove_node(BusAddress address);
     void put_away(BusAddress address);
@@ -86,7 +97,8 @@ private:
     std::optional<UeventSender> uevents_;
     std::map<BusAddress, std::unique_ptr<UsbfsNode>> nodes_;
     std::map<BusAddress, std::shared_ptr<SimDevice>> devices_;
-    std::uint8_t last_address_ = 1;  // the root hub's
+    std::vector<Returning> returning_;
+    std::map<std::uint8_t, std::uint8_t> last_addresses_;  // by bus
 };
 
 }  // namespace jovusim

@@ -28,7 +28,6 @@ void erase_if(std::deque<Urb>& urbs, Predicate predicate) {
 std::optional<std::string> standard_request(const UsbIdentity& identity,
                                             const usb_ctrlrequest& setup) {
     const bool to_host = (setup.bRequestType & USB_DIR_IN) != 0;
-    if ((setup.bRequestType & USB_TYPE_MASK) != USB_TYPE_STANDARD) return std::nullopt;
     switch (setup.bRequest) {
         case USB_REQ_GET_DESCRIPTOR:
             if (!to_host) return std::nullopt;
@@ -64,7 +63,7 @@ std::optional<std::size_t> UrbEngine::interface_of(std::uint8_t endpoint) const 
 
 int UrbEngine::submit(Urb urb, Millis now) {
     if (urb.control) {
-        run_control(std::move(urb));
+        run_control(std::move(urb), now);
         return 0;
     }
     const auto found = endpoints_.find(urb.endpoint);
@@ -126,21 +125,35 @@ void UrbEngine::pump(std::uint8_t address, Endpoint& endpoint, Millis now) {
     }
 }
 
-void UrbEngine::run_control(Urb urb) {
+void UrbEngine::run_control(Urb urb, Millis now) {
     usb_ctrlrequest setup{};
     if (urb.length < sizeof setup) {
         finish(std::move(urb), -EPIPE);
         return;
     }
     std::memcpy(&setup, urb.buffer, sizeof setup);
-    const auto reply = standard_request(function_.identity(), setup);
+    const bool to_host = (setup.bRequestType & USB_DIR_IN) != 0;
+    const std::size_t room = std::min<std::size_t>(setup.wLength, urb.length - sizeof setup);
+    std::uint8_t* const stage = urb.buffer + sizeof setup;
+    std::optional<std::string> reply;
+    if ((setup.bRequestType & USB_TYPE_MASK) == USB_TYPE_STANDARD) {
+        reply = standard_request(function_.identity(), setup);
+    } else {
+        const std::string data(reinterpret_cast<const char*>(stage), to_host ? 0 : room);
+        reply = function_.control(
+            {setup.bRequestType, setup.bRequest, setup.wValue, setup.wIndex, setup.wLength}, data,
+            now);
+    }
+    if (function_.wants_to_leave(now)) {
+        cut_short_.push_back(std::move(urb));
+        return;
+    }
     if (!reply) {
         finish(std::move(urb), -EPIPE);
         return;
     }
-    const std::size_t room = std::min<std::size_t>(setup.wLength, urb.length - sizeof setup);
-    urb.actual = std::min(room, reply->size());
-    std::memcpy(urb.buffer + sizeof setup, reply->data(), urb.actual);
+    urb.actual = to_host ? std::min(room, reply->size()) : room;
+    if (to_host) std::memcpy(stage, reply->data(), urb.actual);
     finish(std::move(urb), 0);
 }
 
@@ -193,6 +206,7 @@ void UrbEngine::forget(ClientId client) {
         erase_if(endpoint.waiting, is_its);
         erase_if(endpoint.stuck, is_its);
     }
+    erase_if(cut_short_, is_its);
     erase_if(finished_, is_its);
 }
 
@@ -201,6 +215,7 @@ void UrbEngine::shut_down(int status) {
         finish_all(endpoint.waiting, status);
         finish_all(endpoint.stuck, status);
     }
+    finish_all(cut_short_, status);
 }
 
 void UrbEngine::finish_all(std::deque<Urb>& urbs, int status) {

@@ -86,11 +86,12 @@ private:
     void finish_all(std::deque<Urb>& urbs, int status);
     void pump(std::uint8_t address, Endpoint& endpoint, Millis now);
     void send_out(Urb urb, Endpoint& endpoint, Millis now);
-    void run_control(Urb urb);
+    void run_control(Urb urb, Millis now);
 
     UsbFunction& function_;
     FaultBoard& faults_;
     std::map<std::uint8_t, Endpoint> endpoints_;
+    std::deque<Urb> cut_short_;  ///< control transfers at which the device left
     std::deque<Urb> finished_;
     bool wants_unplug_ = false;
 };

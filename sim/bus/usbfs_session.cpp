@@ -97,8 +97,9 @@ UsbfsSession::Outcome UsbfsSession::carry_out(const Request& request) {
         case USBDEVFS_SETCONFIGURATION:
         case USBDEVFS_CLEAR_HALT:
         case USBDEVFS_RESETEP:
-        case USBDEVFS_RESET:
             return 0;
+        case USBDEVFS_RESET:
+            return device_->reset();
         default:
             std::fprintf(stderr, "jovu-sim: device %s: ioctl 0x%lx is not simulated\n",
                          device_->address().to_string().c_str(), request.code);

@@ -11,9 +11,10 @@ namespace {
 constexpr std::uint16_t kDeviceRelease = 0x0100;
 constexpr std::uint8_t kVendorSpecificClass = 0xFF;
 
-Identity identity_with(const std::string& serial) {
+Identity identity_of(const DeviceNature& nature) {
     Identity identity;
-    identity.serial = serial;
+    identity.firmware_version = nature.version;
+    identity.serial = nature.serial;
     return identity;
 }
 
@@ -21,22 +22,23 @@ InterfaceInfo bulk_pair(std::uint8_t in, std::uint8_t out) {
     return {kVendorSpecificClass, 0, 0, {{in, kMaxPacket}, {out, kMaxPacket}}};
 }
 
-UsbIdentity usb_identity(const std::string& serial, std::uint16_t product) {
+UsbIdentity usb_identity(const DeviceNature& nature) {
     return {kVendorId,
-            product,
+            nature.product,
             kDeviceRelease,
             "JoVu",
             "JoVu Controller (simulated)",
-            serial,
+            nature.serial,
             {bulk_pair(kMessageIn, kMessageOut), bulk_pair(kJobIn, kJobOut)}};
 }
 
 }  // namespace
 
-Controller::Controller(const std::string& serial, std::uint16_t product, double pace)
-    : identity_(identity_with(serial)),
-      usb_(usb_identity(serial, product)),
-      machine_(pace, serial),
+Controller::Controller(DeviceNature nature)
+    : nature_(std::move(nature)),
+      identity_(identity_of(nature_)),
+      usb_(usb_identity(nature_)),
+      machine_(nature_.pace, nature_.serial),
       messages_(identity_, machine_, faults_, complaints_),
       jobs_(identity_, machine_, faults_, complaints_) {}
 
@@ -75,14 +77,21 @@ void Controller::host_left() {
     machine_.record_samples(false);
 }
 
+bool Controller::wants_to_leave(Millis now) const {
+    const auto moment = machine_.leaving_at();
+    return moment && now >= *moment;
+}
+
+std::unique_ptr<UsbFunction> Controller::successor() {
+    return std::make_unique<DfuDevice>(nature_, dfu_faults_);
+}
+
 Json Controller::stats(Millis now) {
     advance(now);
     jobs_.tick(now);
-    return {{"serial", identity_.serial},
-            {"message", messages_.stats()},
-            {"job", jobs_.stats()},
-            {"machine", machine_.stats()},
-            {"complaints", complaints_.stats()}};
+    return {{"serial", identity_.serial},   {"version", identity_.firmware_version},
+            {"message", messages_.stats()}, {"job", jobs_.stats()},
+            {"machine", machine_.stats()},  {"complaints", complaints_.stats()}};
 }
 
 void Controller::send_debug_event(const std::string& text, Millis now) {

@@ -4,6 +4,7 @@
 
 #include "firmware/commands.h"
 #include "firmware/complaints.h"
+#include "firmware/dfu_device.h"
 #include "firmware/job_channel.h"
 #include "firmware/machine.h"
 #include "firmware/message_channel.h"
@@ -24,16 +25,18 @@ constexpr std::uint8_t kJobOut = 0x04;
 /// The application personality: a message channel, a job channel and the machine behind them.
 class Controller final : public UsbFunction {
 public:
-    /// @param serial  unlike that of any other simulated device
-    /// @param product USB product id
-    /// @param pace    machine seconds in a second, greater than 0; protocol timeouts do not scale
-    Controller(const std::string& serial, std::uint16_t product, double pace);
+    /// @param nature its serial is unlike that of any other simulated device
+    explicit Controller(DeviceNature nature);
 
     const UsbIdentity& identity() const override { return usb_; }
+    std::uint16_t application_product() const override { return nature_.product; }
     void receive(std::uint8_t endpoint, const std::uint8_t* data, std::size_t size,
                  Millis now) override;
     std::optional<std::string> next_packet(std::uint8_t endpoint, Millis now) override;
     std::optional<Millis> next_due() const override;
+    bool wants_to_leave(Millis now) const override;
+    std::unique_ptr<UsbFunction> successor() override;
+    DfuFaults& dfu_faults() override { return dfu_faults_; }
     void tick(Millis now) override { advance(now); }
     std::optional<Millis> next_tick() const override { return machine_.next_due(); }
     void host_came() override { machine_.record_samples(true); }
@@ -63,10 +66,12 @@ private:
     void advance(Millis now);
     Outbox& outbox(Channel channel);
 
+    const DeviceNature nature_;
     const Identity identity_;
     const UsbIdentity usb_;
     Complaints complaints_;
     Misbehaviour faults_;
+    DfuFaults dfu_faults_;
     Machine machine_;
     MessageChannel messages_;
     JobChannel jobs_;

@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -24,6 +25,8 @@ struct InterfaceInfo {
     std::uint8_t subclass;
     std::uint8_t protocol;
     std::vector<EndpointInfo> endpoints;
+    std::string name = {};   ///< empty for none
+    std::string extra = {};  ///< descriptors of its class
 };
 
 /// What the device says about itself in its descriptors.
@@ -35,6 +38,23 @@ struct UsbIdentity {
     std::string product_name;
     std::string serial;
     std::vector<InterfaceInfo> interfaces;
+};
+
+/// The setup packet of a control transfer.
+struct SetupPacket {
+    std::uint8_t type;  ///< bmRequestType
+    std::uint8_t request;
+    std::uint16_t value;
+    std::uint16_t index;
+    std::uint16_t length;
+};
+
+/// What goes wrong in a firmware update on demand. Kept when the device changes between its
+/// application and its boot loader.
+struct DfuFaults {
+    std::optional<std::uint64_t> write_error;  ///< that block cannot be written
+    std::optional<std::uint64_t> unplug_at;    ///< the device leaves the bus at that block
+    bool leave_at_reset = false;               ///< it does not wait for the reset's end
 };
 
 /// The function behind the endpoints: the controller's application firmware is one, another
@@ -52,16 +72,37 @@ public:
     /// Constant for the life of the object.
     virtual const UsbIdentity& identity() const = 0;
 
+    /// The product id under which the device runs its application.
+    virtual std::uint16_t application_product() const = 0;
+
     /// Bytes from the host on an OUT endpoint.
-    virtual void receive(std::uint8_t endpoint, const std::uint8_t* data, std::size_t size,
-                         Millis now) = 0;
+    virtual void receive(std::uint8_t /*endpoint*/, const std::uint8_t* /*data*/,
+                         std::size_t /*size*/, Millis /*now*/) {}
 
     /// The next packet for an IN endpoint, if there is one at that moment.
-    virtual std::optional<std::string> next_packet(std::uint8_t endpoint, Millis now) = 0;
+    virtual std::optional<std::string> next_packet(std::uint8_t /*endpoint*/, Millis /*now*/) {
+        return std::nullopt;
+    }
 
     /// The first moment at which next_packet() may give something that it would not give earlier;
     /// nothing when only the host can bring that about.
-    virtual std::optional<Millis> next_due() const = 0;
+    virtual std::optional<Millis> next_due() const { return std::nullopt; }
+
+    /// A control request that is not a standard one. @param data of the host, if that sends any
+    /// @returns the data for the host, or nothing for a stall
+    virtual std::optional<std::string> control(const SetupPacket& /*request*/,
+                                               const std::string& /*data*/, Millis /*now*/) {
+        return std::nullopt;
+    }
+
+    /// The host resets the device.
+    virtual void bus_reset(Millis /*now*/) {}
+
+    /// Whether the device leaves the bus by itself now.
+    virtual bool wants_to_leave(Millis now) const = 0;
+
+    /// What it then comes back as; null when it does not. To be called once.
+    virtual std::unique_ptr<UsbFunction> successor() = 0;
 
     /// Lets time go by: to be called at next_tick(), whether or not the host reads.
     virtual void tick(Millis now) = 0;
@@ -70,16 +111,19 @@ public:
     virtual std::optional<Millis> next_tick() const = 0;
 
     /// The first program on the host has opened the device.
-    virtual void host_came() = 0;
+    virtual void host_came() {}
 
     /// The last program on the host has closed the device.
-    virtual void host_left() = 0;
+    virtual void host_left() {}
 
     /// Counters as a JSON object.
     virtual Json stats(Millis now) = 0;
 
     /// Sentences about the host's mistakes since the last call.
     virtual std::vector<std::string> take_complaints() = 0;
+
+    /// Whoever changes them holds the model's lock.
+    virtual DfuFaults& dfu_faults() = 0;
 };
 
 }  // namespace jovusim

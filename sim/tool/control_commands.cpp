@@ -100,6 +100,30 @@ std::string frame(Testbed& testbed, Words& words) {
     return {};
 }
 
+std::string heater(Testbed& testbed, Words& words) {
+    const auto device = testbed.at(words.address());
+    const std::string word = words.next("plug|unplug");
+    if (word != "plug" && word != "unplug") {
+        throw BadRequest("\"" + word + "\" is neither plug nor unplug");
+    }
+    words.expect_end();
+    device->with_controller([&](Controller& controller, Millis) {
+        controller.machine().heater().set_plugged(word == "plug");
+    });
+    return {};
+}
+
+std::string gpio(Testbed& testbed, Words& words) {
+    const auto device = testbed.at(words.address());
+    const auto input = static_cast<std::uint32_t>(words.number("N", 0, Gpio::kInputs - 1));
+    const bool level = words.number("level", 0, 1) == 1;
+    words.expect_end();
+    device->with_controller([&](Controller& controller, Millis now) {
+        controller.machine().gpio().drive_input(input, level, now);
+    });
+    return {};
+}
+
 std::string fault(Testbed& testbed, Words& words) {
     const BusAddress address = words.address();
     set_fault(testbed, address, words);
@@ -115,6 +139,8 @@ constexpr std::array kRequests = {
     ControlRequest{"event", "event BUS:ADDR TEXT", event},
     ControlRequest{"send", "send BUS:ADDR message|job HEX", send},
     ControlRequest{"frame", "frame BUS:ADDR TEXT", frame},
+    ControlRequest{"heater", "heater BUS:ADDR plug|unplug", heater},
+    ControlRequest{"gpio", "gpio BUS:ADDR N 0|1", gpio},
     ControlRequest{"fault", "fault BUS:ADDR FAULT...", fault},
 };
 

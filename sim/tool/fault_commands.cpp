@@ -11,6 +11,8 @@ constexpr Millis kLongestDelay = Millis{3600} * 1000;
 constexpr std::uint64_t kMostFlood = 100'000'000;
 constexpr std::uint64_t kMostGarbage = 1ULL << 32U;
 
+constexpr std::uint64_t kMostBlocks = 1'000'000;
+
 /// As deep as still fits into a frame.
 constexpr std::uint32_t kDeepest = 32000;
 
@@ -144,10 +146,36 @@ void unplug_at(const Target& target, Words& words) {
     target.on_bus([&](FaultBoard& faults) { faults.unplug_after(endpoint, bytes); });
 }
 
+void dfu(const Target& target, Words& words) {
+    const std::string word = words.next("what goes wrong");
+    const auto block = [&words] { return words.number("BLOCK", 0, kMostBlocks); };
+    DfuFaults added;
+    if (word == "write-error") {
+        added.write_error = block();
+    } else if (word == "unplug-at") {
+        added.unplug_at = block();
+    } else if (word == "leave-at-reset") {
+        added.leave_at_reset = true;
+    } else {
+        throw BadRequest("unknown dfu fault \"" + word + "\"");
+    }
+    words.expect_end();
+    target.device.with_function([&added](UsbFunction& function, Millis) {
+        DfuFaults& faults = function.dfu_faults();
+        if (added.write_error) faults.write_error = added.write_error;
+        if (added.unplug_at) faults.unplug_at = added.unplug_at;
+        if (added.leave_at_reset) faults.leave_at_reset = true;
+    });
+}
+
 void clear(const Target& target, Words& words) {
     words.expect_end();
     target.on_bus([](FaultBoard& faults) { faults.clear(); });
-    target.on_answers([](Misbehaviour& faults) { faults = {}; });
+    target.device.with_function([](UsbFunction& function, Millis) {
+        function.dfu_faults() = {};
+        auto* const controller = dynamic_cast<Controller*>(&function);
+        if (controller != nullptr) controller->misbehaviour() = {};
+    });
     target.testbed.block_open(target.device.address(), false);
 }
 
@@ -172,6 +200,7 @@ constexpr std::array kFaults = {
     Fault{"flood", "flood message|job N", flood},
     Fault{"garbage", "garbage message|job N", garbage},
     Fault{"unplug-at", "unplug-at EP N", unplug_at},
+    Fault{"dfu", "dfu write-error BLOCK|unplug-at BLOCK|leave-at-reset", dfu},
     Fault{"clear", "clear", clear},
 };
 

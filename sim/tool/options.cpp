@@ -24,7 +24,8 @@ std::string joined(const std::vector<std::string>& words) {
 
 }  // namespace
 
-std::variant<RunOptions, CtlOptions, ExitNow> parse_options(int argc, char** argv) {
+std::variant<RunOptions, CtlOptions, FirmwareOptions, ExitNow> parse_options(int argc,
+                                                                             char** argv) {
     CLI::App app{"Simulated USB controllers for programs that use libusb", "jovu-sim"};
     app.require_subcommand(1);
 
@@ -53,6 +54,15 @@ std::variant<RunOptions, CtlOptions, ExitNow> parse_options(int argc, char** arg
     ctl_app->prefix_command();
     ctl_app->footer("Requests:\n" + control_help());
 
+    FirmwareOptions firmware;
+    CLI::App* firmware_app = app.add_subcommand(
+        "firmware", "Write a firmware image for simulated controllers to standard output.");
+    firmware_app->add_option("version", firmware.version, "What the controller reports with it")
+        ->required();
+    firmware_app->add_option("--size", firmware.size, "Bytes")
+        ->check(CLI::Range(std::size_t{1}, kLargestImage))
+        ->capture_default_str();
+
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
@@ -66,6 +76,7 @@ std::variant<RunOptions, CtlOptions, ExitNow> parse_options(int argc, char** arg
         }
         return ctl;
     }
+    if (firmware_app->parsed()) return firmware;
     if (empty) run.devices = 0;
     return run;
 }

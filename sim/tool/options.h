@@ -2,9 +2,12 @@
 /// The command line of jovu-sim.
 #pragma once
 
+#include <cstddef>
 #include <string>
 #include <variant>
 #include <vector>
+
+#include "firmware/firmware_image.h"
 
 namespace jovusim {
 
@@ -20,12 +23,18 @@ struct CtlOptions {
     std::string request;
 };
 
+/// jovu-sim firmware
+struct FirmwareOptions {
+    std::string version;
+    std::size_t size = kUsualImageSize;
+};
+
 /// The command line ends the program with that status: help was printed, or an error.
 struct ExitNow {
     int status;
 };
 
 /// Reads the command line. Prints help to standard output and errors to standard error.
-std::variant<RunOptions, CtlOptions, ExitNow> parse_options(int argc, char** argv);
+std::variant<RunOptions, CtlOptions, FirmwareOptions, ExitNow> parse_options(int argc, char** argv);
 
 }  // namespace jovusim

@@ -15,7 +15,7 @@ namespace jovusim::test {
 /// Speaks to a controller without any bus.
 class FirmwareHost {
 public:
-    explicit FirmwareHost(double pace = 1.0) : controller("JVSTEST", kApplicationProduct, pace) {}
+    explicit FirmwareHost(double pace = 1.0) : controller({"JVSTEST", kApplicationProduct, pace}) {}
 
     void send(std::uint8_t endpoint, const std::string& bytes) {
         controller.receive(endpoint, reinterpret_cast<const std::uint8_t*>(bytes.data()),

@@ -30,7 +30,7 @@ TEST(MessageChannel, EchoesArguments) {
 }
 
 TEST(MessageChannel, EachDeviceHasItsSerial) {
-    Controller other("JVSOTHER", kApplicationProduct, 1.0);
+    Controller other({"JVSOTHER", kApplicationProduct, 1.0});
     EXPECT_EQ(other.identity().serial, "JVSOTHER");
     Host host;
     const auto answers = host.exchange(Host::command(1, 1, "bio_get_serial"));
