@@ -108,8 +108,8 @@ DfuStatus status_of(ImageFault fault) {
 DfuDevice::DfuDevice(DeviceNature nature, const DfuFaults& faults)
     : nature_(std::move(nature)), usb_(usb_identity(nature_.serial)), faults_(faults) {}
 
-std::optional<std::string> DfuDevice::control(const SetupPacket& request,
-                                              const std::string& data, Millis now) {
+std::optional<std::string> DfuDevice::control(const SetupPacket& request, const std::string& data,
+                                              Millis now) {
     if (leaving_at_) return std::nullopt;
     const bool in = request.type == kInterfaceToHost;
     if (!in && request.type != kClassToInterface) return std::nullopt;
@@ -157,6 +157,11 @@ DfuDevice::Reply DfuDevice::download(const SetupPacket& request, const std::stri
         return refuse("a block of " + std::to_string(data.size()) + " bytes");
     }
     if (data.empty()) {
+        const ImageFault fault = check_firmware_image(image_);
+        if (fault != ImageFault::none) {
+            fail(status_of(fault));
+            return std::nullopt;
+        }
         state_ = DfuState::manifest_sync;
         return std::string();
     }
@@ -190,14 +195,13 @@ void DfuDevice::write_block(const std::string& data) {
 DfuDevice::Reply DfuDevice::upload(const SetupPacket& request) {
     if (state_ == DfuState::idle) {
         if (!firmware_sound_) return refuse("an upload without a firmware");
-        blocks_ = 0;
+        uploaded_ = 0;
     } else if (state_ != DfuState::upload_idle) {
         return refuse("an upload");
     }
     const std::string image = make_firmware_image(nature_.version);
-    const std::size_t at = std::min<std::size_t>(blocks_ * kTransferSize, image.size());
-    const std::string part = image.substr(at, std::min(request.length, kTransferSize));
-    ++blocks_;
+    const std::string part = image.substr(uploaded_, std::min(request.length, kTransferSize));
+    uploaded_ += part.size();
     // A short block is the last one.
     state_ = part.size() < request.length ? DfuState::idle : DfuState::upload_idle;
     return part;
@@ -209,13 +213,8 @@ DfuDevice::Reply DfuDevice::get_status(Millis now) {
     } else if (state_ == DfuState::download_busy && now >= busy_until_) {
         state_ = DfuState::download_idle;
     } else if (state_ == DfuState::manifest_sync) {
-        const ImageFault fault = check_firmware_image(image_);
-        if (fault == ImageFault::none) {
-            state_ = DfuState::manifest;
-            busy_until_ = now + kManifestTime;
-        } else {
-            fail(status_of(fault));
-        }
+        state_ = DfuState::manifest;
+        busy_until_ = now + kManifestTime;
     } else if (state_ == DfuState::manifest && now >= busy_until_) {
         state_ = DfuState::manifest_wait_reset;
         nature_.version = version_of_image(image_);

@@ -92,6 +92,7 @@ private:
     bool gone_ = false;           ///< left for good
     std::string image_;           ///< what has arrived of the download
     std::uint64_t blocks_ = 0;
+    std::size_t uploaded_ = 0;
     std::uint64_t downloads_ = 0;
     std::optional<Millis> leaving_at_;
 };

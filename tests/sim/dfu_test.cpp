@@ -1,0 +1,222 @@
+// The boot loader: downloads, and the ways between it and the application.
+#include <gtest/gtest.h>
+
+#include "firmware/dfu_device.h"
+#include "firmware/firmware_image.h"
+#include "firmware_host.h"
+
+namespace jovusim::test {
+namespace {
+
+using Reply = std::optional<std::string>;
+
+/// A host that speaks DFU, without any bus.
+class DfuHost {
+public:
+    explicit DfuHost(const DfuFaults& faults = {})
+        : device({"JVSTEST", kApplicationProduct, 1.0}, faults) {}
+
+    Reply out(std::uint8_t request, std::uint16_t value = 0, const std::string& data = "") {
+        return device.control({0x21, request, value, 0, static_cast<std::uint16_t>(data.size())},
+                              data, now);
+    }
+    Reply in(std::uint8_t request, std::uint16_t length) {
+        return device.control({0xA1, request, 0, 0, length}, "", now);
+    }
+
+    Reply download(std::uint16_t block, const std::string& data) { return out(1, block, data); }
+
+    struct Status {
+        int status;
+        int wait;
+        int state;
+    };
+    Status status() {
+        const Reply reply = in(3, 6);
+        if (!reply || reply->size() != 6) return {-1, -1, -1};
+        const auto byte = [&reply](std::size_t i) {
+            return static_cast<int>(static_cast<unsigned char>((*reply)[i]));
+        };
+        return {byte(0), byte(1) | byte(2) << 8 | byte(3) << 16, byte(4)};
+    }
+
+    /// Waits as long as the device asks for. Returns how it is then.
+    Status settled() {
+        for (int i = 0; i < 10; ++i) {
+            const Status got = status();
+            if (got.state != kBusy && got.state != kManifest) return got;
+            now += got.wait;
+        }
+        return {-1, -1, -1};
+    }
+
+    /// As dfu-util does: returns the status at the first error or at the end.
+    Status download_all(const std::string& image) {
+        std::uint16_t block = 0;
+        for (std::size_t at = 0; at < image.size(); at += 1024, ++block) {
+            if (!download(block, image.substr(at, 1024))) return status();
+            const Status got = settled();
+            if (got.state != kDownloadIdle) return got;
+        }
+        download(block, "");
+        return settled();
+    }
+
+    static constexpr int kIdle = 2;
+    static constexpr int kBusy = 4;
+    static constexpr int kDownloadIdle = 5;
+    static constexpr int kManifest = 7;
+    static constexpr int kWaitReset = 8;
+    static constexpr int kError = 10;
+
+    DfuDevice device;
+    Millis now = 1000;
+};
+
+TEST(FirmwareImage, IsCheckedAsAWhole) {
+    const std::string good = make_firmware_image("2.0.1", 5000);
+    EXPECT_EQ(good.size(), 5000U);
+    EXPECT_TRUE(good == make_firmware_image("2.0.1", 5000));
+    EXPECT_EQ(check_firmware_image(good), ImageFault::none);
+    EXPECT_EQ(check_firmware_image(good + "more"), ImageFault::none);
+    EXPECT_EQ(version_of_image(good), "2.0.1");
+    for (const std::size_t at : {std::size_t{9}, std::size_t{13}, std::size_t{4999}}) {
+        std::string bad = good;
+        bad[at] = static_cast<char>(bad[at] ^ 1);
+        EXPECT_EQ(check_firmware_image(bad), ImageFault::damaged) << at;
+    }
+    EXPECT_EQ(check_firmware_image(good.substr(0, 4999)), ImageFault::incomplete);
+    EXPECT_EQ(check_firmware_image("JVF" + good), ImageFault::foreign);
+    EXPECT_EQ(check_firmware_image(""), ImageFault::foreign);
+    EXPECT_THROW(make_firmware_image("", 5000), std::invalid_argument);
+    EXPECT_THROW(make_firmware_image("1\n", 5000), std::invalid_argument);
+    EXPECT_THROW(make_firmware_image("2.0.1", 10), std::invalid_argument);
+}
+
+TEST(Dfu, TakesAnImageAndBootsIt) {
+    DfuHost host;
+    const auto end = host.download_all(make_firmware_image("2.0.1", 5000));
+    EXPECT_EQ(end.state, DfuHost::kWaitReset);
+    EXPECT_EQ(end.status, 0);
+    EXPECT_EQ(host.device.stats(host.now)["dfu"]["bytes"], 5000);
+    EXPECT_FALSE(host.device.wants_to_leave(host.now)) << "it waits for the reset";
+    host.device.bus_reset(host.now);
+    EXPECT_FALSE(host.device.wants_to_leave(host.now)) << "and lets the host see its end";
+    host.now = *host.device.next_tick();
+    ASSERT_TRUE(host.device.wants_to_leave(host.now));
+    const auto application = host.device.successor();
+    EXPECT_EQ(application->identity().product, kApplicationProduct);
+    EXPECT_EQ(application->identity().serial, "JVSTEST");
+    EXPECT_EQ(application->stats(host.now)["version"], "2.0.1");
+}
+
+TEST(Dfu, DoesNotBootWhatIsNotSound) {
+    const std::string good = make_firmware_image("2.0.1", 5000);
+    std::string damaged = good;
+    damaged[4500] = static_cast<char>(damaged[4500] ^ 1);
+    DfuFaults write_error;
+    write_error.write_error = 2;
+    const struct {
+        const char* what;
+        std::string image;
+        DfuFaults faults;
+        int status;
+    } cases[] = {
+        {"no image", std::string(3000, 'x'), {}, 0x0A},
+        {"a damaged one", damaged, {}, 0x07},
+        {"half of one", good.substr(0, 2500), {}, 0x09},
+        {"a block that cannot be written", good, write_error, 0x03},
+    };
+    for (const auto& c : cases) {
+        DfuHost host(c.faults);
+        const auto end = host.download_all(c.image);
+        EXPECT_EQ(end.state, DfuHost::kError) << c.what;
+        EXPECT_EQ(end.status, c.status) << c.what;
+        EXPECT_FALSE(host.download(0, "x")) << c.what;
+        host.device.bus_reset(host.now);
+        EXPECT_FALSE(host.device.next_tick()) << c.what << ": there is nothing to boot";
+        host.device.dfu_faults() = {};
+        EXPECT_EQ(host.status().state, DfuHost::kIdle) << c.what;
+        EXPECT_EQ(host.download_all(good).state, DfuHost::kWaitReset) << c.what;
+    }
+}
+
+TEST(Dfu, StallsWhatDoesNotFitItsState) {
+    const std::string block(1024, '\0');
+    const struct {
+        const char* what;
+        std::uint8_t request;
+        std::uint16_t value;
+        std::string data;
+    } cases[] = {
+        {"clear status without an error", 4, 0, ""},
+        {"a download without data", 1, 0, ""},
+        {"a block too large", 1, 0, std::string(1025, 'x')},
+        {"a block out of order", 1, 1, "x"},
+    };
+    for (const auto& c : cases) {
+        DfuHost host;
+        EXPECT_FALSE(host.out(c.request, c.value, c.data)) << c.what;
+        EXPECT_EQ(host.status().state, DfuHost::kError) << c.what;
+        EXPECT_EQ(host.status().status, 0x0F) << c.what;
+        EXPECT_FALSE(host.device.take_complaints().empty()) << c.what;
+        EXPECT_TRUE(host.out(4)) << c.what;
+        EXPECT_EQ(host.status().state, DfuHost::kIdle) << c.what;
+    }
+    DfuHost host;
+    host.download(0, make_firmware_image("1").substr(0, 1024));
+    EXPECT_EQ(host.status().state, DfuHost::kBusy);
+    EXPECT_FALSE(host.download(1, block)) << "it is busy with the block before";
+}
+
+TEST(Dfu, UploadsTheFirmwareThatItHas) {
+    DfuHost host;
+    std::string image;
+    for (;;) {
+        const Reply part = host.in(2, 1000);
+        ASSERT_TRUE(part);
+        image += *part;
+        if (part->size() < 1000) break;
+    }
+    EXPECT_TRUE(image == make_firmware_image("1.0.0"));
+    EXPECT_EQ(host.status().state, DfuHost::kIdle);
+}
+
+TEST(Dfu, FaultsTakeItOffTheBus) {
+    DfuFaults faults;
+    faults.unplug_at = 1;
+    faults.leave_at_reset = true;
+    DfuHost host(faults);
+    const std::string image = make_firmware_image("2.0.1", 5000);
+    EXPECT_TRUE(host.download(0, image.substr(0, 1024)));
+    host.settled();
+    host.download(1, image.substr(1024, 1024));
+    EXPECT_TRUE(host.device.wants_to_leave(host.now));
+    EXPECT_EQ(host.device.successor(), nullptr) << "for good";
+
+    faults.unplug_at.reset();
+    DfuHost other(faults);
+    other.download_all(image);
+    other.device.bus_reset(other.now);
+    EXPECT_TRUE(other.device.wants_to_leave(other.now)) << "at once";
+    EXPECT_NE(other.device.successor(), nullptr);
+}
+
+TEST(Dfu, TheApplicationAnswersAndThenBecomesTheBootLoader) {
+    FirmwareHost host;
+    host.controller.dfu_faults().write_error = 3;
+    EXPECT_EQ(host.result("Enter_dfu_mode"), 0);
+    host.wait(299);
+    EXPECT_FALSE(host.controller.wants_to_leave(host.now));
+    EXPECT_EQ(host.controller.next_tick(), host.now + 1);
+    host.wait(1);
+    ASSERT_TRUE(host.controller.wants_to_leave(host.now));
+    const auto loader = host.controller.successor();
+    EXPECT_EQ(loader->identity().product, kDfuProduct);
+    EXPECT_EQ(loader->identity().serial, "JVSTEST");
+    EXPECT_EQ(loader->application_product(), kApplicationProduct);
+    EXPECT_EQ(loader->dfu_faults().write_error, 3U) << "faults go with it";
+}
+
+}  // namespace
+}  // namespace jovusim::test
