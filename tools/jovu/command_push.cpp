@@ -218,7 +218,7 @@ void follow(const Context& context, Session& session, JovuDeviceAddress address,
 }  // namespace
 
 void run_push(const Context& context, const PushOptions& options) {
-    const std::uint64_t size = check_job_file(options.file);
+    const std::uint64_t size = check_whole_file(options.file, "push");
     const SessionLease lease(context, Interest{true, false});
     Session& session = lease.session();
     const JovuDeviceAddress address = session.pick_device();

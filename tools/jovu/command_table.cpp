@@ -130,6 +130,23 @@ Run define_shell(CLI::App& app) {
     return run_shell;
 }
 
+Run define_dfu(CLI::App& app) {
+    app.footer("Needs dfu-util.");
+    return run_dfu;
+}
+
+Run define_update(CLI::App& app) {
+    const auto options = std::make_shared<UpdateOptions>();
+    app.add_option("IMAGE", options->image, "The firmware image")->type_name("")->required();
+    app.add_option("--serial", options->serial, "The device with this serial number")
+        ->type_name("SERIAL");
+    app.footer(
+        "A controller is put into DFU mode, written to by dfu-util, and asked for its version "
+        "when\n"
+        "it is back. A device that is in DFU mode already is taken as it is.");
+    return [options](const Context& context) { run_update(context, *options); };
+}
+
 }  // namespace
 
 const std::vector<Command>& command_table() {
@@ -146,6 +163,8 @@ const std::vector<Command>& command_table() {
         {"call", "Call any of the firmware's commands", define_call},
         {"trace", "Record what a servo does", define_trace},
         {"shell", "Talk to a device at a prompt", define_shell},
+        {"dfu", "List the devices in DFU mode", define_dfu},
+        {"update", "Write a new firmware to a device", define_update},
     };
     return table;
 }

@@ -62,6 +62,12 @@ struct TraceOptions {
     std::optional<float> distance;  ///< Of a move, in client units.
 };
 
+struct UpdateOptions {
+    std::string image;
+    std::string serial;                       ///< Of the device to update; empty for any.
+    std::optional<JovuDeviceAddress> device;  ///< Likewise, by its place on the bus.
+};
+
 /// @name The commands
 /// Each returns when it has succeeded.
 /// @throws Failure when it has not.
@@ -78,6 +84,8 @@ void run_commands(const Context& context, const CommandsOptions& options);
 void run_call(const Context& context, const CallOptions& options);
 void run_trace(const Context& context, const TraceOptions& options);
 void run_shell(const Context& context);
+void run_dfu(const Context& context);
+void run_update(const Context& context, const UpdateOptions& options);
 /// @}
 
 }  // namespace jovu_cli

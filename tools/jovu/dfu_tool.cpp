@@ -1,0 +1,230 @@
+#include "dfu_tool.h"
+
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <regex>
+#include <system_error>
+#include <utility>
+
+#include "child_process.h"
+#include "failure.h"
+#include "file_descriptor.h"
+#include "jovu/exception.h"
+#include "output.h"
+
+namespace jovu_cli {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr const char* tool_name = "dfu-util";
+constexpr const char* image_name = "image";
+
+[[noreturn]] void throw_temporary(int error) {
+    throw Failure(ExitCode::failure, std::string("cannot make a temporary directory: ") +
+                                         std::generic_category().message(error));
+}
+
+/// A new directory whose path has no character that means something to a shell.
+fs::path make_directory() {
+    const char* const named = std::getenv("TMPDIR");
+    std::string base = named != nullptr ? named : "";
+    const bool plain = !base.empty() && base.front() == '/' &&
+                       base.find_first_not_of(
+                           "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ"
+                           "0123456789/._-") == std::string::npos;
+    std::string pattern = (plain ? base : "/tmp") + "/jovu-dfu-XXXXXX";
+    if (mkdtemp(pattern.data()) == nullptr) {
+        throw_temporary(errno);
+    }
+    return pattern;
+}
+
+/// The process's working directory while this lives; then the one before it.
+class WorkingDirectory {
+public:
+    explicit WorkingDirectory(const fs::path& path)
+        : before_(open(".", O_PATH | O_DIRECTORY | O_CLOEXEC)) {
+        if (!before_.valid() || chdir(path.c_str()) != 0) {
+            throw_temporary(errno);
+        }
+    }
+    ~WorkingDirectory() { (void)!fchdir(before_.get()); }
+    WorkingDirectory(const WorkingDirectory&) = delete;
+    WorkingDirectory& operator=(const WorkingDirectory&) = delete;
+
+private:
+    FileDescriptor before_;
+};
+
+void link_to(const fs::path& target, const fs::path& name) {
+    std::error_code error;
+    fs::remove(name, error);
+    fs::create_symlink(fs::absolute(target), name, error);
+    if (error) {
+        throw_temporary(error.value());
+    }
+}
+
+bool same(const DfuDevice& a, const DfuDevice& b) {
+    return a.vendor_id == b.vendor_id && a.product_id == b.product_id && a.serial == b.serial;
+}
+
+/// The lines of a text as one line.
+std::string joined_lines(const std::string& text) {
+    std::string result;
+    std::size_t begin = 0;
+    while (begin < text.size()) {
+        const std::size_t end = std::min(text.find('\n', begin), text.size());
+        const std::string line = text.substr(begin, end - begin);
+        if (line.find_first_not_of(" \t\r") != std::string::npos) {
+            result += (result.empty() ? "" : "; ") + line;
+        }
+        begin = end + 1;
+    }
+    return result;
+}
+
+/// Whom a running download tells of its progress: the library passes nothing along. A download runs
+/// on the thread that has ordered it.
+thread_local const std::function<void(double)>* current_progress = nullptr;
+thread_local int finished_reports = 0;
+
+void report_progress(double percent, DfuDevice /*device*/) {
+    finished_reports += percent >= 100 ? 1 : 0;
+    (*current_progress)(percent);
+}
+
+}  // namespace
+
+/// Reads what is written on standard error while this lives: dfu-util inherits it from the process.
+class DfuTool::ErrorCapture {
+public:
+    explicit ErrorCapture(DfuTool& tool)
+        : tool_(tool),
+          before_(fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, STDERR_FILENO + 1)),
+          words_(memfd_create("jovu-dfu", MFD_CLOEXEC)) {
+        if (!before_.valid() || !words_.valid() || dup2(words_.get(), STDERR_FILENO) < 0) {
+            throw std::system_error(errno, std::generic_category(), "standard error");
+        }
+        tool_.real_stderr_ = before_.get();
+    }
+    ~ErrorCapture() {
+        dup2(before_.get(), STDERR_FILENO);
+        tool_.real_stderr_ = -1;
+    }
+    ErrorCapture(const ErrorCapture&) = delete;
+    ErrorCapture& operator=(const ErrorCapture&) = delete;
+
+    std::string words() const {
+        std::string text;
+        char bytes[4096];
+        for (;;) {
+            const ssize_t count =
+                pread(words_.get(), bytes, sizeof bytes, static_cast<off_t>(text.size()));
+            if (count <= 0) {
+                return joined_lines(text);
+            }
+            text.append(bytes, static_cast<std::size_t>(count));
+        }
+    }
+
+private:
+    DfuTool& tool_;
+    FileDescriptor before_;
+    FileDescriptor words_;
+};
+
+DfuTool::DfuTool() {
+    const std::optional<std::string> tool = find_program(tool_name);
+    if (!tool) {
+        throw Failure(ExitCode::failure, "this needs dfu-util, which is not installed",
+                      "Debian's package is dfu-util");
+    }
+    directory_ = make_directory();
+    link_to(*tool, directory_ / tool_name);
+    const WorkingDirectory here(directory_);
+    dfu_.emplace();
+}
+
+DfuTool::~DfuTool() {
+    std::error_code ignored;
+    fs::remove_all(directory_, ignored);
+}
+
+DfuTool::Listing DfuTool::list() {
+    const ErrorCapture errors(*this);
+    Listing listing;
+    for (DfuDevice& device : dfu_->GetDfuDevices()) {
+        const auto& known = listing.devices;
+        if (std::none_of(known.begin(), known.end(),
+                         [&](const DfuDevice& other) { return same(device, other); })) {
+            listing.devices.push_back(std::move(device));
+        }
+    }
+    listing.words = errors.words();
+    return listing;
+}
+
+DfuTool::Outcome DfuTool::download(const DfuDevice& device, const std::string& image,
+                                   const std::function<void(double)>& progress) {
+    const fs::path name = directory_ / image_name;
+    link_to(image, name);
+    const ErrorCapture errors(*this);
+    current_progress = &progress;
+    finished_reports = 0;
+    Outcome outcome;
+    try {
+        dfu_->UpdateDevice(device, name.string(), report_progress);
+        // The library reports 100 once by itself, at the end of every download.
+        outcome.completed = finished_reports > 1;
+    } catch (const JovuException& error) {
+        outcome.words = joined_lines(error.what());
+    }
+    const std::string words = errors.words();
+    outcome.words += (outcome.words.empty() || words.empty() ? "" : "; ") + words;
+    return outcome;
+}
+
+void DfuTool::tell(const std::string& line) const {
+    const std::string text = line + "\n";
+    (void)!write(real_stderr_ < 0 ? STDERR_FILENO : real_stderr_, text.data(), text.size());
+}
+
+std::optional<std::string> refused_node(const std::string& words) {
+    static const std::regex pattern(
+        R"(Cannot open DFU device ([0-9a-f]{4}):([0-9a-f]{4}) found on devnum ([0-9]+) )"
+        R"(\(LIBUSB_ERROR_ACCESS\))");
+    std::smatch found;
+    if (!std::regex_search(words, found, pattern)) {
+        return std::nullopt;
+    }
+    const auto read = [](const fs::path& file) {
+        std::string text;
+        std::ifstream(file) >> text;
+        return text;
+    };
+    std::error_code error;
+    std::string bus = "*";
+    for (const auto& entry : fs::directory_iterator("/sys/bus/usb/devices", error)) {
+        const fs::path& path = entry.path();
+        if (read(path / "devnum") == found[3] && read(path / "idVendor") == found[1] &&
+            read(path / "idProduct") == found[2]) {
+            bus = read(path / "busnum");
+        }
+    }
+    const auto three_digits = [](const std::string& number) {
+        return number.size() < 3 && number != "*" ? std::string(3 - number.size(), '0') + number
+                                                  : number;
+    };
+    return "/dev/bus/usb/" + three_digits(bus) + "/" + three_digits(found[3]);
+}
+
+}  // namespace jovu_cli

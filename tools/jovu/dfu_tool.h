@@ -1,0 +1,65 @@
+/// @file
+/// The library's firmware update, with the dfu-util that is installed.
+#pragma once
+
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "jovu/dfu.h"
+
+namespace jovu_cli {
+
+using DfuDevice = JovuDfu::DfuDevice_t;
+
+/// The library runs the dfu-util in its working directory and has its own ideas about paths with
+/// blanks. This gives it a directory with plain names that lead to the tool and to the image, for
+/// as long as this object lives.
+class DfuTool {
+public:
+    /// Looks for dfu-util on PATH. Changes the working directory for a moment: not while another
+    /// thread uses relative paths.
+    /// @throws Failure failure when it is not installed, or when there is no temporary directory.
+    DfuTool();
+    ~DfuTool();
+    DfuTool(const DfuTool&) = delete;
+    DfuTool& operator=(const DfuTool&) = delete;
+
+    /// What dfu-util lists.
+    struct Listing {
+        std::vector<DfuDevice> devices;  ///< Each once, whatever number of settings it has.
+        std::string words;               ///< What dfu-util complains of.
+    };
+    /// @throws JovuException when dfu-util cannot be started.
+    Listing list();
+
+    /// How a download went, as far as dfu-util tells.
+    struct Outcome {
+        bool completed = false;  ///< It told of the last byte.
+        std::string words;       ///< What it complained of.
+    };
+    /// Writes an image to a device; returns when dfu-util has ended.
+    /// @param progress called with per cent; must not throw.
+    /// @throws JovuException when dfu-util cannot be started.
+    Outcome download(const DfuDevice& device, const std::string& image,
+                     const std::function<void(double)>& progress);
+
+    /// Prints a line on the real standard error, also while dfu-util's is being read.
+    void tell(const std::string& line) const;
+
+private:
+    class ErrorCapture;
+
+    std::filesystem::path directory_;
+    std::optional<JovuDfu> dfu_;
+    int real_stderr_ = -1;  ///< While dfu-util's is being read; owned by the capture.
+};
+
+/// The device node that a complaint of dfu-util is about, when it says that access was refused.
+/// @return nothing when it says no such thing.
+std::optional<std::string> refused_node(const std::string& words);
+
+}  // namespace jovu_cli
