@@ -3,6 +3,7 @@
 #include <sys/socket.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
 #include <exception>
 #include <filesystem>
@@ -13,6 +14,13 @@
 #include "bus/usbfs_session.h"
 
 namespace jovusim {
+
+namespace {
+
+/// Out of descriptors or memory: that may pass.
+constexpr std::chrono::milliseconds kAcceptPause(10);
+
+}  // namespace
 
 UsbfsNode::UsbfsNode(const std::string& root, const std::string& node) {
     // Where the preloaded library looks for somebody who serves a node.
@@ -41,8 +49,10 @@ void UsbfsNode::accept_files() {
         UniqueFd socket(::accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC));
         if (!socket) {
             if (errno == EINTR || errno == ECONNABORTED) continue;
-            if (errno != EINVAL) std::perror("jovu-sim: cannot accept an open file");
-            return;  // EINVAL: shut down
+            if (errno == EINVAL) return;  // shut down
+            std::perror("jovu-sim: cannot take an open file in");
+            std::this_thread::sleep_for(kAcceptPause);
+            continue;
         }
         files_.remove_if([](OpenFile& file) {
             if (!file.ended) return false;
