@@ -1,6 +1,6 @@
 #include "core/notice_threads.h"
 
-#include <system_error>
+#include <exception>
 #include <thread>
 #include <utility>
 
@@ -22,8 +22,9 @@ void NoticeThreads::post(Notice notice) {
     }
     try {
         std::thread([state = state_] { run(*state); }).detach();
-    } catch (const std::system_error&) {
-        // No thread to be had now. The notice is in the queue, which every later thread empties.
+    } catch (const std::exception&) {
+        // No thread to be had now, or no memory for one. The notice is in the queue, which every
+        // later thread empties.
         return;
     }
 }
@@ -54,7 +55,7 @@ void NoticeThreads::run(State& state) noexcept {
 }
 
 void NoticeThreads::close() {
-    std::deque<Notice> dropped;
+    std::list<Notice> dropped;
     const MutexLock lock(state_->mutex);
     state_->closed = true;
     dropped.swap(state_->pending);

@@ -2,8 +2,8 @@
 /// The threads on which an application is told of devices.
 #pragma once
 
-#include <deque>
 #include <functional>
+#include <list>
 #include <memory>
 
 #include "base/mutex.h"
@@ -39,7 +39,8 @@ private:
 
         Mutex mutex;
         ConditionVariable changed;
-        std::deque<Notice> pending JOVU_GUARDED_BY(mutex);
+        /// A list: an empty one is made without memory, which close() may not have.
+        std::list<Notice> pending JOVU_GUARDED_BY(mutex);
         unsigned running JOVU_GUARDED_BY(mutex) = 0;
         unsigned waiting JOVU_GUARDED_BY(mutex) = 0;  ///< Of the running ones, inside wait().
         bool closed JOVU_GUARDED_BY(mutex) = false;
