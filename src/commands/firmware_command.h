@@ -96,11 +96,9 @@ public:
     /// leaves the result zero; one whose result is of another kind counts as no reply.
     void set_response(std::shared_ptr<JovuMessage>& reply) override {
         const yajl_val command = get_unparsed_command(reply);
-        if (command != nullptr && get_unparsed_return(reply) != nullptr) {
-            R result{};
-            if (!cmd_ifc_deserialize_type(command, "__return__", result)) return;
-            result_ = std::move(result);
-        }
+        const bool returned = command != nullptr && get_unparsed_return(reply) != nullptr;
+        R result{};
+        if (returned && !cmd_ifc_deserialize_type(command, "__return__", result)) return;
         std::tuple<Args...> echoed{};
         std::vector<std::string> keys(sizeof...(Args));
         const yajl_val args = get_unparsed_args(reply);
@@ -112,6 +110,8 @@ public:
             *transport(), get_unparsed_cmd_name(reply), get_unparsed_cmd_idx(reply),
             std::move(echoed), std::move(keys));
         JovuCommand::set_response(typed);
+        // Last, when memory can run out no more: a failed exchange must not have a result.
+        if (returned) result_ = std::move(result);
     }
 
     /// What the device returned; zero-initialised until then. Read it after send() has returned.
