@@ -7,9 +7,13 @@
 #include "base/mutex.h"
 #include "base/never_destroyed.h"
 #include "usb/delivery.h"
+#include "usb/event_handling.h"
 
 namespace jovu {
 namespace {
+
+/// How long a closing device waits for events before it cancels its transfers again.
+constexpr std::chrono::milliseconds kDrainSlice{20};
 
 std::atomic<JovuUsb::connection_t> last_connection{JovuUsb::kNoConnection};
 
@@ -129,8 +133,7 @@ void UsbDevice::end_reception() noexcept {
             // handling, for which libusb cannot be blamed.
             if (delivery_in_progress()) deadline = Clock::now() + kDrainLimit;
             const bool overdue = Clock::now() > deadline;
-            timeval slice{0, 20000};
-            libusb_handle_events_timeout_completed(context_.get(), &slice, transfer.rx_done());
+            handle_events(context_, kDrainSlice, transfer.rx_done());
             if (overdue && !transfer.idle() && !delivery_in_progress()) {
                 spare_.front() = {context_, std::move(handle_), reception_};
                 abandon(spare_);

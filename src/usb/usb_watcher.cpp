@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "usb/delivery.h"
+#include "usb/event_handling.h"
 #include "usb/link.h"
 
 namespace jovu {
@@ -22,9 +23,6 @@ constexpr milliseconds kGateSlice{20};
 
 /// Event wait while a scan is due but held back.
 constexpr milliseconds kHeldSlice{10};
-
-/// Pause after event handling has failed, so that a broken bus costs no more than an idle one.
-constexpr milliseconds kErrorPause{50};
 
 /// The watcher's pass over the bus, as an object that lives on its thread.
 class Watcher {
@@ -51,12 +49,8 @@ private:
     }
 
     void handle_events(milliseconds limit) {
-        timeval wait{0, static_cast<suseconds_t>(limit.count() * 1000)};
-        const int result = libusb_handle_events_timeout(context_.get(), &wait);
+        jovu::handle_events(context_, limit, nullptr);
         rethrow_client_error();
-        if (result < 0 && result != LIBUSB_ERROR_INTERRUPTED) {
-            std::this_thread::sleep_for(kErrorPause);
-        }
     }
 
     /// Runs @p work with the device gate held, ahead of any other thread that wants the gate.
