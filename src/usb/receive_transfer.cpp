@@ -71,7 +71,7 @@ void ReceiveTransfer::libusb_rx_data_callback(libusb_transfer* transfer) noexcep
         case LIBUSB_TRANSFER_OVERFLOW:
             break;
     }
-    if (transfer->actual_length > 0 &&
+    if (transfer->actual_length > 0 && !self.disowned_ &&
         !deliver(self.interface_, transfer->buffer,
                  static_cast<unsigned int>(transfer->actual_length), self.address_)) {
         self.finish();

@@ -36,6 +36,10 @@ public:
     /// repeated until idle(): a cancellation can be lost to a completion that is just arriving.
     void stop() noexcept;
 
+    /// Keeps what may still come from being delivered: libusb has not given the transfer back, and
+    /// another opening of a device may have the address by then.
+    void disown() noexcept { disowned_ = true; }
+
     /// @return whether libusb has nothing of it: not in flight, and no completion being handled.
     bool idle() noexcept;
 
@@ -60,6 +64,7 @@ private:
     std::array<unsigned char, kReceiveBufferSize> rx_buffer_{};
     libusb_device_handle* handle_ = nullptr;  ///< Constant once submitted.
     std::atomic<bool> rx_failed_{false};
+    std::atomic<bool> disowned_{false};
 
     /// Keeps resubmission and stop() apart. A leaf but for libusb's own locks.
     Mutex mutex_;

@@ -135,6 +135,8 @@ void UsbDevice::end_reception() noexcept {
             const bool overdue = Clock::now() > deadline;
             handle_events(context_, kDrainSlice, transfer.rx_done());
             if (overdue && !transfer.idle() && !delivery_in_progress()) {
+                for (ReceiveTransfer& kept : reception_->transfers)
+                    kept.disown();
                 spare_.front() = {context_, std::move(handle_), reception_};
                 abandon(spare_);
                 return;
