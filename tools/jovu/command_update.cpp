@@ -54,7 +54,7 @@ public:
         reporter_.step("dfu_mode", device.serial,
                        "in DFU mode: " + device.vendor_id + ":" + device.product_id + ", serial " +
                            device.serial);
-        const std::vector<JovuDeviceAddress> others = session_.client().list_connected();
+        const std::vector<JovuDeviceAddress> others = session_.usable_devices();
         const DfuTool::Outcome outcome = download(device);
         wait_for_return(chosen, others, outcome);
     }
@@ -211,7 +211,7 @@ private:
 
     std::optional<JovuDeviceAddress> returned(const Chosen& chosen,
                                               const std::vector<JovuDeviceAddress>& others) {
-        for (const JovuDeviceAddress address : session_.client().list_connected()) {
+        for (const JovuDeviceAddress address : session_.usable_devices()) {
             if (std::find(others.begin(), others.end(), address) != others.end()) {
                 continue;
             }

@@ -79,9 +79,8 @@ void Inbox::post(Notice notice) {
     ++posted_;
     {
         const std::lock_guard<std::mutex> lock(mutex_);
-        if (std::holds_alternative<Connected>(notice.what) &&
-            std::find(announced_.begin(), announced_.end(), notice.address) == announced_.end()) {
-            announced_.push_back(notice.address);
+        if (is_link_notice(notice)) {
+            announced_[notice.address] += std::holds_alternative<Connected>(notice.what) ? 1 : -1;
         }
         const bool aside = keeps_aside(notice);
         if (!aside && !wanted(notice)) {
@@ -128,7 +127,13 @@ std::optional<Notice> Inbox::poll_aside() {
 
 std::vector<JovuDeviceAddress> Inbox::announced() {
     const std::lock_guard<std::mutex> lock(mutex_);
-    return announced_;
+    std::vector<JovuDeviceAddress> addresses;
+    for (const auto& [address, count] : announced_) {
+        if (count > 0) {
+            addresses.push_back(address);
+        }
+    }
+    return addresses;
 }
 
 void Inbox::drop_reports() {

@@ -12,6 +12,7 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <unordered_map>
 #include <variant>
 #include <vector>
 
@@ -86,7 +87,7 @@ public:
     /// A descriptor that is readable while something is kept aside. For poll(2) only.
     int aside_fd() const noexcept { return aside_event_.get(); }
 
-    /// @return every address at which a device was announced, once.
+    /// @return the addresses of the devices that were announced and have not left since.
     std::vector<JovuDeviceAddress> announced();
 
 private:
@@ -106,13 +107,15 @@ private:
     std::atomic<std::uint64_t> posted_{0};
     std::mutex mutex_;
     std::condition_variable changed_;
-    Interest interest_;                         ///< Protected by mutex_.
-    Queue waiting_;                             ///< Protected by mutex_.
-    Queue aside_;                               ///< Protected by mutex_.
-    bool keep_aside_ = false;                   ///< Protected by mutex_.
-    std::size_t lost_ = 0;                      ///< Protected by mutex_.
-    std::vector<JovuDeviceAddress> announced_;  ///< Protected by mutex_.
-    FileDescriptor aside_event_;                ///< An eventfd, up while aside_ holds something.
+    Interest interest_;        ///< Protected by mutex_.
+    Queue waiting_;            ///< Protected by mutex_.
+    Queue aside_;              ///< Protected by mutex_.
+    bool keep_aside_ = false;  ///< Protected by mutex_.
+    std::size_t lost_ = 0;     ///< Protected by mutex_.
+    /// Announcements less departures. When a device is replugged quickly they come in any order,
+    /// but their number is right in the end. Protected by mutex_.
+    std::unordered_map<JovuDeviceAddress, int> announced_;
+    FileDescriptor aside_event_;  ///< An eventfd, up while aside_ holds something.
     StopSource::Action wake_;
 };
 

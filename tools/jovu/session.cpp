@@ -100,9 +100,8 @@ bool Session::worth_waiting(const std::vector<JovuDeviceAddress>& usable, bool f
     return usable.size() < attached_controllers();
 }
 
-/// The announced devices that are still there. The link's list alone is not enough: a device enters
-/// it a moment before it can be talked to.
 std::vector<JovuDeviceAddress> Session::usable_devices() {
+    // The link's list alone is not enough: a device enters it a moment before it can be talked to.
     const std::vector<JovuDeviceAddress> announced = inbox_.announced();
     std::vector<JovuDeviceAddress> devices;
     for (const JovuDeviceAddress address : client_.list_connected()) {

@@ -96,6 +96,9 @@ public:
         check_exchange(address, name);
     }
 
+    /// The devices that can be talked to at this moment, in the order of their addresses.
+    std::vector<JovuDeviceAddress> usable_devices();
+
     /// Whether a device is there and open.
     bool is_connected(JovuDeviceAddress address) const;
 
@@ -122,7 +125,6 @@ public:
 
 private:
     bool worth_waiting(const std::vector<JovuDeviceAddress>& usable, bool found);
-    std::vector<JovuDeviceAddress> usable_devices();
     std::size_t attached_controllers();
     void close_on_signal(JovuDeviceAddress address, Stop reason);
     void close(JovuDeviceAddress address) noexcept;
