@@ -149,6 +149,17 @@ TEST_F(Update, NamesTheNodeThatItMayNotOpen) {
     EXPECT_THAT(ended.err, HasSubstr("70-jovu.rules"));
 }
 
+TEST_F(Update, LeavesOtherMakersDevicesAlone) {
+    sim("unplug " + name(device_));
+    const FakeTool tool(
+        "echo 'Found DFU: [1209:0001] ver=0100, devnum=9, alt=0, serial=\"ABC\"'\n"
+        "if [ \"$1\" != -l ]; then echo written to >&2; fi\n");
+    const Ended ended = jovu({"update", image_.path()});
+    EXPECT_EQ(ended.status, 3);
+    EXPECT_THAT(ended.err, testing::Not(HasSubstr("written to")));
+    EXPECT_THAT(jovu({"update", image_.path(), "--serial", "ABC"}).err, HasSubstr("written to"));
+}
+
 TEST_F(Update, PassesOnWhatTheToolSays) {
     const FakeTool tool(
         "echo \"Found DFU: [7a1c:00df] ver=0100, devnum=9, alt=1, serial=\\\"" + serial_ +

@@ -27,6 +27,10 @@ constexpr auto change_poll = 300ms;
 /// A device that is still in DFU mode so long after the download will not leave it.
 constexpr auto leave_limit = 8s;
 
+/// The vendor id of every controller, in DFU mode too, as dfu-util writes it. What else is in DFU
+/// mode is another maker's, and is left alone unless it is asked for by its serial number.
+constexpr const char* controller_vendor = "7a1c";
+
 constexpr const char* again_hint = "it is still in DFU mode: 'jovu update' can be run again";
 
 /// What is to be updated.
@@ -66,16 +70,20 @@ private:
         Chosen chosen;
         std::vector<JovuDeviceAddress> controllers = session_.find_devices();
         std::vector<DfuDevice> devices = in_dfu_mode;
+        const auto unwanted = [&](const DfuDevice& device) {
+            return options_.serial.empty() ? device.vendor_id != controller_vendor
+                                           : device.serial != options_.serial;
+        };
+        devices.erase(std::remove_if(devices.begin(), devices.end(), unwanted), devices.end());
         if (options_.device) {
             chosen.controller = session_.pick_device();
             chosen.identity = read_identity(session_, *chosen.controller);
             return chosen;
         }
         if (!options_.serial.empty()) {
-            const auto other = [&](const DfuDevice& d) { return d.serial != options_.serial; };
-            devices.erase(std::remove_if(devices.begin(), devices.end(), other), devices.end());
             const auto different = [&](JovuDeviceAddress address) {
-                return read_identity(session_, address).serial != options_.serial;
+                const std::optional<Identity> identity = try_identity(address);
+                return !identity || identity->serial != options_.serial;
             };
             controllers.erase(std::remove_if(controllers.begin(), controllers.end(), different),
                               controllers.end());
@@ -144,7 +152,7 @@ private:
                 if (device.serial == identity.serial) {
                     return device;
                 }
-                if (is_new(device)) {
+                if (is_new(device) && device.vendor_id == controller_vendor) {
                     news.push_back(device);
                 }
             }
@@ -215,21 +223,29 @@ private:
             if (std::find(others.begin(), others.end(), address) != others.end()) {
                 continue;
             }
-            try {
-                const std::string serial = read_identity(session_, address).serial;
-                const bool known_before = chosen.controller.has_value();
-                if (serial == chosen.dfu->serial || serial == chosen.identity.serial ||
-                    !known_before) {
-                    return address;
-                }
-            } catch (const Failure& failure) {
-                if (failure.code() != ExitCode::exchange_failed) {
-                    throw;
-                }
-                // It has only just come; the next time it will answer.
+            const std::optional<Identity> identity = try_identity(address);
+            if (!identity) {
+                continue;
+            }
+            const bool known_before = chosen.controller.has_value();
+            const std::string& serial = identity->serial;
+            if (serial == chosen.dfu->serial || serial == chosen.identity.serial || !known_before) {
+                return address;
             }
         }
         return std::nullopt;
+    }
+
+    /// @return nothing when the device does not answer.
+    std::optional<Identity> try_identity(JovuDeviceAddress address) {
+        try {
+            return read_identity(session_, address);
+        } catch (const Failure& failure) {
+            if (failure.code() != ExitCode::exchange_failed) {
+                throw;
+            }
+            return std::nullopt;
+        }
     }
 
     bool in_dfu_mode(const DfuDevice& device) {
