@@ -268,6 +268,11 @@ bool in_flight(libusb_device* device, unsigned endpoint) {
     return find_in_flight(device, endpoint) != nullptr;
 }
 
+bool untold() {
+    const Lock lock(bus.mutex);
+    return bus.handled < bus.queued;
+}
+
 std::vector<std::string> finish() {
     const Lock lock(bus.mutex);
     std::vector<std::string> wrong = std::exchange(bus.misuses, {});

@@ -73,6 +73,8 @@ bool post(libusb_device* device, unsigned endpoint, libusb_transfer_status statu
 bool complete(libusb_device* device, unsigned endpoint, libusb_transfer_status status,
               const std::string& data = "");
 bool in_flight(libusb_device* device, unsigned endpoint);
+/// @return whether there is a completion whose callback has not returned yet.
+bool untold();
 
 /// Ends a test and forgets everything.
 /// @return what was misused or not released, and how many steps of the scripts were not taken.

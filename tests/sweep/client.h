@@ -1,0 +1,111 @@
+/// @file
+/// The application of a run, and what it does with the library.
+#pragma once
+
+#include <atomic>
+#include <list>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "jovu/client.h"
+#include "sweep/device_model.h"
+#include "sweep/faults.h"
+
+namespace sweep {
+
+/// Notes down what it is told. What its handlers do by themselves does not fail.
+class Client : public JovuClient {
+public:
+    explicit Client(const JovuScanHold& = JovuScanHold()) {}
+    ~Client() override { shutdown(); }
+
+    void device_connected(JovuDeviceAddress /*address*/) override { ++connects; }
+    void device_disconnected(JovuDeviceAddress /*address*/) override { ++disconnects; }
+    void debug_event(JovuDeviceAddress address, std::shared_ptr<char> text) override;
+    void servo_dc_trace_event(JovuDeviceAddress address, servo_trace_msg sample) override;
+    void StatusReceived(JovuDeviceAddress address, StatusMsg status) override;
+
+    std::vector<std::string> events() const;
+
+    std::atomic<unsigned> connects{0};
+    std::atomic<unsigned> disconnects{0};
+    std::atomic<unsigned> statuses{0};
+    std::atomic<bool> wrong_status{false};
+
+private:
+    void note(std::string event);
+
+    mutable std::mutex mutex_;
+    std::vector<std::string> events_;
+};
+
+/// Everything of one run.
+class World {
+public:
+    /// @param fault null for a run without one.
+    explicit World(const Fault* fault) : fault_(fault) {}
+
+    /// Tells of a fault of the library, on standard error.
+    void wrong(const std::string& what);
+    /// @return whether there was none.
+    bool right() const { return right_; }
+
+    /// Whether the run's fault is of that kind.
+    bool faulty(Kind kind) const { return fault_ != nullptr && fault_->kind == kind; }
+    const Fault* fault() const { return fault_; }
+
+    DeviceModel& plug() { return devices_.emplace_back(); }
+    DeviceModel& device() { return devices_.back(); }
+    bool plugged() const { return !devices_.empty(); }
+
+    void start();
+    void stop();
+
+    /// Waits for something that the fault may have prevented; for as long as it takes if it has not
+    /// struck.
+    bool wait(const char* what, bool (*come)(World&));
+
+    /// Makes a call of the library.
+    /// @return whether it went through. What it throws has to be what it is documented to throw.
+    template <class Call>
+    bool call(const char* what, Call call) {
+        try {
+            const Exposed exposed;
+            call();
+            return true;
+        } catch (const std::exception& error) {
+            check_exception(what, error);
+        }
+        return false;
+    }
+
+    /// Runs one command, and checks that it gives the right result, or a reason and nothing else.
+    /// @return whether it gave the right result.
+    bool command(std::size_t number);
+
+    /// Asks for a status report and waits for it.
+    bool status();
+
+    std::optional<Client> client;
+
+private:
+    void check_exception(const char* what, const std::exception& error);
+
+    const Fault* const fault_;
+    std::list<DeviceModel> devices_;
+    std::atomic<bool> right_{true};
+};
+
+/// How many commands World::command() knows.
+extern const std::size_t kCommands;
+
+/// What the watcher has said before it ended, between the dash and the full stop; empty while it
+/// lives. Read from standard output, which has to be a file.
+std::string last_words();
+
+/// Forgets them: another watcher will have its own.
+void forget_last_words();
+
+}  // namespace sweep

@@ -1,0 +1,213 @@
+#include "sweep/device_model.h"
+
+#include <algorithm>
+#include <atomic>
+
+#include "fake_usb/fake_libusb.h"
+#include "fake_usb/framed.h"
+#include "sweep/faults.h"
+
+namespace sweep {
+namespace {
+
+using Lock = std::lock_guard<std::mutex>;
+
+constexpr std::size_t kPacket = 64;
+
+/// What commands return, by their names on the wire. Every other one returns 0.
+const std::map<std::string, std::string>& returned_values() {
+    static const std::map<std::string, std::string> values{
+        {"bio_get_version", "[49,46,50,0]"},
+        {"gpio_input_get", "3"},
+        {"gcode_process_command", "7"},
+        {"heater_var_get", "5"},
+        {"wifi_client_get_status",
+         R"({"connected":1,"ip_config":{"ip":[192,168,1,7],"subnet_mask":[255,255,255,0],)"
+         R"("default_gateway":[1,2,3,4],"dhcp_server":[5,6,7,8],"dns_server":[9,10,11,12],)"
+         R"("mac_address":[1,2,3,4,5,255],"connected_ssid":[110,101,116]}})"},
+        {"servo_dc_move_default",
+         R"({"move_type":1,"start_sync":1,"target":0.5,"distance":2.5,"speed_f":3,"accel_f":4,)"
+         R"("decel_f":5,"max_cycles":6,"metric_skip":7,"speed_offset_upramp_f":8,)"
+         R"("speed_offset_downramp_f":9,"ignore_stalls":0,"slaved":1,"slave_ratio":10})"},
+        {"sd_mmc_get_storage_info", R"({"total_size":6,"block_count":3,"block_size":2})"},
+        {"sd_mmc_read", "9"},
+    };
+    return values;
+}
+
+constexpr const char* kStatus =
+    R"({"metadata":{"version":1,"type":"status"},"printer":{"model_name":"Model","cpu_id":"12",)"
+    R"("firmware":{"name":"main","version":"1.2"},"accept_version":4},"status":{"state":"idle",)"
+    R"("build_plate":"clean","filament":"loaded","extruder_temperature":21.5},"job":{"id":"",)"
+    R"("progress":25,"file":"part","time_elapsed":5},"time":{"boot":6,"idle":7},"error":0})";
+
+/// What stands in a text between two others; empty when they are not there.
+std::string between(const std::string& text, const std::string& begin, const std::string& end) {
+    const std::size_t from = text.find(begin);
+    if (from == std::string::npos) return "";
+    const std::size_t first = from + begin.size();
+    const std::size_t last = text.find(end, first);
+    return last == std::string::npos ? "" : text.substr(first, last - first);
+}
+
+std::atomic<DeviceModel*> current{nullptr};
+
+std::mutex handles_mutex;
+std::map<libusb_device_handle*, libusb_device*>& handles() {
+    static std::map<libusb_device_handle*, libusb_device*> all;
+    return all;
+}
+
+}  // namespace
+
+DeviceModel::DeviceModel() : device_(fake_usb::plug(kAddress.bus, kAddress.address)) {
+    current = this;
+}
+
+DeviceModel::~DeviceModel() {
+    unplug();
+}
+
+void DeviceModel::unplug() {
+    DeviceModel* self = this;
+    current.compare_exchange_strong(self, nullptr);
+    const Lock lock(mutex_);
+    if (!plugged_) return;
+    plugged_ = false;
+    fake_usb::unplug(device_);
+}
+
+void DeviceModel::mute() {
+    const Lock lock(mutex_);
+    mute_ = true;
+}
+
+unsigned DeviceModel::requests() const {
+    const Lock lock(mutex_);
+    return requests_;
+}
+
+std::string DeviceModel::job_bytes() const {
+    const Lock lock(mutex_);
+    return jobs_in_;
+}
+
+bool DeviceModel::silent_for_now() const {
+    const Lock lock(mutex_);
+    return mute_;
+}
+
+void DeviceModel::send(unsigned endpoint, const std::string& bytes) {
+    const Lock lock(mutex_);
+    queue(endpoint, bytes);
+}
+
+void DeviceModel::pump() {
+    const Lock lock(mutex_);
+    post();
+}
+
+void DeviceModel::received(unsigned char endpoint, const unsigned char* data, std::size_t size) {
+    const Lock lock(mutex_);
+    if (endpoint == kMessagesOut) {
+        in_.append(data, data + size);
+        read_messages();
+        return;
+    }
+    jobs_in_.append(data, data + size);
+    const std::string request = kStatusRequest;
+    if (!mute_ && jobs_in_.size() >= request.size() &&
+        jobs_in_.compare(jobs_in_.size() - request.size(), request.size(), request) == 0) {
+        queue(kJobsIn, kStatus);
+    }
+}
+
+/// As the firmware does it: a header that does not check is passed over, a frame that does not end
+/// in its terminator is dropped.
+void DeviceModel::read_messages() {
+    constexpr std::size_t kHeader = 5;
+    for (;;) {
+        in_.erase(0, in_.find('$'));
+        if (in_.size() < kHeader) return;
+        const auto byte = [this](std::size_t at) { return static_cast<unsigned char>(in_[at]); };
+        const unsigned length = byte(1) + 256U * byte(2);
+        if ((length ^ (byte(3) + 256U * byte(4))) != 0xFFFF || length == 0) {
+            in_.erase(0, kHeader);
+            continue;
+        }
+        if (in_.size() < kHeader + length) return;
+        const std::string body = in_.substr(kHeader, length - 1);
+        const bool whole = in_[kHeader + length - 1] == ';';
+        in_.erase(0, kHeader + length - (whole ? 0 : 1));
+        if (whole) answer(body);
+    }
+}
+
+void DeviceModel::answer(const std::string& body) {
+    const std::string id = between(body, R"("id":)", "}");
+    const std::string name = between(body, R"("name":")", "\"");
+    const std::string command = between(body, R"("command":{)", "}}}");
+    if (id.empty() || name.empty()) return;
+    ++requests_;
+    if (mute_) return;
+    const auto value = returned_values().find(name);
+    const std::string returned = value == returned_values().end() ? "0" : value->second;
+    // The closing brackets of arguments go with the separator that was looked for.
+    const auto open = [&command](char bracket) {
+        return std::count(command.begin(), command.end(), bracket);
+    };
+    const std::string closing(static_cast<std::size_t>(open('{') - open('}')), '}');
+    queue(kMessagesIn, test::framed(R"({"transport":{"attrs":["response"],"id":)" + id +
+                                    R"(},"data":{"command":{)" + command + closing +
+                                    R"(,"__return__":)" + returned + "}}}"));
+}
+
+void DeviceModel::queue(unsigned endpoint, const std::string& bytes) {
+    for (std::size_t at = 0; at < bytes.size(); at += kPacket)
+        out_[endpoint].push_back(bytes.substr(at, kPacket));
+    post();
+}
+
+void DeviceModel::post() {
+    if (!plugged_) return;
+    for (auto& [endpoint, packets] : out_) {
+        if (!packets.empty() &&
+            fake_usb::post(device_, endpoint, LIBUSB_TRANSFER_COMPLETED, packets.front())) {
+            packets.pop_front();
+        }
+    }
+}
+
+void opened(libusb_device_handle* handle, libusb_device* device) {
+    const Lock lock(handles_mutex);
+    handles()[handle] = device;
+}
+
+void closed(libusb_device_handle* handle) {
+    const Lock lock(handles_mutex);
+    handles().erase(handle);
+}
+
+void received(libusb_device_handle* handle, unsigned char endpoint, const unsigned char* data,
+              std::size_t size) {
+    libusb_device* device = nullptr;
+    {
+        const Lock lock(handles_mutex);
+        device = handles()[handle];
+    }
+    DeviceModel* const model = current;
+    if (model != nullptr && model->device() == device) model->received(endpoint, data, size);
+}
+
+void pump() {
+    DeviceModel* const model = current;
+    if (model != nullptr) model->pump();
+}
+
+bool answer_can_come() {
+    if (fails_for_good(Kind::events)) return false;
+    const DeviceModel* const model = current;
+    return fake_usb::untold() || (model != nullptr && model->silent_for_now());
+}
+
+}  // namespace sweep

@@ -1,0 +1,254 @@
+#include "sweep/scenarios.h"
+
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <string>
+#include <thread>
+
+#include "fake_usb/framed.h"
+#include "usb/usb.h"
+
+namespace sweep {
+namespace {
+
+/// A device, a client, and the one announced to the other.
+bool connect(World& world) {
+    world.plug();
+    world.start();
+    return world.client &&
+           world.wait("the device's announcement", [](World& w) { return w.client->connects > 0; });
+}
+
+bool events_handled() {
+    const auto& of = counts()[static_cast<std::size_t>(Kind::events)];
+    return of[static_cast<std::size_t>(Role::watcher)] > 0;
+}
+
+void start_and_stop(World& world) {
+    world.start();
+    if (world.client)
+        world.wait("a look at the bus", [](World& /*w*/) { return events_handled(); });
+    world.stop();
+}
+
+void arrival(World& world) {
+    world.start();
+    if (!world.client) return;
+    world.plug();
+    world.wait("the device's announcement", [](World& w) { return w.client->connects > 0; });
+}
+
+void listing(World& world) {
+    world.plug();
+    const auto list = [&world] {
+        std::vector<JovuUsbDevice> attached;
+        if (world.call("listing", [&] { attached = JovuUsb::list_attached(); }) &&
+            attached.size() != 1 && !world.faulty(Kind::descriptor)) {
+            world.wrong("a device is missing in the list");
+        }
+    };
+    list();  // Before the link is there.
+    world.start();
+    if (!world.client) return;
+    list();
+    world.wait("the device's announcement", [](World& w) { return w.client->connects > 0; });
+    std::vector<JovuDeviceAddress> connected;
+    world.call("listing", [&] { connected = world.client->list_connected(); });
+}
+
+void commands(World& world) {
+    if (!connect(world)) return;
+    for (std::size_t i = 0; i < kCommands; ++i) {
+        if (world.command(i)) continue;
+        if (!fired()) world.wrong("command " + std::to_string(i) + " fails");
+        return;
+    }
+}
+
+std::string event(const std::string& name, const std::string& argument) {
+    return test::framed(
+        R"({"transport":{"attrs":["request","oneway"],"id":7},"data":{"event":{"name":")" + name +
+        R"(","args":{"x":)" + argument + "}}}}");
+}
+
+/// What the events of the next function come out as.
+constexpr std::array<const char*, 5> kEvents{"AB", "1 -5", "CD", "2 -6", "EF"};
+
+void send_events(DeviceModel& device) {
+    const auto sample = [](const char* count, const char* position) {
+        return R"({"servo_name":1,"servo_state":2,"int_cnt":)" + std::string(count) +
+               R"(,"pos_cmd":3,"pos":)" + position + R"(,"pwm":-1,"padout_dist":0})";
+    };
+    device.send(kMessagesIn, event("debug_event", "[65,66,0]"));
+    device.send(kMessagesIn, event("servo_dc_trace_event", sample("1", "-5")));
+    device.send(kMessagesIn, event("debug_event", "[67,68,0]"));
+    device.send(kMessagesIn, event("no_such_event", "[1]"));
+    device.send(kMessagesIn, event("servo_dc_trace_event", sample("2", "-6")));
+    device.send(kMessagesIn, event("debug_event", "[69,70,0]"));
+}
+
+/// Some may be lost, but what comes comes in order, once, and as it was sent.
+void check_events(World& world) {
+    const auto* next = kEvents.begin();
+    for (const std::string& told : world.client->events()) {
+        next = std::find(next, kEvents.end(), told);
+        if (next == kEvents.end()) return world.wrong("an event that was not sent");
+        ++next;
+    }
+}
+
+void events(World& world) {
+    if (!connect(world)) return;
+    send_events(world.device());
+    world.wait("the last event",
+               [](World& w) { return w.client->events().size() == kEvents.size(); });
+    check_events(world);
+}
+
+void status(World& world) {
+    if (!connect(world)) return;
+    if (!world.status() && !fired()) world.wrong("no status report comes");
+}
+
+/// A file of its own, without a name.
+class JobFile {
+public:
+    static constexpr std::size_t kSize = 12000;
+
+    JobFile() : descriptor_(::memfd_create("job", 0)) {
+        for (std::size_t i = 0; i < kSize; ++i)
+            content_.push_back(static_cast<char>('a' + i % 23));
+        if (::write(descriptor_, content_.data(), kSize) != static_cast<ssize_t>(kSize)) {
+            std::abort();
+        }
+    }
+    ~JobFile() { ::close(descriptor_); }
+    JobFile(const JobFile&) = delete;
+    JobFile& operator=(const JobFile&) = delete;
+
+    std::string path() const { return "/proc/self/fd/" + std::to_string(descriptor_); }
+    const std::string& content() const { return content_; }
+
+private:
+    int descriptor_;
+    std::string content_;
+};
+
+void push(World& world) {
+    if (!connect(world)) return;
+    const JobFile file;
+    const std::string path = file.path();
+    double percent = -1;
+    const bool sent = world.call("a push", [&] {
+        world.client->SendJobFile(
+            kAddress, path,
+            [](double now, std::string /*job*/, void* user) { *static_cast<double*>(user) = now; },
+            &percent, false);
+    });
+    if (!sent && !fired()) world.wrong("a push fails");
+    if (!sent) return;
+    if (percent != 100.0) world.wrong("a push that did not throw ended before 100 %");
+    // Repeated bytes and bytes that are not there have to do with these; nothing else touches them.
+    if (world.faulty(Kind::bulk) || world.faulty(Kind::file_read)) return;
+    const std::string bytes = world.device().job_bytes();
+    const std::string announced = R"("size":12000)";
+    if (bytes.find(announced) == std::string::npos || bytes.size() < JobFile::kSize ||
+        bytes.compare(bytes.size() - JobFile::kSize, JobFile::kSize, file.content()) != 0) {
+        world.wrong("a push that did not throw did not arrive");
+    }
+}
+
+void replug(World& world) {
+    if (!connect(world)) return;
+    world.device().unplug();
+    world.plug();
+    world.wait("the second announcement",
+               [](World& w) { return w.client->connects >= 2 && w.client->disconnects >= 1; });
+}
+
+void close(World& world) {
+    if (!connect(world)) return;
+    const bool closed = world.call("closing", [&] { world.client->close(kAddress); });
+    if (!closed) {
+        if (!fired()) world.wrong("closing fails");
+        return;
+    }
+    if (world.command(0)) world.wrong("a closed device answers");
+    world.wait("word of the closing", [](World& w) { return w.client->disconnects > 0; });
+}
+
+/// A command waits, a job is being sent, events come in: and the client is shut down.
+void stop_at_work(World& world) {
+    if (!connect(world)) return;
+    DeviceModel& device = world.device();
+    device.mute();
+    std::atomic<bool> failed{false};
+    std::thread waiting([&] {
+        role = Role::sender;
+        if (world.command(0)) world.wrong("a mute device answers");
+        failed = true;
+    });
+    std::thread sending([&] {
+        role = Role::sender;
+        const std::vector<unsigned char> piece(1000, 'x');
+        while (world.call("sending", [&] {
+            world.client->SendJobData(kAddress, piece.data(), static_cast<unsigned>(piece.size()));
+        })) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        }
+    });
+    static std::atomic<bool>* given_up = nullptr;
+    given_up = &failed;
+    world.wait("the request", [](World& w) { return w.device().requests() > 0 || *given_up; });
+    send_events(device);
+    {
+        const Exposed exposed;
+        world.client->shutdown();
+    }
+    waiting.join();
+    sending.join();
+    check_events(world);
+    world.stop();
+}
+
+}  // namespace
+
+const std::vector<Scenario>& scenarios() {
+    using K = Kind;
+    const std::vector<Kind> device{K::init,   K::list,    K::descriptor, K::open,
+                                   K::claim,  K::release, K::alloc,      K::submit,
+                                   K::events, K::memory,  K::thread};
+    const auto and_also = [&device](std::initializer_list<Kind> more) {
+        std::vector<Kind> kinds = device;
+        kinds.insert(kinds.end(), more);
+        return kinds;
+    };
+    static const std::vector<Scenario> all{
+        {"start-stop",
+         "a client without a device, and its end",
+         start_and_stop,
+         {K::init, K::events, K::memory, K::thread}},
+        {"arrival", "a device is plugged in", arrival, device},
+        {"listing", "what is attached and connected", listing, device},
+        {"commands", "ten commands, one of each form", commands,
+         and_also({K::bulk, K::completion})},
+        {"events", "five events", events, and_also({K::completion})},
+        {"status", "a status report", status, and_also({K::bulk, K::completion})},
+        {"push", "a job file of three pieces", push,
+         and_also(
+             {K::bulk, K::file_open, K::file_stat, K::file_stream, K::file_seek, K::file_read})},
+        {"replug", "another device at the same address, at once", replug,
+         and_also({K::completion})},
+        {"close", "the application closes the device", close, and_also({K::cancel, K::completion}),
+         true},
+        {"stop-at-work", "the end, in the middle of a command, a job and events", stop_at_work,
+         and_also({K::bulk, K::cancel, K::completion})},
+    };
+    return all;
+}
+
+}  // namespace sweep

@@ -1,0 +1,141 @@
+#include "sweep/self_test.h"
+
+#include <libusb.h>
+
+#include <array>
+#include <atomic>
+#include <chrono>
+#include <csignal>
+#include <cstdio>
+#include <new>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "fake_usb/fake_libusb.h"
+#include "sweep/pool.h"
+
+namespace sweep {
+namespace {
+
+libusb_device_handle* open_first(libusb_context*& context) {
+    libusb_init(&context);
+    libusb_device** list = nullptr;
+    libusb_get_device_list(context, &list);
+    libusb_device_handle* handle = nullptr;
+    libusb_open(list[0], &handle);
+    libusb_free_device_list(list, 1);
+    return handle;
+}
+
+void crash(World& /*world*/) {
+    ::raise(SIGSEGV);
+}
+
+void hang(World& /*world*/) {
+    for (;;)
+        std::this_thread::sleep_for(std::chrono::seconds(1));
+}
+
+void terminate(World& /*world*/) {
+    std::thread([] { throw JovuException("nobody catches this"); }).join();
+}
+
+void leave_memory(World& /*world*/) {
+    static std::atomic<void*> kept;
+    kept = ::operator new(1);
+}
+
+void leave_a_thread(World& world) {
+    std::thread([&world] { hang(world); }).detach();
+}
+
+void leave_a_handle(World& world) {
+    libusb_context* context = nullptr;
+    world.plug();
+    open_first(context);
+}
+
+void misuse(World& world) {
+    libusb_context* context = nullptr;
+    world.plug();
+    libusb_device_handle* const handle = open_first(context);
+    libusb_close(handle);
+    libusb_close(handle);
+    libusb_exit(context);
+}
+
+/// As a lock that stays taken: the next client's device is never opened.
+void leave_a_hold(World& /*world*/) {
+    alignas(JovuScanHold) static std::array<unsigned char, sizeof(JovuScanHold)> place;
+    ::new (place.data()) JovuScanHold();
+}
+
+void end_the_watcher(World& /*world*/) {
+    std::printf("Fatal error in hotplug thread - out of the blue.\n");
+    std::fflush(stdout);
+}
+
+void lose_reception(World& world) {
+    world.plug();
+    world.start();
+    world.wait("an announcement", [](World& w) { return w.client->connects > 0; });
+    fake_usb::complete(world.device().device(), kJobsIn, LIBUSB_TRANSFER_STALL);
+}
+
+void nothing(World& /*world*/) {}
+
+struct Case {
+    Scenario scenario;
+    /// What has to be said about it.
+    const char* words;
+};
+
+const std::vector<Case>& cases() {
+    static const std::vector<Case> all{
+        {{"crash", "", crash, {}}, "it crashes: "},
+        {{"hang", "", hang, {}}, "it hangs"},
+        {{"terminate", "", terminate, {}}, "std::terminate was called: nobody catches this"},
+        {{"memory", "", leave_memory, {}}, "blocks of memory are left"},
+        {{"thread", "", leave_a_thread, {}}, "1 left: threads"},
+        {{"handle", "", leave_a_handle, {}}, "1 left: handles"},
+        {{"misuse", "", misuse, {}}, "handle closed twice"},
+        {{"lock", "", leave_a_hold, {}}, "a new client does not work"},
+        {{"watcher", "", end_the_watcher, {}}, "the watcher ends: out of the blue"},
+        {{"reception", "", lose_reception, {}}, "the next exchange does not work"},
+    };
+    return all;
+}
+
+/// What a crash says under AddressSanitizer, which exits by itself.
+bool is_crash(const Case& row, const Outcome& outcome) {
+    return row.scenario.run == crash && outcome.text.find("SEGV") != std::string::npos;
+}
+
+}  // namespace
+
+int self_test() {
+    const Scenario harmless{"nothing", "", nothing, {}};
+    const Outcome outcome = run_all({{&harmless, {}}}, 1).front();
+    bool right = outcome.right;
+    if (!right) std::fprintf(stderr, "finds fault with nothing:\n%s", outcome.text.c_str());
+    std::vector<Job> jobs;
+    for (const Case& row : cases())
+        jobs.push_back({&row.scenario, {}, outcome.report.blocks});
+    // Longer than any patience of a run, so that only the one that hangs is ended by it.
+    const std::vector<Outcome> outcomes = run_all(jobs, jobs.size(), std::chrono::seconds(15));
+    for (std::size_t i = 0; i < jobs.size(); ++i) {
+        const Case& row = cases()[i];
+        const bool noticed =
+            !outcomes[i].right &&
+            (outcomes[i].text.find(row.words) != std::string::npos || is_crash(row, outcomes[i]));
+        std::printf("%-10s %s\n", row.scenario.name, noticed ? "noticed" : "NOT NOTICED");
+        if (noticed) continue;
+        right = false;
+        std::fprintf(stderr, "%s: expected \"%s\", got:\n%s", row.scenario.name, row.words,
+                     outcomes[i].text.c_str());
+    }
+    return right ? 0 : 1;
+}
+
+}  // namespace sweep

@@ -1,0 +1,253 @@
+#include "sweep/system_calls.h"
+
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <pthread.h>
+#include <sys/stat.h>
+#include <ctime>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
+#include <new>
+
+#include "sweep/device_model.h"
+#include "sweep/faults.h"
+
+using sweep::Kind;
+using sweep::meet;
+using sweep::Result;
+using sweep::Role;
+
+namespace {
+
+std::atomic<long> live{0};
+
+constexpr std::int64_t kMillisecond = 1000000;  // ns
+constexpr std::int64_t kSecond = 1000 * kMillisecond;
+
+/// How far this thread's clock is ahead, in ns.
+thread_local std::int64_t ahead = 0;
+
+/// Waits that are longer are those for a device's answer,
+constexpr std::int64_t kLongWait = 10 * kSecond;
+/// and are cut short when none can come, after that many looks,
+constexpr int kLooks = 5;
+/// one in so many ns.
+constexpr std::int64_t kLook = 10 * kMillisecond;
+
+std::int64_t nanoseconds(const timespec& time) {
+    return time.tv_sec * kSecond + time.tv_nsec;
+}
+
+timespec time_of(std::int64_t time) {
+    return {time / kSecond, time % kSecond};
+}
+
+}  // namespace
+
+namespace sweep {
+
+long live_blocks() noexcept {
+    return live;
+}
+
+void hurry(std::chrono::milliseconds by) noexcept {
+    ahead += std::chrono::nanoseconds(by).count();
+}
+
+}  // namespace sweep
+
+/// @name Memory. The other forms of new come down to these.
+/// @{
+void* operator new(std::size_t size) {
+    void* const memory =
+        meet(Kind::memory) != nullptr ? nullptr : std::malloc(std::max<std::size_t>(size, 1));
+    if (memory == nullptr) throw std::bad_alloc();
+    ++live;
+    return memory;
+}
+
+void operator delete(void* memory) noexcept {
+    if (memory != nullptr) --live;
+    std::free(memory);
+}
+
+void operator delete(void* memory, std::size_t /*size*/) noexcept {
+    operator delete(memory);
+}
+/// @}
+
+/// @name Threads
+/// @{
+namespace {
+
+struct Start {
+    void* (*function)(void*);
+    void* argument;
+    Role role;
+    bool shielded;
+};
+
+void* run(void* argument) {
+    const auto* const start = static_cast<const Start*>(argument);
+    const Start copy = *start;
+    std::free(argument);
+    sweep::role = copy.role;
+    if (!copy.shielded) return copy.function(copy.argument);
+    const sweep::Shield shield;
+    return copy.function(copy.argument);
+}
+
+}  // namespace
+
+extern "C" {
+
+/// AddressSanitizer's own, which has to see every thread; null without it.
+__attribute__((weak)) int __interceptor_pthread_create(pthread_t* thread,
+                                                       const pthread_attr_t* attributes,
+                                                       void* (*function)(void*), void* argument);
+
+/// Stands before the C library's: the C++ library's std::thread finds this one.
+__attribute__((visibility("default"))) int pthread_create(pthread_t* thread,
+                                                          const pthread_attr_t* attributes,
+                                                          void* (*function)(void*),
+                                                          void* argument) {
+    using Create = decltype(&pthread_create);
+    static const Create create = __interceptor_pthread_create != nullptr
+                                     ? __interceptor_pthread_create
+                                     : reinterpret_cast<Create>(dlsym(RTLD_NEXT, "pthread_create"));
+    if (const Result* const fault = meet(Kind::thread)) return fault->value;
+    auto* const start = static_cast<Start*>(std::malloc(sizeof(Start)));
+    *start = {function, argument, sweep::role_of_started, sweep::shielded()};
+    const int result = create(thread, attributes, run, start);
+    if (result != 0) std::free(start);
+    return result;
+}
+
+/// @}
+/// @name Files. These and the following are names of the linker's --wrap.
+/// @{
+// NOLINTBEGIN(bugprone-reserved-identifier)
+int __real_open(const char* path, int flags, ...);
+int __real_fstat(int descriptor, struct stat* info);
+std::FILE* __real_fdopen(int descriptor, const char* mode);
+int __real_fclose(std::FILE* file);
+int __real_fseek(std::FILE* file, long offset, int whence);
+std::size_t __real_fread(void* data, std::size_t size, std::size_t count, std::FILE* file);
+int __real_feof(std::FILE* file);
+int __real_ferror(std::FILE* file);
+}
+
+namespace {
+
+std::FILE* ended = nullptr;
+std::FILE* broken = nullptr;
+
+void forget(std::FILE*& state, const std::FILE* file) {
+    if (state == file) state = nullptr;
+}
+
+int failed(const Result& fault) {
+    errno = fault.value;
+    return -1;
+}
+
+}  // namespace
+
+extern "C" {
+
+int __wrap_open(const char* path, int flags, ...) {
+    va_list rest;
+    va_start(rest, flags);
+    const unsigned mode = (flags & O_CREAT) != 0 ? va_arg(rest, unsigned) : 0;
+    va_end(rest);
+    if (const Result* const fault = meet(Kind::file_open)) return failed(*fault);
+    return __real_open(path, flags, mode);
+}
+
+int __wrap_fstat(int descriptor, struct stat* info) {
+    if (const Result* const fault = meet(Kind::file_stat)) return failed(*fault);
+    return __real_fstat(descriptor, info);
+}
+
+std::FILE* __wrap_fdopen(int descriptor, const char* mode) {
+    if (const Result* const fault = meet(Kind::file_stream)) {
+        errno = fault->value;
+        return nullptr;
+    }
+    return __real_fdopen(descriptor, mode);
+}
+
+int __wrap_fclose(std::FILE* file) {
+    forget(ended, file);
+    forget(broken, file);
+    return __real_fclose(file);
+}
+
+int __wrap_fseek(std::FILE* file, long offset, int whence) {
+    if (const Result* const fault = meet(Kind::file_seek)) return failed(*fault);
+    forget(ended, file);
+    return __real_fseek(file, offset, whence);
+}
+
+std::size_t __wrap_fread(void* data, std::size_t size, std::size_t count, std::FILE* file) {
+    const Result* const fault = meet(Kind::file_read);
+    if (fault == nullptr) return __real_fread(data, size, count, file);
+    (fault->value == sweep::kEnded ? ended : broken) = file;
+    return __real_fread(data, size, count / 2, file);
+}
+
+int __wrap_feof(std::FILE* file) {
+    return file == ended ? 1 : __real_feof(file);
+}
+
+int __wrap_ferror(std::FILE* file) {
+    return file == broken ? 1 : __real_ferror(file);
+}
+
+/// @}
+/// @name Time. A time point is a number of nanoseconds in a register, as C has it.
+/// @{
+std::int64_t __real__ZNSt6chrono3_V212steady_clock3nowEv();
+int __real_pthread_cond_clockwait(pthread_cond_t* condition, pthread_mutex_t* mutex,
+                                  clockid_t clock, const timespec* end);
+int __real_nanosleep(const timespec* time, timespec* left);
+
+std::int64_t __wrap__ZNSt6chrono3_V212steady_clock3nowEv() {
+    return __real__ZNSt6chrono3_V212steady_clock3nowEv() + ahead;
+}
+
+int __wrap_pthread_cond_clockwait(pthread_cond_t* condition, pthread_mutex_t* mutex,
+                                  clockid_t clock, const timespec* end) {
+    const std::int64_t wanted = nanoseconds(*end) - ahead;
+    const auto now = __real__ZNSt6chrono3_V212steady_clock3nowEv;
+    const auto wait_until = [&](std::int64_t time) {
+        const timespec until = time_of(time);
+        return __real_pthread_cond_clockwait(condition, mutex, clock, &until);
+    };
+    if (sweep::shielded() || wanted - now() < kLongWait) return wait_until(wanted);
+    for (int looks = 0; looks < kLooks && now() < wanted;) {
+        const int result = wait_until(now() + kLook);
+        if (result != ETIMEDOUT) return result;
+        looks = sweep::answer_can_come() ? 0 : looks + 1;
+    }
+    ahead += std::max<std::int64_t>(0, wanted - now());
+    return ETIMEDOUT;
+}
+
+/// The library's pauses, a tenth as long.
+int __wrap_nanosleep(const timespec* time, timespec* left) {
+    if (sweep::shielded()) return __real_nanosleep(time, left);
+    const std::int64_t whole = nanoseconds(*time);
+    const timespec shorter = time_of(whole / 10);
+    ahead += whole - whole / 10;
+    return __real_nanosleep(&shorter, left);
+}
+// NOLINTEND(bugprone-reserved-identifier)
+/// @}
+}

@@ -1,0 +1,22 @@
+/// @file
+/// Memory, threads, files and time of the program: counted, failed, hurried.
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+
+namespace sweep {
+
+/// Blocks from operator new that have not been given back. Everybody's, the test's own included.
+long live_blocks() noexcept;
+
+/// Moves the calling thread's steady clock ahead. What the library does by the clock is then due
+/// sooner; each thread has its own, and no time point of the library goes from one to another.
+void hurry(std::chrono::milliseconds by) noexcept;
+
+/// How much longer an event wait counts than it takes: the fake's take 2 ms, for as long as nothing
+/// happens. A scan of the bus comes five times as soon; and still no wait ends before events have
+/// been handled as often as its length asks for, however slow the machine is.
+inline constexpr std::chrono::milliseconds kHurry{8};
+
+}  // namespace sweep
