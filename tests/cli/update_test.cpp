@@ -15,9 +15,11 @@ using testing::HasSubstr;
 using testing::IsEmpty;
 
 /// An image that the simulated controller takes; it reports version 2.5.0 with it.
-std::string sound_image() {
+std::string sound_image(std::size_t size) {
     const std::string path = testing::TempDir() + std::to_string(getpid()) + "-image";
-    EXPECT_EQ(std::system((std::string(JOVU_SIM_PROGRAM) + " firmware 2.5.0 > " + path).c_str()),
+    EXPECT_EQ(std::system((std::string(JOVU_SIM_PROGRAM) + " firmware 2.5.0 --size " +
+                           std::to_string(size) + " > " + path)
+                              .c_str()),
               0);
     std::ifstream file(path, std::ios::binary);
     std::string image{std::istreambuf_iterator<char>(file), {}};
@@ -58,7 +60,7 @@ protected:
 
     const JovuDeviceAddress device_ = plug();
     const std::string serial_ = result_of({"call", "bio_get_serial", "--json"});
-    const std::string content_ = sound_image();
+    const std::string content_ = sound_image(32768);
     const TemporaryFile image_{"new 'image'.bin", content_};
 };
 
@@ -179,7 +181,8 @@ TEST_F(Update, PassesOnWhatTheToolSays) {
 }
 
 TEST_F(Update, IsNotCutByAnInterrupt) {
-    Program program({"update", image_.path()});
+    const TemporaryFile large("large.bin", sound_image(500000));
+    Program program({"update", large.path()});
     ASSERT_TRUE(program.writes("downloading"));
     program.signal(SIGINT);
     EXPECT_EQ(program.finish(), 130);

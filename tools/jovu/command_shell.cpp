@@ -266,7 +266,7 @@ private:
             }
             print_event(out_, *notice);
         }
-        const std::size_t lost = session_->inbox().take_lost();
+        const std::size_t lost = session_->inbox().take_lost_aside();
         if (lost > 0) {
             print_error("jovu: events lost, they come faster than they can be written: " +
                         std::to_string(lost));

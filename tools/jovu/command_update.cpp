@@ -171,16 +171,15 @@ private:
 
     DfuTool::Outcome download(const DfuDevice& device) {
         bool told = false;
-        const DfuTool::Outcome outcome =
-            tool_.download(device, options_.image, [&](double percent) {
-                reporter_.downloading(device.serial, percent);
-                if (session_.stop().state() == Stop::signal && !told) {
-                    told = true;
-                    tool_.tell(
-                        "jovu: the download goes on, as the device would be left without firmware; "
-                        "Ctrl-C again leaves it to itself");
-                }
-            });
+        DfuTool::Outcome outcome = tool_.download(device, options_.image, [&](double percent) {
+            reporter_.downloading(device.serial, percent);
+            if (session_.stop().state() == Stop::signal && !told) {
+                told = true;
+                tool_.tell(
+                    "jovu: the download goes on, as the device would be left without firmware; "
+                    "Ctrl-C again leaves it to itself");
+            }
+        });
         reporter_.end_download();
         return outcome;
     }

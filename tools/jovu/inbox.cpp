@@ -87,7 +87,7 @@ void Inbox::post(Notice notice) {
             return;
         }
         if (!(aside ? aside_ : waiting_).put(std::move(notice))) {
-            ++lost_;
+            ++(aside ? lost_aside_ : lost_);
             return;
         }
         if (aside) {
@@ -123,6 +123,11 @@ std::optional<Notice> Inbox::poll_aside() {
         (void)!read(aside_event_.get(), &count, sizeof count);
     }
     return notice;
+}
+
+std::size_t Inbox::take_lost_aside() {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    return std::exchange(lost_aside_, 0);
 }
 
 std::vector<JovuDeviceAddress> Inbox::announced() {

@@ -84,6 +84,9 @@ public:
     /// Takes out the oldest event that was kept aside, if there is one.
     std::optional<Notice> poll_aside();
 
+    /// As take_lost(), of what should have been kept aside.
+    std::size_t take_lost_aside();
+
     /// A descriptor that is readable while something is kept aside. For poll(2) only.
     int aside_fd() const noexcept { return aside_event_.get(); }
 
@@ -107,11 +110,12 @@ private:
     std::atomic<std::uint64_t> posted_{0};
     std::mutex mutex_;
     std::condition_variable changed_;
-    Interest interest_;        ///< Protected by mutex_.
-    Queue waiting_;            ///< Protected by mutex_.
-    Queue aside_;              ///< Protected by mutex_.
-    bool keep_aside_ = false;  ///< Protected by mutex_.
-    std::size_t lost_ = 0;     ///< Protected by mutex_.
+    Interest interest_;           ///< Protected by mutex_.
+    Queue waiting_;               ///< Protected by mutex_.
+    Queue aside_;                 ///< Protected by mutex_.
+    bool keep_aside_ = false;     ///< Protected by mutex_.
+    std::size_t lost_aside_ = 0;  ///< Protected by mutex_.
+    std::size_t lost_ = 0;        ///< Protected by mutex_.
     /// Announcements less departures. When a device is replugged quickly they come in any order,
     /// but their number is right in the end. Protected by mutex_.
     std::unordered_map<JovuDeviceAddress, int> announced_;
