@@ -10,7 +10,7 @@ namespace {
 
 /// A frame whose bytes stop coming is forgotten after that time, so that a host that starts anew is
 /// understood. Longer than a host waits for one transfer.
-constexpr Millis kFrameSilence = 2000;
+constexpr Millis kFrameSilence = 5000;
 
 /// Events count their own ids from here on, far from those of a host that has just started.
 constexpr std::uint32_t kFirstEventId = 0x40000000;
