@@ -150,10 +150,18 @@ void World::check_exception(const char* what, const std::exception& error) {
         dynamic_cast<const JovuException*>(&error) != nullptr ||
         (faulty(Kind::memory) && dynamic_cast<const std::bad_alloc*>(&error) != nullptr) ||
         (faulty(Kind::thread) && dynamic_cast<const std::system_error*>(&error) != nullptr);
-    if (!allowed || fault_ == nullptr) wrong(std::string(what) + " threw " + error.what());
+    if (!allowed || (fault_ == nullptr && !down_))
+        wrong(std::string(what) + " threw " + error.what());
+}
+
+void World::shut_down() {
+    down_ = true;
+    const Exposed exposed;
+    client->shutdown();
 }
 
 void World::start() {
+    down_ = false;
     role_of_started = Role::watcher;
     call("starting", [this] { client.emplace(); });
     role_of_started = Role::notice;

@@ -61,6 +61,8 @@ public:
     bool plugged() const { return !devices_.empty(); }
 
     void start();
+    /// Takes the client off the link; from then on calls may fail without a fault.
+    void shut_down();
     void stop();
 
     /// Waits for something that the fault may have prevented; for as long as it takes if it has not
@@ -96,6 +98,7 @@ private:
     const Fault* const fault_;
     std::list<DeviceModel> devices_;
     std::atomic<bool> right_{true};
+    std::atomic<bool> down_{false};
 };
 
 /// How many commands World::command() knows.

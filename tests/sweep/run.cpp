@@ -213,6 +213,10 @@ bool run_in_world(const Scenario& scenario, const Fault* fault, Report& report) 
 
 }  // namespace
 
+bool checks_leaks() {
+    return __lsan_do_recoverable_leak_check != nullptr;
+}
+
 int run(const Scenario& scenario, const Fault* fault, long blocks, Report& report) {
     std::set_terminate(terminated);
     const Shield shield;
@@ -224,7 +228,7 @@ int run(const Scenario& scenario, const Fault* fault, long blocks, Report& repor
         right = false;
         std::fprintf(stderr, "%ld blocks of memory are left, not %ld\n", report.blocks, blocks);
     }
-    if (__lsan_do_recoverable_leak_check != nullptr && __lsan_do_recoverable_leak_check() != 0) {
+    if (checks_leaks() && __lsan_do_recoverable_leak_check() != 0) {
         right = false;
     }
     return right ? 0 : 1;

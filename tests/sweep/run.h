@@ -24,4 +24,7 @@ struct Report {
 /// @return the process's exit status. Findings stand on standard error, a line each.
 int run(const Scenario& scenario, const Fault* fault, long blocks, Report& report);
 
+/// @return whether memory that nothing points to is looked for, which takes AddressSanitizer.
+bool checks_leaks();
+
 }  // namespace sweep

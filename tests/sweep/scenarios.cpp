@@ -24,8 +24,8 @@ bool connect(World& world) {
 }
 
 bool events_handled() {
-    const auto& of = counts()[static_cast<std::size_t>(Kind::events)];
-    return of[static_cast<std::size_t>(Role::watcher)] > 0;
+    const Counts met = counts();
+    return met[static_cast<std::size_t>(Kind::events)][static_cast<std::size_t>(Role::watcher)] > 0;
 }
 
 void start_and_stop(World& world) {
@@ -205,10 +205,8 @@ void stop_at_work(World& world) {
     given_up = &failed;
     world.wait("the request", [](World& w) { return w.device().requests() > 0 || *given_up; });
     send_events(device);
-    {
-        const Exposed exposed;
-        world.client->shutdown();
-    }
+    world.wait("the third event", [](World& w) { return w.client->events().size() > 2; });
+    world.shut_down();
     waiting.join();
     sending.join();
     check_events(world);
