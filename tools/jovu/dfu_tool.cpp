@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
+#include <iterator>
 #include <regex>
 #include <system_error>
 #include <utility>
@@ -26,6 +27,15 @@ namespace fs = std::filesystem;
 
 constexpr const char* tool_name = "dfu-util";
 constexpr const char* image_name = "image";
+constexpr const char* program_directory = "bin";
+constexpr const char* output_name = "output";
+
+/// Stands in the place of dfu-util and keeps what it prints: the library passes percentages on, but
+/// why a download has failed stands on the same channel.
+constexpr const char* keeper =
+    "#!/bin/sh\n"
+    "here=${0%/*}\n"
+    "\"$here/bin/dfu-util\" \"$@\" | tee \"$here/output\"\n";
 
 [[noreturn]] void throw_temporary(int error) {
     throw Failure(ExitCode::failure, std::string("cannot make a temporary directory: ") +
@@ -77,6 +87,11 @@ bool same(const DfuDevice& a, const DfuDevice& b) {
     return a.vendor_id == b.vendor_id && a.product_id == b.product_id && a.serial == b.serial;
 }
 
+/// Advice to the makers of images, which would only hide what has gone wrong.
+bool is_noise(const std::string& line) {
+    return line.find("DFU suffix") != std::string::npos;
+}
+
 /// The lines of a text as one line.
 std::string joined_lines(const std::string& text) {
     std::string result;
@@ -84,7 +99,7 @@ std::string joined_lines(const std::string& text) {
     while (begin < text.size()) {
         const std::size_t end = std::min(text.find('\n', begin), text.size());
         const std::string line = text.substr(begin, end - begin);
-        if (line.find_first_not_of(" \t\r") != std::string::npos) {
+        if (line.find_first_not_of(" \t\r") != std::string::npos && !is_noise(line)) {
             result += (result.empty() ? "" : "; ") + line;
         }
         begin = end + 1;
@@ -92,14 +107,41 @@ std::string joined_lines(const std::string& text) {
     return result;
 }
 
+void write_keeper(const fs::path& path) {
+    std::ofstream file(path);
+    file << keeper;
+    file.close();
+    std::error_code error;
+    fs::permissions(path, fs::perms::owner_all, error);
+    if (!file || error) {
+        throw_temporary(error ? error.value() : EIO);
+    }
+}
+
+/// What dfu-util has printed behind the last state of its progress bar.
+std::string last_words(const fs::path& output) {
+    std::ifstream file(output);
+    const std::string text{std::istreambuf_iterator<char>(file), {}};
+    const std::size_t bar = text.rfind("Download\t");
+    if (bar == std::string::npos) {
+        return "";
+    }
+    const std::size_t end = text.find('\n', bar);
+    return end == std::string::npos ? "" : joined_lines(text.substr(end + 1));
+}
+
 /// Whom a running download tells of its progress: the library passes nothing along. A download runs
 /// on the thread that has ordered it.
 thread_local const std::function<void(double)>* current_progress = nullptr;
 thread_local int finished_reports = 0;
 
+/// The end is not passed on here: the library reports one also when a download has failed.
 void report_progress(double percent, DfuDevice /*device*/) {
-    finished_reports += percent >= 100 ? 1 : 0;
-    (*current_progress)(percent);
+    if (percent >= 100) {
+        ++finished_reports;
+    } else {
+        (*current_progress)(percent);
+    }
 }
 
 }  // namespace
@@ -149,7 +191,9 @@ DfuTool::DfuTool() {
                       "Debian's package is dfu-util");
     }
     directory_ = make_directory();
-    link_to(*tool, directory_ / tool_name);
+    fs::create_directory(directory_ / program_directory);
+    link_to(*tool, directory_ / program_directory / tool_name);
+    write_keeper(directory_ / tool_name);
     const WorkingDirectory here(directory_);
     dfu_.emplace();
 }
@@ -185,11 +229,15 @@ DfuTool::Outcome DfuTool::download(const DfuDevice& device, const std::string& i
         dfu_->UpdateDevice(device, name.string(), report_progress);
         // The library reports 100 once by itself, at the end of every download.
         outcome.completed = finished_reports > 1;
+        if (outcome.completed) {
+            progress(100);
+        }
     } catch (const JovuException& error) {
         outcome.words = joined_lines(error.what());
     }
-    const std::string words = errors.words();
-    outcome.words += (outcome.words.empty() || words.empty() ? "" : "; ") + words;
+    for (const std::string& words : {last_words(directory_ / output_name), errors.words()}) {
+        outcome.words += (outcome.words.empty() || words.empty() ? "" : "; ") + words;
+    }
     return outcome;
 }
 
