@@ -17,6 +17,9 @@ constexpr const char* kChannel =
 constexpr const char* kFrame =
     "lost bytes are lost: a frame with a gap is dropped, and takes the beginning of the next one "
     "with it, in either direction";
+constexpr const char* kUnseen =
+    "a device that cannot be looked at in a scan counts as gone, and is opened anew at the next "
+    "one; a frame that was cut off goes on with the next bytes from that address";
 constexpr const char* kReport =
     "lost bytes are lost: the job channel has no frames, and a report that lost a closing brace "
     "goes on into the next until the device is plugged in anew";
@@ -30,6 +33,8 @@ const std::vector<Rule>& rules() {
          Sign::last_words, "Failed to get libusb device list.", Remedy::restart, kOpening},
         {Kind::descriptor, {},
          Sign::last_words, "Failed to get libusb device descriptor.", Remedy::restart, kOpening},
+        {Kind::descriptor, {},
+         Sign::frame_lost, "", Remedy::repeat, kUnseen},
         {Kind::open, {"no-memory", "access", "io", "busy", "other"},
          Sign::last_words, "Failed to open libusb device.", Remedy::restart, kOpening},
         {Kind::claim, {"not-found", "busy", "io", "other"},
