@@ -117,7 +117,7 @@ __attribute__((visibility("default"))) int pthread_create(pthread_t* thread,
                                                           const pthread_attr_t* attributes,
                                                           void* (*function)(void*),
                                                           void* argument) {
-    using Create = decltype(&pthread_create);
+    using Create = int (*)(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*);
     static const Create create = __interceptor_pthread_create != nullptr
                                      ? __interceptor_pthread_create
                                      : reinterpret_cast<Create>(dlsym(RTLD_NEXT, "pthread_create"));
