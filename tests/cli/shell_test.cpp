@@ -166,6 +166,7 @@ TEST_F(Shell, ReadsAScriptUpToTheFirstFailure) {
     EXPECT_EQ(requests(device_, "gcode_process_command"), 3);
     EXPECT_EQ(jovu({"shell"}, "G28\n.call gpio_get_raw gpio=x\n.quit\n").status, 2);
     EXPECT_EQ(jovu({"shell"}, ".shell\n").status, 2);
+    EXPECT_EQ(jovu({"shell"}, ".help .\n").status, 2);
     EXPECT_EQ(jovu({"shell"}, ".quit\nG999\n").status, 0);
 }
 

@@ -160,7 +160,8 @@ private:
 
     void run_help(const Words& words) {
         if (words.size() > 1) {
-            const std::string name = words[1].substr(words[1].find_first_not_of('.'));
+            const std::size_t begin = words[1].find_first_not_of('.');
+            const std::string name = begin == std::string::npos ? words[1] : words[1].substr(begin);
             run_command(name, {name, "--help"});
             return;
         }
