@@ -173,7 +173,7 @@ void World::stop() {
     client.reset();
 }
 
-bool World::wait(const char* what, bool (*come)(World&)) {
+bool World::wait(const char* what, const std::function<bool(World&)>& come) {
     const auto begin = Clock::now();
     std::optional<Clock::time_point> struck;
     for (;;) {

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <atomic>
+#include <functional>
 #include <list>
 #include <mutex>
 #include <optional>
@@ -67,7 +68,7 @@ public:
 
     /// Waits for something that the fault may have prevented; for as long as it takes if it has not
     /// struck.
-    bool wait(const char* what, bool (*come)(World&));
+    bool wait(const char* what, const std::function<bool(World&)>& come);
 
     /// Makes a call of the library.
     /// @return whether it went through. What it throws has to be what it is documented to throw.

@@ -66,7 +66,9 @@ Options parse(int argc, char** argv) {
             continue;
         }
         if (option == "--help") {
-            std::fputs(kUsage, stdout);
+            std::printf("%s\nscenarios:\n", kUsage);
+            for (const Scenario& scenario : scenarios())
+                std::printf("  %-14s %s\n", scenario.name, scenario.what);
             std::exit(0);
         }
         if (i + 1 == argc) wrong_usage(option + " is unknown or needs a value");

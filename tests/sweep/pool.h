@@ -34,7 +34,7 @@ struct Outcome {
 inline constexpr std::chrono::seconds kBound{60};
 
 /// Runs jobs, @p width at a time, each in a child process. Not on a process with threads.
-/// @param show lets the children's standard error through.
+/// @param bound what a run may take before it counts as hanging, and is ended.
 std::vector<Outcome> run_all(const std::vector<Job>& jobs, std::size_t width,
                              std::chrono::milliseconds bound = kBound);
 

@@ -201,9 +201,7 @@ void stop_at_work(World& world) {
             std::this_thread::sleep_for(std::chrono::milliseconds(5));
         }
     });
-    static std::atomic<bool>* given_up = nullptr;
-    given_up = &failed;
-    world.wait("the request", [](World& w) { return w.device().requests() > 0 || *given_up; });
+    world.wait("the request", [&](World& w) { return w.device().requests() > 0 || failed; });
     send_events(device);
     world.wait("the third event", [](World& w) { return w.client->events().size() > 2; });
     world.shut_down();
