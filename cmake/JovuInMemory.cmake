@@ -3,12 +3,8 @@
 pkg_check_modules(YAJL REQUIRED IMPORTED_TARGET yajl)
 pkg_check_modules(ZLIB REQUIRED IMPORTED_TARGET zlib)
 
-get_target_property(jovu_library_sources jovu_objects SOURCES)
-list(FILTER jovu_library_sources EXCLUDE REGEX "^usb/")
-list(TRANSFORM jovu_library_sources PREPEND "${PROJECT_SOURCE_DIR}/src/")
-
 add_library(jovu_in_memory STATIC EXCLUDE_FROM_ALL
-  "${PROJECT_SOURCE_DIR}/tests/support/memory_link.cpp" ${jovu_library_sources})
+  "${PROJECT_SOURCE_DIR}/tests/support/memory_link.cpp" $<TARGET_OBJECTS:jovu_objects>)
 target_compile_definitions(jovu_in_memory PUBLIC JOVU_STATIC)
 target_include_directories(jovu_in_memory PUBLIC
   "${PROJECT_SOURCE_DIR}/include" "${PROJECT_SOURCE_DIR}/src" "${PROJECT_SOURCE_DIR}/tests")
