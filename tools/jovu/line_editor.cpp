@@ -102,7 +102,7 @@ struct LineEditor::Library {
         }
     }
 
-    static unsigned char complete(EditLine* editor, int /*key*/) {
+    static unsigned char complete(EditLine* editor, wint_t /*key*/) {
         LineEditor& line_editor = self(editor);
         try {
             return line_editor.complete_word();
@@ -143,7 +143,8 @@ LineEditor::LineEditor(Output& out, const StopSource& stop, const std::string& h
     el_set(editor, EL_EDITOR, "emacs");
     el_set(editor, EL_HIST, &::history, history_.get());
     el_set(editor, EL_GETCFN, &Library::get_character);
-    el_set(editor, EL_ADDFN, "jovu-complete", "Complete the word", &Library::complete);
+    // Wide: libedit makes wide copies of other texts and never frees them.
+    el_wset(editor, EL_ADDFN, L"jovu-complete", L"Complete the word", &Library::complete);
     el_set(editor, EL_BIND, "^I", "jovu-complete", nullptr);
     el_set(editor, EL_BIND, "^R", "em-inc-search-prev", nullptr);
     el_source(editor, nullptr);  // What the user prefers, from ~/.editrc.
