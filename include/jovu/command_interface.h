@@ -17,7 +17,8 @@ class JovuTransport;
 /// returns a zero-initialised result (null for a text); JovuTransport::last_send_error() then says
 /// why, on the calling thread, and is empty when the device answered. Where the firmware's own
 /// result says whether a command was carried out, 0 may well mean success: ask last_send_error()
-/// first.
+/// first. An answer without a result, which is how a device may refuse a command, counts as
+/// answered and returns zero or null as well.
 ///
 /// Arguments: values are passed through unchanged, units and ranges are the firmware's where
 /// nothing else is said. Refused before anything is sent, as a failed exchange: a null pointer, and

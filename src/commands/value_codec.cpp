@@ -24,12 +24,17 @@ void write_number(yajl_gen gen, const char* key, double value) {
     JovuMessage::gen_double(gen, value);
 }
 
-/// The nearest float; beyond the largest one the conversion itself would be undefined.
+/// The nearest float. Beyond the largest one the conversion itself would be undefined; what rounds
+/// to it, such as its own usual spelling 3.4028235e38, is taken for it.
 float narrow(double value) {
-    if (std::abs(value) <= std::numeric_limits<float>::max() || std::isnan(value)) {
+    using Float = std::numeric_limits<float>;
+    constexpr double kRoundsToInfinity = 0x1.ffffffp127;
+    const double magnitude = std::abs(value);
+    if (magnitude <= static_cast<double>(Float::max()) || std::isnan(value)) {
         return static_cast<float>(value);
     }
-    return std::copysign(std::numeric_limits<float>::infinity(), value > 0 ? 1.0F : -1.0F);
+    return std::copysign(magnitude < kRoundsToInfinity ? Float::max() : Float::infinity(),
+                         value > 0 ? 1.0F : -1.0F);
 }
 
 /// Reads an array of numbers, each through @p element.

@@ -10,6 +10,7 @@
 #include <yajl/yajl_tree.h>
 
 #include <cstddef>
+#include <cstring>
 #include <memory>
 #include <type_traits>
 
@@ -27,7 +28,14 @@ void refuse_null(const char* key, const void* pointer);
 template <class T, std::enable_if_t<std::is_integral_v<T> || std::is_enum_v<T>, int> = 0>
 void cmd_ifc_serialize_type(yajl_gen gen, const char* key, T& value) {
     JovuMessage::gen_string(gen, key);
-    JovuMessage::gen_integer(gen, static_cast<long long>(value));
+    if constexpr (std::is_same_v<T, bool>) {
+        // By its byte: in a structure that was filled as memory it may hold anything.
+        unsigned char byte = 0;
+        std::memcpy(&byte, &value, sizeof byte);
+        JovuMessage::gen_integer(gen, byte != 0 ? 1 : 0);
+    } else {
+        JovuMessage::gen_integer(gen, static_cast<long long>(value));
+    }
 }
 
 /// The low bits of a number's integer reading; a `bool` is true when that is not 0.

@@ -30,10 +30,12 @@ public:
     int index() const noexcept { return index_; }
 
     /// Reads the first member of "args", whatever its key. Without one the handler gets a default
-    /// argument; with an argument that cannot be read it is not called.
+    /// argument; with "args" or an argument that cannot be read it is not called.
     void execute(JovuDeviceAddress address, std::shared_ptr<JovuMessage>& msg) override {
         Arg argument{};
         const yajl_val args = get_unparsed_args(msg);
+        const yajl_val given = msg == nullptr ? nullptr : msg->get_unparsed_data();
+        if (args == nullptr && jovu::find(given, {"event", "args"}, yajl_t_any) != nullptr) return;
         if (args != nullptr && args->u.object.len > 0 &&
             !event_ifc_deserialize_type(args, args->u.object.keys[0], argument)) {
             return;

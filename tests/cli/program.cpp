@@ -65,8 +65,8 @@ Pipe make_output(Out out) {
 
 /// Runs in the child, between fork and exec, where only system calls may be made.
 [[noreturn]] void become(char* const* argv, int in, int out, int err, bool console) {
+    setsid();
     if (console) {
-        setsid();
         ioctl(out, TIOCSCTTY, 0);
         in = out;
     }
@@ -153,7 +153,7 @@ void Program::end_input() {
 }
 
 void Program::signal(int number) {
-    kill(pid_, number);
+    kill(-pid_, number);
 }
 
 void Program::close_reader() {

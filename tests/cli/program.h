@@ -34,6 +34,7 @@ public:
     /// Writes to the program's standard input, as far as the program reads it.
     void type(const std::string& text);
     void end_input();
+    /// To the program and what it has started, as a terminal does it.
     void signal(int number);
     void close_reader();
 

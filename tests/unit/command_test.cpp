@@ -91,6 +91,10 @@ TEST_F(Command, ReadsFloatsAndBuffersOrNothing) {
     EXPECT_EQ(read("-0.5", 0.0F), std::make_pair(-0.5F, true));
     EXPECT_EQ(read("7", 0.0), std::make_pair(7.0, true));
     EXPECT_EQ(read("-1e39", 0.0F), std::make_pair(-infinity, true));
+    const float largest = std::numeric_limits<float>::max();
+    EXPECT_EQ(read("3.4028235e38", 0.0F), std::make_pair(largest, true));
+    EXPECT_EQ(read("-3.40282356779733e38", 0.0F), std::make_pair(-largest, true));
+    EXPECT_EQ(read("3.40282356779734e38", 0.0F), std::make_pair(infinity, true));
     EXPECT_EQ(read("\"1\"", 0.0F), std::make_pair(0.0F, false));
     const auto floats = read("[1.5,-2,1e39]", std::shared_ptr<float>()).first;
     ASSERT_NE(floats, nullptr);

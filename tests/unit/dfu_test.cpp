@@ -237,7 +237,7 @@ TEST_F(Dfu, ReadsOnAfterASignal) {
     const std::string error = update();
     ::setitimer(ITIMER_REAL, &never, nullptr);
     ::sigaction(SIGALRM, &old_action, nullptr);
-    EXPECT_GT(signals, 2);
+    EXPECT_GT(signals, 0);  // ThreadSanitizer holds signals back and lets several be one
     EXPECT_EQ(error, "");
     EXPECT_THAT(reported, ElementsAre(42, 100));
 }

@@ -57,6 +57,9 @@ Json read_integer(const ValueType& type, const std::string& text) {
     return value;
 }
 
+/// Half a unit in the last place of a float, relative to the largest one.
+constexpr double rounding = 0x1p-25;
+
 Json read_number(const ValueType& type, const std::string& text) {
     const std::string_view digits = without_plus(text);
     double value = 0;
@@ -66,6 +69,10 @@ Json read_number(const ValueType& type, const std::string& text) {
         refuse(type, "is not a number");
     }
     const double magnitude = std::abs(value);
+    // The usual spellings of the largest float round up.
+    if (magnitude > type.largest && magnitude * (1 - rounding) <= type.largest) {
+        return std::copysign(type.largest, value);
+    }
     if (error != std::errc() || magnitude > type.largest ||
         (magnitude > 0 && magnitude < type.smallest)) {
         refuse(type, "is out of range");

@@ -2,6 +2,7 @@
 /// The table of the program's commands: what each adds to the command line.
 
 #include <CLI/CLI.hpp>
+#include <filesystem>
 #include <memory>
 #include <vector>
 
@@ -102,9 +103,24 @@ Run define_trace(CLI::App& app) {
     const auto options = std::make_shared<TraceOptions>();
     app.add_option("SERVO", options->servo, "The servo, by its number")->type_name("")->required();
     add_seconds_option(app, "-s,--seconds", options->limit, "Stop after this time");
-    app.add_option("--csv", options->csv, "Write the samples to a file")->type_name("FILE");
-    app.add_option("--plot", options->plot, "Draw them as a PNG image; needs gnuplot")
-        ->type_name("FILE");
+    CLI::Option* csv =
+        app.add_option("--csv", options->csv, "Write the samples to a file")->type_name("FILE");
+    CLI::Option* plot =
+        app.add_option("--plot", options->plot, "Draw them as a PNG image; needs gnuplot")
+            ->type_name("FILE");
+    app.callback([options, csv, plot] {
+        if ((csv->count() > 0 && options->csv.empty()) ||
+            (plot->count() > 0 && options->plot.empty())) {
+            throw CLI::ValidationError("the path of a file is empty");
+        }
+        const auto place = [](const std::string& path) {
+            return std::filesystem::absolute(path).lexically_normal();
+        };
+        if (!options->csv.empty() && !options->plot.empty() &&
+            place(options->csv) == place(options->plot)) {
+            throw CLI::ValidationError("--csv and --plot name the same file: " + options->csv);
+        }
+    });
     app.add_option_function<std::string>(
            "--move",
            [options](const std::string& text) {

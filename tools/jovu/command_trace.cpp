@@ -271,6 +271,7 @@ void run_trace(const Context& context, const TraceOptions& options) {
     Session& session = lease.session();
     const Target target{session, session.pick_device(), servo_dc_name_t{options.servo}};
     const std::string name = servo_text(target);
+    context.stop.throw_if_stopped();
     try {
         record(target, recorder, options);
     } catch (const Failure& failure) {

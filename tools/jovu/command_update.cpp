@@ -164,9 +164,10 @@ private:
         if (const auto node = refused_node(words)) {
             throw Failure(ExitCode::no_device, "no permission on " + *node, access_hint);
         }
-        throw Failure(ExitCode::exchange_failed, to_string(address) +
-                                                     " did not show up in DFU mode" +
-                                                     (trouble.empty() ? "" : ": " + trouble));
+        throw Failure(ExitCode::exchange_failed,
+                      to_string(address) + " did not show up in DFU mode" +
+                          (trouble.empty() ? "" : ": " + trouble) +
+                          (words.empty() ? "" : "; dfu-util says: " + words));
     }
 
     DfuTool::Outcome download(const DfuDevice& device) {
@@ -261,6 +262,11 @@ private:
     void pause() {
         const auto until = Clock::now() + change_poll;
         while (session_.inbox().next(until)) {
+        }
+        if (session_.stop().state() == Stop::signal) {
+            throw Failure(ExitCode::interrupted,
+                          "interrupted: the device is in DFU mode, or on its way there or back",
+                          "'jovu list' and 'jovu dfu' show what it is");
         }
         session_.stop().throw_if_stopped();
     }

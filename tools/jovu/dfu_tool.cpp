@@ -5,7 +5,9 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
@@ -130,6 +132,38 @@ std::string last_words(const fs::path& output) {
     return end == std::string::npos ? "" : joined_lines(text.substr(end + 1));
 }
 
+/// Keeps the signals that end this program from a child that is started meanwhile: at a terminal a
+/// Ctrl-C goes to all of them, and a download that is cut leaves a device without firmware. They
+/// have to be ignored, as shells let go of a mask; this program misses them as long.
+class IgnoredSignals {
+public:
+    IgnoredSignals() {
+        struct sigaction ignore {};
+        ignore.sa_handler = SIG_IGN;
+        for (std::size_t i = 0; i < numbers.size(); ++i) {
+            sigaction(numbers[i], &ignore, &before_[i]);
+        }
+    }
+    ~IgnoredSignals() { restore(); }
+    IgnoredSignals(const IgnoredSignals&) = delete;
+    IgnoredSignals& operator=(const IgnoredSignals&) = delete;
+
+    /// The child is there. Does nothing the second time.
+    void restore() {
+        if (!restored_) {
+            for (std::size_t i = 0; i < numbers.size(); ++i) {
+                sigaction(numbers[i], &before_[i], nullptr);
+            }
+        }
+        restored_ = true;
+    }
+
+private:
+    static constexpr std::array<int, 3> numbers{SIGINT, SIGTERM, SIGHUP};
+    std::array<struct sigaction, numbers.size()> before_{};
+    bool restored_ = false;
+};
+
 /// Whom a running download tells of its progress: the library passes nothing along. A download runs
 /// on the thread that has ordered it.
 thread_local const std::function<void(double)>* current_progress = nullptr;
@@ -222,7 +256,13 @@ DfuTool::Outcome DfuTool::download(const DfuDevice& device, const std::string& i
     const fs::path name = directory_ / image_name;
     link_to(image, name);
     const ErrorCapture errors(*this);
-    current_progress = &progress;
+    IgnoredSignals ignored;
+    // Who prints a percentage has started, and all that it was started by.
+    const std::function<void(double)> pass_on = [&](double percent) {
+        ignored.restore();
+        progress(percent);
+    };
+    current_progress = &pass_on;
     finished_reports = 0;
     Outcome outcome;
     try {

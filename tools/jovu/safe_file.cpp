@@ -36,7 +36,11 @@ SafeFile::SafeFile(const std::string& path, Unfinished unfinished)
     }
     if (exists && !S_ISREG(info.st_mode)) {
         part_path_ = path;
-        fd_ = FileDescriptor(open(path.c_str(), O_WRONLY | O_CLOEXEC));
+        // Not waiting for somebody to read a pipe: nothing could interrupt that.
+        fd_ = FileDescriptor(open(path.c_str(), O_WRONLY | O_CLOEXEC | O_NONBLOCK));
+        if (fd_.valid() && fcntl(fd_.get(), F_SETFL, 0) != 0) {
+            fail(errno);
+        }
     } else {
         final_path_ = follow_links(path);
         part_path_ = final_path_ + ".part";
