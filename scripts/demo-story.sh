@@ -58,10 +58,10 @@ run "jovu status"
 tell "The controller's side: what was announced, and what arrived?"
 run "jovu-sim ctl stats 1:2 | sed 's,^ok ,,' | jq -c '{job: .job | {size, received, verified, state}, complaints}'"
 
+tell "An application of some 70 lines on the library, while somebody pulls the plug:"
+run_meanwhile "sleep 2; jovu-sim ctl unplug 1:2; jovu-sim ctl plug 1:9" "announce 4"
+
 tell "A new firmware, through the real dfu-util. What counts is what the controller says afterwards:"
 run "jovu update ../examples/firmware.bin"
-
-tell "An application of some 70 lines on the library, while somebody pulls the plug:"
-run_meanwhile "sleep 2; jovu-sim ctl unplug 1:4; jovu-sim ctl plug 1:9" "announce 4"
 
 tell "That was the whole story. Next: README.md, or: build/release/bin/jovu --help"
