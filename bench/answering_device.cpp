@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <string_view>
 
+#include "fake_usb/framed.h"
 #include "support/memory_link.h"
 
 namespace {
@@ -26,7 +27,7 @@ void prepare_answer() {
     answer = kAnswerHead;
     answer.append(kIdWidth, ' ').append(request, body, request.size() - 3 - body);
     answer += R"(,"__return__":)" + returned + "}}}";
-    answer_frame = bench::framed(answer);
+    answer_frame = test::framed(answer);
 }
 
 /// Puts the id of a request into the prepared answer.
@@ -52,16 +53,6 @@ void answer_request(const char* text, std::size_t size) {
 }  // namespace
 
 namespace bench {
-
-std::string framed(const std::string& text) {
-    const std::size_t length = text.size() + 1;
-    std::string frame = "$";
-    for (const std::size_t word : {length, ~length}) {
-        frame.push_back(static_cast<char>(word & 0xFFU));
-        frame.push_back(static_cast<char>(word >> 8U & 0xFFU));
-    }
-    return frame + text + ";";
-}
 
 void connect_device() {
     memory_link::on_write([](unsigned /*interface*/, const unsigned char* data, std::size_t size) {

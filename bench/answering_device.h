@@ -25,7 +25,4 @@ const std::string& sample_request();
 /// The text of the answer to it, with blanks for its id.
 const std::string& sample_answer();
 
-/// A frame around a text.
-std::string framed(const std::string& text);
-
 }  // namespace bench

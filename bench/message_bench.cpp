@@ -11,6 +11,7 @@
 #include "allocations.h"
 #include "answering_device.h"
 #include "bare_yajl.h"
+#include "fake_usb/framed.h"
 #include "jovu/client.h"
 
 namespace {
@@ -145,7 +146,7 @@ void servo_dc_trace_event(benchmark::State& state) {
         R"({"transport":{"attrs":["request","oneway"],"id":1073745000},"data":{"event":{"name":)"
         R"("servo_dc_trace_event","args":{"msg":{"servo_name":1,"servo_state":2,"int_cnt":123456,)"
         R"("pos_cmd":81234,"pos":81201,"pwm":-312,"padout_dist":0}}}}})";
-    std::string frame = bench::framed(text);
+    std::string frame = test::framed(text);
     const std::uint64_t before = client().samples;
     std::uint64_t events = 0;
     compare(

@@ -13,11 +13,14 @@
 #include <vector>
 
 #include "commands/catalogue.h"
+#include "fake_usb/framed.h"
 #include "jovu/client.h"
 #include "require.h"
 #include "support/memory_link.h"
 
 namespace {
+
+using test::framed;
 
 constexpr JovuDeviceAddress kAddress{1, 2};
 constexpr std::size_t kLongestPayload = 65534;
@@ -82,16 +85,6 @@ struct Input {
           piece(std::min<std::size_t>((data[1] >> 1U) + 1U, memory_link::kPacket)),
           bytes(data + 2, data + size) {}
 };
-
-std::string framed(const std::string& text) {
-    const std::size_t length = text.size() + 1;
-    std::string frame = "$";
-    for (const std::size_t word : {length, ~length}) {
-        frame.push_back(static_cast<char>(word & 0xFFU));
-        frame.push_back(static_cast<char>(word >> 8U & 0xFFU));
-    }
-    return frame + text + ";";
-}
 
 /// Each piece in a block of its own, as long as the piece: reading behind it is noticed.
 void receive(const std::string& bytes, std::size_t piece) {
