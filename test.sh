@@ -1,10 +1,10 @@
 #!/usr/bin/env bash
-# Checks the whole project: formatting, clang's and clang-tidy's findings, and the test suite as it
-# is released, under AddressSanitizer with UBSan, and under ThreadSanitizer. Installs what is
-# missing first.
+# Checks the whole project: formatting, clang-tidy's findings, and the test suite as it is released
+# (g++), under AddressSanitizer with UBSan (clang++), and under ThreadSanitizer (g++). Installs what
+# is missing first.
 #
 #   ./test.sh                     everything
-#   ./test.sh --preset NAME       one of: format, clang, tidy, release, asan, tsan (may be repeated)
+#   ./test.sh --preset NAME       one of: format, tidy, release, asan, tsan (may be repeated)
 #   ./test.sh --tests REGEX       only the tests whose names match
 #   ./test.sh --repeat N          runs each suite N times, until one fails
 #   ./test.sh --no-install        takes the packages as they are
@@ -19,7 +19,7 @@ source scripts/steps.sh
 usage() { sed -n '2,/^set /s/^# \{0,1\}//p' test.sh; }
 wrong_usage() { echo "test.sh: $1 (see --help)" >&2; exit 2; }
 
-all=(format clang tidy release asan tsan)
+all=(format tidy release asan tsan)
 chosen=()
 ctest_options=()
 install=true
@@ -76,7 +76,6 @@ fi
 for name in "${chosen[@]}"; do
     case $name in
         format) step "format" scripts/check-format.sh || true ;;
-        clang) step "clang build" build clang || true ;;
         tidy) step "tidy" tidy || true ;;
         release | asan) build_and_test "$name" ;;
         tsan) build_and_test "$name" "${tsan_runner[@]}" ;;

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Runs clang-tidy over the library's sources. Every finding is an error.
 #
-#   scripts/check-tidy.sh BUILD_DIR    a folder that was configured with the preset "clang"
+#   scripts/check-tidy.sh BUILD_DIR    a folder that was configured with clang++ (preset "clang" or "asan")
 set -euo pipefail
 cd "$(dirname "$0")/.."
 

@@ -4,8 +4,7 @@
 #   scripts/fuzz.sh SECONDS [FUZZER]...    each for that long, one after another; without names all
 #
 # What is found lands in build/fuzz/found and is told; move it to fuzz/corpus/FUZZER with the fix,
-# so that the tests run it from then on. Prints each fuzzer's executions and coverage. Needs Debian's
-# libclang-rt-14-dev beside the packages of the tests.
+# so that the tests run it from then on. Prints each fuzzer's executions and coverage.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 

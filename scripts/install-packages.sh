@@ -20,7 +20,7 @@ test_packages=(
     "${demo_packages[@]}"
     libgtest-dev libgmock-dev libbenchmark-dev
     locales                                   # the source of a locale with a decimal comma
-    clang clang-format-14 clang-tidy-14
+    clang libclang-rt-14-dev clang-format-14 clang-tidy-14
 )
 
 usage() { sed -n '2,/^set /s/^# \{0,1\}//p' "$0"; }

@@ -71,7 +71,7 @@ std::vector<NotOpened> not_opened(Session& session) {
     return result;
 }
 
-Json to_json(const std::vector<Entry>& entries, const std::vector<NotOpened>& rest) {
+Json list_json(const std::vector<Entry>& entries, const std::vector<NotOpened>& rest) {
     Json devices = Json::array();
     for (const Entry& entry : entries) {
         Json device = {{"device", to_string(entry.address)}};
@@ -132,7 +132,7 @@ void run_list(const Context& context) {
     context.stop.throw_if_stopped();
     const std::vector<NotOpened> rest = not_opened(session);
     if (context.out.json()) {
-        context.out.object(to_json(entries, rest));
+        context.out.object(list_json(entries, rest));
     } else {
         print(context.out, entries, rest);
     }

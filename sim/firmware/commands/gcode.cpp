@@ -15,7 +15,7 @@ Json gcode_process_macro(CommandContext& context) {
     return static_cast<int>(context.gcode.run_macro(name, context.machine, context.debug_lines));
 }
 
-constexpr Command kRows[] = {
+constexpr Command kGcodeRows[] = {
     {5, "gcode_process_command", gcode_process_command, {{{"command", &kText}}}},
     {6, "gcode_process_macro", gcode_process_macro, {{{"macro", &kText}}}},
 };
@@ -23,7 +23,7 @@ constexpr Command kRows[] = {
 }  // namespace
 
 CommandRows gcode_commands() {
-    return {kRows, std::size(kRows)};
+    return {kGcodeRows, std::size(kGcodeRows)};
 }
 
 }  // namespace jovusim

@@ -22,7 +22,7 @@ Json gpio_output_set(CommandContext& context) {
     return kNoResult;
 }
 
-constexpr Command kRows[] = {
+constexpr Command kGpioRows[] = {
     {2, "gpio_get_raw", gpio_get_raw, {{{"gpio", &kEnumeration}}}},
     {3, "gpio_input_get", gpio_input_get, {{{"pin", &kEnumeration}, {"debounce", &kBoolean}}}},
     {4, "gpio_output_set", gpio_output_set, {{{"pin", &kEnumeration}, {"value", &kBoolean}}}},
@@ -31,7 +31,7 @@ constexpr Command kRows[] = {
 }  // namespace
 
 CommandRows gpio_commands() {
-    return {kRows, std::size(kRows)};
+    return {kGpioRows, std::size(kGpioRows)};
 }
 
 }  // namespace jovusim

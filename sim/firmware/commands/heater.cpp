@@ -69,7 +69,7 @@ Json heater_var_get(CommandContext& context) {
     return hand_back(context, "var_val", context.machine.heater().variable(number));
 }
 
-constexpr Command kRows[] = {
+constexpr Command kHeaterRows[] = {
     {7,
      "heater_param_set",
      heater_param_set,
@@ -95,7 +95,7 @@ constexpr Command kRows[] = {
 }  // namespace
 
 CommandRows heater_commands() {
-    return {kRows, std::size(kRows)};
+    return {kHeaterRows, std::size(kHeaterRows)};
 }
 
 }  // namespace jovusim

@@ -13,7 +13,7 @@ Json bio_get_serial(CommandContext& context) {
     return text_to_json(context.identity.serial);
 }
 
-constexpr Command kRows[] = {
+constexpr Command kIdentityRows[] = {
     {0, "bio_get_version", bio_get_version, {}},
     {1, "bio_get_serial", bio_get_serial, {}},
 };
@@ -21,7 +21,7 @@ constexpr Command kRows[] = {
 }  // namespace
 
 CommandRows identity_commands() {
-    return {kRows, std::size(kRows)};
+    return {kIdentityRows, std::size(kIdentityRows)};
 }
 
 }  // namespace jovusim

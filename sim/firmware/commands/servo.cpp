@@ -234,7 +234,7 @@ Json servo_dc_trace_enable(CommandContext& context) {
 
 constexpr Member kServo{"servo_name", &kServoName};
 
-constexpr Command kRows[] = {
+constexpr Command kServoRows[] = {
     {30, "servo_dc_config_get", servo_dc_config_get, {{kServo}}},
     {31,
      "servo_dc_config_set",
@@ -288,7 +288,7 @@ constexpr Command kRows[] = {
 }  // namespace
 
 CommandRows servo_commands() {
-    return {kRows, std::size(kRows)};
+    return {kServoRows, std::size(kServoRows)};
 }
 
 }  // namespace jovusim

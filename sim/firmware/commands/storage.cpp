@@ -58,7 +58,7 @@ Json sd_mmc_get_storage_info(CommandContext&) {
             {"block_size", Storage::kBlockSize}};
 }
 
-constexpr Command kRows[] = {
+constexpr Command kStorageRows[] = {
     {55,
      "sd_mmc_write",
      sd_mmc_write,
@@ -75,7 +75,7 @@ constexpr Command kRows[] = {
 }  // namespace
 
 CommandRows storage_commands() {
-    return {kRows, std::size(kRows)};
+    return {kStorageRows, std::size(kStorageRows)};
 }
 
 }  // namespace jovusim

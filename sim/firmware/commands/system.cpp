@@ -64,7 +64,7 @@ Json reset_printer(CommandContext& context) {
     return kNoResult;
 }
 
-constexpr Command kRows[] = {
+constexpr Command kSystemRows[] = {
     {51, "unload_initiate", unload_initiate, {}},
     {52, "load_initiate", load_initiate, {}},
     {53, "Enter_dfu_mode", enter_dfu_mode, {}},
@@ -83,7 +83,7 @@ constexpr Command kRows[] = {
 }  // namespace
 
 CommandRows system_commands() {
-    return {kRows, std::size(kRows)};
+    return {kSystemRows, std::size(kSystemRows)};
 }
 
 }  // namespace jovusim

@@ -126,7 +126,7 @@ Json wifi_client_scan_get(CommandContext& context) {
 
 constexpr Member kInterface{"interface_t", &kEnumeration};
 
-constexpr Command kRows[] = {
+constexpr Command kWifiRows[] = {
     {18, "wifi_start_wifi", wifi_start_wifi, {{kInterface}}},
     {19, "wifi_stop_wifi", wifi_stop_wifi, {{kInterface}}},
     {20,
@@ -164,7 +164,7 @@ constexpr Command kRows[] = {
 }  // namespace
 
 CommandRows wifi_commands() {
-    return {kRows, std::size(kRows)};
+    return {kWifiRows, std::size(kWifiRows)};
 }
 
 }  // namespace jovusim
