@@ -175,7 +175,7 @@ TEST_F(Exchange, SplitAnswersAndFloodsAreRead) {
     EXPECT_TRUE(client.answers(device));
     fault("clear");
     // The answer stands behind the whole flood and still has to come in time, also where eight of
-    // these suites share two cores and the bus carries some thirty transfers a second.
+    // these suites share two cores: the bus carries less than seventy transfers a second there.
     fault("flood message 100");
     fault("flood job 100");
     EXPECT_TRUE(client.answers(device));
