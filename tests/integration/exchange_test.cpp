@@ -174,10 +174,9 @@ TEST_F(Exchange, SplitAnswersAndFloodsAreRead) {
     fault("split 1");
     EXPECT_TRUE(client.answers(device));
     fault("clear");
-    // The answer stands behind the whole flood and still has to come in time, also where eight of
-    // these suites share two cores: the bus carries less than seventy transfers a second there.
-    fault("flood message 100");
-    fault("flood job 100");
+    // The answer stands behind both floods, some 3,100 transfers, and still has to come in time.
+    fault("flood message 500");
+    fault("flood job 500");
     EXPECT_TRUE(client.answers(device));
     sim("event " + name(device) + " after the flood");
     EXPECT_TRUE(eventually([&] {
