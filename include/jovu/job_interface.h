@@ -92,7 +92,8 @@ public:
     /// device at a time, which is the caller's to ensure.
     ///
     /// A device that is unplugged ends the push with an exception, also when another one has taken
-    /// its address meanwhile.
+    /// its address meanwhile: "Send failed - libusb error: -4" (no device) when it leaves during a
+    /// transfer, "Send failed - Device no longer connected." when that has been noticed before.
     /// @param path of a file that can be read and sought (read twice).
     /// @param progress may be null. An exception that it throws ends the push and passes on.
     /// @param user handed to the callback.
@@ -113,9 +114,8 @@ public:
     /// @param job_id announced to the device and handed to the callback.
     /// @param compressed announces deflated content; the bytes are sent as they are either way.
     /// @param decompressed_length announced with @p compressed, in bytes.
-    /// @throws JovuException "Send failed - ..."; "Failed to rewind job file.", having sent
-    /// nothing,
-    ///     for a stream that cannot be sought.
+    /// @throws JovuException "Send failed - ..."; for a stream that cannot be sought "Failed to
+    ///     rewind job file.", having sent nothing.
     void send_job(JovuDeviceAddress address, std::FILE* file, Progress progress, void* user,
                   std::string job_id, bool compressed, unsigned long decompressed_length);
 

@@ -1,18 +1,10 @@
 #include "jovu/event_interface.h"
 
-#include <cstddef>
 #include <map>
 #include <utility>
 
+#include "events/event_names.h"
 #include "events/firmware_event.h"
-
-namespace {
-
-/// How many unknown event names are remembered. A device that makes up names without end must not
-/// fill the memory.
-constexpr std::size_t kMaxUnknownNames = 64;
-
-}  // namespace
 
 struct JovuEventInterface::Registry {
     Registry(JovuEventInterface& owner, JovuTransport& transport)
@@ -53,7 +45,7 @@ void JovuEventInterface::servo_dc_trace_event(JovuDeviceAddress /*address*/,
 
 JovuEvent* JovuEventInterface::get_firmware_event(std::string name) {
     auto& events = registry_->events;
-    if (events.size() >= registry_->known + kMaxUnknownNames) {
+    if (events.size() >= registry_->known + jovu::kMaxUnknownNames) {
         const auto found = events.find(name);
         return found == events.end() ? nullptr : found->second;
     }

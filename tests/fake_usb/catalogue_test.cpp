@@ -438,11 +438,17 @@ TEST_F(EveryCommand, TextsCarryEveryByte) {
 /// What a device gets wrong in a structure costs that member, never memory.
 TEST_F(EveryCommand, ReadsOfAStructureWhatCanBeRead) {
     const std::string endless = "[" + spelled_out("0*5000") + "]";
+    const std::string full(sizeof(wifi_scan_network_t::ssid), 'a');
+    std::string letters = "97";
+    for (std::size_t i = 1; i < full.size(); ++i)
+        letters += ",97";
     const struct {
         std::string returned, result;
     } rows[] = {
         {R"({})", " 0 0"},
         {R"({"ssid":)" + endless + R"(,"encryption":1e99,"strength":128})", " -1 -128"},
+        {R"({"ssid":[)" + letters + "]}", full + " 0 0"},
+        {R"({"ssid":[)" + letters + ",98]}", full + " 0 0"},
         {R"({"ssid":[110,"e"],"encryption":true,"strength":[5]})", " 0 0"},
         {R"({"ssid":"net","encryption":{"n":1},"strength":-1.9})", " 0 -1"},
         {R"({"ssid":{"0":1},"strength":5,"strength":6})", " 0 5"},

@@ -1,0 +1,25 @@
+/// @file
+/// How much memory is taken.
+#pragma once
+
+#include <cstddef>
+
+#ifdef JOVU_SANITIZED
+#include <sanitizer/allocator_interface.h>
+#else
+#include <malloc.h>
+#endif
+
+namespace test {
+
+/// Bytes that the program holds of the heap.
+inline std::size_t heap_in_use() {
+#ifdef JOVU_SANITIZED
+    return __sanitizer_get_current_allocated_bytes();
+#else
+    const auto info = mallinfo2();
+    return info.uordblks + info.hblkhd;
+#endif
+}
+
+}  // namespace test
