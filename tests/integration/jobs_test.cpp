@@ -4,9 +4,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <fstream>
 #include <thread>
 
+#include "support/job_file.h"
 #include "support/recording_client.h"
 #include "support/sim_control.h"
 
@@ -14,31 +14,12 @@ namespace {
 
 using test::complaints;
 using test::eventually;
+using test::JobFile;
 using test::name;
 using test::plug;
 using test::RecordingClient;
 using test::sim;
 using test::stats;
-
-/// A file that lives as long as the object.
-class JobFile {
-public:
-    explicit JobFile(std::size_t size) {
-        char path[] = "/tmp/jovu-job-XXXXXX";
-        ::close(::mkstemp(path));
-        path_ = path;
-        std::ofstream out(path_, std::ios::binary);
-        for (std::size_t i = 0; i < size; ++i)
-            out.put(static_cast<char>(i * 31 + i / 256));
-    }
-    ~JobFile() { ::unlink(path_.c_str()); }
-    JobFile(const JobFile&) = delete;
-    JobFile& operator=(const JobFile&) = delete;
-    const std::string& path() const { return path_; }
-
-private:
-    std::string path_;
-};
 
 void note(double percent, std::string /*job_id*/, void* user) {
     static_cast<std::vector<double>*>(user)->push_back(percent);

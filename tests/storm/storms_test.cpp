@@ -5,7 +5,6 @@
 
 #include <atomic>
 #include <cstdio>
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <functional>
@@ -15,6 +14,8 @@
 #include <vector>
 
 #include "jovu/exception.h"
+#include "storm/scale.h"
+#include "support/job_file.h"
 #include "support/recording_client.h"
 #include "support/sim_control.h"
 
@@ -25,12 +26,7 @@ using test::name;
 using test::plug;
 using test::RecordingClient;
 using test::sim;
-
-/// How much of a storm there is, as a multiple of what the tests run every time.
-int scale() {
-    const char* const text = std::getenv("JOVU_STORM_SCALE");
-    return text == nullptr ? 1 : std::max(1, std::atoi(text));
-}
+using test::storm_scale;
 
 /// What the process has open, but for sockets: when a node goes while it is being opened, the
 /// library that is preloaded for the simulated bus leaves one behind.
@@ -134,27 +130,10 @@ void tolerantly(Call call) {
     }
 }
 
-/// A file of a job, for as long as this lives.
-class JobFile {
-public:
-    JobFile() {
-        std::ofstream file(path_);
-        for (int i = 0; i < 4000; ++i)
-            file << "G1 X" << i % 200 << " Y" << i % 190 << "\n";
-    }
-    ~JobFile() { std::filesystem::remove(path_); }
-    const std::string& path() const { return path_; }
-
-private:
-    const std::string path_ =
-        (std::filesystem::temp_directory_path() / ("storm-" + std::to_string(getpid()) + ".gcode"))
-            .string();
-};
-
 TEST_F(Storm, ADeviceThatComesAndGoesUnderCommandsAndAPush) {
-    const int replugs = 200 * scale();
+    const int replugs = 200 * storm_scale();
     {
-        const JobFile job;
+        const test::JobFile job(40000);
         const JovuDeviceAddress device = plug();
         RecordingClient client;
         ASSERT_TRUE(client.wait_connected(device));
@@ -177,7 +156,7 @@ TEST_F(Storm, ADeviceThatComesAndGoesUnderCommandsAndAPush) {
 }
 
 TEST_F(Storm, EightThreadsOnThreeDevicesWithFaults) {
-    const int commands = 20 * scale();
+    const int commands = 20 * storm_scale();
     constexpr int kThreads = 8;
     std::atomic<long> answered{0};
     std::atomic<long> failed{0};
@@ -231,7 +210,7 @@ TEST_F(Storm, EightThreadsOnThreeDevicesWithFaults) {
 }
 
 TEST_F(Storm, ClientsComeAndGoWhileDevicesDo) {
-    const int rounds = 10 * scale();
+    const int rounds = 10 * storm_scale();
     std::atomic<long> lives{0};
     {
         const JovuDeviceAddress device = plug();
@@ -304,7 +283,7 @@ private:
 };
 
 TEST_F(Storm, CallbacksThatCallBack) {
-    const int rounds = 4 * scale();
+    const int rounds = 4 * storm_scale();
     long calls = 0;
     {
         const JovuDeviceAddress device = plug();
