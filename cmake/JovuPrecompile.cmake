@@ -1,15 +1,20 @@
 # Most of the time that a build takes goes into reading two large headers of other projects, over and
-# over. With JOVU_PRECOMPILE they are read once per target. Whether each file includes what it uses
-# then shows in builds without it only; the preset "fuzz" is one, and the library never has any.
+# over. With JOVU_PRECOMPILE they are read once per target, and a unity build's targets that are one
+# or two units read them there. Whether each file includes what it uses then shows in builds without
+# either only; the preset "fuzz" is one, and the library never has any.
 if(JOVU_PRECOMPILE)
-  set(json_users jovu_cli_parts jovu_sim_firmware jovu_sim_bus jovu-sim)
-  set(json_testers integration_tests storm_tests cli_tests cli_parts_tests sim_tests)
+  set(json_users jovu_cli_parts jovu_sim_firmware)
+  if(NOT CMAKE_UNITY_BUILD)
+    list(APPEND json_users jovu_sim_bus jovu-sim)
+    set(json_testers integration_tests storm_tests cli_tests cli_parts_tests sim_tests)
+    set(testers ${json_testers} unit_tests fake_usb_tests)
+  endif()
   foreach(target ${json_users} ${json_testers})
     if(TARGET ${target})
       target_precompile_headers(${target} PRIVATE <nlohmann/json.hpp>)
     endif()
   endforeach()
-  foreach(target ${json_testers} unit_tests fake_usb_tests)
+  foreach(target ${testers})
     if(TARGET ${target})
       target_precompile_headers(${target} PRIVATE <gtest/gtest.h>)
     endif()
