@@ -6,9 +6,12 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstddef>
 #include <cstdlib>
+#include <filesystem>
 #include <functional>
 #include <future>
+#include <iterator>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -151,16 +154,19 @@ protected:
     ~LinkTest() override { finish(); }
     static void finish() { EXPECT_THAT(fake_usb::finish(), testing::IsEmpty()); }
 
-    Journal journal;
-};
+    /// @return whether the watcher comes to an end by itself.
+    bool watcher_ends() const {
+        return eventually([this] { return threads() == threads_before_; });
+    }
 
-/// @return whether the watcher comes to an end by itself.
-inline bool watcher_ends() {
-    return eventually([] {
-        const unsigned before = fake_usb::calls(fake_usb::Call::handle_events);
-        std::this_thread::sleep_for(std::chrono::milliseconds(30));
-        return fake_usb::calls(fake_usb::Call::handle_events) == before;
-    });
-}
+    Journal journal;
+
+private:
+    static std::ptrdiff_t threads() {
+        return std::distance(std::filesystem::directory_iterator("/proc/self/task"), {});
+    }
+
+    const std::ptrdiff_t threads_before_ = threads();
+};
 
 }  // namespace test

@@ -122,7 +122,7 @@ TEST_F(Reception, WhatAClientThrowsEndsTheWatcherInWordsAndTheLinkCanStartAgain)
             link.messages.on_data = thrower;
             ASSERT_TRUE(test::eventually([&] { return in_flight(link.device, kJobsIn); }));
             ASSERT_TRUE(complete(link.device, kMessagesIn, LIBUSB_TRANSFER_COMPLETED, what));
-            EXPECT_TRUE(test::watcher_ends());
+            EXPECT_TRUE(watcher_ends());
             EXPECT_FALSE(in_flight(link.device, kMessagesIn)) << "not resubmitted";
             EXPECT_EQ(JovuUsb::list_connected().size(), 1U);
         }
@@ -149,7 +149,7 @@ TEST_F(Reception, AnExceptionOnASendersThreadReachesTheWatcherNotTheSender) {
         ASSERT_TRUE(complete(link.device, kMessagesIn, LIBUSB_TRANSFER_COMPLETED, "x"));
         fake_usb::hold_bulk(false);
         EXPECT_EQ(sending.get(), "");
-        EXPECT_TRUE(test::watcher_ends());
+        EXPECT_TRUE(watcher_ends());
     }
     EXPECT_EQ(testing::internal::GetCapturedStdout(), "Fatal error in hotplug thread - odd.\n");
 }

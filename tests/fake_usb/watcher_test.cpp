@@ -39,7 +39,7 @@ TEST_F(Watcher, EndsInWordsWhenADeviceCannotBeOpenedAfterItsProbe) {
         fake_usb::script(row.call, row.steps);
         {
             const Link link(journal);
-            EXPECT_TRUE(test::watcher_ends());
+            EXPECT_TRUE(watcher_ends());
             EXPECT_TRUE(JovuUsb::list_connected().empty());
         }
         EXPECT_EQ(testing::internal::GetCapturedStdout(),
@@ -135,7 +135,7 @@ TEST_F(Watcher, WhatAClientThrowsAtANoticeTakesTheDeviceBack) {
         const Link link(journal, [](Link& self) {
             self.messages.on_connected = [] { throw JovuException("not that one"); };
         });
-        EXPECT_TRUE(test::watcher_ends());
+        EXPECT_TRUE(watcher_ends());
         EXPECT_TRUE(JovuUsb::list_connected().empty());
     }
     EXPECT_EQ(testing::internal::GetCapturedStdout(),
