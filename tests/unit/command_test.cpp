@@ -81,7 +81,7 @@ TEST_F(Command, IsNotWrittenWithAValueThatHasNoJsonForm) {
     EXPECT_THROW(Careless(client).compile(), JovuException) << "a value where a key belongs";
 }
 
-TEST_F(Command, ReadsFloatsAndBuffersOrNothing) {
+TEST_F(Command, ReadsFloatsAndArraysOrNothing) {
     const auto read = [this](const char* value, auto result) {
         JovuFirmwareCommand<decltype(result), int> command(client, "n", 1);
         reply(command, std::string(R"({"__return__":)") + value + "}");
@@ -103,9 +103,16 @@ TEST_F(Command, ReadsFloatsAndBuffersOrNothing) {
     const auto bytes = read("[255,256,-1]", std::shared_ptr<unsigned char>()).first;
     ASSERT_NE(bytes, nullptr);
     EXPECT_EQ(std::vector<int>(bytes.get(), bytes.get() + 4), (std::vector<int>{255, 0, 255, 0}));
-    for (const char* const broken : {"1.5", "[1,\"2\"]", "[[1]]", "null"}) {
+    using Networks = std::shared_ptr<wifi_scan_network_t>;
+    const auto networks = read(R"([{"strength":-7},{"ssid":[98]}])", Networks()).first;
+    ASSERT_NE(networks, nullptr);
+    EXPECT_EQ(networks.get()[0].strength, -7);
+    EXPECT_STREQ(networks.get()[1].ssid, "b");
+    EXPECT_STREQ(networks.get()[2].ssid, "") << "one more than there are";
+    for (const char* const broken : {"1.5", "[1,\"2\"]", "[[1]]", "null", "[{},1]"}) {
         EXPECT_EQ(read(broken, std::shared_ptr<float>()).first, nullptr) << broken;
         EXPECT_EQ(read(broken, std::shared_ptr<unsigned char>()).first, nullptr) << broken;
+        EXPECT_EQ(read(broken, Networks()).first, nullptr) << broken;
     }
 }
 
