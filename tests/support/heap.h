@@ -5,7 +5,8 @@
 #include <cstddef>
 
 #ifdef JOVU_SANITIZED
-#include <sanitizer/allocator_interface.h>
+// Of every sanitizer; g++ comes without the header that declares it.
+extern "C" std::size_t __sanitizer_get_current_allocated_bytes();
 #else
 #include <malloc.h>
 #endif
