@@ -225,7 +225,7 @@ TEST_F(Storm, EightThreadsOnThreeDevicesWithFaults) {
 }
 
 TEST_F(Storm, ClientsComeAndGoWhileDevicesDo) {
-    const int rounds = 10 * storm_scale();
+    const int rounds = 100 * storm_scale();
     std::atomic<long> lives{0};
     {
         const JovuDeviceAddress device = plug();
