@@ -4,9 +4,10 @@
     scripts/mutate.py [--count N] [--seed S] [--jobs J] [--only ID] [--list]
 
 Works on a copy of the committed tree in build/mutation. A mutant counts as caught when a test or a
-sanitizer fails, or when a test does not end; one that does not compile does not count at all. Dropped locks are built and
-run under ThreadSanitizer, everything else under AddressSanitizer with UBSan. Prints a line for each
-mutant and the share that was caught; exit status 0 when at least 90 % were.
+sanitizer fails, or when a test does not end; one that does not compile does not count at all.
+Dropped locks are built and run under ThreadSanitizer, everything else under AddressSanitizer with
+UBSan. Prints a line for each mutant and the share that was caught; exit status 0 when at least 90 %
+were.
 """
 import argparse
 import collections
