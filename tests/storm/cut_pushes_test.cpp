@@ -123,8 +123,10 @@ TEST_F(CutPush, EndsInOneErrorAndTheNextDeviceWorks) {
                 offsets.size(), median, longest);
     for (const auto& [error, count] : errors)
         std::printf("%6d  %s\n", count, error.c_str());
-    // A machine with much else to do may hold up one, but hardly every other one.
+    // A machine with much else to do may hold up one, but hardly every other one, and none for as
+    // long as a send waits that nothing but its own time limit of 1.5 s ends.
     EXPECT_LT(median, 100);
+    EXPECT_LT(longest, 1400);
 
     const JovuDeviceAddress next = plug();
     ASSERT_TRUE(connected(next));
