@@ -51,15 +51,16 @@ protected:
 };
 
 TEST_F(Trace, IsWrittenAndDrawnAndSummedUp) {
-    const Ended ended = jovu({"trace", "1", "--seconds", "1", "--move", "30", "--csv", csv_.path(),
+    const Ended ended = jovu({"trace", "1", "--seconds", "2", "--move", "15", "--csv", csv_.path(),
                               "--plot", plot_.path(), "--json"});
     EXPECT_EQ(ended.status, 0) << ended.err;
     const json summary = json::parse(ended.out);
     EXPECT_EQ(summary["name"], "Y");
+    // The move is over after a quarter of them: a slow bus does not keep up with the servo.
     EXPECT_GT(summary["samples"], 500);
     EXPECT_EQ(summary["gaps"], 0);
     EXPECT_EQ(summary["lost"], 0);
-    EXPECT_NEAR(summary["position"]["highest"].get<int>(), 6000, 100) << "30 mm";
+    EXPECT_NEAR(summary["position"]["highest"].get<int>(), 3000, 100) << "15 mm";
     EXPECT_GT(summary["following_error"]["largest"], 0);
 
     const std::string rows = content(csv_.path());

@@ -4,6 +4,7 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cstddef>
@@ -166,8 +167,11 @@ private:
         return std::distance(std::filesystem::directory_iterator("/proc/self/task"), {});
     }
     static std::ptrdiff_t threads_before() {
-        // ThreadSanitizer has a thread of its own, which begins with the first other one.
-        std::thread([] {}).join();
+        // ThreadSanitizer has a thread of its own, which begins with the first other one. A thread
+        // that has been joined may still be counted for a moment.
+        std::string task;
+        std::thread([&task] { task = "/proc/self/task/" + std::to_string(gettid()); }).join();
+        EXPECT_TRUE(eventually([&task] { return !std::filesystem::exists(task); }));
         return threads();
     }
 

@@ -117,6 +117,7 @@ TEST(Lifetime, ListingGoesOnWhileTheLinkStartsAndStops) {
     std::thread lister([&] {
         // A bare transport is enough to ask.
         struct Bare : JovuTransport {
+            explicit Bare(const JovuScanHold& /*until_built*/ = JovuScanHold()) {}
             void device_connected(JovuDeviceAddress) override {}
             void device_disconnected(JovuDeviceAddress) override {}
         } bare;
