@@ -18,7 +18,7 @@ constexpr Millis kSilence = 10000;
 
 constexpr int kProtocolVersion = 1;
 constexpr std::size_t kObjectLimit = 65536;
-constexpr const char* kWho = "job channel: ";
+constexpr const char* kJobChannel = "job channel: ";
 
 double rounded(double celsius) {
     return std::round(celsius * 10.0) / 10.0;
@@ -84,13 +84,13 @@ void JobChannel::receive(const std::uint8_t* data, std::size_t size, Millis now)
 void JobChannel::tick(Millis now) {
     if (now - last_byte_ <= kSilence) return;
     if (in_push()) {
-        complaints_.add(kWho + std::string("the push stopped after ") +
+        complaints_.add(kJobChannel + std::string("the push stopped after ") +
                         std::to_string(push_.received) + " of " + std::to_string(push_.size) +
                         " bytes");
         owed_ = 0;
         machine_.job().fail(push_.accepted ? JobError::incomplete : JobError::busy);
     } else if (scanner_.depth > 0) {
-        complaints_.add(kWho + std::string("an object was left unfinished: ") +
+        complaints_.add(kJobChannel + std::string("an object was left unfinished: ") +
                         excerpt(scanner_.text));
         scanner_ = {};
         machine_.job().fail(JobError::request);
@@ -121,7 +121,7 @@ void JobChannel::finish_push() {
         machine_.job().start();
         return;
     }
-    complaints_.add(kWho + std::string("the job data has the checksum ") +
+    complaints_.add(kJobChannel + std::string("the job data has the checksum ") +
                     std::to_string(push_.sum) + ", announced was " +
                     std::to_string(push_.announced_sum));
     machine_.job().fail(JobError::checksum);
@@ -130,7 +130,7 @@ void JobChannel::finish_push() {
 void JobChannel::take_text(char c, Millis now) {
     if (scanner_.depth == 0 && c != '{') {
         if (!stray_reported_) {
-            complaints_.add(kWho + std::string("stray bytes between objects, from \"") +
+            complaints_.add(kJobChannel + std::string("stray bytes between objects, from \"") +
                             excerpt(std::string(1, c)) + "\" on");
         }
         stray_reported_ = true;
@@ -141,7 +141,8 @@ void JobChannel::take_text(char c, Millis now) {
         const ObjectScanner complete = std::exchange(scanner_, {});
         handle(complete.text, now);
     } else if (scanner_.text.size() > kObjectLimit) {
-        complaints_.add(kWho + std::string("an object without an end: ") + excerpt(scanner_.text));
+        complaints_.add(kJobChannel + std::string("an object without an end: ") +
+                        excerpt(scanner_.text));
         scanner_ = {};
         machine_.job().fail(JobError::request);
     }
@@ -153,12 +154,12 @@ void JobChannel::handle(const std::string& text, Millis now) {
     if (!object.is_discarded() && object.contains("metadata")) metadata = &object["metadata"];
     if (metadata == nullptr || !has_members(*metadata, {"version", "type"}) ||
         (*metadata)["version"] != kProtocolVersion || !(*metadata)["type"].is_string()) {
-        complaints_.add(kWho + std::string("no request: ") + excerpt(text));
+        complaints_.add(kJobChannel + std::string("no request: ") + excerpt(text));
         machine_.job().fail(JobError::request);
         return;
     }
     if (has_blanks(text)) {
-        complaints_.add(kWho + std::string("blanks in the JSON: ") + excerpt(text));
+        complaints_.add(kJobChannel + std::string("blanks in the JSON: ") + excerpt(text));
     }
     if (faults_.drop.take()) return;
     handle_request((*metadata)["type"].get<std::string>(), text, object, now);
@@ -170,7 +171,7 @@ void JobChannel::handle_request(const std::string& type, const std::string& text
     const bool members_fit =
         push ? has_members(object, {"metadata", "file_push"}) : has_members(object, {"metadata"});
     if (!members_fit) {
-        complaints_.add(kWho + std::string("the members of this request are wrong: ") +
+        complaints_.add(kJobChannel + std::string("the members of this request are wrong: ") +
                         excerpt(text));
     }
     if (type == "status") {
@@ -182,7 +183,7 @@ void JobChannel::handle_request(const std::string& type, const std::string& text
     } else if (push) {
         begin_push(text, object);
     } else {
-        complaints_.add(kWho + std::string("no such request: ") + excerpt(text));
+        complaints_.add(kJobChannel + std::string("no such request: ") + excerpt(text));
         machine_.job().fail(JobError::request);
         return;
     }
@@ -193,7 +194,7 @@ void JobChannel::handle_request(const std::string& type, const std::string& text
 void JobChannel::begin_push(const std::string& text, const Json& object) {
     const Json body = object.contains("file_push") ? object["file_push"] : Json();
     if (const auto fault = check_announcement(body)) {
-        complaints_.add(kWho + std::string("an announcement where ") + *fault + ": " +
+        complaints_.add(kJobChannel + std::string("an announcement where ") + *fault + ": " +
                         excerpt(text));
         machine_.job().fail(JobError::announcement);
         return;

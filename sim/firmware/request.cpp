@@ -8,7 +8,7 @@ namespace jovusim {
 
 namespace {
 
-constexpr const char* kWho = "message channel: ";
+constexpr const char* kMessageChannel = "message channel: ";
 
 const Json* member(const Json& object, const char* key) {
     const auto it = object.find(key);
@@ -23,12 +23,13 @@ Json member_or_null(const Json& object, const char* key) {
 /// Reads the envelope. Returns whether there is an id.
 bool read_envelope(const Json& transport, Request& request, Complaints& complaints) {
     if (!has_members(transport, {"attrs", "id"})) {
-        complaints.add(kWho + std::string("the members of \"transport\" are not attrs, id: ") +
+        complaints.add(kMessageChannel +
+                       std::string("the members of \"transport\" are not attrs, id: ") +
                        excerpt(transport.dump()));
     }
     const Json attrs = member_or_null(transport, "attrs");
     if (attrs != Json::array({"request", "twoway"})) {
-        complaints.add(kWho + std::string("the attrs of a command are ") + attrs.dump());
+        complaints.add(kMessageChannel + std::string("the attrs of a command are ") + attrs.dump());
     }
     if (attrs.is_array()) {
         for (const Json& word : attrs) {
@@ -38,7 +39,7 @@ bool read_envelope(const Json& transport, Request& request, Complaints& complain
     const Json* id = member(transport, "id");
     if (id == nullptr || !id->is_number_unsigned() ||
         *id > std::numeric_limits<std::uint32_t>::max()) {
-        complaints.add(kWho + std::string("the id of a request is ") +
+        complaints.add(kMessageChannel + std::string("the id of a request is ") +
                        (id == nullptr ? "missing" : excerpt(id->dump())));
         return false;
     }
@@ -48,7 +49,7 @@ bool read_envelope(const Json& transport, Request& request, Complaints& complain
 
 /// Checks the arguments of a request. Returns whether the command can be carried out with them.
 bool arguments_fit(const Command& command, const Json& body, Complaints& complaints) {
-    const std::string who = kWho + std::string(command.name) + ": ";
+    const std::string who = kMessageChannel + std::string(command.name) + ": ";
     const Json* args = member(body, "args");
     if (command.argument_count() == 0) {
         if (args == nullptr) return true;
@@ -82,18 +83,20 @@ const Command* read_command(const Json& body, Request& request, Complaints& comp
     request.name = member_or_null(body, "name");
     request.args = member_or_null(body, "args");
     if (!has_members(body, {"idx", "name"}) && !has_members(body, {"idx", "name", "args"})) {
-        complaints.add(kWho + std::string("the members of \"command\" are not idx, name, args: ") +
+        complaints.add(kMessageChannel +
+                       std::string("the members of \"command\" are not idx, name, args: ") +
                        excerpt(body.dump()));
     }
     const Command* command =
         request.name.is_string() ? find_command(request.name.get<std::string>()) : nullptr;
     if (command == nullptr) {
-        complaints.add(kWho + std::string("no such command: ") + excerpt(request.name.dump()));
+        complaints.add(kMessageChannel + std::string("no such command: ") +
+                       excerpt(request.name.dump()));
         return nullptr;
     }
     if (request.idx != command->idx || !request.idx.is_number_integer()) {
-        complaints.add(kWho + std::string(command->name) + ": idx is " + request.idx.dump() +
-                       ", not " + std::to_string(command->idx));
+        complaints.add(kMessageChannel + std::string(command->name) + ": idx is " +
+                       request.idx.dump() + ", not " + std::to_string(command->idx));
         return nullptr;
     }
     return arguments_fit(*command, body, complaints) ? command : nullptr;
@@ -104,29 +107,32 @@ const Command* read_command(const Json& body, Request& request, Complaints& comp
 std::optional<Request> read_request(const std::string& payload, Complaints& complaints) {
     const Json root = parse_json(payload);
     if (root.is_discarded()) {
-        complaints.add(kWho + std::string("no JSON, or nested too deeply: ") + excerpt(payload));
+        complaints.add(kMessageChannel + std::string("no JSON, or nested too deeply: ") +
+                       excerpt(payload));
         return std::nullopt;
     }
     if (!root.is_object()) {
-        complaints.add(kWho + std::string("no object: ") + excerpt(payload));
+        complaints.add(kMessageChannel + std::string("no object: ") + excerpt(payload));
         return std::nullopt;
     }
     if (has_blanks(payload)) {
-        complaints.add(kWho + std::string("blanks in the JSON: ") + excerpt(payload));
+        complaints.add(kMessageChannel + std::string("blanks in the JSON: ") + excerpt(payload));
     }
     if (!has_members(root, {"transport", "data"})) {
-        complaints.add(kWho + std::string("the members of a message are not transport, data: ") +
+        complaints.add(kMessageChannel +
+                       std::string("the members of a message are not transport, data: ") +
                        excerpt(payload));
     }
     const Json transport = member_or_null(root, "transport");
     const Json data = member_or_null(root, "data");
     const Json* body = data.is_object() ? member(data, "command") : nullptr;
     if (!transport.is_object() || body == nullptr || !body->is_object()) {
-        complaints.add(kWho + std::string("no command: ") + excerpt(payload));
+        complaints.add(kMessageChannel + std::string("no command: ") + excerpt(payload));
         return std::nullopt;
     }
     if (data.size() != 1) {
-        complaints.add(kWho + std::string("more than a command in \"data\": ") + excerpt(payload));
+        complaints.add(kMessageChannel + std::string("more than a command in \"data\": ") +
+                       excerpt(payload));
     }
     Request request;
     if (!read_envelope(transport, request, complaints)) return std::nullopt;

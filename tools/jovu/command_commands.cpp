@@ -33,19 +33,19 @@ const char* kind_word(const ValueType& type) {
     return "";
 }
 
-Json to_json(const ValueType& type);
+Json described(const ValueType& type);
 
-Json to_json(const std::vector<NamedType>& entries) {
+Json described(const std::vector<NamedType>& entries) {
     Json list = Json::array();
     for (const NamedType& entry : entries) {
         Json object = {{"key", entry.key}};
-        object.update(to_json(entry.type));
+        object.update(described(entry.type));
         list.push_back(std::move(object));
     }
     return list;
 }
 
-Json to_json(const ValueType& type) {
+Json described(const ValueType& type) {
     Json object = {{"type", type.name}, {"kind", kind_word(type)}};
     if (type.kind == Kind::integer) {
         object["lowest"] = type.lowest;
@@ -53,17 +53,17 @@ Json to_json(const ValueType& type) {
     } else if (type.kind == Kind::bytes) {
         object["size"] = type.size;
     } else if (type.kind == Kind::structure) {
-        object["members"] = to_json(type.members);
+        object["members"] = described(type.members);
     }
     return object;
 }
 
-Json to_json(const FirmwareCommand& command) {
+Json described(const FirmwareCommand& command) {
     return {{"index", command.index},
             {"name", command.name},
             {"summary", command.summary},
-            {"arguments", to_json(command.arguments)},
-            {"result", to_json(command.result)}};
+            {"arguments", described(command.arguments)},
+            {"result", described(command.result)}};
 }
 
 std::string padded(std::string text, std::size_t width) {
@@ -117,7 +117,7 @@ void run_commands(const Context& context, const CommandsOptions& options) {
     if (!options.name.empty()) {
         const FirmwareCommand& command = firmware_command(options.name);
         if (context.out.json()) {
-            context.out.object(to_json(command));
+            context.out.object(described(command));
         } else {
             print_details(context.out, command);
         }
@@ -126,7 +126,7 @@ void run_commands(const Context& context, const CommandsOptions& options) {
     if (context.out.json()) {
         Json list = Json::array();
         for (const FirmwareCommand& command : firmware_commands()) {
-            list.push_back(to_json(command));
+            list.push_back(described(command));
         }
         context.out.object(list);
         return;

@@ -90,7 +90,7 @@ Json list_json(const std::vector<Entry>& entries, const std::vector<NotOpened>& 
     return {{"devices", std::move(devices)}, {"not_opened", std::move(others)}};
 }
 
-std::string describe(const NotOpened& kind) {
+std::string not_opened_text(const NotOpened& kind) {
     std::string ports;
     for (const unsigned port : kind.ports) {
         ports += (ports.empty() ? "" : ", ") + std::to_string(port);
@@ -115,7 +115,7 @@ void print(Output& out, const std::vector<Entry>& entries, const std::vector<Not
         }
     }
     for (const NotOpened& kind : rest) {
-        out.line(describe(kind));
+        out.line(not_opened_text(kind));
         if (kind.type == controller_type && !entries.empty()) {  // Else it is told as the error.
             out.line(std::string("  (") + access_hint + ")");
         }

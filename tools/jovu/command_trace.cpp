@@ -167,8 +167,8 @@ std::string servo_text(const Target& target) {
     return name ? name.get() : "";
 }
 
-Json to_json(const Target& target, const std::string& name, const TraceRecorder& recorder,
-             const TraceOptions& options) {
+Json summary_json(const Target& target, const std::string& name, const TraceRecorder& recorder,
+                  const TraceOptions& options) {
     const TraceStatistics& statistics = recorder.statistics();
     const auto range = [](const Range& values) {
         return Json{{"lowest", values.lowest}, {"highest", values.highest}};
@@ -286,7 +286,7 @@ void run_trace(const Context& context, const TraceOptions& options) {
     recorder.finish(plot_title(target, name, statistics));
     report_missing(recorder);
     if (context.out.json()) {
-        context.out.object(to_json(target, name, recorder, options));
+        context.out.object(summary_json(target, name, recorder, options));
     } else {
         print_summary(context.out, target, name, recorder, options);
     }

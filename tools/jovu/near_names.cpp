@@ -1,21 +1,16 @@
 #include "near_names.h"
 
 #include <algorithm>
-#include <cctype>
 #include <cstddef>
 #include <optional>
 #include <utility>
+
+#include "words.h"
 
 namespace jovu_cli {
 namespace {
 
 constexpr std::size_t most_suggestions = 5;
-
-std::string lower(std::string text) {
-    std::transform(text.begin(), text.end(), text.begin(),
-                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-    return text;
-}
 
 /// Number of letters to insert, delete, replace, or exchange with their neighbour.
 std::size_t edit_distance(const std::string& a, const std::string& b) {
@@ -66,7 +61,7 @@ std::vector<std::string> near_names(const std::string& typed,
     }
     std::vector<std::pair<std::size_t, std::string>> ranked;
     for (const std::string& name : names) {
-        if (const std::optional<std::size_t> far = rank(lower(typed), lower(name))) {
+        if (const std::optional<std::size_t> far = rank(lower_case(typed), lower_case(name))) {
             ranked.emplace_back(*far, name);
         }
     }

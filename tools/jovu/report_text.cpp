@@ -1,7 +1,6 @@
 #include "report_text.h"
 
 #include <algorithm>
-#include <cctype>
 #include <cinttypes>
 #include <cstdio>
 #include <nlohmann/json.hpp>
@@ -9,6 +8,7 @@
 
 #include "options.h"
 #include "printable.h"
+#include "words.h"
 
 namespace jovu_cli {
 namespace {
@@ -18,13 +18,6 @@ constexpr std::size_t label_width = 14;
 /// A device's text for people, or a dash when the device left it out.
 std::string shown(const std::string& text) {
     return text.empty() ? "-" : printable(text);
-}
-
-std::string lower(const std::string& text) {
-    std::string result = text;
-    std::transform(result.begin(), result.end(), result.begin(),
-                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-    return result;
 }
 
 std::string job_text(const StatusReport& report) {
@@ -62,7 +55,7 @@ JobPhase state_phase(const std::string& state) {
     if (state.empty()) {
         return JobPhase::idle;
     }
-    const std::string text = lower(state);
+    const std::string text = lower_case(state);
     for (const Row& row : rows) {
         if (text.find(row.word) != std::string::npos) {
             return row.phase;

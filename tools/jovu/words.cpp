@@ -1,5 +1,7 @@
 #include "words.h"
 
+#include <algorithm>
+#include <cctype>
 #include <cstddef>
 
 #include "failure.h"
@@ -51,6 +53,12 @@ std::vector<std::string> split_words(const std::string& line) {
         words.push_back(word);
     }
     return words;
+}
+
+std::string lower_case(std::string text) {
+    std::transform(text.begin(), text.end(), text.begin(),
+                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+    return text;
 }
 
 }  // namespace jovu_cli

@@ -1,5 +1,5 @@
 /// @file
-/// Lines of words, as a shell reads them.
+/// Words, and lines of them as a shell reads them.
 #pragma once
 
 #include <string>
@@ -11,5 +11,8 @@ namespace jovu_cli {
 /// the next character an ordinary one, but not between single quotes.
 /// @throws Failure usage when a quote is not closed, or nothing follows a backslash.
 std::vector<std::string> split_words(const std::string& line);
+
+/// The text with its letters A to Z as small ones.
+std::string lower_case(std::string text);
 
 }  // namespace jovu_cli
