@@ -37,8 +37,9 @@ step() {
     else
         printf '%-28s FAILED  %4d s   (status %d, %s)\n' \
             "$label" $((SECONDS - began)) "$status" "$log"
-        # A build's lines of progress are not what one looks for then.
-        grep -vE '^\[[0-9]+/[0-9]+\] ' "$log" | tail -n "$step_tail_lines" | sed 's/^/    /'
+        # The progress of a build, and the tests that passed, are not what one looks for then.
+        grep -avE '^\[[0-9]+/[0-9]+\] |^ *Start +[0-9]+: | Passed +[0-9.]+ sec$' "$log" |
+            tail -n "$step_tail_lines" | sed 's/^/    /'
         step_failed+=("$label")
     fi
     return "$status"
