@@ -43,6 +43,12 @@ public:
     /// @throws JovuException "Failed to get libusb device list."
     std::vector<JovuUsbDevice> list_attached() const;
 
+    /// Whether the link still looks after the bus. False once an error has ended its watcher, which
+    /// has then said so in a line on standard output: no device is announced or taken off any more,
+    /// and data is received only while something is being sent. The link works again when its last
+    /// client has gone and another one is built. Threads: any; never blocks.
+    static bool is_watching() noexcept;
+
     /// Why the calling thread's last exchange failed: the reason that stands in the diagnostic line
     /// on standard output. Empty when it was answered, or (for a message that expects no answer)
     /// sent. Each thread has its own; empty before its first exchange.

@@ -14,11 +14,11 @@ thread_local const void* current_owner = nullptr;
 
 NoticeThreads::NoticeThreads() : state_(std::make_shared<State>()) {}
 
-void NoticeThreads::post(Notice notice) {
+void NoticeThreads::post(Prepared notice) {
     {
         const MutexLock lock(state_->mutex);
         if (state_->closed) return;
-        state_->pending.push_back(std::move(notice));
+        state_->pending.splice(state_->pending.end(), notice.one_);
     }
     try {
         std::thread([state = state_] { run(*state); }).detach();

@@ -5,6 +5,7 @@
 #include <functional>
 #include <list>
 #include <memory>
+#include <utility>
 
 #include "base/mutex.h"
 
@@ -15,13 +16,24 @@ class NoticeThreads {
 public:
     using Notice = std::function<void()>;
 
+    /// A notice for later. To post it takes no memory.
+    class Prepared {
+    public:
+        explicit Prepared(Notice notice) { one_.push_back(std::move(notice)); }
+
+    private:
+        friend class NoticeThreads;
+        std::list<Notice> one_;
+    };
+
     NoticeThreads();
     NoticeThreads(const NoticeThreads&) = delete;
     NoticeThreads& operator=(const NoticeThreads&) = delete;
 
     /// Starts a thread for a notice. If none can be started the notice waits for the next thread
     /// that can be: it comes late rather than never.
-    void post(Notice notice);
+    void post(Notice notice) { post(Prepared(std::move(notice))); }
+    void post(Prepared notice);
 
     /// Drops notices that have not begun and takes no more.
     void close();

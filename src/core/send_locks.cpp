@@ -52,14 +52,17 @@ void SendLock::wait_idle() {
         changed_.wait(mutex_);
 }
 
-void SendLocks::connect(JovuDeviceAddress address, JovuUsb::connection_t connection) {
+std::shared_ptr<SendLock> SendLocks::connect(JovuDeviceAddress address,
+                                             JovuUsb::connection_t connection) {
     std::shared_ptr<SendLock> lock = all_locks().of(connection);
+    std::shared_ptr<SendLock> other = lock;
     {
         const MutexLock guard(mutex_);
-        if (closed_) return;
-        std::swap(locks_[address], lock);
+        if (closed_) return lock;
+        std::swap(locks_[address], other);
     }
-    if (lock != nullptr) lock->wake();
+    if (other != nullptr) other->wake();
+    return lock;
 }
 
 std::shared_ptr<SendLock> SendLocks::disconnect(JovuDeviceAddress address) {

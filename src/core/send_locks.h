@@ -6,13 +6,15 @@
 #include <unordered_map>
 
 #include "base/mutex.h"
+#include "base/wait_queue.h"
 #include "jovu/device_address.h"
 #include "usb/usb.h"
 
 namespace jovu {
 
-/// Makes the exchanges with one opening of a device follow one another, whichever transport of the
-/// process they come from. Held for a whole exchange; taken before the link's locks.
+/// Makes the exchanges with one opening of a device follow one another, in the order in which they
+/// were asked for, whichever transport of the process they come from. Held for a whole exchange;
+/// taken before the link's locks.
 class SendLock {
 public:
     explicit SendLock(JovuUsb::connection_t connection) : connection_(connection) {}
@@ -27,9 +29,13 @@ public:
     template <class Wanted>
     bool enter(Wanted wanted) {
         const MutexLock lock(mutex_);
-        while (busy_ && wanted())
+        const WaitQueue::Place place(queue_);
+        while ((busy_ || !place.first()) && wanted())
             changed_.wait(mutex_);
-        if (busy_ || !wanted()) return false;
+        if (busy_ || !place.first() || !wanted()) {
+            changed_.notify_all();
+            return false;
+        }
         busy_ = true;
         return true;
     }
@@ -46,6 +52,7 @@ private:
     const JovuUsb::connection_t connection_;
     Mutex mutex_;
     ConditionVariable changed_;
+    WaitQueue queue_ JOVU_GUARDED_BY(mutex_);
     bool busy_ JOVU_GUARDED_BY(mutex_) = false;
 };
 
@@ -58,7 +65,8 @@ private:
 class SendLocks {
 public:
     /// A device is there: gives it the lock of its opening in place of any other.
-    void connect(JovuDeviceAddress address, JovuUsb::connection_t connection);
+    /// @return that lock, also when it was not given out any more.
+    std::shared_ptr<SendLock> connect(JovuDeviceAddress address, JovuUsb::connection_t connection);
 
     /// A device has gone: takes its lock out.
     /// @return the lock, for waiting until it is idle; null when there was none.

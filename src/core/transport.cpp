@@ -46,6 +46,10 @@ std::vector<JovuUsbDevice> JovuTransport::list_attached() const {
     return JovuUsb::list_attached();
 }
 
+bool JovuTransport::is_watching() noexcept {
+    return JovuUsb::is_watching();
+}
+
 std::string JovuTransport::last_send_error() {
     return jovu::last_send_error();
 }
@@ -58,8 +62,19 @@ std::vector<std::string> JovuTransport::attrs(unsigned flags) {
     return words;
 }
 
+jovu::NoticeThreads::Prepared JovuTransport::State::farewell(JovuTransport& transport,
+                                                             JovuDeviceAddress address,
+                                                             std::shared_ptr<jovu::SendLock> lock) {
+    return jovu::NoticeThreads::Prepared([&transport, address, lock = std::move(lock)] {
+        if (lock != nullptr) lock->wait_idle();
+        transport.device_disconnected(address);
+    });
+}
+
 void JovuTransport::usb_device_connected(JovuDeviceAddress address) {
-    state_->device_mutexes.connect(address, JovuUsb::connection(address));
+    std::shared_ptr<jovu::SendLock> lock =
+        state_->device_mutexes.connect(address, JovuUsb::connection(address));
+    state_->farewells.insert_or_assign(address, State::farewell(*this, address, std::move(lock)));
     state_->notices.post([this, address] { device_connected(address); });
 }
 
@@ -67,10 +82,9 @@ void JovuTransport::usb_device_disconnected(JovuDeviceAddress address) {
     // Retired before the wake-up: a sender that enters the table in between finds it retired.
     std::shared_ptr<jovu::SendLock> lock = state_->device_mutexes.disconnect(address);
     state_->waiting.wake(address);
-    state_->notices.post([this, address, lock = std::move(lock)] {
-        if (lock != nullptr) lock->wait_idle();
-        device_disconnected(address);
-    });
+    auto prepared = state_->farewells.extract(address);
+    state_->notices.post(prepared.empty() ? State::farewell(*this, address, std::move(lock))
+                                          : std::move(prepared.mapped()));
 }
 
 void JovuTransport::data_received(unsigned char* data, unsigned int length,

@@ -20,6 +20,14 @@ struct JovuTransport::State {
     /// next bytes from the same address.
     std::unordered_map<JovuDeviceAddress, jovu::FrameDecoder> rx_states;
 
+    /// The notices of the departure of each device that is there, made at its arrival: an
+    /// application that closes a device when there is no memory is told all the same. Touched by
+    /// the same calls only.
+    std::unordered_map<JovuDeviceAddress, jovu::NoticeThreads::Prepared> farewells;
+    static jovu::NoticeThreads::Prepared farewell(JovuTransport& transport,
+                                                  JovuDeviceAddress address,
+                                                  std::shared_ptr<jovu::SendLock> lock);
+
     jovu::WaitingRequests waiting;
     jovu::SendLocks device_mutexes;
     jovu::NoticeThreads notices;

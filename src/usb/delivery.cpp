@@ -44,9 +44,9 @@ void keep_client_error(std::exception_ptr error) noexcept {
 /// Calls the clients of one interface that are built, in order of registration.
 template <class Call>
 void call_each(Link::Clients& clients, Call call) JOVU_REQUIRES(clients.mutex) {
-    const std::uint64_t ended_holds = link().ended_holds;
+    const std::uint64_t ended = link().scan_holds.now().ended;
     for (const Link::Clients::Entry& entry : clients.list) {
-        if (entry.live_after <= ended_holds) call(*entry.client);
+        if (entry.live_after <= ended) call(*entry.client);
     }
 }
 
@@ -95,11 +95,14 @@ void notify_connected(JovuDeviceAddress address) {
 }
 
 void notify_disconnected(JovuDeviceAddress address) noexcept {
-    try {
-        notify([address](JovuUsbClient& client) { client.usb_device_disconnected(address); });
-    } catch (...) {
-        keep_client_error(std::current_exception());
-    }
+    notify([address](JovuUsbClient& client) {
+        try {
+            client.usb_device_disconnected(address);
+        } catch (...) {
+            // The others are told all the same.
+            keep_client_error(std::current_exception());
+        }
+    });
 }
 
 void rethrow_client_error() {

@@ -13,7 +13,8 @@ bool DeviceGate::enter_again() {
 void DeviceGate::lock() JOVU_NO_THREAD_SAFETY_ANALYSIS {
     const MutexLock lock(mutex_);
     if (enter_again()) return;
-    while (depth_ != 0 || places_ != 0)
+    const WaitQueue::Place place(queue_);
+    while (depth_ != 0 || places_ != 0 || !place.first())
         changed_.wait(mutex_);
     owner_ = std::this_thread::get_id();
     depth_ = 1;

@@ -6,17 +6,18 @@
 #include <thread>
 
 #include "base/mutex.h"
+#include "base/wait_queue.h"
 
 namespace jovu {
 
-/// A recursive lock that a thread in a tight loop of sends cannot keep from the watcher: whoever
-/// holds a Place gets it next, before every thread that merely calls lock().
+/// A recursive lock that a thread in a tight loop of sends cannot keep from others: whoever calls
+/// lock() has it in turn, and whoever holds a Place, such as the watcher, before all of those.
 ///
 /// Threads that hold it run libusb's event handling themselves while they wait, so holding it long
 /// never keeps events from being handled.
 class JOVU_CAPABILITY("mutex") DeviceGate {
 public:
-    /// Waits as long as it takes: every holder lets go within the time limits of one send.
+    /// Waits as long as it takes: everyone ahead lets go within the time limits of one send.
     void lock() JOVU_ACQUIRE();
     void unlock() JOVU_RELEASE();
 
@@ -41,6 +42,7 @@ private:
 
     Mutex mutex_;
     ConditionVariable changed_;
+    WaitQueue queue_ JOVU_GUARDED_BY(mutex_);
     std::thread::id owner_ JOVU_GUARDED_BY(mutex_);
     unsigned depth_ JOVU_GUARDED_BY(mutex_) = 0;
     unsigned places_ JOVU_GUARDED_BY(mutex_) = 0;

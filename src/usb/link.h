@@ -17,6 +17,7 @@
 #include "jovu/usb_client.h"
 #include "usb/device_gate.h"
 #include "usb/libusb_owners.h"
+#include "usb/scan_holds.h"
 #include "usb/usb_constants.h"
 #include "usb/usb_device.h"
 
@@ -37,17 +38,14 @@ struct Link {
     /// Held while one device is opened and announced, so that a hold begins before or after that
     /// and never in the middle. Taken inside the gate.
     Mutex opening_mutex;
-    std::atomic<unsigned> scan_holds{0};
-
-    /// How often the last hold has been released.
-    std::atomic<std::uint64_t> ended_holds{0};
+    ScanHolds scan_holds;
 
     /// The clients of one interface number. The lock is held while they are called.
     struct Clients {
         struct Entry {
             JovuUsbClient* client;
-            /// Not called before ended_holds has come to this: whoever registers under a hold is
-            /// still being built.
+            /// Not called before so many times of holds have ended: whoever registers under a hold
+            /// is still being built.
             std::uint64_t live_after;
         };
         RecursiveMutex mutex;
@@ -67,6 +65,9 @@ struct Link {
 
     /// Set when a device may have to be removed before the next scan finds out.
     std::atomic<bool> sweep_wanted{false};
+
+    /// Set by a watcher that an error has ended.
+    std::atomic<bool> watcher_failed{false};
 
     Mutex client_error_mutex;
     std::exception_ptr client_error JOVU_GUARDED_BY(client_error_mutex);

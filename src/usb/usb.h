@@ -65,6 +65,9 @@ public:
     /// none.
     static connection_t connection(JovuDeviceAddress address);
 
+    /// As JovuTransport::is_watching().
+    static bool is_watching() noexcept;
+
     /// @return whether the calling thread is delivering received data, where nothing may wait for
     ///     another send or for event handling.
     static bool delivering() noexcept;

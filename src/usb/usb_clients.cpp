@@ -20,6 +20,7 @@ void start(Link& state) JOVU_REQUIRES(state.lifecycle_mutex) {
     if (context == nullptr) throw JovuException("Failed to initialize libusb");
     jovu::forget_client_error();
     state._run_device_hotplug_thread = true;
+    state.watcher_failed = false;
     state._device_hotplug_thread =
         std::thread([context] { jovu::device_status_thread_entry(context); });
     state._libusb_ctx = std::move(context);
@@ -50,15 +51,19 @@ void JovuUsb::client_register(JovuUsbClient& client, jovu_usb_interface_t interf
     const jovu::MutexLock lifecycle(state.lifecycle_mutex);
     Link::Clients& clients = state._registered_clients[interface];
     {
-        // Room first: once the link runs, nothing may fail any more.
+        const jovu::ScanHolds::State holds = state.scan_holds.now();
         const jovu::ScopedLock<jovu::RecursiveMutex> lock(clients.mutex);
-        clients.list.reserve(clients.list.size() + 1);
+        clients.list.push_back({&client, holds.held ? holds.ended + 1 : 0});
     }
-    if (!state._device_hotplug_thread.joinable()) start(state);
-    const std::uint64_t ended = state.ended_holds;
-    const std::uint64_t live_after = state.scan_holds != 0 ? ended + 1 : 0;
-    const jovu::ScopedLock<jovu::RecursiveMutex> lock(clients.mutex);
-    clients.list.push_back({&client, live_after});
+    if (state._device_hotplug_thread.joinable()) return;
+    // Entered by now, the client is told of what the first scan finds.
+    try {
+        start(state);
+    } catch (...) {
+        const jovu::ScopedLock<jovu::RecursiveMutex> lock(clients.mutex);
+        clients.list.pop_back();
+        throw;
+    }
 }
 
 void JovuUsb::client_unregister(JovuUsbClient& client, jovu_usb_interface_t interface) {
@@ -81,14 +86,13 @@ void JovuUsb::hold_scans() noexcept {
     Link& state = link();
     if (jovu::delivering() || jovu::in_notice()) {
         // This thread may be the one that is opening a device.
-        ++state.scan_holds;
+        state.scan_holds.take();
         return;
     }
     const jovu::MutexLock opening(state.opening_mutex);
-    ++state.scan_holds;
+    state.scan_holds.take();
 }
 
 void JovuUsb::release_scans() noexcept {
-    Link& state = link();
-    if (--state.scan_holds == 0) ++state.ended_holds;
+    link().scan_holds.release();
 }

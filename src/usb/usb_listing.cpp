@@ -35,9 +35,11 @@ bool order_close(Link& state, JovuDeviceAddress address) {
 bool close_now(Link& state, JovuDeviceAddress address) {
     const jovu::GateLock gate(state._connected_devices_mutex);
     UsbDevice* const device = state.device_at(address);
-    if (device == nullptr || device->handle() == nullptr || device->close_ordered()) return false;
+    if (device == nullptr || device->handle() == nullptr) return false;
+    // Ordered already, it counts as closed. The watcher may be no more, so it is done here.
+    const bool ordered = device->close_ordered();
     device->close();
-    return true;
+    return !ordered;
 }
 
 }  // namespace
@@ -76,6 +78,10 @@ JovuUsb::connection_t JovuUsb::connection(JovuDeviceAddress address) {
     const jovu::MutexLock lock(state.directory_mutex);
     const auto found = state._connected_devices.find(address);
     return found == state._connected_devices.end() ? kNoConnection : found->second->connection();
+}
+
+bool JovuUsb::is_watching() noexcept {
+    return !link().watcher_failed;
 }
 
 bool JovuUsb::delivering() noexcept {

@@ -31,7 +31,7 @@ public:
 
     void run() {
         while (link_._run_device_hotplug_thread) {
-            if (scan_is_due() && link_.scan_holds == 0) {
+            if (scan_is_due() && !link_.scan_holds.now().held) {
                 last_scan_ = std::chrono::steady_clock::now();
                 scan();
                 // Nothing would interrupt the wait for a device that has just been opened.
@@ -97,7 +97,7 @@ private:
         }
         link_.remove_device(address);
         const MutexLock opening(link_.opening_mutex);
-        if (link_.scan_holds != 0) {
+        if (link_.scan_holds.now().held) {
             // Held back in the middle of the scan: another one is due as soon as that is over.
             last_scan_.reset();
             return;
@@ -147,9 +147,10 @@ private:
     std::optional<std::chrono::steady_clock::time_point> last_scan_;
 };
 
-void print_fatal(const char* what) noexcept {
+void tell_of_end(const char* what) noexcept {
     std::fprintf(stdout, "Fatal error in hotplug thread - %s.\n", what);
     std::fflush(stdout);
+    link().watcher_failed = true;
 }
 
 }  // namespace
@@ -158,10 +159,10 @@ void device_status_thread_entry(const Context& context) noexcept {
     try {
         Watcher(context).run();
     } catch (const std::exception& error) {
-        print_fatal(error.what());
+        tell_of_end(error.what());
     } catch (...) {
         // A client may throw anything; the line is all that is told of it.
-        print_fatal("UNKNOWN");
+        tell_of_end("UNKNOWN");
     }
 }
 

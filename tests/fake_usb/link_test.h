@@ -64,13 +64,17 @@ public:
 
     /// Called, if set, behind the entry in the journal. To be set before there is anything to tell.
     std::function<void()> on_connected;
+    std::function<void()> on_disconnected;
     std::function<void(unsigned char* data)> on_data;
 
     void usb_device_connected(JovuDeviceAddress address) override {
         note('+', address);
         if (on_connected) on_connected();
     }
-    void usb_device_disconnected(JovuDeviceAddress address) override { note('-', address); }
+    void usb_device_disconnected(JovuDeviceAddress address) override {
+        note('-', address);
+        if (on_disconnected) on_disconnected();
+    }
     void data_received(unsigned char* data, unsigned int length,
                        JovuDeviceAddress address) override {
         note('<', address, " " + std::string(data, data + length));

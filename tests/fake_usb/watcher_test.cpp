@@ -142,6 +142,21 @@ TEST_F(Watcher, WhatAClientThrowsAtANoticeTakesTheDeviceBack) {
               "Fatal error in hotplug thread - not that one.\n");
 }
 
+TEST_F(Watcher, WhatAClientThrowsAtADepartureKeepsItFromNoOther) {
+    testing::internal::CaptureStdout();
+    {
+        const Link link(journal, [](Link& self) {
+            self.messages.on_disconnected = [] { throw JovuException("not now"); };
+        });
+        const LinkClient another(journal, "c", 0);
+        ASSERT_TRUE(journal.wait("b+1.5"));
+        fake_usb::unplug(link.device);
+        EXPECT_TRUE(journal.wait("c-1.5") && journal.wait("b-1.5"));
+        EXPECT_TRUE(watcher_ends());
+    }
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "Fatal error in hotplug thread - not now.\n");
+}
+
 TEST_F(Watcher, OpensNothingWhileScansAreHeld) {
     fake_usb::plug(1, 5);
     std::optional<JovuScanHold> hold(std::in_place);

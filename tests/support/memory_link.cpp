@@ -53,6 +53,10 @@ JovuUsb::connection_t JovuUsb::connection(JovuDeviceAddress /*address*/) {
     return kConnection;
 }
 
+bool JovuUsb::is_watching() noexcept {
+    return true;
+}
+
 bool JovuUsb::delivering() noexcept {
     return false;
 }
