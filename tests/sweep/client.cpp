@@ -150,8 +150,7 @@ void World::check_exception(const char* what, const std::exception& error) {
         dynamic_cast<const JovuException*>(&error) != nullptr ||
         (faulty(Kind::memory) && dynamic_cast<const std::bad_alloc*>(&error) != nullptr) ||
         (faulty(Kind::thread) && dynamic_cast<const std::system_error*>(&error) != nullptr);
-    if (!allowed || (fault_ == nullptr && !down_))
-        wrong(std::string(what) + " threw " + error.what());
+    if (!allowed || (!fired() && !down_)) wrong(std::string(what) + " threw " + error.what());
 }
 
 void World::shut_down() {

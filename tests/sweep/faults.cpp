@@ -5,6 +5,8 @@
 #include <atomic>
 #include <cerrno>
 
+#include "usb/usb.h"
+
 namespace sweep {
 namespace {
 
@@ -70,6 +72,7 @@ const std::array<std::vector<Result>, kKinds> kResults{{
 std::atomic<const Fault*> armed{nullptr};
 std::atomic<bool> counting{false};
 std::atomic<bool> struck{false};
+std::atomic<bool> struck_in_reception{false};
 std::array<std::array<std::atomic<unsigned>, kRoles>, kKinds> met{};
 
 thread_local int shields = 0;
@@ -84,6 +87,7 @@ bool is_libusb(Kind kind) noexcept {
 bool strikes(Kind kind, const Fault& fault, unsigned position) noexcept {
     if (kind != fault.kind) return false;
     if (role == fault.role && position == fault.position) {
+        struck_in_reception = role == Role::watcher || JovuUsb::delivering();
         struck = true;
         return true;
     }
@@ -142,6 +146,10 @@ void disarm() noexcept {
 
 bool fired() noexcept {
     return struck;
+}
+
+bool fired_in_reception() noexcept {
+    return struck_in_reception;
 }
 
 bool fails_for_good(Kind kind) noexcept {

@@ -89,6 +89,8 @@ void arm(const Fault* fault) noexcept;
 void disarm() noexcept;
 /// @return whether the fault has struck.
 bool fired() noexcept;
+/// @return whether it struck on the watcher, or while received data was being handled.
+bool fired_in_reception() noexcept;
 /// @return whether every call of that kind fails now.
 bool fails_for_good(Kind kind) noexcept;
 Counts counts() noexcept;

@@ -9,7 +9,8 @@ constexpr const char* kOpening =
     "a device that answered its probe and cannot be opened right after it ends the watcher, unless "
     "it has gone";
 constexpr const char* kMemory =
-    "an error that is not a device's own ends the watcher, and reception with it";
+    "an error on the watcher or in reception that is not a device's own ends the watcher, and "
+    "reception with it";
 constexpr const char* kChannel =
     "reception that cannot be started or gone on with stays ended until the device is plugged in "
     "anew, for only the failure of both channels removes it; a frame that was cut off goes on with "
@@ -60,7 +61,7 @@ const std::vector<Rule>& rules() {
 // clang-format on
 
 bool Rule::covers(const Fault& fault) const {
-    return kind == fault.kind &&
+    return kind == fault.kind && (kind != Kind::memory || fired_in_reception()) &&
            (results.empty() ||
             std::find(results.begin(), results.end(), fault.outcome().name) != results.end());
 }

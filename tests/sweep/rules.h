@@ -34,6 +34,7 @@ struct Rule {
     Remedy remedy;
     const char* reason;
 
+    /// Whether this may be what the fault, which has struck, has cost.
     bool covers(const Fault& fault) const;
 };
 
