@@ -207,6 +207,7 @@ void Testbed::service() {
     const Millis now = now_ms();
     for (const auto& device : devices()) {
         if (!device->unplugged()) device->tick();
+        device->print_complaints();
         if (device->unplugged()) {
             const BusAddress address = device->address();
             remove_node(address);

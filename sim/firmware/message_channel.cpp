@@ -79,9 +79,11 @@ void MessageChannel::answer(const Request& request, const Json* result, Millis n
 
     Json document = {{"transport", transport}, {"data", {{"command", body}}}};
     std::string text = document.dump();
-    if (text.size() + 2 * std::size_t{faults_.deep} > kMaxFramePayload) {
-        // Almost as long as the request was; the echo is not part of the answer's meaning.
-        document["data"]["command"].erase("args");
+    // Almost as long as the request was, or longer when a host writes numbers in another way; the
+    // echo is not part of the answer's meaning.
+    for (const char* const echo : {"args", "name", "idx"}) {
+        if (text.size() + 2 * std::size_t{faults_.deep} <= kMaxFramePayload) break;
+        document["data"]["command"].erase(echo);
         text = document.dump();
     }
     if (result != nullptr && faults_.deep > 0) {

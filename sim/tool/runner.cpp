@@ -142,6 +142,8 @@ public:
             }
             waker_.drain();
             forward_signals();
+            // What has left by itself is put away before somebody plugs in another one there.
+            testbed_.service();
             server_.serve(waits);
             testbed_.service();
         }
