@@ -160,6 +160,32 @@ TEST(Gcode, SendsEachLineAndShowsWhatComesOfIt) {
     EXPECT_THAT(stats(device)["message"]["gcode"], ElementsAre("G28", "G1 X10 Y20", "M114"));
 }
 
+TEST(Gcode, DoesNotGoOnWithAnotherDeviceInItsPlace) {
+    const JovuDeviceAddress device = plug();
+    Program program({"gcode", "-"});
+    program.type("G28\n");
+    ASSERT_TRUE(program.writes("ok       G28"));
+    sim("replug " + name(device));
+    ASSERT_TRUE(eventually([&] { return stats(device)["opens"].get<int>() > 1; }));
+    program.type("G1 X10\n");
+    program.end_input();
+    EXPECT_EQ(program.finish(), 5);
+    EXPECT_THAT(program.err(), HasSubstr("device is gone: " + name(device)));
+}
+
+TEST(Events, EndWhenTheLinkDoes) {
+    const JovuDeviceAddress device = plug();
+    Program program({"events"});
+    ASSERT_TRUE(listens(program, device));
+    EXPECT_TRUE(eventually([&] {
+        // It answers its probe, unless that was over already, and can then not be opened.
+        sim("fault " + name(plug()) + " claim EBUSY 1 1");
+        return program.complains("Fatal error in hotplug thread", std::chrono::seconds(3));
+    }));
+    EXPECT_EQ(program.finish(), 5);
+    EXPECT_THAT(program.err(), HasSubstr("the USB link has ended"));
+}
+
 TEST(Gcode, StopsAtARefusalUnlessItIsToKeepGoing) {
     const JovuDeviceAddress device = plug();
     const TemporaryFile file("moves.gcode", "G28\n\nG999 ; unknown\nG1 X-1\nG90\n");

@@ -1,8 +1,13 @@
 /// @file
 /// How the program ends: the exit code, and the line that says why.
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <csignal>
 
 #include "cli_test.h"
+#include "file_descriptor.h"
 
 namespace test {
 namespace {
@@ -105,6 +110,17 @@ TEST(Ends, WhenTheOutputCannotBeWritten) {
         EXPECT_EQ(ended.status, 141) << command;
         EXPECT_THAT(ended.err, IsEmpty()) << command;
     }
+}
+
+TEST(Ends, WhenThePipeThatItWritesToIsNotRead) {
+    const JovuDeviceAddress device = plug();
+    const std::string path = testing::TempDir() + std::to_string(getpid()) + "-pipe";
+    ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
+    const jovu_cli::FileDescriptor reader(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+    fcntl(reader.get(), F_SETPIPE_SZ, 4096);
+    expect_error(jovu({"trace", "0", "--csv", path}), 7, path);
+    EXPECT_FALSE(stats(device)["machine"]["servos"][0]["traced"]);
+    unlink(path.c_str());
 }
 
 TEST(Ends, WhenTheReaderGoesAwayThoughNothingIsWritten) {

@@ -99,7 +99,7 @@ TEST_F(Trace, TellsWhatIsMissing) {
 }
 
 TEST_F(Trace, IsSwitchedOffOnEveryWayOut) {
-    for (const int signal : {SIGINT, SIGTERM}) {
+    for (const int signal : {SIGINT, SIGTERM, SIGQUIT}) {
         Program program({"trace", "0", "--csv", csv_.path()});
         ASSERT_TRUE(eventually([&] { return traced(0); }));
         program.signal(signal);

@@ -117,12 +117,17 @@ TEST_F(Update, TellsOfADownloadThatFails) {
     EXPECT_EQ(jovu({"dfu"}).status, 0);
 }
 
-TEST_F(Update, TellsOfADeviceThatLeavesForGood) {
-    sim("fault " + name(device_) + " dfu unplug-at 5");
+TEST_F(Update, TellsOfADeviceThatLeavesForGoodAndTakesNoOtherForIt) {
+    sim("unplug " + name(device_));
+    const JovuDeviceAddress leaving = plug("product=00df");
+    sim("fault " + name(leaving) + " dfu unplug-at 5");
+    const std::string serial = stats(leaving)["serial"];
     const auto start = std::chrono::steady_clock::now();
-    const Ended ended = jovu({"update", image_.path()});
-    EXPECT_EQ(ended.status, 5);
-    EXPECT_THAT(ended.err, HasSubstr("the device has not come back: " + serial_));
+    Program program({"update", image_.path()});
+    ASSERT_TRUE(eventually([] { return sim("list").empty(); }));
+    plug();
+    EXPECT_EQ(program.finish(), 5) << program.out();
+    EXPECT_THAT(program.err(), HasSubstr("the device has not come back: " + serial));
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(60));
 }
 

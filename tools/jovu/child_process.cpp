@@ -45,6 +45,7 @@ void reset_signals(posix_spawnattr_t& attributes) {
     sigemptyset(&set);
     check(posix_spawnattr_setsigmask(&attributes, &set), "posix_spawnattr_setsigmask");
     sigaddset(&set, SIGPIPE);
+    sigaddset(&set, SIGXFSZ);
     check(posix_spawnattr_setsigdefault(&attributes, &set), "posix_spawnattr_setsigdefault");
     check(posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF),
           "posix_spawnattr_setflags");

@@ -29,7 +29,7 @@ void run_events(const Context& context, const EventOptions& options) {
     const JovuDeviceAddress address = session.pick_device();
     const auto end =
         options.limit ? Inbox::Clock::now() + *options.limit : Inbox::Clock::time_point::max();
-    while (const std::optional<Notice> notice = session.inbox().next(end)) {
+    while (const std::optional<Notice> notice = session.next_notice(end)) {
         session.check_connected(address, *notice);
         if (notice->address == address) {
             print_event(context.out, *notice);

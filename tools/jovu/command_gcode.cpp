@@ -37,16 +37,16 @@ std::shared_ptr<char> shared_text(const std::string& text) {
     return copy;
 }
 
-/// What the device has printed since the last call.
-std::vector<std::string> take_texts(Inbox& inbox, JovuDeviceAddress address) {
-    std::vector<std::string> texts;
-    while (const std::optional<Notice> notice = inbox.poll()) {
+/// Takes what the device has printed since the last call.
+/// @throws Failure when it has gone: another one in its place has not carried out the lines before.
+void take_texts(Session& session, JovuDeviceAddress address, std::vector<std::string>& texts) {
+    while (const std::optional<Notice> notice = session.inbox().poll()) {
+        session.check_connected(address, *notice);
         const auto* text = std::get_if<DebugText>(&notice->what);
         if (text != nullptr && *text && notice->address == address) {
             texts.push_back(**text);
         }
     }
-    return texts;
 }
 
 void print_result(Output& out, JovuDeviceAddress address, const GcodeLine& line,
@@ -82,12 +82,15 @@ void run_gcode(const Context& context, const GcodeOptions& options) {
     std::size_t sent = 0;
     std::size_t refused = 0;
     while (const std::optional<GcodeLine> line = source->next()) {
+        std::vector<std::string> texts;
+        take_texts(session, address, texts);
         const std::string name = "line " + std::to_string(line->number) + " (" + line->text + ")";
         const std::uint32_t result = session.exchange(address, name, [&] {
             return session.client().gcode_process_command(address, shared_text(line->text));
         });
         ++sent;
-        print_result(context.out, address, *line, result, take_texts(session.inbox(), address));
+        take_texts(session, address, texts);
+        print_result(context.out, address, *line, result, texts);
         if (result == result_ok) {
             continue;
         }

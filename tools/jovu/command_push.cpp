@@ -121,7 +121,7 @@ Failure refused(JovuDeviceAddress address, const std::string& what, const Status
 /// Waits a moment for the next report's time.
 void pause_for(Session& session, JovuDeviceAddress address, std::chrono::milliseconds time) {
     const auto until = Inbox::Clock::now() + time;
-    while (const std::optional<Notice> notice = session.inbox().next(until)) {
+    while (const std::optional<Notice> notice = session.next_notice(until)) {
         session.check_connected(address, *notice);
     }
 }

@@ -231,9 +231,10 @@ private:
         return names;
     }
 
-    /// The link: one for the whole time, but for a device that was closed to end an exchange.
+    /// The link: one for the whole time, unless a device was closed to end an exchange, or the link
+    /// has ended.
     Session& session() {
-        if (session_ && session_->has_closed()) {
+        if (session_ && (session_->has_closed() || session_->has_ended())) {
             session_.reset();
         }
         if (!session_) {

@@ -42,7 +42,7 @@ private:
 
 /// Waits for the next report's time. What else comes in meanwhile is dropped.
 void wait_until(Session& session, JovuDeviceAddress address, Inbox::Clock::time_point time) {
-    while (const std::optional<Notice> notice = session.inbox().next(time)) {
+    while (const std::optional<Notice> notice = session.next_notice(time)) {
         session.check_connected(address, *notice);
     }
     session.stop().throw_if_stopped();

@@ -139,7 +139,7 @@ void record(const Target& target, TraceRecorder& recorder, const TraceOptions& o
     }
     const auto end =
         options.limit ? Inbox::Clock::now() + *options.limit : Inbox::Clock::time_point::max();
-    while (const std::optional<Notice> notice = inbox.next(end)) {
+    while (const std::optional<Notice> notice = target.session.next_notice(end)) {
         if (notice->address == target.address &&
             std::holds_alternative<Disconnected>(notice->what)) {
             tracing.device_is_gone();
@@ -283,7 +283,12 @@ void run_trace(const Context& context, const TraceOptions& options) {
         throw Failure(ExitCode::device_refused, "no samples came of " + target.text(),
                       "is there such a servo?");
     }
-    recorder.finish(plot_title(target, name, statistics));
+    try {
+        recorder.finish(plot_title(target, name, statistics));
+    } catch (const Failure&) {
+        context.stop.throw_if_stopped();  // A Ctrl-C ends the plotting program as well.
+        throw;
+    }
     report_missing(recorder);
     if (context.out.json()) {
         context.out.object(summary_json(target, name, recorder, options));

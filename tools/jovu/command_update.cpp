@@ -191,13 +191,15 @@ private:
                          const DfuTool::Outcome& outcome) {
         const auto begin = Clock::now();
         while (Clock::now() < begin + change_limit) {
-            if (const auto address = returned(chosen, others)) {
+            if (const auto address = returned(chosen, others, outcome)) {
                 const Identity now = read_identity(session_, *address);
                 const std::string& before = chosen.identity.version;
-                if (!outcome.completed && now.version == before) {
+                // Without a version from before, the download's word is all there is to go by.
+                if (!outcome.completed && (now.version == before || before.empty())) {
                     throw Failure(ExitCode::exchange_failed,
                                   "the update failed, " + to_string(*address) + " runs version " +
-                                      now.version + " as before" + said(outcome));
+                                      now.version + (before.empty() ? "" : " as before") +
+                                      said(outcome));
                 }
                 reporter_.updated(to_string(*address), now.serial, before, now.version);
                 return;
@@ -217,8 +219,11 @@ private:
                       "unplug it and plug it in again; 'jovu list' and 'jovu dfu' show what it is");
     }
 
+    /// The controller that the updated device has become.
     std::optional<JovuDeviceAddress> returned(const Chosen& chosen,
-                                              const std::vector<JovuDeviceAddress>& others) {
+                                              const std::vector<JovuDeviceAddress>& others,
+                                              const DfuTool::Outcome& outcome) {
+        std::vector<JovuDeviceAddress> strangers;
         for (const JovuDeviceAddress address : session_.usable_devices()) {
             if (std::find(others.begin(), others.end(), address) != others.end()) {
                 continue;
@@ -227,11 +232,17 @@ private:
             if (!identity) {
                 continue;
             }
-            const bool known_before = chosen.controller.has_value();
-            const std::string& serial = identity->serial;
-            if (serial == chosen.dfu->serial || serial == chosen.identity.serial || !known_before) {
+            if (identity->serial == chosen.dfu->serial ||
+                identity->serial == chosen.identity.serial) {
                 return address;
             }
+            strangers.push_back(address);
+        }
+        // Boot loader and controller need not have one serial number. Whoever was found in DFU mode
+        // may be the one that has come, when it can be no other.
+        const bool may_be_it = !chosen.controller && outcome.completed && strangers.size() == 1;
+        if (may_be_it && !in_dfu_mode(*chosen.dfu)) {
+            return strangers.front();
         }
         return std::nullopt;
     }

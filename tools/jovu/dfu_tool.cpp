@@ -110,13 +110,17 @@ std::string joined_lines(const std::string& text) {
 }
 
 void write_keeper(const fs::path& path) {
+    errno = 0;
     std::ofstream file(path);
     file << keeper;
     file.close();
+    if (!file) {
+        throw_temporary(errno != 0 ? errno : EIO);
+    }
     std::error_code error;
     fs::permissions(path, fs::perms::owner_all, error);
-    if (!file || error) {
-        throw_temporary(error ? error.value() : EIO);
+    if (error) {
+        throw_temporary(error.value());
     }
 }
 
@@ -159,7 +163,7 @@ public:
     }
 
 private:
-    static constexpr std::array<int, 3> numbers{SIGINT, SIGTERM, SIGHUP};
+    static constexpr std::array<int, 4> numbers{SIGINT, SIGTERM, SIGHUP, SIGQUIT};
     std::array<struct sigaction, numbers.size()> before_{};
     bool restored_ = false;
 };
@@ -224,17 +228,21 @@ DfuTool::DfuTool() {
         throw Failure(ExitCode::failure, "this needs dfu-util, which is not installed",
                       "Debian's package is dfu-util");
     }
-    directory_ = make_directory();
-    fs::create_directory(directory_ / program_directory);
-    link_to(*tool, directory_ / program_directory / tool_name);
-    write_keeper(directory_ / tool_name);
-    const WorkingDirectory here(directory_);
+    directory_.path = make_directory();
+    fs::create_directory(directory_.path / program_directory);
+    link_to(*tool, directory_.path / program_directory / tool_name);
+    write_keeper(directory_.path / tool_name);
+    const WorkingDirectory here(directory_.path);
     dfu_.emplace();
 }
 
-DfuTool::~DfuTool() {
+DfuTool::~DfuTool() = default;
+
+DfuTool::Directory::~Directory() {
     std::error_code ignored;
-    fs::remove_all(directory_, ignored);
+    if (!path.empty()) {
+        fs::remove_all(path, ignored);
+    }
 }
 
 DfuTool::Listing DfuTool::list() {
@@ -253,7 +261,7 @@ DfuTool::Listing DfuTool::list() {
 
 DfuTool::Outcome DfuTool::download(const DfuDevice& device, const std::string& image,
                                    const std::function<void(double)>& progress) {
-    const fs::path name = directory_ / image_name;
+    const fs::path name = directory_.path / image_name;
     link_to(image, name);
     const ErrorCapture errors(*this);
     IgnoredSignals ignored;
@@ -275,7 +283,7 @@ DfuTool::Outcome DfuTool::download(const DfuDevice& device, const std::string& i
     } catch (const JovuException& error) {
         outcome.words = joined_lines(error.what());
     }
-    for (const std::string& words : {last_words(directory_ / output_name), errors.words()}) {
+    for (const std::string& words : {last_words(directory_.path / output_name), errors.words()}) {
         outcome.words += (outcome.words.empty() || words.empty() ? "" : "; ") + words;
     }
     return outcome;

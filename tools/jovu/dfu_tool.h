@@ -53,7 +53,15 @@ public:
 private:
     class ErrorCapture;
 
-    std::filesystem::path directory_;
+    /// Removed with all that is in it, also when the constructor fails.
+    struct Directory {
+        Directory() = default;
+        ~Directory();
+        Directory(const Directory&) = delete;
+        Directory& operator=(const Directory&) = delete;
+        std::filesystem::path path;
+    };
+    Directory directory_;
     std::optional<JovuDfu> dfu_;
     int real_stderr_ = -1;  ///< While dfu-util's is being read; owned by the capture.
 };

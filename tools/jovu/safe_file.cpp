@@ -1,10 +1,12 @@
 #include "safe_file.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
@@ -17,6 +19,19 @@ namespace {
 
 constexpr std::size_t buffer_size = 64U << 10U;
 constexpr mode_t new_file_mode = 0666;
+/// How long the reader of a pipe may read nothing.
+constexpr std::chrono::milliseconds reader_patience{5000};
+
+/// Waits until somebody reads a pipe.
+/// @return false when nobody does in time; errno says so.
+bool becomes_writable(int fd) noexcept {
+    pollfd waited{fd, POLLOUT, 0};
+    const int ready = poll(&waited, 1, static_cast<int>(reader_patience.count()));
+    if (ready == 0) {
+        errno = ETIMEDOUT;
+    }
+    return ready > 0 || (ready < 0 && errno == EINTR);
+}
 
 /// The file that a path leads to; the path itself when there is none yet.
 std::string follow_links(const std::string& path) {
@@ -36,11 +51,8 @@ SafeFile::SafeFile(const std::string& path, Unfinished unfinished)
     }
     if (exists && !S_ISREG(info.st_mode)) {
         part_path_ = path;
-        // Not waiting for somebody to read a pipe: nothing could interrupt that.
+        // Not waiting for ever for somebody to read a pipe: nothing could interrupt that.
         fd_ = FileDescriptor(open(path.c_str(), O_WRONLY | O_CLOEXEC | O_NONBLOCK));
-        if (fd_.valid() && fcntl(fd_.get(), F_SETFL, 0) != 0) {
-            fail(errno);
-        }
     } else {
         final_path_ = follow_links(path);
         part_path_ = final_path_ + ".part";
@@ -95,7 +107,7 @@ bool SafeFile::flush() noexcept {
         const ssize_t written = ::write(fd_.get(), buffer_.data() + done, buffer_.size() - done);
         if (written >= 0) {
             done += static_cast<std::size_t>(written);
-        } else if (errno != EINTR) {
+        } else if (errno == EAGAIN ? !becomes_writable(fd_.get()) : errno != EINTR) {
             break;
         }
     }

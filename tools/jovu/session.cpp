@@ -19,6 +19,9 @@ constexpr std::chrono::milliseconds default_wait = 2s;
 constexpr auto report_repeat = 5s;
 constexpr int report_attempts = 2;
 
+/// How often a wait without end looks whether the link is still there.
+constexpr auto link_check = 1s;
+
 bool ends_with(std::string_view text, std::string_view end) {
     return text.size() >= end.size() && text.substr(text.size() - end.size()) == end;
 }
@@ -191,6 +194,23 @@ StatusReport Session::request_status(JovuDeviceAddress address) {
                   "status request to " + to_string(address) + " failed: timed out",
                   "after an interrupted push the device may wait for the rest of the job: leave it "
                   "alone until it gives up, or unplug it");
+}
+
+std::optional<Notice> Session::next_notice(Inbox::Clock::time_point deadline) {
+    for (;;) {
+        const auto now = Inbox::Clock::now();
+        if (std::optional<Notice> notice = inbox_.next(std::min(deadline, now + link_check))) {
+            return notice;
+        }
+        if (stop_.state() != Stop::none || now >= deadline) {
+            return std::nullopt;
+        }
+        if (has_ended()) {
+            throw Failure(ExitCode::exchange_failed,
+                          "the USB link has ended, for the reason given above",
+                          "this can happen when a device cannot be opened; start again");
+        }
+    }
 }
 
 void Session::check_connected(JovuDeviceAddress address, const Notice& notice) const {

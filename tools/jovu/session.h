@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -51,6 +52,8 @@ public:
     const StopSource& stop() const noexcept { return stop_; }
     /// Whether a device was closed to end an exchange with it. Only a new session opens it again.
     bool has_closed() const noexcept { return has_closed_; }
+    /// Whether the link has ended by an error. Only a new session has another one.
+    bool has_ended() const noexcept { return !Client::is_watching(); }
 
     /// Waits until all that is attached is connected, or as long as the options say.
     /// @return what is connected then, in the order of the addresses; only the chosen device when
@@ -119,6 +122,10 @@ public:
     /// Asks a device for its status report and waits for it.
     /// @throws Failure exchange_failed, also when the device goes away, or interrupted.
     StatusReport request_status(JovuDeviceAddress address);
+
+    /// The next notice of the inbox, as Inbox::next().
+    /// @throws Failure exchange_failed when the link has ended, so that none would come.
+    std::optional<Notice> next_notice(Inbox::Clock::time_point deadline);
 
     /// @throws Failure exchange_failed when the notice says that this device is gone.
     void check_connected(JovuDeviceAddress address, const Notice& notice) const;

@@ -36,7 +36,7 @@ bool ignored(int signal) {
 sigset_t block_signals() {
     sigset_t set;
     sigemptyset(&set);
-    for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
+    for (const int signal : {SIGINT, SIGTERM, SIGHUP, SIGQUIT}) {
         if (!ignored(signal)) {
             sigaddset(&set, signal);
         }
@@ -57,7 +57,9 @@ void raise_event(const FileDescriptor& event) {
 }  // namespace
 
 StopSource::StopSource(int output_fd) {
+    // What they tell, the call that caused them tells as well.
     std::signal(SIGPIPE, SIG_IGN);
+    std::signal(SIGXFSZ, SIG_IGN);
     const sigset_t set = block_signals();
     signals_ = checked(signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK), "signalfd");
     stopped_ = checked(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK), "eventfd");

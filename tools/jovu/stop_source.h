@@ -18,7 +18,7 @@ namespace jovu_cli {
 enum class Stop {
     none,
     output_closed,  ///< The reader of standard output is gone; found without writing to it.
-    signal,         ///< SIGINT, SIGTERM or SIGHUP.
+    signal,         ///< SIGINT, SIGTERM, SIGHUP or SIGQUIT.
 };
 
 /// Waits, on a thread of its own, for the reasons to end. Made before any other thread, because the
@@ -27,7 +27,7 @@ enum class Stop {
 class StopSource {
 public:
     /// Blocks the signals (but those that were ignored when the program started, as under nohup),
-    /// ignores SIGPIPE and starts the thread.
+    /// ignores SIGPIPE and SIGXFSZ, and starts the thread.
     /// @param output_fd the descriptor of the program's output; -1 to watch none. Stays the
     /// caller's.
     explicit StopSource(int output_fd);
