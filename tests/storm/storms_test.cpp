@@ -92,9 +92,9 @@ protected:
         std::printf("%ld operations in %.1f s; resident %ld KiB before, %ld KiB after\n",
                     operations, took.count(), before_.resident_kib, after.resident_kib);
 #ifndef JOVU_SANITIZED  // their own records grow with all that was ever allocated
-        // Room for the heap's own ways; a leak of one small block an operation is more in the
-        // whole.
-        EXPECT_LT(after.resident_kib, before_.resident_kib + 16 * 1024);
+        // Room for the heap's own ways. At the full measure a leak of a few hundred bytes an
+        // operation is more in the whole.
+        EXPECT_LT(after.resident_kib, before_.resident_kib + 3 * 1024);
 #endif
     }
 
@@ -225,15 +225,17 @@ TEST_F(Storm, EightThreadsOnThreeDevicesWithFaults) {
 }
 
 TEST_F(Storm, ClientsComeAndGoWhileDevicesDo) {
-    const int rounds = 100 * storm_scale();
+    const int rounds = 20 * storm_scale();
     std::atomic<long> lives{0};
+    std::atomic<long> answered{0};
+    const JovuDeviceAddress device = plug();
+    const JovuDeviceAddress other = plug();
     {
-        const JovuDeviceAddress device = plug();
-        const JovuDeviceAddress other = plug();
+        // At every other scan there is a new device.
         const Again plugging([&] {
             sim("replug " + name(device));
             let_go_of_a_failed_open();
-            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+            std::this_thread::sleep_for(std::chrono::milliseconds(800));
         });
         std::vector<std::thread> threads;
         for (unsigned t = 0; t < 4; ++t) {
@@ -247,7 +249,11 @@ TEST_F(Storm, ClientsComeAndGoWhileDevicesDo) {
                         ++lives;
                     } else if (!clients.empty()) {
                         const auto which = random() % clients.size();
-                        clients[which]->bio_get_version(random() % 2 == 0 ? device : other);
+                        RecordingClient& client = *clients[which];
+                        // Some go as soon as they have come, others when they have seen a device.
+                        const std::chrono::milliseconds patience(random() % 2 == 0 ? 0 : 1000);
+                        eventually([&] { return client.connects(device) > 0; }, patience);
+                        answered += client.answers(device) ? 1 : 0;
                         clients.erase(clients.begin() + static_cast<std::ptrdiff_t>(which));
                     }
                 }
@@ -255,7 +261,17 @@ TEST_F(Storm, ClientsComeAndGoWhileDevicesDo) {
         }
         for (std::thread& thread : threads)
             thread.join();
+        std::printf("%ld clients, %ld answers, %ld replugs\n", lives.load(), answered.load(),
+                    plugging.rounds());
     }
+    EXPECT_GT(answered, rounds / 4);
+    {
+        RecordingClient client;
+        for (const JovuDeviceAddress address : {device, other})
+            EXPECT_TRUE(client.wait_connected(address) && client.answers(address));
+    }
+    sim("unplug " + name(device));
+    sim("unplug " + name(other));
     check_holdings(lives);
 }
 
