@@ -90,10 +90,14 @@ def choose(count, seed):
 def run(command, limit, log):
     """The command's status, or None when it did not end in time."""
     with open(log, "wb") as out:
+        process = subprocess.Popen(command, cwd=TREE, stdout=out, stderr=out,
+                                   start_new_session=True)
         try:
-            return subprocess.run(command, cwd=TREE, stdout=out, stderr=out, timeout=limit,
-                                  check=False, start_new_session=True).returncode
+            return process.wait(limit)
         except subprocess.TimeoutExpired:
+            # The tests too: what goes on running would hold up the mutants that follow.
+            subprocess.run(["pkill", "-KILL", "--session", str(process.pid)], check=False)
+            process.wait()
             return None
 
 
@@ -111,6 +115,18 @@ def test(preset, labels):
     return run(command, TEST_LIMIT, WORK / "test.log")
 
 
+def failure(preset):
+    """What the tests have against the tree, or nothing. The quick ones run first."""
+    for labels in ("^(unit|fake_usb)$", "^integration$"):
+        status = test(preset, labels)
+        if status is None:
+            return "hangs"
+        if status != 0:
+            failed = re.search(r"\d+ - (\S+)", (WORK / "test.log").read_text(errors="replace"))
+            return failed.group(1) if failed else f"status {status}"
+    return None
+
+
 def verdict(mutant, jobs):
     preset = "tsan" if mutant.kind == "lock" else "asan"
     path = TREE / mutant.file.relative_to(ROOT)
@@ -122,15 +138,8 @@ def verdict(mutant, jobs):
     try:
         if build(preset, jobs) != 0:
             return "does not compile"
-        # The quick ones first.
-        for labels in ("^(unit|fake_usb)$", "^integration$"):
-            status = test(preset, labels)
-            if status is None:
-                return "caught (hangs)"
-            if status != 0:
-                failed = re.search(r"\d+ - (\S+)", (WORK / "test.log").read_text(errors="replace"))
-                return "caught" + (f" ({failed.group(1)})" if failed else "")
-        return "SURVIVED"
+        found = failure(preset)
+        return f"caught ({found})" if found else "SURVIVED"
     finally:
         path.write_text(text)
 
@@ -162,6 +171,10 @@ def main():
         if run(["cmake", "--preset", preset], BUILD_LIMIT, WORK / "build.log") != 0 or \
                 build(preset, options.jobs) != 0:
             sys.exit(f"the tree as it is does not build: see {WORK / 'build.log'}")
+        found = failure(preset)
+        if found:
+            sys.exit(f"the tree as it is fails already ({preset}: {found}): see"
+                     f" {WORK / 'test.log'}")
 
     counts = collections.Counter()
     for mutant in chosen:
