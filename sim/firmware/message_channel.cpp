@@ -130,8 +130,9 @@ std::string MessageChannel::trace_event(const TraceSample& sample) {
 }
 
 void MessageChannel::send_samples(const std::vector<TraceSample>& samples, Millis now) {
+    // The answer to the command that ends them must still find room behind them.
     for (const TraceSample& sample : samples)
-        outbox_.push(trace_event(sample), now);
+        outbox_.push_minor(trace_event(sample), now);
 }
 
 void MessageChannel::flood(std::uint64_t events) {

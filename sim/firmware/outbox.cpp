@@ -23,6 +23,14 @@ void Outbox::push(std::string run, Millis not_before, std::size_t packet_size) {
     runs_.push_back(std::move(entry));
 }
 
+void Outbox::push_minor(std::string run, Millis not_before) {
+    if (waiting_ + run.size() > kWaitingLimit / 2) {
+        ++dropped_;
+        return;
+    }
+    push(std::move(run), not_before);
+}
+
 void Outbox::push_burst(std::uint64_t count, std::function<std::string(std::uint64_t)> make) {
     if (count == 0) return;
     Run entry;

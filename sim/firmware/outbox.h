@@ -25,6 +25,9 @@ public:
     /// @param packet_size 1 to kMaxPacket
     void push(std::string run, Millis not_before, std::size_t packet_size = kMaxPacket);
 
+    /// Queues a run that leaves room for others: dropped and counted already at half of that.
+    void push_minor(std::string run, Millis not_before);
+
     /// Queues count runs that are made one at a time, when the host gets to them.
     void push_burst(std::uint64_t count, std::function<std::string(std::uint64_t)> make);
 

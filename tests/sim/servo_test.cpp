@@ -243,8 +243,10 @@ TEST(TraceTest, LossesAreCountedAndShow) {
     host.result("servo_dc_trace_enable", R"({"servo_name":0,"enable":1})");
     host.wait(10000);
     const std::uint64_t dropped = host.stats()["message"]["dropped"];
-    const auto kept = samples(host);
     EXPECT_GT(dropped, 0U);
+    host.send(kMessageOut, Host::framed(Host::command(2, 0, "bio_get_version")));
+    EXPECT_EQ(host.stats()["message"]["dropped"], dropped) << "there is room for answers";
+    const auto kept = samples(host);
     EXPECT_EQ(kept.size() + dropped, 10000U);
 }
 
