@@ -88,7 +88,8 @@ TEST(DfuListing, FindsWhatThePatternsFind) {
     // Some words stand more than once, to come more often.
     Texts texts(
         "Found|Found |Found DFU: [12:ab]|Found DFU: [12:ab]|Found DFU: [12:ab]|DFU:| |[|x:Y9|:|]|"
-        "Found\n DFU:\r\t[a:b]|serial=|\"|serial=\"A1\"|serial=\"A1\"| serial=\"B2\", |serial=\"\"|"
+        "Found\n DFU:\r\t[aA0:zZ9]|serial=|\"|serial=\"azAZ09\"|serial=\"A1\"| serial=\"B2\", "
+        "|serial=\"\"|"
         "serial=\"C 3\"|serial=\"D|\n|\n|\n|\r|\r\n|\v|\0|\xE2\x80\xA8"s);
     std::size_t devices = 0;
     for (int i = 0; i < kTexts; ++i) {
