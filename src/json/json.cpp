@@ -1,17 +1,10 @@
 #include "json/json.h"
 
-#include <algorithm>
-#include <array>
 #include <new>
 
 #include "json/numeric_locale.h"
 
 namespace jovu {
-namespace {
-
-constexpr std::size_t kMaxPath = 3;
-
-}  // namespace
 
 bool nests_within(std::string_view text, std::size_t limit) noexcept {
     std::size_t depth = 0;
@@ -47,10 +40,11 @@ JsonTree parse_json(const std::string& text) {
 }
 
 yajl_val find(yajl_val object, std::initializer_list<const char*> path, yajl_type type) noexcept {
-    if (object == nullptr || path.size() > kMaxPath) return nullptr;
-    std::array<const char*, kMaxPath + 1> keys{};
-    std::copy(path.begin(), path.end(), keys.begin());
-    return yajl_tree_get(object, keys.data(), type);
+    for (const char* const key : path) {
+        const char* step[] = {key, nullptr};
+        object = yajl_tree_get(object, step, yajl_t_any);
+    }
+    return object != nullptr && (type == yajl_t_any || object->type == type) ? object : nullptr;
 }
 
 const char* find_string(yajl_val object, std::initializer_list<const char*> path) noexcept {

@@ -35,7 +35,6 @@ JsonTree parse_json(const std::string& text);
 bool nests_within(std::string_view text, std::size_t limit) noexcept;
 
 /// The node at a path of keys below an object.
-/// @param path at most three keys.
 /// @return null when it is absent or of another type; belongs to the tree.
 yajl_val find(yajl_val object, std::initializer_list<const char*> path, yajl_type type) noexcept;
 

@@ -197,6 +197,30 @@ TEST_F(Reception, ClosingOutlastsADeliveryOnAnotherThread) {
     in_time("close", [&] { closing.get(); });
 }
 
+TEST_F(Reception, ClosingOutlastsADeliveryThatFails) {
+    testing::internal::CaptureStdout();
+    {
+        Link link(journal);
+        ASSERT_TRUE(journal.wait("b+1.5"));
+        Barrier barrier;
+        link.jobs->on_data = [&barrier](unsigned char*) {
+            barrier.wait();
+            throw std::runtime_error("odd");
+        };
+        fake_usb::script(Call::cancel, {{0, [&] {
+                                             post(link.device, kJobsIn, LIBUSB_TRANSFER_COMPLETED,
+                                                  "x");
+                                             EXPECT_TRUE(journal.wait("b<1.5 x"));
+                                         }}});
+        auto closing = std::async(std::launch::async, [] { JovuUsb::close(kAddress); });
+        ASSERT_TRUE(journal.wait("b<1.5 x"));
+        EXPECT_EQ(closing.wait_for(std::chrono::milliseconds(50)), std::future_status::timeout);
+        barrier.open();
+        in_time("close", [&] { closing.get(); });
+    }
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "Fatal error in hotplug thread - odd.\n");
+}
+
 TEST_F(Reception, StoppingLetsADeliveryFinish) {
     Barrier barrier;
     Link link(journal, [&](Link& self) {
