@@ -50,19 +50,21 @@ TEST_F(Exchange, ANullTextOrATooLongOneIsRefusedBeforeAByteIsSent) {
     EXPECT_EQ(complaints(device), 0);
 }
 
-TEST_F(Exchange, ThreadsTakeTurns) {
+TEST_F(Exchange, ThreadsTakeTurnsWithEachDevice) {
+    const JovuDeviceAddress devices[] = {device, plug()};
+    ASSERT_TRUE(client.wait_connected(devices[1]));
     std::vector<std::thread> threads;
     std::atomic<int> answered{0};
     for (int i = 0; i < 4; ++i) {
-        threads.emplace_back([&] {
+        threads.emplace_back([&, address = devices[i % 2]] {
             for (int n = 0; n < 25; ++n)
-                answered += client.answers(device) ? 1 : 0;
+                answered += client.answers(address) ? 1 : 0;
         });
     }
     for (std::thread& thread : threads)
         thread.join();
     EXPECT_EQ(answered, 100);
-    EXPECT_EQ(complaints(device), 0);
+    EXPECT_EQ(complaints(devices[0]) + complaints(devices[1]), 0);
 }
 
 TEST_F(Exchange, ClientsOfOneDeviceTakeTurnsAsWell) {

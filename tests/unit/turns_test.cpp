@@ -1,17 +1,22 @@
 /// @file
-/// Whose turn it is, and when holds end.
+/// What threads share: whose turn it is, who waits for an answer, when holds end.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <fstream>
+#include <functional>
 #include <iterator>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
+#include "core/message.h"
 #include "core/send_locks.h"
+#include "core/waiting_requests.h"
+#include "support/recording_client.h"
 #include "support/wait.h"
 #include "usb/device_gate.h"
 #include "usb/scan_holds.h"
@@ -82,6 +87,39 @@ TEST(Turns, PassOnWhenSomebodyGivesUp) {
     gives_up.join();
     lock.leave();
     waits.join();
+}
+
+TEST(WaitingRequests, ComeAndGoWhileOthersAreAnsweredAndWoken) {
+    test::RecordingClient client;
+    jovu::WaitingRequests table;
+    const JovuDeviceAddress address{1, 5};
+    JovuMessage request(client, 0, nullptr);
+    auto response = std::make_shared<JovuMessage>(client, 0, request.id(), nullptr);
+    auto late_response = std::make_shared<JovuMessage>(client, 0, nullptr);
+    jovu::ResponseSignal signal;
+    const jovu::WaitingRequests::Entry entry(table, request, signal, address);
+    const std::pair<std::function<void()>, bool> calls[] = {
+        {[&] { table.respond(response); }, true}, {[&] { table.respond(late_response); }, false},
+        {[&] { table.wake(address); }, true},     {[&] { table.wake({1, 6}); }, false},
+        {[&] { table.wake_all(); }, true},
+    };
+    for (const auto& [call, wakes] : calls) {
+        constexpr int kTimes = 3000;
+        JovuMessage another(client, 0, nullptr);
+        // Nothing orders the two threads but the table.
+        std::thread other([&] {
+            for (int i = 0; i < kTimes; ++i) {
+                jovu::ResponseSignal unheard;
+                const jovu::WaitingRequests::Entry one(table, another, unheard, address);
+            }
+        });
+        for (int i = 0; i < kTimes; ++i)
+            call();
+        other.join();
+        for (int i = 0; wakes && i < kTimes; ++i)
+            EXPECT_TRUE(signal.wait(std::chrono::milliseconds(0)));
+        EXPECT_FALSE(signal.wait(std::chrono::milliseconds(0)));
+    }
 }
 
 TEST(ScanHolds, EndTogether) {
