@@ -5,8 +5,8 @@
 
 Works on a copy of the committed tree in build/mutation. A mutant counts as caught when a test or a
 sanitizer fails, or when a test does not end; one that does not compile does not count at all.
-Dropped locks are built and run under ThreadSanitizer, everything else under AddressSanitizer with
-UBSan. Prints a line for each mutant and the share that was caught; exit status 0 when at least 90 %
+Dropped locks and changes to what locks are made of are built and run under ThreadSanitizer,
+everything else under AddressSanitizer with UBSan. Prints a line for each mutant and the share that was caught; exit status 0 when at least 90 %
 were.
 """
 import argparse
@@ -128,7 +128,8 @@ def failure(preset):
 
 
 def verdict(mutant, jobs):
-    preset = "tsan" if mutant.kind == "lock" else "asan"
+    locks = mutant.kind == "lock" or mutant.file.parent.name == "base"
+    preset = "tsan" if locks else "asan"
     path = TREE / mutant.file.relative_to(ROOT)
     text = path.read_text()
     lines = text.split("\n")
