@@ -89,7 +89,12 @@ void run_gcode(const Context& context, const GcodeOptions& options) {
             return session.client().gcode_process_command(address, shared_text(line->text));
         });
         ++sent;
-        take_texts(session, address, texts);
+        try {
+            take_texts(session, address, texts);
+        } catch (const Failure&) {
+            print_result(context.out, address, *line, result, texts);  // It was carried out.
+            throw;
+        }
         print_result(context.out, address, *line, result, texts);
         if (result == result_ok) {
             continue;
