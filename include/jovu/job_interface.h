@@ -2,6 +2,7 @@
 /// The print-job channel: status, pause, abort and the job-file push.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <cstdio>
 #include <memory>
@@ -10,6 +11,33 @@
 #include "jovu/device_address.h"
 #include "jovu/export.h"
 #include "jovu/usb_client.h"
+
+/// Cancels a push that runs on another thread. One object serves one push: it stays cancelled.
+///
+/// Threads: any; cancel() may also be called in a signal handler.
+class JovuPushCancel {
+public:
+    JovuPushCancel() = default;
+    JovuPushCancel(const JovuPushCancel&) = delete;
+    JovuPushCancel& operator=(const JovuPushCancel&) = delete;
+
+    /// Requests the cancellation and returns at once. The push notices it before its next piece,
+    /// that is, when the file read or the USB write in progress has ended.
+    void cancel() noexcept { cancelled_ = true; }
+
+    bool cancelled() const noexcept { return cancelled_; }
+
+private:
+    std::atomic<bool> cancelled_{false};
+    static_assert(std::atomic<bool>::is_always_lock_free, "cancel() is called in signal handlers");
+};
+
+/// How a push that can be cancelled has ended. In each case the device waits for no more job data.
+enum class JovuPushResult {
+    completed,  ///< The whole job has been sent.
+    cancelled,  ///< Nothing has been sent, or filler in place of the rest of the job.
+    cut_short,  ///< The file has become shorter or unreadable: filler in place of the rest.
+};
 
 /// Talks to devices on the print-job channel (USB interface number 1).
 ///
@@ -24,6 +52,11 @@
 ///
 /// The channel is one stream of bytes. While a push to a device runs, requests to it and raw bytes
 /// from other threads would become part of the job; keeping them apart is the caller's to ensure.
+/// The same holds after a push that has ended with an exception, from the connection, the progress
+/// callback or a shutdown(): the device still waits for the rest of the announced size and takes
+/// everything on this channel for it, requests for status or abort included. It answers again when
+/// it has received that many bytes, gives the job up (each byte may restart its time limit), or is
+/// restarted. A push that may have to be ended early therefore takes a JovuPushCancel.
 ///
 /// The link goes down when the last client of either interface leaves: an object of this class
 /// alone stops working when the last JovuClient of the process goes.
@@ -69,11 +102,14 @@ public:
     /// As shutdown(). Not on a thread that delivers received data.
     ~JovuJobInterface() override;
 
-    /// Asks a device for a status report, which arrives later through StatusReceived().
-    /// @throws JovuException "Send failed - ..." when the device is gone or does not take it.
+    /// Asks a device for a status report, which arrives later through StatusReceived(). Reports
+    /// carry no number: one that was requested earlier may arrive first.
+    /// @throws JovuException "Send failed - ..." when the device is gone or does not take it, and
+    ///     "Send failed - The client has been shut down." after shutdown().
     void RequestStatus(JovuDeviceAddress address);
 
-    /// Asks a device to pause its job.
+    /// Asks a device to pause its job, or to resume it if it is paused: look at a status report
+    /// first. Devices without a job ignore it.
     /// @throws JovuException as RequestStatus().
     void SendPause(JovuDeviceAddress address);
 
@@ -92,10 +128,17 @@ public:
     /// device at a time, which is the caller's to ensure.
     ///
     /// A device that is unplugged ends the push with an exception, also when another one has taken
-    /// its address meanwhile: "Send failed - libusb error: -4" (no device) when it leaves during a
-    /// transfer, "Send failed - Device no longer connected." when that has been noticed before.
+    /// its address meanwhile. It is "Send failed - Device no longer connected." when the library
+    /// has noticed the disconnect before, else that of the failing transfer: on Linux "Send failed
+    /// - libusb error: -4" (no device) or -1 (input/output error), some 0.4 s after the cable has
+    /// been pulled.
+    ///
+    /// shutdown() on another thread ends the push with "Send failed - The client has been shut
+    /// down." What the device does after a push that has ended with an exception is described at
+    /// the top of this class.
     /// @param path of a file that can be read and sought (read twice).
-    /// @param progress may be null. An exception that it throws ends the push and passes on.
+    /// @param progress may be null. An exception that it throws ends the push and passes on. It may
+    ///     call shutdown(), but must not destroy this object.
     /// @param user handed to the callback.
     /// @param compressed must be false.
     ///
@@ -105,6 +148,19 @@ public:
     ///     "Compression not supported yet." or "Send failed - ...".
     void SendJobFile(JovuDeviceAddress address, std::string path, Progress progress, void* user,
                      bool compressed);
+
+    /// The same, but can be cancelled, and fills up what it cannot send, so that the device does
+    /// not wait for it: zero bytes, of which the last may be a one, up to the announced size. The
+    /// checksum of a job that has been filled up differs from the announced one in any case, so
+    /// the device refuses it. The filler takes as long as the rest of the job would; progress goes
+    /// on to 100.0 meanwhile.
+    ///
+    /// Cancelled while the file is still being measured, the push sends nothing and makes no
+    /// progress call. Cancelled after its last byte, it counts as completed.
+    /// @param cancel outlives the call.
+    /// @throws JovuException as the other overload; the device then waits for the rest of the job.
+    JovuPushResult SendJobFile(JovuDeviceAddress address, std::string path, Progress progress,
+                               void* user, bool compressed, const JovuPushCancel& cancel);
 
     /// The push itself, on an open file that stays the caller's and open.
     /// @param file a stream that can be sought; is read twice from its start. Read errors as in
@@ -131,16 +187,27 @@ public:
     /// Takes this object off the link for good: when it returns, no callback of this object is
     /// running and none will follow. May be called more than once. A class derived from this one
     /// calls it first in its own destructor, while its overrides are still there to be called.
+    ///
+    /// Requests fail from now on with "Send failed - The client has been shut down." A push of this
+    /// object ends with the same error, also while other clients of the process go on; its device
+    /// is left waiting for the rest of the job. The call waits until the push has returned from its
+    /// progress callback and its current write (some seconds, for a device that takes no data). In
+    /// a progress callback it does not wait for the push that makes the callback, which ends when
+    /// the callback returns.
     /// @throws JovuException on a thread that delivers received data, having done nothing.
     void shutdown();
 
 private:
+    friend class JovuClient;
+
     void usb_device_connected(JovuDeviceAddress address) override;
     void usb_device_disconnected(JovuDeviceAddress address) override;
     void data_received(unsigned char* data, unsigned int length,
                        JovuDeviceAddress address) override;
 
     void send_request(const char* type, JovuDeviceAddress address);
+    /// Makes requests and pushes fail from now on, those in progress included.
+    void reject_calls();
 
     struct State;
     std::unique_ptr<State> state_;

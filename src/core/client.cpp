@@ -27,6 +27,10 @@ void JovuClient::device_connected(JovuDeviceAddress /*address*/) {}
 void JovuClient::device_disconnected(JovuDeviceAddress /*address*/) {}
 
 void JovuClient::shutdown() {
+    JovuUsb::refuse_in_callback("Shutdown");
+    // Before the transport leaves, which may stop the USB backend: a push then fails because of the
+    // shutdown and not as if its device had been unplugged.
+    JovuJobInterface::reject_calls();
     JovuTransport::shutdown();
     JovuJobInterface::shutdown();
 }

@@ -5,7 +5,7 @@
 #include <memory>
 #include <unordered_map>
 
-#include "core/calls_in_progress.h"
+#include "base/calls_in_progress.h"
 #include "core/frame.h"
 #include "core/notice_threads.h"
 #include "core/send_locks.h"

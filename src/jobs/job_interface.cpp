@@ -1,24 +1,16 @@
 /// @file
-/// The job channel: its life, reception and requests. The push is in job_push.cpp.
+/// The job channel: registration, receiving and requests. The push is in job_push.cpp.
 #include "jovu/job_interface.h"
 
 #include <string>
-#include <unordered_map>
 #include <utility>
 
+#include "jobs/job_interface_state.h"
 #include "jobs/job_requests.h"
-#include "jobs/job_stream.h"
 #include "jobs/status_report.h"
+#include "jovu/exception.h"
 #include "json/json.h"
-#include "usb/registration.h"
 #include "usb/usb.h"
-
-struct JovuJobInterface::State {
-    /// Touched only by the link's calls for interface 1, which never overlap. Entries are never
-    /// erased.
-    std::unordered_map<JovuDeviceAddress, jovu::JobStream> streams;
-    jovu::Registration registration;
-};
 
 JovuJobInterface::JovuJobInterface() : state_(std::make_unique<State>()) {
     JovuUsb::client_register(*this, JovuUsb::JOVU_USB_INTERFACE_JOBS);
@@ -30,8 +22,14 @@ JovuJobInterface::~JovuJobInterface() {
 
 void JovuJobInterface::shutdown() {
     JovuUsb::refuse_in_callback("Shutdown");
+    reject_calls();
     state_->registration.end(
         [this] { JovuUsb::client_unregister(*this, JovuUsb::JOVU_USB_INTERFACE_JOBS); });
+    state_->calls.wait();
+}
+
+void JovuJobInterface::reject_calls() {
+    state_->calls.close();
 }
 
 void JovuJobInterface::RequestStatus(JovuDeviceAddress address) {
@@ -54,6 +52,8 @@ void JovuJobInterface::send_request(const char* type, JovuDeviceAddress address)
 
 void JovuJobInterface::SendJobData(JovuDeviceAddress address, const unsigned char* data,
                                    unsigned int length) {
+    const jovu::CallsInProgress::Call call(state_->calls);
+    if (!call) throw JovuException(jovu::kJobClientShutDown);
     JovuUsb::write(data, length, address, JovuUsb::JOVU_USB_INTERFACE_JOBS);
 }
 
@@ -63,11 +63,11 @@ void JovuJobInterface::JobDataReceived(JovuDeviceAddress /*address*/, const unsi
                                        unsigned int /*length*/) {}
 
 void JovuJobInterface::usb_device_connected(JovuDeviceAddress address) {
-    state_->streams[address].clear();
+    state_->streams.erase(address);
 }
 
 void JovuJobInterface::usb_device_disconnected(JovuDeviceAddress address) {
-    state_->streams[address].clear();
+    state_->streams.erase(address);
 }
 
 void JovuJobInterface::data_received(unsigned char* data, unsigned int length,

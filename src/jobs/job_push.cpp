@@ -8,9 +8,11 @@
 #include <algorithm>
 #include <array>
 #include <memory>
+#include <optional>
 #include <string>
 #include <utility>
 
+#include "jobs/job_interface_state.h"
 #include "jobs/job_requests.h"
 #include "jovu/exception.h"
 #include "jovu/job_interface.h"
@@ -23,6 +25,9 @@ constexpr std::size_t kPieceSize = 5120;
 
 /// The devices' checksum starts at 0, not at the 1 that is customary for Adler-32.
 constexpr uLong kAdlerSeed = 0;
+
+/// The half of an Adler-32 that is the sum of all bytes, modulo 65521.
+constexpr uLong kByteSum = 0xFFFF;
 
 /// What a push reports at most before it is complete.
 constexpr double kMaxPartialPercent = 99.9;
@@ -55,24 +60,138 @@ void rewind_file(std::FILE* file) {
     if (std::fseek(file, 0, SEEK_SET) != 0) throw JovuException("Failed to rewind job file.");
 }
 
-/// First pass: size and checksum, as far as the file can be read.
-void measure(std::FILE* file, Piece& piece, jovu::JobAnnouncement& announcement) {
-    rewind_file(file);
-    if (std::ferror(file) != 0) return;
-    uLong checksum = kAdlerSeed;
-    while (std::feof(file) == 0 && std::ferror(file) == 0) {
-        const std::size_t count = std::fread(piece.data(), 1, piece.size(), file);
-        checksum = ::adler32(checksum, piece.data(), static_cast<uInt>(count));
-        announcement.size += count;
+/// One push: measures the file, announces it and streams it.
+class Push {
+public:
+    /// @param cancel null for a push that cannot be cancelled; outlives this object, as @p calls.
+    Push(jovu::CallsInProgress& calls, JovuDeviceAddress address,
+         JovuJobInterface::Progress progress, void* user, std::string job_id,
+         const JovuPushCancel* cancel)
+        : calls_(calls),
+          call_(calls),
+          address_(address),
+          connection_(JovuUsb::connection(address)),
+          progress_(progress),
+          user_(user),
+          cancel_(cancel) {
+        announcement_.job_id = std::move(job_id);
     }
-    announcement.adler32 = static_cast<std::uint32_t>(checksum);
-}
 
-double partial_percent(std::uint64_t sent, std::uint64_t size) {
-    // In this order the 0 / 0 of an empty file comes out as the cap.
-    return std::min(kMaxPartialPercent,
-                    static_cast<double>(sent) * 100.0 / static_cast<double>(size));
-}
+    /// @param file a stream that can be sought.
+    JovuPushResult run(std::FILE* file, std::optional<unsigned long> decompressed_length) {
+        check_open();
+        announcement_.decompressed_length = decompressed_length;
+        if (!measure(file)) return JovuPushResult::cancelled;
+        rewind_file(file);
+        const std::string text = jovu::job_announcement(announcement_);
+        write(text.data(), text.size());
+        report(0.0);
+        const JovuPushResult result = stream(file);
+        report(100.0);
+        return result;
+    }
+
+private:
+    bool cancelled() const { return cancel_ != nullptr && cancel_->cancelled(); }
+
+    /// @throws JovuException after the client's shutdown().
+    void check_open() const {
+        if (!call_ || calls_.closed()) throw JovuException(jovu::kJobClientShutDown);
+    }
+
+    void report(double percent) const {
+        if (progress_ != nullptr) progress_(percent, announcement_.job_id, user_);
+    }
+
+    /// All of it goes to one connection of the device: pieces that reached another device at the
+    /// same address would be requests to it.
+    void write(const void* data, std::size_t size) const {
+        check_open();
+        try {
+            JovuUsb::write(static_cast<const unsigned char*>(data), static_cast<unsigned int>(size),
+                           address_, JovuUsb::JOVU_USB_INTERFACE_JOBS, connection_);
+        } catch (const JovuException&) {
+            check_open();  // A shutdown that stops the USB backend closes the device first.
+            throw;
+        }
+    }
+
+    /// First pass: size and checksum, as far as the file can be read.
+    /// @return false when the push has been cancelled.
+    bool measure(std::FILE* file) {
+        rewind_file(file);
+        uLong checksum = kAdlerSeed;
+        while (std::feof(file) == 0 && std::ferror(file) == 0) {
+            if (cancelled()) return false;
+            check_open();
+            const std::size_t count = std::fread(piece_->data(), 1, piece_->size(), file);
+            checksum = ::adler32(checksum, piece_->data(), static_cast<uInt>(count));
+            announcement_.size += count;
+        }
+        announcement_.adler32 = static_cast<std::uint32_t>(checksum);
+        return !cancelled();
+    }
+
+    /// Second pass.
+    JovuPushResult stream(std::FILE* file) {
+        while (std::ferror(file) == 0 && std::feof(file) == 0) {
+            if (cancelled() && sent_ < announcement_.size) {
+                fill();
+                return JovuPushResult::cancelled;
+            }
+            const std::size_t count = std::fread(piece_->data(), 1, piece_->size(), file);
+            // Nothing past the announced size: in a file that grows meanwhile, the device would
+            // take the rest for requests.
+            const auto wanted = static_cast<std::size_t>(
+                std::min<std::uint64_t>(count, announcement_.size - sent_));
+            send(wanted);
+            if (wanted < count) break;
+        }
+        if (cancel_ == nullptr || sent_ == announcement_.size) return JovuPushResult::completed;
+        fill();
+        return JovuPushResult::cut_short;
+    }
+
+    /// Sends filler up to the announced size, with which the checksum cannot be the announced one.
+    ///
+    /// The low half of an Adler-32 is the sum of the bytes, modulo 65521. Filler of zeros leaves it
+    /// as it is after the bytes that have been sent. If that is the announced half, a last byte of
+    /// 1 makes it another one, for x + 1 and x differ modulo 65521; if it is not, it stays another
+    /// one. The whole checksum then differs from the announced one, whatever its high half is. At
+    /// least one byte is left to be sent, so there is a last byte.
+    void fill() {
+        const bool same_sum = (checksum_ & kByteSum) == (announcement_.adler32 & kByteSum);
+        while (sent_ < announcement_.size) {
+            const std::uint64_t left = announcement_.size - sent_;
+            const auto count = static_cast<std::size_t>(std::min<std::uint64_t>(left, kPieceSize));
+            piece_->fill(0);
+            if (same_sum && count == left) (*piece_)[count - 1] = 1;
+            send(count);
+        }
+    }
+
+    /// Sends the first bytes of the piece.
+    void send(std::size_t count) {
+        write(piece_->data(), count);
+        checksum_ = ::adler32(checksum_, piece_->data(), static_cast<uInt>(count));
+        sent_ += count;
+        // In this order the 0 / 0 of an empty file comes out as the cap.
+        report(std::min(kMaxPartialPercent, static_cast<double>(sent_) * 100.0 /
+                                                static_cast<double>(announcement_.size)));
+    }
+
+    jovu::CallsInProgress& calls_;
+    const jovu::CallsInProgress::Call call_;
+    const JovuDeviceAddress address_;
+    const JovuUsb::connection_t connection_;
+    const JovuJobInterface::Progress progress_;
+    void* const user_;
+    const JovuPushCancel* const cancel_;
+    jovu::JobAnnouncement announcement_;
+    const std::unique_ptr<Piece> piece_ = std::make_unique<Piece>();
+    std::uint64_t sent_ = 0;       ///< Bytes behind the announcement.
+    uLong checksum_ = kAdlerSeed;  ///< Of what has been sent.
+};
 
 }  // namespace
 
@@ -83,41 +202,17 @@ void JovuJobInterface::SendJobFile(JovuDeviceAddress address, std::string path, 
     send_job(address, file.get(), progress, user, "", false, 0);
 }
 
+JovuPushResult JovuJobInterface::SendJobFile(JovuDeviceAddress address, std::string path,
+                                             Progress progress, void* user, bool compressed,
+                                             const JovuPushCancel& cancel) {
+    const File file = open_job_file(path);
+    if (compressed) throw JovuException("Compression not supported yet.");
+    return Push(state_->calls, address, progress, user, "", &cancel).run(file.get(), std::nullopt);
+}
+
 void JovuJobInterface::send_job(JovuDeviceAddress address, std::FILE* file, Progress progress,
                                 void* user, std::string job_id, bool compressed,
                                 unsigned long decompressed_length) {
-    // All of it goes to one opening of the device: pieces that another device at the same address
-    // got would be commands to it.
-    const JovuUsb::connection_t connection = JovuUsb::connection(address);
-    const auto write = [address, connection](const void* data, std::size_t size) {
-        JovuUsb::write(static_cast<const unsigned char*>(data), static_cast<unsigned int>(size),
-                       address, JovuUsb::JOVU_USB_INTERFACE_JOBS, connection);
-    };
-    const auto report = [&](double percent) {
-        if (progress != nullptr) progress(percent, job_id, user);
-    };
-
-    const auto piece = std::make_unique<Piece>();
-    jovu::JobAnnouncement announcement;
-    announcement.job_id = job_id;
-    if (compressed) announcement.decompressed_length = decompressed_length;
-    measure(file, *piece, announcement);
-    rewind_file(file);
-    const std::string text = jovu::job_announcement(announcement);
-    write(text.data(), text.size());
-    report(0.0);
-
-    std::uint64_t sent = 0;
-    while (std::ferror(file) == 0 && std::feof(file) == 0) {
-        const std::size_t count = std::fread(piece->data(), 1, piece->size(), file);
-        // Nothing past the announced size: in a file that grows meanwhile, the device would take
-        // the rest for requests.
-        const auto wanted =
-            static_cast<std::size_t>(std::min<std::uint64_t>(count, announcement.size - sent));
-        write(piece->data(), wanted);
-        sent += wanted;
-        report(partial_percent(sent, announcement.size));
-        if (wanted < count) break;
-    }
-    report(100.0);
+    Push(state_->calls, address, progress, user, std::move(job_id), nullptr)
+        .run(file, compressed ? std::optional(decompressed_length) : std::nullopt);
 }

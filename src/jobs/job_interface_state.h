@@ -1,0 +1,28 @@
+/// @file
+/// The state of a job interface.
+#pragma once
+
+#include <unordered_map>
+
+#include "base/calls_in_progress.h"
+#include "jobs/job_stream.h"
+#include "jovu/device_address.h"
+#include "jovu/job_interface.h"
+#include "usb/registration.h"
+
+namespace jovu {
+
+/// What requests and pushes of a client fail with after its shutdown().
+inline constexpr const char* kJobClientShutDown = "Send failed - The client has been shut down.";
+
+}  // namespace jovu
+
+struct JovuJobInterface::State {
+    /// Receive buffers. Touched only by the USB backend's calls for interface 1, which never
+    /// overlap. Created with the first data, erased when the device disconnects.
+    std::unordered_map<JovuDeviceAddress, jovu::JobStream> streams;
+
+    /// Requests and pushes.
+    jovu::CallsInProgress calls;
+    jovu::Registration registration;
+};
