@@ -61,18 +61,28 @@ inline bool listens(Program& program, JovuDeviceAddress device) {
     });
 }
 
-/// Answers a program's next status request with this report, in place of the device's own.
-inline void answer_next_request(JovuDeviceAddress device, const nlohmann::json& report) {
-    sim("fault " + name(device) + " silent always");
-    const auto requested = [&] { return stats(device)["job"]["requests"]["status"].get<int>(); };
-    const int before = requested();
-    ASSERT_TRUE(eventually([&] { return requested() > before; }));
+/// How many status requests have reached a device.
+inline int status_requests(JovuDeviceAddress device) {
+    return stats(device)["job"]["requests"].value("status", 0);
+}
+
+/// Has a device send this status report.
+inline void send_report(JovuDeviceAddress device, nlohmann::json report) {
+    report["metadata"] = {{"type", "status"}};
     std::ostringstream hex;
     for (const char c : report.dump()) {
         const auto byte = static_cast<unsigned char>(c);
         hex << "0123456789abcdef"[byte >> 4U] << "0123456789abcdef"[byte & 15U];
     }
     sim("send " + name(device) + " job " + hex.str());
+}
+
+/// Answers a program's next status request with this report, in place of the device's own.
+inline void answer_next_request(JovuDeviceAddress device, const nlohmann::json& report) {
+    sim("fault " + name(device) + " silent always");
+    const int before = status_requests(device);
+    ASSERT_TRUE(eventually([&] { return status_requests(device) > before; }));
+    send_report(device, report);
 }
 
 }  // namespace test

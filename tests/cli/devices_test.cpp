@@ -83,9 +83,13 @@ TEST(Json, IsTheWholeOutputOfEveryCommand) {
         std::vector<std::string> args;
         const char* key;  ///< A member of each object.
     } rows[] = {
-        {{"list"}, "devices"},           {{"info"}, "serial"},
-        {{"status"}, "state"},           {{"gcode", "G28", "M114", "[x,y]", "-k"}, "result"},
-        {{"push", job.path()}, "event"}, {{"pause"}, "request"},
+        {{"list"}, "devices"},
+        {{"info"}, "serial"},
+        {{"status"}, "state"},
+        {{"gcode", "G28", "M114", "[x,y]", "-k"}, "result"},
+        {{"push", job.path()}, "event"},
+        {{"pause"}, "request"},
+        {{"resume"}, "sent"},
         {{"abort"}, "request"},
     };
     for (const auto& row : rows) {
@@ -114,6 +118,15 @@ TEST(Status, ShowsTheReportAndRepeatsIt) {
         [&] { return watch.writes("\n") && stats(device)["job"]["requests"]["status"] >= 6; }));
     watch.close_reader();
     EXPECT_EQ(watch.finish(), 141);
+
+    sim("fault " + name(device) + " silent always");
+    const int before = status_requests(device);
+    Program program({"status"});
+    ASSERT_TRUE(eventually([&] { return status_requests(device) == before + 2; }));
+    for (const char* const state : {"at the first request", "at the second"})
+        send_report(device, {{"status", {{"state", state}}}});
+    EXPECT_EQ(program.finish(), 0);
+    EXPECT_THAT(program.out(), HasSubstr("State         at the second\n"));
 }
 
 TEST(Events, AreShownAsTheyCome) {

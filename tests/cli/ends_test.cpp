@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <csignal>
+#include <filesystem>
 
 #include "cli_test.h"
 #include "file_descriptor.h"
@@ -157,8 +158,16 @@ TEST(Interrupt, EndsWhatGoesOnForEver) {
     expect_interrupted(typed, "");
     EXPECT_EQ(requests(device, "gcode_process_command"), 1);
 
+    const TemporaryFile huge("huge.gcode", "");
+    std::filesystem::resize_file(huge.path(), std::uintmax_t{1} << 40U);
+    const int before = status_requests(device);
+    Program measuring({"push", huge.path()});
+    ASSERT_TRUE(eventually([&] { return status_requests(device) > before; }));
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    expect_interrupted(measuring, "nothing was sent");
+
     Program waiting({"status", "-d", "9:9", "--wait-device", "1000"});
-    ASSERT_TRUE(eventually([&] { return stats(device)["opens"] >= 6; }));
+    ASSERT_TRUE(eventually([&] { return stats(device)["opens"] >= 8; }));
     expect_interrupted(waiting, "");
 }
 

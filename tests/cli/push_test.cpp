@@ -70,14 +70,48 @@ TEST_F(Push, GoesOnWhenNobodyReadsAnyMore) {
 }
 
 TEST_F(Push, IsNotSentToABusyDevice) {
-    ASSERT_EQ(jovu({"push", file_.path()}).status, 0);
-    ASSERT_EQ(jovu({"pause"}).status, 0);
-    const Ended ended = jovu({"push", file_.path()});
-    EXPECT_EQ(ended.status, 6);
-    EXPECT_THAT(ended.err, HasSubstr("1:2 is busy with another job: paused"));
-    EXPECT_EQ(job()["pushes"], 1);
-    EXPECT_THAT(jovu({"abort"}).out, HasSubstr("aborted"));
-    EXPECT_EQ(jovu({"push", file_.path()}).status, 0);
+    for (const char* const state : {"printing", "paused", "receiving", "Heating up"}) {
+        Program program({"push", file_.path()});
+        answer_next_request(device_, {{"status", {{"state", state}}}});
+        EXPECT_EQ(program.finish(), 6);
+        EXPECT_THAT(program.err(),
+                    HasSubstr(std::string("1:2 is busy with another job: ") + state));
+        fault("clear");
+    }
+    EXPECT_EQ(job()["requests"].value("file_push", 0), 0);
+}
+
+TEST_F(Push, IsPausedAndResumedAsItsStateAllows) {
+    Program running({"resume"});
+    answer_next_request(device_, {{"status", {{"state", "printing"}}}});
+    EXPECT_EQ(running.finish(), 0);
+    EXPECT_THAT(running.out(), HasSubstr("nothing was sent"));
+    fault("clear");
+    const struct {
+        const char* command;
+        int exit_code;
+        int requests;  ///< So far. The device has one to pause and to resume.
+        const char* shown;
+    } rows[] = {
+        {"pause", 6, 0, "no job to pause: 1:2 reports the state idle"},
+        {"resume", 6, 0, "no job to resume: 1:2 reports the state idle"},
+        {"push", 0, 0, "accepted"},
+        {"pause", 0, 1, "1:2  paused"},
+        {"pause", 0, 1, "nothing was sent"},
+        {"abort", 0, 1, "1:2  aborted"},
+        {"pause", 6, 1, "state aborted"},
+        {"push", 0, 1, "accepted"},
+        {"pause", 0, 2, "1:2  paused"},
+        {"resume", 0, 3, "1:2  printing"},
+    };
+    for (const auto& row : rows) {
+        std::vector<std::string> words{row.command};
+        if (words[0] == "push") words.push_back(file_.path());
+        const Ended ended = jovu(words);
+        EXPECT_EQ(ended.status, row.exit_code) << row.command << ": " << ended.err;
+        EXPECT_THAT(ended.out + ended.err, HasSubstr(row.shown));
+        EXPECT_EQ(job()["requests"].value("pause", 0), row.requests) << row.command;
+    }
 }
 
 TEST_F(Push, TellsWhenTheJobDoesNotEndWell) {
@@ -94,8 +128,7 @@ TEST_F(Push, TellsWhenTheJobDoesNotEndWell) {
     for (const auto& row : rows) {
         Program program({"push", file_.path(), "--wait"});
         ASSERT_TRUE(program.writes("accepted"));
-        answer_next_request(device_, {{"metadata", {{"type", "status"}}},
-                                      {"status", row.status},
+        answer_next_request(device_, {{"status", row.status},
                                       {"job", {{"id", "x"}, {"progress", 43}}},
                                       {"error", row.error}});
         EXPECT_EQ(program.finish(), 6);
@@ -104,30 +137,58 @@ TEST_F(Push, TellsWhenTheJobDoesNotEndWell) {
     }
 }
 
-TEST_F(Push, TellsHowFarItGotWhenTheDeviceGoesAway) {
-    fault("unplug-at 04 50000");
-    const Ended ended = jovu({"push", file_.path()});
-    EXPECT_EQ(ended.status, 5);
-    EXPECT_THAT(ended.err, HasSubstr("jovu: push to 1:2 failed: Send failed"));
-    EXPECT_THAT(ended.err, HasSubstr(" of 123456 bytes"));
+TEST_F(Push, TellsHowFarItGotWhenItFails) {
+    const std::pair<const char*, const char*> rows[] = {
+        {"unplug-at 04 50000", "jovu: push to 1:2 failed: Send failed"},
+        // Behind the status request, the announcement and four pieces.
+        {"status 04 EPIPE 1 6", "1:2 received 20480 of 123456 bytes"},
+    };
+    for (const auto& [what, told] : rows) {
+        fault(what);
+        const Ended ended = jovu({"push", file_.path()});
+        EXPECT_EQ(ended.status, 5);
+        EXPECT_THAT(ended.err, testing::AllOf(HasSubstr(told), HasSubstr(" of 123456 bytes")));
+        if (&what == &rows[0].first) plug(name(device_));
+    }
 }
 
-TEST_F(Push, TellsHowFarItGotWhenTheDeviceStalls) {
-    fault("status 04 EPIPE 1 6");  // after the status request, the announcement and four pieces
-    const Ended ended = jovu({"push", file_.path()});
-    EXPECT_EQ(ended.status, 5);
-    EXPECT_THAT(ended.err, HasSubstr("1:2 has got 20480 of 123456 bytes"));
+TEST_F(Push, IsNotJudgedByAReportFromBefore) {
+    // Requested by a program that was killed.
+    send_report(device_, {{"status", {{"state", "printing"}}}});
+    fault("never 04 1 6");  // holds one piece up until it is sent again
+    Program program({"push", file_.path()});
+    ASSERT_TRUE(eventually([&] { return job()["received"] >= 20480; }));
+    send_report(device_, {{"status", {{"state", "error"}}}, {"error", 9}});
+    EXPECT_EQ(program.finish(), 0) << program.err();
 }
 
-TEST_F(Push, TellsWhatAnInterruptLeavesBehind) {
+TEST_F(Push, IsCancelledByAnInterruptAndLeavesTheDeviceReady) {
     fault("never 04 1 6");  // holds one piece up until it is sent again
     Program program({"push", file_.path()});
     ASSERT_TRUE(eventually([&] { return job()["received"] >= 20480; }));
     program.signal(SIGINT);
     EXPECT_EQ(program.finish(), 130);
-    EXPECT_THAT(program.err(), HasSubstr("jovu: interrupted: 1:2 has got "));
-    EXPECT_THAT(program.err(), HasSubstr("takes whatever comes next for the rest of the job"));
-    EXPECT_LT(job()["received"], kSize);
+    EXPECT_THAT(program.out(), HasSubstr("filling " + file_.path() + ": 100 %"));
+    EXPECT_THAT(program.err(), HasSubstr("jovu: interrupted: sending filler for the rest"));
+    EXPECT_THAT(program.err(), HasSubstr("jovu: interrupted at 20 %: 1:2 received filler"));
+    EXPECT_EQ(job()["received"], kSize);
+    EXPECT_EQ(job()["pushes"], 1);
+    EXPECT_EQ(job()["verified"], false);
+    EXPECT_EQ(json::parse(jovu({"status", "--json"}).out)["error"], 2) << "refused by its checksum";
+    EXPECT_EQ(job()["finished"], 0);
+}
+
+TEST_F(Push, IsLeftAtOnceByASecondInterrupt) {
+    fault("never 04 always 6");
+    Program program({"push", file_.path()});
+    ASSERT_TRUE(eventually([&] { return job()["received"] >= 20480; }));
+    program.signal(SIGINT);
+    std::this_thread::sleep_for(std::chrono::milliseconds(600));  // else it is the same Ctrl-C
+    const auto start = std::chrono::steady_clock::now();
+    program.signal(SIGINT);
+    EXPECT_EQ(program.finish(), 130);
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(3));
+    EXPECT_THAT(program.err(), HasSubstr("jovu: left at once: 1:2 waits for the rest of the job"));
 }
 
 TEST_F(Push, GoesOnOnTheDeviceWhenTheWaitIsInterrupted) {
@@ -144,8 +205,7 @@ TEST(Terminal, RedrawsTheStatusAndGetsNoRawTextsFromTheDevice) {
     const JovuDeviceAddress device = plug();
     Program watch({"status", "--watch", "--interval", "0.05"}, Out::terminal);
     ASSERT_TRUE(watch.writes("\x1b[11A\r\x1b[2KDevice        1:2"));
-    answer_next_request(device, {{"metadata", {{"type", "status"}}},
-                                 {"status",
+    answer_next_request(device, {{"status",
                                   {{"state",
                                     "\x1b]0;title\x07 \xC2\x9B"
                                     "2J"}}}});

@@ -1,10 +1,11 @@
 /// @file
-/// `jovu pause` and `jovu abort`: requests about the job that a device is printing.
+/// `jovu pause`, `jovu resume` and `jovu abort`: requests about the job of a device.
 
 #include <nlohmann/json.hpp>
 #include <string>
 
 #include "commands.h"
+#include "failure.h"
 #include "report_text.h"
 #include "session.h"
 #include "session_lease.h"
@@ -12,30 +13,71 @@
 namespace jovu_cli {
 namespace {
 
-/// Sends the request, which is not answered, and shows the state that the device is in then.
-void run(const Context& context, const char* name, void (Client::*request)(JovuDeviceAddress)) {
-    const SessionLease lease(context, Interest{true, false});
-    Session& session = lease.session();
-    const JovuDeviceAddress address = session.pick_device();
-    session.send(address, name, [&] { (session.client().*request)(address); });
-    const StatusReport report = session.request_status(address);
-    if (context.out.json()) {
-        Json object = {{"request", name}};
-        object.update(to_json(address, report));
-        context.out.object(object);
-    } else {
-        context.out.line(report_line(address, report));
+/// One request about the job of the one device.
+class JobControl {
+public:
+    /// @param name of the command, as the output shows it.
+    JobControl(const Context& context, const char* name)
+        : context_(context), name_(name), lease_(context, Interest{true, false}) {}
+
+    void abort() { request(&Client::SendAbort); }
+
+    /// The device has one request to pause and to resume, so its state decides whether that is
+    /// sent.
+    /// @param wanted the state that the job is to be in: paused or active.
+    void change_to(JobPhase wanted) {
+        const StatusReport report = session_.request_status(address_);
+        const JobPhase phase = state_phase(report.state);
+        if (phase == wanted) {
+            show(report, false);
+            return;
+        }
+        if (phase != JobPhase::paused && phase != JobPhase::active) {
+            throw Failure(ExitCode::device_refused,
+                          std::string("no job to ") + name_ + ": " + to_string(address_) +
+                              " reports the state " + (report.state.empty() ? "-" : report.state),
+                          "nothing was sent");
+        }
+        request(&Client::SendPause);
     }
-}
+
+private:
+    /// Sends the request, which is not answered, and shows the state that the device is in then.
+    void request(void (Client::*call)(JovuDeviceAddress)) {
+        session_.send(address_, name_, [&] { (session_.client().*call)(address_); });
+        show(session_.request_status(address_), true);
+    }
+
+    void show(const StatusReport& report, bool sent) {
+        if (context_.out.json()) {
+            Json object = {{"request", name_}, {"sent", sent}};
+            object.update(to_json(address_, report));
+            context_.out.object(object);
+            return;
+        }
+        context_.out.line(report_line(address_, report) +
+                          (sent ? "" : "  (already so: nothing was sent)"));
+    }
+
+    const Context& context_;
+    const char* const name_;
+    const SessionLease lease_;
+    Session& session_ = lease_.session();
+    const JovuDeviceAddress address_ = session_.pick_device();
+};
 
 }  // namespace
 
 void run_pause(const Context& context) {
-    run(context, "pause", &Client::SendPause);
+    JobControl(context, "pause").change_to(JobPhase::paused);
+}
+
+void run_resume(const Context& context) {
+    JobControl(context, "resume").change_to(JobPhase::active);
 }
 
 void run_abort(const Context& context) {
-    run(context, "abort", &Client::SendAbort);
+    JobControl(context, "abort").abort();
 }
 
 }  // namespace jovu_cli

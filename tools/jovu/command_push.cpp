@@ -3,7 +3,9 @@
 
 #include <chrono>
 #include <cmath>
+#include <cstdint>
 #include <exception>
+#include <optional>
 #include <string>
 
 #include "commands.h"
@@ -26,31 +28,31 @@ constexpr auto accept_limit = 10s;
 constexpr auto accept_poll = 200ms;
 constexpr auto follow_poll = 500ms;
 
-/// Thrown by the progress callback to end a push.
-struct PushInterrupted {};
-
 /// One push, from the first byte to the last.
 class Push {
 public:
-    Push(Session& session, JovuDeviceAddress address, PushReporter& reporter, std::uint64_t size)
-        : session_(session), address_(address), reporter_(reporter), size_(size) {}
+    Push(const Context& context, Session& session, JovuDeviceAddress address,
+         PushReporter& reporter, std::uint64_t size)
+        : context_(context),
+          session_(session),
+          address_(address),
+          reporter_(reporter),
+          size_(size) {}
 
-    /// Sends the file.
-    /// @throws Failure that says how much the device has got; only after the whole push when it is
-    ///     about the output.
+    /// Sends the file. A signal cancels the push.
+    /// @throws Failure that says how much the device has received; only after the whole push when
+    ///     it is about the output.
     void run(const std::string& path) {
-        session_.stop().throw_if_stopped();
+        JovuPushResult result{};
         try {
-            session_.client().SendJobFile(address_, path, &Push::progress, this, false);
-        } catch (const PushInterrupted&) {
-            end_bar();
-            throw_interrupted();
+            result = send(path);
         } catch (const JovuException& error) {
             end_bar();
-            if (session_.stop().state() == Stop::signal) {
-                throw_interrupted();
-            }
             fail(error.what());
+        }
+        if (stopped() || result != JovuPushResult::completed) {
+            end_bar();
+            tell_end(result, path);
         }
         if (output_failure_) {
             std::rethrow_exception(output_failure_);
@@ -59,57 +61,107 @@ public:
 
 private:
     static constexpr const char* left_over =
-        "the device takes whatever comes next for the rest of the job, until it gives the job up "
-        "or is unplugged";
+        "it takes all requests for job data until it gives the job up, is unplugged or is switched "
+        "off";
+    /// Where the library holds the percentage until the end.
+    static constexpr double last_partial_percent = 99.9;
+
+    JovuPushResult send(const std::string& path) {
+        JovuPushCancel cancel;
+        const StopSource::Action canceller(context_.stop, [&cancel](Stop reason) {
+            if (reason == Stop::signal) {
+                cancel.cancel();
+            }
+        });
+        context_.stop.throw_if_stopped();
+        return session_.client().SendJobFile(address_, path, &Push::progress, this, false, cancel);
+    }
 
     static void progress(double percent, std::string /*job_id*/, void* user) {
         static_cast<Push*>(user)->advance(percent);
     }
 
+    bool stopped() const { return context_.stop.state() == Stop::signal; }
+
     void advance(double percent) {
-        // The library holds the percentage below 100 until the end.
-        sent_ = percent > 99.8 && percent < 100 ? sent_
-                                                : static_cast<std::uint64_t>(std::llround(
-                                                      percent / 100 * static_cast<double>(size_)));
+        sent_ =
+            static_cast<std::uint64_t>(std::llround(percent / 100 * static_cast<double>(size_)));
+        if (!exit_note_) {
+            const std::string line = "jovu: left at once: " + to_string(address_) +
+                                     " waits for the rest of the job (" + left_over + ")\n";
+            exit_note_.emplace(context_.stop, (context_.out.redraws() ? "\n" : "") + line);
+        }
+        if (stopped() && !cancelled_at_ && percent < last_partial_percent) {
+            cancelled_at_ = percent;
+            end_bar();
+            print_error("jovu: interrupted: sending filler for the rest of the job, so that " +
+                        to_string(address_) + " does not wait for it; Ctrl-C again leaves at once");
+        }
+        report([&] { reporter_.sending(percent, sent_, cancelled_at_.has_value()); });
+    }
+
+    /// A reader that went away is no reason to leave the device with half a job.
+    template <class Write>
+    void report(Write write) {
         try {
             if (!output_failure_) {
-                reporter_.sending(percent, sent_);
+                write();
             }
         } catch (const Failure&) {
-            // A reader that went away is no reason to leave the device with half a job.
             output_failure_ = std::current_exception();
         }
-        if (session_.stop().state() == Stop::signal && percent < 100) {
-            throw PushInterrupted();
+    }
+
+    /// @throws Failure for a push that has ended without an error, but not as it should.
+    [[noreturn]] void tell_end(JovuPushResult result, const std::string& path) const {
+        const std::string filled =
+            ": " + to_string(address_) +
+            " received filler for the rest of the job, which it refuses by the checksum";
+        switch (result) {
+            case JovuPushResult::cut_short:
+                throw Failure(ExitCode::file_problem,
+                              "cannot read " + path + " to the end it had before" + filled);
+            case JovuPushResult::cancelled:
+                if (!exit_note_) {
+                    throw Failure(ExitCode::interrupted, "interrupted: nothing was sent");
+                }
+                throw Failure(ExitCode::interrupted,
+                              "interrupted at " +
+                                  std::to_string(static_cast<int>(
+                                      cancelled_at_.value_or(last_partial_percent))) +
+                                  " %" + filled);
+            case JovuPushResult::completed:
+                break;
         }
-    }
-
-    std::string how_far() const {
-        return to_string(address_) + " has got " + std::to_string(sent_) + " of " +
-               std::to_string(size_) + " bytes";
-    }
-
-    [[noreturn]] void throw_interrupted() const {
-        throw Failure(ExitCode::interrupted, "interrupted: " + how_far(), left_over);
+        throw Failure(ExitCode::interrupted,
+                      "interrupted: " + to_string(address_) + " received the whole job",
+                      "'jovu status' shows it, 'jovu abort' ends it");
     }
 
     [[noreturn]] void fail(const std::string& reason) const {
+        if (!exit_note_) {
+            throw exchange_failure("push to " + to_string(address_), reason);
+        }
         const Failure failure = exchange_failure("push to " + to_string(address_), reason);
         const std::string hint = failure.hint().empty() ? left_over : failure.hint();
-        throw Failure(failure.code(), std::string(failure.what()) + "; " + how_far(), hint);
+        throw Failure(stopped() ? ExitCode::interrupted : failure.code(),
+                      std::string(failure.what()) + "; " + to_string(address_) + " received " +
+                          std::to_string(sent_) + " of " + std::to_string(size_) + " bytes",
+                      hint);
     }
 
     void end_bar() {
-        if (!output_failure_) {
-            reporter_.end_bar();
-        }
+        report([this] { reporter_.end_bar(); });
     }
 
+    const Context& context_;
     Session& session_;
     const JovuDeviceAddress address_;
     PushReporter& reporter_;
     const std::uint64_t size_;
-    std::uint64_t sent_ = 0;
+    std::uint64_t sent_ = 0;                         ///< Bytes, filler included.
+    std::optional<double> cancelled_at_;             ///< Percent.
+    std::optional<StopSource::ExitNote> exit_note_;  ///< Once the job has been announced.
     std::exception_ptr output_failure_;
 };
 
@@ -128,7 +180,7 @@ void pause_for(Session& session, JovuDeviceAddress address, std::chrono::millise
 
 void check_free(JovuDeviceAddress address, const StatusReport& report) {
     const JobPhase phase = state_phase(report.state);
-    if (phase == JobPhase::active || phase == JobPhase::receiving) {
+    if (phase == JobPhase::active || phase == JobPhase::paused || phase == JobPhase::receiving) {
         throw Failure(ExitCode::device_refused,
                       to_string(address) + " is busy with another job: " + report.state + ", " +
                           std::to_string(report.progress) + " %",
@@ -138,8 +190,9 @@ void check_free(JovuDeviceAddress address, const StatusReport& report) {
 
 /// Whether a report shows a job that the one before the push did not.
 bool shows_new_job(const StatusReport& before, const StatusReport& now) {
-    return now.job_id != before.job_id || now.file != before.file ||
-           state_phase(now.state) == JobPhase::active;
+    const JobPhase phase = state_phase(now.state);
+    return now.job_id != before.job_id || now.file != before.file || phase == JobPhase::active ||
+           phase == JobPhase::paused;
 }
 
 /// Waits until the device shows that it has taken the job, or that it has not. An error that was
@@ -188,6 +241,7 @@ StatusReport wait_finished(Session& session, JovuDeviceAddress address, PushRepo
                                                             " %: " + report.job_id);
             case JobPhase::receiving:
             case JobPhase::active:
+            case JobPhase::paused:
                 break;
         }
         reporter.printing(report);
@@ -226,7 +280,7 @@ void run_push(const Context& context, const PushOptions& options) {
     check_free(address, before);
 
     PushReporter reporter(context.out, address, options.file, size);
-    Push(session, address, reporter, size).run(options.file);
+    Push(context, session, address, reporter, size).run(options.file);
     const StatusReport report = wait_accepted(session, address, before);
     reporter.accepted(report);
     if (options.wait) {

@@ -54,14 +54,24 @@ Run define_push(CLI::App& app) {
     app.add_option("FILE", options->file, "The job file")->required();
     app.add_flag("--wait", options->wait, "Follow the job to its end");
     app.footer(
-        "The device is asked afterwards whether it has accepted the job. An interrupted push\n"
-        "leaves it waiting for the rest; the message says how much it has got.");
+        "The device is asked afterwards whether it has accepted the job. Ctrl-C cancels the push:\n"
+        "filler is sent for the rest of the job, which the device then refuses. A second Ctrl-C\n"
+        "leaves at once, with the device waiting for the rest.");
     return [options](const Context& context) { run_push(context, *options); };
 }
 
 Run define_pause(CLI::App& app) {
-    app.footer("A second pause lets the job go on. Shows the state that the device is in then.");
+    app.footer(
+        "Shows the state that the device is in then. A job that is paused already stays paused.\n"
+        "Without a job the exit code is 6.");
     return run_pause;
+}
+
+Run define_resume(CLI::App& app) {
+    app.footer(
+        "Shows the state that the device is in then. A job that is running already goes on.\n"
+        "Without a job the exit code is 6.");
+    return run_resume;
 }
 
 Run define_abort(CLI::App& app) {
@@ -173,6 +183,7 @@ const std::vector<Command>& command_table() {
         {"gcode", "Send lines of gcode", define_gcode},
         {"push", "Send a print job", define_push},
         {"pause", "Pause the print job", define_pause},
+        {"resume", "Resume the paused print job", define_resume},
         {"abort", "Abort the print job", define_abort},
         {"events", "Print what a device reports of its own accord", define_events},
         {"commands", "List the firmware's commands", define_commands},

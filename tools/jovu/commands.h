@@ -78,6 +78,7 @@ void run_status(const Context& context, const StatusOptions& options);
 void run_gcode(const Context& context, const GcodeOptions& options);
 void run_push(const Context& context, const PushOptions& options);
 void run_pause(const Context& context);
+void run_resume(const Context& context);
 void run_abort(const Context& context);
 void run_events(const Context& context, const EventOptions& options);
 void run_commands(const Context& context, const CommandsOptions& options);

@@ -7,6 +7,7 @@
 
 #include "failure.h"
 #include "printable.h"
+#include "report_text.h"
 
 namespace jovu_cli {
 namespace {
@@ -51,6 +52,15 @@ std::string size_text(double bytes) {
     }
     char text[32];
     std::snprintf(text, sizeof text, unit == 0 ? "%.0f %s" : "%.1f %s", bytes, units[unit]);
+    return text;
+}
+
+std::string transfer_text(double rate, std::uint64_t done, std::uint64_t size) {
+    std::string text = size_text(static_cast<double>(done)) + ", " + size_text(rate) + "/s";
+    if (rate > 0 && done < size) {
+        const double left = static_cast<double>(size - done) / rate;
+        text += ", " + duration_text(std::llround(left)) + " left";
+    }
     return text;
 }
 

@@ -34,6 +34,10 @@ private:
 /// "1.5 MB", with powers of 1000.
 std::string size_text(double bytes);
 
+/// "1.5 MB, 500.0 kB/s, 0:03 left", without the time left when there is none to tell.
+/// @param rate bytes per second.
+std::string transfer_text(double rate, std::uint64_t done, std::uint64_t size);
+
 /// "  45.3 %  [=====>      ]  label", with @p tail behind it, exactly @p columns wide where there
 /// is room for it; the bar is left out of a line that is too narrow for one.
 std::string bar_text(double percent, const std::string& label, const std::string& tail,

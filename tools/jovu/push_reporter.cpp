@@ -38,24 +38,25 @@ PushReporter::PushReporter(Output& out, JovuDeviceAddress device, const std::str
     }
 }
 
-void PushReporter::sending(double percent, std::uint64_t sent) {
+void PushReporter::sending(double percent, std::uint64_t sent, bool filler) {
     meter_.add(RateMeter::Clock::now(), sent);
     if (bar_) {
-        bar_->draw(percent, "Sending ", sending_tail(sent), percent >= 100);
+        bar_->draw(percent, filler ? "Filling " : "Sending ",
+                   transfer_text(meter_.rate(), sent, size_), percent >= 100);
         return;
     }
     if (!sent_tenths_.reached(percent)) {
         return;
     }
     if (out_.json()) {
-        out_.object({{"event", "sending"},
+        out_.object({{"event", filler ? "filling" : "sending"},
                      {"device", to_string(device_)},
                      {"percent", percent},
                      {"bytes", sent},
                      {"size", size_}});
     } else {
-        out_.line("sending " + file_ + ": " + whole_percent(percent) + ", " + std::to_string(sent) +
-                  " of " + std::to_string(size_) + " bytes");
+        out_.line((filler ? "filling " : "sending ") + file_ + ": " + whole_percent(percent) +
+                  ", " + std::to_string(sent) + " of " + std::to_string(size_) + " bytes");
     }
 }
 
@@ -108,16 +109,6 @@ void PushReporter::object(const char* event, const StatusReport& report) {
     Json object = {{"event", event}};
     object.update(to_json(device_, report));
     out_.object(object);
-}
-
-std::string PushReporter::sending_tail(std::uint64_t sent) const {
-    const double rate = meter_.rate();
-    std::string tail = size_text(static_cast<double>(sent)) + ", " + size_text(rate) + "/s";
-    if (rate > 0 && sent < size_) {
-        const double left = static_cast<double>(size_ - sent) / rate;
-        tail += ", " + duration_text(std::llround(left)) + " left";
-    }
-    return tail;
 }
 
 }  // namespace jovu_cli

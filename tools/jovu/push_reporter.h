@@ -31,8 +31,10 @@ public:
     PushReporter(Output& out, JovuDeviceAddress device, const std::string& file,
                  std::uint64_t size);
 
-    /// The file is being sent. @param sent bytes so far.
-    void sending(double percent, std::uint64_t sent);
+    /// The file is being sent.
+    /// @param sent bytes so far.
+    /// @param filler whether it is filler by now, for a push that has been cancelled.
+    void sending(double percent, std::uint64_t sent, bool filler);
     /// The device has accepted the job.
     void accepted(const StatusReport& report);
     /// The device is printing the job.
@@ -44,7 +46,6 @@ public:
 
 private:
     void object(const char* event, const StatusReport& report);
-    std::string sending_tail(std::uint64_t sent) const;
 
     Output& out_;
     const JovuDeviceAddress device_;

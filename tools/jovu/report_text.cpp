@@ -50,7 +50,7 @@ JobPhase state_phase(const std::string& state) {
         {"complete", JobPhase::finished}, {"done", JobPhase::finished},
         {"receiv", JobPhase::receiving},  {"download", JobPhase::receiving},
         {"verif", JobPhase::receiving},   {"idle", JobPhase::idle},
-        {"ready", JobPhase::idle},
+        {"ready", JobPhase::idle},        {"paus", JobPhase::paused},
     };
     if (state.empty()) {
         return JobPhase::idle;

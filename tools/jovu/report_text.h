@@ -15,7 +15,8 @@ namespace jovu_cli {
 enum class JobPhase {
     idle,       ///< No job.
     receiving,  ///< A job file is still being taken.
-    active,     ///< A job is under way: printing, heating for it, paused.
+    active,     ///< A job is under way: printing, heating for it.
+    paused,     ///< A job is under way and paused.
     finished,   ///< The last job is through.
     aborted,    ///< The last job was given up.
     error,      ///< The machine reports an error.

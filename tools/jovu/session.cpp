@@ -19,6 +19,13 @@ constexpr std::chrono::milliseconds default_wait = 2s;
 constexpr auto report_repeat = 5s;
 constexpr int report_attempts = 2;
 
+/// A report that an earlier request has left comes within this time: when the device is asked for
+/// the first time, since the device was opened or since the last such report; when it owes several,
+/// since the last of them.
+constexpr auto first_quiet = 50ms;
+constexpr auto first_quiet_limit = 2s;
+constexpr auto further_report = 500ms;
+
 /// How often a wait without end looks whether the link is still there.
 constexpr auto link_check = 1s;
 
@@ -176,24 +183,53 @@ void Session::check_exchange(JovuDeviceAddress address, const std::string& name)
     throw exchange_failure(name + " to " + to_string(address), reason);
 }
 
-StatusReport Session::request_status(JovuDeviceAddress address) {
-    inbox_.drop_reports();
-    for (int attempt = 0; attempt < report_attempts; ++attempt) {
-        send(address, "status request", [&] { client_.RequestStatus(address); });
-        const auto repeat_at = Inbox::Clock::now() + report_repeat;
-        while (std::optional<Notice> notice = inbox_.next(repeat_at)) {
+/// Waits until a device that is asked for the first time sends nothing that it still had for
+/// another program.
+void Session::drop_early_reports(JovuDeviceAddress address) {
+    if (unanswered_.emplace(address, 0).second) {
+        const auto limit = Inbox::Clock::now() + first_quiet_limit;
+        auto end = Inbox::Clock::now() + first_quiet;
+        while (std::optional<Notice> notice = inbox_.next(std::min(end, limit))) {
             check_connected(address, *notice);
-            auto* report = std::get_if<StatusReport>(&notice->what);
-            if (report != nullptr && notice->address == address) {
-                return std::move(*report);
+            if (std::holds_alternative<StatusReport>(notice->what)) {
+                end = Inbox::Clock::now() + first_quiet;
             }
         }
-        stop_.throw_if_stopped();
     }
-    throw Failure(ExitCode::exchange_failed,
-                  "status request to " + to_string(address) + " failed: timed out",
-                  "after an interrupted push the device may wait for the rest of the job: leave it "
-                  "alone until it gives up, or unplug it");
+    inbox_.drop_reports();
+}
+
+StatusReport Session::request_status(JovuDeviceAddress address) {
+    drop_early_reports(address);
+    unsigned& unanswered = unanswered_[address];
+    std::optional<StatusReport> latest;
+    for (int attempt = 0; attempt < report_attempts; ++attempt) {
+        send(address, "status request", [&] { client_.RequestStatus(address); });
+        ++unanswered;
+        auto end = Inbox::Clock::now() + report_repeat;
+        while (std::optional<Notice> notice = inbox_.next(end)) {
+            check_connected(address, *notice);
+            auto* report = std::get_if<StatusReport>(&notice->what);
+            if (report == nullptr || notice->address != address) {
+                continue;
+            }
+            latest = std::move(*report);
+            if (--unanswered == 0) {
+                return *latest;
+            }
+            // Possibly the answer to an earlier request. If nothing follows, that one was lost.
+            end = Inbox::Clock::now() + further_report;
+        }
+        stop_.throw_if_stopped();
+        if (latest) {
+            unanswered = 0;
+            return *latest;
+        }
+    }
+    throw Failure(
+        ExitCode::exchange_failed, "status request to " + to_string(address) + " failed: timed out",
+        "after a push that was cut off the device may wait for the rest of the job: leave it "
+        "alone until it gives up, or unplug it");
 }
 
 std::optional<Notice> Session::next_notice(Inbox::Clock::time_point deadline) {
@@ -232,7 +268,7 @@ std::string exchange_hint(const std::string& reason) {
         {"No response received.", "it was unplugged meanwhile, or has reset"},
         {"has been disconnected.", "it was unplugged"},
         {"no longer connected.", "it was unplugged"},
-        {"error: -1", "input/output error on the bus: check the cable"},
+        {"error: -1", "it was unplugged, or the bus is disturbed: check the cable"},
         {"error: -4", "it was unplugged"},
         {"error: -7", "the device takes no data: unplug it and plug it in again"},
         {"error: -9", "the device has stalled: unplug it and plug it in again"},

@@ -6,6 +6,7 @@
 #include <chrono>
 #include <optional>
 #include <string>
+#include <unordered_map>
 #include <utility>
 #include <vector>
 
@@ -119,7 +120,9 @@ public:
         }
     }
 
-    /// Asks a device for its status report and waits for it.
+    /// Asks a device for its status report and waits for it. Reports carry no number, so one that
+    /// was requested before, by this program or by one that was killed, is told apart by counting
+    /// and by a short wait.
     /// @throws Failure exchange_failed, also when the device goes away, or interrupted.
     StatusReport request_status(JovuDeviceAddress address);
 
@@ -133,6 +136,7 @@ public:
 private:
     bool worth_waiting(const std::vector<JovuDeviceAddress>& usable, bool found);
     std::size_t attached_controllers();
+    void drop_early_reports(JovuDeviceAddress address);
     void close_on_signal(JovuDeviceAddress address, Stop reason);
     void close(JovuDeviceAddress address) noexcept;
     void check_exchange(JovuDeviceAddress address, const std::string& name) const;
@@ -141,6 +145,9 @@ private:
     StopSource& stop_;
     Inbox inbox_;
     std::atomic<bool> has_closed_{false};
+    /// How many status requests each device has not answered; at least, as a report may have been
+    /// dropped. Has no entry for a device that was never asked.
+    std::unordered_map<JovuDeviceAddress, unsigned> unanswered_;
     Client client_;
 };
 

@@ -3,6 +3,7 @@
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/signalfd.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -127,7 +128,17 @@ void StopSource::take_signal() {
             stop(Stop::signal);
         }
     } else if (now - first_signal_ > echo_time) {
+        print_exit_note();
         _exit(static_cast<int>(ExitCode::interrupted));
+    }
+}
+
+void StopSource::print_exit_note() {
+    const std::lock_guard<std::mutex> lock(state_mutex_);
+    pollfd writable{STDERR_FILENO, POLLOUT, 0};
+    // A pipe that polls as writable takes a line without blocking.
+    if (poll(&writable, 1, 0) == 1) {
+        (void)!write(STDERR_FILENO, exit_note_.data(), exit_note_.size());
     }
 }
 
@@ -176,6 +187,16 @@ void StopSource::run_actions(Stop reason, unsigned round_of_reason) {
 unsigned StopSource::round() {
     const std::lock_guard<std::mutex> lock(state_mutex_);
     return round_;
+}
+
+StopSource::ExitNote::ExitNote(StopSource& source, std::string line) : source_(source) {
+    const std::lock_guard<std::mutex> lock(source_.state_mutex_);
+    source_.exit_note_ = std::move(line);
+}
+
+StopSource::ExitNote::~ExitNote() {
+    const std::lock_guard<std::mutex> lock(source_.state_mutex_);
+    source_.exit_note_.clear();
 }
 
 StopSource::Action::Action(StopSource& source, std::function<void(Stop)> run) : source_(source) {

@@ -7,6 +7,7 @@
 #include <functional>
 #include <list>
 #include <mutex>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -50,6 +51,20 @@ public:
     /// @return false, having done nothing, when there is another reason to end.
     bool forgive_interrupt();
 
+    /// While one of these exists, a signal that ends the process at once prints its line on
+    /// standard error first, if that takes no waiting.
+    class ExitNote {
+    public:
+        /// @param line with its end.
+        ExitNote(StopSource& source, std::string line);
+        ~ExitNote();
+        ExitNote(const ExitNote&) = delete;
+        ExitNote& operator=(const ExitNote&) = delete;
+
+    private:
+        StopSource& source_;
+    };
+
     /// While one of these lives, its function is called, on a thread of its own, for each reason to
     /// end that comes up. Not for one that came up before: check state() after constructing.
     class Action {
@@ -69,6 +84,7 @@ public:
 private:
     void watch(int output_fd);
     void take_signal();
+    void print_exit_note();
     void stop(Stop reason);
     void run_actions(Stop reason, unsigned round_of_reason);
     unsigned round();
@@ -83,7 +99,8 @@ private:
     /// How often an interrupt was forgiven: actions for those before are not run any more.
     /// Protected by state_mutex_.
     unsigned round_ = 0;
-    std::mutex mutex_;  ///< Held while actions run: they may take any lock but this one.
+    std::string exit_note_;  ///< Protected by state_mutex_.
+    std::mutex mutex_;       ///< Held while actions run: they may take any lock but this one.
     std::list<std::function<void(Stop)>> actions_;  ///< Protected by mutex_.
     /// Actions can take seconds, in which a second signal must be seen. Used by thread_ only.
     std::vector<std::thread> runners_;
