@@ -13,7 +13,7 @@ namespace {
 class Announcer : public JovuClient {
 public:
     // The hold keeps devices from being announced before this object is complete.
-    explicit Announcer(const JovuScanHold& = JovuScanHold()) {}
+    explicit Announcer(const JovuScanPause& = JovuScanPause()) {}
 
     // First of all no more calls: afterwards nobody can meet a half-destroyed Announcer.
     ~Announcer() override { shutdown(); }

@@ -9,6 +9,7 @@
 
 #include "jovu/device_address.h"
 #include "jovu/export.h"
+#include "jovu/scan_pause.h"
 #include "jovu/usb_client.h"
 
 /// Talks to devices on the print-job channel (USB interface number 1).
@@ -59,6 +60,9 @@ public:
     using Progress = void (*)(double percent, std::string job_id, void* user);
 
     /// Registers for the job channel; starts the link on first use.
+    ///
+    /// A class derived from this one alone takes a JovuScanPause as the default argument of its
+    /// constructor: without it, its callbacks may begin before it is built.
     /// @throws JovuException "Failed to initialize libusb", or when called from inside a callback
     ///     with received data; std::system_error when no thread can be started.
     JovuJobInterface();
@@ -128,10 +132,12 @@ public:
     virtual void JobDataReceived(JovuDeviceAddress address, const unsigned char* text,
                                  unsigned int length);
 
-    /// Takes this object off the link for good: when it returns, no callback of this object is
-    /// running and none will follow. May be called more than once. A class derived from this one
-    /// calls it first in its own destructor, while its overrides are still there to be called.
-    /// @throws JovuException on a thread that delivers received data, having done nothing.
+    /// Takes this object off the link: when it returns, no callback of this object is running and
+    /// none will follow. May be called more than once. A class derived from this one calls it first
+    /// in its own destructor, while its overrides are still there to be called.
+    ///
+    /// In a handler that is called with received data it cannot wait for other callbacks: none
+    /// begins after it returns, and the rest is left to a later call or the destructor.
     void shutdown();
 
 private:

@@ -2,21 +2,23 @@
 
 #include "usb/usb.h"
 
-JovuScanHold::JovuScanHold() noexcept {
+JovuScanPause::JovuScanPause() noexcept {
     JovuUsb::hold_scans();
 }
 
-JovuScanHold::~JovuScanHold() {
+JovuScanPause::~JovuScanPause() {
     JovuUsb::release_scans();
 }
 
 // The job interface registers first. A device that were opened before the transport has registered
 // as well would never be announced.
-JovuClient::JovuClient() : JovuClient(JovuScanHold()) {}
+JovuClient::JovuClient() : JovuClient(JovuScanPause()) {}
 
-JovuClient::JovuClient(const JovuScanHold& /*hold*/)
+JovuClient::JovuClient(const JovuScanPause& /*hold*/)
     : JovuCommandInterface(static_cast<JovuTransport&>(*this)),
-      JovuEventInterface(static_cast<JovuTransport&>(*this)) {}
+      JovuEventInterface(static_cast<JovuTransport&>(*this)),
+      // Handed over, because a cross-cast would need the application's run-time type information.
+      JovuTransport(static_cast<JovuEventInterface*>(this)) {}
 
 JovuClient::~JovuClient() {
     JovuClient::shutdown();

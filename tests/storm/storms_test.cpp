@@ -278,7 +278,7 @@ TEST_F(Storm, ClientsComeAndGoWhileDevicesDo) {
 /// Whatever the documents allow inside a callback is done there.
 class Meddler : public RecordingClient {
 public:
-    explicit Meddler(const JovuScanHold& hold = JovuScanHold()) : RecordingClient(hold) {}
+    explicit Meddler(const JovuScanPause& hold = JovuScanPause()) : RecordingClient(hold) {}
     ~Meddler() override { shutdown(); }
 
     std::atomic<long> calls{0};
