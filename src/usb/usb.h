@@ -91,11 +91,6 @@ public:
     ///     connect or disconnect notification of a JovuUsbClient.
     static bool in_callback() noexcept;
 
-    /// Starting and stopping wait for the watcher, and so for every notice and delivery.
-    /// @throws JovuException "<what> failed - called from inside a notice or delivery." if the
-    ///     calling thread is in one.
-    static void refuse_in_callback(const char* what);
-
     /// Between these two (counted) the link makes no scan and so opens no device.
     static void hold_scans() noexcept;
     static void release_scans() noexcept;

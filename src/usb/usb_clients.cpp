@@ -27,6 +27,14 @@ void start(Link& state) JOVU_REQUIRES(state.lifecycle_mutex) {
     state._libusb_ctx = std::move(context);
 }
 
+/// Starting and stopping wait for the watcher, and so for every callback.
+void refuse_in_callback(const char* what) {
+    if (JovuUsb::in_callback()) {
+        throw JovuException(std::string(what) +
+                            " failed - called from inside a notice or delivery.");
+    }
+}
+
 /// Removes the entries of clients that were detached. Not on a thread in a callback, which may be
 /// walking the list.
 void remove_detached(Link::Clients& clients) JOVU_REQUIRES(clients.mutex) {
@@ -50,13 +58,6 @@ void stop(Link& state) JOVU_REQUIRES(state.lifecycle_mutex) {
 
 bool JovuUsb::in_callback() noexcept {
     return jovu::delivering() || jovu::in_notice();
-}
-
-void JovuUsb::refuse_in_callback(const char* what) {
-    if (in_callback()) {
-        throw JovuException(std::string(what) +
-                            " failed - called from inside a notice or delivery.");
-    }
 }
 
 void JovuUsb::client_register(JovuUsbClient& client, jovu_usb_interface_t interface) {
