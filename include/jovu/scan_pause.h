@@ -9,9 +9,9 @@
 /// of devices are noticed late. Process-wide, may be nested; constructing one waits for an opening
 /// that is going on (milliseconds).
 ///
-/// JovuClient, JovuTransport and JovuJobInterface register themselves in their constructors, and may
-/// be called from then on, when the members of a class derived from them do not exist yet. Such a
-/// class takes a pause as the default argument of its constructor, which lives until the whole
+/// JovuClient, JovuTransport and JovuJobInterface register themselves in their constructors, and
+/// may be called from then on, when the members of a class derived from them do not exist yet. Such
+/// a class takes a pause as the default argument of its constructor, which lives until the whole
 /// object is built:
 ///
 ///     class App : public JovuClient {

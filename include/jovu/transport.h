@@ -56,11 +56,11 @@ public:
     /// sent. Each thread has its own; empty before its first exchange.
     static std::string last_send_error();
 
-    /// A device can be talked to. Called on a notification thread, which is neither the caller's nor
-    /// the one that receives data; several notifications may share one. May send commands to the
-    /// device, and must not throw, as an exception on that thread ends the process. Such calls may
-    /// overlap with one another and with device_disconnected(), and come in any order when a device
-    /// is replugged quickly.
+    /// A device can be talked to. Called on a notification thread, which is neither the caller's
+    /// nor the one that receives data; several notifications may share one. May send commands to
+    /// the device, and must not throw, as an exception on that thread ends the process. Such calls
+    /// may overlap with one another and with device_disconnected(), and come in any order when a
+    /// device is replugged quickly.
     virtual void device_connected(JovuDeviceAddress address) = 0;
 
     /// A device is gone: requests that waited for it have been woken and no exchange with it is

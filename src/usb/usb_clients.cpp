@@ -38,10 +38,9 @@ void refuse_in_callback(const char* what) {
 /// Removes the entries of clients that were detached. Not on a thread in a callback, which may be
 /// walking the list.
 void remove_detached(Link::Clients& clients) JOVU_REQUIRES(clients.mutex) {
-    clients.list.erase(
-        std::remove_if(clients.list.begin(), clients.list.end(),
-                       [](const auto& entry) { return entry.client == nullptr; }),
-        clients.list.end());
+    clients.list.erase(std::remove_if(clients.list.begin(), clients.list.end(),
+                                      [](const auto& entry) { return entry.client == nullptr; }),
+                       clients.list.end());
 }
 
 void stop(Link& state) JOVU_REQUIRES(state.lifecycle_mutex) {

@@ -58,8 +58,8 @@ void send(libusb_device_handle* handle, unsigned char endpoint, const JovuUsb::P
         auto* const rest = const_cast<unsigned char*>(piece.data + offset);
         const int size = static_cast<int>(std::min<unsigned int>(piece.length - offset, INT_MAX));
         int transferred = 0;
-        const int result = libusb_bulk_transfer(handle, endpoint, rest, size, &transferred,
-                                                jovu::kSendTimeoutMs);
+        const int result =
+            libusb_bulk_transfer(handle, endpoint, rest, size, &transferred, jovu::kSendTimeoutMs);
         // A timed-out call may have moved some bytes. They are sent again: the retry repeats the
         // call as it was.
         const bool passing = result == LIBUSB_ERROR_TIMEOUT || result == LIBUSB_ERROR_BUSY;

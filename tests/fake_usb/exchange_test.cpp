@@ -62,8 +62,8 @@ TEST_F(Exchange, SendsAFrameWholeWhateverEndsItsConnection) {
         ASSERT_TRUE(client.wait_connected(kAddress, ++connects));
         const std::size_t before = fake_usb::sent().size();
         fake_usb::hold_bulk(true);
-        auto command =
-            std::async(std::launch::async, [this] { return told(client.bio_get_version(kAddress)); });
+        auto command = std::async(std::launch::async,
+                                  [this] { return told(client.bio_get_version(kAddress)); });
         ASSERT_TRUE(test::eventually(fake_usb::in_bulk));
         auto ending = std::async(std::launch::async, end);
         ending.wait_for(std::chrono::milliseconds(30));

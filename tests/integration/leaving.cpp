@@ -1,6 +1,7 @@
 /// @file
 /// A program that leaves without saying goodbye: its client is leaked, or a static object, and the
-/// watcher runs while static objects are destroyed, or a handler exits. It has to end with status 0.
+/// watcher runs while static objects are destroyed, or a handler exits. It has to end with status
+/// 0.
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>

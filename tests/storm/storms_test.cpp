@@ -248,7 +248,8 @@ TEST_F(Storm, ConnectionsThatEndCutNoFrame) {
             failed += client->answers(device) ? 0 : 1;
             std::vector<std::unique_ptr<Again>> senders;
             for (int n = 0; n < way.senders; ++n) {
-                senders.push_back(std::make_unique<Again>([&] { client->bio_get_version(device); }));
+                senders.push_back(
+                    std::make_unique<Again>([&] { client->bio_get_version(device); }));
             }
             std::this_thread::sleep_for(std::chrono::milliseconds(1 + i % 10));
             way.end(*client, device);

@@ -116,9 +116,19 @@ TEST(WaitingRequests, ComeAndGoWhileOthersAreAnsweredAndWoken) {
     jovu::ResponseSignal signal;
     const jovu::WaitingRequests::Entry entry(table, request, signal, address, 1);
     const std::pair<std::function<void()>, bool> calls[] = {
-        {[&] { table.respond(response, {address, 1, ""}, false); }, true},
-        {[&] { table.respond(late_response, {address, 1, ""}, false); }, false},
-        {[&] { table.wake(address); }, true},     {[&] { table.wake({1, 6}); }, false},
+        {[&] {
+             table.respond(response, {address, 1, ""}, false);
+         },
+         true},
+        {[&] {
+             table.respond(late_response, {address, 1, ""}, false);
+         },
+         false},
+        {[&] { table.wake(address); }, true},
+        {[&] {
+             table.wake({1, 6});
+         },
+         false},
         {[&] { table.wake_all(); }, true},
     };
     for (const auto& [call, wakes] : calls) {
