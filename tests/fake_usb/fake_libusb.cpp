@@ -163,7 +163,7 @@ int handle_events(libusb_context* context, std::chrono::milliseconds limit, cons
     const std::thread::id nobody;
     if (context->handler == std::this_thread::get_id()) return LIBUSB_ERROR_BUSY;
     const bool endless = bus.endless_event_waits && limit.count() > 0;
-    const auto wait = endless ? kPatience : std::min(limit, kLongestEventWait);
+    const auto wait = endless ? std::chrono::hours(1) : std::min(limit, kLongestEventWait);
     if (context->handler != nobody || context->closing > 0) {
         bus.changed.wait_for(lock, wait);
         return 0;
