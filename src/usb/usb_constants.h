@@ -30,7 +30,7 @@ inline constexpr unsigned kMaxEmptySends = 16;    ///< Bulk calls in a row that 
 
 /// Pause before a receive transfer is submitted again that failed without data. An endpoint that
 /// fails at once every time would otherwise take half a core; all reception waits meanwhile.
-inline constexpr std::chrono::milliseconds kReceiveErrorPause{2};
+inline constexpr std::chrono::milliseconds kReceiveErrorPause{4};
 
 /// How long a closing device may take to give its transfers back. The kernel returns a cancelled
 /// transfer within milliseconds; past this the transfer is set aside, never freed under libusb.
