@@ -236,14 +236,77 @@ TEST(MessageChannel, AHostThatNeverReadsDoesNotMakeItGrow) {
     EXPECT_LT(host.read(kMessageIn).size(), 2U << 20U);
 }
 
-TEST(MessageChannel, DropsUnreadOutputWithTheLastProgram) {
+TEST(MessageChannel, FaultsDamageAResponseInTheirOwnWayAsOftenAsAsked) {
+    const std::string text = R"("id":5},"data":{"command":{"idx":0,"name":"bio_get_version",)"
+                             R"("__return__":[49,46,48,46,48,0]}}})";
+    const std::string envelope = R"({"transport":{"attrs":["response"],)";
+    const std::string good = Host::framed(envelope + text);
+    std::string check = good;
+    check[3] = static_cast<char>(~check[3]);
+    std::string end = good;
+    end.back() = '!';
+    const struct {
+        const char* name;
+        std::string sent;
+        bool strikes_reports;
+    } cases[] = {
+        {"check", check, false},
+        {"terminator", end, false},
+        {"json", Host::framed(envelope + text.substr(0, text.size() - 1)), true},
+        {"attrs", Host::framed(R"({"transport":{)" + text), false},
+        {"id", Host::framed(envelope + R"("id":536870917)" + text.substr(6)), false},
+        {"truncate", good.substr(0, good.size() / 2), true},
+    };
+    const std::string status = R"({"metadata":{"version":1,"type":"status"}})";
+    for (const auto& c : cases) {
+        Host host;
+        const auto kind = corruption_from_name(c.name);
+        ASSERT_TRUE(kind) << c.name;
+        const auto set = [&](std::uint32_t times) {
+            host.controller.misbehaviour().corrupt.at(static_cast<std::size_t>(*kind)).set(times);
+        };
+        const auto response = [&host] {
+            host.send(kMessageOut, Host::framed(Host::command(5, 0, "bio_get_version")));
+            return host.read(kMessageIn);
+        };
+        set(2);
+        EXPECT_EQ(response(), c.sent) << c.name;
+        EXPECT_EQ(response(), c.sent) << c.name;
+        EXPECT_EQ(response(), good) << c.name;
+        set(kAlways);
+        for (int i = 0; i < 3; ++i)
+            EXPECT_EQ(response(), c.sent) << c.name;
+        host.send(kJobOut, status);
+        EXPECT_NE(Json::accept(host.read(kJobIn)), c.strikes_reports) << c.name;
+    }
+    EXPECT_FALSE(corruption_from_name("checks"));
+}
+
+TEST(MessageChannel, FaultsHoldResponsesBack) {
     Host host;
-    host.send(kMessageOut, Host::framed(Host::command(1, 0, "bio_get_version")));
-    host.send(kJobOut, R"({"metadata":{"version":1,"type":"status"}})");
-    host.controller.next_packet(kMessageIn, host.now);
-    host.controller.host_left();
-    EXPECT_EQ(host.read(kMessageIn) + host.read(kJobIn), "");
-    EXPECT_EQ(host.exchange(Host::command(2, 0, "bio_get_version")).size(), 1U);
+    Misbehaviour& faults = host.controller.misbehaviour();
+    const std::string request = Host::command(1, 0, "bio_get_version");
+    const auto carried_out = [&host] {
+        return host.stats()["message"]["commands"].value("bio_get_version", 0);
+    };
+    faults.drop.set(1);
+    EXPECT_TRUE(host.exchange(request).empty());
+    EXPECT_EQ(carried_out(), 0);
+    faults.silent.set(1);
+    EXPECT_TRUE(host.exchange(request).empty());
+    EXPECT_EQ(carried_out(), 1);
+    faults.delay = 500;
+    EXPECT_TRUE(host.exchange(request).empty());
+    host.now += 499;
+    EXPECT_EQ(host.read(kMessageIn), "");
+    host.now += 1;
+    EXPECT_EQ(Host::messages(host.read(kMessageIn)).size(), 1U);
+    faults.delay = 0;
+    faults.packet_size = 1;
+    host.send(kMessageOut, Host::framed(request));
+    const auto packets = host.packets(kMessageIn);
+    EXPECT_TRUE(std::all_of(packets.begin(), packets.end(),
+                            [](const std::string& packet) { return packet.size() == 1; }));
 }
 
 }  // namespace
