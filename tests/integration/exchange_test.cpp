@@ -17,6 +17,7 @@ using test::plug;
 using test::RecordingClient;
 using test::requests;
 using test::sim;
+using test::stats;
 using test::text;
 
 class Exchange : public testing::Test {
@@ -115,22 +116,32 @@ TEST_F(Exchange, ADeviceThatNeverAnswersTimesOutAndMayComeLate) {
 }
 
 TEST_F(Exchange, DamagedAnswersAreDroppedAndTheLinkLives) {
-    const char* const faults[] = {"corrupt check", "corrupt terminator",  "corrupt json",
-                                  "corrupt attrs", "corrupt id",          "corrupt truncate",
-                                  "deep 32000",    "garbage message 5000"};
+    const struct {
+        const char* what;
+        bool lost;  ///< No answer can be read.
+    } faults[] = {
+        {"corrupt check", true}, {"corrupt terminator", true},
+        {"corrupt json", true},  {"corrupt attrs", true},
+        {"corrupt id", true},    {"corrupt truncate", true},
+        {"deep 32000", true},    {"garbage message 5000", false},
+    };
     // Every sender waits in vain for its damaged answer, all at the same time, on a device each.
     std::vector<JovuDeviceAddress> devices;
+    for (std::size_t i = 0; i < std::size(faults); ++i)
+        devices.push_back(plug());
     std::vector<std::thread> victims;
-    for (const char* const what : faults) {
-        const JovuDeviceAddress victim = plug();
+    for (const auto& fault : faults) {
+        const JovuDeviceAddress victim = devices[victims.size()];
         ASSERT_TRUE(client.wait_connected(victim));
-        sim("fault " + name(victim) + " " + what);
-        devices.push_back(victim);
-        victims.emplace_back([this, victim, what] {
+        sim("fault " + name(victim) + " " + fault.what);
+        victims.emplace_back([this, victim, fault] {
             client.gcode_process_command(victim, text("M105"));
-            const std::string reason = JovuTransport::last_send_error();
+            EXPECT_EQ(
+                JovuTransport::last_send_error(),
+                fault.lost ? "Transport Error - Waiting for response to request timed out." : "")
+                << fault.what;
             client.gcode_process_command(victim, text("M105"));
-            EXPECT_EQ(JovuTransport::last_send_error(), "") << "after " << what << ": " << reason;
+            EXPECT_EQ(JovuTransport::last_send_error(), "") << "after " << fault.what;
         });
     }
     for (std::thread& victim : victims)
@@ -173,18 +184,19 @@ TEST_F(Exchange, UnaskedForDocumentsOfEveryShapeDisturbNothing) {
 }
 
 TEST_F(Exchange, SplitAnswersAndFloodsAreRead) {
+    const auto received = [&] { return stats(device)["endpoints"]["81"]; };
     fault("split 1");
     EXPECT_TRUE(client.answers(device));
+    EXPECT_EQ(received()["transfers"], received()["bytes"]) << "a transfer for each byte";
     fault("clear");
     // The answer stands behind both floods, some 3,100 transfers, and still has to come in time.
     fault("flood message 500");
     fault("flood job 500");
     EXPECT_TRUE(client.answers(device));
+    EXPECT_EQ(client.texts().size(), 500U);
     sim("event " + name(device) + " after the flood");
-    EXPECT_TRUE(eventually([&] {
-        const auto texts = client.texts();
-        return !texts.empty() && texts.back() == "after the flood";
-    }));
+    EXPECT_TRUE(client.wait_text("after the flood"));
+    EXPECT_TRUE(eventually([&] { return client.statuses().size() == 500; }));
 }
 
 TEST_F(Exchange, AStalledEndpointIsAClearErrorAndTheNextExchangeWorks) {
