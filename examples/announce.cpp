@@ -12,13 +12,14 @@ namespace {
 
 class Announcer : public JovuClient {
 public:
-    // The hold keeps devices from being announced before this object is complete.
-    explicit Announcer(const JovuScanHold& = JovuScanHold()) {}
+    // The pause keeps devices from connecting before this object is complete. Strict matching drops
+    // a response that another device sends in the place of the one that was asked.
+    explicit Announcer(const JovuScanPause& = JovuScanPause()) { set_strict_matching(true); }
 
-    // First of all no more calls: afterwards nobody can meet a half-destroyed Announcer.
+    // Ends all callbacks while the overrides still exist.
     ~Announcer() override { shutdown(); }
 
-    // Runs on a thread of its own, so it may talk to the device.
+    // Runs on a notification thread, so it may send commands to the device.
     void device_connected(JovuDeviceAddress address) override {
         const std::shared_ptr<char> version = bio_get_version(address);
         const std::shared_ptr<char> serial = bio_get_serial(address);

@@ -8,34 +8,15 @@
 #include "jovu/exception.h"
 #include "jovu/export.h"
 #include "jovu/job_interface.h"
+#include "jovu/scan_pause.h"
 #include "jovu/transport.h"
-
-/// While one of these exists, the link opens no device, so none is announced, and a client that is
-/// built meanwhile is not called at all: it gets no answers to commands either. Departures of
-/// devices are noticed late. Process-wide, may be nested; taking one waits for an opening that is
-/// going on (milliseconds).
-///
-/// A class derived from JovuClient is announced devices as soon as its JovuClient part stands, when
-/// its own members are not there yet. It takes a hold as the default argument of its constructor,
-/// which lives until the whole object is built:
-///
-///     class App : public JovuClient {
-///     public:
-///         explicit App(const JovuScanHold& = JovuScanHold()) {}
-///         ~App() override { shutdown(); }
-///         void device_connected(JovuDeviceAddress address) override;
-///     };
-class JOVU_API JovuScanHold {
-public:
-    JovuScanHold() noexcept;
-    ~JovuScanHold();
-    JovuScanHold(const JovuScanHold&) = delete;
-    JovuScanHold& operator=(const JovuScanHold&) = delete;
-};
 
 /// The whole library as one object: print jobs, firmware commands, firmware events and the
 /// transport. An application derives from it, overrides what it wants to be told, and calls the
 /// command and job methods with an address from device_connected() or list_connected().
+///
+/// A class derived from this one takes a JovuScanPause as the default argument of its constructor,
+/// so that it is complete when the first device connects.
 ///
 /// Construction starts the link; every device that is already attached is announced, as later ones
 /// are. A device that the process has open already, through another client, is not announced again;
@@ -66,12 +47,15 @@ public:
     /// A device is gone. Empty by default. See JovuTransport::device_disconnected().
     void device_disconnected(JovuDeviceAddress address) override;
 
-    /// Takes the client off the link for good: when it returns, no callback of this client is
-    /// running (but a device_connected() or device_disconnected() that made the call) and none will
-    /// follow. May be called more than once; an application calls it first in its own destructor.
-    /// @throws JovuException in a handler that is called with received data, having done nothing.
+    /// Takes the client off the link: when it returns, no callback of this client is running (but
+    /// one that made the call) and none will follow. May be called more than once; an application
+    /// calls it first in its own destructor.
+    ///
+    /// In a handler that is called with received data it cannot wait for other callbacks: none
+    /// begins after it returns, and the rest is left to a later call or the destructor. A client
+    /// must not be destroyed in a handler, except by std::exit(), which never returns to it.
     void shutdown();
 
 private:
-    explicit JovuClient(const JovuScanHold& hold);
+    explicit JovuClient(const JovuScanPause& hold);
 };

@@ -10,6 +10,7 @@
 
 #include "jovu/device_address.h"
 #include "jovu/export.h"
+#include "jovu/scan_pause.h"
 #include "jovu/usb_client.h"
 
 /// Cancels a push that runs on another thread. One object serves one push: it stays cancelled.
@@ -92,6 +93,9 @@ public:
     using Progress = void (*)(double percent, std::string job_id, void* user);
 
     /// Registers for the job channel; starts the link on first use.
+    ///
+    /// A class derived from this one alone takes a JovuScanPause as the default argument of its
+    /// constructor: without it, its callbacks may begin before it is built.
     /// @throws JovuException "Failed to initialize libusb", or when called from inside a callback
     ///     with received data; std::system_error when no thread can be started.
     JovuJobInterface();
@@ -184,9 +188,9 @@ public:
     virtual void JobDataReceived(JovuDeviceAddress address, const unsigned char* text,
                                  unsigned int length);
 
-    /// Takes this object off the link for good: when it returns, no callback of this object is
-    /// running and none will follow. May be called more than once. A class derived from this one
-    /// calls it first in its own destructor, while its overrides are still there to be called.
+    /// Takes this object off the link: when it returns, no callback of this object is running and
+    /// none will follow. May be called more than once. A class derived from this one calls it first
+    /// in its own destructor, while its overrides are still there to be called.
     ///
     /// Requests fail from now on with "Send failed - The client has been shut down." A push of this
     /// object ends with the same error, also while other clients of the process go on; its device
@@ -194,7 +198,10 @@ public:
     /// progress callback and its current write (some seconds, for a device that takes no data). In
     /// a progress callback it does not wait for the push that makes the callback, which ends when
     /// the callback returns.
-    /// @throws JovuException on a thread that delivers received data, having done nothing.
+    ///
+    /// In a handler that is called with received data it cannot wait for pushes and other
+    /// callbacks: none begins after it returns, and the rest is left to a later call or the
+    /// destructor.
     void shutdown();
 
 private:

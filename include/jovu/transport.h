@@ -8,8 +8,10 @@
 
 #include "jovu/device_address.h"
 #include "jovu/export.h"
+#include "jovu/scan_pause.h"
 #include "jovu/usb_client.h"
 
+class JovuEventInterface;
 class JovuMessage;
 struct yajl_val_s;
 
@@ -54,23 +56,44 @@ public:
     /// sent. Each thread has its own; empty before its first exchange.
     static std::string last_send_error();
 
-    /// A device can be talked to. Called on a thread of its own for every announcement; may send
-    /// commands to the device, and must not throw, as an exception on that thread ends the process.
-    /// Such calls may overlap with one another and with device_disconnected(), and come in any
-    /// order when a device is replugged quickly.
+    /// A device can be talked to. Called on a notification thread, which is neither the caller's
+    /// nor the one that receives data; several notifications may share one. May send commands to
+    /// the device, and must not throw, as an exception on that thread ends the process. Such calls
+    /// may overlap with one another and with device_disconnected(), and come in any order when a
+    /// device is replugged quickly.
     virtual void device_connected(JovuDeviceAddress address) = 0;
 
     /// A device is gone: requests that waited for it have been woken and no exchange with it is
-    /// running any more. Called on a thread of its own; must not throw.
+    /// running any more. Called on a notification thread; must not throw.
     virtual void device_disconnected(JovuDeviceAddress address) = 0;
 
-    /// Takes this object off the link for good. When it returns, no notification thread and no
-    /// handler of this object is running (but one that made the call), none will follow, requests
-    /// that waited have failed, and later ones fail at once. May be called more than once. A class
-    /// derived from this one calls it first in its own destructor, while its overrides and members
-    /// are still there to be used.
-    /// @throws JovuException on a thread that delivers received data, having done nothing.
+    /// Takes this object off the link. When it returns, no notification thread and no handler of
+    /// this object is running (but one that made the call), none will follow, requests that waited
+    /// have failed, and later ones fail at once. May be called more than once. A class derived from
+    /// this one calls it first in its own destructor, while its overrides and members are still
+    /// there to be used.
+    ///
+    /// In a handler that is called with received data it cannot wait for other callbacks: none
+    /// begins after it returns, and the rest is left to a later call or the destructor.
     void shutdown();
+
+    /// Chooses how responses are matched with the requests of this object.
+    ///
+    /// By default the message id alone decides, whichever device sent the response: the protocol is
+    /// described so, and any attached device can answer a command that went to another one. With
+    /// strict matching a response must come over the connection that its request went to and, where
+    /// it names a command, name the same one. Any other response is dropped, with one line on
+    /// standard output per request, and the request goes on waiting. Message ids then begin at a
+    /// random number in each process, so that a response that an ended process left unread in the
+    /// device is not taken for a new one's, and a frame that one connection began is not completed
+    /// by the next one at its address.
+    ///
+    /// Choose strict matching unless devices are known to send responses through one another or
+    /// under other names. Call it before devices connect: first thing in the constructor of a class
+    /// that takes a JovuScanPause.
+    /// @throws JovuException once an exchange of this object has begun; std::exception when the
+    ///     system has no random numbers.
+    void set_strict_matching(bool strict);
 
     /// Sends a message and, if it expects an answer, waits for it. Used by the library's own
     /// messages. Throws nothing: a failure is printed as one line on standard output, is told by
@@ -84,11 +107,19 @@ public:
 
 protected:
     /// Registers for the message channel; starts the link on first use.
+    ///
+    /// A class derived from this one alone takes a JovuScanPause as the default argument of its
+    /// constructor: without it, its callbacks may begin before it is built.
+    /// @param events receives the events of the same client; stays the caller's and outlives this
+    ///     object. Null to ignore events.
     /// @throws JovuException "Failed to initialize libusb", or when called from inside a callback
     ///     with received data; std::system_error when no thread can be started.
-    JovuTransport();
+    explicit JovuTransport(JovuEventInterface* events = nullptr);
 
 private:
+    friend class JovuEvent;
+    JovuEventInterface* event_interface() const noexcept;
+
     void usb_device_connected(JovuDeviceAddress address) override;
     void usb_device_disconnected(JovuDeviceAddress address) override;
     void data_received(unsigned char* data, unsigned int length,

@@ -10,7 +10,6 @@ namespace jovusim {
 namespace {
 
 constexpr std::uint16_t kUsb20 = 0x0200;
-constexpr std::uint8_t kConfigurationValue = 1;
 constexpr std::uint8_t kMaxPower = 50;  // in units of 2 mA
 constexpr std::uint16_t kEnglish = 0x0409;
 

@@ -11,6 +11,9 @@
 
 namespace jovusim {
 
+/// The only configuration's number.
+constexpr std::uint8_t kConfigurationValue = 1;
+
 /// The answer to GET_DESCRIPTOR, whole; nothing when the device has no such descriptor.
 /// @param type  descriptor type as in the high byte of wValue
 /// @param index as in the low byte of wValue

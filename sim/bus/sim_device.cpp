@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "bus/clock.h"
+#include "bus/descriptors.h"
 
 namespace jovusim {
 
@@ -38,7 +39,6 @@ void SimDevice::close(ClientId client) {
         it = it->second == client ? claims_.erase(it) : std::next(it);
     }
     clients_.erase(client);
-    // What nobody has read is not for the next program.
     if (clients_.empty()) function_->host_left();
     settle(now_ms());
 }
@@ -116,9 +116,20 @@ int SimDevice::reset() {
     const std::lock_guard<std::mutex> lock(mutex_);
     if (unplugged_) return ENODEV;
     const Millis now = now_ms();
+    engine_.end_all(-ENOENT);
+    claims_.clear();
     function_->bus_reset(now);
     settle(now);
     return unplugged_ ? ENODEV : 0;
+}
+
+int SimDevice::set_configuration(unsigned value) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    if (unplugged_) return ENODEV;
+    if (!claims_.empty()) return EBUSY;
+    if (value != kConfigurationValue) return EINVAL;
+    function_->configure();
+    return 0;
 }
 
 int SimDevice::check_present() {
@@ -143,7 +154,7 @@ void SimDevice::unplug() {
 void SimDevice::unplug_locked() {
     if (unplugged_) return;
     unplugged_ = true;
-    engine_.shut_down(-ESHUTDOWN);
+    engine_.end_all(-ESHUTDOWN);
     // Only the hang-up makes libusb look: it reaps what ended above and then sees ENODEV.
     node_.hang_up();
     wake_();

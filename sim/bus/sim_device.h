@@ -58,7 +58,10 @@ public:
     /// @returns 0 with the transfer in urb, EAGAIN, or ENODEV when the device is gone and nothing
     ///     finished is left
     int reap(ClientId client, std::optional<Urb>& urb);
+    /// As in the kernel, a reset takes the interfaces and the transfers in flight from all open
+    /// files; selecting a configuration fails with EBUSY while an interface is claimed.
     int reset();
+    int set_configuration(unsigned value);
     /// 0 or ENODEV: for what needs nothing but the device's presence.
     int check_present();
     /// @}

@@ -25,18 +25,22 @@ void erase_if(std::deque<Urb>& urbs, Predicate predicate) {
 }
 
 /// The data stage of a standard request that the device answers, or nothing for a stall.
-std::optional<std::string> standard_request(const UsbIdentity& identity,
-                                            const usb_ctrlrequest& setup) {
+std::optional<std::string> standard_request(UsbFunction& function, const usb_ctrlrequest& setup) {
     const bool to_host = (setup.bRequestType & USB_DIR_IN) != 0;
     switch (setup.bRequest) {
         case USB_REQ_GET_DESCRIPTOR:
             if (!to_host) return std::nullopt;
-            return find_descriptor(identity, static_cast<std::uint8_t>(setup.wValue >> 8U),
+            return find_descriptor(function.identity(),
+                                   static_cast<std::uint8_t>(setup.wValue >> 8U),
                                    static_cast<std::uint8_t>(setup.wValue & 0xFFU));
         case USB_REQ_GET_STATUS:
             return std::string(2, '\0');
         case USB_REQ_GET_CONFIGURATION:
             return std::string(1, '\1');
+        case USB_REQ_SET_CONFIGURATION:
+            if (to_host || setup.wValue != kConfigurationValue) return std::nullopt;
+            function.configure();
+            return std::string();
         default:
             return std::nullopt;
     }
@@ -137,7 +141,7 @@ void UrbEngine::run_control(Urb urb, Millis now) {
     std::uint8_t* const stage = urb.buffer + sizeof setup;
     std::optional<std::string> reply;
     if ((setup.bRequestType & USB_TYPE_MASK) == USB_TYPE_STANDARD) {
-        reply = standard_request(function_.identity(), setup);
+        reply = standard_request(function_, setup);
     } else {
         const std::string data(reinterpret_cast<const char*>(stage), to_host ? 0 : room);
         reply = function_.control(
@@ -210,7 +214,7 @@ void UrbEngine::forget(ClientId client) {
     erase_if(finished_, is_its);
 }
 
-void UrbEngine::shut_down(int status) {
+void UrbEngine::end_all(int status) {
     for (auto& [address, endpoint] : endpoints_) {
         finish_all(endpoint.waiting, status);
         finish_all(endpoint.stuck, status);

@@ -58,8 +58,8 @@ public:
     /// Forgets everything about a client.
     void forget(ClientId client);
 
-    /// Ends all transfers in flight with that status, a negative errno, for good.
-    void shut_down(int status);
+    /// Ends all transfers in flight with that status, a negative errno.
+    void end_all(int status);
 
     /// Whether a finished transfer waits for its client.
     bool has_finished() const { return !finished_.empty(); }

@@ -93,8 +93,9 @@ UsbfsSession::Outcome UsbfsSession::carry_out(const Request& request) {
         case USBDEVFS_GETDRIVER:
         case USBDEVFS_IOCTL:
             return ENODATA;  // no kernel driver is bound to this device
-        case USBDEVFS_SETINTERFACE:
         case USBDEVFS_SETCONFIGURATION:
+            return set_configuration(request);
+        case USBDEVFS_SETINTERFACE:
         case USBDEVFS_CLEAR_HALT:
         case USBDEVFS_RESETEP:
             return 0;
@@ -117,6 +118,12 @@ UsbfsSession::Outcome UsbfsSession::with_interface(const Request& request,
     unsigned number = 0;
     if (!link_.read(request.argument, &number, sizeof number)) return EFAULT;
     return (device_.get()->*work)(client_, number);
+}
+
+UsbfsSession::Outcome UsbfsSession::set_configuration(const Request& request) {
+    unsigned value = 0;
+    if (!link_.read(request.argument, &value, sizeof value)) return EFAULT;
+    return device_->set_configuration(value);
 }
 
 UsbfsSession::Outcome UsbfsSession::disconnect_claim(const Request& request) {

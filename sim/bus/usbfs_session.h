@@ -31,6 +31,7 @@ private:
     Outcome carry_out(const Request& request);
     Outcome capabilities(const Request& request);
     Outcome with_interface(const Request& request, int (SimDevice::*work)(ClientId, unsigned));
+    Outcome set_configuration(const Request& request);
     Outcome disconnect_claim(const Request& request);
     Outcome submit(const Request& request);
     Outcome reap(const Request& request);

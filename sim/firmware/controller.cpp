@@ -71,10 +71,9 @@ std::optional<Millis> Controller::next_due() const {
     return message ? message : job;
 }
 
-void Controller::host_left() {
-    messages_.outbox().clear();
-    jobs_.outbox().clear();
-    machine_.record_samples(false);
+void Controller::reset_channels() {
+    messages_.reset();
+    jobs_.reset();
 }
 
 bool Controller::wants_to_leave(Millis now) const {

@@ -34,13 +34,15 @@ public:
                  Millis now) override;
     std::optional<std::string> next_packet(std::uint8_t endpoint, Millis now) override;
     std::optional<Millis> next_due() const override;
+    void bus_reset(Millis /*now*/) override { reset_channels(); }
+    void configure() override { reset_channels(); }
     bool wants_to_leave(Millis now) const override;
     std::unique_ptr<UsbFunction> successor() override;
     DfuFaults& dfu_faults() override { return dfu_faults_; }
     void tick(Millis now) override { advance(now); }
     std::optional<Millis> next_tick() const override { return machine_.next_due(); }
     void host_came() override { machine_.record_samples(true); }
-    void host_left() override;
+    void host_left() override { machine_.record_samples(false); }
     Json stats(Millis now) override;
     std::vector<std::string> take_complaints() override { return complaints_.take(); }
 
@@ -64,6 +66,7 @@ public:
 
 private:
     void advance(Millis now);
+    void reset_channels();
     Outbox& outbox(Channel channel);
 
     const DeviceNature nature_;

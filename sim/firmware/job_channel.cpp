@@ -87,14 +87,26 @@ void JobChannel::tick(Millis now) {
         complaints_.add(kJobChannel + std::string("the push stopped after ") +
                         std::to_string(push_.received) + " of " + std::to_string(push_.size) +
                         " bytes");
-        owed_ = 0;
-        machine_.job().fail(push_.accepted ? JobError::incomplete : JobError::busy);
+        end_push();
     } else if (scanner_.depth > 0) {
         complaints_.add(kJobChannel + std::string("an object was left unfinished: ") +
                         excerpt(scanner_.text));
         scanner_ = {};
         machine_.job().fail(JobError::request);
     }
+}
+
+void JobChannel::reset() {
+    outbox_.clear();
+    scanner_ = {};
+    stray_reported_ = false;
+    if (in_push()) end_push();
+}
+
+/// Ends a push before its last byte.
+void JobChannel::end_push() {
+    owed_ = 0;
+    machine_.job().fail(push_.accepted ? JobError::incomplete : JobError::busy);
 }
 
 std::size_t JobChannel::take_data(const std::uint8_t* data, std::size_t size) {

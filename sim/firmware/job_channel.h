@@ -28,6 +28,9 @@ public:
     /// Gives up on a push or an object whose bytes have stopped coming.
     void tick(Millis now);
 
+    /// Drops an object that has begun and all output, and ends a push that is arriving.
+    void reset();
+
     /// Queues that many status reports at once.
     void flood(std::uint64_t reports);
 
@@ -58,6 +61,7 @@ private:
 
     std::size_t take_data(const std::uint8_t* data, std::size_t size);
     void finish_push();
+    void end_push();
     void take_text(char c, Millis now);
     void handle(const std::string& text, Millis now);
     void handle_request(const std::string& type, const std::string& text, const Json& object,

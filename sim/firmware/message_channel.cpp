@@ -46,6 +46,11 @@ void MessageChannel::receive(const std::uint8_t* data, std::size_t size, Millis 
     }
 }
 
+void MessageChannel::reset() {
+    reader_.reset();
+    outbox_.clear();
+}
+
 void MessageChannel::handle(const std::string& payload, Millis now) {
     std::optional<Request> request = read_request(payload, complaints_);
     if (!request) return;

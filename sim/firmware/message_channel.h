@@ -28,6 +28,9 @@ public:
 
     void receive(const std::uint8_t* data, std::size_t size, Millis now);
 
+    /// Drops a frame that has begun and all output.
+    void reset();
+
     /// Queues a debug event with that text, or the first kLongestEventText bytes of it.
     void send_debug_event(const std::string& text, Millis now);
 

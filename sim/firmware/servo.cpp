@@ -87,7 +87,7 @@ void Servo::begin(const MoveOrder& order) {
     task_ = Task::move;
     metrics_ = {};
     stalled_ = false;
-    cycles_ = settling_ = capped_ = 0;
+    pause_ = cycles_ = settling_ = capped_ = 0;
     profile_.go(order.target, order.limits);
 }
 

@@ -98,6 +98,9 @@ public:
     /// The host resets the device.
     virtual void bus_reset(Millis /*now*/) {}
 
+    /// The host selects the device's only configuration, which empties its endpoints.
+    virtual void configure() {}
+
     /// Whether the device leaves the bus by itself now.
     virtual bool wants_to_leave(Millis now) const = 0;
 
@@ -113,7 +116,8 @@ public:
     /// The first program on the host has opened the device.
     virtual void host_came() {}
 
-    /// The last program on the host has closed the device.
+    /// The last program on the host has closed the device. Nothing on the bus shows that: what the
+    /// device has not sent by then meets the next program.
     virtual void host_left() {}
 
     /// Counters as a JSON object.

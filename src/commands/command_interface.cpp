@@ -17,17 +17,20 @@ template <auto method, class... Args>
 auto call(JovuTransport& transport, JovuDeviceAddress address, Args... args) {
     const auto& row = jovu::row<method>;
     using Result = typename jovu::CommandRow<method>::Result;
-    using Read = std::conditional_t<std::is_void_v<Result>, int, Result>;
+    constexpr bool kVoid = std::is_void_v<Result>;
     const auto send = [address](auto command) {
         command.send(address);
-        if constexpr (!std::is_void_v<Result>) return std::move(command.result());
+        if constexpr (!kVoid) return std::move(command.result());
     };
     if constexpr (sizeof...(Args) == 0) {
-        return send(JovuFirmwareCommandNoArg<Read>(transport, std::string(row.name), row.idx));
+        using Command = std::conditional_t<kVoid, VoidJovuFirmwareCommandNoArg,
+                                           JovuFirmwareCommandNoArg<Result>>;
+        return send(Command(transport, std::string(row.name), row.idx));
     } else {
-        return send(JovuFirmwareCommand<Read, Args...>(
-            transport, std::string(row.name), row.idx, {std::move(args)...},
-            std::vector<std::string>(row.keys.begin(), row.keys.end())));
+        using Command = std::conditional_t<kVoid, VoidJovuFirmwareCommand<Args...>,
+                                           JovuFirmwareCommand<Result, Args...>>;
+        return send(Command(transport, std::string(row.name), row.idx, {std::move(args)...},
+                            std::vector<std::string>(row.keys.begin(), row.keys.end())));
     }
 }
 

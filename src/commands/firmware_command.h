@@ -6,6 +6,7 @@
 #include <cstddef>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <tuple>
 #include <utility>
 #include <vector>
@@ -74,6 +75,8 @@ public:
           name_(std::move(name)),
           idx_(idx) {}
 
+    std::string_view command_name() const noexcept override { return name_; }
+
     /// The form without arguments.
     JovuFirmwareCommand(JovuTransport& transport, std::string name, int idx)
         : JovuFirmwareCommand(transport, std::move(name), idx, std::tuple<Args...>(), {}) {}
@@ -93,12 +96,16 @@ public:
 
     /// Reads the result, and keeps the reply as a typed command of its own with the arguments that
     /// the device echoed; the caller's argument buffers are never written. A reply without a result
-    /// leaves the result zero; one whose result is of another kind counts as no reply.
+    /// leaves the result zero; one whose result is of another kind counts as no reply, unless the
+    /// command discards its result.
     void set_response(std::shared_ptr<JovuMessage>& reply) override {
         const yajl_val command = get_unparsed_command(reply);
         const bool returned = command != nullptr && get_unparsed_return(reply) != nullptr;
         R result{};
-        if (returned && !cmd_ifc_deserialize_type(command, "__return__", result)) return;
+        if (returned && !cmd_ifc_deserialize_type(command, "__return__", result) &&
+            !discards_result_) {
+            return;
+        }
         std::tuple<Args...> echoed{};
         std::vector<std::string> keys(sizeof...(Args));
         const yajl_val args = get_unparsed_args(reply);
@@ -119,12 +126,17 @@ public:
 
     const std::tuple<Args...>& args() const noexcept { return args_; }
 
+protected:
+    /// For a command whose result nobody reads: any kind of "__return__" will do, such as null.
+    void discard_result() noexcept { discards_result_ = true; }
+
 private:
     std::tuple<Args...> args_;
     std::vector<std::string> arg_keys_;
     std::string name_;
     std::int32_t idx_;
     R result_{};
+    bool discards_result_ = false;
 };
 
 /// A command without arguments. The `int` is a dummy that is never sent.
@@ -139,12 +151,19 @@ public:
 template <class... Args>
 class VoidJovuFirmwareCommand : public JovuFirmwareCommand<int, Args...> {
 public:
-    using JovuFirmwareCommand<int, Args...>::JovuFirmwareCommand;
+    VoidJovuFirmwareCommand(JovuTransport& transport, std::string name, int idx,
+                            std::tuple<Args...> args, std::vector<std::string> keys)
+        : JovuFirmwareCommand<int, Args...>(transport, std::move(name), idx, std::move(args),
+                                            std::move(keys)) {
+        this->discard_result();
+    }
 };
 
 /// A command without arguments whose result is read and discarded.
 class VoidJovuFirmwareCommandNoArg : public JovuFirmwareCommand<int, int> {
 public:
     VoidJovuFirmwareCommandNoArg(JovuTransport& transport, std::string name, int idx)
-        : JovuFirmwareCommand<int, int>(transport, std::move(name), idx) {}
+        : JovuFirmwareCommand<int, int>(transport, std::move(name), idx) {
+        discard_result();
+    }
 };

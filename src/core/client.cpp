@@ -2,21 +2,23 @@
 
 #include "usb/usb.h"
 
-JovuScanHold::JovuScanHold() noexcept {
+JovuScanPause::JovuScanPause() noexcept {
     JovuUsb::hold_scans();
 }
 
-JovuScanHold::~JovuScanHold() {
+JovuScanPause::~JovuScanPause() {
     JovuUsb::release_scans();
 }
 
 // The job interface registers first. A device that were opened before the transport has registered
 // as well would never be announced.
-JovuClient::JovuClient() : JovuClient(JovuScanHold()) {}
+JovuClient::JovuClient() : JovuClient(JovuScanPause()) {}
 
-JovuClient::JovuClient(const JovuScanHold& /*hold*/)
+JovuClient::JovuClient(const JovuScanPause& /*hold*/)
     : JovuCommandInterface(static_cast<JovuTransport&>(*this)),
-      JovuEventInterface(static_cast<JovuTransport&>(*this)) {}
+      JovuEventInterface(static_cast<JovuTransport&>(*this)),
+      // Handed over, because a cross-cast would need the application's run-time type information.
+      JovuTransport(static_cast<JovuEventInterface*>(this)) {}
 
 JovuClient::~JovuClient() {
     JovuClient::shutdown();
@@ -27,7 +29,6 @@ void JovuClient::device_connected(JovuDeviceAddress /*address*/) {}
 void JovuClient::device_disconnected(JovuDeviceAddress /*address*/) {}
 
 void JovuClient::shutdown() {
-    JovuUsb::refuse_in_callback("Shutdown");
     // Before the transport leaves, which may stop the USB backend: a push then fails because of the
     // shutdown and not as if its device had been unplugged.
     JovuJobInterface::reject_calls();

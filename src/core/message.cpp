@@ -1,6 +1,7 @@
 #include "core/message.h"
 
 #include <array>
+#include <random>
 
 #include "core/attribute_words.h"
 #include "jovu/event_interface.h"
@@ -98,6 +99,13 @@ std::string JovuMessage::compile() {
     gen_map_close(g);
     if (generator_refused) throw JovuException("Send failed - a value has no JSON form.");
     return std::string(generator.text());
+}
+
+void JovuMessage::start_ids_anywhere() {
+    static std::atomic<bool> started{false};
+    constexpr std::uint32_t kRange = std::uint32_t{1} << 30U;
+    const std::uint32_t start = std::random_device{}() % kRange;
+    if (!started.exchange(true)) _msg_cnt += start;
 }
 
 void JovuMessage::send(JovuDeviceAddress address) {
@@ -207,9 +215,7 @@ JovuEvent::JovuEvent(const JovuMessage& msg) : JovuMessage(msg, kEvent) {}
 void JovuEvent::handle_receive(JovuDeviceAddress address, std::shared_ptr<JovuMessage>& msg) {
     const char* const name = jovu::find_string(body_of(msg), {"event", "name"});
     if (name == nullptr || transport() == nullptr) return;
-    // The transport and the event interface are two bases of one client; a transport on its own has
-    // nobody to tell.
-    auto* const events = dynamic_cast<JovuEventInterface*>(transport());
+    JovuEventInterface* const events = transport()->event_interface();
     if (events == nullptr) return;
     JovuEvent* const event = events->get_firmware_event(name);
     if (event != nullptr) event->execute(address, msg);

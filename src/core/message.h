@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <string_view>
 
 #include "jovu/device_address.h"
 
@@ -61,6 +62,16 @@ public:
     /// Called on the receiving thread for a received message that is not a response: ignored.
     virtual void handle_receive(JovuDeviceAddress address, std::shared_ptr<JovuMessage>& msg);
 
+    /// The command that this message requests, which strict matching compares with the one that a
+    /// response names. Empty for anything but a typed command.
+    virtual std::string_view command_name() const noexcept { return {}; }
+
+    /// Moves the process's message ids on to a random number, once. A response that a process did
+    /// not read before it ended stays in the device, and its id would be met again by a process
+    /// that counts from 1 as well.
+    /// @throws std::exception when the system has no random numbers.
+    static void start_ids_anywhere();
+
     /// @return the complete JSON text.
     /// @throws JovuException when a value has no JSON form (NaN, an infinity), std::bad_alloc.
     std::string compile();
@@ -111,7 +122,7 @@ protected:
     std::int32_t kind_ = kPlain;
 
 private:
-    /// Ids are process-wide, start at 1 and wrap.
+    /// Ids are process-wide, start at 1 (but see start_ids_anywhere()) and wrap.
     static std::atomic<std::uint32_t> _msg_cnt;
 
     std::uint32_t flags_;

@@ -13,21 +13,27 @@
 #include "json/json.h"
 #include "usb/usb.h"
 
-JovuTransport::JovuTransport() : state_(std::make_unique<State>()) {
+JovuTransport::JovuTransport(JovuEventInterface* events) : state_(std::make_unique<State>(events)) {
     JovuUsb::client_register(*this, JovuUsb::JOVU_USB_INTERFACE_MESSAGES);
 }
 
 JovuTransport::~JovuTransport() {
     JovuTransport::shutdown();
+    // In a callback, as when a handler calls std::exit() and the client is a static object, what
+    // called the handler still uses the state.
+    if (JovuUsb::in_callback()) static_cast<void>(state_.release());
 }
 
 void JovuTransport::shutdown() {
-    JovuUsb::refuse_in_callback("Shutdown");
-    // Senders are turned away first, so that nothing the link waits for takes an answer's time.
+    // Senders are turned away first, so that nothing the link waits for takes a response's time.
     state_->notices.close();
     state_->exchanges.close();
     state_->device_mutexes.close();
     state_->waiting.wake_all();
+    if (JovuUsb::in_callback()) {
+        JovuUsb::client_detach(*this, JovuUsb::JOVU_USB_INTERFACE_MESSAGES);
+        return;
+    }
     state_->registration.end(
         [this] { JovuUsb::client_unregister(*this, JovuUsb::JOVU_USB_INTERFACE_MESSAGES); });
     state_->exchanges.wait();
@@ -71,7 +77,21 @@ jovu::NoticeThreads::Prepared JovuTransport::State::farewell(JovuTransport& tran
     });
 }
 
+JovuEventInterface* JovuTransport::event_interface() const noexcept {
+    return state_->events;
+}
+
+void JovuTransport::set_strict_matching(bool strict) {
+    if (state_->exchanged) {
+        throw JovuException("Strict matching must be chosen before the first exchange.");
+    }
+    if (strict) JovuMessage::start_ids_anywhere();
+    state_->strict = strict;
+}
+
 void JovuTransport::usb_device_connected(JovuDeviceAddress address) {
+    // The rest of a frame that another connection began is not this device's response.
+    if (state_->strict) state_->rx_states.erase(address);
     std::shared_ptr<jovu::SendLock> lock =
         state_->device_mutexes.connect(address, JovuUsb::connection(address));
     state_->farewells.insert_or_assign(address, State::farewell(*this, address, std::move(lock)));
@@ -110,7 +130,9 @@ void JovuTransport::process_data_receive(unsigned char* payload, unsigned int le
         return;
     }
     if (message->is_response()) {
-        state_->waiting.respond(message);
+        const jovu::WaitingRequests::Sender sender{address, JovuUsb::connection(address),
+                                                   JovuCommand::get_unparsed_cmd_name(message)};
+        state_->waiting.respond(message, sender, state_->strict);
     } else {
         message->handle_receive(address, message);
     }

@@ -42,15 +42,15 @@ private:
     const std::shared_ptr<jovu::SendLock> lock_;
 };
 
-/// Caller has the turn with the device, which keeps the two writes of a frame together.
+/// Caller holds the device's send lock, so the frames of two senders do not mix.
 void send_command_data(const std::string& json, JovuDeviceAddress address,
                        JovuUsb::connection_t connection) {
     const jovu::Frame frame = jovu::make_frame(json);
-    JovuUsb::write(frame.header, sizeof frame.header, address, JovuUsb::JOVU_USB_INTERFACE_MESSAGES,
-                   connection);
-    JovuUsb::write(reinterpret_cast<const unsigned char*>(frame.body.data()),
-                   static_cast<unsigned int>(frame.body.size()), address,
-                   JovuUsb::JOVU_USB_INTERFACE_MESSAGES, connection);
+    // A header whose body does not follow would have the device take the next frame for the body.
+    JovuUsb::write({{frame.header, sizeof frame.header},
+                    {reinterpret_cast<const unsigned char*>(frame.body.data()),
+                     static_cast<unsigned int>(frame.body.size())}},
+                   address, JovuUsb::JOVU_USB_INTERFACE_MESSAGES, connection);
 }
 
 void print_failure(unsigned id, const char* what) noexcept {
@@ -62,6 +62,7 @@ void print_failure(unsigned id, const char* what) noexcept {
 
 void JovuTransport::send_message(JovuMessage& message, JovuDeviceAddress address) {
     const jovu::CallsInProgress::Call call(state_->exchanges);
+    state_->exchanged = true;
     jovu::set_last_send_error("");
     try {
         if (!call) throw JovuException(kDisconnected);
@@ -92,7 +93,8 @@ void JovuTransport::exchange(JovuMessage& message, JovuDeviceAddress address) {
     bool woken = false;
     {
         jovu::ResponseSignal signal;
-        const jovu::WaitingRequests::Entry entry(state_->waiting, message, signal, address);
+        const jovu::WaitingRequests::Entry entry(state_->waiting, message, signal, address,
+                                                 turn.connection());
         turn.check();
         send_command_data(message.compile(), address, turn.connection());
         woken = signal.wait(jovu::kResponseTimeout);

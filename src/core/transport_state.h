@@ -2,6 +2,7 @@
 /// What a transport keeps.
 #pragma once
 
+#include <atomic>
 #include <memory>
 #include <unordered_map>
 
@@ -15,6 +16,14 @@
 #include "usb/registration.h"
 
 struct JovuTransport::State {
+    explicit State(JovuEventInterface* event_interface) : events(event_interface) {}
+
+    /// Null for a transport that is no part of a client.
+    JovuEventInterface* const events;
+
+    std::atomic<bool> strict{false};     ///< Match responses by connection and command too.
+    std::atomic<bool> exchanged{false};  ///< An exchange has begun.
+
     /// Receive state per device address. Touched only by the link's calls for interface 0, which
     /// never overlap. An entry outlives its device: a frame that an unplug cut off goes on with the
     /// next bytes from the same address.

@@ -1,5 +1,9 @@
 #include "core/waiting_requests.h"
 
+#include <cstdio>
+#include <string_view>
+#include <utility>
+
 #include "core/message.h"
 
 namespace jovu {
@@ -20,10 +24,10 @@ bool ResponseSignal::wait(std::chrono::milliseconds limit) {
 }
 
 WaitingRequests::Entry::Entry(WaitingRequests& table, JovuMessage& request, ResponseSignal& signal,
-                              JovuDeviceAddress address)
+                              JovuDeviceAddress address, JovuUsb::connection_t connection)
     : table_(table), id_(request.id()), signal_(&signal) {
     const MutexLock lock(table_.mutex_);
-    table_.waiting_[id_] = {&request, &signal, address};
+    table_.waiting_[id_] = {&request, &signal, address, connection};
 }
 
 WaitingRequests::Entry::~Entry() {
@@ -35,14 +39,36 @@ WaitingRequests::Entry::~Entry() {
     }
 }
 
-void WaitingRequests::respond(std::shared_ptr<JovuMessage>& response) {
-    const MutexLock lock(mutex_);
-    const auto found = waiting_.find(response->id());
-    if (found == waiting_.end()) return;
-    found->second.request->set_response(response);
-    // The tree ends with this dispatch, the response may live on with the woken sender.
-    response->forget_data();
-    found->second.signal->post();
+const char* WaitingRequests::mismatch(const Waiting& waiting, const Sender& sender) {
+    if (sender.connection != waiting.connection) return "came over another connection";
+    const std::string_view command = waiting.request->command_name();
+    if (!sender.command.empty() && sender.command != command) return "names another command";
+    return nullptr;
+}
+
+void WaitingRequests::respond(std::shared_ptr<JovuMessage>& response, const Sender& sender,
+                              bool strict) {
+    const char* reason = nullptr;
+    {
+        const MutexLock lock(mutex_);
+        const auto found = waiting_.find(response->id());
+        if (found == waiting_.end()) return;
+        Waiting& waiting = found->second;
+        if (strict) reason = mismatch(waiting, sender);
+        if (reason == nullptr) {
+            waiting.request->set_response(response);
+            // The tree ends with this dispatch, the response may live on with the woken sender.
+            response->forget_data();
+            waiting.signal->post();
+            return;
+        }
+        // Once per request: a device that sends many must not fill the application's output.
+        if (std::exchange(waiting.mismatch_printed, true)) return;
+    }
+    std::fprintf(stdout, "JovuMessage: %u -- Response of %u:%u dropped - it %s.\n", response->id(),
+                 static_cast<unsigned>(sender.address.bus),
+                 static_cast<unsigned>(sender.address.address), reason);
+    std::fflush(stdout);
 }
 
 void WaitingRequests::wake(JovuDeviceAddress address) {

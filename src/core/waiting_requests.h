@@ -5,9 +5,11 @@
 #include <chrono>
 #include <map>
 #include <memory>
+#include <string>
 
 #include "base/mutex.h"
 #include "jovu/device_address.h"
+#include "usb/usb.h"
 
 class JovuMessage;
 
@@ -40,7 +42,7 @@ public:
     public:
         /// An entry that already holds the id is overwritten.
         Entry(WaitingRequests& table, JovuMessage& request, ResponseSignal& signal,
-              JovuDeviceAddress address);
+              JovuDeviceAddress address, JovuUsb::connection_t connection);
         ~Entry();
         Entry(const Entry&) = delete;
         Entry& operator=(const Entry&) = delete;
@@ -51,9 +53,19 @@ public:
         ResponseSignal* const signal_;
     };
 
-    /// Hands a response to the request with its id and wakes the sender; a response that nobody
-    /// waits for is dropped. Matched by id alone, whichever device sent it.
-    void respond(std::shared_ptr<JovuMessage>& response);
+    /// What a response came from.
+    struct Sender {
+        JovuDeviceAddress address;
+        JovuUsb::connection_t connection;
+        std::string command;  ///< The command that the response names; empty for none.
+    };
+
+    /// Hands a response to the request with its id and wakes the sender of the request. A response
+    /// that no request waits for is dropped.
+    /// @param strict also drops, with one line on standard output per request, a response that
+    ///     came over another connection than the request went to, or that names another command.
+    ///     Otherwise the id alone decides, whichever device sent the response.
+    void respond(std::shared_ptr<JovuMessage>& response, const Sender& sender, bool strict);
 
     /// Wakes, without a response, the senders that wait for a device.
     void wake(JovuDeviceAddress address);
@@ -66,7 +78,12 @@ private:
         JovuMessage* request;
         ResponseSignal* signal;
         JovuDeviceAddress address;
+        JovuUsb::connection_t connection;
+        bool mismatch_printed = false;
     };
+
+    /// @return why a response is not the one to a request; null when it is.
+    static const char* mismatch(const Waiting& waiting, const Sender& sender);
 
     /// Taken before a signal's mutex. Held while a request reads its response, so that the entry's
     /// owner cannot leave meanwhile.

@@ -18,11 +18,16 @@ JovuJobInterface::JovuJobInterface() : state_(std::make_unique<State>()) {
 
 JovuJobInterface::~JovuJobInterface() {
     JovuJobInterface::shutdown();
+    // As in ~JovuTransport().
+    if (JovuUsb::in_callback()) static_cast<void>(state_.release());
 }
 
 void JovuJobInterface::shutdown() {
-    JovuUsb::refuse_in_callback("Shutdown");
     reject_calls();
+    if (JovuUsb::in_callback()) {
+        JovuUsb::client_detach(*this, JovuUsb::JOVU_USB_INTERFACE_JOBS);
+        return;
+    }
     state_->registration.end(
         [this] { JovuUsb::client_unregister(*this, JovuUsb::JOVU_USB_INTERFACE_JOBS); });
     state_->calls.wait();

@@ -46,7 +46,8 @@ template <class Call>
 void call_each(Link::Clients& clients, Call call) JOVU_REQUIRES(clients.mutex) {
     const std::uint64_t ended = link().scan_holds.now().ended;
     for (const Link::Clients::Entry& entry : clients.list) {
-        if (entry.live_after <= ended) call(*entry.client);
+        // A client may be detached by an earlier one's callback.
+        if (entry.client != nullptr && entry.live_after <= ended) call(*entry.client);
     }
 }
 

@@ -17,4 +17,8 @@ void handle_events(const Context& context, std::chrono::milliseconds limit, int*
     if (result < 0 && result != LIBUSB_ERROR_INTERRUPTED) std::this_thread::sleep_for(kErrorPause);
 }
 
+void interrupt_event_handling(libusb_context* context) noexcept {
+    libusb_interrupt_event_handler(context);
+}
+
 }  // namespace jovu

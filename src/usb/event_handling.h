@@ -14,4 +14,7 @@ namespace jovu {
 /// @param completed a flag that ends the wait when it is set; may be null.
 void handle_events(const Context& context, std::chrono::milliseconds limit, int* completed);
 
+/// Ends the event wait that is going on, or else the next one. Any thread, in a callback too.
+void interrupt_event_handling(libusb_context* context) noexcept;
+
 }  // namespace jovu

@@ -55,12 +55,6 @@ void Link::remove_devices() noexcept {
     }
 }
 
-void Link::interrupt_watcher() {
-    const MutexLock lock(directory_mutex);
-    for (const auto& entry : _connected_devices)
-        entry.second->cancel_reception();
-}
-
 std::vector<JovuDeviceAddress> Link::addresses() {
     const MutexLock lock(directory_mutex);
     std::vector<JovuDeviceAddress> result;

@@ -43,7 +43,7 @@ struct Link {
     /// The clients of one interface number. The lock is held while they are called.
     struct Clients {
         struct Entry {
-            JovuUsbClient* client;
+            JovuUsbClient* client;  ///< Null once the client is detached.
             /// Not called before so many times of holds have ended: whoever registers under a hold
             /// is still being built.
             std::uint64_t live_after;
@@ -63,7 +63,8 @@ struct Link {
     std::unordered_map<JovuDeviceAddress, std::unique_ptr<UsbDevice>> _connected_devices
         JOVU_GUARDED_BY(directory_mutex);
 
-    /// Set when a device may have to be removed before the next scan finds out.
+    /// Set when a device may have to be removed before the next scan finds out. Whoever sets it
+    /// outside the watcher's own event handling interrupts that (interrupt_event_handling()).
     std::atomic<bool> sweep_wanted{false};
 
     /// Set by a watcher that an error has ended.
@@ -81,9 +82,6 @@ struct Link {
 
     /// Closes a device (which announces its leaving) and removes it from the directory.
     void remove_device(JovuDeviceAddress address) noexcept JOVU_REQUIRES(_connected_devices_mutex);
-
-    /// Ends an event wait of the watcher, if a device is open, at the price of its reception.
-    void interrupt_watcher() JOVU_EXCLUDES(directory_mutex);
 
     /// Removes every device.
     void remove_devices() noexcept JOVU_REQUIRES(_connected_devices_mutex);

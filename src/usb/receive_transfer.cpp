@@ -1,5 +1,7 @@
 #include "usb/receive_transfer.h"
 
+#include <thread>
+
 #include "jovu/exception.h"
 #include "usb/delivery.h"
 #include "usb/link.h"
@@ -76,6 +78,9 @@ void ReceiveTransfer::libusb_rx_data_callback(libusb_transfer* transfer) noexcep
                  static_cast<unsigned int>(transfer->actual_length), self.address_)) {
         self.finish();
         return;
+    }
+    if (transfer->status != LIBUSB_TRANSFER_COMPLETED && transfer->actual_length == 0) {
+        std::this_thread::sleep_for(kReceiveErrorPause);
     }
     const MutexLock lock(self.mutex_);
     if (self.stopped_) {

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <initializer_list>
 #include <vector>
 
 #include "jovu/device_address.h"
@@ -37,19 +38,33 @@ public:
     /// Takes the client's first entry off an interface's list. When that list is then empty the
     /// link goes down, whether or not the other interface still has clients: the watcher ends,
     /// devices are closed on this thread, libusb is left. When the call returns, no call of the
-    /// client for that interface is running. Takes up to one event wait (500 ms) plus the rest of a
-    /// send in progress.
+    /// client for that interface is running. Takes up to the rest of a send in progress.
     /// @throws JovuException when called from inside a notice or a delivery: it would wait for
     ///     itself.
     static void client_unregister(JovuUsbClient& client, jovu_usb_interface_t interface);
 
+    /// For a thread in a callback, where client_unregister() would wait for itself: no call of the
+    /// client for that interface begins after this one returns. The backend keeps running.
+    static void client_detach(JovuUsbClient& client, jovu_usb_interface_t interface);
+
     /// Sends bytes to a device and returns when it has taken them all. Threads: any; on a thread
-    /// that delivers received data it fails at once, as busy.
+    /// in a received-data callback it fails at once, as busy.
     /// @param data needed during the call only.
     /// @param length in bytes; with 0 nothing is sent.
     /// @param connection restricts the send to that very opening of the device.
     /// @throws JovuException "Send failed - ..."; bytes already sent stay sent.
     static void write(const unsigned char* data, unsigned int length, JovuDeviceAddress address,
+                      jovu_usb_interface_t interface, connection_t connection = kAnyConnection);
+
+    /// One of several writes that belong together.
+    struct Piece {
+        const unsigned char* data;  ///< Needed during the call only.
+        unsigned int length;        ///< Bytes; with 0 nothing is sent.
+    };
+
+    /// As write(), piece by piece, with no close of the device between them: once the first piece
+    /// is written, the others follow unless the device fails.
+    static void write(std::initializer_list<Piece> pieces, JovuDeviceAddress address,
                       jovu_usb_interface_t interface, connection_t connection = kAnyConnection);
 
     /// As JovuTransport::close().
@@ -72,10 +87,9 @@ public:
     ///     another send or for event handling.
     static bool delivering() noexcept;
 
-    /// Starting and stopping wait for the watcher, and so for every notice and delivery.
-    /// @throws JovuException "<what> failed - called from inside a notice or delivery." if the
-    ///     calling thread is in one.
-    static void refuse_in_callback(const char* what);
+    /// @return whether the calling thread is in a callback of the backend: received data, or a
+    ///     connect or disconnect notification of a JovuUsbClient.
+    static bool in_callback() noexcept;
 
     /// Between these two (counted) the link makes no scan and so opens no device.
     static void hold_scans() noexcept;

@@ -6,6 +6,7 @@
 
 #include "jovu/exception.h"
 #include "usb/delivery.h"
+#include "usb/event_handling.h"
 #include "usb/link.h"
 #include "usb/usb.h"
 #include "usb/usb_watcher.h"
@@ -26,9 +27,25 @@ void start(Link& state) JOVU_REQUIRES(state.lifecycle_mutex) {
     state._libusb_ctx = std::move(context);
 }
 
+/// Starting and stopping wait for the watcher, and so for every callback.
+void refuse_in_callback(const char* what) {
+    if (JovuUsb::in_callback()) {
+        throw JovuException(std::string(what) +
+                            " failed - called from inside a notice or delivery.");
+    }
+}
+
+/// Removes the entries of clients that were detached. Not on a thread in a callback, which may be
+/// walking the list.
+void remove_detached(Link::Clients& clients) JOVU_REQUIRES(clients.mutex) {
+    clients.list.erase(std::remove_if(clients.list.begin(), clients.list.end(),
+                                      [](const auto& entry) { return entry.client == nullptr; }),
+                       clients.list.end());
+}
+
 void stop(Link& state) JOVU_REQUIRES(state.lifecycle_mutex) {
     state._run_device_hotplug_thread = false;
-    state.interrupt_watcher();
+    jovu::interrupt_event_handling(state._libusb_ctx.get());
     state._device_hotplug_thread.join();
     // First, for a sender in a tight loop must not keep the link from stopping.
     const jovu::FirstGateLock gate(state._connected_devices_mutex);
@@ -38,11 +55,8 @@ void stop(Link& state) JOVU_REQUIRES(state.lifecycle_mutex) {
 
 }  // namespace
 
-void JovuUsb::refuse_in_callback(const char* what) {
-    if (jovu::delivering() || jovu::in_notice()) {
-        throw JovuException(std::string(what) +
-                            " failed - called from inside a notice or delivery.");
-    }
+bool JovuUsb::in_callback() noexcept {
+    return jovu::delivering() || jovu::in_notice();
 }
 
 void JovuUsb::client_register(JovuUsbClient& client, jovu_usb_interface_t interface) {
@@ -53,6 +67,7 @@ void JovuUsb::client_register(JovuUsbClient& client, jovu_usb_interface_t interf
     {
         const jovu::ScanHolds::State holds = state.scan_holds.now();
         const jovu::ScopedLock<jovu::RecursiveMutex> lock(clients.mutex);
+        remove_detached(clients);
         clients.list.push_back({&client, holds.held ? holds.ended + 1 : 0});
     }
     if (state._device_hotplug_thread.joinable()) return;
@@ -77,14 +92,25 @@ void JovuUsb::client_unregister(JovuUsbClient& client, jovu_usb_interface_t inte
             std::find_if(clients.list.begin(), clients.list.end(),
                          [&client](const auto& entry) { return entry.client == &client; });
         if (found != clients.list.end()) clients.list.erase(found);
+        remove_detached(clients);
         if (!clients.list.empty()) return;
     }
     if (state._device_hotplug_thread.joinable()) stop(state);
 }
 
+void JovuUsb::client_detach(JovuUsbClient& client, jovu_usb_interface_t interface) {
+    // A thread in a callback may hold the other interface's lock as well. The two callbacks cannot
+    // run at the same time, so nothing takes the locks in the other order meanwhile.
+    Link::Clients& clients = link()._registered_clients[interface];
+    const jovu::ScopedLock<jovu::RecursiveMutex> lock(clients.mutex);
+    for (Link::Clients::Entry& entry : clients.list) {
+        if (entry.client == &client) entry.client = nullptr;
+    }
+}
+
 void JovuUsb::hold_scans() noexcept {
     Link& state = link();
-    if (jovu::delivering() || jovu::in_notice()) {
+    if (in_callback()) {
         // This thread may be the one that is opening a device.
         state.scan_holds.take();
         return;

@@ -28,6 +28,10 @@ inline constexpr unsigned kSendTimeoutMs = 1500;  ///< Per bulk call.
 inline constexpr unsigned kSendRetries = 3;       ///< After a timed-out or busy bulk call.
 inline constexpr unsigned kMaxEmptySends = 16;    ///< Bulk calls in a row that move nothing.
 
+/// Pause before a receive transfer is submitted again that failed without data. An endpoint that
+/// fails at once every time would otherwise take half a core; all reception waits meanwhile.
+inline constexpr std::chrono::milliseconds kReceiveErrorPause{4};
+
 /// How long a closing device may take to give its transfers back. The kernel returns a cancelled
 /// transfer within milliseconds; past this the transfer is set aside, never freed under libusb.
 inline constexpr std::chrono::milliseconds kDrainLimit{3000};

@@ -102,8 +102,11 @@ void UsbDevice::announce() {
     notify_connected(address_);
 }
 
-bool UsbDevice::order_close() noexcept {
-    return open_ && !close_ordered_.exchange(true);
+bool UsbDevice::order_close(std::atomic<bool>& wanted) noexcept {
+    if (!open_ || close_ordered_.exchange(true)) return false;
+    wanted = true;
+    interrupt_event_handling(context_.get());
+    return true;
 }
 
 bool UsbDevice::reception_failed() const noexcept {

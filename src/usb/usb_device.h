@@ -69,18 +69,16 @@ public:
     /// Tells the link's clients that the device is there.
     void announce();
 
-    /// Orders a close that the watcher will carry out. Any thread that keeps the device alive.
+    /// Orders a close, which the watcher carries out, and wakes the watcher. Any thread that keeps
+    /// the device alive.
+    /// @param wanted set before the watcher is woken; what it looks at.
     /// @return false when the device is closed or ordered to be closed already.
-    bool order_close() noexcept;
+    bool order_close(std::atomic<bool>& wanted) noexcept;
 
     bool close_ordered() const noexcept { return close_ordered_; }
 
     /// @return whether reception has failed on both channels.
     bool reception_failed() const noexcept;
-
-    /// Cancels reception, for good, which ends an event wait that is going on. Any thread that
-    /// keeps the device alive.
-    void cancel_reception() noexcept;
 
     /// Tells the clients that the device leaves, ends reception and closes the handle. Does nothing
     /// on a closed device.
@@ -90,6 +88,7 @@ private:
     void open(std::uint16_t vendor_id, std::uint16_t product_id);
     void claim_device(std::uint16_t vendor_id, std::uint16_t product_id);
     void release_device() noexcept;
+    void cancel_reception() noexcept;
     void end_reception() noexcept;
 
     const Context context_;

@@ -27,9 +27,8 @@ std::int32_t kind_of(std::uint16_t product_id) {
 bool order_close(Link& state, JovuDeviceAddress address) {
     const jovu::MutexLock lock(state.directory_mutex);
     const auto found = state._connected_devices.find(address);
-    if (found == state._connected_devices.end() || !found->second->order_close()) return false;
-    state.sweep_wanted = true;
-    return true;
+    return found != state._connected_devices.end() &&
+           found->second->order_close(state.sweep_wanted);
 }
 
 bool close_now(Link& state, JovuDeviceAddress address) {

@@ -102,6 +102,7 @@ TEST(Json, IsTheWholeOutputOfEveryCommand) {
             EXPECT_TRUE(object.contains(row.key)) << object;
         }
     }
+    EXPECT_THAT(stats(device)["message"]["gcode"], ElementsAre("G28", "M114", "[x,y]"));
     EXPECT_EQ(complaints(device), 0);
 }
 

@@ -21,6 +21,16 @@ inline std::string with_hash(std::string text, const std::string& label,
     return text.replace(begin, end - begin, "#");
 }
 
+/// Has a device send a debug event.
+inline void complete_event(libusb_device* device) {
+    const std::string bytes = framed(R"({"transport":{"attrs":[],"id":1},)"
+                                     R"("data":{"event":{"name":"debug_event"}}})");
+    for (std::size_t at = 0; at < bytes.size(); at += 64) {
+        EXPECT_TRUE(fake_usb::complete(device, kMessagesIn, LIBUSB_TRANSFER_COMPLETED,
+                                       bytes.substr(at, 64)));
+    }
+}
+
 class ExchangeTest : public LinkTest {
 protected:
     void SetUp() override { ASSERT_TRUE(client.wait_connected(kAddress)); }
@@ -42,14 +52,15 @@ protected:
     }
 
     /// Sends a document, "#" standing for the id of the request.
-    void answer(const std::string& document) {
+    /// @param from a device other than the one that was asked; null for that one.
+    void answer(const std::string& document, libusb_device* from = nullptr) {
         std::string text = document;
         const std::size_t hash = text.find('#');
         if (hash != std::string::npos) text.replace(hash, 1, id_);
         const std::string bytes = framed(text);
         for (std::size_t at = 0; at < bytes.size(); at += 64) {
-            ASSERT_TRUE(fake_usb::complete(device, kMessagesIn, LIBUSB_TRANSFER_COMPLETED,
-                                           bytes.substr(at, 64)));
+            ASSERT_TRUE(fake_usb::complete(from == nullptr ? device : from, kMessagesIn,
+                                           LIBUSB_TRANSFER_COMPLETED, bytes.substr(at, 64)));
         }
     }
 

@@ -1,6 +1,8 @@
 /// @file
 /// Exchanges with a device, byte by byte.
+#include "core/message.h"
 #include "fake_usb/exchange_fixture.h"
+#include "fake_usb/no_rtti_client.h"
 
 namespace {
 
@@ -8,7 +10,10 @@ using test::kAddress;
 using test::kResponse;
 using test::with_hash;
 
-class Exchange : public test::ExchangeTest {};
+class Exchange : public test::ExchangeTest {
+protected:
+    libusb_device* other = nullptr;
+};
 
 /// What a command returned, and why it failed if it did.
 std::string told(const std::shared_ptr<char>& text) {
@@ -41,6 +46,118 @@ TEST_F(Exchange, OnlyTheRightResponseEndsIt) {
     EXPECT_EQ(result(), "1|");
 }
 
+/// One bulk call is in its middle; what ends the connection has to wait for the rest of the frame.
+TEST_F(Exchange, SendsAFrameWholeWhateverEndsItsConnection) {
+    client.on_debug = [this](JovuDeviceAddress address, const std::string&) {
+        client.close(address);
+    };
+    const std::pair<const char*, std::function<void()>> ends[] = {
+        {"close in a handler", [this] { test::complete_event(device); }},
+        {"close", [this] { client.close(kAddress); }},
+        {"shutdown", [this] { client.shutdown(); }},
+    };
+    std::size_t connects = 0;
+    for (const auto& [what, end] : ends) {
+        SCOPED_TRACE(what);
+        ASSERT_TRUE(client.wait_connected(kAddress, ++connects));
+        const std::size_t before = fake_usb::sent().size();
+        fake_usb::hold_bulk(true);
+        auto command = std::async(std::launch::async,
+                                  [this] { return told(client.bio_get_version(kAddress)); });
+        ASSERT_TRUE(test::eventually(fake_usb::in_bulk));
+        auto ending = std::async(std::launch::async, end);
+        ending.wait_for(std::chrono::milliseconds(30));
+        fake_usb::hold_bulk(false);
+        EXPECT_EQ(command.get(), "null|Transport Error - No response received.");
+        ending.get();
+        const auto sent = fake_usb::sent();
+        ASSERT_EQ(sent.size(), before + 2);
+        EXPECT_EQ(sent[before + 1].bytes.back(), ';');
+        fake_usb::unplug(device);
+        EXPECT_TRUE(test::eventually([this] { return client.list_connected().empty(); }));
+        device = fake_usb::plug(1, 5);
+    }
+}
+
+TEST_F(Exchange, MatchesByIdAloneUnlessStrict) {
+    const auto named = [](const char* command) {
+        return std::string(kResponse) + R"({"command":{"name":")" + command +
+               R"(","__return__":[49]}}})";
+    };
+    const auto plug_other = [this](std::size_t times) {
+        other = fake_usb::plug(1, 6);
+        EXPECT_TRUE(client.wait_connected({1, 6}, times));
+    };
+    plug_other(1);
+    request_of([this] { return told(client.bio_get_version(kAddress)); });
+    answer(named("bio_get_serial"), other);
+    EXPECT_EQ(result(), "1|");
+    EXPECT_EQ(test::error_of([this] { client.set_strict_matching(true); }),
+              "Strict matching must be chosen before the first exchange.");
+
+    test::RecordingClient strict;
+    strict.set_strict_matching(true);
+    // The beginning of a frame that is cut off by an unplug.
+    ASSERT_TRUE(fake_usb::complete(device, test::kMessagesIn, LIBUSB_TRANSFER_COMPLETED,
+                                   "$\x40\x01\xBF\xFE{"));
+    fake_usb::unplug(device);
+    fake_usb::unplug(other);
+    device = fake_usb::plug(1, 5);
+    plug_other(2);
+    ASSERT_TRUE(strict.wait_connected(kAddress) && strict.wait_connected({1, 6}));
+    testing::internal::CaptureStdout();
+    request_of([&strict] { return told(strict.bio_get_version(kAddress)); });
+    answer(named("bio_get_version"), other);
+    answer(named("bio_get_version"), other);
+    answer(named("bio_get_version"));
+    EXPECT_EQ(result(), "1|");
+    request_of([&strict] { return told(strict.bio_get_version(kAddress)); });
+    answer(named("bio_get_serial"));
+    answer(std::string(kResponse) + R"({"command":{"__return__":[50]}}})");
+    EXPECT_EQ(result(), "2|");
+    const std::string printed = testing::internal::GetCapturedStdout();
+    EXPECT_THAT(with_hash(printed, "JovuMessage: "),
+                testing::MatchesRegex(
+                    "JovuMessage: # -- Response of 1:6 dropped - it came over another connection.\n"
+                    "JovuMessage: .* -- Response of 1:5 dropped - it names another command.\n"));
+}
+
+/// A message that is being compiled, which takes as long as the test wants.
+class SlowMessage : public JovuMessage {
+public:
+    SlowMessage(JovuTransport& sender, test::Barrier& barrier)
+        : JovuMessage(sender, jovu::kEventFlags, nullptr), barrier_(barrier) {}
+    void compile_data(yajl_gen g) override {
+        begun = true;
+        barrier_.wait();
+        JovuMessage::compile_data(g);
+    }
+    std::atomic<bool> begun{false};
+
+private:
+    test::Barrier& barrier_;
+};
+
+TEST_F(Exchange, IsOverBeforeADisconnectionIsNotified) {
+    test::Barrier barrier;
+    SlowMessage message(client, barrier);
+    auto sending = std::async(std::launch::async, [&] { message.send(kAddress); });
+    ASSERT_TRUE(test::eventually([&] { return message.begun.load(); }));
+    fake_usb::unplug(device);
+    ASSERT_TRUE(test::eventually([this] { return client.list_connected().empty(); }));
+    EXPECT_EQ(sending.wait_for(std::chrono::milliseconds(30)), std::future_status::timeout);
+    EXPECT_EQ(client.disconnects(kAddress), 0U);
+    barrier.open();
+    EXPECT_TRUE(client.wait_disconnected(kAddress));
+}
+
+TEST_F(Exchange, EventsReachAnApplicationWithoutRunTimeTypeInformation) {
+    std::atomic<int> events{0};
+    const auto quiet = test::make_client_without_rtti(events);
+    test::complete_event(device);
+    EXPECT_EQ(events, 1);
+}
+
 TEST_F(Exchange, FailsInOneLineThatNamesTheReason) {
     const auto version = [this](JovuDeviceAddress address) {
         testing::internal::CaptureStdout();
@@ -58,6 +175,13 @@ TEST_F(Exchange, FailsInOneLineThatNamesTheReason) {
     request_of([this] { return told(client.bio_get_version(kAddress)); });
     answer(std::string(kResponse) + R"({"command":{"__return__":true}}})");
     EXPECT_EQ(result(), "null|Transport Error - No response received.");
+    // A command without a result takes any kind of one.
+    request_of([this] {
+        client.servo_dc_move_start_sync(kAddress);
+        return told(nullptr);
+    });
+    answer(std::string(kResponse) + R"({"command":{"__return__":null}}})");
+    EXPECT_EQ(result(), "null|");
     request_of([this] { return told(client.bio_get_version(kAddress)); });
     fake_usb::unplug(device);
     EXPECT_EQ(result(), "null|Transport Error - No response received.");

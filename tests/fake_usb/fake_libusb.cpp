@@ -33,6 +33,7 @@ struct libusb_context {
     std::deque<Completion> pending;
     std::thread::id handler;  ///< Who handles events; no thread's id when nobody does.
     unsigned closing = 0;
+    bool interrupted = false;
 };
 
 struct libusb_device {
@@ -51,7 +52,7 @@ struct libusb_device_handle {
 
 namespace {
 
-/// Event waits are upper bounds. Short ones let the library notice at once that it is to stop.
+/// Event waits are upper bounds. Short ones make a test quick.
 constexpr std::chrono::milliseconds kLongestEventWait{2};
 constexpr std::chrono::seconds kPatience{30};
 
@@ -73,6 +74,7 @@ struct Bus {
     std::vector<std::string> misuses;
     bool hold_bulk = false;
     bool lose_cancellations = false;
+    bool endless_event_waits = false;
     unsigned in_bulk = 0;
     unsigned queued = 0;   ///< Completions so far,
     unsigned handled = 0;  ///< and how many of them have been told. They are told in order.
@@ -160,15 +162,18 @@ int handle_events(libusb_context* context, std::chrono::milliseconds limit, cons
     if (bus.contexts.count(context) == 0) return misuse("events of a context that is not there");
     const std::thread::id nobody;
     if (context->handler == std::this_thread::get_id()) return LIBUSB_ERROR_BUSY;
-    const auto wait = std::min(limit, kLongestEventWait);
+    const bool endless = bus.endless_event_waits && limit.count() > 0;
+    const auto wait = endless ? std::chrono::hours(1) : std::min(limit, kLongestEventWait);
     if (context->handler != nobody || context->closing > 0) {
         bus.changed.wait_for(lock, wait);
         return 0;
     }
     if (is_set(completed)) return 0;
     context->handler = std::this_thread::get_id();
-    bus.changed.wait_for(lock, wait,
-                         [&] { return !context->pending.empty() || context->closing > 0; });
+    bus.changed.wait_for(lock, wait, [&] {
+        return !context->pending.empty() || context->closing > 0 || context->interrupted;
+    });
+    context->interrupted = false;
     for (std::size_t left = context->pending.size(); left > 0; --left) {
         const Completion done = std::move(context->pending.front());
         context->pending.pop_front();
@@ -242,6 +247,11 @@ bool in_bulk() {
     return bus.in_bulk > 0;
 }
 
+void wait_for_events_endlessly(bool endlessly) {
+    const Lock lock(bus.mutex);
+    bus.endless_event_waits = endlessly;
+}
+
 void lose_cancellations(bool lose) {
     const Lock lock(bus.mutex);
     bus.lose_cancellations = lose;
@@ -293,7 +303,7 @@ std::vector<std::string> finish() {
     bus.calls.clear();
     bus.bulk_script.clear();
     bus.sent.clear();
-    bus.hold_bulk = bus.lose_cancellations = false;
+    bus.hold_bulk = bus.lose_cancellations = bus.endless_event_waits = false;
     return wrong;
 }
 
@@ -501,6 +511,12 @@ int libusb_bulk_transfer(libusb_device_handle* handle, unsigned char endpoint, u
     if (!handle->device->plugged) step = {LIBUSB_ERROR_NO_DEVICE, 0};
     *transferred = step.transferred == Bulk::kAll ? length : step.transferred;
     return step.result;
+}
+
+void libusb_interrupt_event_handler(libusb_context* context) {
+    const Lock lock(bus.mutex);
+    context->interrupted = true;
+    bus.changed.notify_all();
 }
 
 int libusb_handle_events_timeout(libusb_context* context, timeval* limit) {

@@ -61,6 +61,9 @@ void hold_bulk(bool hold);
 /// @return whether a synchronous call is in its middle now.
 bool in_bulk();
 
+/// While event waits are endless, only an event or an interrupt ends one; otherwise each is short.
+void wait_for_events_endlessly(bool endlessly);
+
 /// While cancellations are lost, cancelling says yes and nothing comes of it.
 void lose_cancellations(bool lose);
 

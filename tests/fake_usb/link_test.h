@@ -146,7 +146,7 @@ public:
     libusb_device* device = fake_usb::plug(1, 5);
 
 private:
-    std::optional<JovuScanHold> hold_{std::in_place};
+    std::optional<JovuScanPause> hold_{std::in_place};
 
 public:
     LinkClient messages;

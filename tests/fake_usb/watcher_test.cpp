@@ -6,6 +6,7 @@
 namespace {
 
 using fake_usb::Call;
+using fake_usb::complete;
 using fake_usb::in_flight;
 using fake_usb::Step;
 using test::error_of;
@@ -133,13 +134,17 @@ TEST_F(Watcher, WhatAClientThrowsAtANoticeTakesTheDeviceBack) {
     testing::internal::CaptureStdout();
     {
         const Link link(journal, [](Link& self) {
-            self.messages.on_connected = [] { throw JovuException("not that one"); };
+            self.messages.on_connected = [] {
+                Journal other;
+                throw JovuException(error_of([&other] { LinkClient(other, "c", 0); }));
+            };
         });
         EXPECT_TRUE(watcher_ends());
         EXPECT_TRUE(JovuUsb::list_connected().empty());
     }
     EXPECT_EQ(testing::internal::GetCapturedStdout(),
-              "Fatal error in hotplug thread - not that one.\n");
+              "Fatal error in hotplug thread - "
+              "Register failed - called from inside a notice or delivery..\n");
 }
 
 TEST_F(Watcher, WhatAClientThrowsAtADepartureKeepsItFromNoOther) {
@@ -159,7 +164,7 @@ TEST_F(Watcher, WhatAClientThrowsAtADepartureKeepsItFromNoOther) {
 
 TEST_F(Watcher, OpensNothingWhileScansAreHeld) {
     fake_usb::plug(1, 5);
-    std::optional<JovuScanHold> hold(std::in_place);
+    std::optional<JovuScanPause> hold(std::in_place);
     const LinkClient client(journal, "a", 0);
     ASSERT_TRUE(eventually([] { return fake_usb::calls(Call::handle_events) > 50; }));
     EXPECT_EQ(fake_usb::calls(Call::list), 0U);
@@ -168,7 +173,7 @@ TEST_F(Watcher, OpensNothingWhileScansAreHeld) {
 }
 
 TEST_F(Watcher, OpensNothingOnceAHoldIsTakenEvenInTheMiddleOfAScan) {
-    std::optional<JovuScanHold> hold;
+    std::optional<JovuScanPause> hold;
     std::vector<std::string> told_before;
     std::future<void> holding;
     fake_usb::script(Call::list, {{0, [&] {
@@ -187,6 +192,39 @@ TEST_F(Watcher, OpensNothingOnceAHoldIsTakenEvenInTheMiddleOfAScan) {
     EXPECT_EQ(journal.entries(), told_before);
     hold.reset();
     EXPECT_TRUE(journal.wait("a+1.5"));
+}
+
+TEST_F(Watcher, IsWokenFromAnEventWaitToStop) {
+    for (const bool with_device : {false, true}) {
+        fake_usb::wait_for_events_endlessly(true);
+        std::optional<JovuScanPause> pause(std::in_place);
+        if (with_device) fake_usb::plug(1, 5);
+        std::optional<LinkClient> client(std::in_place, journal, "a", 0);
+        pause.reset();
+        EXPECT_TRUE(!with_device || journal.wait("a+1.5"));
+        in_time("stop", [&] { client.reset(); });
+        finish();
+    }
+}
+
+TEST_F(Watcher, CallsNoJobClientBeforeItIsBuilt) {
+    Link link(journal);
+    ASSERT_TRUE(journal.wait("b+1.5"));
+    struct Jobs : JovuJobInterface {
+        explicit Jobs(libusb_device* device, const JovuScanPause& /*until_built*/ = {}) {
+            complete(device, kJobsIn, LIBUSB_TRANSFER_COMPLETED, "{}");
+            calls_while_built = calls;
+        }
+        ~Jobs() override { shutdown(); }
+        void JobDataReceived(JovuDeviceAddress, const unsigned char*, unsigned) override {
+            ++calls;
+        }
+        std::atomic<int> calls{0};
+        int calls_while_built = 0;
+    } jobs(link.device);
+    ASSERT_TRUE(complete(link.device, kJobsIn, LIBUSB_TRANSFER_COMPLETED, "{}"));
+    EXPECT_EQ(jobs.calls_while_built, 0);
+    EXPECT_EQ(jobs.calls, 1);
 }
 
 TEST_F(Watcher, MayStopInTheMiddleOfAListing) {

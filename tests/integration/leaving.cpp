@@ -1,7 +1,9 @@
 /// @file
 /// A program that leaves without saying goodbye: its client is leaked, or a static object, and the
-/// watcher runs while static objects are destroyed. It has to end with status 0.
+/// watcher runs while static objects are destroyed, or a handler exits. It has to end with status
+/// 0.
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <thread>
@@ -38,6 +40,13 @@ int main(int argc, char** argv) {
         static const SlowEnd slow_end;
         return 0;
     }
-    std::fprintf(stderr, "leaving: leaked or static, not \"%s\"\n", argv[1]);
+    if (std::strcmp(argv[1], "handler") == 0) {
+        kept = std::make_unique<test::RecordingClient>();
+        kept->on_debug = [](JovuDeviceAddress, const std::string&) { std::exit(0); };
+        client.reset();
+        std::this_thread::sleep_for(test::kPatience);
+        return 1;
+    }
+    std::fprintf(stderr, "leaving: leaked, static or handler, not \"%s\"\n", argv[1]);
     return 2;
 }

@@ -117,7 +117,7 @@ TEST(Lifetime, ListingGoesOnWhileTheLinkStartsAndStops) {
     std::thread lister([&] {
         // A bare transport is enough to ask.
         struct Bare : JovuTransport {
-            explicit Bare(const JovuScanHold& /*until_built*/ = JovuScanHold()) {}
+            explicit Bare(const JovuScanPause& /*until_built*/ = JovuScanPause()) {}
             void device_connected(JovuDeviceAddress) override {}
             void device_disconnected(JovuDeviceAddress) override {}
         } bare;

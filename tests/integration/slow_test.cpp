@@ -28,7 +28,7 @@ TEST(SlowConstruction, DoesNotLoseADeviceThatIsAttached) {
 class SlowClient : public JovuClient {
 public:
     SlowClient(std::atomic<bool>& built, std::atomic<int>& early, std::atomic<int>& announced,
-               const JovuScanHold& = JovuScanHold())
+               const JovuScanPause& = JovuScanPause())
         : built_(built), early_(early), announced_(announced) {
         std::this_thread::sleep_for(std::chrono::milliseconds(700));
         built_ = true;

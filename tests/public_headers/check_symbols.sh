@@ -16,7 +16,7 @@ soname=$(objdump -p "$library" | awk '$1 == "SONAME" {print $2}')
 # begin with the scope. Instantiations of the standard library's templates are weak, and visible by
 # the standard library's own wish.
 classes=
-for class in JovuClient JovuScanHold JovuCommandInterface JovuEventInterface JovuJobInterface \
+for class in JovuClient JovuScanPause JovuCommandInterface JovuEventInterface JovuJobInterface \
     JovuTransport JovuUsbClient JovuException JovuDfu escape_spaces; do
     classes+="${classes:+|}${#class}$class"
 done

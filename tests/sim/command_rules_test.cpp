@@ -1,8 +1,6 @@
 // The table of commands and the check of their arguments.
 #include <gtest/gtest.h>
 
-#include <map>
-
 #include "firmware_host.h"
 
 namespace jovusim::test {
@@ -15,74 +13,6 @@ std::string repeated(int count, const std::string& value) {
     for (int i = 0; i < count; ++i)
         out += (i > 0 ? "," : "") + value;
     return out + "]";
-}
-
-/// An argument that fits a rule.
-std::string example(const Rule& rule) {
-    switch (rule.kind) {
-        case Rule::Kind::integer:
-            return std::to_string(rule.most);
-        case Rule::Kind::single:
-            return "0.10000000149011611938";
-        case Rule::Kind::real:
-            return "0.1";
-        case Rule::Kind::text:
-            return "[-23,0]";
-        case Rule::Kind::array:
-            return repeated(static_cast<int>(rule.count), example(*rule.element));
-        case Rule::Kind::object: {
-            std::string out = "{";
-            for (std::size_t i = 0; i < rule.count; ++i) {
-                out += (i > 0 ? ",\"" : "\"") + std::string(rule.members[i].key) +
-                       "\":" + example(*rule.members[i].rule);
-            }
-            return out + "}";
-        }
-    }
-    return "null";
-}
-
-const auto kFamilies = {identity_commands, gpio_commands,  gcode_commands,   heater_commands,
-                        wifi_commands,     servo_commands, storage_commands, system_commands};
-
-TEST(CommandTable, HasEveryIndexAndEveryNameOnce) {
-    std::map<int, std::string> by_idx;
-    std::map<std::string, int> by_name;
-    for (const auto family : kFamilies) {
-        for (const Command& command : family()) {
-            by_idx.emplace(command.idx, command.name);
-            by_name.emplace(command.name, command.idx);
-        }
-    }
-    EXPECT_EQ(by_idx.size(), 68U);
-    EXPECT_EQ(by_name.size(), 68U);
-    EXPECT_EQ(by_idx.begin()->first, 0);
-    EXPECT_EQ(by_idx.rbegin()->first, 67);
-}
-
-TEST(CommandTable, EveryCommandTakesArgumentsThatFitAndNoOthers) {
-    for (const auto family : kFamilies) {
-        for (const Command& command : family()) {
-            std::string args;
-            std::string swapped;
-            for (std::size_t i = 0; i < command.argument_count(); ++i) {
-                const Member& member = command.arguments[i];
-                const std::string one = '"' + std::string(member.key) + "\":";
-                args += (args.empty() ? "{" : ",") + one + example(*member.rule);
-                swapped = "," + one + example(*member.rule) + swapped;
-            }
-            Host host;
-            EXPECT_FALSE(host.result(command.name, args.empty() ? "" : args + "}").is_null())
-                << command.name;
-            EXPECT_EQ(host.complaints(), 0U) << command.name;
-            const std::string wrong = args.empty() ? "{}" : args + R"(,"more":1})";
-            EXPECT_TRUE(host.result(command.name, wrong).is_null()) << command.name;
-            if (command.argument_count() > 1) {
-                swapped[0] = '{';
-                EXPECT_TRUE(host.result(command.name, swapped + "}").is_null()) << command.name;
-            }
-        }
-    }
 }
 
 TEST(CommandRules, NameTheValueThatBreaksThem) {

@@ -93,23 +93,6 @@ TEST(FirmwareImage, IsCheckedAsAWhole) {
     EXPECT_THROW(make_firmware_image("2.0.1", 10), std::invalid_argument);
 }
 
-TEST(Dfu, TakesAnImageAndBootsIt) {
-    DfuHost host;
-    const auto end = host.download_all(make_firmware_image("2.0.1", 5000));
-    EXPECT_EQ(end.state, DfuHost::kWaitReset);
-    EXPECT_EQ(end.status, 0);
-    EXPECT_EQ(host.device.stats(host.now)["dfu"]["bytes"], 5000);
-    EXPECT_FALSE(host.device.wants_to_leave(host.now)) << "it waits for the reset";
-    host.device.bus_reset(host.now);
-    EXPECT_FALSE(host.device.wants_to_leave(host.now)) << "and lets the host see its end";
-    host.now = *host.device.next_tick();
-    ASSERT_TRUE(host.device.wants_to_leave(host.now));
-    const auto application = host.device.successor();
-    EXPECT_EQ(application->identity().product, kApplicationProduct);
-    EXPECT_EQ(application->identity().serial, "JVSTEST");
-    EXPECT_EQ(application->stats(host.now)["version"], "2.0.1");
-}
-
 TEST(Dfu, DoesNotBootWhatIsNotSound) {
     const std::string good = make_firmware_image("2.0.1", 5000);
     std::string damaged = good;
@@ -200,22 +183,6 @@ TEST(Dfu, FaultsTakeItOffTheBus) {
     other.device.bus_reset(other.now);
     EXPECT_TRUE(other.device.wants_to_leave(other.now)) << "at once";
     EXPECT_NE(other.device.successor(), nullptr);
-}
-
-TEST(Dfu, TheApplicationAnswersAndThenBecomesTheBootLoader) {
-    FirmwareHost host;
-    host.controller.dfu_faults().write_error = 3;
-    EXPECT_EQ(host.result("Enter_dfu_mode"), 0);
-    host.wait(299);
-    EXPECT_FALSE(host.controller.wants_to_leave(host.now));
-    EXPECT_EQ(host.controller.next_tick(), host.now + 1);
-    host.wait(1);
-    ASSERT_TRUE(host.controller.wants_to_leave(host.now));
-    const auto loader = host.controller.successor();
-    EXPECT_EQ(loader->identity().product, kDfuProduct);
-    EXPECT_EQ(loader->identity().serial, "JVSTEST");
-    EXPECT_EQ(loader->application_product(), kApplicationProduct);
-    EXPECT_EQ(loader->dfu_faults().write_error, 3U) << "faults go with it";
 }
 
 }  // namespace

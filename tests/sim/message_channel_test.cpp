@@ -10,31 +10,15 @@ namespace {
 
 using Host = FirmwareHost;
 
-TEST(MessageChannel, AnswersACommandUnderItsId) {
+TEST(MessageChannel, AnswersACommandUnderItsIdAndEchoesArguments) {
     Host host;
-    const auto answers = host.exchange(Host::command(4294967295U, 0, "bio_get_version"));
+    const auto answers = host.exchange(Host::gcode(4294967295U, "G28"));
     ASSERT_EQ(answers.size(), 1U);
-    EXPECT_EQ(answers[0].dump(),
-              R"({"transport":{"attrs":["response"],"id":4294967295},"data":{"command":{"idx":0,)"
-              R"("name":"bio_get_version","__return__":[49,46,48,46,48,0]}}})");
+    EXPECT_EQ(
+        answers[0].dump(),
+        R"({"transport":{"attrs":["response"],"id":4294967295},"data":{"command":{"idx":5,)"
+        R"("name":"gcode_process_command","args":{"command":[71,50,56,0]},"__return__":0}}})");
     EXPECT_EQ(host.complaints(), 0U);
-}
-
-TEST(MessageChannel, EchoesArguments) {
-    Host host;
-    const auto answers = host.exchange(Host::gcode(7, "G28"));
-    ASSERT_EQ(answers.size(), 1U);
-    EXPECT_EQ(answers[0]["data"]["command"].dump(),
-              R"({"idx":5,"name":"gcode_process_command","args":{"command":[71,50,56,0]},)"
-              R"("__return__":0})");
-}
-
-TEST(MessageChannel, EachDeviceHasItsSerial) {
-    Controller other({"JVSOTHER", kApplicationProduct, 1.0});
-    EXPECT_EQ(other.identity().serial, "JVSOTHER");
-    Host host;
-    const auto answers = host.exchange(Host::command(1, 1, "bio_get_serial"));
-    EXPECT_EQ(answers.at(0)["data"]["command"]["__return__"].dump(), Host::bytes_of("JVSTEST"));
 }
 
 TEST(MessageChannel, ReassemblesFramesHoweverTheyAreCut) {
@@ -236,14 +220,64 @@ TEST(MessageChannel, AHostThatNeverReadsDoesNotMakeItGrow) {
     EXPECT_LT(host.read(kMessageIn).size(), 2U << 20U);
 }
 
-TEST(MessageChannel, DropsUnreadOutputWithTheLastProgram) {
+TEST(MessageChannel, FaultsDamageAResponseInTheirOwnWayAsOftenAsAsked) {
+    const std::string text = R"("id":5},"data":{"command":{"idx":0,"name":"bio_get_version",)"
+                             R"("__return__":[49,46,48,46,48,0]}}})";
+    const std::string envelope = R"({"transport":{"attrs":["response"],)";
+    const std::string good = Host::framed(envelope + text);
+    std::string check = good;
+    check[3] = static_cast<char>(~check[3]);
+    std::string end = good;
+    end.back() = '!';
+    const struct {
+        const char* name;
+        std::string sent;
+        bool strikes_reports;
+    } cases[] = {
+        {"check", check, false},
+        {"terminator", end, false},
+        {"json", Host::framed(envelope + text.substr(0, text.size() - 1)), true},
+        {"attrs", Host::framed(R"({"transport":{)" + text), false},
+        {"id", Host::framed(envelope + R"("id":536870917)" + text.substr(6)), false},
+        {"truncate", good.substr(0, good.size() / 2), true},
+    };
+    const std::string status = R"({"metadata":{"version":1,"type":"status"}})";
+    for (const auto& c : cases) {
+        Host host;
+        const auto kind = corruption_from_name(c.name);
+        ASSERT_TRUE(kind) << c.name;
+        const auto set = [&](std::uint32_t times) {
+            host.controller.misbehaviour().corrupt.at(static_cast<std::size_t>(*kind)).set(times);
+        };
+        const auto response = [&host] {
+            host.send(kMessageOut, Host::framed(Host::command(5, 0, "bio_get_version")));
+            return host.read(kMessageIn);
+        };
+        set(2);
+        EXPECT_EQ(response(), c.sent) << c.name;
+        EXPECT_EQ(response(), c.sent) << c.name;
+        EXPECT_EQ(response(), good) << c.name;
+        set(kAlways);
+        for (int i = 0; i < 3; ++i)
+            EXPECT_EQ(response(), c.sent) << c.name;
+        host.send(kJobOut, status);
+        EXPECT_NE(Json::accept(host.read(kJobIn)), c.strikes_reports) << c.name;
+    }
+    EXPECT_FALSE(corruption_from_name("checks"));
+}
+
+TEST(MessageChannel, FaultsDropARequestAndDelayAResponse) {
     Host host;
-    host.send(kMessageOut, Host::framed(Host::command(1, 0, "bio_get_version")));
-    host.send(kJobOut, R"({"metadata":{"version":1,"type":"status"}})");
-    host.controller.next_packet(kMessageIn, host.now);
-    host.controller.host_left();
-    EXPECT_EQ(host.read(kMessageIn) + host.read(kJobIn), "");
-    EXPECT_EQ(host.exchange(Host::command(2, 0, "bio_get_version")).size(), 1U);
+    const std::string request = Host::command(1, 0, "bio_get_version");
+    host.controller.misbehaviour().drop.set(1);
+    EXPECT_TRUE(host.exchange(request).empty());
+    EXPECT_TRUE(host.stats()["message"]["commands"].empty());
+    host.controller.misbehaviour().delay = 500;
+    EXPECT_TRUE(host.exchange(request).empty());
+    host.now += 499;
+    EXPECT_EQ(host.read(kMessageIn), "");
+    host.now += 1;
+    EXPECT_EQ(Host::messages(host.read(kMessageIn)).size(), 1U);
 }
 
 }  // namespace

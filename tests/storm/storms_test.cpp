@@ -224,6 +224,45 @@ TEST_F(Storm, EightThreadsOnThreeDevicesWithFaults) {
     check_holdings(kThreads * commands);
 }
 
+/// A connection ends in the middle of exchanges. A controller that has received half a frame takes
+/// the next connection's first frame for the rest, and does not respond to it.
+TEST_F(Storm, ConnectionsThatEndCutNoFrame) {
+    const int rounds = 4 * storm_scale();
+    const struct {
+        const char* what;
+        int senders;
+        std::function<void(RecordingClient&, JovuDeviceAddress)> end;
+    } ways[] = {
+        {"shutdown", 4, [](auto& client, auto /*device*/) { client.shutdown(); }},
+        {"close", 1, [](auto& client, auto device) { client.close(device); }},
+        {"close in a handler", 1,
+         [](auto& client, auto device) { tolerantly([&] { client.RequestStatus(device); }); }},
+    };
+    for (const auto& way : ways) {
+        const JovuDeviceAddress device = plug();
+        int failed = 0;
+        for (int i = 0; i < rounds; ++i) {
+            auto client = std::make_unique<RecordingClient>();
+            client->on_status = [&client](JovuDeviceAddress address) { client->close(address); };
+            ASSERT_TRUE(client->wait_connected(device));
+            failed += client->answers(device) ? 0 : 1;
+            std::vector<std::unique_ptr<Again>> senders;
+            for (int n = 0; n < way.senders; ++n) {
+                senders.push_back(
+                    std::make_unique<Again>([&] { client->bio_get_version(device); }));
+            }
+            std::this_thread::sleep_for(std::chrono::milliseconds(1 + i % 10));
+            way.end(*client, device);
+            client->shutdown();
+        }
+        std::printf("%s: %d of %d rounds began with a command that failed\n", way.what, failed,
+                    rounds);
+        EXPECT_EQ(failed, 0) << way.what;
+        sim("unplug " + name(device));
+    }
+    check_holdings(3L * rounds);
+}
+
 TEST_F(Storm, ClientsComeAndGoWhileDevicesDo) {
     const int rounds = 20 * storm_scale();
     std::atomic<long> lives{0};
@@ -278,7 +317,7 @@ TEST_F(Storm, ClientsComeAndGoWhileDevicesDo) {
 /// Whatever the documents allow inside a callback is done there.
 class Meddler : public RecordingClient {
 public:
-    explicit Meddler(const JovuScanHold& hold = JovuScanHold()) : RecordingClient(hold) {}
+    explicit Meddler(const JovuScanPause& hold = JovuScanPause()) : RecordingClient(hold) {}
     ~Meddler() override { shutdown(); }
 
     std::atomic<long> calls{0};
@@ -303,7 +342,7 @@ public:
     void StatusReceived(JovuDeviceAddress address, StatusMsg /*status*/) override {
         ++calls;
         EXPECT_THROW(RequestStatus(address), JovuException);
-        EXPECT_THROW(shutdown(), JovuException);
+        EXPECT_THROW(RecordingClient(), JovuException);
         look_around();
     }
 

@@ -31,6 +31,12 @@ void JovuUsb::write(const unsigned char* data, unsigned int length, JovuDeviceAd
     if (writer) writer(interface, data, length);
 }
 
+void JovuUsb::write(std::initializer_list<Piece> pieces, JovuDeviceAddress address,
+                    jovu_usb_interface_t interface, connection_t connection) {
+    for (const Piece& piece : pieces)
+        write(piece.data, piece.length, address, interface, connection);
+}
+
 void JovuUsb::client_register(JovuUsbClient& client, jovu_usb_interface_t interface) {
     clients.at(interface) = &client;
 }
@@ -61,7 +67,11 @@ bool JovuUsb::delivering() noexcept {
     return false;
 }
 
-void JovuUsb::refuse_in_callback(const char* /*what*/) {}
+bool JovuUsb::in_callback() noexcept {
+    return false;
+}
+
+void JovuUsb::client_detach(JovuUsbClient& /*client*/, jovu_usb_interface_t /*interface*/) {}
 
 void JovuUsb::hold_scans() noexcept {}
 

@@ -14,7 +14,7 @@ namespace test {
 
 class RecordingClient : public JovuClient {
 public:
-    explicit RecordingClient(const JovuScanHold& = JovuScanHold()) {}
+    explicit RecordingClient(const JovuScanPause& = JovuScanPause()) {}
     ~RecordingClient() override { shutdown(); }
 
     /// Called, if set, inside the callback of that name. To be set before devices are there.

@@ -19,7 +19,7 @@ namespace sweep {
 /// Notes down what it is told. What its handlers do by themselves does not fail.
 class Client : public JovuClient {
 public:
-    explicit Client(const JovuScanHold& = JovuScanHold()) {}
+    explicit Client(const JovuScanPause& = JovuScanPause()) {}
     ~Client() override { shutdown(); }
 
     void device_connected(JovuDeviceAddress /*address*/) override { ++connects; }

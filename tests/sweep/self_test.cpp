@@ -75,8 +75,8 @@ void misuse(World& world) {
 
 /// As a lock that stays taken: the next client's device is never opened.
 void leave_a_hold(World& /*world*/) {
-    alignas(JovuScanHold) static std::array<unsigned char, sizeof(JovuScanHold)> place;
-    ::new (place.data()) JovuScanHold();
+    alignas(JovuScanPause) static std::array<unsigned char, sizeof(JovuScanPause)> place;
+    ::new (place.data()) JovuScanPause();
 }
 
 void end_the_watcher(World& /*world*/) {

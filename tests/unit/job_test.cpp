@@ -248,7 +248,7 @@ TEST_F(JobPush, EndsWithItsClient) {
             if (last) link.reset();
             std::atomic<std::size_t> calls{0};
             std::atomic<bool> returned{false};
-            std::optional<JovuScanHold> hold(std::in_place);
+            std::optional<JovuScanPause> hold(std::in_place);
             test::RecordingClient client;
             // Keeps shutdown() from going on to the job interface before the push has returned.
             client.on_connected = [&](JovuDeviceAddress) {

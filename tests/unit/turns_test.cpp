@@ -7,6 +7,7 @@
 #include <atomic>
 #include <fstream>
 #include <functional>
+#include <future>
 #include <iterator>
 #include <string>
 #include <thread>
@@ -66,6 +67,22 @@ TEST(Turns, GoToWhoHasWaitedLongest) {
                 testing::ElementsAre(1, 2, 3));
 }
 
+TEST(Turns, EndWhenAnotherLockTakesThePlace) {
+    const JovuDeviceAddress address{1, 5};
+    jovu::SendLocks locks;
+    const auto old = locks.connect(address, 1);
+    ASSERT_TRUE(old->enter([] { return true; }));
+    std::atomic<bool> asked{false};
+    auto waiter = std::async(std::launch::async, [&] {
+        return old->enter([&] { return asked.exchange(true), locks.find(address) == old; });
+    });
+    ASSERT_TRUE(test::eventually([&] { return asked.load(); }));
+    locks.connect(address, 2);
+    EXPECT_EQ(waiter.wait_for(test::kPatience), std::future_status::ready);
+    old->leave();
+    EXPECT_FALSE(waiter.get());
+}
+
 TEST(Turns, PassOnWhenSomebodyGivesUp) {
     jovu::SendLock lock(1);
     std::atomic<bool> wanted{true};
@@ -97,10 +114,21 @@ TEST(WaitingRequests, ComeAndGoWhileOthersAreAnsweredAndWoken) {
     auto response = std::make_shared<JovuMessage>(client, 0, request.id(), nullptr);
     auto late_response = std::make_shared<JovuMessage>(client, 0, nullptr);
     jovu::ResponseSignal signal;
-    const jovu::WaitingRequests::Entry entry(table, request, signal, address);
+    const jovu::WaitingRequests::Entry entry(table, request, signal, address, 1);
     const std::pair<std::function<void()>, bool> calls[] = {
-        {[&] { table.respond(response); }, true}, {[&] { table.respond(late_response); }, false},
-        {[&] { table.wake(address); }, true},     {[&] { table.wake({1, 6}); }, false},
+        {[&] {
+             table.respond(response, {address, 1, ""}, false);
+         },
+         true},
+        {[&] {
+             table.respond(late_response, {address, 1, ""}, false);
+         },
+         false},
+        {[&] { table.wake(address); }, true},
+        {[&] {
+             table.wake({1, 6});
+         },
+         false},
         {[&] { table.wake_all(); }, true},
     };
     for (const auto& [call, wakes] : calls) {
@@ -110,7 +138,7 @@ TEST(WaitingRequests, ComeAndGoWhileOthersAreAnsweredAndWoken) {
         std::thread other([&] {
             for (int i = 0; i < kTimes; ++i) {
                 jovu::ResponseSignal unheard;
-                const jovu::WaitingRequests::Entry one(table, another, unheard, address);
+                const jovu::WaitingRequests::Entry one(table, another, unheard, address, 1);
             }
         });
         for (int i = 0; i < kTimes; ++i)

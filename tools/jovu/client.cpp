@@ -13,7 +13,9 @@ Notice notice(JovuDeviceAddress address, What what) {
 
 }  // namespace
 
-Client::Client(Inbox& inbox, const JovuScanHold& /*until_built*/) : inbox_(inbox) {}
+Client::Client(Inbox& inbox, const JovuScanPause& /*until_built*/) : inbox_(inbox) {
+    set_strict_matching(true);
+}
 
 Client::~Client() {
     shutdown();

@@ -12,7 +12,7 @@ namespace jovu_cli {
 class Client : public JovuClient {
 public:
     /// @param inbox must outlive this object.
-    explicit Client(Inbox& inbox, const JovuScanHold& = JovuScanHold());
+    explicit Client(Inbox& inbox, const JovuScanPause& = JovuScanPause());
     ~Client() override;
 
     void device_connected(JovuDeviceAddress address) override;

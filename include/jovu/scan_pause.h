@@ -1,0 +1,29 @@
+/// @file
+/// A pause in the opening of devices, for constructors.
+#pragma once
+
+#include "jovu/export.h"
+
+/// While one of these exists, no device is opened, so no connection is notified, and a client that
+/// is built meanwhile is not called at all: it receives no responses to commands either. Departures
+/// of devices are noticed late. Process-wide, may be nested; constructing one waits for an opening
+/// that is going on (milliseconds).
+///
+/// JovuClient, JovuTransport and JovuJobInterface register themselves in their constructors, and
+/// may be called from then on, when the members of a class derived from them do not exist yet. Such
+/// a class takes a pause as the default argument of its constructor, which lives until the whole
+/// object is built:
+///
+///     class App : public JovuClient {
+///     public:
+///         explicit App(const JovuScanPause& = JovuScanPause()) {}
+///         ~App() override { shutdown(); }
+///         void device_connected(JovuDeviceAddress address) override;
+///     };
+class JOVU_API JovuScanPause {
+public:
+    JovuScanPause() noexcept;
+    ~JovuScanPause();
+    JovuScanPause(const JovuScanPause&) = delete;
+    JovuScanPause& operator=(const JovuScanPause&) = delete;
+};
