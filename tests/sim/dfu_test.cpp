@@ -93,23 +93,6 @@ TEST(FirmwareImage, IsCheckedAsAWhole) {
     EXPECT_THROW(make_firmware_image("2.0.1", 10), std::invalid_argument);
 }
 
-TEST(Dfu, TakesAnImageAndBootsIt) {
-    DfuHost host;
-    const auto end = host.download_all(make_firmware_image("2.0.1", 5000));
-    EXPECT_EQ(end.state, DfuHost::kWaitReset);
-    EXPECT_EQ(end.status, 0);
-    EXPECT_EQ(host.device.stats(host.now)["dfu"]["bytes"], 5000);
-    EXPECT_FALSE(host.device.wants_to_leave(host.now)) << "it waits for the reset";
-    host.device.bus_reset(host.now);
-    EXPECT_FALSE(host.device.wants_to_leave(host.now)) << "and lets the host see its end";
-    host.now = *host.device.next_tick();
-    ASSERT_TRUE(host.device.wants_to_leave(host.now));
-    const auto application = host.device.successor();
-    EXPECT_EQ(application->identity().product, kApplicationProduct);
-    EXPECT_EQ(application->identity().serial, "JVSTEST");
-    EXPECT_EQ(application->stats(host.now)["version"], "2.0.1");
-}
-
 TEST(Dfu, DoesNotBootWhatIsNotSound) {
     const std::string good = make_firmware_image("2.0.1", 5000);
     std::string damaged = good;
@@ -180,26 +163,6 @@ TEST(Dfu, UploadsTheFirmwareThatItHas) {
     }
     EXPECT_TRUE(image == make_firmware_image("1.0.0"));
     EXPECT_EQ(host.status().state, DfuHost::kIdle);
-}
-
-TEST(Dfu, FaultsTakeItOffTheBus) {
-    DfuFaults faults;
-    faults.unplug_at = 1;
-    faults.leave_at_reset = true;
-    DfuHost host(faults);
-    const std::string image = make_firmware_image("2.0.1", 5000);
-    EXPECT_TRUE(host.download(0, image.substr(0, 1024)));
-    host.settled();
-    host.download(1, image.substr(1024, 1024));
-    EXPECT_TRUE(host.device.wants_to_leave(host.now));
-    EXPECT_EQ(host.device.successor(), nullptr) << "for good";
-
-    faults.unplug_at.reset();
-    DfuHost other(faults);
-    other.download_all(image);
-    other.device.bus_reset(other.now);
-    EXPECT_TRUE(other.device.wants_to_leave(other.now)) << "at once";
-    EXPECT_NE(other.device.successor(), nullptr);
 }
 
 TEST(Dfu, TheApplicationAnswersAndThenBecomesTheBootLoader) {

@@ -57,29 +57,7 @@ check "product id" "ok 1:2 product=0003 serial=JVS001002 clients=0" \
     "$("$sim" run --empty -- sh -c '"$sim" ctl plug product=3 >/dev/null; "$sim" ctl list')"
 check "a refusal" 1 "$("$sim" run -- sh -c '"$sim" ctl unplug 1:9 >/dev/null; echo $?')"
 
-# A firmware update by the tool that people use.
-"$sim" firmware 9.8.7 >"$work/image" || exit 1
-"$sim" firmware 9.8.7 | head -c 20000 >"$work/half"
 check "no version" 125 "$(status "$sim" firmware "")"
-check "a device in DFU mode is listed" 1 "$("$sim" run --empty -- sh -c \
-    '"$sim" ctl plug product=00df >/dev/null; dfu-util -l' | grep -c 'alt=0, .*serial="JVS001002"')"
-# updates FAULT IMAGE: what becomes of the tool and of the device
-updates() {
-    "$sim" run --empty -- sh -c '
-        "$sim" ctl plug product=00df >/dev/null
-        [ -z "$1" ] || "$sim" ctl fault 1:2 dfu $1 >/dev/null
-        dfu-util -d 7a1c:00df -a 0 -S JVS001002 -D "$2" >/dev/null 2>&1
-        echo $?
-        sleep 1
-        "$sim" ctl list | grep -o "product=...."
-        "$sim" ctl stats 1:3 2>/dev/null | grep -o "\"version\":\"[^\"]*\""' - "$@" | tr '\n' ' '
-}
-check "an update" '0 product=0002 "version":"9.8.7" ' "$(updates "" "$work/image")"
-check "one at whose end the device leaves at once" '74 product=0002 "version":"9.8.7" ' \
-    "$(updates leave-at-reset "$work/image")"
-check "one with half an image" "74 product=00df " "$(updates "" "$work/half")"
-check "one that cannot be written" "74 product=00df " "$(updates "write-error 3" "$work/image")"
-check "one that ends with the device" "74 " "$(updates "unplug-at 3" "$work/image")"
 
 # A signal for the simulator is one for the program; the simulator waits for what it does with it.
 "$sim" run -- sh -c 'trap "exit 5" TERM; echo >"$work/up"; while :; do sleep 0.05; done' &
