@@ -62,6 +62,6 @@ tell "An application of some 70 lines on the library, while somebody pulls the p
 run_meanwhile "sleep 2; jovu-sim ctl unplug 1:2; jovu-sim ctl plug 1:9" "announce 4"
 
 tell "A new firmware, through the real dfu-util. What counts is what the controller says afterwards:"
-run "jovu update ../examples/firmware.bin"
+run "jovu update --yes ../examples/firmware.bin"
 
 tell "That was the whole story. Next: README.md, or: build/release/bin/jovu --help"

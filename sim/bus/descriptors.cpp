@@ -141,7 +141,10 @@ std::string testbed_record(const UsbIdentity& identity, BusAddress address) {
     property("BUSNUM=" + bus);
     property("DEVNUM=" + device);
     const auto attribute = [&out](const std::string& name, const std::string& value) {
-        out += "A: " + name + "=" + value + "\\n\n";
+        out += "A: " + name + "=";
+        for (const char c : value)
+            out += c == '\\' ? std::string("\\\\") : std::string(1, c);
+        out += "\\n\n";
     };
     attribute("busnum", bus);
     attribute("devnum", device);

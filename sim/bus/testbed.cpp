@@ -99,10 +99,13 @@ std::string Testbed::free_serial(BusAddress address) const {
     return serial;
 }
 
-BusAddress Testbed::plug(std::optional<BusAddress> wanted, std::uint16_t product) {
+BusAddress Testbed::plug(std::optional<BusAddress> wanted, const PlugRequest& request) {
     const BusAddress address = wanted ? *wanted : free_address(kFirstBus);
-    DeviceNature nature{free_serial(address), product, pace_};
-    if (product == kDfuProduct) {
+    DeviceNature nature{request.serial.empty() ? free_serial(address) : request.serial,
+                        request.product, pace_};
+    nature.vendor = request.vendor;
+    nature.dfu_name = request.dfu_name;
+    if (request.product == kDfuProduct) {
         nature.product = kApplicationProduct;
         attach(address, std::make_unique<DfuDevice>(nature, DfuFaults()));
     } else {
@@ -142,11 +145,12 @@ void Testbed::unplug(BusAddress address) {
 }
 
 void Testbed::replug(BusAddress address) {
-    std::uint16_t product = 0;
-    at(address)->with_function(
-        [&product](UsbFunction& function, Millis) { product = function.application_product(); });
+    PlugRequest request;
+    at(address)->with_function([&request](UsbFunction& function, Millis) {
+        request.product = function.application_product();
+    });
     unplug(address);
-    plug(address, product);
+    plug(address, request);
 }
 
 /// What is left to do when a device has gone: the opposite order of plug(). The message comes last,

@@ -23,6 +23,14 @@ namespace jovusim {
 /// Tells programs where their testbed is.
 constexpr char kTestbedVariable[] = "UMOCKDEV_DIR";
 
+/// What is to be plugged in.
+struct PlugRequest {
+    std::uint16_t product = kApplicationProduct;  ///< kDfuProduct: a device in DFU mode
+    std::uint16_t vendor = kVendorId;
+    std::string serial = {};  ///< empty: made from the address
+    std::string dfu_name = DeviceNature{}.dfu_name;
+};
+
 /// A bus on which devices come and go, for programs that run with the testbed's library preloaded
 /// and kTestbedVariable set to root(). Changes that and TMPDIR in this process's environment.
 ///
@@ -42,10 +50,10 @@ public:
     /// The directory that lives as long as the bus.
     const std::string& root() const { return root_; }
 
-    /// Plugs a device in: a controller, or one in DFU mode for kDfuProduct.
+    /// Plugs a device in.
     /// @param address nothing: the next one on bus 1 that has not been in use for longest
     /// @throws std::runtime_error when the address is taken
-    BusAddress plug(std::optional<BusAddress> address, std::uint16_t product);
+    BusAddress plug(std::optional<BusAddress> address, const PlugRequest& request);
 
     /// Takes a device off the bus. @throws std::out_of_range for an unknown one.
     void unplug(BusAddress address);

@@ -23,7 +23,7 @@ InterfaceInfo bulk_pair(std::uint8_t in, std::uint8_t out) {
 }
 
 UsbIdentity usb_identity(const DeviceNature& nature) {
-    return {kVendorId,
+    return {nature.vendor,
             nature.product,
             kDeviceRelease,
             "JoVu",

@@ -13,7 +13,6 @@
 
 namespace jovusim {
 
-constexpr std::uint16_t kVendorId = 0x7A1C;
 constexpr std::uint16_t kApplicationProduct = 0x0002;
 
 /// Endpoints of the two channels.

@@ -55,14 +55,19 @@ std::string functional_descriptor() {
             0x01};  // version 1.1
 }
 
-UsbIdentity usb_identity(const std::string& serial) {
+UsbIdentity usb_identity(const DeviceNature& nature, const DfuFaults& faults) {
     InterfaceInfo interface {
         kApplicationSpecificClass, kFirmwareUpgradeSubclass, kDfuModeProtocol, {}
     };
-    interface.name = "Firmware";
+    interface.name = nature.dfu_name;
     interface.extra = functional_descriptor();
-    return {kVendorId, kDfuProduct, 0x0100, "JoVu", "JoVu Boot Loader (simulated)",
-            serial,    {interface}};
+    return {nature.vendor,
+            kDfuProduct,
+            0x0100,
+            "JoVu",
+            "JoVu Boot Loader (simulated)",
+            faults.serial.value_or(nature.serial),
+            {interface}};
 }
 
 const char* to_string(DfuState state) {
@@ -106,7 +111,7 @@ DfuStatus status_of(ImageFault fault) {
 }  // namespace
 
 DfuDevice::DfuDevice(DeviceNature nature, const DfuFaults& faults)
-    : nature_(std::move(nature)), usb_(usb_identity(nature_.serial)), faults_(faults) {}
+    : nature_(std::move(nature)), usb_(usb_identity(nature_, faults)), faults_(faults) {}
 
 std::optional<std::string> DfuDevice::control(const SetupPacket& request, const std::string& data,
                                               Millis now) {
@@ -170,7 +175,7 @@ DfuDevice::Reply DfuDevice::download(const SetupPacket& request, const std::stri
                       std::to_string(blocks_));
     }
     if (faults_.unplug_at == blocks_) {
-        gone_ = true;
+        gone_ = !faults_.keep_firmware;
         leaving_at_ = now;
         return std::nullopt;
     }
@@ -181,7 +186,7 @@ DfuDevice::Reply DfuDevice::download(const SetupPacket& request, const std::stri
 }
 
 void DfuDevice::write_block(const std::string& data) {
-    firmware_sound_ = false;
+    firmware_sound_ = faults_.keep_firmware;
     if (faults_.write_error == blocks_++) {
         fail(DfuStatus::write);
         return;
@@ -217,7 +222,7 @@ DfuDevice::Reply DfuDevice::get_status(Millis now) {
         busy_until_ = now + kManifestTime;
     } else if (state_ == DfuState::manifest && now >= busy_until_) {
         state_ = DfuState::manifest_wait_reset;
-        nature_.version = version_of_image(image_);
+        if (!faults_.keep_firmware) nature_.version = version_of_image(image_);
         firmware_sound_ = true;
         ++downloads_;
     }

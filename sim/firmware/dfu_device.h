@@ -44,6 +44,8 @@ struct DeviceNature {
     std::uint16_t product;  ///< of the application
     double pace;
     std::string version = "1.0.0";  ///< of the firmware that it has
+    std::uint16_t vendor = kVendorId;
+    std::string dfu_name = "Firmware";  ///< of its alternate setting in DFU mode
 };
 
 /// The device in DFU mode. It takes one image, checks it, waits for a bus reset and leaves the bus

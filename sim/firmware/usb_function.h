@@ -13,6 +13,9 @@
 
 namespace jovusim {
 
+/// The vendor id of the controllers, in DFU mode too.
+constexpr std::uint16_t kVendorId = 0x7A1C;
+
 /// One bulk endpoint. Bit 7 of the address is set for IN.
 struct EndpointInfo {
     std::uint8_t address;
@@ -55,6 +58,8 @@ struct DfuFaults {
     std::optional<std::uint64_t> write_error;  ///< that block cannot be written
     std::optional<std::uint64_t> unplug_at;    ///< the device leaves the bus at that block
     bool leave_at_reset = false;               ///< it does not wait for the reset's end
+    bool keep_firmware = false;                ///< what is written is not used
+    std::optional<std::string> serial;         ///< the one that it has in DFU mode
 };
 
 /// The function behind the endpoints: the controller's application firmware is one, another

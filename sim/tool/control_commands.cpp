@@ -10,8 +10,6 @@ namespace jovusim {
 
 namespace {
 
-constexpr char kProductKey[] = "product=";
-
 /// Returns the text behind "ok ", which may be empty.
 using Handler = std::string (*)(Testbed&, Words&);
 
@@ -23,17 +21,26 @@ struct ControlRequest {
 
 std::string plug(Testbed& testbed, Words& words) {
     std::optional<BusAddress> address;
-    std::uint16_t product = kApplicationProduct;
+    PlugRequest request;
     while (const auto word = words.next_if_any()) {
-        if (word->rfind(kProductKey, 0) == 0) {
-            product = parse_hex_word(word->substr(sizeof kProductKey - 1));
+        const std::size_t equals = word->find('=');
+        const std::string key = word->substr(0, equals);
+        const std::string value = equals == std::string::npos ? "" : word->substr(equals + 1);
+        if (key == "product") {
+            request.product = parse_hex_word(value);
+        } else if (key == "vendor") {
+            request.vendor = parse_hex_word(value);
+        } else if (key == "serial") {
+            request.serial = parse_serial(value);
+        } else if (key == "name") {
+            request.dfu_name = parse_text(value);
         } else if (!address) {
             address = parse_address(*word);
         } else {
             throw BadRequest("unexpected \"" + *word + "\"");
         }
     }
-    return testbed.plug(address, product).to_string();
+    return testbed.plug(address, request).to_string();
 }
 
 std::string unplug(Testbed& testbed, Words& words) {
@@ -131,7 +138,8 @@ std::string fault(Testbed& testbed, Words& words) {
 }
 
 constexpr std::array kRequests = {
-    ControlRequest{"plug", "plug [BUS:ADDR] [product=HEX]", plug},
+    ControlRequest{"plug", "plug [BUS:ADDR] [product=HEX] [vendor=HEX] [serial=TEXT] [name=TEXT]",
+                   plug},
     ControlRequest{"unplug", "unplug BUS:ADDR", unplug},
     ControlRequest{"replug", "replug BUS:ADDR", replug},
     ControlRequest{"list", "list", list},

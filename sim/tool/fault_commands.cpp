@@ -156,6 +156,10 @@ void dfu(const Target& target, Words& words) {
         added.unplug_at = block();
     } else if (word == "leave-at-reset") {
         added.leave_at_reset = true;
+    } else if (word == "keep-firmware") {
+        added.keep_firmware = true;
+    } else if (word == "serial") {
+        added.serial = parse_serial(words.next("TEXT"));
     } else {
         throw BadRequest("unknown dfu fault \"" + word + "\"");
     }
@@ -165,6 +169,8 @@ void dfu(const Target& target, Words& words) {
         if (added.write_error) faults.write_error = added.write_error;
         if (added.unplug_at) faults.unplug_at = added.unplug_at;
         if (added.leave_at_reset) faults.leave_at_reset = true;
+        if (added.keep_firmware) faults.keep_firmware = true;
+        if (added.serial) faults.serial = added.serial;
     });
 }
 
@@ -200,7 +206,8 @@ constexpr std::array kFaults = {
     Fault{"flood", "flood message|job N", flood},
     Fault{"garbage", "garbage message|job N", garbage},
     Fault{"unplug-at", "unplug-at EP N", unplug_at},
-    Fault{"dfu", "dfu write-error BLOCK|unplug-at BLOCK|leave-at-reset", dfu},
+    Fault{"dfu", "dfu write-error BLOCK|unplug-at BLOCK|leave-at-reset|keep-firmware|serial TEXT",
+          dfu},
     Fault{"clear", "clear", clear},
 };
 

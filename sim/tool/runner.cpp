@@ -218,7 +218,7 @@ int run_on_bus(const RunOptions& options) {
             return run_control_request(testbed, line);
         });
         for (unsigned i = 0; i < options.devices; ++i) {
-            testbed.plug(std::nullopt, kApplicationProduct);
+            testbed.plug(std::nullopt, {});
         }
         const auto environment = child_environment(own_environment, testbed.root(), control_path);
         const pid_t child = start_program(options.program, environment, before);

@@ -1,5 +1,6 @@
 #include "tool/words.h"
 
+#include <algorithm>
 #include <charconv>
 #include <cstring>
 #include <limits>
@@ -11,6 +12,7 @@ namespace {
 constexpr char kBlanks[] = " \t\r";
 constexpr int kMostErrnos = 256;
 constexpr int kHex = 16;
+constexpr std::size_t kLongestString = 126;  // a descriptor has 255 bytes, two for a character
 constexpr int kDecimal = 10;
 
 /// Parses the whole word, or gives nothing.
@@ -127,6 +129,32 @@ std::uint16_t parse_hex_word(const std::string& word) {
         throw BadRequest("\"" + word + "\" is no hexadecimal number up to ffff");
     }
     return static_cast<std::uint16_t>(*value);
+}
+
+std::string parse_text(const std::string& word) {
+    std::string text;
+    for (std::size_t i = 0; i < word.size(); ++i) {
+        if (word[i] == '%') {
+            const std::string digits = word.substr(i + 1, 2);
+            text += parse_hex_bytes(digits.empty() ? "%" : digits);
+            i += 2;
+        } else {
+            text += word[i];
+        }
+    }
+    if (text.empty() || text.size() > kLongestString) {
+        throw BadRequest("\"" + word + "\" does not have 1 to " + std::to_string(kLongestString) +
+                         " characters");
+    }
+    return text;
+}
+
+std::string parse_serial(const std::string& word) {
+    std::string serial = parse_text(word);
+    if (std::any_of(serial.begin(), serial.end(), [](char c) { return c < ' ' || c > '~'; })) {
+        throw BadRequest("the serial number \"" + word + "\" is not printable ASCII");
+    }
+    return serial;
 }
 
 std::string parse_hex_bytes(const std::string& word) {

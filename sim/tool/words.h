@@ -64,6 +64,12 @@ BusAddress parse_address(const std::string& word);
 /// Four hexadecimal digits or fewer.
 std::uint16_t parse_hex_word(const std::string& word);
 
+/// A text for a USB string descriptor, in which %XX stands for the byte XX.
+std::string parse_text(const std::string& word);
+
+/// Likewise a serial number, which must be printable: replies of one line show it.
+std::string parse_serial(const std::string& word);
+
 /// Bytes from pairs of hexadecimal digits.
 std::string parse_hex_bytes(const std::string& word);
 

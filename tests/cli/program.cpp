@@ -48,6 +48,7 @@ Pipe make_output(Out out) {
     switch (out) {
         case Out::terminal:
         case Out::console:
+        case Out::dialog:
             return make_terminal();
         case Out::full_disk:
             return {FileDescriptor(), FileDescriptor(open("/dev/full", O_WRONLY | O_CLOEXEC))};
@@ -115,6 +116,7 @@ Program::Program(const std::vector<std::string>& args, Out out)
     Pipe input = make_pipe();
     Pipe output = make_output(out);
     Pipe errors = make_pipe();
+    const bool console = out == Out::console || out == Out::dialog;
     std::vector<std::string> words{JOVU_PROGRAM};
     words.insert(words.end(), args.begin(), args.end());
     std::vector<char*> argv;
@@ -126,12 +128,11 @@ Program::Program(const std::vector<std::string>& args, Out out)
     pid_ = fork();
     if (pid_ < 0) throw std::runtime_error("fork");
     if (pid_ == 0) {
-        become(argv.data(), input.read.get(), output.write.get(), errors.write.get(),
-               out == Out::console);
+        become(argv.data(), input.read.get(), output.write.get(),
+               (out == Out::dialog ? output : errors).write.get(), console);
     }
-    streams_->in = out == Out::console
-                       ? FileDescriptor(fcntl(output.read.get(), F_DUPFD_CLOEXEC, 0))
-                       : std::move(input.write);
+    streams_->in = console ? FileDescriptor(fcntl(output.read.get(), F_DUPFD_CLOEXEC, 0))
+                           : std::move(input.write);
     streams_->out = std::move(output.read);
     streams_->err = std::move(errors.read);
 }

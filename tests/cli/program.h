@@ -18,6 +18,7 @@ enum class Out {
     pipe,
     terminal,   ///< A pseudo-terminal of 80 columns that can move its cursor.
     console,    ///< Likewise, which is the standard input, too, and where Ctrl-C comes from.
+    dialog,     ///< Likewise, which is the standard error, too.
     closed,     ///< A pipe whose reader is gone.
     full_disk,  ///< /dev/full
     none,       ///< Not open at all.

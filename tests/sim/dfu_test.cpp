@@ -165,25 +165,5 @@ TEST(Dfu, UploadsTheFirmwareThatItHas) {
     EXPECT_EQ(host.status().state, DfuHost::kIdle);
 }
 
-TEST(Dfu, FaultsTakeItOffTheBus) {
-    DfuFaults faults;
-    faults.unplug_at = 1;
-    faults.leave_at_reset = true;
-    DfuHost host(faults);
-    const std::string image = make_firmware_image("2.0.1", 5000);
-    EXPECT_TRUE(host.download(0, image.substr(0, 1024)));
-    host.settled();
-    host.download(1, image.substr(1024, 1024));
-    EXPECT_TRUE(host.device.wants_to_leave(host.now));
-    EXPECT_EQ(host.device.successor(), nullptr) << "for good";
-
-    faults.unplug_at.reset();
-    DfuHost other(faults);
-    other.download_all(image);
-    other.device.bus_reset(other.now);
-    EXPECT_TRUE(other.device.wants_to_leave(other.now)) << "at once";
-    EXPECT_NE(other.device.successor(), nullptr);
-}
-
 }  // namespace
 }  // namespace jovusim::test

@@ -5,6 +5,7 @@
 #include <string>
 
 #include "commands.h"
+#include "device_node.h"
 #include "dfu_tool.h"
 #include "failure.h"
 #include "printable.h"
@@ -14,29 +15,35 @@ namespace jovu_cli {
 
 void run_dfu(const Context& context) {
     DfuTool tool;
-    const DfuTool::Listing listing = tool.list();
+    const DfuListing listing = tool.list();
+    for (const std::string& line : listing.refused) {
+        print_error("jovu: left out, a device's names and serial number make it ambiguous: " +
+                    printable(line));
+    }
     if (context.out.json()) {
         Json devices = Json::array();
-        for (const DfuDevice& device : listing.devices) {
-            devices.push_back({{"vendor_id", device.vendor_id},
-                               {"product_id", device.product_id},
-                               {"serial", device.serial}});
+        for (const ListedDevice& device : listing.devices) {
+            devices.push_back({{"vendor_id", device.id.vendor_id},
+                               {"product_id", device.id.product_id},
+                               {"number", device.number},
+                               {"path", device.path},
+                               {"serial", device.id.serial}});
         }
         context.out.object({{"devices", std::move(devices)}});
     } else {
-        for (const DfuDevice& device : listing.devices) {
-            context.out.line(device.vendor_id + ":" + device.product_id + "  serial " +
-                             printable(device.serial));
+        for (const ListedDevice& device : listing.devices) {
+            context.out.line(device.kind() + "  " + printable(device.place()) + "  serial " +
+                             printable(device.id.serial));
         }
     }
-    if (const auto node = refused_node(listing.words)) {
+    if (const auto node = refused_node(listing.diagnostics)) {
         throw Failure(ExitCode::no_device, "no permission on " + *node, permission_hint());
     }
     if (listing.devices.empty()) {
-        throw Failure(
-            ExitCode::no_device,
-            "no device is in DFU mode" + (listing.words.empty() ? "" : ": " + listing.words),
-            "'jovu update' puts a controller into it");
+        throw Failure(ExitCode::no_device,
+                      "no device is in DFU mode" +
+                          (listing.diagnostics.empty() ? "" : ": " + listing.diagnostics),
+                      "'jovu update' puts a controller into it");
     }
 }
 

@@ -170,10 +170,13 @@ Run define_update(CLI::App& app) {
     app.add_option("IMAGE", options->image, "The firmware image")->type_name("")->required();
     app.add_option("--serial", options->serial, "The device with this serial number")
         ->type_name("SERIAL");
+    app.add_flag("-y,--yes", options->yes, "Do not ask; needed where no terminal is");
+    app.add_flag("--force", options->force, "Write an image that the checks refuse");
     app.footer(
-        "A controller is put into DFU mode, written to by dfu-util, and asked for its version "
-        "when\n"
-        "it is back. A device that is in DFU mode already is taken as it is.");
+        "A controller is put into DFU mode, written to by dfu-util, and asked for its version\n"
+        "when it is back. A device that is in DFU mode already is taken as it is. The firmware\n"
+        "that it has is erased. Refused are files that cannot be an image for it: plain text,\n"
+        "too large, or with a DFU suffix that is damaged or names another device.");
     return [options](const Context& context) { run_update(context, *options); };
 }
 

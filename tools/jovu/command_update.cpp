@@ -8,10 +8,14 @@
 #include <vector>
 
 #include "commands.h"
+#include "device_node.h"
+#include "dfu_mode.h"
 #include "dfu_tool.h"
 #include "failure.h"
+#include "firmware_image.h"
 #include "identity.h"
-#include "job_file.h"
+#include "printable.h"
+#include "question.h"
 #include "session.h"
 #include "session_lease.h"
 #include "update_reporter.h"
@@ -21,65 +25,68 @@ namespace {
 
 using namespace std::chrono_literals;
 
-/// How long a device may take to leave the bus and to come back as something else.
-constexpr auto change_limit = 20s;
-constexpr auto change_poll = 300ms;
 /// A device that is still in DFU mode so long after the download will not leave it.
 constexpr auto leave_limit = 8s;
-
-/// The vendor id of every controller, in DFU mode too, as dfu-util writes it. What else is in DFU
-/// mode is another maker's, and is left alone unless it is asked for by its serial number.
-constexpr const char* controller_vendor = "7a1c";
-
 constexpr const char* again_hint = "it is still in DFU mode: 'jovu update' can be run again";
+constexpr const char* force_hint = "--force writes it all the same";
 
 /// What is to be updated.
 struct Chosen {
-    std::optional<DfuDevice> dfu;                 ///< A device in DFU mode, or
+    std::optional<ListedDevice> dfu;              ///< A device in DFU mode, or
     std::optional<JovuDeviceAddress> controller;  ///< one that runs its firmware.
     Identity identity;                            ///< Of the controller.
 };
 
 class Update {
 public:
-    Update(const Context& context, Session& session, DfuTool& tool, const UpdateOptions& options)
-        : session_(session), tool_(tool), options_(options), reporter_(context.out) {}
+    Update(const Context& context, Session& session, DfuTool& tool, const FirmwareImage& image,
+           const UpdateOptions& options)
+        : session_(session),
+          tool_(tool),
+          image_(image),
+          options_(options),
+          reporter_(context.out) {}
 
     void run() {
-        const std::vector<DfuDevice> before = tool_.list().devices;
-        Chosen chosen = choose(before);
+        Chosen chosen = choose();
+        const std::string product = chosen.dfu ? chosen.dfu->id.product_id : "";
+        refuse_image_for_others(product.empty() ? hexadecimal(boot_loader_product) : product);
+        if (!options_.yes) {
+            confirm(chosen);
+        }
         if (chosen.controller) {
             reporter_.step("controller", chosen.identity.serial,
                            to_string(*chosen.controller) + ": serial " + chosen.identity.serial +
                                ", version " + chosen.identity.version);
-            chosen.dfu = enter_dfu_mode(*chosen.controller, chosen.identity, before);
+            chosen.dfu = enter_dfu_mode(session_, tool_, *chosen.controller, chosen.identity);
+            refuse_image_for_others(chosen.dfu->id.product_id);
         }
-        const DfuDevice& device = *chosen.dfu;
-        reporter_.step("dfu_mode", device.serial,
-                       "in DFU mode: " + device.vendor_id + ":" + device.product_id + ", serial " +
-                           device.serial);
+        const std::string& serial = chosen.dfu->id.serial;
+        reporter_.step("dfu_mode", serial,
+                       "in DFU mode: " + chosen.dfu->kind() + ", serial " + serial);
         const std::vector<JovuDeviceAddress> others = session_.usable_devices();
-        const DfuTool::Outcome outcome = download(device);
+        const DfuTool::Outcome outcome = download(*chosen.dfu);
         wait_for_return(chosen, others, outcome);
     }
 
 private:
     using Clock = std::chrono::steady_clock;
 
-    Chosen choose(const std::vector<DfuDevice>& in_dfu_mode) {
+    Chosen choose() {
         Chosen chosen;
         std::vector<JovuDeviceAddress> controllers = session_.find_devices();
-        std::vector<DfuDevice> devices = in_dfu_mode;
-        const auto unwanted = [&](const DfuDevice& device) {
-            return options_.serial.empty() ? device.vendor_id != controller_vendor
-                                           : device.serial != options_.serial;
-        };
-        devices.erase(std::remove_if(devices.begin(), devices.end(), unwanted), devices.end());
         if (options_.device) {
             chosen.controller = session_.pick_device();
             chosen.identity = read_identity(session_, *chosen.controller);
             return chosen;
         }
+        const DfuListing listing = unambiguous_listing(tool_);
+        std::vector<ListedDevice> devices = listing.devices;
+        const auto unwanted = [&](const ListedDevice& device) {
+            return !is_controller(device) ||
+                   (!options_.serial.empty() && device.id.serial != options_.serial);
+        };
+        devices.erase(std::remove_if(devices.begin(), devices.end(), unwanted), devices.end());
         if (!options_.serial.empty()) {
             const auto different = [&](JovuDeviceAddress address) {
                 const std::optional<Identity> identity = try_identity(address);
@@ -96,84 +103,89 @@ private:
             chosen.identity = read_identity(session_, *chosen.controller);
         } else if (!devices.empty()) {
             chosen.dfu = devices.front();
+            check_serial(*chosen.dfu);
         } else {
-            throw_none();
+            throw_none(listing);
         }
         return chosen;
     }
 
-    [[noreturn]] static void throw_several(const std::vector<JovuDeviceAddress>& controllers,
-                                           const std::vector<DfuDevice>& devices) {
-        std::string text = to_string(controllers);
-        for (const DfuDevice& device : devices) {
-            text += (text.empty() ? "" : ", ") + ("in DFU mode " + device.serial);
-        }
-        throw Failure(ExitCode::several_devices, "several devices: " + text,
-                      "choose one with -d BUS:ADDR or --serial SERIAL");
-    }
-
-    [[noreturn]] void throw_none() {
-        if (const auto node = refused_node(tool_.list().words)) {
+    [[noreturn]] void throw_none(const DfuListing& listing) {
+        if (const auto node = refused_node(listing.diagnostics)) {
             throw Failure(ExitCode::no_device, "no permission on " + *node, permission_hint());
         }
         if (!options_.serial.empty()) {
+            for (const ListedDevice& device : listing.devices) {
+                if (device.id.serial == options_.serial) {
+                    throw Failure(ExitCode::no_device,
+                                  "another maker's device: " + in_dfu_mode_text(device),
+                                  "only devices of vendor " + hexadecimal(controller_vendor) +
+                                      " are written to");
+                }
+            }
             throw Failure(ExitCode::no_device, "no device with serial number " + options_.serial,
                           "'jovu list' and 'jovu dfu' show those that there are");
         }
         session_.throw_no_device();
     }
 
-    DfuDevice enter_dfu_mode(JovuDeviceAddress address, const Identity& identity,
-                             const std::vector<DfuDevice>& before) {
-        std::string trouble;
-        try {
-            session_.exchange(address, "Enter_dfu_mode", [&] {
-                session_.client().Enter_dfu_mode(address);
-                return 0;
-            });
-        } catch (const Failure& failure) {
-            if (failure.code() != ExitCode::exchange_failed) {
-                throw;
-            }
-            trouble = failure.what();  // It may have left before it could answer.
+    /// @param product of the device in DFU mode.
+    /// @throws Failure file_problem when the image names another device than this one.
+    void refuse_image_for_others(const std::string& product) const {
+        const std::optional<FirmwareImage::Suffix>& suffix = image_.suffix();
+        if (!suffix || options_.force) {
+            return;
         }
-        const auto is_new = [&](const DfuDevice& device) {
-            return std::none_of(before.begin(), before.end(), [&](const DfuDevice& known) {
-                return known.serial == device.serial && known.product_id == device.product_id;
-            });
-        };
-        const auto deadline = Clock::now() + change_limit;
-        std::string words;
-        while (Clock::now() < deadline) {
-            const DfuTool::Listing listing = tool_.list();
-            words = listing.words;
-            std::vector<DfuDevice> news;
-            for (const DfuDevice& device : listing.devices) {
-                if (device.serial == identity.serial) {
-                    return device;
-                }
-                if (is_new(device) && device.vendor_id == controller_vendor) {
-                    news.push_back(device);
-                }
-            }
-            if (news.size() == 1 && !session_.is_connected(address)) {
-                return news.front();
-            }
-            pause();
+        constexpr std::uint16_t any = FirmwareImage::any_id;
+        const bool vendor_fits = suffix->vendor == any || suffix->vendor == controller_vendor;
+        const bool product_fits = suffix->product == any || suffix->product == controller_product ||
+                                  hexadecimal(suffix->product) == product;
+        if (!vendor_fits || !product_fits) {
+            const std::string vendor = hexadecimal(controller_vendor) + ":";
+            throw Failure(ExitCode::file_problem,
+                          "refused: " + image_.path() + ": its DFU suffix is for another device, " +
+                              hexadecimal(suffix->vendor) + ":" + hexadecimal(suffix->product) +
+                              ", this one is " + vendor + hexadecimal(controller_product) +
+                              ", in DFU mode " + vendor + product,
+                          force_hint);
         }
-        if (const auto node = refused_node(words)) {
-            throw Failure(ExitCode::no_device, "no permission on " + *node, permission_hint());
-        }
-        throw Failure(ExitCode::exchange_failed,
-                      to_string(address) + " did not show up in DFU mode" +
-                          (trouble.empty() ? "" : ": " + trouble) +
-                          (words.empty() ? "" : "; dfu-util says: " + words));
     }
 
-    DfuTool::Outcome download(const DfuDevice& device) {
+    /// Asks whether the device is to be written to.
+    /// @throws Failure interrupted when it is not, no_device when it has changed meanwhile.
+    void confirm(const Chosen& chosen) {
+        const std::string device =
+            chosen.dfu ? in_dfu_mode_text(*chosen.dfu)
+                       : to_string(*chosen.controller) + ", serial " + chosen.identity.serial;
+        const std::string version = chosen.dfu ? "unknown in DFU mode" : chosen.identity.version;
+        const std::string release = image_.release();
+        const std::string text =
+            "device:  " + printable(device) + "\nversion: " + printable(version) +
+            "\nimage:   " + printable(image_.path()) + ", " + std::to_string(image_.size()) +
+            " bytes, " + (release.empty() ? "version unknown" : "release " + release) + "\n";
+        if (!ask(text, "Erase the device's firmware and write the image?", session_.stop())) {
+            throw Failure(ExitCode::interrupted, "not updated: not confirmed");
+        }
+        const bool same = chosen.dfu ? is_listed(*chosen.dfu)
+                                     : session_.is_connected(*chosen.controller) &&
+                                           read_identity(session_, *chosen.controller).serial ==
+                                               chosen.identity.serial;
+        if (!same) {
+            throw Failure(ExitCode::no_device, "device is gone: " + device);
+        }
+    }
+
+    bool is_listed(const ListedDevice& device) {
+        const std::vector<ListedDevice> devices = unambiguous_listing(tool_).devices;
+        return std::any_of(devices.begin(), devices.end(), [&](const ListedDevice& other) {
+            return same_place(device, other) && other.id.serial == device.id.serial;
+        });
+    }
+
+    DfuTool::Outcome download(const ListedDevice& device) {
         bool told = false;
-        DfuTool::Outcome outcome = tool_.download(device, options_.image, [&](double percent) {
-            reporter_.downloading(device.serial, percent);
+        DfuTool::Outcome outcome = tool_.download(device, image_, [&](double percent) {
+            reporter_.downloading(device.id.serial, percent);
             if (session_.stop().state() == Stop::signal && !told) {
                 told = true;
                 tool_.tell(
@@ -193,15 +205,9 @@ private:
         while (Clock::now() < begin + change_limit) {
             if (const auto address = returned(chosen, others, outcome)) {
                 const Identity now = read_identity(session_, *address);
-                const std::string& before = chosen.identity.version;
-                // Without a version from before, the download's word is all there is to go by.
-                if (!outcome.completed && (now.version == before || before.empty())) {
-                    throw Failure(ExitCode::exchange_failed,
-                                  "the update failed, " + to_string(*address) + " runs version " +
-                                      now.version + (before.empty() ? "" : " as before") +
-                                      said(outcome));
-                }
-                reporter_.updated(to_string(*address), now.serial, before, now.version);
+                check_version(to_string(*address), chosen.identity.version, now.version, outcome);
+                reporter_.done(to_string(*address), now.serial, chosen.identity.version,
+                               now.version);
                 return;
             }
             const bool late = Clock::now() > begin + leave_limit;
@@ -209,14 +215,33 @@ private:
                 throw Failure(ExitCode::exchange_failed,
                               (outcome.completed ? "the device does not run the image: "
                                                  : "the download failed: ") +
-                                  chosen.dfu->serial + said(outcome),
+                                  chosen.dfu->id.serial + said(outcome),
                               again_hint);
             }
-            pause();
+            pause_in_change(session_);
         }
         throw Failure(ExitCode::exchange_failed,
-                      "the device has not come back: " + chosen.dfu->serial + said(outcome),
+                      "the device has not come back: " + chosen.dfu->id.serial + said(outcome),
                       "unplug it and plug it in again; 'jovu list' and 'jovu dfu' show what it is");
+    }
+
+    /// @throws Failure exchange_failed when the device runs what it ran before.
+    void check_version(const std::string& device, const std::string& before, const std::string& now,
+                       const DfuTool::Outcome& outcome) const {
+        const bool as_before = !before.empty() && now == before;
+        const std::string runs = device + " runs version " + now + (as_before ? " as before" : "");
+        // Without a version from before, the download's word is all there is to go by.
+        if (!outcome.completed && (as_before || before.empty())) {
+            throw Failure(ExitCode::exchange_failed, "the update failed, " + runs + said(outcome));
+        }
+        // What holds the version's text may be that version, written once more.
+        if (as_before && !options_.force && !image_.may_be_version(now)) {
+            throw Failure(
+                ExitCode::exchange_failed,
+                "not updated: " + runs + ", and that is not the version of " + image_.path(),
+                "of an image that is packed or encrypted, --force takes it for the same "
+                "version");
+        }
     }
 
     /// The controller that the updated device has become.
@@ -232,8 +257,8 @@ private:
             if (!identity) {
                 continue;
             }
-            if (identity->serial == chosen.dfu->serial ||
-                identity->serial == chosen.identity.serial) {
+            if (identity->serial == chosen.dfu->id.serial ||
+                (chosen.controller && identity->serial == chosen.identity.serial)) {
                 return address;
             }
             strangers.push_back(address);
@@ -259,10 +284,10 @@ private:
         }
     }
 
-    bool in_dfu_mode(const DfuDevice& device) {
-        const std::vector<DfuDevice> devices = tool_.list().devices;
-        return std::any_of(devices.begin(), devices.end(), [&](const DfuDevice& other) {
-            return other.serial == device.serial && other.product_id == device.product_id;
+    bool in_dfu_mode(const ListedDevice& device) {
+        const std::vector<ListedDevice> devices = tool_.list().devices;
+        return std::any_of(devices.begin(), devices.end(), [&](const ListedDevice& other) {
+            return other.id.serial == device.id.serial && other.kind() == device.kind();
         });
     }
 
@@ -270,20 +295,9 @@ private:
         return outcome.words.empty() ? "" : "; dfu-util says: " + outcome.words;
     }
 
-    void pause() {
-        const auto until = Clock::now() + change_poll;
-        while (session_.inbox().next(until)) {
-        }
-        if (session_.stop().state() == Stop::signal) {
-            throw Failure(ExitCode::interrupted,
-                          "interrupted: the device is in DFU mode, or on its way there or back",
-                          "'jovu list' and 'jovu dfu' show what it is");
-        }
-        session_.stop().throw_if_stopped();
-    }
-
     Session& session_;
     DfuTool& tool_;
+    const FirmwareImage& image_;
     const UpdateOptions& options_;
     UpdateReporter reporter_;
 };
@@ -291,12 +305,20 @@ private:
 }  // namespace
 
 void run_update(const Context& context, const UpdateOptions& options) {
-    check_whole_file(options.image, "use");
+    if (!options.yes && !can_ask()) {
+        throw Failure(ExitCode::usage, "not confirmed: the device's firmware is erased",
+                      "--yes is needed where standard input and standard error are no terminal");
+    }
+    const FirmwareImage image(options.image);
+    if (!image.fault().empty() && !options.force) {
+        throw Failure(ExitCode::file_problem, "refused: " + image.path() + ": " + image.fault(),
+                      force_hint);
+    }
     DfuTool tool;  // Before the link, whose threads need not see the working directory change.
     const SessionLease lease(context, Interest{});
     UpdateOptions chosen = options;
     chosen.device = context.options.device;
-    Update(context, lease.session(), tool, chosen).run();
+    Update(context, lease.session(), tool, image, chosen).run();
     context.stop.throw_if_stopped();
 }
 

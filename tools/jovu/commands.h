@@ -68,6 +68,8 @@ struct TraceOptions {
 struct UpdateOptions {
     std::string image;
     std::string serial;                       ///< Of the device to update; empty for any.
+    bool yes = false;                         ///< Do not ask.
+    bool force = false;                       ///< Write also what the checks refuse.
     std::optional<JovuDeviceAddress> device;  ///< Likewise, by its place on the bus.
 };
 

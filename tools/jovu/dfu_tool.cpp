@@ -34,10 +34,19 @@ constexpr const char* output_name = "output";
 
 /// Stands in the place of dfu-util and keeps what it prints: the library passes percentages on, but
 /// why a download has failed stands on the same channel.
-constexpr const char* keeper =
-    "#!/bin/sh\n"
-    "here=${0%/*}\n"
-    "\"$here/bin/dfu-util\" \"$@\" | tee \"$here/output\"\n";
+/// @param options are added to those of the library.
+std::string keeper(const std::string& options) {
+    return "#!/bin/sh\n"
+           "here=${0%/*}\n"
+           "\"$here/bin/dfu-util\" \"$@\"" +
+           options + " | tee \"$here/output\"\n";
+}
+
+/// Without these, dfu-util writes to any device in DFU mode that has the serial number.
+std::string only_this_device(const ListedDevice& device) {
+    return " -d " + device.kind() + "," + device.kind() +
+           (device.path.empty() ? "" : " -p " + device.path);
+}
 
 [[noreturn]] void throw_temporary(int error) {
     throw Failure(ExitCode::failure, std::string("cannot make a temporary directory: ") +
@@ -85,10 +94,6 @@ void link_to(const fs::path& target, const fs::path& name) {
     }
 }
 
-bool same(const DfuDevice& a, const DfuDevice& b) {
-    return a.vendor_id == b.vendor_id && a.product_id == b.product_id && a.serial == b.serial;
-}
-
 /// Advice to the makers of images, which would only hide what has gone wrong.
 bool is_noise(const std::string& line) {
     return line.find("DFU suffix") != std::string::npos;
@@ -109,10 +114,10 @@ std::string joined_lines(const std::string& text) {
     return result;
 }
 
-void write_keeper(const fs::path& path) {
+void write_keeper(const fs::path& path, const std::string& options) {
     errno = 0;
     std::ofstream file(path);
-    file << keeper;
+    file << keeper(options);
     file.close();
     if (!file) {
         throw_temporary(errno != 0 ? errno : EIO);
@@ -124,10 +129,14 @@ void write_keeper(const fs::path& path) {
     }
 }
 
+std::string read_file(const fs::path& path) {
+    std::ifstream file(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), {}};
+}
+
 /// What dfu-util has printed behind the last state of its progress bar.
 std::string last_words(const fs::path& output) {
-    std::ifstream file(output);
-    const std::string text{std::istreambuf_iterator<char>(file), {}};
+    const std::string text = read_file(output);
     const std::size_t bar = text.rfind("Download\t");
     if (bar == std::string::npos) {
         return "";
@@ -231,7 +240,6 @@ DfuTool::DfuTool() {
     directory_.path = make_directory();
     fs::create_directory(directory_.path / program_directory);
     link_to(*tool, directory_.path / program_directory / tool_name);
-    write_keeper(directory_.path / tool_name);
     const WorkingDirectory here(directory_.path);
     dfu_.emplace();
 }
@@ -245,24 +253,24 @@ DfuTool::Directory::~Directory() {
     }
 }
 
-DfuTool::Listing DfuTool::list() {
+DfuListing DfuTool::list() {
+    write_keeper(directory_.path / tool_name, "");
+    const fs::path output = directory_.path / output_name;
+    std::error_code ignored;
+    fs::remove(output, ignored);
     const ErrorCapture errors(*this);
-    Listing listing;
-    for (DfuDevice& device : dfu_->GetDfuDevices()) {
-        const auto& known = listing.devices;
-        if (std::none_of(known.begin(), known.end(),
-                         [&](const DfuDevice& other) { return same(device, other); })) {
-            listing.devices.push_back(std::move(device));
-        }
-    }
-    listing.words = errors.words();
+    dfu_->GetDfuDevices();  // It knows no places on the bus, which are in what the tool has
+                            // printed.
+    DfuListing listing = parse_dfu_listing(read_file(output));
+    listing.diagnostics = errors.words();
     return listing;
 }
 
-DfuTool::Outcome DfuTool::download(const DfuDevice& device, const std::string& image,
+DfuTool::Outcome DfuTool::download(const ListedDevice& device, const FirmwareImage& image,
                                    const std::function<void(double)>& progress) {
     const fs::path name = directory_.path / image_name;
-    link_to(image, name);
+    image.put_at(name);
+    write_keeper(directory_.path / tool_name, only_this_device(device));
     const ErrorCapture errors(*this);
     IgnoredSignals ignored;
     // Who prints a percentage has started, and all that it was started by.
@@ -274,7 +282,7 @@ DfuTool::Outcome DfuTool::download(const DfuDevice& device, const std::string& i
     finished_reports = 0;
     Outcome outcome;
     try {
-        dfu_->UpdateDevice(device, name.string(), report_progress);
+        dfu_->UpdateDevice(device.id, name.string(), report_progress);
         // The library reports 100 once by itself, at the end of every download.
         outcome.completed = finished_reports > 1;
         if (outcome.completed) {

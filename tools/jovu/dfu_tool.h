@@ -7,13 +7,12 @@
 #include <memory>
 #include <optional>
 #include <string>
-#include <vector>
 
+#include "dfu_listing.h"
+#include "firmware_image.h"
 #include "jovu/dfu.h"
 
 namespace jovu_cli {
-
-using DfuDevice = JovuDfu::DfuDevice_t;
 
 /// The library runs the dfu-util in its working directory and has its own ideas about paths with
 /// blanks. This gives it a directory with plain names that lead to the tool and to the image, for
@@ -28,23 +27,20 @@ public:
     DfuTool(const DfuTool&) = delete;
     DfuTool& operator=(const DfuTool&) = delete;
 
-    /// What dfu-util lists.
-    struct Listing {
-        std::vector<DfuDevice> devices;  ///< Each once, whatever number of settings it has.
-        std::string words;               ///< What dfu-util complains of.
-    };
+    /// Runs dfu-util for its listing.
     /// @throws JovuException when dfu-util cannot be started.
-    Listing list();
+    DfuListing list();
 
     /// How a download went, as far as dfu-util tells.
     struct Outcome {
         bool completed = false;  ///< It told of the last byte.
         std::string words;       ///< What it complained of.
     };
-    /// Writes an image to a device; returns when dfu-util has ended.
+    /// Writes an image to a device, and to no other one with its serial number; returns when
+    /// dfu-util has ended.
     /// @param progress called with per cent; must not throw.
     /// @throws JovuException when dfu-util cannot be started.
-    Outcome download(const DfuDevice& device, const std::string& image,
+    Outcome download(const ListedDevice& device, const FirmwareImage& image,
                      const std::function<void(double)>& progress);
 
     /// Prints a line on the real standard error, also while dfu-util's is being read.

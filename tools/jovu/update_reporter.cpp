@@ -46,10 +46,11 @@ void UpdateReporter::end_download() {
     }
 }
 
-void UpdateReporter::updated(const std::string& device, const std::string& serial,
-                             const std::string& before, const std::string& now) {
+void UpdateReporter::done(const std::string& device, const std::string& serial,
+                          const std::string& before, const std::string& now) {
+    const std::string event = before == now ? "written" : "updated";
     if (out_.json()) {
-        out_.object({{"event", "updated"},
+        out_.object({{"event", event},
                      {"device", device},
                      {"serial", serial},
                      {"version_before", before.empty() ? Json() : Json(before)},
@@ -59,7 +60,7 @@ void UpdateReporter::updated(const std::string& device, const std::string& seria
     const std::string change = before.empty()  ? ""
                                : before == now ? ", as before"
                                                : ", before it was " + before;
-    out_.line("updated: " + device + " runs version " + printable(now + change));
+    out_.line(event + ": " + device + " runs version " + printable(now + change));
 }
 
 }  // namespace jovu_cli

@@ -31,9 +31,9 @@ public:
     /// Ends the bar. @throws what downloading() could not.
     void end_download();
 
-    /// The device runs a firmware again. @throws as Output.
-    void updated(const std::string& device, const std::string& serial, const std::string& before,
-                 const std::string& now);
+    /// The device runs a firmware again, the one from before or another one. @throws as Output.
+    void done(const std::string& device, const std::string& serial, const std::string& before,
+              const std::string& now);
 
 private:
     Output& out_;

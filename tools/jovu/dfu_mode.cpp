@@ -1,0 +1,165 @@
+#include "dfu_mode.h"
+
+#include <algorithm>
+#include <array>
+#include <chrono>
+#include <cstdio>
+#include <optional>
+
+#include "device_node.h"
+#include "failure.h"
+
+namespace jovu_cli {
+namespace {
+
+using namespace std::chrono_literals;
+using Clock = std::chrono::steady_clock;
+
+constexpr auto change_poll = 300ms;
+/// So long a device with the controller's own serial number is waited for.
+constexpr auto serial_limit = 2s;
+/// A device must have been the only one for so long: a hostile one may be there before it.
+constexpr auto settle_time = 1s;
+
+bool contains_place(const std::vector<ListedDevice>& devices, const ListedDevice& wanted) {
+    return std::any_of(devices.begin(), devices.end(),
+                       [&](const ListedDevice& device) { return same_place(device, wanted); });
+}
+
+/// Has the controller leave its firmware.
+/// @return why it may not have heard; empty when it has.
+std::string send_enter_dfu_mode(Session& session, JovuDeviceAddress address) {
+    try {
+        session.exchange(address, "Enter_dfu_mode", [&] {
+            session.client().Enter_dfu_mode(address);
+            return 0;
+        });
+    } catch (const Failure& failure) {
+        if (failure.code() != ExitCode::exchange_failed) {
+            throw;
+        }
+        return failure.what();  // It may have left before it could answer.
+    }
+    return {};
+}
+
+/// The devices that the controller may have become.
+/// @param before what was listed before the change.
+/// @param any_serial whether a device with another serial number may be it, too.
+std::vector<ListedDevice> candidates(const std::vector<ListedDevice>& listed,
+                                     const std::vector<ListedDevice>& before,
+                                     const std::string& serial, bool any_serial) {
+    std::vector<ListedDevice> with_serial;
+    std::vector<ListedDevice> others;
+    for (const ListedDevice& device : listed) {
+        if (is_controller(device) && !contains_place(before, device)) {
+            (device.id.serial == serial ? with_serial : others).push_back(device);
+        }
+    }
+    return with_serial.empty() && any_serial ? others : with_serial;
+}
+
+}  // namespace
+
+std::string hexadecimal(std::uint16_t id) {
+    std::array<char, 5> digits{};
+    std::snprintf(digits.data(), digits.size(), "%04x", unsigned{id});
+    return digits.data();
+}
+
+bool is_controller(const ListedDevice& device) {
+    return device.id.vendor_id == hexadecimal(controller_vendor);
+}
+
+std::string in_dfu_mode_text(const ListedDevice& device) {
+    return "in DFU mode " + device.id.serial + " (" + device.kind() + " at " + device.place() + ")";
+}
+
+void check_serial(const ListedDevice& device) {
+    if (!is_word(device.id.serial)) {
+        throw Failure(ExitCode::no_device, "cannot choose the device " + in_dfu_mode_text(device) +
+                                               ": its serial number must be of letters and digits");
+    }
+}
+
+DfuListing unambiguous_listing(DfuTool& tool) {
+    DfuListing listing = tool.list();
+    if (!listing.refused.empty()) {
+        throw Failure(ExitCode::several_devices,
+                      "cannot tell the devices in DFU mode apart: the names or the serial number "
+                      "of one are ambiguous: " +
+                          listing.refused.front(),
+                      "unplug that device");
+    }
+    return listing;
+}
+
+void throw_several(const std::vector<JovuDeviceAddress>& controllers,
+                   const std::vector<ListedDevice>& devices) {
+    std::string text = to_string(controllers);
+    for (const ListedDevice& device : devices) {
+        text += (text.empty() ? "" : ", ") + in_dfu_mode_text(device);
+    }
+    throw Failure(ExitCode::several_devices, "several devices: " + text,
+                  "choose one with -d BUS:ADDR or --serial SERIAL, or unplug the others");
+}
+
+ListedDevice enter_dfu_mode(Session& session, DfuTool& tool, JovuDeviceAddress address,
+                            const Identity& identity) {
+    const std::vector<ListedDevice> before = unambiguous_listing(tool).devices;
+    for (const ListedDevice& device : before) {
+        if (device.id.serial == identity.serial) {
+            throw Failure(ExitCode::several_devices,
+                          "two devices claim one serial number: " + to_string(address) + ", and " +
+                              in_dfu_mode_text(device),
+                          "unplug the one that is not to be updated");
+        }
+    }
+    const std::string trouble = send_enter_dfu_mode(session, address);
+    const auto begin = Clock::now();
+    auto since = begin;
+    std::optional<ListedDevice> only;
+    std::string diagnostics;
+    while (Clock::now() < begin + change_limit) {
+        const DfuListing listing = unambiguous_listing(tool);
+        diagnostics = listing.diagnostics;
+        // A device that is still connected is none of those in DFU mode.
+        if (!session.is_connected(address)) {
+            const bool any_serial = Clock::now() > begin + serial_limit;
+            const std::vector<ListedDevice> found =
+                candidates(listing.devices, before, identity.serial, any_serial);
+            if (found.size() > 1) {
+                throw_several({}, found);
+            }
+            if (found.empty() || !only || !same_place(*only, found.front())) {
+                only = found.empty() ? std::nullopt : std::optional(found.front());
+                since = Clock::now();
+            } else if (Clock::now() >= since + settle_time) {
+                check_serial(*only);
+                return *only;
+            }
+        }
+        pause_in_change(session);
+    }
+    if (const auto node = refused_node(diagnostics)) {
+        throw Failure(ExitCode::no_device, "no permission on " + *node, permission_hint());
+    }
+    throw Failure(ExitCode::exchange_failed,
+                  to_string(address) + " did not show up in DFU mode" +
+                      (trouble.empty() ? "" : ": " + trouble) +
+                      (diagnostics.empty() ? "" : "; dfu-util says: " + diagnostics));
+}
+
+void pause_in_change(Session& session) {
+    const auto until = Clock::now() + change_poll;
+    while (session.inbox().next(until)) {
+    }
+    if (session.stop().state() == Stop::signal) {
+        throw Failure(ExitCode::interrupted,
+                      "interrupted: the device is in DFU mode, or on its way there or back",
+                      "'jovu list' and 'jovu dfu' show what it is");
+    }
+    session.stop().throw_if_stopped();
+}
+
+}  // namespace jovu_cli

@@ -1,0 +1,57 @@
+#include "question.h"
+
+#include <poll.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <iterator>
+#include <system_error>
+
+#include "failure.h"
+
+namespace jovu_cli {
+namespace {
+
+/// Reads a line, one byte at a time: what follows it is the next reader's.
+std::string read_line(const StopSource& stop) {
+    std::string line;
+    for (;;) {
+        pollfd waited[] = {{STDIN_FILENO, POLLIN, 0}, {stop.fd(), POLLIN, 0}};
+        if (poll(waited, std::size(waited), -1) < 0) {
+            continue;  // EINTR, as after SIGSTOP and SIGCONT.
+        }
+        if (waited[1].revents != 0) {
+            (void)!write(STDERR_FILENO, "\n", 1);
+            stop.throw_if_stopped();
+        }
+        char byte = 0;
+        const ssize_t count = read(STDIN_FILENO, &byte, 1);
+        if (count == 0 || byte == '\n') {
+            return line;
+        }
+        if (count > 0) {
+            line += byte;
+        } else if (errno != EINTR && errno != EAGAIN) {
+            throw Failure(ExitCode::file_problem,
+                          "cannot read standard input: " + std::generic_category().message(errno));
+        }
+    }
+}
+
+}  // namespace
+
+bool can_ask() {
+    return isatty(STDIN_FILENO) != 0 && isatty(STDERR_FILENO) != 0;
+}
+
+bool ask(const std::string& text, const std::string& question, const StopSource& stop) {
+    const std::string shown = text + question + " [y/N] ";
+    (void)!write(STDERR_FILENO, shown.data(), shown.size());
+    std::string answer = read_line(stop);
+    for (char& c : answer) {
+        c = c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
+    }
+    return answer == "y" || answer == "yes";
+}
+
+}  // namespace jovu_cli

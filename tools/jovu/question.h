@@ -1,0 +1,20 @@
+/// @file
+/// Asking the user before something that cannot be undone.
+#pragma once
+
+#include <string>
+
+#include "stop_source.h"
+
+namespace jovu_cli {
+
+/// Whether there is somebody to ask: standard input and standard error are terminals.
+bool can_ask();
+
+/// Shows a text and a question on standard error and reads a line from standard input.
+/// @param text lines that the answer depends on; must have gone through printable().
+/// @return whether the line is "y" or "yes"; the end of the input is no.
+/// @throws Failure interrupted, output_closed, or file_problem when nothing can be read.
+bool ask(const std::string& text, const std::string& question, const StopSource& stop);
+
+}  // namespace jovu_cli
