@@ -161,14 +161,6 @@ TEST(MessageChannel, CarriesOutWhatIsOnlyUntidy) {
     }
 }
 
-TEST(MessageChannel, BlanksInsideStringsAreFine) {
-    Host host;
-    host.exchange(envelope(kTransport, R"({"idx":0,"name":"a \" b"})"));
-    const auto complaints = host.controller.take_complaints();
-    ASSERT_EQ(complaints.size(), 1U);
-    EXPECT_NE(complaints[0].find("no such command"), std::string::npos);
-}
-
 TEST(MessageChannel, DoesNotAnswerOneway) {
     Host host;
     EXPECT_EQ(host.exchange(envelope(R"({"attrs":["request","oneway"],"id":9})", kVersion)).size(),
