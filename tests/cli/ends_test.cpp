@@ -59,6 +59,7 @@ TEST(Ends, WithoutADevice) {
     expect_error(jovu({"status", "-d", "1:4"}), 3, "1:4 is in DFU mode");
     sim("fault 1:2 open");
     expect_error(jovu({"status"}), 3, "cannot open 1:2: /dev/bus/usb/001/002: Is a directory");
+    expect_error(jovu({"status", "-d", "9:9"}), 3, "no such device: 9:9 (--wait-device SECONDS");
 }
 
 TEST(Ends, WhenThereAreSeveralDevicesAndNoneIsChosen) {

@@ -153,13 +153,14 @@ TEST_F(Trace, IsSwitchedOffOnEveryWayOut) {
 }
 
 TEST_F(Trace, KeepsWhatItHasWhenTheDeviceGoes) {
-    Program program({"trace", "0", "--csv", csv_.path()});
+    Program program({"trace", "0", "--csv", csv_.path(), "--plot", plot_.path()});
     ASSERT_TRUE(eventually([&] { return stats(device_)["message"]["events"] > 100; }));
     sim("unplug " + name(device_));
     EXPECT_EQ(program.finish(), 5);
     EXPECT_THAT(program.err(),
                 HasSubstr(name(device_) + " is gone: there is no tracing to switch off"));
     EXPECT_EQ(content(csv_.path()), "old");
+    ASSERT_EQ(files().size(), 3U) << "with the samples, and nothing of the image";
     const std::string part = files().back();
     EXPECT_THAT(program.err(), HasSubstr("what was recorded until then is in " + part));
     EXPECT_THAT(content(part), StartsWith("int_cnt,"));

@@ -12,81 +12,63 @@ using test::kAddress;
 
 /// @name Results as text: the members of a structure one after another.
 /// @{
-struct Shown {
-    std::ostringstream out;
-    bool first = true;
-
-    template <class T>
-    void add(const T& value) {
-        if (!std::exchange(first, false)) out << ' ';
-        if constexpr (std::is_enum_v<T>) {
-            out << static_cast<std::underlying_type_t<T>>(value);
-        } else if constexpr (std::is_integral_v<T>) {
-            out << +value;
-        } else {
-            out << value;
-        }
-    }
-    template <std::size_t size>
-    void add(const unsigned char (&bytes)[size]) {
-        std::string text;
-        for (const unsigned char byte : bytes)
-            text += (text.empty() ? "" : ".") + std::to_string(byte);
-        add(text);
-    }
-    template <std::size_t size>
-    void add(const char (&text)[size]) {
-        add(std::string(text, strnlen(text, size)));
-    }
+template <class... Rows>
+struct Table : Rows... {
+    using Rows::operator()...;
 };
+template <class... Rows>
+Table(Rows...) -> Table<Rows...>;
 
-template <class... Values>
-std::string shown(const Values&... values) {
-    Shown result;
-    (result.add(values), ...);
-    return result.out.str();
-}
+const Table members{
+    [](const wifi_ip_config_t& c) {
+        return std::tie(c.ip, c.subnet_mask, c.default_gateway, c.dhcp_server, c.dns_server,
+                        c.mac_address, c.connected_ssid);
+    },
+    [](const wifi_status_t& s) { return std::tie(s.connected, s.ip_config); },
+    [](const wifi_config_t& c) {
+        const auto& [start, connect, ssid, key, timeout] = c.ifc_config;
+        const auto& [mac, patch] = c.hdw_config;
+        return std::tie(start, connect, ssid, key, timeout, mac, patch, c.ip_config);
+    },
+    [](const wifi_scan_network_t& n) { return std::tie(n.ssid, n.encryption, n.strength); },
+    [](const servo_dc_client_config_t& c) {
+        const auto& [kp, ki, kd, ka, kv, kf] = c.gains;
+        return std::tie(c.interrupt_frequency, kp, ki, kd, ka, kv, kf, c.pwm_cap, c.pwm_cap_time,
+                        c.units, c.pos_res_eu_per_mm, c.vel_res_mm_per_sec, c.speed_max,
+                        c.accel_max, c.move_dist_min_static, c.move_dist_min_dynamic, c.trace);
+    },
+    [](const servo_dc_move_config_t& c) {
+        return std::tie(c.move_type, c.start_sync, c.target, c.distance, c.speed_f, c.accel_f,
+                        c.decel_f, c.max_cycles, c.metric_skip, c.speed_offset_upramp_f,
+                        c.speed_offset_downramp_f, c.ignore_stalls, c.slaved, c.slave_ratio);
+    },
+    [](const servo_dc_move_metrics_t& m) { return std::tie(m.n, m.mean, m.M2); },
+    [](const write_byte_return_t& r) { return std::tie(r.success, r.timetowrite); },
+    [](const read_byte_return_t& r) { return std::tie(r.byteread, r.timetoread); },
+    [](const storage_info_t& s) { return std::tie(s.total_size, s.block_count, s.block_size); }};
 
-std::string shown(const std::shared_ptr<char>& text) {
-    return text == nullptr ? "null" : text.get();
-}
-std::string shown(const wifi_ip_config_t& c) {
-    return shown(c.ip, c.subnet_mask, c.default_gateway, c.dhcp_server, c.dns_server, c.mac_address,
-                 c.connected_ssid);
-}
-std::string shown(const wifi_status_t& status) {
-    return shown(status.connected, shown(status.ip_config));
-}
-std::string shown(const wifi_config_t& config) {
-    const auto& [start, connect, ssid, key, timeout] = config.ifc_config;
-    const auto& [mac, patch] = config.hdw_config;
-    return shown(start, connect, ssid, key, timeout, mac, patch, shown(config.ip_config));
-}
-std::string shown(const wifi_scan_network_t& n) {
-    return shown(n.ssid, n.encryption, n.strength);
-}
-std::string shown(const servo_dc_client_config_t& c) {
-    const auto& [kp, ki, kd, ka, kv, kf] = c.gains;
-    return shown(c.interrupt_frequency, kp, ki, kd, ka, kv, kf, c.pwm_cap, c.pwm_cap_time, c.units,
-                 c.pos_res_eu_per_mm, c.vel_res_mm_per_sec, c.speed_max, c.accel_max,
-                 c.move_dist_min_static, c.move_dist_min_dynamic, c.trace);
-}
-std::string shown(const servo_dc_move_config_t& c) {
-    return shown(c.move_type, c.start_sync, c.target, c.distance, c.speed_f, c.accel_f, c.decel_f,
-                 c.max_cycles, c.metric_skip, c.speed_offset_upramp_f, c.speed_offset_downramp_f,
-                 c.ignore_stalls, c.slaved, c.slave_ratio);
-}
-std::string shown(const servo_dc_move_metrics_t& m) {
-    return shown(m.n, m.mean, m.M2);
-}
-std::string shown(const write_byte_return_t& r) {
-    return shown(r.success, r.timetowrite);
-}
-std::string shown(const read_byte_return_t& r) {
-    return shown(r.byteread, r.timetoread);
-}
-std::string shown(const storage_info_t& s) {
-    return shown(s.total_size, s.block_count, s.block_size);
+template <class T>
+std::string shown(const T& value) {
+    std::ostringstream out;
+    const char* separator = "";
+    if constexpr (std::is_same_v<T, std::shared_ptr<char>>) {
+        out << (value == nullptr ? "null" : value.get());
+    } else if constexpr (std::is_class_v<T>) {
+        const auto add = [&](const auto& member) {
+            out << std::exchange(separator, " ") << shown(member);
+        };
+        std::apply([&](const auto&... member) { (add(member), ...); }, members(value));
+    } else if constexpr (std::is_array_v<T> && std::is_same_v<std::remove_extent_t<T>, char>) {
+        out << std::string(value, strnlen(value, sizeof value));
+    } else if constexpr (std::is_array_v<T>) {
+        for (const unsigned char byte : value)
+            out << std::exchange(separator, ".") << +byte;
+    } else if constexpr (std::is_enum_v<T>) {
+        out << static_cast<std::underlying_type_t<T>>(value);
+    } else {
+        out << +value;
+    }
+    return out.str();
 }
 /// @}
 

@@ -57,8 +57,10 @@ struct NotOpened {
 };
 
 std::vector<std::string> reasons_of(const Session& session) {
+    const std::vector<UnopenedController> unopened = session.unopened_controllers();
     std::vector<std::string> reasons;
-    for (const auto& [address, obstacle] : session.unopened_controllers()) {
+    reasons.reserve(unopened.size());
+    for (const auto& [address, obstacle] : unopened) {
         reasons.push_back(to_string(address) + ": " + obstacle.reason +
                           (obstacle.hint.empty() ? "" : " (" + obstacle.hint + ")"));
     }

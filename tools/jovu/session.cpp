@@ -202,25 +202,24 @@ void Session::throw_no_device() {
     if (!reasons.empty()) {
         throw failure(reasons, hint);
     }
-    for (const AttachedDevice& device : attached_devices()) {
+    const std::vector<AttachedDevice> attached = attached_devices();
+    for (const AttachedDevice& device : attached) {
         if (device.kind == AttachedDevice::Kind::dfu && wanted(device.address)) {
             throw failure("no device: " + to_string(device.address) + " is in DFU mode",
                           "'jovu update IMAGE' writes a firmware to it");
         }
     }
     const std::vector<JovuDeviceAddress> connected = client_->list_connected();
-    if (!connected.empty()) {
-        throw failure(
-            "no such device" + (options_.device ? ": " + to_string(*options_.device) : ""),
-            "connected: " + to_string(connected));
-    }
-    if (attached_controllers() > 0) {
-        throw failure("no device can be opened, though " + std::to_string(attached_controllers()) +
-                          " attached",
+    if (attached.empty() && attached_controllers() > connected.size()) {
+        throw failure("no device can be opened, though one is attached",
                       "another program holds it, or you have no permission: " + permission_hint());
     }
     if (options_.device) {
-        throw failure("no such device: " + to_string(*options_.device), wait_hint);
+        throw failure("no such device: " + to_string(*options_.device),
+                      connected.empty() ? wait_hint : "connected: " + to_string(connected));
+    }
+    if (!connected.empty()) {  // Opened at this moment.
+        throw failure("no device can be talked to yet: " + to_string(connected), wait_hint);
     }
     const bool others = !client_->list_attached().empty();
     throw failure(others ? "no device: what is attached is of another kind"
@@ -259,7 +258,7 @@ void Session::check_exchange(JovuDeviceAddress address, const std::string& name)
 /// The Failure for an exchange with a device. One that is not open may still be attached.
 Failure Session::failure_at(JovuDeviceAddress address, const std::string& name,
                             const std::string& reason) const {
-    const Failure failure = exchange_failure(name + " to " + to_string(address), reason);
+    Failure failure = exchange_failure(name + " to " + to_string(address), reason);
     if (std::none_of(std::begin(not_open), std::end(not_open),
                      [&](const char* end) { return ends_with(reason, end); })) {
         return failure;

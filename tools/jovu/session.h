@@ -57,7 +57,7 @@ public:
     /// Whether a device was closed to end an exchange with it. Only a new session opens it again.
     bool has_closed() const noexcept { return has_closed_; }
     /// Whether the link has ended by an error. Only a new session has another one.
-    bool has_ended() const noexcept { return !Client::is_watching(); }
+    bool has_ended() const noexcept { return client_ == nullptr || !Client::is_watching(); }
 
     /// Waits until all that is attached is connected, or as long as the options say. A connection
     /// that has ended by an error is started again, once for each command.
@@ -160,7 +160,7 @@ private:
     /// How many status requests each device has not answered; at least, as a report may have been
     /// dropped. Has no entry for a device that was never asked.
     std::unordered_map<JovuDeviceAddress, unsigned> unanswered_;
-    std::unique_ptr<Client> client_;  ///< Never null but while the connection is started again.
+    std::unique_ptr<Client> client_;  ///< Null when it could not be started again.
     bool restarted_ = false;          ///< By this command.
 };
 
