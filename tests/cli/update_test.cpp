@@ -74,7 +74,7 @@ protected:
         return json::parse(ended.out)["result"];
     }
 
-    /// Runs an update that nobody is asked about.
+    /// Runs an update without a question.
     static Ended update(const std::string& image, std::vector<std::string> more = {}) {
         more.insert(more.begin(), {"update", "--yes", image});
         return jovu(more);

@@ -17,8 +17,9 @@ void run_dfu(const Context& context) {
     DfuTool tool;
     const DfuListing listing = tool.list();
     for (const std::string& line : listing.refused) {
-        print_error("jovu: left out, a device's names and serial number make it ambiguous: " +
-                    printable(line));
+        print_error(
+            "jovu: left out, as the names or the serial number of a device make it ambiguous: " +
+            printable(line));
     }
     if (context.out.json()) {
         Json devices = Json::array();

@@ -225,16 +225,16 @@ private:
                       "unplug it and plug it in again; 'jovu list' and 'jovu dfu' show what it is");
     }
 
-    /// @throws Failure exchange_failed when the device runs what it ran before.
+    /// @throws Failure exchange_failed when the device runs the firmware from before.
     void check_version(const std::string& device, const std::string& before, const std::string& now,
                        const DfuTool::Outcome& outcome) const {
         const bool as_before = !before.empty() && now == before;
         const std::string runs = device + " runs version " + now + (as_before ? " as before" : "");
-        // Without a version from before, the download's word is all there is to go by.
+        // Without a version from before, only dfu-util can tell whether it has worked.
         if (!outcome.completed && (as_before || before.empty())) {
             throw Failure(ExitCode::exchange_failed, "the update failed, " + runs + said(outcome));
         }
-        // What holds the version's text may be that version, written once more.
+        // An image with the text of that version may be that version, written once more.
         if (as_before && !options_.force && !image_.may_be_version(now)) {
             throw Failure(
                 ExitCode::exchange_failed,

@@ -1,5 +1,5 @@
 /// @file
-/// Reading the listing of dfu-util, with what a hostile device may have put into it in mind.
+/// Reads the listing of dfu-util, which a hostile device may have tampered with.
 #pragma once
 
 #include <string>
@@ -34,7 +34,7 @@ bool is_word(std::string_view text);
 struct DfuListing {
     std::vector<ListedDevice> devices;  ///< Each once, whatever number of settings it has.
     std::vector<std::string> refused;   ///< Lines that cannot be read in one way only.
-    std::string diagnostics;            ///< What dfu-util complains of.
+    std::string diagnostics;            ///< What dfu-util prints on standard error.
 };
 
 /// Reads a listing.

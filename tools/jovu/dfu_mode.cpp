@@ -16,9 +16,10 @@ using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
 
 constexpr auto change_poll = 300ms;
-/// So long a device with the controller's own serial number is waited for.
+/// How long to wait for a device with the controller's own serial number.
 constexpr auto serial_limit = 2s;
-/// A device must have been the only one for so long: a hostile one may be there before it.
+/// How long a device must have been the only candidate: a hostile one may connect before the right
+/// one.
 constexpr auto settle_time = 1s;
 
 bool contains_place(const std::vector<ListedDevice>& devices, const ListedDevice& wanted) {
@@ -27,7 +28,7 @@ bool contains_place(const std::vector<ListedDevice>& devices, const ListedDevice
 }
 
 /// Has the controller leave its firmware.
-/// @return why it may not have heard; empty when it has.
+/// @return why the exchange failed; empty when it did not.
 std::string send_enter_dfu_mode(Session& session, JovuDeviceAddress address) {
     try {
         session.exchange(address, "Enter_dfu_mode", [&] {

@@ -21,7 +21,7 @@ constexpr std::size_t suffix_size = 16;
 constexpr std::size_t crc_size = 4;
 constexpr std::string_view signature = "UFD";
 
-/// So much of a file decides whether it is text. The code of a processor has bytes that no text has
+/// Bytes at the start of a file that decide whether it is text. Machine code has control characters
 /// in its first words.
 constexpr std::size_t text_sample = 4096;
 
@@ -70,7 +70,7 @@ FirmwareImage::FirmwareImage(const std::string& path)
     fault_ = find_fault();
 }
 
-/// Takes the suffix off, too.
+/// Also removes the suffix from the content.
 std::string FirmwareImage::find_fault() {
     if (size_ > largest) {
         return "it has " + std::to_string(size_) +
@@ -79,12 +79,12 @@ std::string FirmwareImage::find_fault() {
     const std::size_t size = content_.size();
     if (size >= suffix_size && content_.compare(size - 8, signature.size(), signature) == 0) {
         const std::uint32_t length = number_at(content_, size - 5, 1);
-        const std::uint32_t told = number_at(content_, size - crc_size, crc_size);
+        const std::uint32_t expected = number_at(content_, size - crc_size, crc_size);
         const std::uint32_t crc = crc_of(std::string_view(content_).substr(0, size - crc_size));
-        if (told != crc || length < suffix_size || length > size) {
+        if (expected != crc || length < suffix_size || length > size) {
             char numbers[64];
-            std::snprintf(numbers, sizeof numbers, "CRC %08x, its bytes have %08x", told, crc);
-            return std::string("its DFU suffix is damaged: it tells ") + numbers;
+            std::snprintf(numbers, sizeof numbers, "CRC %08x, the file has %08x", expected, crc);
+            return std::string("its DFU suffix is damaged: it has ") + numbers;
         }
         const auto id_at = [&](std::size_t from_end) {
             return static_cast<std::uint16_t>(number_at(content_, size - from_end, 2));

@@ -1,5 +1,5 @@
 /// @file
-/// A firmware image, and what can be told of it before it is written to a device.
+/// A firmware image and the checks that are possible before it is written to a device.
 #pragma once
 
 #include <cstdint>
@@ -16,13 +16,13 @@ public:
     struct Suffix {
         std::uint16_t vendor;   ///< any_id for every one
         std::uint16_t product;  ///< any_id for every one
-        std::uint16_t release;  ///< Binary coded decimal; any_id when it is not told.
+        std::uint16_t release;  ///< Binary coded decimal; any_id when it is unknown.
     };
     static constexpr std::uint16_t any_id = 0xFFFF;
 
-    /// The largest file that passes for an image, in bytes. Neither a command nor a descriptor of a
-    /// controller tells the size of its memory. This is as much as microcontrollers start from: the
-    /// largest serial flash memory with addresses of three bytes.
+    /// The largest file that passes for an image, in bytes. No command and no descriptor of a
+    /// controller reports the size of its memory. This is the size of the largest serial flash
+    /// memory with addresses of three bytes.
     static constexpr std::uint64_t largest = std::uint64_t{16} << 20U;
 
     /// Reads a file, but no more of it than the largest image.

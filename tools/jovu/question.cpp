@@ -12,7 +12,7 @@
 namespace jovu_cli {
 namespace {
 
-/// Reads a line, one byte at a time: what follows it is the next reader's.
+/// Reads a line, one byte at a time: bytes behind it stay for the next reader.
 std::string read_line(const StopSource& stop) {
     std::string line;
     for (;;) {

@@ -8,7 +8,7 @@
 
 namespace jovu_cli {
 
-/// Whether there is somebody to ask: standard input and standard error are terminals.
+/// Whether the user can be asked: standard input and standard error are terminals.
 bool can_ask();
 
 /// Shows a text and a question on standard error and reads a line from standard input.
