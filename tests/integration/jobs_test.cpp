@@ -14,12 +14,13 @@ namespace {
 
 using test::complaints;
 using test::eventually;
-using test::JobFile;
+using test::job_content;
 using test::name;
 using test::plug;
 using test::RecordingClient;
 using test::sim;
 using test::stats;
+using test::TemporaryFile;
 
 void note(double percent, std::string /*job_id*/, void* user) {
     static_cast<std::vector<double>*>(user)->push_back(percent);
@@ -64,7 +65,7 @@ TEST_F(Jobs, PushesOfEverySizeArriveWholeAndReportProgress) {
         {12000, {0.0, 5120 * 100.0 / 12000, 10240 * 100.0 / 12000, 99.9, 100.0}},
     };
     for (const auto& item : cases) {
-        const JobFile file(item.size);
+        const TemporaryFile file("job", job_content(item.size));
         std::vector<double> progress;
         client.SendJobFile(device, file.path(), note, &progress, false);
         EXPECT_EQ(progress, item.progress) << item.size;
@@ -77,26 +78,8 @@ TEST_F(Jobs, PushesOfEverySizeArriveWholeAndReportProgress) {
     EXPECT_EQ(complaints(device), 0);
 }
 
-TEST_F(Jobs, AJobRunsToItsEndAndShowsInStatusReports) {
-    const JobFile file(20000);
-    client.SendJobFile(device, file.path(), nullptr, nullptr, false);
-    std::int32_t last = -1;
-    bool hot = false;
-    EXPECT_TRUE(eventually([&] {
-        const auto status = client.status(device);
-        EXPECT_GE(status.progress, last);
-        EXPECT_EQ(status.error, 0);
-        last = status.progress;
-        hot = hot || status.extruder_temperature > 50;
-        return status.progress == 100;
-    }));
-    EXPECT_TRUE(hot);
-    EXPECT_FALSE(client.statuses().back().printer.model_name.empty());
-    EXPECT_EQ(complaints(device), 0);
-}
-
 TEST_F(Jobs, BadFilesAndDevicesAreRefusedInTheWordsOfTheLibrary) {
-    const JobFile file(10);
+    const TemporaryFile file("job", job_content(10));
     const std::string fifo = file.path() + ".fifo";
     ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
     EXPECT_EQ(push_error("/nonexistent/job"), "Failed to open job file.");
@@ -112,7 +95,7 @@ TEST_F(Jobs, BadFilesAndDevicesAreRefusedInTheWordsOfTheLibrary) {
 }
 
 TEST_F(Jobs, APushThatAnUnplugCutsOffNeverReachesTheNextDevice) {
-    const JobFile file(400000);
+    const TemporaryFile file("job", job_content(400000));
     for (std::size_t replugs = 1; replugs <= 3; ++replugs) {
         // The next device is open, at the same address, before the next piece is sent.
         std::function<void()> replug = [&, calls = std::size_t{0}]() mutable {

@@ -76,7 +76,7 @@ protected:
         return bytes;
     }
 
-    const test::JobFile file_{kFileSize};
+    const test::TemporaryFile file_{"job", test::job_content(kFileSize)};
     test::RecordingClient client_;
 };
 
