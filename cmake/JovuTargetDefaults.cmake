@@ -1,3 +1,5 @@
+include(JovuHardening)
+
 # jovu_target_defaults(TARGET): what every target of this project is compiled with. Private to the
 # target, so a project that embeds this one keeps its own flags.
 function(jovu_target_defaults target)
@@ -10,6 +12,7 @@ function(jovu_target_defaults target)
     -Wall -Wextra -Wpedantic -Wconversion -Wshadow
     $<$<BOOL:${JOVU_WERROR}>:-Werror>
     $<$<CXX_COMPILER_ID:Clang>:-Wthread-safety>)
+  jovu_harden(${target})
   if(JOVU_SANITIZE)
     target_compile_options(${target} PRIVATE
       -fsanitize=${JOVU_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)

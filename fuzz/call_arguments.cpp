@@ -19,7 +19,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     for (std::string word; std::getline(text, word);)
         words.push_back(word);
     try {
-        const jovu_cli::Json arguments = jovu_cli::read_arguments(command, words);
+        const jovu_cli::Json arguments =
+            jovu_cli::read_arguments(command, words, [](const std::string& file) { return file; });
         REQUIRE(arguments.size() == command.arguments.size());
         for (const jovu_cli::NamedType& argument : command.arguments)
             REQUIRE(arguments.contains(std::string(argument.key)));

@@ -17,6 +17,14 @@ prefix=$work/prefix
 [[ -f $prefix/lib/udev/rules.d/70-jovu.rules ]] || fail "no udev rule"
 "$prefix/bin/jovu" --help >/dev/null || fail "the installed program does not start"
 
+# Without permission, it names the rule that it was installed with.
+mkdir "$work/tool"
+printf '#!/bin/sh\necho "Cannot open DFU device 7a1c:00df found on devnum 9 (LIBUSB_ERROR_ACCESS)" >&2\n' \
+    >"$work/tool/dfu-util"
+chmod +x "$work/tool/dfu-util"
+said=$(PATH=$work/tool:$PATH "$prefix/bin/jovu" dfu 2>&1) && fail "jovu dfu: exit status 0"
+[[ $said == *"udev rule $prefix/lib/udev/rules.d/70-jovu.rules"* ]] || fail "no path of the rule: $said"
+
 cmake -S "$examples" -B "$work/by-cmake" -G Ninja -DCMAKE_CXX_COMPILER="$compiler" \
     -DCMAKE_PREFIX_PATH="$prefix" >/dev/null
 cmake --build "$work/by-cmake"

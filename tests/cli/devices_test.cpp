@@ -1,7 +1,12 @@
 /// @file
 /// Which devices the program finds, and what it shows of them.
 
+#include <fcntl.h>
+#include <linux/usbdevice_fs.h>
+#include <sys/ioctl.h>
+
 #include "cli_test.h"
+#include "file_descriptor.h"
 
 namespace test {
 namespace {
@@ -28,20 +33,39 @@ TEST(List, ShowsWhatIsOpenedAndWhatIsNot) {
     EXPECT_EQ(list["not_opened"][0]["count"], 1);
 }
 
-TEST(List, ShowsADeviceThatCannotBeOpened) {
-    const JovuDeviceAddress held = plug();
-    sim("fault " + name(held) + " claim EBUSY always");
+TEST(List, NamesWhatHasADeviceOpen) {
+    plug("1:2");
+    const std::string path = "/dev/bus/usb/001/002";
+    const std::string program = "cli_tests .process " + std::to_string(getpid());
+    const auto named = testing::ContainsRegex(path + " is in use by .*" + program);
+    const jovu_cli::FileDescriptor node(open(path.c_str(), O_RDWR | O_CLOEXEC));
+    unsigned interface = 1;
+    ASSERT_EQ(ioctl(node.get(), USBDEVFS_CLAIMINTERFACE, &interface), 0);
+    EXPECT_THAT(jovu({"info"}).err, testing::AllOf(HasSubstr("(it is attached, but "), named));
+    interface = 0;
+    ASSERT_EQ(ioctl(node.get(), USBDEVFS_CLAIMINTERFACE, &interface), 0);
     const Ended alone = jovu({"list", "--json"});
     EXPECT_EQ(alone.status, 3);
-    EXPECT_THAT(alone.err, HasSubstr("access is refused"));
+    EXPECT_THAT(alone.err, named);
     EXPECT_EQ(json::parse(alone.out)["not_opened"][0]["type"], 1);
 
-    plug();
+    plug("1:3");
     const Ended both = jovu({"list"});
     EXPECT_EQ(both.status, 0) << both.err;
     EXPECT_THAT(both.out, HasSubstr("1 attached of type 1, not opened (among ports "));
-    EXPECT_THAT(both.out, HasSubstr("70-jovu.rules"));
+    EXPECT_THAT(both.out, named);
     EXPECT_EQ(jovu({"--wait-device", "1000", "info"}).status, 0) << "waits for what cannot come";
+}
+
+TEST(Status, StartsTheConnectionAgainOnce) {
+    const std::string refusal = "fault " + name(plug()) + " claim EBUSY 1 1";
+    for (const int times : {1, 2}) {
+        for (int i = 0; i < times; ++i)
+            sim(refusal);  // It answers its probe, and can then not be opened.
+        const Ended ended = jovu({"status"});
+        EXPECT_EQ(ended.status, times == 1 ? 0 : 3) << ended.err;
+        EXPECT_THAT(ended.err, HasSubstr(times == 1 ? ": starting it again\n" : "ended again"));
+    }
 }
 
 TEST(List, GoesOnWhenOneDeviceDoesNotAnswer) {
@@ -114,7 +138,7 @@ TEST(Status, ShowsTheReportAndRepeatsIt) {
     EXPECT_NEAR(report["extruder_temperature"], 25.0, 5.0);
     EXPECT_THAT(jovu({"status"}).out, HasSubstr("State         idle\n"));
 
-    Program watch({"status", "--watch", "--interval", "0", "--json"});
+    Program watch({"status", "--watch", "--interval", "0.1", "--json"});
     ASSERT_TRUE(eventually(
         [&] { return watch.writes("\n") && stats(device)["job"]["requests"]["status"] >= 6; }));
     watch.close_reader();
@@ -197,7 +221,7 @@ TEST(Events, EndWhenTheLinkDoes) {
         return program.complains("Fatal error in hotplug thread", std::chrono::seconds(3));
     }));
     EXPECT_EQ(program.finish(), 5);
-    EXPECT_THAT(program.err(), HasSubstr("the USB link has ended"));
+    EXPECT_THAT(program.err(), HasSubstr("the USB connection has ended"));
 }
 
 TEST(Gcode, StopsAtARefusalUnlessItIsToKeepGoing) {

@@ -188,7 +188,7 @@ TEST_F(Push, GoesOnOnTheDeviceWhenTheWaitIsInterrupted) {
 
 TEST(Terminal, RedrawsTheStatusAndGetsNoRawTextsFromTheDevice) {
     const JovuDeviceAddress device = plug();
-    Program watch({"status", "--watch", "--interval", "0.05"}, Out::terminal);
+    Program watch({"status", "--watch", "--interval", "0.1"}, Out::terminal);
     ASSERT_TRUE(watch.writes("\x1b[11A\r\x1b[2KDevice        1:2"));
     answer_next_request(device, {{"status",
                                   {{"state",

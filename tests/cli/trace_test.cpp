@@ -1,15 +1,19 @@
 /// @file
 /// The recording of servo traces.
+#include <fcntl.h>
 #include <sys/stat.h>
 
 #include <csignal>
 #include <filesystem>
+#include <set>
 
 #include "cli_test.h"
+#include "file_descriptor.h"
 
 namespace test {
 namespace {
 
+namespace fs = std::filesystem;
 using nlohmann::json;
 using testing::HasSubstr;
 using testing::StartsWith;
@@ -41,6 +45,15 @@ protected:
     bool switched_off() const {
         return requests(device_, "servo_dc_trace_enable") == 2 && !traced(0);
     }
+    /// What begins with the names of the files, in order.
+    static std::vector<std::string> files() {
+        std::set<std::string> paths;
+        for (const auto& entry : fs::directory_iterator(testing::TempDir())) {
+            if (entry.path().filename().string().find(std::to_string(getpid()) + "-trace") == 0)
+                paths.insert(entry.path());
+        }
+        return {paths.begin(), paths.end()};
+    }
     bool traced(std::size_t servo) const {
         return stats(device_)["machine"]["servos"][servo]["traced"].get<bool>();
     }
@@ -51,7 +64,13 @@ protected:
 };
 
 TEST_F(Trace, IsWrittenAndDrawnAndSummedUp) {
-    const Ended ended = jovu({"trace", "1", "--seconds", "2", "--move", "15", "--csv", csv_.path(),
+    // What stands beside the files is left alone: it may have been planted.
+    fs::create_symlink(plot_.path(), csv_.path() + ".part");
+    mkfifo((plot_.path() + ".part").c_str(), 0600);
+    const std::string link = csv_.path() + ".link";
+    fs::create_symlink(csv_.path(), link);
+    chmod(csv_.path().c_str(), 0640);
+    const Ended ended = jovu({"trace", "1", "--seconds", "2", "--move", "15", "--csv", link,
                               "--plot", plot_.path(), "--json"});
     EXPECT_EQ(ended.status, 0) << ended.err;
     const json summary = json::parse(ended.out);
@@ -70,8 +89,11 @@ TEST_F(Trace, IsWrittenAndDrawnAndSummedUp) {
     EXPECT_THAT(rows, HasSubstr(",0.000,1,"));
     EXPECT_THAT(content(plot_.path()), StartsWith("\x89PNG\r\n"));
     EXPECT_GT(content(plot_.path()).size(), 20000U);
-    EXPECT_FALSE(std::filesystem::exists(csv_.path() + ".part"));
-    EXPECT_FALSE(std::filesystem::exists(plot_.path() + ".part"));
+    EXPECT_TRUE(fs::is_symlink(link));
+    EXPECT_EQ(fs::status(csv_.path()).permissions(), fs::perms(0640));
+    for (const std::string& path : {plot_.path() + ".part", csv_.path() + ".part", link})
+        EXPECT_TRUE(fs::remove(path)) << path;
+    EXPECT_THAT(files(), testing::ElementsAre(plot_.path(), csv_.path()));
     EXPECT_TRUE(switched_off());
     EXPECT_EQ(complaints(device_), 0);
 }
@@ -106,10 +128,23 @@ TEST_F(Trace, IsSwitchedOffOnEveryWayOut) {
         EXPECT_EQ(program.finish(), 130);
         EXPECT_FALSE(traced(0));
     }
-    const Ended full = jovu({"trace", "0", "--csv", "/dev/full", "--seconds", "0.2"});
-    EXPECT_EQ(full.status, 7);
-    EXPECT_THAT(full.err, HasSubstr("cannot write /dev/full: No space left on device"));
-    EXPECT_FALSE(traced(0));
+    const std::string pipe = csv_.path() + ".pipe", link = csv_.path() + ".link";
+    mkfifo(pipe.c_str(), 0600);
+    fs::create_symlink("nowhere", link);
+    const jovu_cli::FileDescriptor reader(open(pipe.c_str(), O_RDONLY | O_NONBLOCK));
+    fcntl(reader.get(), F_SETPIPE_SZ, 4096);
+    const std::pair<std::string, const char*> targets[] = {
+        {"/dev/full", ": No space left on device"},
+        {"/dev/stdout", " (it carries other text: name a file or a pipe)"},
+        {pipe, ": Connection timed out"},
+        {link, ": No such file or directory (it is a symbolic link that leads to no file)"}};
+    for (const auto& [path, told] : targets) {
+        const Ended ended = jovu({"trace", "0", "--csv", path});
+        EXPECT_EQ(ended.status, 7);
+        EXPECT_THAT(ended.err, HasSubstr(path + told));
+        EXPECT_FALSE(traced(0));
+    }
+    EXPECT_TRUE(fs::remove(pipe) && fs::remove(link));
 
     const Ended refused = jovu({"trace", "0", "--move", "5000", "--seconds", "9"});
     EXPECT_EQ(refused.status, 6);
@@ -124,10 +159,11 @@ TEST_F(Trace, KeepsWhatItHasWhenTheDeviceGoes) {
     EXPECT_EQ(program.finish(), 5);
     EXPECT_THAT(program.err(),
                 HasSubstr(name(device_) + " is gone: there is no tracing to switch off"));
-    EXPECT_THAT(program.err(), HasSubstr("what was recorded until then is in " + csv_.path()));
     EXPECT_EQ(content(csv_.path()), "old");
-    EXPECT_THAT(content(csv_.path() + ".part"), StartsWith("int_cnt,"));
-    std::filesystem::remove(csv_.path() + ".part");
+    const std::string part = files().back();
+    EXPECT_THAT(program.err(), HasSubstr("what was recorded until then is in " + part));
+    EXPECT_THAT(content(part), StartsWith("int_cnt,"));
+    fs::remove(part);
 }
 
 TEST_F(Trace, IsNotBegunWhenItWouldBeInVain) {

@@ -18,6 +18,7 @@ struct Assignment {
     std::string key;  ///< As it was given, "config.gains.kp".
     std::vector<std::string> path;
     std::string value;
+    std::string word;  ///< The whole, for messages: they do not show what is in a file.
 };
 
 std::vector<std::string> split_path(const std::string& key) {
@@ -33,7 +34,8 @@ std::vector<std::string> split_path(const std::string& key) {
 /// The arguments of one command while they are collected.
 class Collector {
 public:
-    explicit Collector(const FirmwareCommand& command) : command_(command) {}
+    Collector(const FirmwareCommand& command, const ValueSource& read_file)
+        : command_(command), read_file_(read_file) {}
 
     void take(const std::vector<std::string>& words) {
         std::vector<Assignment> assignments;
@@ -93,7 +95,7 @@ private:
             fail("not of the form KEY=VALUE: " + word, usage());
         }
         const std::string key = word.substr(0, equals);
-        return {key, split_path(key), word.substr(equals + 1)};
+        return {key, split_path(key), word.substr(equals + 1), word};
     }
 
     [[noreturn]] void fail_unknown(const Assignment& assignment, const std::string& step,
@@ -107,10 +109,9 @@ private:
         }
         const std::string near = did_you_mean(step, keys);
         const std::string what = owner.empty() ? "no argument " + step : owner + " has no " + step;
-        fail(what + ": " + assignment.key + "=" + assignment.value, !near.empty() ? near
-                                                                    : all.empty()
-                                                                        ? "it takes no arguments"
-                                                                        : "it has: " + all);
+        fail(what + ": " + assignment.word, !near.empty() ? near
+                                            : all.empty() ? "it takes no arguments"
+                                                          : "it has: " + all);
     }
 
     void put(const Assignment& assignment) {
@@ -120,7 +121,7 @@ private:
         Json* place = &arguments_;
         for (const std::string& step : assignment.path) {
             if (type != nullptr && type->kind != Kind::structure) {
-                fail(owner + " has no members: " + assignment.key + "=" + assignment.value);
+                fail(owner + " has no members: " + assignment.word);
             }
             const NamedType* const entry = find_key(*entries, step);
             if (entry == nullptr) {
@@ -132,25 +133,42 @@ private:
             place = &(*place)[step];
         }
         try {
-            *place = read_value(*type, assignment.value);
+            *place = read_value(*type, resolved(assignment));
         } catch (const BadValue& bad) {
             const std::string member = bad.where().empty() ? "" : ": " + bad.where();
-            fail(assignment.key + "=" + assignment.value + member + " " + bad.what(),
+            fail(assignment.word + member + " " + bad.what(),
                  type->kind == Kind::structure && bad.where().empty() ? structure_hint : "");
         }
+    }
+
+    /// The value that an assignment stands for.
+    std::string resolved(const Assignment& assignment) const {
+        const std::string& value = assignment.value;
+        if (value.compare(0, 1, "@") != 0) {
+            return value;
+        }
+        if (value.compare(0, 2, "@@") == 0) {
+            return value.substr(1);
+        }
+        if (value.size() == 1) {
+            fail("no file is named: " + assignment.word, "a value that begins with @ is @@...");
+        }
+        return read_file_(value.substr(1));
     }
 
     static constexpr const char* structure_hint =
         "a structure is a JSON object, or given by its members, KEY.MEMBER=VALUE";
 
     const FirmwareCommand& command_;
+    const ValueSource& read_file_;
     Json arguments_ = Json::object();
 };
 
 }  // namespace
 
-Json read_arguments(const FirmwareCommand& command, const std::vector<std::string>& words) {
-    Collector collector(command);
+Json read_arguments(const FirmwareCommand& command, const std::vector<std::string>& words,
+                    const ValueSource& read_file) {
+    Collector collector(command, read_file);
     collector.take(words);
     return collector.finish();
 }

@@ -99,6 +99,9 @@ void print_types(Output& out, const std::vector<NamedType>& entries) {
 void print_details(Output& out, const FirmwareCommand& command) {
     out.line(signature(command));
     out.line(std::string(command.summary) + "; index " + std::to_string(command.index) + ".");
+    if (command.keeps_value) {
+        out.line("Returns a status; the value itself is not returned.");
+    }
     if (!command.arguments.empty()) {
         out.line("");
         out.line("Arguments:");

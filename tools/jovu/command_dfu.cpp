@@ -30,7 +30,7 @@ void run_dfu(const Context& context) {
         }
     }
     if (const auto node = refused_node(listing.words)) {
-        throw Failure(ExitCode::no_device, "no permission on " + *node, access_hint);
+        throw Failure(ExitCode::no_device, "no permission on " + *node, permission_hint());
     }
     if (listing.devices.empty()) {
         throw Failure(

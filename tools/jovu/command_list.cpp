@@ -53,7 +53,17 @@ struct NotOpened {
     std::int32_t type;
     std::size_t count;
     std::vector<unsigned> ports;
+    std::vector<std::string> reasons;  ///< Of controllers: "1:2: no permission on ...".
 };
+
+std::vector<std::string> reasons_of(const Session& session) {
+    std::vector<std::string> reasons;
+    for (const auto& [address, obstacle] : session.unopened_controllers()) {
+        reasons.push_back(to_string(address) + ": " + obstacle.reason +
+                          (obstacle.hint.empty() ? "" : " (" + obstacle.hint + ")"));
+    }
+    return reasons;
+}
 
 std::vector<NotOpened> not_opened(Session& session) {
     std::map<std::int32_t, std::vector<unsigned>> ports;
@@ -63,9 +73,11 @@ std::vector<NotOpened> not_opened(Session& session) {
     const std::size_t opened = session.client().list_connected().size();
     std::vector<NotOpened> result;
     for (const auto& [type, at] : ports) {
-        const std::size_t open_here = type == controller_type ? opened : 0;
+        const bool opens = type == controller_type;
+        const std::size_t open_here = opens ? opened : 0;
         if (at.size() > open_here) {
-            result.push_back({type, at.size() - open_here, at});
+            result.push_back({type, at.size() - open_here, at,
+                              opens ? reasons_of(session) : std::vector<std::string>()});
         }
     }
     return result;
@@ -85,7 +97,10 @@ Json list_json(const std::vector<Entry>& entries, const std::vector<NotOpened>& 
     }
     Json others = Json::array();
     for (const NotOpened& kind : rest) {
-        others.push_back({{"type", kind.type}, {"count", kind.count}, {"ports", kind.ports}});
+        others.push_back({{"type", kind.type},
+                          {"count", kind.count},
+                          {"ports", kind.ports},
+                          {"reasons", kind.reasons}});
     }
     return {{"devices", std::move(devices)}, {"not_opened", std::move(others)}};
 }
@@ -116,8 +131,10 @@ void print(Output& out, const std::vector<Entry>& entries, const std::vector<Not
     }
     for (const NotOpened& kind : rest) {
         out.line(not_opened_text(kind));
-        if (kind.type == controller_type && !entries.empty()) {  // Else it is told as the error.
-            out.line(std::string("  (") + access_hint + ")");
+        for (const std::string& reason : kind.reasons) {
+            if (!entries.empty()) {  // Else the error says so.
+                out.line("  " + printable(reason));
+            }
         }
     }
 }

@@ -24,7 +24,8 @@ Run define_status(CLI::App& app) {
     const auto options = std::make_shared<StatusOptions>();
     CLI::Option* watch =
         app.add_flag("-w,--watch", options->watch, "Report again and again, until Ctrl-C");
-    add_seconds_option(app, "--interval", options->interval, "Time between two reports [1]")
+    add_seconds_option(app, "--interval", options->interval,
+                       "Time between two reports, at least 0.1 [1]", shortest_interval)
         ->needs(watch);
     return [options](const Context& context) { run_status(context, *options); };
 }
@@ -105,7 +106,10 @@ Run define_call(CLI::App& app) {
         "sent: the rest never leaves this program.\n"
         "Structures are given by their members (config.gains.kp=1.5), as JSON (config={...}), or\n"
         "both: then the members replace those of the JSON. Members that are not given are zero.\n"
-        "Bytes are decimals with dots or commas (192.168.1.7), or hexadecimals with colons.");
+        "Bytes are decimals with dots or commas (192.168.1.7), or hexadecimals with colons.\n"
+        "@FILE reads a value from a file, @- from standard input, without a line feed at the\n"
+        "end: other users of the machine can read a secret among the arguments of a process.\n"
+        "A value that begins with @ is written with two.");
     return [options](const Context& context) { run_call(context, *options); };
 }
 

@@ -114,7 +114,7 @@ private:
 
     [[noreturn]] void throw_none() {
         if (const auto node = refused_node(tool_.list().words)) {
-            throw Failure(ExitCode::no_device, "no permission on " + *node, access_hint);
+            throw Failure(ExitCode::no_device, "no permission on " + *node, permission_hint());
         }
         if (!options_.serial.empty()) {
             throw Failure(ExitCode::no_device, "no device with serial number " + options_.serial,
@@ -162,7 +162,7 @@ private:
             pause();
         }
         if (const auto node = refused_node(words)) {
-            throw Failure(ExitCode::no_device, "no permission on " + *node, access_hint);
+            throw Failure(ExitCode::no_device, "no permission on " + *node, permission_hint());
         }
         throw Failure(ExitCode::exchange_failed,
                       to_string(address) + " did not show up in DFU mode" +

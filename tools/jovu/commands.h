@@ -25,6 +25,9 @@ struct Context {
     Session* session = nullptr;  ///< The link of the shell that the command runs in, if it does.
 };
 
+/// Between two reports of a device: each is a request, which the device answers besides its work.
+constexpr std::chrono::milliseconds shortest_interval{100};
+
 struct StatusOptions {
     bool watch = false;
     std::chrono::milliseconds interval{1000};

@@ -13,6 +13,9 @@
 namespace jovu_cli {
 namespace {
 
+/// The commands that answer into a buffer.
+constexpr std::string_view value_keepers[] = {"heater_param_get", "heater_var_get", "sd_mmc_read"};
+
 template <std::size_t index, std::size_t... argument>
 Json call_row(JovuCommandInterface& commands, JovuDeviceAddress address, const Json& arguments,
               std::index_sequence<argument...> /*arguments*/) {
@@ -41,6 +44,8 @@ FirmwareCommand make_command(std::index_sequence<argument...> /*arguments*/) {
             {NamedType{std::string(row.keys[argument]),
                        describe<std::tuple_element_t<argument, typename Row::Arguments>>()}...},
             describe<typename Row::Result>(),
+            std::find(std::begin(value_keepers), std::end(value_keepers), row.name) !=
+                std::end(value_keepers),
             [](JovuCommandInterface& commands, JovuDeviceAddress address, const Json& arguments) {
                 return call_row<index>(commands, address, arguments,
                                        std::index_sequence<argument...>());

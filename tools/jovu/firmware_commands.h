@@ -22,6 +22,9 @@ struct FirmwareCommand {
     std::string_view summary;  ///< One line for people.
     std::vector<NamedType> arguments;
     ValueType result;
+    /// The device writes what it is asked for into a buffer, which is not handed back: the result
+    /// is only its status.
+    bool keeps_value;
 
     /// Makes one exchange with a device. Blocks, and fails, as the library's method does.
     /// @param arguments an object as read_arguments() returns it.

@@ -91,9 +91,9 @@ std::optional<std::string> StreamSource::next_raw() {
             return std::exchange(buffer_, {});
         }
         if (buffer_.size() > max_line) {
-            throw Failure(ExitCode::file_problem, "not gcode: a line of more than " +
-                                                      std::to_string(max_line) + " bytes in " +
-                                                      name_);
+            throw Failure(
+                ExitCode::file_problem,
+                "too long: a line of more than " + std::to_string(max_line) + " bytes in " + name_);
         }
         fill();
     }

@@ -15,9 +15,18 @@ namespace {
 constexpr std::size_t max_waiting = 20'000;
 constexpr std::size_t max_waiting_bytes = 16U << 20U;
 
+/// Bytes of text that a notice keeps beside itself.
 std::size_t text_size(const Notice& notice) {
-    const auto* text = std::get_if<DebugText>(&notice.what);
-    return text != nullptr && *text ? (*text)->size() : 0;
+    if (const auto* text = std::get_if<DebugText>(&notice.what)) {
+        return *text ? (*text)->size() : 0;
+    }
+    if (const auto* report = std::get_if<StatusReport>(&notice.what)) {
+        const auto& printer = report->printer;
+        return printer.model_name.size() + printer.cpu_id.size() + printer.firmware_name.size() +
+               printer.firmware_version.size() + report->state.size() + report->build_plate.size() +
+               report->filament.size() + report->job_id.size() + report->file.size();
+    }
+    return 0;
 }
 
 bool is_link_notice(const Notice& notice) {
@@ -27,15 +36,19 @@ bool is_link_notice(const Notice& notice) {
 
 }  // namespace
 
+/// @return whether none was lost.
 bool Inbox::Queue::put(Notice&& notice) {
     const std::size_t size = text_size(notice);
     const bool full = notices.size() >= max_waiting || bytes + size > max_waiting_bytes;
     if (full && !is_link_notice(notice)) {
         return false;
     }
+    if (full) {
+        take();  // A command has to learn that its device is gone: the oldest makes room.
+    }
     bytes += size;
     notices.push_back(std::move(notice));
-    return true;
+    return !full;
 }
 
 std::optional<Notice> Inbox::Queue::take() {
@@ -88,7 +101,6 @@ void Inbox::post(Notice notice) {
         }
         if (!(aside ? aside_ : waiting_).put(std::move(notice))) {
             ++(aside ? lost_aside_ : lost_);
-            return;
         }
         if (aside) {
             const std::uint64_t one = 1;
@@ -141,13 +153,22 @@ std::vector<JovuDeviceAddress> Inbox::announced() {
     return addresses;
 }
 
+void Inbox::forget_devices() {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    announced_.clear();
+}
+
 void Inbox::drop_reports() {
     const std::lock_guard<std::mutex> lock(mutex_);
     const auto is_report = [](const Notice& notice) {
         return std::holds_alternative<StatusReport>(notice.what);
     };
-    auto& notices = waiting_.notices;
-    notices.erase(std::remove_if(notices.begin(), notices.end(), is_report), notices.end());
+    for (Queue others = std::exchange(waiting_, {});
+         std::optional<Notice> notice = others.take();) {
+        if (!is_report(*notice)) {
+            waiting_.put(std::move(*notice));
+        }
+    }
 }
 
 std::size_t Inbox::take_lost() {

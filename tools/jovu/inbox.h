@@ -62,7 +62,8 @@ public:
     void keep_aside(bool keep);
 
     /// Puts in a notice. When as much is waiting as the inbox holds, reports and events are
-    /// counted and dropped: blocking here would stop all reception from all devices.
+    /// counted and dropped, and a connect or disconnect drops the oldest notice: blocking here
+    /// would stop all reception from all devices.
     void post(Notice notice);
 
     /// Takes out the oldest notice; waits for one.
@@ -89,6 +90,9 @@ public:
 
     /// A descriptor that is readable while something is kept aside. For poll(2) only.
     int aside_fd() const noexcept { return aside_event_.get(); }
+
+    /// Forgets the devices that were announced. Not while the library may report anything.
+    void forget_devices();
 
     /// @return the addresses of the devices that were announced and have not left since.
     std::vector<JovuDeviceAddress> announced();

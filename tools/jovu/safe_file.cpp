@@ -7,9 +7,9 @@
 
 #include <cerrno>
 #include <chrono>
+#include <climits>
 #include <cstdio>
-#include <cstdlib>
-#include <memory>
+#include <random>
 #include <system_error>
 
 #include "failure.h"
@@ -19,6 +19,8 @@ namespace {
 
 constexpr std::size_t buffer_size = 64U << 10U;
 constexpr mode_t new_file_mode = 0666;
+/// Random characters in the name of an unfinished file.
+constexpr int name_length = 10;
 /// How long the reader of a pipe may read nothing.
 constexpr std::chrono::milliseconds reader_patience{5000};
 
@@ -33,36 +35,117 @@ bool becomes_writable(int fd) noexcept {
     return ready > 0 || (ready < 0 && errno == EINTR);
 }
 
-/// The file that a path leads to; the path itself when there is none yet.
-std::string follow_links(const std::string& path) {
-    const std::unique_ptr<char, decltype(&std::free)> real(realpath(path.c_str(), nullptr),
-                                                           &std::free);
-    return real ? real.get() : path;
+/// The path of an open file, with all links followed.
+/// @return empty when it cannot be told; errno says why.
+std::string path_of(const FileDescriptor& file) {
+    const std::string link = "/proc/self/fd/" + std::to_string(file.get());
+    char path[PATH_MAX];
+    const ssize_t length = readlink(link.c_str(), path, sizeof path);
+    if (length == static_cast<ssize_t>(sizeof path)) {
+        errno = ENAMETOOLONG;
+        return "";
+    }
+    return length > 0 ? std::string(path, static_cast<std::size_t>(length)) : "";
+}
+
+/// Letters and digits that nobody can foresee.
+std::string random_letters() {
+    constexpr std::string_view letters = "abcdefghijklmnopqrstuvwxyz0123456789";
+    std::random_device source;
+    std::uniform_int_distribution<std::size_t> any(0, letters.size() - 1);
+    std::string text;
+    for (int i = 0; i < name_length; ++i) {
+        text += letters[any(source)];
+    }
+    return text;
+}
+
+/// Whether a path names this program's standard output or standard error. There the file would mix
+/// with the results and the messages.
+bool is_standard_stream(const std::string& path) {
+    for (const char* name : {"/dev/stdout", "/dev/stderr", "/dev/fd/1", "/dev/fd/2",
+                             "/proc/self/fd/1", "/proc/self/fd/2"}) {
+        if (path == name) {
+            return true;
+        }
+    }
+    return false;
 }
 
 }  // namespace
 
 SafeFile::SafeFile(const std::string& path, Unfinished unfinished)
     : path_(path), unfinished_(unfinished) {
+    if (is_standard_stream(path)) {
+        throw Failure(ExitCode::file_problem, "cannot write the file to " + path,
+                      "it carries other text: name a file or a pipe");
+    }
+    // The kernel follows a link here, and refuses to where another user may have planted it.
+    const FileDescriptor target(open(path.c_str(), O_PATH | O_CLOEXEC));
     struct stat info {};
-    const bool exists = stat(path.c_str(), &info) == 0;
-    if (exists && S_ISDIR(info.st_mode)) {
-        fail(EISDIR);
+    if (!target.valid()) {
+        const int error = errno;
+        if (lstat(path.c_str(), &info) == 0 && S_ISLNK(info.st_mode)) {
+            fail(error, "it is a symbolic link that leads to no file");
+        }
+        if (error != ENOENT) {
+            fail(error);
+        }
+        final_path_ = path;
+        create_part(new_file_mode);
+        return;
     }
-    if (exists && !S_ISREG(info.st_mode)) {
-        part_path_ = path;
-        // Not waiting for ever for somebody to read a pipe: nothing could interrupt that.
-        fd_ = FileDescriptor(open(path.c_str(), O_WRONLY | O_CLOEXEC | O_NONBLOCK));
-    } else {
-        final_path_ = follow_links(path);
-        part_path_ = final_path_ + ".part";
-        fd_ = FileDescriptor(
-            open(part_path_.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, new_file_mode));
-    }
-    if (!fd_.valid()) {
+    if (fstat(target.get(), &info) != 0) {
         fail(errno);
     }
-    if (exists && !final_path_.empty() && fchmod(fd_.get(), info.st_mode & 07777U) != 0) {
+    if (S_ISDIR(info.st_mode)) {
+        fail(EISDIR);
+    }
+    if (!S_ISREG(info.st_mode)) {
+        open_special(info);
+        return;
+    }
+    final_path_ = path_of(target);
+    // Renaming needs no such permission, but would fail when all is written, or replace what is
+    // protected.
+    if (final_path_.empty() || access(path.c_str(), W_OK) != 0) {
+        fail(errno);
+    }
+    const mode_t mode = info.st_mode & 0777U;
+    create_part(mode);
+    // The process's mask may have taken bits away.
+    if (fstat(fd_.get(), &info) != 0 ||
+        ((info.st_mode & 0777U) != mode && fchmod(fd_.get(), mode) != 0)) {
+        const int error = errno;
+        unlink(part_path_.c_str());
+        fail(error);
+    }
+}
+
+/// Opens what is no regular file.
+/// @param seen what the path led to.
+void SafeFile::open_special(const struct stat& seen) {
+    part_path_ = path_;
+    // Not waiting for ever for somebody to read a pipe: nothing could interrupt that.
+    fd_ = FileDescriptor(open(path_.c_str(), O_WRONLY | O_NOCTTY | O_CLOEXEC | O_NONBLOCK));
+    struct stat opened {};
+    if (!fd_.valid() || fstat(fd_.get(), &opened) != 0) {
+        fail(errno, errno == ENXIO ? "no program reads from it" : "");
+    }
+    if (opened.st_dev != seen.st_dev || opened.st_ino != seen.st_ino) {
+        fail(ESTALE);
+    }
+}
+
+/// Creates the file that is renamed in the end.
+/// @param mode as open() takes it.
+void SafeFile::create_part(mode_t mode) {
+    do {
+        part_path_ = final_path_ + "." + random_letters() + ".part";
+        fd_ = FileDescriptor(
+            open(part_path_.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, mode));
+    } while (!fd_.valid() && errno == EEXIST);
+    if (!fd_.valid()) {
         fail(errno);
     }
 }
@@ -71,7 +154,7 @@ SafeFile::~SafeFile() {
     if (final_path_.empty() || !fd_.valid()) {
         return;
     }
-    flush();  // As far as it goes: whoever needs to know has been told.
+    flush();  // Best effort; errors were reported earlier.
     struct stat info {};
     const bool empty = fstat(fd_.get(), &info) == 0 && info.st_size == 0;
     if (empty || unfinished_ == Unfinished::remove) {
@@ -116,9 +199,9 @@ bool SafeFile::flush() noexcept {
     return all;
 }
 
-void SafeFile::fail(int error) const {
+void SafeFile::fail(int error, const std::string& hint) const {
     throw Failure(ExitCode::file_problem,
-                  "cannot write " + path_ + ": " + std::generic_category().message(error));
+                  "cannot write " + path_ + ": " + std::generic_category().message(error), hint);
 }
 
 }  // namespace jovu_cli

@@ -2,6 +2,8 @@
 /// A file that is either complete or not there.
 #pragma once
 
+#include <sys/stat.h>
+
 #include <string>
 #include <string_view>
 
@@ -9,9 +11,12 @@
 
 namespace jovu_cli {
 
-/// Writes a file under another name, its own with ".part" behind it, and gives it its own name when
-/// all of it is written. What exists already and is no regular file, such as a device or a pipe, is
-/// written as it is.
+/// Writes a new file beside the one that is asked for, and renames it when all of it is written.
+/// The new file has a random name and is created exclusively, so that nothing that stands in its
+/// directory is followed, overwritten or waited for.
+///
+/// A symbolic link is followed to the file that it names, which is replaced; the mode of that file
+/// is kept. What exists and is no regular file, such as a device or a pipe, is written as it is.
 class SafeFile {
 public:
     /// What becomes of a file that is not finished.
@@ -21,7 +26,8 @@ public:
     };
 
     /// Opens the file for writing.
-    /// @throws Failure file_problem.
+    /// @throws Failure file_problem. So do the names of standard output and standard error, which
+    ///     carry other text.
     SafeFile(const std::string& path, Unfinished unfinished);
     ~SafeFile();
     SafeFile(const SafeFile&) = delete;
@@ -42,8 +48,10 @@ public:
     const std::string& unfinished_path() const noexcept { return part_path_; }
 
 private:
+    void open_special(const struct stat& seen);
+    void create_part(mode_t mode);
     bool flush() noexcept;
-    [[noreturn]] void fail(int error) const;
+    [[noreturn]] void fail(int error, const std::string& hint = {}) const;
 
     const std::string path_;
     const Unfinished unfinished_;

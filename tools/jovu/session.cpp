@@ -4,6 +4,8 @@
 #include <chrono>
 #include <string_view>
 
+#include "output.h"
+
 namespace jovu_cli {
 namespace {
 
@@ -26,8 +28,13 @@ constexpr auto first_quiet = 50ms;
 constexpr auto first_quiet_limit = 2s;
 constexpr auto further_report = 500ms;
 
-/// How often a wait without end looks whether the link is still there.
-constexpr auto link_check = 1s;
+/// How often a wait looks whether the USB connection is still there.
+constexpr auto connection_check = 200ms;
+
+constexpr const char* wait_hint = "--wait-device SECONDS waits for one";
+
+/// How the library says that a device is not open.
+constexpr const char* not_open[] = {"has been disconnected.", "no longer connected."};
 
 bool ends_with(std::string_view text, std::string_view end) {
     return text.size() >= end.size() && text.substr(text.size() - end.size()) == end;
@@ -46,16 +53,39 @@ std::string without_period(std::string text) {
 
 }  // namespace
 
-Session::Session(const CommonOptions& options, StopSource& stop, Interest interest) try
-    : options_(options), stop_(stop), inbox_(stop, interest), client_(inbox_) {
+Session::Session(const CommonOptions& options, StopSource& stop, Interest interest)
+    : options_(options), stop_(stop), inbox_(stop, interest) {
+    start();
+}
+
+void Session::start() try {
+    client_ = std::make_unique<Client>(inbox_);
 } catch (const JovuException& error) {
-    throw Failure(ExitCode::failure, std::string("cannot start the USB link: ") + error.what(),
+    throw Failure(ExitCode::failure,
+                  std::string("cannot start the USB connection: ") + error.what(),
                   "is USB available on this machine?");
+}
+
+/// Starts the connection again after an error has ended it.
+void Session::restart() {
+    if (restarted_) {
+        throw Failure(ExitCode::no_device,
+                      "the USB connection has ended again, for the reason given above",
+                      "a device cannot be opened, or another program opens it at the same time");
+    }
+    restarted_ = true;
+    print_error(
+        "jovu: the USB connection has ended, for the reason given above: starting it again");
+    client_.reset();
+    inbox_.forget_devices();
+    has_closed_ = false;
+    start();
 }
 
 void Session::begin(const CommonOptions& options, Interest interest) {
     options_ = options;
     inbox_.begin(interest);
+    restarted_ = false;
 }
 
 std::vector<JovuDeviceAddress> Session::find_devices() {
@@ -63,6 +93,10 @@ std::vector<JovuDeviceAddress> Session::find_devices() {
     bool found = false;
     for (;;) {
         stop_.throw_if_stopped();
+        if (has_ended()) {
+            restart();
+            deadline = std::max(deadline, Inbox::Clock::now() + default_wait);
+        }
         const std::vector<JovuDeviceAddress> usable = usable_devices();
         std::vector<JovuDeviceAddress> devices = usable;
         if (options_.device) {
@@ -79,7 +113,9 @@ std::vector<JovuDeviceAddress> Session::find_devices() {
             found = true;
             deadline = std::min(deadline, Inbox::Clock::now() + default_wait);
         }
-        if (!inbox_.next(deadline)) {  // Whatever comes is reason to look again.
+        const auto now = Inbox::Clock::now();
+        // Whatever comes is reason to look again.
+        if (!inbox_.next(std::min(deadline, now + connection_check)) && now >= deadline) {
             stop_.throw_if_stopped();
             return devices;
         }
@@ -114,7 +150,7 @@ std::vector<JovuDeviceAddress> Session::usable_devices() {
     // The link's list alone is not enough: a device enters it a moment before it can be talked to.
     const std::vector<JovuDeviceAddress> announced = inbox_.announced();
     std::vector<JovuDeviceAddress> devices;
-    for (const JovuDeviceAddress address : client_.list_connected()) {
+    for (const JovuDeviceAddress address : client_->list_connected()) {
         if (contains(announced, address)) {
             devices.push_back(address);
         }
@@ -126,33 +162,70 @@ std::vector<JovuDeviceAddress> Session::usable_devices() {
 }
 
 bool Session::is_connected(JovuDeviceAddress address) const {
-    return contains(client_.list_connected(), address);
+    return contains(client_->list_connected(), address);
 }
 
 std::size_t Session::attached_controllers() {
-    const std::vector<JovuUsbDevice> attached = client_.list_attached();
+    const std::vector<JovuUsbDevice> attached = client_->list_attached();
     const auto is_controller = [](const JovuUsbDevice& d) { return d.type == controller_type; };
     return static_cast<std::size_t>(std::count_if(attached.begin(), attached.end(), is_controller));
 }
 
+std::vector<UnopenedController> Session::unopened_controllers() const {
+    const std::vector<JovuDeviceAddress> connected = client_->list_connected();
+    std::vector<UnopenedController> unopened;
+    for (const AttachedDevice& device : attached_devices()) {
+        if (device.kind == AttachedDevice::Kind::controller &&
+            !contains(connected, device.address)) {
+            unopened.push_back({device.address, obstacle_at(look_at_node(device))});
+        }
+    }
+    return unopened;
+}
+
 void Session::throw_no_device() {
-    const std::vector<JovuDeviceAddress> connected = client_.list_connected();
-    const std::size_t controllers = attached_controllers();
-    const std::string wanted = options_.device ? ": " + to_string(*options_.device) : "";
-    if (controllers > connected.size()) {
-        throw Failure(ExitCode::no_device,
-                      "no device can be opened" + wanted + ": " +
-                          std::to_string(controllers - connected.size()) +
-                          " attached, but access is refused",
-                      access_hint);
+    const auto failure = [](const std::string& what, const std::string& hint) {
+        return Failure(ExitCode::no_device, what, hint);
+    };
+    const auto wanted = [this](JovuDeviceAddress address) {
+        return !options_.device || address == *options_.device;
+    };
+    std::string reasons;
+    std::string hint;
+    for (const auto& [address, obstacle] : unopened_controllers()) {
+        if (wanted(address)) {
+            reasons += (reasons.empty() ? "" : "; ") + ("cannot open " + to_string(address)) +
+                       ": " + obstacle.reason;
+            hint = hint.empty() ? obstacle.hint : hint;
+        }
     }
+    if (!reasons.empty()) {
+        throw failure(reasons, hint);
+    }
+    for (const AttachedDevice& device : attached_devices()) {
+        if (device.kind == AttachedDevice::Kind::dfu && wanted(device.address)) {
+            throw failure("no device: " + to_string(device.address) + " is in DFU mode",
+                          "'jovu update IMAGE' writes a firmware to it");
+        }
+    }
+    const std::vector<JovuDeviceAddress> connected = client_->list_connected();
     if (!connected.empty()) {
-        throw Failure(ExitCode::no_device, "no such device" + wanted,
-                      "connected: " + to_string(connected));
+        throw failure(
+            "no such device" + (options_.device ? ": " + to_string(*options_.device) : ""),
+            "connected: " + to_string(connected));
     }
-    throw Failure(ExitCode::no_device,
-                  options_.device ? "no such device" + wanted : "no device: nothing is attached",
-                  "--wait-device SECONDS waits for one");
+    if (attached_controllers() > 0) {
+        throw failure("no device can be opened, though " + std::to_string(attached_controllers()) +
+                          " attached",
+                      "another program holds it, or you have no permission: " + permission_hint());
+    }
+    if (options_.device) {
+        throw failure("no such device: " + to_string(*options_.device), wait_hint);
+    }
+    const bool others = !client_->list_attached().empty();
+    throw failure(others ? "no device: what is attached is of another kind"
+                         : "no device: nothing is attached",
+                  others ? "'jovu list' shows it" : wait_hint);
 }
 
 void Session::close_on_signal(JovuDeviceAddress address, Stop reason) {
@@ -164,7 +237,7 @@ void Session::close_on_signal(JovuDeviceAddress address, Stop reason) {
 void Session::close(JovuDeviceAddress address) noexcept {
     has_closed_ = true;
     try {
-        client_.close(address);
+        client_->close(address);
     } catch (const JovuException&) {
         // Gone or closed already, which ends the exchange as well.
     }
@@ -180,7 +253,30 @@ void Session::check_exchange(JovuDeviceAddress address, const std::string& name)
                                                  " may or may not have been carried out by " +
                                                  to_string(address));
     }
-    throw exchange_failure(name + " to " + to_string(address), reason);
+    throw failure_at(address, name, reason);
+}
+
+/// The Failure for an exchange with a device. One that is not open may still be attached.
+Failure Session::failure_at(JovuDeviceAddress address, const std::string& name,
+                            const std::string& reason) const {
+    const Failure failure = exchange_failure(name + " to " + to_string(address), reason);
+    if (std::none_of(std::begin(not_open), std::end(not_open),
+                     [&](const char* end) { return ends_with(reason, end); })) {
+        return failure;
+    }
+    for (const AttachedDevice& device : attached_devices()) {
+        if (device.address != address || device.kind != AttachedDevice::Kind::controller) {
+            continue;
+        }
+        const NodeState node = look_at_node(device);
+        if (!node.ours && (!node.driver.empty() || !node.holders.empty())) {
+            const Obstacle obstacle = obstacle_at(node);
+            return Failure(failure.code(), failure.what(),
+                           "it is attached, but " + obstacle.reason + ": " + obstacle.hint);
+        }
+        return Failure(failure.code(), failure.what(), "it was unplugged meanwhile, or has reset");
+    }
+    return failure;
 }
 
 /// Waits until a device that is asked for the first time sends nothing that it still had for
@@ -204,7 +300,7 @@ StatusReport Session::request_status(JovuDeviceAddress address) {
     unsigned& unanswered = unanswered_[address];
     std::optional<StatusReport> latest;
     for (int attempt = 0; attempt < report_attempts; ++attempt) {
-        send(address, "status request", [&] { client_.RequestStatus(address); });
+        send(address, "status request", [&] { client_->RequestStatus(address); });
         ++unanswered;
         auto end = Inbox::Clock::now() + report_repeat;
         while (std::optional<Notice> notice = inbox_.next(end)) {
@@ -235,7 +331,8 @@ StatusReport Session::request_status(JovuDeviceAddress address) {
 std::optional<Notice> Session::next_notice(Inbox::Clock::time_point deadline) {
     for (;;) {
         const auto now = Inbox::Clock::now();
-        if (std::optional<Notice> notice = inbox_.next(std::min(deadline, now + link_check))) {
+        if (std::optional<Notice> notice =
+                inbox_.next(std::min(deadline, now + connection_check))) {
             return notice;
         }
         if (stop_.state() != Stop::none || now >= deadline) {
@@ -243,7 +340,7 @@ std::optional<Notice> Session::next_notice(Inbox::Clock::time_point deadline) {
         }
         if (has_ended()) {
             throw Failure(ExitCode::exchange_failed,
-                          "the USB link has ended, for the reason given above",
+                          "the USB connection has ended, for the reason given above",
                           "this can happen when a device cannot be opened; start again");
         }
     }

@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <memory>
 #include <optional>
 #include <string>
 #include <unordered_map>
@@ -11,6 +12,7 @@
 #include <vector>
 
 #include "client.h"
+#include "device_node.h"
 #include "failure.h"
 #include "inbox.h"
 #include "jovu/exception.h"
@@ -23,11 +25,6 @@ namespace jovu_cli {
 /// JovuUsbDevice::type of the devices that the library opens.
 constexpr int controller_type = 1;
 
-/// Why a device that is attached may not open, and what can be done about it.
-constexpr const char* access_hint =
-    "another program holds it, or you have no permission on its USB node: see the udev rule "
-    "packaging/70-jovu.rules";
-
 /// What can be done about an exchange that failed.
 /// @param reason a text of the library.
 /// @return empty when there is nothing to advise.
@@ -36,19 +33,25 @@ std::string exchange_hint(const std::string& reason);
 /// The Failure for an exception of the library that a call about a device ended with.
 Failure exchange_failure(const std::string& what, const std::string& reason);
 
-/// The link, up from construction to destruction.
+/// A controller that is attached and could not be opened.
+struct UnopenedController {
+    JovuDeviceAddress address;
+    Obstacle obstacle;
+};
+
+/// The USB connection, from construction to destruction.
 class Session {
 public:
-    /// Starts the link.
+    /// Starts the connection.
     /// @throws Failure when it cannot be started.
     Session(const CommonOptions& options, StopSource& stop, Interest interest);
-    /// Begins with another command, on the same link. What the one before left is forgotten.
+    /// Begins with another command, on the same connection. What the one before left is forgotten.
     void begin(const CommonOptions& options, Interest interest);
     Session(const Session&) = delete;
     Session& operator=(const Session&) = delete;
 
     /// The library. Calls that wait for a device belong into exchange().
-    Client& client() noexcept { return client_; }
+    Client& client() noexcept { return *client_; }
     Inbox& inbox() noexcept { return inbox_; }
     const StopSource& stop() const noexcept { return stop_; }
     /// Whether a device was closed to end an exchange with it. Only a new session opens it again.
@@ -56,10 +59,11 @@ public:
     /// Whether the link has ended by an error. Only a new session has another one.
     bool has_ended() const noexcept { return !Client::is_watching(); }
 
-    /// Waits until all that is attached is connected, or as long as the options say.
+    /// Waits until all that is attached is connected, or as long as the options say. A connection
+    /// that has ended by an error is started again, once for each command.
     /// @return what is connected then, in the order of the addresses; only the chosen device when
     ///     one was chosen. May be empty.
-    /// @throws Failure when the program is to end.
+    /// @throws Failure when the program is to end; no_device when the connection ends again.
     std::vector<JovuDeviceAddress> find_devices();
 
     /// The one device that the command is for. As find_devices(), but for anything but one device:
@@ -68,6 +72,10 @@ public:
 
     /// Says why there is no device for the command, as well as it can be told.
     [[noreturn]] void throw_no_device();
+
+    /// The controllers that are attached and not open, each with the reason; as far as the system
+    /// tells.
+    std::vector<UnopenedController> unopened_controllers() const;
 
     /// Makes one exchange with a device. An interrupt ends it at once, by closing the device.
     /// Any thread.
@@ -116,7 +124,7 @@ public:
             call();
         } catch (const JovuException& error) {
             stop_.throw_if_stopped();  // Whoever has pressed Ctrl-C need not hear of it.
-            throw exchange_failure(name + " to " + to_string(address), error.what());
+            throw failure_at(address, name, error.what());
         }
     }
 
@@ -134,6 +142,10 @@ public:
     void check_connected(JovuDeviceAddress address, const Notice& notice) const;
 
 private:
+    void start();
+    void restart();
+    Failure failure_at(JovuDeviceAddress address, const std::string& name,
+                       const std::string& reason) const;
     bool worth_waiting(const std::vector<JovuDeviceAddress>& usable, bool found);
     std::size_t attached_controllers();
     void drop_early_reports(JovuDeviceAddress address);
@@ -148,7 +160,8 @@ private:
     /// How many status requests each device has not answered; at least, as a report may have been
     /// dropped. Has no entry for a device that was never asked.
     std::unordered_map<JovuDeviceAddress, unsigned> unanswered_;
-    Client client_;
+    std::unique_ptr<Client> client_;  ///< Never null but while the connection is started again.
+    bool restarted_ = false;          ///< By this command.
 };
 
 }  // namespace jovu_cli

@@ -1,0 +1,66 @@
+/// @file
+/// Small parts of the program: times, advice, and the queue of what the library reports.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <cstdlib>
+
+#include "session.h"
+#include "timestamp.h"
+
+namespace jovu_cli {
+namespace {
+
+using testing::HasSubstr;
+
+TEST(Times, AreLocalForPeopleAndUtcForPrograms) {
+    setenv("TZ", "Asia/Kolkata", 1);
+    const std::chrono::system_clock::time_point time(std::chrono::milliseconds(951826154007));
+    EXPECT_EQ(clock_text(time), "17:39:14.007");
+    EXPECT_EQ(utc_text(time), "2000-02-29T12:09:14.007Z");
+}
+
+TEST(Advice, IsGivenForEachReason) {
+    const std::pair<const char*, const char*> exchanges[] = {
+        {"timed out.", "does not answer"},  {"No response received.", "has reset"},
+        {"no longer connected.", "was un"}, {"has been disconnected.", "unplugged"},
+        {"libusb error: -1", "check the"},  {"libusb error: -4", "it was unplugged"},
+        {"libusb error: -7", "takes no"},   {"libusb error: -9", "has stalled"}};
+    for (const auto& [reason, hint] : exchanges)
+        EXPECT_THAT(exchange_hint(reason), HasSubstr(hint)) << reason;
+    const std::pair<NodeState, const char*> nodes[] = {
+        {{"N", EACCES, "", false, false, {}}, "no permission on N (install the udev rule pack"},
+        {{"N", ENODEV, "", false, false, {}}, "N is not there (it has just been unplugged"},
+        {{"N", 0, "cdc_acm", false, false, {"a"}}, "driver cdc_acm uses N (unbind"},
+        {{"N", 0, "", true, false, {}}, "N is free now, but was not (try again"},
+        {{"N", 0, "usbfs", false, false, {}}, "N is in use by another program (end that"},
+        {{"N", 0, "usbfs", false, false, {"a", "b"}}, "N is in use by a, b (a device is held by"}};
+    for (const auto& [node, told] : nodes)
+        EXPECT_THAT(obstacle_at(node).reason + " (" + obstacle_at(node).hint, HasSubstr(told));
+}
+
+/// A device can send without end, and a command may not take what it sends.
+TEST(Inbox, HoldsSoMuchAndCountsTheRest) {
+    StopSource stop(-1);
+    StatusReport report;
+    report.printer.model_name = report.file = std::string(1U << 20U, 'x');
+    const std::tuple<decltype(Notice::what), unsigned, unsigned> rows[] = {
+        {servo_trace_msg{}, 20005, 20000}, {DebugText(report.file), 20, 16}, {report, 10, 8}};
+    for (const auto& [what, posted, kept] : rows) {
+        Inbox inbox(stop, {true, true});
+        for (unsigned i = 0; i < posted; ++i)
+            inbox.post({{1, 2}, {}, what});
+        EXPECT_EQ(inbox.take_lost(), posted - kept);
+        inbox.post({{1, 2}, {}, Disconnected{}});
+        unsigned waiting = 0;
+        bool told = false;
+        for (; const std::optional<Notice> next = inbox.poll(); ++waiting)
+            told = std::holds_alternative<Disconnected>(next->what);
+        EXPECT_LE(waiting, std::min(kept + 1, 20000U)) << "the oldest makes room";
+        EXPECT_TRUE(told) << "a command learns that its device is gone";
+    }
+}
+
+}  // namespace
+}  // namespace jovu_cli
