@@ -4,8 +4,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <functional>
-
 #include "support/job_file.h"
 #include "support/recording_client.h"
 #include "support/sim_control.h"
@@ -92,29 +90,6 @@ TEST_F(Jobs, BadFilesAndDevicesAreRefusedInTheWordsOfTheLibrary) {
     ASSERT_TRUE(client.wait_disconnected(device));
     EXPECT_TRUE(eventually([&] { return client.list_connected().empty(); }));
     EXPECT_EQ(push_error(file.path()), "Send failed - Device no longer connected.");
-}
-
-TEST_F(Jobs, APushThatAnUnplugCutsOffNeverReachesTheNextDevice) {
-    const TemporaryFile file("job", job_content(400000));
-    for (std::size_t replugs = 1; replugs <= 3; ++replugs) {
-        // The next device is open, at the same address, before the next piece is sent.
-        std::function<void()> replug = [&, calls = std::size_t{0}]() mutable {
-            if (++calls != replugs * 20 - 19) return;
-            sim("replug " + name(device));
-            ASSERT_TRUE(client.wait_connected(device, replugs + 1));
-        };
-        const auto call = [](double, std::string, void* user) {
-            (*static_cast<std::function<void()>*>(user))();
-        };
-        try {
-            client.SendJobFile(device, file.path(), call, &replug, false);
-            ADD_FAILURE() << "went on on the next device";
-        } catch (const JovuException& error) {
-            EXPECT_STREQ(error.what(), "Send failed - Device no longer connected.");
-        }
-        ASSERT_TRUE(eventually([&] { return client.answers(device); }));
-        EXPECT_EQ(stats(device)["endpoints"]["04"]["bytes"], 0) << "replug " << replugs;
-    }
 }
 
 TEST_F(Jobs, AStatusRequestSurvivesWhateverTheDeviceSends) {

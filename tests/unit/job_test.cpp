@@ -12,6 +12,7 @@
 #include "json/json.h"
 #include "support/heap.h"
 #include "support/job_file.h"
+#include "support/plain_cut.h"
 #include "support/recording_client.h"
 
 namespace {
@@ -20,22 +21,6 @@ using Status = JovuJobInterface::StatusMsg;
 
 std::optional<std::string> append(jovu::JobStream& stream, const std::string& bytes) {
     return stream.append(reinterpret_cast<const unsigned char*>(bytes.data()), bytes.size());
-}
-
-/// Cuts one object per call by its braces in the simplest way: counts all that waits, every time.
-std::optional<std::string> simplest(std::string& waiting, const std::string& bytes) {
-    waiting += bytes;
-    int opened = 0, closed = 0;
-    for (std::size_t i = 0; i < waiting.size(); ++i) {
-        opened += waiting[i] == '{' ? 1 : 0;
-        closed += waiting[i] == '}' ? 1 : 0;
-        if (closed < opened || closed == 0) continue;
-        const std::string head = waiting.substr(0, i + 1);
-        waiting.erase(0, i + 1);
-        if (closed > opened) return std::nullopt;
-        return head;
-    }
-    return std::nullopt;
 }
 
 TEST(JobStream, CutsOneObjectPerCallByItsBracesAsTheSimplestWayDoes) {
@@ -49,7 +34,7 @@ TEST(JobStream, CutsOneObjectPerCallByItsBracesAsTheSimplestWayDoes) {
             std::string bytes;
             for (std::size_t size = below(seed % 3 == 0 ? 3 : 20); size > 0; --size)
                 bytes.push_back(alphabet[below(alphabet.size())]);
-            ASSERT_EQ(append(stream, bytes), simplest(waiting, bytes)) << "seed " << seed;
+            ASSERT_EQ(append(stream, bytes), test::cut_plainly(waiting, bytes)) << "seed " << seed;
             ASSERT_EQ(stream.size(), waiting.size()) << "seed " << seed;
         }
     }
@@ -204,6 +189,24 @@ TEST_F(JobPush, FillsUpWhatItDoesNotSendSoThatTheChecksumCannotFit) {
             EXPECT_LE(progress.size(), calls + 1) << "a file that grows for ever has an end";
         }
     }
+}
+
+TEST_F(JobPush, ThatAnUnplugCutsOffNeverReachesTheNextDevice) {
+    JovuJobInterface client;
+    ASSERT_TRUE(connected());
+    std::ofstream(file.path()) << std::string(20000, 'x');
+    const auto replug = [&](std::size_t call) {
+        if (call != 2) return;
+        const JovuUsb::connection_t first = JovuUsb::connection(test::kAddress);
+        fake_usb::unplug(device);
+        fake_usb::plug(1, 5);
+        EXPECT_TRUE(test::eventually([&] {
+            const JovuUsb::connection_t now = JovuUsb::connection(test::kAddress);
+            return now != first && now != JovuUsb::kNoConnection;
+        }));
+    };
+    EXPECT_EQ(push(client, replug, {}), "Send failed - Device no longer connected.");
+    EXPECT_EQ(fake_usb::sent().size(), before + 3) << "the announcement and two pieces";
 }
 
 TEST_F(JobPush, EndsWithItsClient) {
