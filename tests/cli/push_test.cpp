@@ -147,33 +147,32 @@ TEST_F(Push, IsNotJudgedByAReportFromBefore) {
     EXPECT_EQ(program.finish(), 0) << program.err();
 }
 
-TEST_F(Push, IsCancelledByAnInterruptAndLeavesTheDeviceReady) {
-    fault("never 04 1 6");  // holds one piece up until it is sent again
-    Program program({"push", file_.path()});
-    ASSERT_TRUE(eventually([&] { return job()["received"] >= 20480; }));
-    program.signal(SIGINT);
-    EXPECT_EQ(program.finish(), 130);
-    EXPECT_THAT(program.out(), HasSubstr("filling " + file_.path() + ": 100 %"));
-    EXPECT_THAT(program.err(), HasSubstr("jovu: interrupted: sending filler for the rest"));
-    EXPECT_THAT(program.err(), HasSubstr("jovu: interrupted at 20 %: 1:2 received filler"));
-    EXPECT_EQ(job()["received"], kSize);
-    EXPECT_EQ(job()["pushes"], 1);
-    EXPECT_EQ(job()["verified"], false);
-    EXPECT_EQ(json::parse(jovu({"status", "--json"}).out)["error"], 2) << "refused by its checksum";
-    EXPECT_EQ(job()["finished"], 0);
-}
-
-TEST_F(Push, IsLeftAtOnceByASecondInterrupt) {
-    fault("never 04 always 6");
-    Program program({"push", file_.path()});
-    ASSERT_TRUE(eventually([&] { return job()["received"] >= 20480; }));
-    program.signal(SIGINT);
-    std::this_thread::sleep_for(std::chrono::milliseconds(600));  // else it is the same Ctrl-C
-    const auto start = std::chrono::steady_clock::now();
-    program.signal(SIGINT);
-    EXPECT_EQ(program.finish(), 130);
-    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(3));
-    EXPECT_THAT(program.err(), HasSubstr("jovu: left at once: 1:2 waits for the rest of the job"));
+TEST_F(Push, IsCancelledByAnInterruptAndLeftAtOnceByASecondOne) {
+    for (const bool twice : {false, true}) {
+        fault(twice ? "never 04 always 6" : "never 04 1 6");
+        Program program({"push", file_.path()});
+        ASSERT_TRUE(eventually([&] { return job()["received"] >= 20480; }));
+        program.signal(SIGINT);
+        if (twice) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(600));  // else it is the same
+            program.signal(SIGINT);
+        }
+        const auto start = std::chrono::steady_clock::now();
+        EXPECT_EQ(program.finish(), 130);
+        if (twice) {
+            EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(3));
+            EXPECT_THAT(program.err(), HasSubstr("jovu: left at once: 1:2 waits for the rest"));
+            return;
+        }
+        EXPECT_THAT(program.out(), HasSubstr("filling " + file_.path() + ": 100 %"));
+        EXPECT_THAT(program.err(), HasSubstr("jovu: interrupted: sending filler for the rest"));
+        EXPECT_THAT(program.err(), HasSubstr("jovu: interrupted at 20 %: 1:2 received filler"));
+        EXPECT_EQ(job()["received"], kSize);
+        EXPECT_EQ(job()["verified"], false);
+        const json report = json::parse(jovu({"status", "--json"}).out);
+        EXPECT_EQ(report["error"], 2) << "refused by its checksum";
+        sim("replug " + name(device_));
+    }
 }
 
 TEST_F(Push, GoesOnOnTheDeviceWhenTheWaitIsInterrupted) {

@@ -37,17 +37,6 @@ protected:
         return "";
     }
 
-    /// Makes the device send bytes on the job channel.
-    void send(const std::string& bytes) const {
-        static const char digits[] = "0123456789abcdef";
-        std::string hex;
-        for (const char byte : bytes) {
-            hex += digits[static_cast<unsigned char>(byte) / 16];
-            hex += digits[static_cast<unsigned char>(byte) % 16];
-        }
-        sim("send " + name(device) + " job " + hex);
-    }
-
     JovuDeviceAddress device = plug();
     RecordingClient client;
 };
@@ -90,22 +79,6 @@ TEST_F(Jobs, BadFilesAndDevicesAreRefusedInTheWordsOfTheLibrary) {
     ASSERT_TRUE(client.wait_disconnected(device));
     EXPECT_TRUE(eventually([&] { return client.list_connected().empty(); }));
     EXPECT_EQ(push_error(file.path()), "Send failed - Device no longer connected.");
-}
-
-TEST_F(Jobs, AStatusRequestSurvivesWhateverTheDeviceSends) {
-    const char* const noise[] = {
-        "}",                                               // dropped
-        "{\"metadata\":{\"type\":\"other\"}}",             // told, not decoded
-        "{\"metadata\":{\"type\":7}}",                     // likewise
-        "{\"metadata\":{\"type\":\"status\"},\"job\":3}",  // decoded: an empty report
-        "not json {}",
-    };
-    for (const char* const bytes : noise)
-        send(bytes);
-    ASSERT_TRUE(eventually([&] { return client.job_texts().size() == 4; }));
-    EXPECT_EQ(client.job_texts().back(), "not json {}");
-    EXPECT_EQ(client.statuses().size(), 1U);
-    EXPECT_FALSE(client.status(device).printer.model_name.empty());
 }
 
 }  // namespace

@@ -111,30 +111,28 @@ TEST(JobRequest, IsWrittenAsTheDevicesWantIt) {
                      R"("decompressed_length":9}}})");
 }
 
-class JobPush : public test::LinkTest {
+class JobChannel : public test::LinkTest {
 protected:
-    /// Resizes a file, calls off a push, or what else a test does in progress call @p call.
-    using Then = std::function<void(std::size_t call)>;
-
+    /// @param then called in each progress call, with its number.
     /// @return the error, or a word for the result.
-    std::string push(JovuJobInterface& client, Then then, const JovuPushCancel& cancel) {
+    std::string push(JovuJobInterface& client, std::function<void(std::size_t)> then,
+                     const JovuPushCancel& cancel) {
         progress.clear();
         before = fake_usb::sent().size();
-        auto call = std::make_pair(this, std::move(then));
+        on_progress = std::move(then);
         const auto note = [](double percent, std::string, void* user) {
-            auto& [self, work] = *static_cast<decltype(call)*>(user);
-            self->progress.push_back(percent);
-            work(self->progress.size() - 1);
+            auto& self = *static_cast<JobChannel*>(user);
+            self.progress.push_back(percent);
+            self.on_progress(self.progress.size() - 1);
         };
-        JovuPushResult result{};
-        const auto send = [&] {
-            result = client.SendJobFile(test::kAddress, file.path(), note, &call, false, cancel);
-        };
-        const std::string error = test::error_of(send);
         static const char* const words[] = {"completed", "cancelled", "cut short"};
-        return error.empty() ? words[static_cast<int>(result)] : error;
+        try {
+            return words[static_cast<int>(
+                client.SendJobFile(test::kAddress, file.path(), note, this, false, cancel))];
+        } catch (const JovuException& error) {
+            return error.what();
+        }
     }
-
     static bool connected() {
         return test::eventually([] { return !JovuUsb::list_connected().empty(); });
     }
@@ -142,10 +140,11 @@ protected:
     libusb_device* const device = fake_usb::plug(1, 5);
     const test::TemporaryFile file{"job", ""};
     std::vector<double> progress;
+    std::function<void(std::size_t)> on_progress;
     std::size_t before = 0;  ///< Transfers before the push.
 };
 
-TEST_F(JobPush, FillsUpWhatItDoesNotSendSoThatTheChecksumCannotFit) {
+TEST_F(JobChannel, APushFillsUpWhatItDoesNotSendSoThatTheChecksumCannotFit) {
     JovuJobInterface client;
     ASSERT_TRUE(connected());
     // Filler of zeros alone, or of a last 1 alone, would be the very job.
@@ -191,7 +190,7 @@ TEST_F(JobPush, FillsUpWhatItDoesNotSendSoThatTheChecksumCannotFit) {
     }
 }
 
-TEST_F(JobPush, ThatAnUnplugCutsOffNeverReachesTheNextDevice) {
+TEST_F(JobChannel, APushThatAnUnplugCutsOffNeverReachesTheNextDevice) {
     JovuJobInterface client;
     ASSERT_TRUE(connected());
     std::ofstream(file.path()) << std::string(20000, 'x');
@@ -209,7 +208,7 @@ TEST_F(JobPush, ThatAnUnplugCutsOffNeverReachesTheNextDevice) {
     EXPECT_EQ(fake_usb::sent().size(), before + 3) << "the announcement and two pieces";
 }
 
-TEST_F(JobPush, EndsWithItsClient) {
+TEST_F(JobChannel, APushEndsWithItsClient) {
     const std::string ended = "Send failed - The client has been shut down.";
     std::ofstream(file.path()) << std::string(2000000, 'x');
     for (const bool last : {false, true}) {
@@ -245,17 +244,28 @@ TEST_F(JobPush, EndsWithItsClient) {
     }
 }
 
-TEST_F(JobPush, ReceiveBuffersAreFreedWhenTheDeviceLeaves) {
-    JovuJobInterface client;
+TEST_F(JobChannel, ReceivesWhateverComesAndFreesItWhenTheDeviceLeaves) {
+    test::RecordingClient client;
     ASSERT_TRUE(connected());
-    const std::size_t at_first = test::heap_in_use();
+    const auto send = [&](const std::string& bytes) {
+        return fake_usb::complete(device, test::kJobsIn, LIBUSB_TRANSFER_COMPLETED, bytes);
+    };
+    for (const char* const bytes :
+         {"}", R"({"metadata":{"type":"other"}})", R"({"metadata":{"type":7}})", "not json {}",
+          R"({"metadata":{"type":"status"},"status":{"state":"on"}})"})
+        ASSERT_TRUE(send(bytes));
+    EXPECT_EQ(client.job_texts().size(), 4U) << "all but the stray brace";
+    EXPECT_EQ(client.job_texts().at(2), "not json {}");
+    ASSERT_EQ(client.statuses().size(), 1U);
+    EXPECT_EQ(client.statuses()[0].state, "on");
+
+    const std::size_t before_data = test::heap_in_use();
     for (int i = 0; i < 2000; ++i)
-        ASSERT_TRUE(fake_usb::complete(device, test::kJobsIn, LIBUSB_TRANSFER_COMPLETED,
-                                       "{" + std::string(63, 'x')));
-    EXPECT_GT(test::heap_in_use(), at_first + 100000);
+        ASSERT_TRUE(send("{" + std::string(63, 'x')));
+    EXPECT_GT(test::heap_in_use(), before_data + 100000);
     fake_usb::unplug(device);
     ASSERT_TRUE(test::eventually([] { return JovuUsb::list_connected().empty(); }));
-    EXPECT_LT(test::heap_in_use(), at_first + 50000);
+    EXPECT_LT(test::heap_in_use(), before_data + 50000);
 }
 
 }  // namespace
