@@ -1,3 +1,5 @@
+#include <sys/stat.h>
+#include <unistd.h>
 #include <zlib.h>
 
 #include <algorithm>
@@ -143,6 +145,34 @@ protected:
     std::function<void(std::size_t)> on_progress;
     std::size_t before = 0;  ///< Transfers before the push.
 };
+
+TEST_F(JobChannel, APushReportsItsProgressAndWantsAFileThatCanBeReadTwice) {
+    JovuJobInterface client;
+    ASSERT_TRUE(connected());
+    const std::pair<std::size_t, std::vector<double>> rows[] = {
+        {0, {0.0, 99.9, 100.0}},
+        {1, {0.0, 99.9, 100.0}},
+        {5120, {0.0, 99.9, 99.9, 100.0}},
+        {12000, {0.0, 5120 * 100.0 / 12000, 10240 * 100.0 / 12000, 99.9, 100.0}},
+    };
+    for (const auto& [size, expected] : rows) {
+        std::ofstream(file.path()) << std::string(size, 'x');
+        EXPECT_EQ(push(client, [](std::size_t) {}, {}), "completed");
+        EXPECT_EQ(progress, expected) << size;
+    }
+    const auto error = [&client](const std::string& path, bool compressed = false) {
+        return test::error_of(
+            [&] { client.SendJobFile(test::kAddress, path, nullptr, nullptr, compressed); });
+    };
+    const std::string fifo = file.path() + ".fifo";
+    ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
+    for (const char* const path : {"/nonexistent/job", "/tmp", fifo.c_str()})
+        EXPECT_EQ(error(path), "Failed to open job file.");
+    EXPECT_EQ(error("/nonexistent/job", true), "Failed to open job file.");
+    EXPECT_EQ(error(file.path(), true), "Compression not supported yet.");
+    EXPECT_EQ(error(file.path()), "");
+    ::unlink(fifo.c_str());
+}
 
 TEST_F(JobChannel, APushFillsUpWhatItDoesNotSendSoThatTheChecksumCannotFit) {
     JovuJobInterface client;
