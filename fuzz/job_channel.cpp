@@ -8,11 +8,13 @@
 #include <cstring>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "jobs/job_stream.h"
 #include "jovu/job_interface.h"
 #include "require.h"
 #include "support/memory_link.h"
+#include "support/plain_cut.h"
 
 namespace {
 
@@ -21,7 +23,7 @@ constexpr JovuDeviceAddress kAddress{1, 2};
 class Jobs : public JovuJobInterface {
 public:
     ~Jobs() override { shutdown(); }
-    std::size_t objects = 0;
+    std::vector<std::string> objects;
     std::size_t seen = 0;
 
     void StatusReceived(JovuDeviceAddress /*address*/, StatusMsg status) override {
@@ -29,31 +31,10 @@ public:
     }
     void JobDataReceived(JovuDeviceAddress /*address*/, const unsigned char* text,
                          unsigned int length) override {
-        ++objects;
         REQUIRE(length >= 2 && text[length - 1] == '}' && text[length] == '\0');
-        for (unsigned i = 0; i < length; ++i)
-            seen += text[i];
+        objects.emplace_back(reinterpret_cast<const char*>(text), length);
     }
 };
-
-/// What the stream of a device comes to, cut by counting braces from the start for every byte.
-std::size_t objects_counted_anew(const std::string& bytes, std::size_t piece) {
-    std::string buffer;
-    std::size_t objects = 0;
-    for (std::size_t at = 0; at < bytes.size(); at += piece) {
-        buffer += bytes.substr(at, piece);
-        long open = 0;
-        for (std::size_t i = 0; i < buffer.size(); ++i) {
-            if (buffer[i] == '{') ++open;
-            if (buffer[i] != '}') continue;
-            if (--open > 0) continue;
-            if (open == 0) ++objects;
-            buffer.erase(0, i + 1);
-            break;
-        }
-    }
-    return objects;
-}
 
 }  // namespace
 
@@ -68,7 +49,11 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         std::memcpy(block.get(), bytes.data() + at, length);
         memory_link::client(1).data_received(block.get(), static_cast<unsigned>(length), kAddress);
     }
-    if (bytes.size() < jovu::kMaxJobBacklog)
-        REQUIRE(jobs.objects == objects_counted_anew(bytes, piece));
+    std::string waiting;
+    std::vector<std::string> expected;
+    for (std::size_t at = 0; at < bytes.size(); at += piece)
+        if (auto object = test::cut_plainly(waiting, bytes.substr(at, piece)))
+            expected.push_back(*object);
+    if (bytes.size() < jovu::kMaxJobBacklog) REQUIRE(jobs.objects == expected);
     return 0;
 }

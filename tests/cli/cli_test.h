@@ -5,13 +5,13 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <fstream>
 #include <nlohmann/json.hpp>
 #include <sstream>
 #include <string>
 #include <vector>
 
 #include "program.h"
+#include "support/job_file.h"
 #include "support/sim_control.h"
 #include "support/wait.h"
 
@@ -26,31 +26,6 @@ inline std::vector<nlohmann::json> json_lines(const std::string& text) {
         values.push_back(nlohmann::json::parse(line));
     }
     return values;
-}
-
-/// A file in the test's directory for temporary files, removed with this object.
-class TemporaryFile {
-public:
-    TemporaryFile(const std::string& name, const std::string& content)
-        : path_(testing::TempDir() + std::to_string(getpid()) + "-" + name) {
-        std::ofstream(path_, std::ios::binary) << content;
-    }
-    ~TemporaryFile() { std::remove(path_.c_str()); }
-    TemporaryFile(const TemporaryFile&) = delete;
-    TemporaryFile& operator=(const TemporaryFile&) = delete;
-
-    const std::string& path() const { return path_; }
-
-private:
-    std::string path_;
-};
-
-/// A job file's content, in which every byte value occurs.
-inline std::string job_content(std::size_t size) {
-    std::string content(size, '\0');
-    for (std::size_t i = 0; i < size; ++i)
-        content[i] = static_cast<char>(i * 31 % 251 + i / 256);
-    return content;
 }
 
 /// Has a device send debug texts until a program that prints events is seen to listen.

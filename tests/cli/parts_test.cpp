@@ -1,17 +1,19 @@
 /// @file
-/// Small parts of the program: times, advice, and the queue of what the library reports.
+/// Small parts of the program: times, rates, advice, and the queue of what the library reports.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <cerrno>
 #include <cstdlib>
 
+#include "progress_bar.h"
 #include "session.h"
 #include "timestamp.h"
 
 namespace jovu_cli {
 namespace {
 
+using namespace std::chrono_literals;
 using testing::HasSubstr;
 
 TEST(Times, AreLocalForPeopleAndUtcForPrograms) {
@@ -60,6 +62,23 @@ TEST(Inbox, HoldsSoMuchAndCountsTheRest) {
         EXPECT_LE(waiting, std::min(kept + 1, 20000U)) << "the oldest makes room";
         EXPECT_TRUE(told) << "a command learns that its device is gone";
     }
+}
+
+TEST(ProgressBar, ShowsTheRateOfTheLastSecondsAndTheTimeLeft) {
+    RateMeter meter;
+    const RateMeter::Clock::time_point start{};
+    EXPECT_EQ(meter.rate(), 0);
+    for (const auto& [time, done] :
+         {std::pair(0s, 0U), std::pair(10s, 1000U), std::pair(12s, 5000U)})
+        meter.add(start + time, done);
+    EXPECT_EQ(meter.rate(), 5000.0 / 12) << "each interval counts until a whole one is too old";
+    meter.add(start + 14s, 9000);
+    EXPECT_EQ(meter.rate(), 2000) << "what is older than three seconds does not count";
+
+    EXPECT_EQ(transfer_text(2000, 9000, 259000), "9.0 kB, 2.0 kB/s, 2:05 left");
+    EXPECT_EQ(transfer_text(0, 9, 10), "9 B, 0 B/s");
+    EXPECT_EQ(transfer_text(1.5e6, 2500000000, 2500000000), "2.5 GB, 1.5 MB/s");
+    EXPECT_EQ(bar_text(50, "Sending ", "x", 40), "Sending   50.0 % [=========>        ]  x");
 }
 
 }  // namespace

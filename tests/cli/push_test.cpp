@@ -34,30 +34,20 @@ TEST_F(Push, IsFollowedToItsEnd) {
     EXPECT_EQ(job()["received"], kSize);
     EXPECT_EQ(job()["verified"], true);
     EXPECT_EQ(job()["finished"], 1);
-    EXPECT_EQ(complaints(device_), 0);
-}
 
-TEST_F(Push, IsToldInJson) {
-    const Ended ended = jovu({"push", "--wait", file_.path(), "--json"});
-    EXPECT_EQ(ended.status, 0) << ended.err;
-    const std::vector<json> events = json_lines(ended.out);
-    ASSERT_GE(events.size(), 3U);
-    EXPECT_EQ(events.front(), json({{"event", "sending"},
-                                    {"device", "1:2"},
-                                    {"percent", 0.0},
-                                    {"bytes", 0},
-                                    {"size", kSize}}));
+    const std::vector<json> events =
+        json_lines(jovu({"push", "--wait", file_.path(), "--json"}).out);
+    EXPECT_EQ(events.at(0).dump(),
+              R"({"bytes":0,"device":"1:2","event":"sending","percent":0.0,"size":123456})");
     EXPECT_EQ(events.back()["event"], "finished");
     EXPECT_EQ(events.back()["job"]["progress"], 100);
-}
 
-TEST_F(Push, IsDrawnAsABarOnATerminal) {
-    const Ended ended = jovu({"push", file_.path(), "--wait"}, "", Out::terminal);
-    EXPECT_EQ(ended.status, 0) << ended.err;
-    EXPECT_THAT(ended.out, HasSubstr("\r\x1b[2KSending    0.0 % [>"));
-    EXPECT_THAT(ended.out, HasSubstr("Sending  100.0 % [=="));
-    EXPECT_THAT(ended.out, HasSubstr("Printing 100.0 % [=="));
-    EXPECT_THAT(ended.out, HasSubstr("\r\nfinished after "));
+    const Ended drawn = jovu({"push", file_.path(), "--wait"}, "", Out::terminal);
+    EXPECT_EQ(drawn.status, 0) << drawn.err;
+    for (const char* const part : {"\r\x1b[2KSending    0.0 % [>", "Sending  100.0 % [==",
+                                   "Printing 100.0 % [==", "\r\nfinished after "})
+        EXPECT_THAT(drawn.out, HasSubstr(part));
+    EXPECT_EQ(complaints(device_), 0);
 }
 
 TEST_F(Push, GoesOnWhenNobodyReadsAnyMore) {
@@ -87,12 +77,8 @@ TEST_F(Push, IsPausedAndResumedAsItsStateAllows) {
     EXPECT_EQ(running.finish(), 0);
     EXPECT_THAT(running.out(), HasSubstr("nothing was sent"));
     fault("clear");
-    const struct {
-        const char* command;
-        int exit_code;
-        int requests;  ///< So far. The device has one to pause and to resume.
-        const char* shown;
-    } rows[] = {
+    // The exit code, how often the device was asked so far to pause or resume, and what is shown.
+    const std::tuple<const char*, int, int, const char*> rows[] = {
         {"pause", 6, 0, "no job to pause: 1:2 reports the state idle"},
         {"resume", 6, 0, "no job to resume: 1:2 reports the state idle"},
         {"push", 0, 0, "accepted"},
@@ -104,13 +90,12 @@ TEST_F(Push, IsPausedAndResumedAsItsStateAllows) {
         {"pause", 0, 2, "1:2  paused"},
         {"resume", 0, 3, "1:2  printing"},
     };
-    for (const auto& row : rows) {
-        std::vector<std::string> words{row.command};
-        if (words[0] == "push") words.push_back(file_.path());
-        const Ended ended = jovu(words);
-        EXPECT_EQ(ended.status, row.exit_code) << row.command << ": " << ended.err;
-        EXPECT_THAT(ended.out + ended.err, HasSubstr(row.shown));
-        EXPECT_EQ(job()["requests"].value("pause", 0), row.requests) << row.command;
+    for (const auto& [command, exit_code, requests, shown] : rows) {
+        const Ended ended =
+            command == std::string("push") ? jovu({command, file_.path()}) : jovu({command});
+        EXPECT_EQ(ended.status, exit_code) << command << ": " << ended.err;
+        EXPECT_THAT(ended.out + ended.err, HasSubstr(shown));
+        EXPECT_EQ(job()["requests"].value("pause", 0), requests) << command;
     }
 }
 
@@ -162,33 +147,32 @@ TEST_F(Push, IsNotJudgedByAReportFromBefore) {
     EXPECT_EQ(program.finish(), 0) << program.err();
 }
 
-TEST_F(Push, IsCancelledByAnInterruptAndLeavesTheDeviceReady) {
-    fault("never 04 1 6");  // holds one piece up until it is sent again
-    Program program({"push", file_.path()});
-    ASSERT_TRUE(eventually([&] { return job()["received"] >= 20480; }));
-    program.signal(SIGINT);
-    EXPECT_EQ(program.finish(), 130);
-    EXPECT_THAT(program.out(), HasSubstr("filling " + file_.path() + ": 100 %"));
-    EXPECT_THAT(program.err(), HasSubstr("jovu: interrupted: sending filler for the rest"));
-    EXPECT_THAT(program.err(), HasSubstr("jovu: interrupted at 20 %: 1:2 received filler"));
-    EXPECT_EQ(job()["received"], kSize);
-    EXPECT_EQ(job()["pushes"], 1);
-    EXPECT_EQ(job()["verified"], false);
-    EXPECT_EQ(json::parse(jovu({"status", "--json"}).out)["error"], 2) << "refused by its checksum";
-    EXPECT_EQ(job()["finished"], 0);
-}
-
-TEST_F(Push, IsLeftAtOnceByASecondInterrupt) {
-    fault("never 04 always 6");
-    Program program({"push", file_.path()});
-    ASSERT_TRUE(eventually([&] { return job()["received"] >= 20480; }));
-    program.signal(SIGINT);
-    std::this_thread::sleep_for(std::chrono::milliseconds(600));  // else it is the same Ctrl-C
-    const auto start = std::chrono::steady_clock::now();
-    program.signal(SIGINT);
-    EXPECT_EQ(program.finish(), 130);
-    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(3));
-    EXPECT_THAT(program.err(), HasSubstr("jovu: left at once: 1:2 waits for the rest of the job"));
+TEST_F(Push, IsCancelledByAnInterruptAndLeftAtOnceByASecondOne) {
+    for (const bool twice : {false, true}) {
+        fault(twice ? "never 04 always 6" : "never 04 1 6");
+        Program program({"push", file_.path()});
+        ASSERT_TRUE(eventually([&] { return job()["received"] >= 20480; }));
+        program.signal(SIGINT);
+        if (twice) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(600));  // else it is the same
+            program.signal(SIGINT);
+        }
+        const auto start = std::chrono::steady_clock::now();
+        EXPECT_EQ(program.finish(), 130);
+        if (twice) {
+            EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(3));
+            EXPECT_THAT(program.err(), HasSubstr("jovu: left at once: 1:2 waits for the rest"));
+            return;
+        }
+        EXPECT_THAT(program.out(), HasSubstr("filling " + file_.path() + ": 100 %"));
+        EXPECT_THAT(program.err(), HasSubstr("jovu: interrupted: sending filler for the rest"));
+        EXPECT_THAT(program.err(), HasSubstr("jovu: interrupted at 20 %: 1:2 received filler"));
+        EXPECT_EQ(job()["received"], kSize);
+        EXPECT_EQ(job()["verified"], false);
+        const json report = json::parse(jovu({"status", "--json"}).out);
+        EXPECT_EQ(report["error"], 2) << "refused by its checksum";
+        sim("replug " + name(device_));
+    }
 }
 
 TEST_F(Push, GoesOnOnTheDeviceWhenTheWaitIsInterrupted) {

@@ -88,19 +88,4 @@ TEST_F(Write, ChecksTheDeviceThenTheInterfaceThenTheLength) {
     EXPECT_TRUE(fake_usb::sent().empty());
 }
 
-TEST_F(Write, IsRestrictedToOneOpeningOfTheDevice) {
-    const auto first = JovuUsb::connection(kAddress);
-    fake_usb::unplug(link.device);
-    fake_usb::plug(1, 5);
-    ASSERT_TRUE(journal.wait("b+1.5", 2));
-    const unsigned char byte = 1;
-    EXPECT_NE(first, JovuUsb::connection(kAddress));
-    EXPECT_EQ(test::error_of([&] {
-                  JovuUsb::write(&byte, 1, kAddress, JovuUsb::JOVU_USB_INTERFACE_JOBS, first);
-              }),
-              "Send failed - Device no longer connected.");
-    EXPECT_TRUE(fake_usb::sent().empty());
-    EXPECT_EQ(test::write("x"), "");
-}
-
 }  // namespace

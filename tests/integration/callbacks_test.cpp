@@ -151,28 +151,4 @@ TEST(InAConnectCallback, CommandsWork) {
     EXPECT_TRUE(result.get());
 }
 
-TEST(AClientThatThrows, EndsTheWatcherWithItsWordsAndTheLinkCanStartAgain) {
-    const JovuDeviceAddress device = plug();
-    testing::internal::CaptureStdout();
-    {
-        RecordingClient client;
-        client.on_debug = [](JovuDeviceAddress, const std::string&) {
-            throw std::runtime_error("handler broke");
-        };
-        ASSERT_TRUE(client.wait_connected(device));
-        std::string printed;
-        sim("event " + name(device) + " now");
-        // The device is still open, and one that comes now is not seen any more.
-        plug("1:40");
-        std::this_thread::sleep_for(std::chrono::milliseconds(1200));
-        EXPECT_EQ(client.connects({1, 40}), 0U);
-    }
-    EXPECT_EQ(testing::internal::GetCapturedStdout(),
-              "Fatal error in hotplug thread - handler broke.\n");
-    RecordingClient again;
-    EXPECT_TRUE(again.wait_connected({1, 40}));
-    EXPECT_TRUE(again.wait_connected(device));
-    EXPECT_TRUE(again.answers(device));
-}
-
 }  // namespace

@@ -29,37 +29,6 @@ TEST(Lifetime, AClientEndsInTheMiddleOfAFlood) {
     }
 }
 
-TEST(Lifetime, AClientEndsWhileSendersAreAtWork) {
-    const JovuDeviceAddress device = plug();
-    for (int i = 0; i < 5; ++i) {
-        RecordingClient client;
-        RecordingClient other;
-        ASSERT_TRUE(client.wait_connected(device));
-        std::atomic<bool> stop{false};
-        std::thread commands([&] {
-            while (!stop)
-                client.bio_get_version(device);
-        });
-        std::thread requests([&] {
-            while (!stop) {
-                try {
-                    other.RequestStatus(device);
-                } catch (const JovuException&) {
-                    // The link is down once the last client of an interface has gone.
-                    std::this_thread::yield();
-                }
-            }
-        });
-        ASSERT_TRUE(eventually([&] { return !other.statuses().empty(); }));
-        client.shutdown();
-        EXPECT_EQ(client.bio_get_version(device), nullptr) << "off the link";
-        other.shutdown();
-        stop = true;
-        commands.join();
-        requests.join();
-    }
-}
-
 TEST(Lifetime, AWaitingRequestIsWokenByTheEndOfItsClient) {
     const JovuDeviceAddress device = plug();
     RecordingClient client;

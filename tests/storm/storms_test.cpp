@@ -138,7 +138,7 @@ void tolerantly(Call call) {
 TEST_F(Storm, ADeviceThatComesAndGoesUnderCommandsAndAPush) {
     const int replugs = 200 * storm_scale();
     {
-        const test::JobFile job(40000);
+        const test::TemporaryFile job("job", test::job_content(40000));
         const JovuDeviceAddress device = plug();
         RecordingClient client;
         std::atomic<long> answered{0};

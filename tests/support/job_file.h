@@ -1,34 +1,39 @@
 /// @file
-/// A job file to push.
+/// Files that tests make, and what is in a job file.
 #pragma once
 
 #include <unistd.h>
 
-#include <cstdlib>
+#include <cstdio>
+#include <filesystem>
 #include <fstream>
 #include <string>
 
 namespace test {
 
-/// A file that lives as long as the object.
-class JobFile {
+/// A file among the temporary ones, removed with this object.
+class TemporaryFile {
 public:
-    /// @param size in bytes, of every value.
-    explicit JobFile(std::size_t size) {
-        char path[] = "/tmp/jovu-job-XXXXXX";
-        ::close(::mkstemp(path));
-        path_ = path;
-        std::ofstream out(path_, std::ios::binary);
-        for (std::size_t i = 0; i < size; ++i)
-            out.put(static_cast<char>(i * 31 + i / 256));
+    TemporaryFile(const std::string& name, const std::string& content)
+        : path_(std::filesystem::temp_directory_path() / (std::to_string(getpid()) + "-" + name)) {
+        std::ofstream(path_, std::ios::binary) << content;
     }
-    ~JobFile() { ::unlink(path_.c_str()); }
-    JobFile(const JobFile&) = delete;
-    JobFile& operator=(const JobFile&) = delete;
+    ~TemporaryFile() { std::remove(path_.c_str()); }
+    TemporaryFile(const TemporaryFile&) = delete;
+    TemporaryFile& operator=(const TemporaryFile&) = delete;
+
     const std::string& path() const { return path_; }
 
 private:
     std::string path_;
 };
+
+/// A job file's content, in which every byte value occurs.
+inline std::string job_content(std::size_t size) {
+    std::string content(size, '\0');
+    for (std::size_t i = 0; i < size; ++i)
+        content[i] = static_cast<char>(i * 31 % 251 + i / 256);
+    return content;
+}
 
 }  // namespace test

@@ -1,3 +1,5 @@
+#include <sys/stat.h>
+#include <unistd.h>
 #include <zlib.h>
 
 #include <algorithm>
@@ -11,6 +13,8 @@
 #include "jobs/status_report.h"
 #include "json/json.h"
 #include "support/heap.h"
+#include "support/job_file.h"
+#include "support/plain_cut.h"
 #include "support/recording_client.h"
 
 namespace {
@@ -21,50 +25,7 @@ std::optional<std::string> append(jovu::JobStream& stream, const std::string& by
     return stream.append(reinterpret_cast<const unsigned char*>(bytes.data()), bytes.size());
 }
 
-/// What comes out of each of a row of calls; "-" for nothing.
-std::vector<std::string> cut(const std::vector<std::string>& calls) {
-    jovu::JobStream stream;
-    std::vector<std::string> objects;
-    for (const std::string& bytes : calls)
-        objects.push_back(append(stream, bytes).value_or("-"));
-    return objects;
-}
-
-TEST(JobStream, CutsOneObjectPerCallByItsBraces) {
-    const struct {
-        std::vector<std::string> calls, expected;
-    } cases[] = {
-        {{"{}"}, {"{}"}},
-        {{"{\"a\":{}}"}, {"{\"a\":{}}"}},
-        {{"{", "\"a\"", ":1}"}, {"-", "-", "{\"a\":1}"}},
-        {{"{1}{2}{3}", "{4}", "", ""}, {"{1}", "{2}", "{3}", "{4}"}},
-        {{"}{1}", " "}, {"-", "{1}"}},
-        {{"{1}}{2}", "", ""}, {"{1}", "-", "{2}"}},
-        {{" \r\n{1}"}, {" \r\n{1}"}},
-        {{"{\"{\":1}", "}"}, {"-", "{\"{\":1}}"}},
-        {{"[1,2]", "{3}"}, {"-", "[1,2]{3}"}},
-    };
-    for (const auto& row : cases)
-        EXPECT_EQ(cut(row.calls), row.expected) << row.calls[0];
-}
-
-/// The same in the simplest way: counts all that waits, every time.
-std::optional<std::string> simplest(std::string& waiting, const std::string& bytes) {
-    waiting += bytes;
-    int opened = 0, closed = 0;
-    for (std::size_t i = 0; i < waiting.size(); ++i) {
-        opened += waiting[i] == '{' ? 1 : 0;
-        closed += waiting[i] == '}' ? 1 : 0;
-        if (closed < opened || closed == 0) continue;
-        const std::string head = waiting.substr(0, i + 1);
-        waiting.erase(0, i + 1);
-        if (closed > opened) return std::nullopt;
-        return head;
-    }
-    return std::nullopt;
-}
-
-TEST(JobStream, CutsWhateverComesAsTheSimplestWayDoes) {
+TEST(JobStream, CutsOneObjectPerCallByItsBracesAsTheSimplestWayDoes) {
     for (unsigned seed = 0; seed < 300; ++seed) {
         std::mt19937 random(seed);
         const auto below = [&random](std::size_t limit) { return random() % limit; };
@@ -75,7 +36,7 @@ TEST(JobStream, CutsWhateverComesAsTheSimplestWayDoes) {
             std::string bytes;
             for (std::size_t size = below(seed % 3 == 0 ? 3 : 20); size > 0; --size)
                 bytes.push_back(alphabet[below(alphabet.size())]);
-            ASSERT_EQ(append(stream, bytes), simplest(waiting, bytes)) << "seed " << seed;
+            ASSERT_EQ(append(stream, bytes), test::cut_plainly(waiting, bytes)) << "seed " << seed;
             ASSERT_EQ(stream.size(), waiting.size()) << "seed " << seed;
         }
     }
@@ -152,139 +113,187 @@ TEST(JobRequest, IsWrittenAsTheDevicesWantIt) {
                      R"("decompressed_length":9}}})");
 }
 
-/// Pushes to a device on the fake bus.
-class JobPush : public test::LinkTest {
+class JobChannel : public test::LinkTest {
 protected:
-    JobPush() { EXPECT_TRUE(journal.wait("b+1.5")); }
-    ~JobPush() override { std::filesystem::remove(path); }
-
-    /// Pushes a file of that content. @p then is called in each progress call, with its number.
-    /// @return the error, or "completed", "cancelled", "cut short".
-    std::string push(JovuJobInterface& client, const std::string& content,
-                     std::function<void(std::size_t)> then = nullptr) {
-        std::ofstream(path, std::ios::binary) << content;
-        before = fake_usb::sent().size();
+    /// @param then called in each progress call, with its number.
+    /// @return the error, or a word for the result.
+    std::string push(JovuJobInterface& client, std::function<void(std::size_t)> then,
+                     const JovuPushCancel& cancel) {
         progress.clear();
+        before = fake_usb::sent().size();
         on_progress = std::move(then);
         const auto note = [](double percent, std::string, void* user) {
-            auto& self = *static_cast<JobPush*>(user);
+            auto& self = *static_cast<JobChannel*>(user);
             self.progress.push_back(percent);
-            if (self.on_progress) self.on_progress(self.progress.size() - 1);
+            self.on_progress(self.progress.size() - 1);
         };
-        JovuPushResult result{};
-        const std::string error = test::error_of(
-            [&] { result = client.SendJobFile(test::kAddress, path, note, this, false, *cancel); });
         static const char* const words[] = {"completed", "cancelled", "cut short"};
-        return error.empty() ? words[static_cast<int>(result)] : error;
+        try {
+            return words[static_cast<int>(
+                client.SendJobFile(test::kAddress, file.path(), note, this, false, cancel))];
+        } catch (const JovuException& error) {
+            return error.what();
+        }
     }
-    /// What the device received of the last push, without the announcement.
-    std::string data() const {
-        std::string bytes;
-        const auto sent = fake_usb::sent();
-        for (std::size_t i = before + 1; i < sent.size(); ++i)
-            bytes += sent[i].bytes;
-        return bytes;
-    }
-    bool checksum_fits() const {
-        const jovu::JsonTree tree = jovu::parse_json(fake_usb::sent().at(before).bytes);
-        const std::string bytes = data();
-        return jovu::find_integer(tree.get(), {"file_push", "adler32"}) ==
-               adler32_z(0, reinterpret_cast<const Bytef*>(bytes.data()), bytes.size());
+    static bool connected() {
+        return test::eventually([] { return !JovuUsb::list_connected().empty(); });
     }
 
-    std::optional<test::Link> link{std::in_place, journal};
-    const std::string path = testing::TempDir() + std::to_string(getpid()) + "-job";
-    std::optional<JovuPushCancel> cancel{std::in_place};
+    libusb_device* const device = fake_usb::plug(1, 5);
+    const test::TemporaryFile file{"job", ""};
     std::vector<double> progress;
     std::function<void(std::size_t)> on_progress;
     std::size_t before = 0;  ///< Transfers before the push.
 };
 
-TEST_F(JobPush, FillsUpWhatItDoesNotSendSoThatTheChecksumCannotFit) {
+TEST_F(JobChannel, APushReportsItsProgressAndWantsAFileThatCanBeReadTwice) {
     JovuJobInterface client;
-    std::string mixed(12000, '\0');
-    std::generate(mixed.begin(), mixed.end(), [i = 0]() mutable { return i++ * 31 % 251 - 125; });
+    ASSERT_TRUE(connected());
+    const std::pair<std::size_t, std::vector<double>> rows[] = {
+        {0, {0.0, 99.9, 100.0}},
+        {1, {0.0, 99.9, 100.0}},
+        {5120, {0.0, 99.9, 99.9, 100.0}},
+        {12000, {0.0, 5120 * 100.0 / 12000, 10240 * 100.0 / 12000, 99.9, 100.0}},
+    };
+    for (const auto& [size, expected] : rows) {
+        std::ofstream(file.path()) << std::string(size, 'x');
+        EXPECT_EQ(push(client, [](std::size_t) {}, {}), "completed");
+        EXPECT_EQ(progress, expected) << size;
+    }
+    const auto error = [&client](const std::string& path, bool compressed = false) {
+        return test::error_of(
+            [&] { client.SendJobFile(test::kAddress, path, nullptr, nullptr, compressed); });
+    };
+    const std::string fifo = file.path() + ".fifo";
+    ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
+    for (const char* const path : {"/nonexistent/job", "/tmp", fifo.c_str()})
+        EXPECT_EQ(error(path), "Failed to open job file.");
+    EXPECT_EQ(error("/nonexistent/job", true), "Failed to open job file.");
+    EXPECT_EQ(error(file.path(), true), "Compression not supported yet.");
+    EXPECT_EQ(error(file.path()), "");
+    ::unlink(fifo.c_str());
+}
+
+TEST_F(JobChannel, APushFillsUpWhatItDoesNotSendSoThatTheChecksumCannotFit) {
+    JovuJobInterface client;
+    ASSERT_TRUE(connected());
     // Filler of zeros alone, or of a last 1 alone, would be the very job.
-    for (const std::string& job : {std::string(5121, '\0'), std::string(5120, '\0') + "\1",
-                                   std::string(10238, '\0') + std::string("\1\0", 2), mixed}) {
+    for (const std::string& job :
+         {std::string(5121, '\0'), std::string(5120, '\0') + "\1",
+          std::string(10238, '\0') + std::string("\1\0", 2), test::job_content(12000)}) {
         const std::size_t calls = job.size() / 5120 + 3;
-        for (std::size_t at = 0; at < calls; ++at) {
-            SCOPED_TRACE(testing::Message() << job.size() << " bytes, cancelled in call " << at);
-            cancel.emplace();
-            const bool all = at * 5120 >= job.size();
-            EXPECT_EQ(push(client, job,
-                           [&](std::size_t call) {
-                               if (call == at) cancel->cancel();
-                           }),
-                      all ? "completed" : "cancelled");
-            EXPECT_EQ(data().size(), job.size());
-            EXPECT_EQ(data().substr(0, at * 5120), job.substr(0, at * 5120));
-            EXPECT_EQ(checksum_fits(), all);
+        // Cancelled in each call; before it has begun; and the file shrinks, and grows.
+        for (std::size_t row = 0; row < calls + 3; ++row) {
+            SCOPED_TRACE(testing::Message() << job.size() << " bytes, row " << row);
+            std::ofstream(file.path(), std::ios::binary) << job;
+            JovuPushCancel cancel;
+            if (row == calls) cancel.cancel();
+            const auto then = [&](std::size_t call) {
+                if (call == row) cancel.cancel();
+                if (row == calls + 1) std::filesystem::resize_file(file.path(), job.size() - 1);
+                if (row == calls + 2) std::filesystem::resize_file(file.path(), job.size() + 9000);
+            };
+            const bool all = row < calls ? row * 5120 >= job.size() : row == calls + 2;
+            EXPECT_EQ(push(client, then, cancel), all                ? "completed"
+                                                  : row == calls + 1 ? "cut short"
+                                                                     : "cancelled");
+            const auto sent = fake_usb::sent();
+            if (row == calls) {
+                EXPECT_EQ(sent.size() + progress.size(), before) << "nothing was sent";
+                continue;
+            }
+            std::string data;
+            for (std::size_t i = before + 1; i < sent.size(); ++i)
+                data += sent[i].bytes;
+            const jovu::JsonTree announced = jovu::parse_json(sent[before].bytes);
+            const auto* const bytes = reinterpret_cast<const Bytef*>(data.data());
+            EXPECT_EQ(data.size(), job.size());
+            const std::size_t own = row < calls ? std::min(row * 5120, job.size()) : 5120;
+            EXPECT_EQ(data.substr(0, own), job.substr(0, own));
+            EXPECT_EQ(jovu::find_integer(announced.get(), {"file_push", "adler32"}) ==
+                          static_cast<long long>(adler32_z(0, bytes, data.size())),
+                      all);
             EXPECT_TRUE(std::is_sorted(progress.begin(), progress.end()));
             EXPECT_EQ(progress.back(), 100.0);
-        }
-        EXPECT_EQ(push(client, job), "cancelled") << "before it has begun";
-        EXPECT_EQ(fake_usb::sent().size(), before);
-        EXPECT_TRUE(progress.empty());
-        for (const std::size_t size : {job.size() - 1, job.size() + 9000}) {
-            cancel.emplace();
-            EXPECT_EQ(
-                push(client, job, [&](std::size_t) { std::filesystem::resize_file(path, size); }),
-                size < job.size() ? "cut short" : "completed");
-            EXPECT_EQ(data().size(), job.size()) << "the file changed to " << size << " bytes";
-            EXPECT_EQ(checksum_fits(), size > job.size());
-            EXPECT_LE(progress.size(), calls + 1)
-                << "the end of a file that grows is not waited for";
+            EXPECT_LE(progress.size(), calls + 1) << "a file that grows for ever has an end";
         }
     }
 }
 
-TEST_F(JobPush, EndsWithItsClient) {
+TEST_F(JobChannel, APushThatAnUnplugCutsOffNeverReachesTheNextDevice) {
+    JovuJobInterface client;
+    ASSERT_TRUE(connected());
+    std::ofstream(file.path()) << std::string(20000, 'x');
+    const auto replug = [&](std::size_t call) {
+        if (call != 2) return;
+        const JovuUsb::connection_t first = JovuUsb::connection(test::kAddress);
+        fake_usb::unplug(device);
+        fake_usb::plug(1, 5);
+        EXPECT_TRUE(test::eventually([&] {
+            const JovuUsb::connection_t now = JovuUsb::connection(test::kAddress);
+            return now != first && now != JovuUsb::kNoConnection;
+        }));
+    };
+    EXPECT_EQ(push(client, replug, {}), "Send failed - Device no longer connected.");
+    EXPECT_EQ(fake_usb::sent().size(), before + 3) << "the announcement and two pieces";
+}
+
+TEST_F(JobChannel, APushEndsWithItsClient) {
     const std::string ended = "Send failed - The client has been shut down.";
+    std::ofstream(file.path()) << std::string(2000000, 'x');
     for (const bool last : {false, true}) {
         for (const bool inside : {false, true}) {
-            SCOPED_TRACE(testing::Message()
-                         << "last client " << last << ", in the callback " << inside);
-            if (last) link.reset();
+            SCOPED_TRACE(testing::Message() << "last " << last << ", in the callback " << inside);
+            std::optional<test::RecordingClient> other;
+            if (!last) other.emplace();
             std::atomic<std::size_t> calls{0};
-            std::atomic<bool> returned{false};
-            std::optional<JovuScanPause> hold(std::in_place);
+            std::atomic<bool> returned{inside};
+            std::optional<JovuScanPause> pause(std::in_place);
             test::RecordingClient client;
             // Keeps shutdown() from going on to the job interface before the push has returned.
             client.on_connected = [&](JovuDeviceAddress) {
-                EXPECT_TRUE(test::eventually([&] { return inside || returned; }));
+                test::eventually([&] { return returned.load(); });
             };
-            hold.reset();
-            ASSERT_TRUE(test::eventually([] { return !JovuUsb::list_connected().empty(); }));
+            pause.reset();
+            ASSERT_TRUE(connected());
             auto pushing = std::async(std::launch::async, [&] {
                 const auto then = [&](std::size_t) {
                     std::this_thread::sleep_for(std::chrono::milliseconds(5));
                     if (++calls == 3 && inside) client.shutdown();
                 };
-                const std::string end = push(client, std::string(2000000, 'x'), then);
+                EXPECT_EQ(push(client, then, {}), ended);
                 returned = true;
-                return end;
             });
             ASSERT_TRUE(test::eventually([&] { return calls >= 2; }));
             test::in_time("shutdown", [&] { client.shutdown(); });
             const std::size_t by_then = calls;
-            EXPECT_EQ(pushing.get(), ended);
+            pushing.get();
             EXPECT_EQ(calls, by_then);
             EXPECT_EQ(test::error_of([&] { client.SendPause(test::kAddress); }), ended);
-            EXPECT_EQ(push(client, "x"), ended);
         }
     }
 }
 
-TEST_F(JobPush, ReceiveBuffersAreFreedWhenTheDeviceLeaves) {
-    JovuJobInterface client;
-    link->jobs.reset();  // It would note everything down.
+TEST_F(JobChannel, ReceivesWhateverComesAndFreesItWhenTheDeviceLeaves) {
+    test::RecordingClient client;
+    ASSERT_TRUE(connected());
+    const auto send = [&](const std::string& bytes) {
+        return fake_usb::complete(device, test::kJobsIn, LIBUSB_TRANSFER_COMPLETED, bytes);
+    };
+    for (const char* const bytes :
+         {"}", R"({"metadata":{"type":"other"}})", R"({"metadata":{"type":7}})", "not json {}",
+          R"({"metadata":{"type":"status"},"status":{"state":"on"}})"})
+        ASSERT_TRUE(send(bytes));
+    EXPECT_EQ(client.job_texts().size(), 4U) << "all but the stray brace";
+    EXPECT_EQ(client.job_texts().at(2), "not json {}");
+    ASSERT_EQ(client.statuses().size(), 1U);
+    EXPECT_EQ(client.statuses()[0].state, "on");
+
     const std::size_t before_data = test::heap_in_use();
     for (int i = 0; i < 2000; ++i)
-        ASSERT_TRUE(fake_usb::complete(link->device, test::kJobsIn, LIBUSB_TRANSFER_COMPLETED,
-                                       "{" + std::string(63, 'x')));
+        ASSERT_TRUE(send("{" + std::string(63, 'x')));
     EXPECT_GT(test::heap_in_use(), before_data + 100000);
-    fake_usb::unplug(link->device);
+    fake_usb::unplug(device);
     ASSERT_TRUE(test::eventually([] { return JovuUsb::list_connected().empty(); }));
     EXPECT_LT(test::heap_in_use(), before_data + 50000);
 }
