@@ -12,6 +12,7 @@
 #include <utility>
 
 #include "failure.h"
+#include "terminal_guard.h"
 
 namespace jovu_cli {
 namespace {
@@ -127,6 +128,7 @@ void StopSource::take_signal() {
             stop(Stop::signal);
         }
     } else if (now - first_signal_ > echo_time) {
+        restore_terminal();
         _exit(static_cast<int>(ExitCode::interrupted));
     }
 }
