@@ -116,6 +116,9 @@ private:
         try {
             run(line);
         } catch (const Failure& failure) {
+            if (failure.code() == ExitCode::interrupted) {
+                out_.line("^C");  // The terminal does not echo it.
+            }
             print_failure(failure);
         } catch (const JovuException& error) {
             print_failure(Failure(ExitCode::exchange_failed, error.what()));

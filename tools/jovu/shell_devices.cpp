@@ -1,7 +1,8 @@
 #include "shell_devices.h"
 
 #include <algorithm>
-#include <iterator>
+#include <chrono>
+#include <thread>
 #include <utility>
 
 #include "failure.h"
@@ -12,9 +13,25 @@
 namespace jovu_cli {
 namespace {
 
+/// How long the report of a disconnect may take.
+constexpr std::chrono::milliseconds report_delay{1000};
+
 bool is_usable(Session& session, JovuDeviceAddress address) {
     const std::vector<JovuDeviceAddress> usable = session.usable_devices();
     return std::find(usable.begin(), usable.end(), address) != usable.end();
+}
+
+/// @return empty when the device has no serial number or does not answer.
+/// @throws Failure interrupted.
+std::string serial_if_told(Session& session, JovuDeviceAddress address) {
+    try {
+        return read_serial(session, address);
+    } catch (const Failure& failure) {
+        if (failure.code() != ExitCode::exchange_failed) {
+            throw;
+        }
+        return {};
+    }
 }
 
 }  // namespace
@@ -49,17 +66,24 @@ ShellDevices::Device ShellDevices::ask(Session& session, JovuDeviceAddress addre
 }
 
 /// As ask(), for a device that need not answer.
+/// @return nothing when it has gone, or another one has come.
 /// @throws Failure interrupted.
-ShellDevices::Device ShellDevices::ask_whether(Session& session, JovuDeviceAddress address) {
+std::optional<ShellDevices::Device> ShellDevices::ask_whether(Session& session,
+                                                              JovuDeviceAddress address) {
     const std::uint64_t changes = session.inbox().changes(address);
-    try {
-        return ask(session, address);
-    } catch (const Failure& failure) {
-        if (failure.code() != ExitCode::exchange_failed) {
-            throw;
-        }
-        return {address, changes, ""};
+    const std::string serial = serial_if_told(session, address);
+    if (!serial.empty() && session.inbox().changes(address) == changes) {
+        return Device{address, changes, serial};
     }
+    // An exchange with a device that goes ends before the disconnect is reported.
+    for (const auto end = Inbox::Clock::now() + report_delay; Inbox::Clock::now() < end;
+         std::this_thread::sleep_for(report_delay / 50)) {
+        if (session.inbox().changes(address) != changes || !is_usable(session, address)) {
+            return std::nullopt;
+        }
+        session.stop().throw_if_stopped();
+    }
+    return Device{address, changes, ""};
 }
 
 bool ShellDevices::is_known(Session& session, JovuDeviceAddress address) const {
@@ -122,9 +146,10 @@ void ShellDevices::update(Session& session) {
     drop_disconnected(session, false);
     for (const JovuDeviceAddress address : session.usable_devices()) {
         if (!is_known(session, address)) {
-            const Device device = ask_whether(session, address);
-            announce(device);
-            note(device);
+            if (const std::optional<Device> device = ask_whether(session, address)) {
+                announce(*device);
+                note(*device);
+            }
         }
     }
 }
@@ -157,7 +182,11 @@ void ShellDevices::choose(Session& session, JovuDeviceAddress address) {
         return;
     }
     if (!is_known(session, address)) {
-        note(ask_whether(session, address));
+        const std::optional<Device> device = ask_whether(session, address);
+        if (!device) {
+            return;
+        }
+        note(*device);
     }
     const Device device = present_.at(address);
     accepted_ = {device};

@@ -62,7 +62,7 @@ private:
     static bool same(const Device& one, const Device& other);
     static std::string text(const Device& device);
     static Device ask(Session& session, JovuDeviceAddress address);
-    static Device ask_whether(Session& session, JovuDeviceAddress address);
+    static std::optional<Device> ask_whether(Session& session, JovuDeviceAddress address);
 
     bool is_known(Session& session, JovuDeviceAddress address) const;
     void note(const Device& device);
