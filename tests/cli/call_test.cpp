@@ -118,15 +118,5 @@ TEST(Call, SendsNothingThatIsWrong) {
                 HasSubstr("on_count   short     -32768 to 32767\n"));
 }
 
-TEST(Call, IsInterrupted) {
-    const JovuDeviceAddress device = plug();
-    sim("fault " + name(device) + " silent always");
-    Program program({"call", "heater_turn_on"});
-    ASSERT_TRUE(eventually([&] { return requests(device, "heater_turn_on") == 1; }));
-    program.signal(SIGINT);
-    EXPECT_EQ(program.finish(), 130);
-    EXPECT_THAT(program.err(), HasSubstr("heater_turn_on may or may not have been carried out"));
-}
-
 }  // namespace
 }  // namespace test
