@@ -65,7 +65,6 @@ TEST_F(Shell, SendsGcodeAndRunsCommandsOverOneLink) {
     const int opens = stats(device_)["opens"];
     EXPECT_TRUE(answers("M114\r", std::string("X:0.00 Y:0.00 Z:0.00 E:0.00") + kPrompt));
     EXPECT_TRUE(answers(".call bio_get_serial\r", "JVS"));
-    EXPECT_TRUE(answers(".list\r", "version 1.0.0"));
     EXPECT_TRUE(answers(".device\r", "connected: " + who(device_) + kPrompt));
     EXPECT_TRUE(answers(".device 7:7\r", kPrompt));
     EXPECT_TRUE(answers("G28\r", kPrompt));
@@ -81,10 +80,8 @@ TEST_F(Shell, SendsGcodeAndRunsCommandsOverOneLink) {
 
 TEST_F(Shell, CompletesNamesAndKeys) {
     start();
-    EXPECT_TRUE(answers(".ca\t", "ll "));
-    EXPECT_TRUE(answers("servo_dc_config_s\t", "et "));
-    EXPECT_TRUE(answers("servo_name=0 \t", "config."));
-    EXPECT_TRUE(answers("pwm_cap\t\t", "config.pwm_cap=       config.pwm_cap_time=\r\n"));
+    EXPECT_TRUE(answers(".ca\tservo_dc_config_s\tservo_name=0 \tpwm_cap\t\t",
+                        "config.pwm_cap=       config.pwm_cap_time=\r\n"));
     EXPECT_TRUE(answers(kCtrlC, "^C\r\njovu> "));
     std::ofstream(state_ + "/a\x1b[2Jc");
     std::ofstream(state_ + "/a\xE2\x80\xAEz");
