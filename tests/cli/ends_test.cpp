@@ -40,11 +40,14 @@ TEST(Ends, WrongUsageNamesWhatIsWrong) {
         {{"push"}, "FILE"},
         {{"gcode"}, "LINE"},
         {{"gcode", "-f", "file", "G28"}, "--file"},
+        {{"gcode", "G28", "G28\nG1 X10"}, "G28\\nG1 X10"},
+        {{"gcode", "G28", "G28\rG1 X10"}, "G28\\rG1 X10"},
     };
-    plug();
+    const JovuDeviceAddress device = plug();
     for (const auto& row : rows) {
         expect_error(jovu(row.args), 2, row.named);
     }
+    EXPECT_EQ(requests(device, "gcode_process_command"), 0);
 }
 
 TEST(Ends, WithoutADevice) {
@@ -101,6 +104,7 @@ TEST(Ends, WhenAFileIsOfNoUse) {
     expect_error(jovu({"gcode", "-f", missing}), 7, missing);
     EXPECT_EQ(jovu({"gcode", "-f", binary.path()}).status, 7);
     EXPECT_EQ(jovu({"gcode", "-"}, std::string(200000, 'G')).status, 7);
+    expect_error(jovu({"gcode", "-"}, "; part\rG28\rG1 X10\r\n"), 7, "part\\rG28");
 }
 
 TEST(Ends, WhenTheOutputCannotBeWritten) {

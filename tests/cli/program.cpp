@@ -6,6 +6,7 @@
 #include <signal.h>
 #include <sys/ioctl.h>
 #include <sys/wait.h>
+#include <termios.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -159,6 +160,12 @@ void Program::signal(int number) {
 
 void Program::close_reader() {
     streams_->out = FileDescriptor();
+}
+
+bool Program::in_line_mode() const {
+    termios modes{};
+    tcgetattr(streams_->in.get(), &modes);
+    return (modes.c_lflag & ICANON) != 0 && (modes.c_lflag & ECHO) != 0;
 }
 
 bool Program::writes(const std::string& text, std::chrono::milliseconds limit) {

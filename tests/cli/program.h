@@ -38,6 +38,8 @@ public:
     /// To the program and what it has started, as a terminal does it.
     void signal(int number);
     void close_reader();
+    /// Whether a console hands over whole lines, as before the program. Also when that has ended.
+    bool in_line_mode() const;
 
     /// Waits until the standard output holds a text. Returns whether it came.
     bool writes(const std::string& text, std::chrono::milliseconds limit = kPatience);

@@ -193,7 +193,7 @@ TEST(Terminal, RedrawsTheStatusAndGetsNoRawTextsFromTheDevice) {
                                   {{"state",
                                     "\x1b]0;title\x07 \xC2\x9B"
                                     "2J"}}}});
-    ASSERT_TRUE(watch.writes("\\x1b]0;title\\x07 \\x9b2J"));
+    ASSERT_TRUE(watch.writes("\\x1b]0;title\\x07 \\u009b2J"));
     watch.signal(SIGINT);
     EXPECT_EQ(watch.finish(), 130);
     EXPECT_THAT(watch.out(), testing::Not(HasSubstr("\x1b]0")));

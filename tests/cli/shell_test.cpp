@@ -8,11 +8,13 @@
 namespace test {
 namespace {
 
+using testing::AnyOf;
 using testing::HasSubstr;
 using testing::Not;
 
 constexpr const char* kCtrlC = "\x03";
 constexpr const char* kCtrlD = "\x04";
+constexpr const char* kCtrlU = "\x15";
 constexpr const char* kUp = "\x1b[A";
 constexpr const char* kPrompt = "\r\njovu> ";
 
@@ -27,7 +29,10 @@ protected:
 
     void start() {
         shell_.emplace(std::vector<std::string>{"shell"}, Out::console);
-        ASSERT_TRUE(shell_->writes("connected: " + name(device_) + kPrompt)) << shell_->out();
+        ASSERT_TRUE(shell_->writes("connected: " + who(device_) + kPrompt)) << shell_->out();
+    }
+    static std::string who(JovuDeviceAddress device) {
+        return name(device) + ", serial " + stats(device)["serial"].get<std::string>();
     }
     /// Types something and waits for what comes of it, in what is written from then on.
     /// @param behind what has to come behind that, at any distance.
@@ -60,12 +65,10 @@ TEST_F(Shell, SendsGcodeAndRunsCommandsOverOneLink) {
     const int opens = stats(device_)["opens"];
     EXPECT_TRUE(answers("M114\r", std::string("X:0.00 Y:0.00 Z:0.00 E:0.00") + kPrompt));
     EXPECT_TRUE(answers(".call bio_get_serial\r", "JVS"));
-    EXPECT_TRUE(answers(".status\r", "State         idle\r\n"));
-    EXPECT_TRUE(answers(".list\r", "version 1.0.0"));
-    EXPECT_TRUE(answers(".device\r", "connected: " + name(device_) + kPrompt));
+    EXPECT_TRUE(answers(".device\r", "connected: " + who(device_) + kPrompt));
     EXPECT_TRUE(answers(".device 7:7\r", kPrompt));
     EXPECT_TRUE(answers("G28\r", kPrompt));
-    EXPECT_TRUE(answers(".device " + name(device_) + "\r", kPrompt));
+    EXPECT_TRUE(answers(".device " + name(device_) + "\r", "chosen: " + who(device_) + kPrompt));
     EXPECT_TRUE(answers(".call gcode_process_command 'command=M117 a \"b\"'\r",
                         std::string("0") + kPrompt));
     EXPECT_EQ(stats(device_)["opens"], opens);
@@ -77,17 +80,16 @@ TEST_F(Shell, SendsGcodeAndRunsCommandsOverOneLink) {
 
 TEST_F(Shell, CompletesNamesAndKeys) {
     start();
-    EXPECT_TRUE(answers(".ca\t", "ll "));
-    EXPECT_TRUE(answers("servo_dc_config_s\t", "et "));
-    EXPECT_TRUE(answers("servo\t", "_name="));
-    EXPECT_TRUE(answers("0 \t", "config."));
-    EXPECT_TRUE(answers("pwm\t", "_cap"));
-    EXPECT_TRUE(answers("\t", "config.pwm_cap=       config.pwm_cap_time=\r\n"));
+    EXPECT_TRUE(answers(".ca\tservo_dc_config_s\tservo_name=0 \tpwm_cap\t\t",
+                        "config.pwm_cap=       config.pwm_cap_time=\r\n"));
     EXPECT_TRUE(answers(kCtrlC, "^C\r\njovu> "));
-    EXPECT_TRUE(answers(".call heater_t\t", "urn_o"));
-    EXPECT_TRUE(answers("\t", "heater_turn_on   heater_turn_off\r\n"));
-    EXPECT_TRUE(answers("n\r", std::string("0") + kPrompt));
+    std::ofstream(state_ + "/a\x1b[2Jc");
+    std::ofstream(state_ + "/a\xE2\x80\xAEz");
+    EXPECT_TRUE(answers(".push " + state_ + "/a\t", "a\\x1b[2Jc  ", "a\\u202ez\r\n"));
+    EXPECT_TRUE(answers("\xE2\x80\xAE", "\xEF\xBF\xBD"));
+    shell_->type(kCtrlU);
     EXPECT_EQ(leave(), 0);
+    EXPECT_THAT(shell_->out(), Not(AnyOf(HasSubstr("\x1b[2J"), HasSubstr("\xE2\x80\xAE"))));
 }
 
 TEST_F(Shell, GoesOnAfterErrorsAndInterrupts) {
@@ -102,7 +104,7 @@ TEST_F(Shell, GoesOnAfterErrorsAndInterrupts) {
     sim("fault " + name(device_) + " silent always");
     shell_->type(".call heater_turn_on\r");
     ASSERT_TRUE(eventually([&] { return requests(device_, "heater_turn_on") == 1; }));
-    EXPECT_TRUE(answers(kCtrlC, "^Cjovu> "));
+    EXPECT_TRUE(answers(kCtrlC, "^C\r\njovu> "));
     sim("fault " + name(device_) + " clear");
     EXPECT_TRUE(answers(".call bio_get_version\r", std::string("1.0.0") + kPrompt));
     EXPECT_EQ(stats(device_)["message"]["display"], "");
@@ -150,19 +152,65 @@ TEST_F(Shell, KeepsItsHistory) {
     EXPECT_EQ(permissions, std::filesystem::perms(0600));
 }
 
-TEST_F(Shell, FollowsADeviceThatIsPluggedInAnew) {
+TEST_F(Shell, KeepsWhatIsTypedAheadOfItsPrompt) {
+    sim("fault " + name(device_) + " delay 300");
+    shell_.emplace(std::vector<std::string>{"shell"}, Out::console);
+    ASSERT_TRUE(shell_->writes("Ctrl-D leaves."));
+    EXPECT_FALSE(shell_->in_line_mode());
+    shell_->type("M117 one\r");
+    ASSERT_TRUE(eventually([&] { return requests(device_, "gcode_process_command") == 1; }));
+    shell_->type(std::string("M117 two\r.gcode -\rM117 three\r") + kCtrlD + "M117 four\r" + kCtrlD);
+    EXPECT_EQ(shell_->finish(), 0);
+    EXPECT_THAT(stats(device_)["message"]["gcode"],
+                testing::ElementsAre("M117 one", "M117 two", "M117 three", "M117 four"));
+    EXPECT_TRUE(shell_->in_line_mode());
+    for (const int number : {SIGQUIT, SIGUSR1}) {
+        start();
+        shell_->signal(number);
+        EXPECT_EQ(shell_->finish(), number == SIGQUIT ? 130 : -number);
+        EXPECT_TRUE(shell_->in_line_mode()) << number;
+    }
+}
+
+TEST_F(Shell, SendsLinesToTheMachineTheyAreMeantFor) {
     start();
+    const std::string first = who(device_);
     sim("replug " + name(device_));
-    EXPECT_TRUE(eventually([&] { return stats(device_)["opens"].get<int>() >= 1; }));
-    EXPECT_TRUE(answers(".call bio_get_version\r", std::string("1.0.0") + kPrompt));
-    // Up to the prompt behind it, since the device's return brings one as well: a Ctrl-D typed
-    // before would be the terminal's, not the shell's.
-    EXPECT_TRUE(answers(".status\r", "State         idle\r\n", kPrompt));
+    EXPECT_TRUE(answers("", first));
+    EXPECT_TRUE(answers("G28\r", "ok       G28"));
+    sim("unplug " + name(device_));
+    EXPECT_TRUE(answers("", "disconnected: " + first));
+    const std::string other = who(plug("1:9"));
+    EXPECT_TRUE(answers("", "connected: " + other + ", another device"));
+    EXPECT_TRUE(answers("G28\rG1 X10\r", kPrompt, kPrompt));
+    const std::string moved = who(plug("1:7 serial=JVS001002"));
+    EXPECT_TRUE(answers("", "connected: " + moved + ", the device that was at 1:2"));
+    EXPECT_TRUE(answers(".device 1:9\r", "chosen: " + other + kPrompt));
+    EXPECT_EQ(requests({1, 9}, "gcode_process_command"), 0);
+    EXPECT_TRUE(answers("G28\r", "ok       G28"));
+    sim("unplug 1:7");
+    const std::string third = who(plug("1:7 serial=THIRD"));
+    EXPECT_TRUE(answers("", third));
+    EXPECT_TRUE(answers(".call heater_turn_on -d 1:7\r", kPrompt));
+    EXPECT_EQ(requests({1, 7}, "heater_turn_on"), 0);
     EXPECT_EQ(leave(), 0);
+    EXPECT_THAT(shell_->err(), HasSubstr("jovu: not sent to " + other + ": lines go to " + first));
+    EXPECT_THAT(shell_->err(), HasSubstr("jovu: not sent to " + third + ": lines go to " + moved));
+
+    Program script({"shell", "-d", "1:9"});
+    script.type("G28\n");
+    sim("fault 1:7 delay 1000");  // keeps the shell from looking while the device is swapped
+    script.type(".call -d 1:7 bio_get_version\n");
+    ASSERT_TRUE(eventually([&] { return requests({1, 7}, "bio_get_version") == 1; }));
+    sim("unplug 1:9");
+    plug("1:9 serial=FOURTH");
+    script.type("G28\n");
+    EXPECT_EQ(script.finish(), 3);
+    EXPECT_THAT(script.err(), HasSubstr("line 3: not sent to 1:9, serial FOURTH: lines go to"));
 }
 
 TEST_F(Shell, ReadsAScriptUpToTheFirstFailure) {
-    const Ended good = jovu({"shell", "--json"}, "G28 ; home\n\n.call bio_get_version\n.status");
+    const Ended good = jovu({"shell", "--json"}, "G28 ; home\r\n\n.call bio_get_version\n.status");
     EXPECT_EQ(good.status, 0) << good.err;
     EXPECT_EQ(json_lines(good.out).size(), 3U) << good.out;
     EXPECT_THAT(good.out, Not(HasSubstr("jovu>")));
@@ -170,11 +218,13 @@ TEST_F(Shell, ReadsAScriptUpToTheFirstFailure) {
     const Ended bad = jovu({"shell"}, "G28\nG999\nG28\n");
     EXPECT_EQ(bad.status, 6);
     EXPECT_THAT(bad.err, HasSubstr("jovu: line 2: device refused line 1 with result 2: G999\n"));
-    EXPECT_EQ(requests(device_, "gcode_process_command"), 3);
     EXPECT_EQ(jovu({"shell"}, "G28\n.call gpio_get_raw gpio=x\n.quit\n").status, 2);
+    EXPECT_EQ(jovu({"shell"}, "G28\rG28\n").status, 2);
     EXPECT_EQ(jovu({"shell"}, ".shell\n").status, 2);
     EXPECT_EQ(jovu({"shell"}, ".help .\n").status, 2);
     EXPECT_EQ(jovu({"shell"}, ".quit\nG999\n").status, 0);
+    EXPECT_EQ(jovu({"shell"}, ".gcode -\nG28\nG999\n").status, 6);
+    EXPECT_EQ(requests(device_, "gcode_process_command"), 6);
 }
 
 }  // namespace

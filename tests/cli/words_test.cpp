@@ -1,5 +1,5 @@
 /// @file
-/// Lines of the shell: their words, and how they can go on.
+/// Lines of the shell: their words, how they can go on, and how they are shown.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -7,10 +7,12 @@
 
 #include "completion.h"
 #include "failure.h"
+#include "printable.h"
 
 namespace {
 
 using jovu_cli::complete;
+using jovu_cli::printable;
 using jovu_cli::split_words;
 using testing::ElementsAre;
 using testing::IsEmpty;
@@ -24,6 +26,24 @@ TEST(Words, AreSplitAsInAShell) {
     EXPECT_THAT(split_words(" \t\r"), IsEmpty());
     for (const char* line : {"a 'b", "a \"b'", "a\\"}) {
         EXPECT_THROW(split_words(line), jovu_cli::Failure) << line;
+    }
+}
+
+TEST(Printable, ShowsWhatCannotBeSeen) {
+    const std::pair<std::string_view, const char*> rows[] = {
+        {"caf\u00E9 \u4E2D \U0001F600 ~", "caf\u00E9 \u4E2D \U0001F600 ~"},
+        {{"\0\t\n\r\x1b\x7F\xC2\x9B", 8}, R"(\x00\t\n\r\x1b\x7f\u009b)"},
+        {"\u061C\u200B\u200E\u2028\u202E\u2066\u2069",
+         R"(\u061c\u200b\u200e\u2028\u202e\u2066\u2069)"},
+        {"\u00A0\u00AD\u034F\u2060\u3164\uFE0F\uFEFF",
+         R"(\u00a0\u00ad\u034f\u2060\u3164\ufe0f\ufeff)"},
+        {"\uE000\uFDD0\U0001FFFE\U000E0041", R"(\ue000\ufdd0\U0001fffe\U000e0041)"},
+        {"\xC1\x9B\xE0\x80\x9B\xF0\x80\x80\x9B", R"(\xc1\x9b\xe0\x80\x9b\xf0\x80\x80\x9b)"},
+        {"\xED\xA0\x80\xF4\x90\x80\x80\xE2\x80", R"(\xed\xa0\x80\xf4\x90\x80\x80\xe2\x80)"},
+    };
+    for (const auto& [text, shown] : rows) {
+        EXPECT_EQ(printable(text), shown);
+        EXPECT_EQ(printable(shown), shown);
     }
 }
 

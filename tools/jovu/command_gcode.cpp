@@ -11,7 +11,6 @@
 #include "commands.h"
 #include "failure.h"
 #include "gcode_source.h"
-#include "printable.h"
 #include "session.h"
 #include "session_lease.h"
 
@@ -21,12 +20,15 @@ namespace {
 /// The interpreter's verdict for a line that it has carried out; any other one is a refusal.
 constexpr std::uint32_t result_ok = 0;
 
-std::unique_ptr<GcodeSource> make_source(const GcodeOptions& options, const StopSource& stop) {
+std::unique_ptr<GcodeSource> make_source(const Context& context, const GcodeOptions& options) {
     if (!options.file.empty()) {
-        return std::make_unique<StreamSource>(StreamSource::open_file(options.file, stop));
+        return std::make_unique<StreamSource>(StreamSource::open_file(options.file, context.stop));
     }
     if (options.lines == std::vector<std::string>{"-"}) {
-        return std::make_unique<StreamSource>(StreamSource::standard_input(stop));
+        if (context.read_line) {
+            return std::make_unique<FunctionSource>([&] { return context.read_line("gcode> "); });
+        }
+        return std::make_unique<StreamSource>(StreamSource::standard_input(context.stop));
     }
     return std::make_unique<ArgumentSource>(options.lines);
 }
@@ -60,9 +62,9 @@ void print_result(Output& out, JovuDeviceAddress address, const GcodeLine& line,
                     {"texts", texts}});
         return;
     }
-    out.line((result == result_ok ? "ok       " : "refused  ") + printable(line.text));
+    out.line((result == result_ok ? "ok       " : "refused  ") + line.text);
     for (const std::string& text : texts) {
-        out.line("         | " + printable(text));
+        out.line("         | " + text);
     }
 }
 
@@ -75,7 +77,7 @@ Failure refusal(const GcodeLine& line, std::uint32_t result) {
 }  // namespace
 
 void run_gcode(const Context& context, const GcodeOptions& options) {
-    const std::unique_ptr<GcodeSource> source = make_source(options, context.stop);
+    const std::unique_ptr<GcodeSource> source = make_source(context, options);
     const SessionLease lease(context, Interest{false, true});
     Session& session = lease.session();
     const JovuDeviceAddress address = session.pick_device();
@@ -103,7 +105,7 @@ void run_gcode(const Context& context, const GcodeOptions& options) {
             throw refusal(*line, result);
         }
         ++refused;
-        print_error(std::string("jovu: ") + printable(refusal(*line, result).what()));
+        print_error(std::string("jovu: ") + refusal(*line, result).what());
     }
     if (refused > 0) {
         throw Failure(ExitCode::device_refused,

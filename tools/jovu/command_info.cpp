@@ -5,7 +5,6 @@
 
 #include "commands.h"
 #include "identity.h"
-#include "printable.h"
 #include "report_text.h"
 #include "session.h"
 #include "session_lease.h"
@@ -26,8 +25,8 @@ void run_info(const Context& context) {
         return;
     }
     context.out.line(labelled("Device", to_string(address)));
-    context.out.line(labelled("Version", printable(identity.version)));
-    context.out.line(labelled("Serial", printable(identity.serial)));
+    context.out.line(labelled("Version", identity.version));
+    context.out.line(labelled("Serial", identity.serial));
     for (const std::string& line : identity_block(report)) {
         context.out.line(line);
     }

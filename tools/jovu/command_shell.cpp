@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <array>
+#include <functional>
 #include <optional>
 #include <string>
 #include <vector>
@@ -17,8 +18,8 @@
 #include "jovu/exception.h"
 #include "line_editor.h"
 #include "near_names.h"
-#include "printable.h"
 #include "session.h"
+#include "shell_devices.h"
 #include "words.h"
 
 namespace jovu_cli {
@@ -35,14 +36,26 @@ bool runs_in_shell(const std::string& name) {
 class Shell {
 public:
     explicit Shell(const Context& context)
-        : context_(context), options_(context.options), out_(context.out) {}
+        : context_(context),
+          options_(context.options),
+          out_(context.out),
+          devices_(options_.device, [this](const std::string& line) { say(line); }) {}
 
     /// Reads from a terminal, until the end of its input or ".quit".
     void run_interactive() {
         LineEditor editor(out_, context_.stop, history_path(),
                           {[this](const std::string& line) { return complete_line(line); },
                            [this] { return side_fd(); }, [this] { show_events(); }});
-        greet();
+        interactive_ = true;
+        read_line_ = [&](const std::string& prompt) { return read_input(editor, prompt); };
+        try {
+            greet();
+        } catch (const Failure& failure) {
+            if (failure.code() != ExitCode::interrupted) {
+                throw;
+            }
+            go_on();  // After a Ctrl-C while a device does not say which it is.
+        }
         while (!quit_) {
             std::string line;
             switch (editor.read(line)) {
@@ -62,6 +75,7 @@ public:
     void run_script() {
         StreamSource source = StreamSource::standard_input(context_.stop);
         source.set_side({[this] { return side_fd(); }, [this] { show_events(); }});
+        read_line_ = [&source](const std::string& /*prompt*/) { return source.next_raw(); };
         for (std::size_t number = 1; !quit_; ++number) {
             const std::optional<std::string> line = source.next_raw();
             if (!line) {
@@ -91,10 +105,20 @@ private:
     };
     static const std::array<OwnCommand, 4> own_commands;
 
+    std::optional<std::string> read_input(LineEditor& editor, const std::string& prompt) const {
+        std::string line;
+        const LineEditor::End end = editor.read_input(prompt, line);
+        context_.stop.throw_if_stopped();
+        return end == LineEditor::End::line ? std::optional(line) : std::nullopt;
+    }
+
     void run_and_tell(const std::string& line) {
         try {
             run(line);
         } catch (const Failure& failure) {
+            if (failure.code() == ExitCode::interrupted) {
+                out_.line("^C");  // The terminal does not echo it.
+            }
             print_failure(failure);
         } catch (const JovuException& error) {
             print_failure(Failure(ExitCode::exchange_failed, error.what()));
@@ -116,10 +140,14 @@ private:
             return;
         }
         if (line.find('\0') != std::string::npos) {
-            throw Failure(ExitCode::usage, "the line holds a NUL byte: " + printable(line));
+            throw Failure(ExitCode::usage, "the line holds a NUL byte: " + line);
         }
+        show_events();  // Which device there is now, before it is chosen for the line.
         if (line[begin] != '.') {
-            run_gcode({options_, out_, context_.stop, &session()}, {{line}, "", false});
+            const std::string code = line.substr(0, line.find_last_not_of('\r') + 1);
+            names_device_ = false;
+            options_.device = devices_.chosen();
+            run_gcode(context(options_, out_), {{code}, "", false});
             return;
         }
         Words words = split_words(line.substr(begin + 1));
@@ -151,11 +179,16 @@ private:
             return;
         }
         CommonOptions& options = request.options;
-        options.device = options.device ? options.device : options_.device;
+        names_device_ = options.device.has_value();
+        options.device = names_device_ ? options.device : devices_.chosen();
         options.wait_device = options.wait_device ? options.wait_device : options_.wait_device;
         options.json = options.json || options_.json;
         Output out = out_.with_json(options.json);
-        request.run({options, out, context_.stop, &session()});
+        request.run(context(options, out));
+    }
+
+    Context context(const CommonOptions& options, Output& out) {
+        return {options, out, context_.stop, &session(), read_line_};
     }
 
     void run_help(const Words& words) {
@@ -199,12 +232,11 @@ private:
             if (!address) {
                 throw Failure(ExitCode::usage, "not a device address BUS:ADDR: " + words[1]);
             }
-            options_.device = address;
+            session().find_devices();
+            devices_.choose(session(), *address);
             return;
         }
-        const std::string all = to_string(session().client().list_connected());
-        out_.line("connected: " + (all.empty() ? "none" : all) +
-                  (options_.device ? "; chosen: " + to_string(*options_.device) : ""));
+        devices_.list(session());
     }
 
     /// @throws Failure usage when the words of a command of the shell's own are not right.
@@ -238,8 +270,12 @@ private:
             session_.reset();
         }
         if (!session_) {
+            devices_.forget_connections();
             session_.emplace(options_, context_.stop, Interest{});
             session_->inbox().keep_aside(events_);
+            session_->set_pick_check([this](JovuDeviceAddress address) {
+                devices_.check(*session_, address, names_device_);
+            });
         }
         return *session_;
     }
@@ -247,11 +283,21 @@ private:
     void greet() {
         out_.line("A line is gcode, a command begins with a dot: .help lists them. Ctrl-D leaves.");
         const std::vector<JovuDeviceAddress> devices = session().find_devices();
+        devices_.accept_all(session());
+        show_events();
         if (devices.empty()) {
             out_.line("no device is connected");
+        } else if (devices.size() > 1) {
+            out_.line("several devices: .device BUS:ADDR chooses one");
+        }
+    }
+
+    /// Says something about the devices. Results alone go to the output of a script.
+    void say(const std::string& line) {
+        if (interactive_) {
+            out_.line(line);
         } else {
-            out_.line("connected: " + to_string(devices) +
-                      (devices.size() > 1 ? "; .device BUS:ADDR chooses one" : ""));
+            print_error("jovu: " + line);
         }
     }
 
@@ -266,12 +312,30 @@ private:
             if (!notice) {
                 break;
             }
-            print_event(out_, *notice);
+            if (std::holds_alternative<Connected>(notice->what) ||
+                std::holds_alternative<Disconnected>(notice->what)) {
+                show_devices();
+            } else {
+                print_event(out_, *notice);
+            }
         }
         const std::size_t lost = session_->inbox().take_lost_aside();
         if (lost > 0) {
             print_error("jovu: events lost, they come faster than they can be written: " +
                         std::to_string(lost));
+        }
+    }
+
+    void show_devices() {
+        if (session_->has_closed()) {
+            return;  // The shell itself has closed a device. The next session looks again.
+        }
+        try {
+            devices_.update(*session_);
+        } catch (const Failure& failure) {
+            if (failure.code() != ExitCode::interrupted) {  // Whoever waits for a line finds out.
+                throw;
+            }
         }
     }
 
@@ -286,7 +350,11 @@ private:
     const Context& context_;
     CommonOptions options_;
     Output out_;
+    ShellDevices devices_;
     std::optional<Session> session_;
+    std::function<std::optional<std::string>(const std::string& prompt)> read_line_;
+    bool interactive_ = false;
+    bool names_device_ = false;  ///< Whether the line names the device that it is for.
     bool events_ = true;
     bool quit_ = false;
 };

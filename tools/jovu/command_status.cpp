@@ -29,7 +29,7 @@ public:
         }
         for (const std::string& line : lines) {
             // A line that wrapped would put the next block in the wrong place.
-            frame += "\r\x1b[2K" + fit(line, columns) + "\n";
+            frame += "\r\x1b[2K" + fit(printable(line), columns) + "\n";
         }
         out_.raw(frame);
         drawn_ = lines.size();

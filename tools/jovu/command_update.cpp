@@ -99,6 +99,7 @@ private:
             throw_several(controllers, devices);
         }
         if (!controllers.empty()) {
+            session_.check_pick(controllers.front());
             chosen.controller = controllers.front();
             chosen.identity = read_identity(session_, *chosen.controller);
         } else if (!devices.empty()) {

@@ -5,6 +5,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <string>
 #include <vector>
@@ -23,6 +24,11 @@ struct Context {
     Output& out;
     StopSource& stop;
     Session* session = nullptr;  ///< The link of the shell that the command runs in, if it does.
+    /// Reads a line of the shell's input, which nobody else may read; empty outside a shell.
+    /// @param prompt shown at a terminal.
+    /// @return nothing at the end of the input.
+    /// @throws Failure interrupted or output_closed, or file_problem.
+    std::function<std::optional<std::string>(const std::string& prompt)> read_line{};
 };
 
 /// Between two reports of a device: each is a request, which the device answers besides its work.

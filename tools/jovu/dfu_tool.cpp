@@ -21,6 +21,7 @@
 #include "file_descriptor.h"
 #include "jovu/exception.h"
 #include "output.h"
+#include "printable.h"
 
 namespace jovu_cli {
 namespace {
@@ -298,7 +299,7 @@ DfuTool::Outcome DfuTool::download(const ListedDevice& device, const FirmwareIma
 }
 
 void DfuTool::tell(const std::string& line) const {
-    const std::string text = line + "\n";
+    const std::string text = printable(line) + "\n";
     (void)!write(real_stderr_ < 0 ? STDERR_FILENO : real_stderr_, text.data(), text.size());
 }
 

@@ -4,7 +4,6 @@
 #include <string>
 
 #include "options.h"
-#include "printable.h"
 #include "timestamp.h"
 
 namespace jovu_cli {
@@ -33,7 +32,7 @@ std::string line_text(std::string text) {
     while (!text.empty() && (text.back() == '\n' || text.back() == '\r')) {
         text.pop_back();
     }
-    return printable(text);
+    return text;
 }
 
 }  // namespace

@@ -1,7 +1,6 @@
 #include "failure.h"
 
 #include "output.h"
-#include "printable.h"
 
 namespace jovu_cli {
 
@@ -11,7 +10,7 @@ void print_failure(const Failure& failure) {
         return;
     }
     const std::string hint = failure.hint().empty() ? "" : " (" + failure.hint() + ")";
-    print_error("jovu: " + printable(what + hint));
+    print_error("jovu: " + what + hint);
 }
 
 }  // namespace jovu_cli

@@ -9,7 +9,6 @@
 #include <utility>
 
 #include "failure.h"
-#include "printable.h"
 
 namespace jovu_cli {
 namespace {
@@ -21,6 +20,13 @@ constexpr std::size_t read_size = 4096;
 [[noreturn]] void throw_file_problem(const std::string& name, int error) {
     throw Failure(ExitCode::file_problem,
                   "cannot read " + name + ": " + std::generic_category().message(error));
+}
+
+/// Whether a device could take a line for several, all but the first of which nobody sees refused.
+/// Carriage returns at the end belong to the end of the line.
+bool is_several_lines(const std::string& line) {
+    const std::size_t last = line.find_last_not_of('\r');
+    return last != std::string::npos && line.find_first_of("\r\n") < last;
 }
 
 }  // namespace
@@ -38,6 +44,12 @@ std::string strip_gcode(const std::string& line) {
 std::optional<GcodeLine> GcodeSource::next() {
     while (const std::optional<std::string> raw = next_raw()) {
         ++number_;
+        if (is_several_lines(*raw)) {
+            throw Failure(ExitCode::file_problem,
+                          "not gcode: line " + std::to_string(number_) +
+                              " holds a carriage return in its middle: " + *raw,
+                          "end each line with a line feed");
+        }
         std::string text = strip_gcode(*raw);
         if (text.find('\0') != std::string::npos) {
             throw Failure(ExitCode::file_problem,
@@ -50,7 +62,14 @@ std::optional<GcodeLine> GcodeSource::next() {
     return std::nullopt;
 }
 
-ArgumentSource::ArgumentSource(std::vector<std::string> lines) : lines_(std::move(lines)) {}
+ArgumentSource::ArgumentSource(std::vector<std::string> lines) : lines_(std::move(lines)) {
+    for (const std::string& line : lines_) {
+        if (line.find_first_of("\r\n") != std::string::npos) {
+            throw Failure(ExitCode::usage, "an end of line in a line of gcode: " + line,
+                          "give each line as an argument of its own, or all in a file");
+        }
+    }
+}
 
 std::optional<std::string> ArgumentSource::next_raw() {
     if (position_ == lines_.size()) {

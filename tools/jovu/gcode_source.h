@@ -46,12 +46,24 @@ private:
 /// Lines from the command line.
 class ArgumentSource : public GcodeSource {
 public:
+    /// @throws Failure usage when one of the lines holds a line feed or a carriage return.
     explicit ArgumentSource(std::vector<std::string> lines);
 
 private:
     std::optional<std::string> next_raw() override;
     std::vector<std::string> lines_;
     std::size_t position_ = 0;
+};
+
+/// Lines from a function that returns nothing at the end.
+class FunctionSource : public GcodeSource {
+public:
+    explicit FunctionSource(std::function<std::optional<std::string>()> read)
+        : read_(std::move(read)) {}
+
+private:
+    std::optional<std::string> next_raw() override { return read_(); }
+    std::function<std::optional<std::string>()> read_;
 };
 
 /// Lines from a file, a pipe or a terminal, each as soon as it is complete.

@@ -3,18 +3,25 @@
 #include "session.h"
 
 namespace jovu_cli {
+namespace {
+
+std::string text(const std::shared_ptr<char>& answer) {
+    return answer ? answer.get() : "";
+}
+
+}  // namespace
 
 Identity read_identity(Session& session, JovuDeviceAddress address) {
-    const auto text = [](const std::shared_ptr<char>& answer) {
-        return answer ? std::string(answer.get()) : std::string();
-    };
-    Client& client = session.client();
     Identity identity;
-    identity.version = text(session.exchange(address, "version request",
-                                             [&] { return client.bio_get_version(address); }));
-    identity.serial = text(session.exchange(address, "serial number request",
-                                            [&] { return client.bio_get_serial(address); }));
+    identity.version = text(session.exchange(
+        address, "version request", [&] { return session.client().bio_get_version(address); }));
+    identity.serial = read_serial(session, address);
     return identity;
+}
+
+std::string read_serial(Session& session, JovuDeviceAddress address) {
+    return text(session.exchange(address, "serial number request",
+                                 [&] { return session.client().bio_get_serial(address); }));
 }
 
 }  // namespace jovu_cli

@@ -20,4 +20,7 @@ struct Identity {
 /// @throws Failure as Session::exchange().
 Identity read_identity(Session& session, JovuDeviceAddress address);
 
+/// As read_identity(), for the serial number alone.
+std::string read_serial(Session& session, JovuDeviceAddress address);
+
 }  // namespace jovu_cli

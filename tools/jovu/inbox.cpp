@@ -83,9 +83,10 @@ void Inbox::begin(Interest interest) {
     lost_ = 0;
 }
 
-void Inbox::keep_aside(bool keep) {
+void Inbox::keep_aside(bool events) {
     const std::lock_guard<std::mutex> lock(mutex_);
-    keep_aside_ = keep;
+    keep_links_ = true;
+    keep_events_ = events;
 }
 
 void Inbox::post(Notice notice) {
@@ -94,21 +95,30 @@ void Inbox::post(Notice notice) {
         const std::lock_guard<std::mutex> lock(mutex_);
         if (is_link_notice(notice)) {
             announced_[notice.address] += std::holds_alternative<Connected>(notice.what) ? 1 : -1;
-        }
-        const bool aside = keeps_aside(notice);
-        if (!aside && !wanted(notice)) {
+            ++changes_[notice.address];
+            if (keep_links_) {
+                put_aside(Notice(notice));
+            }
+        } else if (keeps_aside(notice)) {
+            put_aside(std::move(notice));
             return;
         }
-        if (!(aside ? aside_ : waiting_).put(std::move(notice))) {
-            ++(aside ? lost_aside_ : lost_);
-        }
-        if (aside) {
-            const std::uint64_t one = 1;
-            (void)!write(aside_event_.get(), &one, sizeof one);
+        if (!wanted(notice)) {
             return;
+        }
+        if (!waiting_.put(std::move(notice))) {
+            ++lost_;
         }
     }
     changed_.notify_one();
+}
+
+void Inbox::put_aside(Notice&& notice) {
+    if (!aside_.put(std::move(notice))) {
+        ++lost_aside_;
+    }
+    const std::uint64_t one = 1;
+    (void)!write(aside_event_.get(), &one, sizeof one);
 }
 
 std::optional<Notice> Inbox::next(Clock::time_point deadline) {
@@ -158,6 +168,12 @@ void Inbox::forget_devices() {
     announced_.clear();
 }
 
+std::uint64_t Inbox::changes(JovuDeviceAddress address) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    const auto found = changes_.find(address);
+    return found == changes_.end() ? 0 : found->second;
+}
+
 void Inbox::drop_reports() {
     const std::lock_guard<std::mutex> lock(mutex_);
     const auto is_report = [](const Notice& notice) {
@@ -184,9 +200,8 @@ bool Inbox::wanted(const Notice& notice) const {
 }
 
 bool Inbox::keeps_aside(const Notice& notice) const {
-    const bool is_event =
-        !is_link_notice(notice) && !std::holds_alternative<StatusReport>(notice.what);
-    return keep_aside_ && is_event && !interest_.events;
+    const bool is_report = std::holds_alternative<StatusReport>(notice.what);
+    return keep_events_ && !is_report && !interest_.events;
 }
 
 }  // namespace jovu_cli

@@ -57,9 +57,10 @@ public:
     /// Begins with another command: forgets what waits for the one before it.
     void begin(Interest interest);
 
-    /// Whether events that no command wants are kept aside, for whoever shows them between the
-    /// commands, rather than dropped. Not at first.
-    void keep_aside(bool keep);
+    /// Keeps aside what is shown between the commands: all connects and disconnects (commands get
+    /// them as well), and the events that no command wants, which are dropped otherwise.
+    /// @param events false to drop them all the same.
+    void keep_aside(bool events);
 
     /// Puts in a notice. When as much is waiting as the inbox holds, reports and events are
     /// counted and dropped, and a connect or disconnect drops the oldest notice: blocking here
@@ -82,7 +83,7 @@ public:
     /// How many notices were put in so far, whatever became of them.
     std::uint64_t posted() const noexcept { return posted_; }
 
-    /// Takes out the oldest event that was kept aside, if there is one.
+    /// Takes out the oldest notice that was kept aside, if there is one.
     std::optional<Notice> poll_aside();
 
     /// As take_lost(), of what should have been kept aside.
@@ -97,6 +98,10 @@ public:
     /// @return the addresses of the devices that were announced and have not left since.
     std::vector<JovuDeviceAddress> announced();
 
+    /// @return how many connects and disconnects were reported at an address so far. Another number
+    ///     than before means that the address may belong to another device.
+    std::uint64_t changes(JovuDeviceAddress address);
+
 private:
     /// Notices in their order, as many as may wait.
     struct Queue {
@@ -109,6 +114,7 @@ private:
 
     bool wanted(const Notice& notice) const;
     bool keeps_aside(const Notice& notice) const;
+    void put_aside(Notice&& notice);
 
     const StopSource& stop_;
     std::atomic<std::uint64_t> posted_{0};
@@ -117,12 +123,14 @@ private:
     Interest interest_;           ///< Protected by mutex_.
     Queue waiting_;               ///< Protected by mutex_.
     Queue aside_;                 ///< Protected by mutex_.
-    bool keep_aside_ = false;     ///< Protected by mutex_.
+    bool keep_links_ = false;     ///< Protected by mutex_.
+    bool keep_events_ = false;    ///< Protected by mutex_.
     std::size_t lost_aside_ = 0;  ///< Protected by mutex_.
     std::size_t lost_ = 0;        ///< Protected by mutex_.
     /// Announcements less departures. When a device is replugged quickly they come in any order,
     /// but their number is right in the end. Protected by mutex_.
     std::unordered_map<JovuDeviceAddress, int> announced_;
+    std::unordered_map<JovuDeviceAddress, std::uint64_t> changes_;  ///< Protected by mutex_.
     FileDescriptor aside_event_;  ///< An eventfd, up while aside_ holds something.
     StopSource::Action wake_;
 };

@@ -19,11 +19,15 @@
 #include <utility>
 #include <vector>
 
+#include "printable.h"
+
 namespace jovu_cli {
 namespace {
 
 constexpr const char* prompt_text = "jovu> ";
 constexpr int kept_lines = 1000;
+/// Stands for what may not be shown.
+constexpr wchar_t replacement = 0xFFFD;
 
 /// Characters are read and counted as UTF-8, also in a locale that says nothing of it.
 void use_utf8() {
@@ -63,15 +67,15 @@ std::size_t width_of(const char* text, std::size_t length) {
 std::string in_columns(const std::vector<std::string>& words, std::size_t width) {
     std::size_t longest = 0;
     for (const std::string& word : words) {
-        longest = std::max(longest, word.size());
+        longest = std::max(longest, character_count(printable(word)));
     }
     const std::size_t columns = std::max<std::size_t>(1, width / (longest + 2));
     std::string text;
     for (std::size_t i = 0; i < words.size(); ++i) {
-        std::string cell = words[i];
+        std::string cell = printable(words[i]);
         const bool last = (i + 1) % columns == 0 || i + 1 == words.size();
         if (!last) {
-            cell.resize(longest + 2, ' ');
+            cell.append(longest + 2 - character_count(cell), ' ');
         }
         text += cell + (last ? "\n" : "");
     }
@@ -87,10 +91,7 @@ struct LineEditor::Library {
         return *static_cast<LineEditor*>(data);
     }
 
-    static char* prompt(EditLine* /*editor*/) {
-        static std::string text = prompt_text;
-        return text.data();
-    }
+    static char* prompt(EditLine* editor) { return self(editor).prompt_.data(); }
 
     static int get_character(EditLine* editor, wchar_t* character) {
         LineEditor& line_editor = self(editor);
@@ -114,6 +115,9 @@ struct LineEditor::Library {
 };
 
 void LineEditor::EndEditor::operator()(editline* editor) const noexcept {
+    // Otherwise the library discards what has been typed for whoever reads the terminal next. The
+    // guard restores the modes.
+    el_set(editor, EL_EDITMODE, 0);
     el_end(editor);
 }
 
@@ -123,7 +127,11 @@ void LineEditor::EndHistory::operator()(struct history* lines) const noexcept {
 
 LineEditor::LineEditor(Output& out, const StopSource& stop, const std::string& history_file,
                        Hooks hooks)
-    : out_(out), stop_(stop), history_file_(history_file), hooks_(std::move(hooks)) {
+    : out_(out),
+      stop_(stop),
+      history_file_(history_file),
+      hooks_(std::move(hooks)),
+      guard_(STDIN_FILENO) {
     use_utf8();
     terminal_.reset(open_terminal(out.fd()));
     history_.reset(history_init());
@@ -148,13 +156,32 @@ LineEditor::LineEditor(Output& out, const StopSource& stop, const std::string& h
     el_set(editor, EL_BIND, "^I", "jovu-complete", nullptr);
     el_set(editor, EL_BIND, "^R", "em-inc-search-prev", nullptr);
     el_source(editor, nullptr);  // What the user prefers, from ~/.editrc.
+    // In line mode the kernel consumes Ctrl-D, and what else it edits lines with, before this
+    // program sees it. The library would return to that mode behind each line, and write the next
+    // prompt in it.
+    el_set(editor, EL_SETTY, "-x", "-icanon", "-echo", "-iexten", nullptr);
+    el_set(editor, EL_PREP_TERM, 1);
+    guard_.keep_changed();
 }
 
 LineEditor::~LineEditor() = default;
 
 LineEditor::End LineEditor::read(std::string& line) {
+    prompt_ = prompt_text;
+    const End end = edit(line);
+    if (end == End::line) {
+        remember(line);
+    }
+    return end;
+}
+
+LineEditor::End LineEditor::read_input(const std::string& prompt, std::string& line) {
+    prompt_ = prompt;
+    return edit(line);
+}
+
+LineEditor::End LineEditor::edit(std::string& line) {
     interrupted_ = false;
-    partial_.clear();
     int length = 0;
     const char* const text = el_gets(editor_.get(), &length);
     if (exception_) {
@@ -162,6 +189,7 @@ LineEditor::End LineEditor::read(std::string& line) {
     }
     if (interrupted_) {
         el_reset(editor_.get());
+        partial_.clear();
         out_.raw("^C\n");
         return End::interrupted;
     }
@@ -173,18 +201,24 @@ LineEditor::End LineEditor::read(std::string& line) {
     if (line.back() == '\n') {
         line.pop_back();
     }
-    remember(line);
     return End::line;
 }
 
 /// @return 1 with a character; 0 at the end of the input; -1 when the line is abandoned.
 int LineEditor::next_character(wchar_t& character) {
     for (;;) {
+        if (const std::optional<wchar_t> complete_one = take_character()) {
+            character = *complete_one;
+            return 1;
+        }
         pollfd waited[] = {
             {STDIN_FILENO, POLLIN, 0}, {stop_.fd(), POLLIN, 0}, {hooks_.side_fd(), POLLIN, 0}};
         if (poll(waited, std::size(waited), -1) < 0) {
-            resume();  // EINTR, as after SIGSTOP and SIGCONT.
-            continue;
+            if (TerminalGuard::take_stopped()) {  // Others may have written to the terminal.
+                out_.raw("\r\x1b[J");
+                el_set(editor_.get(), EL_REFRESH);
+            }
+            continue;  // EINTR
         }
         if (waited[1].revents != 0) {
             interrupted_ = true;
@@ -203,28 +237,29 @@ int LineEditor::next_character(wchar_t& character) {
             continue;
         }
         el_resize(editor_.get());  // The window may have another size by now.
-        if (const std::optional<wchar_t> complete_one = take_byte(byte)) {
-            character = *complete_one;
-            return 1;
-        }
+        partial_ += byte;
     }
 }
 
-/// Adds a byte to the character that is being read.
-/// @return the character when it is complete; bytes that make none are dropped.
-std::optional<wchar_t> LineEditor::take_byte(char byte) {
-    partial_ += byte;
+/// Takes the first character off the bytes that have been read, when it is complete.
+std::optional<wchar_t> LineEditor::take_character() {
+    if (partial_.empty()) {
+        return std::nullopt;
+    }
     wchar_t character = 0;
     std::mbstate_t state{};
     const std::size_t size = std::mbrtowc(&character, partial_.data(), partial_.size(), &state);
     if (size == static_cast<std::size_t>(-2)) {
         return std::nullopt;
     }
-    partial_.clear();
     if (size == static_cast<std::size_t>(-1)) {
-        return std::nullopt;
+        partial_.erase(0, 1);
+        return replacement;
     }
-    return character;
+    partial_.erase(0, std::max<std::size_t>(size, 1));
+    const auto code = static_cast<char32_t>(character);
+    const bool is_key = code < 0x20 || code == 0x7F;
+    return is_key || is_shown(code) ? character : replacement;
 }
 
 /// Puts what there is to show above the line that is being edited.
@@ -238,14 +273,8 @@ void LineEditor::show_side() {
 std::size_t LineEditor::rows_above_cursor() const {
     const LineInfo* const info = el_line(editor_.get());
     const auto length = static_cast<std::size_t>(info->cursor - info->buffer);
-    return (std::strlen(prompt_text) + width_of(info->buffer, length)) / out_.columns();
-}
-
-/// The program has been stopped and goes on: somebody else has used the terminal meanwhile.
-void LineEditor::resume() {
-    el_set(editor_.get(), EL_PREP_TERM, 0);
-    el_set(editor_.get(), EL_PREP_TERM, 1);
-    el_set(editor_.get(), EL_REFRESH);
+    return (width_of(prompt_.data(), prompt_.size()) + width_of(info->buffer, length)) /
+           out_.columns();
 }
 
 unsigned char LineEditor::complete_word() {
@@ -255,8 +284,9 @@ unsigned char LineEditor::complete_word() {
     if (completion.words.empty()) {
         return CC_REFRESH_BEEP;
     }
-    std::string rest = common_prefix(completion.words).substr(completion.typed);
-    if (completion.words.size() == 1) {
+    const std::string common = common_prefix(completion.words).substr(completion.typed);
+    std::string rest = common_prefix({common, printable(common)});  // Up to what may not be shown.
+    if (completion.words.size() == 1 && rest == common) {
         const char last = completion.words.front().back();
         const bool goes_on = last == '=' || last == '.' || last == '/';
         rest += goes_on ? "" : " ";

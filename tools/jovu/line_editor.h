@@ -12,6 +12,7 @@
 #include "completion.h"
 #include "output.h"
 #include "stop_source.h"
+#include "terminal_guard.h"
 
 // The line-editing library's, whose header is not needed here.
 struct editline;
@@ -19,7 +20,9 @@ struct history;
 
 namespace jovu_cli {
 
-/// The prompt of an interactive program. Everything runs on the thread that reads.
+/// The prompt of an interactive program. Everything runs on the thread that reads. The terminal
+/// hands over each byte as it is typed for as long as this object lives, also while nobody reads:
+/// what is typed ahead of a prompt waits for the next line.
 class LineEditor {
 public:
     /// What the editor asks of the program that it reads for.
@@ -47,8 +50,12 @@ public:
     LineEditor& operator=(const LineEditor&) = delete;
 
     /// Reads one line, without its end, and puts it into the history, unless it is empty or begins
-    /// with a blank.
+    /// with a blank. Characters that may not be shown come as U+FFFD, so that the line is what the
+    /// screen shows.
     End read(std::string& line);
+
+    /// Likewise, behind another prompt and without the history: input for a command.
+    End read_input(const std::string& prompt, std::string& line);
 
 private:
     struct Library;  ///< What the library calls back.
@@ -62,10 +69,10 @@ private:
         void operator()(struct history* lines) const noexcept;
     };
 
+    End edit(std::string& line);
     int next_character(wchar_t& character);
-    std::optional<wchar_t> take_byte(char byte);
+    std::optional<wchar_t> take_character();
     void show_side();
-    void resume();
     unsigned char complete_word();
     std::size_t rows_above_cursor() const;
     void remember(const std::string& line);
@@ -74,9 +81,11 @@ private:
     const StopSource& stop_;
     const std::string history_file_;
     const Hooks hooks_;
+    TerminalGuard guard_;
     std::unique_ptr<std::FILE, CloseFile> terminal_;
     std::unique_ptr<struct history, EndHistory> history_;
     std::unique_ptr<editline, EndEditor> editor_;
+    std::string prompt_;
     std::string partial_;           ///< Bytes of a character that is not complete.
     bool interrupted_ = false;      ///< The reading of this line.
     std::exception_ptr exception_;  ///< Of a hook, on its way past the library's frames.

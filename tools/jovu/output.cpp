@@ -13,6 +13,7 @@
 #include <system_error>
 
 #include "failure.h"
+#include "printable.h"
 
 namespace jovu_cli {
 namespace {
@@ -54,7 +55,7 @@ FileDescriptor take_standard_output() {
 }
 
 void print_error(const std::string& line) {
-    const std::string text = line + "\n";
+    const std::string text = printable(line) + "\n";
     // There is nobody left to be told of a failure here.
     (void)!write(STDERR_FILENO, text.data(), text.size());
 }
@@ -74,11 +75,11 @@ unsigned Output::columns() const {
 }
 
 void Output::line(std::string_view text) {
-    raw(std::string(text) + "\n");
+    raw(printable(text) + "\n");
 }
 
 void Output::object(const Json& value) {
-    line(value.dump(-1, ' ', false, Json::error_handler_t::replace));
+    raw(value.dump(-1, ' ', true, Json::error_handler_t::replace) + "\n");
 }
 
 void Output::raw(std::string_view bytes) {

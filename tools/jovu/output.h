@@ -19,7 +19,7 @@ using Json = nlohmann::ordered_json;
 /// @return the real standard output; invalid when the program was started without one.
 FileDescriptor take_standard_output();
 
-/// Prints one line on standard error.
+/// Prints one line on standard error, as printable().
 void print_error(const std::string& line);
 
 /// Writes to the program's output. Nothing is buffered. A write that would block ends when the
@@ -44,12 +44,13 @@ public:
     /// Width of the terminal, at this moment, in characters.
     unsigned columns() const;
 
-    /// Writes a line of text; @p text does not hold its end. Device texts in it must have gone
-    /// through printable().
+    /// Writes a line, as printable(); @p text does not hold its end.
     void line(std::string_view text);
-    /// Writes one JSON value on one line. Bytes in its texts that are not UTF-8 become U+FFFD.
+    /// Writes one JSON value on one line, in ASCII: other characters are written as \uXXXX. Bytes
+    /// in its strings that are not UTF-8 become U+FFFD.
     void object(const Json& value);
-    /// Writes bytes as they are.
+    /// Writes bytes as they are: the program's own texts and controls of the terminal. What comes
+    /// from outside has gone through printable().
     void raw(std::string_view bytes);
 
 private:

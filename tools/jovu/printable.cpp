@@ -1,14 +1,16 @@
 #include "printable.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdio>
+#include <iterator>
 
 namespace jovu_cli {
 namespace {
 
 /// One character taken off the front of a text.
 struct Decoded {
-    std::uint32_t code = 0;
+    char32_t code = 0;
     std::size_t length = 0;  ///< In bytes; 0 when the front is not well-formed UTF-8.
 };
 
@@ -19,8 +21,8 @@ Decoded decode_front(std::string_view text) {
         return {first, 1};
     }
     std::size_t length = 0;
-    std::uint32_t code = 0;
-    std::uint32_t smallest = 0;  // A longer form than needed is not UTF-8.
+    char32_t code = 0;
+    char32_t smallest = 0;  // A longer form than needed is not UTF-8.
     if ((first & 0xE0U) == 0xC0) {
         length = 2, code = first & 0x1FU, smallest = 0x80;
     } else if ((first & 0xF0U) == 0xE0) {
@@ -44,55 +46,71 @@ Decoded decode_front(std::string_view text) {
     return {code, length};
 }
 
-bool is_control(std::uint32_t code) {
-    return code < 0x20 || (code >= 0x7F && code <= 0x9F);
-}
+/// Characters that do something in place of standing for something, that nobody can see, or that
+/// look like a blank: controls, format characters (marks of the writing direction among them),
+/// separators, fillers, variation selectors, and what has no meaning that all fonts agree on.
+/// In ascending order, up to unassigned_planes.
+struct CodeRange {
+    char32_t first;
+    char32_t last;
+};
+constexpr CodeRange hidden_ranges[] = {
+    {0x0000, 0x001F},   {0x007F, 0x00A0},   {0x00AD, 0x00AD},   {0x034F, 0x034F},
+    {0x0600, 0x0605},   {0x061C, 0x061C},   {0x06DD, 0x06DD},   {0x070F, 0x070F},
+    {0x0890, 0x0891},   {0x08E2, 0x08E2},   {0x115F, 0x1160},   {0x1680, 0x1680},
+    {0x17B4, 0x17B5},   {0x180B, 0x180F},   {0x2000, 0x200F},   {0x2028, 0x202F},
+    {0x205F, 0x206F},   {0x2800, 0x2800},   {0x3000, 0x3000},   {0x3164, 0x3164},
+    {0xD800, 0xF8FF},   {0xFDD0, 0xFDEF},   {0xFE00, 0xFE0F},   {0xFEFF, 0xFEFF},
+    {0xFFA0, 0xFFA0},   {0xFFF0, 0xFFFB},   {0xFFFE, 0xFFFF},   {0x110BD, 0x110BD},
+    {0x110CD, 0x110CD}, {0x13430, 0x1343F}, {0x1BCA0, 0x1BCA3}, {0x1D159, 0x1D159},
+    {0x1D173, 0x1D17A}, {0x1FFFE, 0x1FFFF}, {0x2FFFE, 0x2FFFF}, {0x3FFFE, 0x3FFFF},
+};
+/// From here on no character is assigned but tags, variation selectors and private ones.
+constexpr char32_t unassigned_planes = 0x40000;
 
-/// Line and paragraph separators, and the marks that turn or embed the writing direction, with
-/// which a text could pose as another one.
-bool is_layout_mark(std::uint32_t code) {
-    return code == 0x061C || code == 0x200E || code == 0x200F ||
-           (code >= 0x2028 && code <= 0x202E) || (code >= 0x2066 && code <= 0x2069);
-}
-
-void append_escape(std::string& out, std::uint32_t code) {
+/// The escape of a character, or of a byte that is none.
+std::string escape(char32_t code, bool is_byte) {
     switch (code) {
         case '\t':
-            out += "\\t";
-            return;
+            return "\\t";
         case '\n':
-            out += "\\n";
-            return;
+            return "\\n";
         case '\r':
-            out += "\\r";
-            return;
+            return "\\r";
         default:
             break;
     }
-    char escape[12];
-    std::snprintf(escape, sizeof escape, code <= 0xFF ? "\\x%02x" : "\\u%04x",
-                  static_cast<unsigned>(code));
-    out += escape;
+    const char* const format = is_byte || code < 0x80 ? "\\x%02x"
+                               : code > 0xFFFF        ? "\\U%08x"
+                                                      : "\\u%04x";
+    char text[12];
+    std::snprintf(text, sizeof text, format, static_cast<unsigned>(code));
+    return text;
 }
 
 }  // namespace
+
+bool is_shown(char32_t code) {
+    const auto* const range =
+        std::lower_bound(std::begin(hidden_ranges), std::end(hidden_ranges), code,
+                         [](const CodeRange& hidden, char32_t c) { return hidden.last < c; });
+    return code < unassigned_planes && (range == std::end(hidden_ranges) || code < range->first);
+}
 
 std::string printable(std::string_view text) {
     std::string out;
     out.reserve(text.size());
     while (!text.empty()) {
         const Decoded front = decode_front(text);
+        const std::size_t length = std::max<std::size_t>(front.length, 1);
         if (front.length == 0) {
-            append_escape(out, static_cast<std::uint8_t>(text.front()));
-            text.remove_prefix(1);
-            continue;
-        }
-        if (is_control(front.code) || is_layout_mark(front.code)) {
-            append_escape(out, front.code);
+            out += escape(static_cast<std::uint8_t>(text.front()), true);
+        } else if (is_shown(front.code)) {
+            out += text.substr(0, length);
         } else {
-            out += text.substr(0, front.length);
+            out += escape(front.code, false);
         }
-        text.remove_prefix(front.length);
+        text.remove_prefix(length);
     }
     return out;
 }

@@ -1,5 +1,5 @@
 /// @file
-/// Makes texts from outside safe to show.
+/// Decides what may be shown. All output of the program goes through here.
 #pragma once
 
 #include <cstddef>
@@ -8,9 +8,15 @@
 
 namespace jovu_cli {
 
-/// A text from a device or a file name as it may be shown: on one line, and without anything that
-/// a terminal acts on. Control characters, bytes that are not UTF-8, and the characters that turn
-/// the writing direction come out as escapes (`\n`, `\x1b`, `\u202e`); all else is unchanged.
+/// Whether a character may be shown: a terminal only draws it, and a reader can see it. Control
+/// and format characters (marks that turn the writing direction, characters without width), blanks
+/// other than U+0020, and characters that are private or unassigned for good may not.
+bool is_shown(char32_t code);
+
+/// A string from a device, a file name or an argument as it may be shown: on one line, and made of
+/// nothing but is_shown() characters. All other characters become escapes (`\n`, `\x1b`, `\u202e`,
+/// `\U000e0041`), as do bytes that are not UTF-8 (`\xc3`). A string that was returned by this
+/// function stays as it is.
 std::string printable(std::string_view text);
 
 /// Number of characters in a text that is UTF-8 (as printable() returns it).

@@ -100,7 +100,9 @@ void ProgressBar::draw(double percent, const std::string& label, const std::stri
         return;
     }
     // One column stays free: a full line would leave the cursor on the next one.
-    out_.raw("\r\x1b[2K" + bar_text(percent, label, tail, out_.columns() - 1));
+    const std::string bar =
+        bar_text(percent, printable(label), printable(tail), out_.columns() - 1);
+    out_.raw("\r\x1b[2K" + bar);
     drawn_ = now;
 }
 

@@ -7,7 +7,6 @@
 #include <string_view>
 
 #include "options.h"
-#include "printable.h"
 #include "words.h"
 
 namespace jovu_cli {
@@ -15,18 +14,18 @@ namespace {
 
 constexpr std::size_t label_width = 14;
 
-/// A device's text for people, or a dash when the device left it out.
+/// A string of a device, or a dash when the device left it out.
 std::string shown(const std::string& text) {
-    return text.empty() ? "-" : printable(text);
+    return text.empty() ? "-" : text;
 }
 
 std::string job_text(const StatusReport& report) {
     if (report.file.empty() && report.job_id.empty()) {
         return "-";
     }
-    std::string text = report.file.empty() ? "" : printable(report.file);
+    std::string text = report.file;
     if (!report.job_id.empty()) {
-        text += (text.empty() ? "id " : " (id ") + printable(report.job_id);
+        text += (text.empty() ? "id " : " (id ") + report.job_id;
         text += report.file.empty() ? "" : ")";
     }
     return text;

@@ -131,6 +131,7 @@ JovuDeviceAddress Session::pick_device() {
         throw Failure(ExitCode::several_devices, "several devices: " + to_string(devices),
                       "choose one with -d BUS:ADDR");
     }
+    check_pick(devices.front());
     return devices.front();
 }
 

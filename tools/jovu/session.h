@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -69,6 +70,18 @@ public:
     /// The one device that the command is for. As find_devices(), but for anything but one device:
     /// @throws Failure no_device or several_devices.
     JovuDeviceAddress pick_device();
+
+    /// Has each device that a command picks looked at: @p check throws when it must not be used.
+    void set_pick_check(std::function<void(JovuDeviceAddress)> check) {
+        pick_check_ = std::move(check);
+    }
+    /// As pick_device() checks what it returns, for a command that picks a device by itself.
+    /// @throws what the check throws.
+    void check_pick(JovuDeviceAddress address) const {
+        if (pick_check_) {
+            pick_check_(address);
+        }
+    }
 
     /// Says why there is no device for the command, as well as it can be told.
     [[noreturn]] void throw_no_device();
@@ -162,6 +175,7 @@ private:
     std::unordered_map<JovuDeviceAddress, unsigned> unanswered_;
     std::unique_ptr<Client> client_;  ///< Null when it could not be started again.
     bool restarted_ = false;          ///< By this command.
+    std::function<void(JovuDeviceAddress)> pick_check_;
 };
 
 }  // namespace jovu_cli

@@ -13,6 +13,7 @@
 #include <utility>
 
 #include "failure.h"
+#include "terminal_guard.h"
 
 namespace jovu_cli {
 namespace {
@@ -128,6 +129,7 @@ void StopSource::take_signal() {
             stop(Stop::signal);
         }
     } else if (now - first_signal_ > echo_time) {
+        restore_terminal();
         print_exit_note();
         _exit(static_cast<int>(ExitCode::interrupted));
     }

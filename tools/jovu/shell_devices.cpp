@@ -1,0 +1,235 @@
+#include "shell_devices.h"
+
+#include <algorithm>
+#include <chrono>
+#include <thread>
+#include <utility>
+
+#include "failure.h"
+#include "identity.h"
+#include "options.h"
+#include "session.h"
+
+namespace jovu_cli {
+namespace {
+
+/// How long the report of a disconnect may take.
+constexpr std::chrono::milliseconds report_delay{1000};
+
+bool is_usable(Session& session, JovuDeviceAddress address) {
+    const std::vector<JovuDeviceAddress> usable = session.usable_devices();
+    return std::find(usable.begin(), usable.end(), address) != usable.end();
+}
+
+/// @return empty when the device has no serial number or does not answer.
+/// @throws Failure interrupted.
+std::string serial_if_told(Session& session, JovuDeviceAddress address) {
+    try {
+        return read_serial(session, address);
+    } catch (const Failure& failure) {
+        if (failure.code() != ExitCode::exchange_failed) {
+            throw;
+        }
+        return {};
+    }
+}
+
+}  // namespace
+
+ShellDevices::ShellDevices(std::optional<JovuDeviceAddress> chosen,
+                           std::function<void(const std::string& line)> say)
+    : chosen_(chosen), say_(std::move(say)) {}
+
+bool ShellDevices::same(const Device& one, const Device& other) {
+    if (!one.serial.empty() || !other.serial.empty()) {
+        return one.serial == other.serial;
+    }
+    return one.address == other.address && one.changes == other.changes && one.changes != 0;
+}
+
+std::string ShellDevices::text(const Device& device) {
+    return to_string(device.address) +
+           (device.serial.empty() ? ", serial number unknown" : ", serial " + device.serial);
+}
+
+/// Asks a device for its serial number.
+/// @throws Failure as Session::exchange().
+ShellDevices::Device ShellDevices::ask(Session& session, JovuDeviceAddress address) {
+    for (;;) {
+        const std::uint64_t changes = session.inbox().changes(address);
+        Device device{address, changes, read_serial(session, address)};
+        if (session.inbox().changes(address) == changes) {
+            return device;
+        }
+        // The answer may be from the device that was there before.
+    }
+}
+
+/// As ask(), for a device that need not answer.
+/// @return nothing when it has gone, or another one has come.
+/// @throws Failure interrupted.
+std::optional<ShellDevices::Device> ShellDevices::ask_whether(Session& session,
+                                                              JovuDeviceAddress address) {
+    const std::uint64_t changes = session.inbox().changes(address);
+    const std::string serial = serial_if_told(session, address);
+    if (!serial.empty() && session.inbox().changes(address) == changes) {
+        return Device{address, changes, serial};
+    }
+    // An exchange with a device that goes ends before the disconnect is reported.
+    for (const auto end = Inbox::Clock::now() + report_delay; Inbox::Clock::now() < end;
+         std::this_thread::sleep_for(report_delay / 50)) {
+        if (session.inbox().changes(address) != changes || !is_usable(session, address)) {
+            return std::nullopt;
+        }
+        session.stop().throw_if_stopped();
+    }
+    return Device{address, changes, ""};
+}
+
+bool ShellDevices::is_known(Session& session, JovuDeviceAddress address) const {
+    const auto found = present_.find(address);
+    return found != present_.end() && found->second.changes == session.inbox().changes(address);
+}
+
+/// Notes which device is at an address.
+void ShellDevices::note(const Device& device) {
+    present_.insert_or_assign(device.address, device);
+    owners_.try_emplace(device.address, device);
+}
+
+/// Says so when a device was not known to be where it is.
+void ShellDevices::announce(const Device& device) {
+    const auto found = present_.find(device.address);
+    if (found != present_.end() && same(found->second, device)) {
+        if (found->second.changes != 0) {
+            say_("connected again: " + text(device));
+        }
+        return;
+    }
+    if (found != present_.end()) {
+        say_("disconnected: " + text(found->second));
+    }
+    std::string line = "connected: " + text(device);
+    const auto before = std::find_if(accepted_.begin(), accepted_.end(),
+                                     [&](const Device& other) { return same(device, other); });
+    if (before == accepted_.end()) {
+        if (!accepted_.empty()) {
+            line += ", another device: .device " + to_string(device.address) + " chooses it";
+        }
+    } else if (before->address != device.address) {
+        const std::string where = to_string(before->address);
+        if (present_.count(before->address) != 0) {
+            line += ", which " + where + " has as well";
+        } else {
+            line += ", the device that was at " + where;
+            chosen_ = chosen_ == before->address ? device.address : chosen_;
+            *before = device;
+        }
+    }
+    say_(line);
+}
+
+/// @param all also those that another session knew, and that this one has had the time to open.
+void ShellDevices::drop_disconnected(Session& session, bool all) {
+    for (auto entry = present_.begin(); entry != present_.end();) {
+        const Device& device = entry->second;
+        if (is_usable(session, device.address) || (device.changes == 0 && !all)) {
+            ++entry;
+        } else {
+            say_("disconnected: " + text(device));
+            entry = present_.erase(entry);
+        }
+    }
+}
+
+void ShellDevices::update(Session& session) {
+    drop_disconnected(session, false);
+    for (const JovuDeviceAddress address : session.usable_devices()) {
+        if (!is_known(session, address)) {
+            if (const std::optional<Device> device = ask_whether(session, address)) {
+                announce(*device);
+                note(*device);
+            }
+        }
+    }
+}
+
+void ShellDevices::accept_all(Session& session) {
+    update(session);
+    for (const auto& [address, device] : present_) {
+        if (!chosen_ || chosen_ == address) {
+            accepted_.push_back(device);
+        }
+    }
+}
+
+void ShellDevices::list(Session& session) {
+    update(session);
+    for (const JovuDeviceAddress address : session.usable_devices()) {
+        const auto found = present_.find(address);
+        if (found != present_.end()) {
+            say_((chosen_ == address ? "chosen: " : "connected: ") + text(found->second));
+        }
+    }
+    if (present_.empty()) {
+        say_("no device is connected");
+    }
+}
+
+void ShellDevices::choose(Session& session, JovuDeviceAddress address) {
+    chosen_ = address;
+    if (!is_usable(session, address)) {
+        return;
+    }
+    if (!is_known(session, address)) {
+        const std::optional<Device> device = ask_whether(session, address);
+        if (!device) {
+            return;
+        }
+        note(*device);
+    }
+    const Device device = present_.at(address);
+    accepted_ = {device};
+    owners_.insert_or_assign(address, device);
+    say_("chosen: " + text(device));
+}
+
+void ShellDevices::forget_connections() {
+    for (auto& [address, device] : present_) {
+        device.changes = 0;
+    }
+    for (auto& [address, device] : owners_) {
+        device.changes = 0;
+    }
+    for (Device& device : accepted_) {
+        device.changes = 0;
+    }
+}
+
+void ShellDevices::check(Session& session, JovuDeviceAddress address, bool named) {
+    drop_disconnected(session, true);
+    if (!is_known(session, address)) {
+        const Device device = ask(session, address);
+        if (!accepted_.empty()) {  // Otherwise it is the first one of all.
+            announce(device);
+        }
+        note(device);
+    }
+    const Device& device = present_.at(address);
+    const Devices wanted = named ? Devices{owners_.at(address)} : accepted_;
+    const bool is_wanted = std::any_of(wanted.begin(), wanted.end(),
+                                       [&](const Device& other) { return same(device, other); });
+    if (!wanted.empty() && !is_wanted) {
+        std::string names;
+        for (const Device& other : wanted) {
+            names += (names.empty() ? "" : " or ") + text(other);
+        }
+        throw Failure(ExitCode::no_device, "not sent to " + text(device) + ": lines go to " + names,
+                      ".device " + to_string(address) + " sends the next ones there");
+    }
+    if (!named) {
+        accepted_ = {device};
+    }
+}
+
+}  // namespace jovu_cli
