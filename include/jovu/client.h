@@ -49,7 +49,8 @@ public:
 
     /// Takes the client off the link: when it returns, no callback of this client is running (but
     /// one that made the call) and none will follow. May be called more than once; an application
-    /// calls it first in its own destructor.
+    /// calls it first in its own destructor. A push of this client ends, as
+    /// JovuJobInterface::shutdown() says.
     ///
     /// In a handler that is called with received data it cannot wait for other callbacks: none
     /// begins after it returns, and the rest is left to a later call or the destructor. A client

@@ -307,7 +307,7 @@ private:
 
 void run_update(const Context& context, const UpdateOptions& options) {
     if (!options.yes && !can_ask()) {
-        throw Failure(ExitCode::usage, "not confirmed: the device's firmware is erased",
+        throw Failure(ExitCode::usage, "not confirmed: an update erases the device's firmware",
                       "--yes is needed where standard input and standard error are no terminal");
     }
     const FirmwareImage image(options.image);
