@@ -19,14 +19,22 @@ expect() {
     grep -qE -- "$4" <<<"$3" || { echo "check-hardening: ${1##*/} has no $2" >&2; failed=1; }
 }
 
-# Whether what this compiler links can carry the mark that its jumps are tracked: the C library's own
-# start-up code needs it as well.
-echo 'int main() { return 0; }' >"$work/main.cpp"
-marks=none
-if [[ $(uname -m) =~ ^(x86_64|i[3-6]86)$ ]]; then
-    "$compiler" -fcf-protection -o "$work/main" "$work/main.cpp"
-    if readelf -nW "$work/main" | grep -q 'IBT, SHSTK'; then marks=note; else marks=code; fi
-fi
+# What this compiler can do: not each has checked variants in C++, and the mark that all jumps are
+# tracked needs a C library whose start-up code has it as well.
+cat >"$work/main.cpp" <<'END'
+#include <cstdio>
+int main(int count, char** words) {
+    char text[20];
+    std::snprintf(text, sizeof text, "%d %s", count, words[0]);
+    return std::puts(text);
+}
+END
+marks=none protection=
+if [[ $(uname -m) =~ ^(x86_64|i[3-6]86)$ ]]; then marks=code protection=-fcf-protection; fi
+"$compiler" -O2 -U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=2 $protection -o "$work/main" "$work/main.cpp"
+notes=$(readelf -nW "$work/main")
+if [[ $notes == *"IBT, SHSTK"* ]]; then marks=note; fi
+checked=_chk; if [[ $(nm -D "$work/main") != *__snprintf_chk* ]]; then checked=; fi
 
 files=("$work/prefix/bin/jovu")
 library=$(find "$work/prefix" -type f -name 'libjovu.so.*')
@@ -40,7 +48,7 @@ for file in "${files[@]}"; do
     expect "$file" "immediate binding" "$dynamic" BIND_NOW
     expect "$file" "stack without execution" "$segments" 'GNU_STACK( +0x[0-9a-f]+){5} RW '
     expect "$file" "guarded stack" "$imports" '^__stack_chk_fail'
-    expect "$file" "checked function" "$(grep -v '^__stack_chk_fail' <<<"$imports")" '_chk(@|$)'
+    expect "$file" "checked function" "$(grep -v '^__stack_chk_fail' <<<"$imports")" "$checked(@|\$)"
     case $marks in
         note) expect "$file" "IBT and SHSTK" "$(readelf -nW "$file")" 'IBT, SHSTK' ;;
         code)
@@ -49,5 +57,5 @@ for file in "${files[@]}"; do
     esac
 done
 expect "${files[0]}" "mark as a program of that kind" "$(readelf -dW "${files[0]}")" 'FLAGS_1.*PIE'
-if [[ $failed -eq 0 ]]; then echo "hardened: ${files[*]##*/} (marks of jumps: $marks)"; fi
+if [[ $failed -eq 0 ]]; then echo "hardened: ${files[*]##*/} (jumps: ${marks}, functions: ${checked:-not by this compiler})"; fi
 exit "$failed"

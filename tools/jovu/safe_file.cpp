@@ -48,7 +48,7 @@ std::string path_of(const FileDescriptor& file) {
     return length > 0 ? std::string(path, static_cast<std::size_t>(length)) : "";
 }
 
-/// Letters and digits that nobody can foresee.
+/// Letters and digits that cannot be foreseen.
 std::string random_letters() {
     constexpr std::string_view letters = "abcdefghijklmnopqrstuvwxyz0123456789";
     std::random_device source;
