@@ -41,7 +41,8 @@ class Update {
 public:
     Update(const Context& context, Session& session, DfuTool& tool, const FirmwareImage& image,
            const UpdateOptions& options)
-        : session_(session),
+        : context_(context),
+          session_(session),
           tool_(tool),
           image_(image),
           options_(options),
@@ -164,7 +165,7 @@ private:
             "device:  " + printable(device) + "\nversion: " + printable(version) +
             "\nimage:   " + printable(image_.path()) + ", " + std::to_string(image_.size()) +
             " bytes, " + (release.empty() ? "version unknown" : "release " + release) + "\n";
-        if (!ask(text, "Erase the device's firmware and write the image?", session_.stop())) {
+        if (!ask(context_, text, "Erase the device's firmware and write the image?")) {
             throw Failure(ExitCode::interrupted, "not updated: not confirmed");
         }
         const bool same = chosen.dfu ? is_listed(*chosen.dfu)
@@ -296,6 +297,7 @@ private:
         return outcome.words.empty() ? "" : "; dfu-util says: " + outcome.words;
     }
 
+    const Context& context_;
     Session& session_;
     DfuTool& tool_;
     const FirmwareImage& image_;

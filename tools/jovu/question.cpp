@@ -1,6 +1,7 @@
 #include "question.h"
 
 #include <poll.h>
+#include <termios.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -44,10 +45,14 @@ bool can_ask() {
     return isatty(STDIN_FILENO) != 0 && isatty(STDERR_FILENO) != 0;
 }
 
-bool ask(const std::string& text, const std::string& question, const StopSource& stop) {
-    const std::string shown = text + question + " [y/N] ";
+bool ask(const Context& context, const std::string& text, const std::string& question) {
+    const std::string prompt = question + " [y/N] ";
+    const std::string shown = context.read_line ? text : text + prompt;
+    // What was typed before the question was shown does not answer it.
+    (void)tcflush(STDIN_FILENO, TCIFLUSH);
     (void)!write(STDERR_FILENO, shown.data(), shown.size());
-    std::string answer = read_line(stop);
+    std::string answer =
+        context.read_line ? context.read_line(prompt).value_or("") : read_line(context.stop);
     for (char& c : answer) {
         c = c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
     }
