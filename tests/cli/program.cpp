@@ -210,6 +210,7 @@ const std::string& Program::err() const {
 
 Ended jovu(const std::vector<std::string>& args, const std::string& input, Out out) {
     Program program(args, out);
+    if (out == Out::dialog && !input.empty()) program.writes("[y/N] ");
     program.type(input);
     program.end_input();
     const int status = program.finish();

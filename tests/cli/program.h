@@ -70,7 +70,7 @@ struct Ended {
     std::string err;
 };
 
-/// Runs `jovu` to its end.
+/// Runs `jovu` to its end. In a dialog the input is typed when a question has been asked.
 Ended jovu(const std::vector<std::string>& args, const std::string& input = "",
            Out out = Out::pipe);
 

@@ -121,6 +121,7 @@ TEST_F(Update, IsNotBegunUnlessItIsConfirmed) {
     EXPECT_THAT(nobody.err, HasSubstr("--yes is needed"));
     for (const char* const answer : {"\n", "no\n", "yeah\n", "\x04", "\x03"}) {
         Program program({"update", image_.path()}, Out::dialog);
+        program.type("y\n");  // ahead of the question, which it does not answer
         ASSERT_TRUE(program.writes("[y/N] "));
         program.type(answer);
         EXPECT_EQ(program.finish(), 130) << answer;
