@@ -337,6 +337,7 @@ def main():
     outcomes = []
     with tempfile.TemporaryDirectory(prefix="jm", dir="/tmp") as temporary:
         os.environ["TMPDIR"] = temporary
+        os.environ["TSAN_OPTIONS"] = f"suppressions={TREE}/tests/tsan.supp"
         try:
             prepare(options.preset, sorted({mutant.id.split("/")[0] for mutant in chosen}))
             print(f"the copy was built and passed in {time.monotonic() - start:.0f} s", flush=True)
