@@ -197,10 +197,8 @@ TEST_F(Watcher, OpensNothingOnceAHoldIsTakenEvenInTheMiddleOfAScan) {
 TEST_F(Watcher, IsWokenFromAnEventWaitToStop) {
     for (const bool with_device : {false, true}) {
         fake_usb::wait_for_events_endlessly(true);
-        std::optional<JovuScanPause> pause(std::in_place);
         if (with_device) fake_usb::plug(1, 5);
         std::optional<LinkClient> client(std::in_place, journal, "a", 0);
-        pause.reset();
         EXPECT_TRUE(!with_device || journal.wait("a+1.5"));
         in_time("stop", [&] { client.reset(); });
         finish();
