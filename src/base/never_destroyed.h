@@ -1,7 +1,9 @@
 /// @file
-/// Storage for process-wide state that outlives static destruction.
+/// Storage for state that outlives static destruction.
 #pragma once
 
+#include <atomic>
+#include <memory>
 #include <new>
 #include <type_traits>
 
@@ -22,5 +24,17 @@ public:
 private:
     std::aligned_storage_t<sizeof(T), alignof(T)> storage_;
 };
+
+/// Keeps an object that other code may still use when its owner is destroyed. Needs no memory: the
+/// objects form a list through their member `kept_before`, a T* that is null at first, so that a
+/// leak checker reaches them.
+template <class T>
+void keep_until_exit(std::unique_ptr<T> object) noexcept {
+    static std::atomic<T*> last{nullptr};
+    T* const kept = object.release();
+    kept->kept_before = last.load();
+    while (!last.compare_exchange_weak(kept->kept_before, kept)) {
+    }
+}
 
 }  // namespace jovu

@@ -5,6 +5,7 @@
 #include <string>
 #include <utility>
 
+#include "base/never_destroyed.h"
 #include "core/attribute_words.h"
 #include "core/last_send_error.h"
 #include "core/message.h"
@@ -21,7 +22,7 @@ JovuTransport::~JovuTransport() {
     JovuTransport::shutdown();
     // In a callback, as when a handler calls std::exit() and the client is a static object, what
     // called the handler still uses the state.
-    if (JovuUsb::in_callback()) static_cast<void>(state_.release());
+    if (JovuUsb::in_callback()) jovu::keep_until_exit(std::move(state_));
 }
 
 void JovuTransport::shutdown() {

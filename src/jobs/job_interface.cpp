@@ -5,6 +5,7 @@
 #include <string>
 #include <utility>
 
+#include "base/never_destroyed.h"
 #include "jobs/job_interface_state.h"
 #include "jobs/job_requests.h"
 #include "jobs/status_report.h"
@@ -19,7 +20,7 @@ JovuJobInterface::JovuJobInterface() : state_(std::make_unique<State>()) {
 JovuJobInterface::~JovuJobInterface() {
     JovuJobInterface::shutdown();
     // As in ~JovuTransport().
-    if (JovuUsb::in_callback()) static_cast<void>(state_.release());
+    if (JovuUsb::in_callback()) jovu::keep_until_exit(std::move(state_));
 }
 
 void JovuJobInterface::shutdown() {

@@ -25,4 +25,6 @@ struct JovuJobInterface::State {
     /// Requests and pushes.
     jovu::CallsInProgress calls;
     jovu::Registration registration;
+
+    State* kept_before = nullptr;  ///< As jovu::keep_until_exit() needs it.
 };
