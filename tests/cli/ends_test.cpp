@@ -182,7 +182,7 @@ TEST(Interrupt, EndsAnExchangeThatIsNotAnswered) {
     EXPECT_EQ(stats(device)["clients"], 1) << "still there";
     const auto second = std::chrono::steady_clock::now();
     expect_interrupted(stalled, "");
-    EXPECT_LT(std::chrono::steady_clock::now() - second, std::chrono::seconds(2));
+    EXPECT_LT(std::chrono::steady_clock::now() - second, std::chrono::seconds(4));
 }
 
 }  // namespace
