@@ -94,12 +94,6 @@ TEST(WaitDevice, WaitsForOneToAppear) {
     EXPECT_EQ(json::parse(chosen.out())["device"], "1:9");
 }
 
-TEST(WaitDevice, GivesUpInTheEnd) {
-    EXPECT_EQ(jovu({"--wait-device", "0.2", "status"}).status, 3);
-    plug();
-    EXPECT_EQ(jovu({"--wait-device", "0.2", "-d", "7:7", "status"}).status, 3);
-}
-
 TEST(Json, IsTheWholeOutputOfARequest) {
     const JovuDeviceAddress device = plug();
     const TemporaryFile job("job.gcode", job_content(30000));
