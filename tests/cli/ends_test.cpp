@@ -42,7 +42,7 @@ TEST(Ends, WrongUsageNamesWhatIsWrong) {
         {{"gcode", "-f", "file", "G28"}, "--file"},
         {{"gcode", "G28", "G28\nG1 X10"}, "G28\\nG1 X10"},
         {{"gcode", "G28", "G28\rG1 X10"}, "G28\\rG1 X10"},
-        {{"call"}, "COMMAND"},
+        {{"call"}, "NAME"},
         {{"call", "gpio_get_raw", "gpio=-1"}, "gpio=-1 is out of range"},
         {{"call", "gpio_get_rww", "gpio=1"}, "gpio_get_rww"},
         {{"commands", "gpio"}, "gpio"},
