@@ -95,21 +95,5 @@ TEST(Call, ReadsBackWhatItHasWritten) {
     EXPECT_EQ(complaints(device), 0);
 }
 
-TEST(Call, SendsNothingThatIsWrong) {
-    const JovuDeviceAddress device = plug();
-    for (const std::vector<std::string>& words :
-         {std::vector<std::string>{"call", "gpio_get_raw", "gpio=-1"},
-          {"call", "gpio_get_rww", "gpio=1"},
-          {"call"},
-          {"commands", "gpio"}}) {
-        const Ended ended = jovu(words);
-        EXPECT_EQ(ended.status, 2) << ended.err;
-        EXPECT_EQ(ended.out, "");
-    }
-    EXPECT_EQ(stats(device)["opens"], 0) << "the device was not even looked for";
-    EXPECT_THAT(jovu({"commands", "ui_led"}).out,
-                HasSubstr("on_count   short     -32768 to 32767\n"));
-}
-
 }  // namespace
 }  // namespace test

@@ -42,17 +42,24 @@ TEST(Ends, WrongUsageNamesWhatIsWrong) {
         {{"gcode", "-f", "file", "G28"}, "--file"},
         {{"gcode", "G28", "G28\nG1 X10"}, "G28\\nG1 X10"},
         {{"gcode", "G28", "G28\rG1 X10"}, "G28\\rG1 X10"},
+        {{"call"}, "NAME"},
+        {{"call", "gpio_get_raw", "gpio=-1"}, "gpio=-1 is out of range"},
+        {{"call", "gpio_get_rww", "gpio=1"}, "gpio_get_rww"},
+        {{"commands", "gpio"}, "gpio"},
     };
     const JovuDeviceAddress device = plug();
     for (const auto& row : rows) {
         expect_error(jovu(row.args), 2, row.named);
     }
-    EXPECT_EQ(requests(device, "gcode_process_command"), 0);
+    EXPECT_EQ(stats(device)["opens"], 0) << "the device was not even looked for";
+    EXPECT_THAT(jovu({"commands", "ui_led"}).out,
+                HasSubstr("on_count   short     -32768 to 32767\n"));
 }
 
 TEST(Ends, WithoutADevice) {
     expect_error(jovu({"status"}), 3, "no device");
     expect_error(jovu({"--json", "info"}), 3, "no device");
+    expect_error(jovu({"--wait-device", "0.2", "status"}), 3, "no device");
     plug("1:3 product=0003");
     expect_error(jovu({"status"}), 3, "of another kind ('jovu list' shows it)");
     plug("1:4 product=00df");
@@ -60,6 +67,7 @@ TEST(Ends, WithoutADevice) {
     plug("1:2");
     expect_error(jovu({"status", "-d", "9:9"}), 3, "no such device: 9:9 (connected: 1:2)");
     expect_error(jovu({"status", "-d", "1:4"}), 3, "1:4 is in DFU mode");
+    expect_error(jovu({"--wait-device", "0.2", "-d", "7:7", "status"}), 3, "no such device: 7:7");
     sim("fault 1:2 open");
     expect_error(jovu({"status"}), 3, "cannot open 1:2: /dev/bus/usb/001/002: Is a directory");
     expect_error(jovu({"status", "-d", "9:9"}), 3, "no such device: 9:9 (--wait-device SECONDS");

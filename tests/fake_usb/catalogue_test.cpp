@@ -385,15 +385,19 @@ TEST_F(EveryCommand, IsNotSentWithAValueThatHasNoForm) {
     servo_dc_client_config_t servo{};
     servo.gains.kd = nan;
     const auto move = two<servo_dc_move_config_t>([](auto& m) { m.target = -HUGE_VAL; });
+    const auto nan_buffer = std::make_shared<float>(nan);
+    const auto endless = test::text(std::string(30000, 'G'));
     const std::pair<std::function<void()>, const char*> rows[] = {
         {[&] { client.heater_var_set(kAddress, {}, nan); }, "\"var_val\" is not a finite number: "},
         {[&] { client.servo_dc_config_set(kAddress, {}, servo); }, "\"kd\" is not a finite number"},
         {[&] { client.servo_dc_move(kAddress, {}, move); },
          "\"target\" is not a finite number: -inf"},
         {[&] { client.servo_dc_move(kAddress, {}, nullptr); }, "\"move_config\" is null"},
+        {[&] { client.heater_var_get(kAddress, {}, nan_buffer); }, "\"var_val\" is not a finite"},
         {[&] { client.heater_var_get(kAddress, {}, nullptr); }, "\"var_val\" is null"},
         {[&] { client.sd_mmc_write(kAddress, 0, nullptr, 1); }, "\"buf\" is null"},
         {[&] { client.gcode_process_macro(kAddress, nullptr); }, "\"macro\" is null"},
+        {[&] { client.gcode_process_macro(kAddress, endless); }, "is too long"},
     };
     for (const auto& [call, reason] : rows) {
         call();

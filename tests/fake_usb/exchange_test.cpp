@@ -27,6 +27,10 @@ TEST_F(Exchange, OnlyTheRightResponseEndsIt) {
     const std::string deep(65, '[');
     const std::string cases[] = {
         "not json",
+        "[]",
+        R"({"transport":[],"data":{}})",
+        R"({"transport":{"attrs":{"a":1},"id":#},"data":)" + good,
+        R"({"transport":{"attrs":["response"],"id":1e300},"data":)" + good,
         deep + std::string(65, ']'),
         R"({"transport":{"attrs":["response"]},"data":)" + good,
         R"({"transport":{"attrs":["response"],"id":"#"},"data":)" + good,

@@ -183,47 +183,35 @@ TEST_F(Reception, ACompletionThatCancellingComesTooLateForIsNotResubmitted) {
     EXPECT_EQ(fake_usb::calls(Call::submit), submitted);
 }
 
-TEST_F(Reception, ClosingOutlastsADeliveryOnAnotherThread) {
-    Link link(journal);
-    ASSERT_TRUE(journal.wait("b+1.5"));
-    Barrier barrier;
-    link.jobs->on_data = [&barrier](unsigned char*) { barrier.wait(); };
-    const auto deliver_meanwhile = [&] {
-        post(link.device, kJobsIn, LIBUSB_TRANSFER_COMPLETED, "x");
-        EXPECT_TRUE(journal.wait("b<1.5 x"));
-    };
-    fake_usb::script(Call::cancel, {{0, deliver_meanwhile}});
-    auto closing = std::async(std::launch::async, [] { JovuUsb::close(kAddress); });
-    ASSERT_TRUE(journal.wait("b<1.5 x"));
-    // Nobody can handle events meanwhile, so the other channel's cancellation waits as well.
-    EXPECT_EQ(closing.wait_for(jovu::kDrainLimit + std::chrono::milliseconds(200)),
-              std::future_status::timeout);
-    barrier.open();
-    in_time("close", [&] { closing.get(); });
-}
-
-TEST_F(Reception, ClosingOutlastsADeliveryThatFails) {
-    testing::internal::CaptureStdout();
-    {
-        Link link(journal);
-        ASSERT_TRUE(journal.wait("b+1.5"));
-        Barrier barrier;
-        link.jobs->on_data = [&barrier](unsigned char*) {
-            barrier.wait();
-            throw std::runtime_error("odd");
-        };
-        fake_usb::script(Call::cancel, {{0, [&] {
-                                             post(link.device, kJobsIn, LIBUSB_TRANSFER_COMPLETED,
-                                                  "x");
-                                             EXPECT_TRUE(journal.wait("b<1.5 x"));
-                                         }}});
-        auto closing = std::async(std::launch::async, [] { JovuUsb::close(kAddress); });
-        ASSERT_TRUE(journal.wait("b<1.5 x"));
-        EXPECT_EQ(closing.wait_for(std::chrono::milliseconds(50)), std::future_status::timeout);
-        barrier.open();
-        in_time("close", [&] { closing.get(); });
+TEST_F(Reception, ClosingOutlastsADeliveryOnAnotherThreadAlsoOneThatFails) {
+    for (const bool fails : {false, true}) {
+        Journal told;
+        testing::internal::CaptureStdout();
+        {
+            Link link(told);
+            ASSERT_TRUE(told.wait("b+1.5"));
+            Barrier barrier;
+            link.jobs->on_data = [&](unsigned char*) {
+                barrier.wait();
+                if (fails) throw std::runtime_error("odd");
+            };
+            const auto deliver_meanwhile = [&] {
+                post(link.device, kJobsIn, LIBUSB_TRANSFER_COMPLETED, "x");
+                EXPECT_TRUE(told.wait("b<1.5 x"));
+            };
+            fake_usb::script(Call::cancel, {{0, deliver_meanwhile}});
+            auto closing = std::async(std::launch::async, [] { JovuUsb::close(kAddress); });
+            ASSERT_TRUE(told.wait("b<1.5 x"));
+            // Nobody can handle events meanwhile: the other channel's cancellation waits as well.
+            EXPECT_EQ(closing.wait_for(jovu::kDrainLimit + std::chrono::milliseconds(200)),
+                      std::future_status::timeout);
+            barrier.open();
+            in_time("close", [&] { closing.get(); });
+        }
+        EXPECT_EQ(testing::internal::GetCapturedStdout(),
+                  fails ? "Fatal error in hotplug thread - odd.\n" : "");
+        finish();
     }
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), "Fatal error in hotplug thread - odd.\n");
 }
 
 TEST_F(Reception, StoppingLetsADeliveryFinish) {

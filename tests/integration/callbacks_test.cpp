@@ -135,7 +135,7 @@ TEST(InACallbackOfOneClient, BuildingAnotherIsRefusedAndEndingOneCutsItOffWithou
     EXPECT_EQ(other->disconnects(device), 0U) << "cut off";
 }
 
-TEST(InAConnectCallback, CommandsWork) {
+TEST(InANoticesCallback, CommandsAndListingsWork) {
     const JovuDeviceAddress device = plug();
     RecordingClient client;
     std::promise<bool> answered;
@@ -144,6 +144,10 @@ TEST(InAConnectCallback, CommandsWork) {
         answered.set_value(client.answers(address));
     };
     auto result = answered.get_future();
+    client.on_disconnected = [&](JovuDeviceAddress address) {
+        EXPECT_FALSE(client.answers(address));
+        EXPECT_TRUE(client.list_attached().empty() && client.list_connected().size() < 2);
+    };
     sim("unplug " + name(device));
     ASSERT_TRUE(client.wait_disconnected(device));
     plug(name(device));

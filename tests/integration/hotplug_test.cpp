@@ -16,34 +16,6 @@ using test::plug;
 using test::RecordingClient;
 using test::sim;
 
-TEST(Hotplug, AnAttachedDeviceIsAlwaysAnnounced) {
-    const JovuDeviceAddress device = plug();
-    for (int i = 0; i < 25; ++i) {
-        RecordingClient client;
-        ASSERT_TRUE(client.wait_connected(device)) << "construction " << i;
-        EXPECT_TRUE(client.answers(device)) << JovuTransport::last_send_error();
-    }
-}
-
-TEST(Hotplug, DevicesComeAndGo) {
-    RecordingClient client;
-    const JovuDeviceAddress first = plug("1:7");
-    const JovuDeviceAddress second = plug("1:8");
-    ASSERT_TRUE(client.wait_connected(first));
-    ASSERT_TRUE(client.wait_connected(second));
-    EXPECT_EQ(client.list_connected().size(), 2U);
-    EXPECT_STRNE(client.bio_get_serial(first).get(), client.bio_get_serial(second).get());
-
-    sim("unplug " + name(first));
-    ASSERT_TRUE(client.wait_disconnected(first));
-    EXPECT_TRUE(eventually([&] { return client.list_connected().size() == 1; }));
-    EXPECT_FALSE(client.answers(first));
-    EXPECT_EQ(JovuTransport::last_send_error(), "Transport Error - Device has been disconnected.");
-    EXPECT_TRUE(client.answers(second)) << "the other one lives on";
-    EXPECT_EQ(client.connects(first), 1U);
-    EXPECT_EQ(client.disconnects(second), 0U);
-}
-
 TEST(Hotplug, ListingKnowsKindsAndNeedsNoClient) {
     plug("1:4 product=0002");
     plug("1:5 product=0003");
@@ -59,15 +31,6 @@ TEST(Hotplug, ListingKnowsKindsAndNeedsNoClient) {
     // Off the link there is no context, and still the bus can be listed.
     client.shutdown();
     EXPECT_EQ(client.list_attached().size(), 3U);
-}
-
-TEST(Hotplug, ADeviceInUseElsewhereIsTakenOnceItIsFree) {
-    const JovuDeviceAddress device = plug();
-    sim("fault " + name(device) + " claim EBUSY 2");
-    RecordingClient client;
-    ASSERT_TRUE(client.wait_connected(device));
-    EXPECT_TRUE(client.answers(device));
-    EXPECT_EQ(client.connects(device), 1U);
 }
 
 TEST(Hotplug, AClosedDeviceStaysClosedUntilItIsReplugged) {
@@ -91,36 +54,6 @@ TEST(Hotplug, AClosedDeviceStaysClosedUntilItIsReplugged) {
     EXPECT_EQ(client.disconnects(device), 1U) << "the close was the only one to be told";
 }
 
-TEST(Hotplug, AQuickReplugAtOneAddressEndsConnected) {
-    const JovuDeviceAddress device = plug();
-    RecordingClient client;
-    // Old notices are made to come late.
-    client.on_disconnected = [](JovuDeviceAddress) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(3));
-    };
-    ASSERT_TRUE(client.wait_connected(device));
-    std::atomic<bool> stop{false};
-    std::thread sender([&] {
-        while (!stop)
-            client.bio_get_version(device);
-    });
-    for (int i = 0; i < 20; ++i) {
-        sim("replug " + name(device));
-        std::this_thread::sleep_for(std::chrono::milliseconds(7 * (i % 5)));
-    }
-    EXPECT_TRUE(eventually([&] { return client.answers(device); }));
-    stop = true;
-    sender.join();
-    sim("unplug " + name(device));
-    EXPECT_TRUE(eventually([&] {
-        return client.list_connected().empty() && client.connects(device) > 0 &&
-               client.connects(device) == client.disconnects(device);
-    })) << client.connects(device)
-        << " connects, " << client.disconnects(device) << " disconnects";
-    EXPECT_FALSE(client.answers(device));
-    EXPECT_EQ(JovuTransport::last_send_error(), "Transport Error - Device has been disconnected.");
-}
-
 TEST(Hotplug, SendersInATightLoopDoNotHideArrivals) {
     const JovuDeviceAddress device = plug();
     RecordingClient client;
@@ -139,6 +72,8 @@ TEST(Hotplug, SendersInATightLoopDoNotHideArrivals) {
     EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(20));
     sim("unplug " + name(late));
     EXPECT_TRUE(client.wait_disconnected(late));
+    EXPECT_EQ(client.connects(late), 1U);
+    EXPECT_EQ(client.disconnects(device), 0U);
     stop = true;
     for (std::thread& sender : senders)
         sender.join();

@@ -181,14 +181,6 @@ TEST(MessageChannel, SendsEventsWithIdsOfTheirOwn) {
     EXPECT_NE(events[0]["transport"]["id"], events[1]["transport"]["id"]);
 }
 
-TEST(MessageChannel, WhatACommandSaysComesBeforeItsAnswer) {
-    Host host;
-    const auto messages = host.exchange(Host::gcode(3, "M118 hello"));
-    ASSERT_EQ(messages.size(), 2U);
-    EXPECT_EQ(messages[0]["data"]["event"]["args"]["text"].dump(), Host::bytes_of("hello"));
-    EXPECT_EQ(messages[1]["transport"]["id"], 3);
-}
-
 TEST(MessageChannel, SurvivesTheLongestRequest) {
     // Its echo and its event are longer than a frame can be.
     const std::string overhead = Host::gcode(1, "M118 ");

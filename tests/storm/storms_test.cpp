@@ -166,6 +166,11 @@ TEST_F(Storm, ADeviceThatComesAndGoesUnderCommandsAndAPush) {
         EXPECT_TRUE(eventually([&] { return client.answers(device); }));
         std::printf("%ld commands answered, %zu arrivals told\n", answered.load(),
                     client.connects(device));
+        sim("unplug " + name(device));
+        EXPECT_TRUE(eventually([&] {
+            return client.list_connected().empty() &&
+                   client.connects(device) == client.disconnects(device);
+        }));
     }
     check_holdings(replugs);
 }
@@ -293,6 +298,8 @@ TEST_F(Storm, ClientsComeAndGoWhileDevicesDo) {
                         const std::chrono::milliseconds patience(random() % 2 == 0 ? 0 : 1000);
                         eventually([&] { return client.connects(device) > 0; }, patience);
                         answered += client.answers(device) ? 1 : 0;
+                        client.shutdown();
+                        EXPECT_FALSE(client.list_attached().empty());
                         clients.erase(clients.begin() + static_cast<std::ptrdiff_t>(which));
                     }
                 }
@@ -312,70 +319,6 @@ TEST_F(Storm, ClientsComeAndGoWhileDevicesDo) {
     sim("unplug " + name(device));
     sim("unplug " + name(other));
     check_holdings(lives);
-}
-
-/// Whatever the documents allow inside a callback is done there.
-class Meddler : public RecordingClient {
-public:
-    explicit Meddler(const JovuScanPause& hold = JovuScanPause()) : RecordingClient(hold) {}
-    ~Meddler() override { shutdown(); }
-
-    std::atomic<long> calls{0};
-
-    void device_connected(JovuDeviceAddress address) override {
-        RecordingClient::device_connected(address);
-        bio_get_version(address);
-        tolerantly([&] { RequestStatus(address); });
-        look_around();
-    }
-    void device_disconnected(JovuDeviceAddress address) override {
-        RecordingClient::device_disconnected(address);
-        bio_get_version(address);
-        look_around();
-    }
-    void debug_event(JovuDeviceAddress address, std::shared_ptr<char> /*text*/) override {
-        bio_get_serial(address);
-        EXPECT_FALSE(last_send_error().empty()) << "nothing can be sent here";
-        if (++calls % 397 == 0) close(address);
-        look_around();
-    }
-    void StatusReceived(JovuDeviceAddress address, StatusMsg /*status*/) override {
-        ++calls;
-        EXPECT_THROW(RequestStatus(address), JovuException);
-        EXPECT_THROW(RecordingClient(), JovuException);
-        look_around();
-    }
-
-private:
-    void look_around() const {
-        list_connected();
-        list_attached();
-    }
-};
-
-TEST_F(Storm, CallbacksThatCallBack) {
-    const int rounds = 4 * storm_scale();
-    long calls = 0;
-    {
-        const JovuDeviceAddress device = plug();
-        Meddler client;
-        ASSERT_TRUE(client.wait_connected(device));
-        for (int i = 0; i < rounds; ++i) {
-            const long before = client.calls;
-            sim("fault " + name(device) + " flood message 100");
-            sim("fault " + name(device) + " flood job 20");
-            // Less when a callback closes the device.
-            eventually([&] { return client.calls >= before + 120; }, std::chrono::seconds(1));
-            const std::size_t connects = client.connects(device);
-            sim("replug " + name(device));
-            let_go_of_a_failed_open();
-            ASSERT_TRUE(client.wait_connected(device, connects + 1));
-        }
-        EXPECT_TRUE(eventually([&] { return client.answers(device); }));
-        calls = client.calls;
-        EXPECT_GT(calls, rounds * 60);
-    }
-    check_holdings(calls);
 }
 
 }  // namespace

@@ -12,14 +12,6 @@ using Text = std::shared_ptr<char>;
 
 class Command : public testing::Test {
 protected:
-    /// The "command" object of a message.
-    static std::string body(JovuMessage& message) {
-        const std::string text = message.compile();
-        const std::string before = R"(},"data":{"command":)";
-        const std::size_t at = text.find(before) + before.size();
-        return text.substr(at, text.size() - at - 2);
-    }
-
     /// Hands a reply with this "command" to a command.
     void reply(JovuMessage& request, const std::string& command) {
         const jovu::JsonTree tree = jovu::parse_json(R"({"command":)" + command + "}");
@@ -30,55 +22,12 @@ protected:
     test::RecordingClient client;
 };
 
-TEST_F(Command, WritesItsArgumentsUnderTheirKeys) {
-    VoidJovuFirmwareCommandNoArg bare(client, "bare", 7);
-    EXPECT_EQ(body(bare), R"({"idx":7,"name":"bare"})");
-    enum Level : std::uint32_t { high = 0xFFFFFFFF };
-    JovuFirmwareCommand<int, bool, unsigned char, short, int, unsigned, Level, Text> command(
-        client, "all", 67,
-        {true, '\xFF', std::numeric_limits<short>::min(), -1, 4294967295U, high,
-         test::text("a\"\xE9")},
-        {"b", "c", "s", "i", "u", "e", "t"});
-    EXPECT_EQ(body(command),
-              R"({"idx":67,"name":"all","args":{"b":1,"c":255,"s":-32768,"i":-1,"u":4294967295,)"
-              R"("e":4294967295,"t":[97,34,-23,0]}})");
-}
-
-TEST_F(Command, WritesFloatsExactlyAndOfABufferTheFirstElement) {
-    const auto floats = std::make_shared<std::vector<float>>(std::vector<float>{1.5F, 2.5F});
-    const auto bytes =
-        std::make_shared<std::vector<unsigned char>>(std::vector<unsigned char>{200, 7});
-    JovuFirmwareCommand<int, float, double, std::shared_ptr<float>, std::shared_ptr<unsigned char>>
-        command(client, "n", 1, {0.1F, -1e300, {floats, floats->data()}, {bytes, bytes->data()}},
-                {"f", "d", "fs", "bs"});
-    EXPECT_EQ(body(command), R"({"idx":1,"name":"n","args":{"f":0.10000000149011611938,)"
-                             R"("d":-1.0000000000000000525e+300,"fs":[1.5],"bs":[200]}})");
-}
-
-/// A gap in the arguments would hand the device a value that was meant for another.
-TEST_F(Command, IsNotWrittenWithAValueThatHasNoJsonForm) {
-    const auto error = [this](auto value) {
-        JovuFirmwareCommand<int, decltype(value)> command(client, "n", 1, {value}, {"k"});
-        try {
-            return "written: " + command.compile();
-        } catch (const JovuException& refused) {
-            return std::string(refused.what());
-        }
-    };
-    const float nan = std::numeric_limits<float>::quiet_NaN();
-    const double infinity = std::numeric_limits<double>::infinity();
-    const std::string refused = "Send failed - argument \"k\" is ";
-    EXPECT_EQ(error(nan), refused + "not a finite number: nan.");
-    EXPECT_EQ(error(-infinity), refused + "not a finite number: -inf.");
-    EXPECT_EQ(error(std::make_shared<float>(nan)), refused + "not a finite number: nan.");
-    EXPECT_EQ(error(std::shared_ptr<float>()), refused + "null.");
-    EXPECT_EQ(error(std::shared_ptr<unsigned char>()), refused + "null.");
-    EXPECT_EQ(error(Text()), refused + "null.");
+TEST_F(Command, IsNotWrittenWithAValueWhereAKeyBelongs) {
     struct Careless : JovuCommand {
         using JovuCommand::JovuCommand;
         void compile_command(yajl_gen g) override { gen_double(g, 1.0); }
     };
-    EXPECT_THROW(Careless(client).compile(), JovuException) << "a value where a key belongs";
+    EXPECT_THROW(Careless(client).compile(), JovuException);
 }
 
 TEST_F(Command, ReadsFloatsAndArraysOrNothing) {

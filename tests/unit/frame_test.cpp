@@ -58,15 +58,6 @@ TEST(Frame, IsFoundHoweverItsBytesAreSplit) {
             EXPECT_EQ(decoded(row.bytes, head), row.expected)
                 << row.what << ", split behind " << head;
         }
-        Payloads payloads;
-        jovu::FrameDecoder decoder;
-        for (const char byte : row.bytes) {
-            const auto value = static_cast<unsigned char>(byte);
-            decoder.feed(&value, 1, [&](const unsigned char* payload, unsigned length) {
-                payloads.emplace_back(payload, payload + length);
-            });
-        }
-        EXPECT_EQ(payloads, row.expected) << row.what << ", byte by byte";
     }
 }
 
