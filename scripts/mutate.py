@@ -37,8 +37,9 @@ WORK = ROOT / "build" / "mutation"
 TREE = WORK / "tree"
 LEAST_CAUGHT = 0.9
 BUILD_LIMIT = 900  # seconds
-STAGE_LIMIT = 300
-TEST_LIMIT = 40  # for one test; those of the suite are for a busy machine
+PROGRAM_LIMIT = 60  # for all tests of a program that needs no bus: a few seconds
+CTEST_LIMIT = 300
+TEST_LIMIT = 40  # for one of these; those of the suite are for a busy machine
 
 # What is built and how its tests run: as one program, or by ctest with these arguments.
 Stage = collections.namedtuple("Stage", "targets program ctest on_bus")
@@ -206,7 +207,8 @@ def run_tests(preset, stage, arguments):
     else:
         command = bare + ["ctest", "--preset", preset, "--parallel", "8"] + arguments
         failed = re.compile(rb"Test +#\d+: (\S+) .*\*\*\*(\w+)")
-    status = run(command, STAGE_LIMIT, "test.log", failed)
+    limit = PROGRAM_LIMIT if stage.program else CTEST_LIMIT
+    status = run(command, limit, "test.log", failed)
     if stage.program and isinstance(status, int) and status != 0:  # a crash
         begun = re.findall(rb"\[ RUN      \] .*", (WORK / "test.log").read_bytes())
         return re.search(rb"([\w./]+)$()", begun[-1]) if begun else status

@@ -202,6 +202,44 @@ TEST(MachineTest, AResetIsAPowerOn) {
     EXPECT_EQ(machine["sd"]["writes"], 1) << "the card keeps what it has";
 }
 
+TEST(GcodeTest, LinesHaveTheirResultsAndSayWhatTheMachineDoes) {
+    Host host;
+    const auto run = [&host](const char* line, int result) {
+        const auto messages = host.exchange(Host::gcode(1, line));
+        EXPECT_EQ(messages.back()["data"]["command"]["__return__"], result) << line;
+        return messages.size() == 1 ? Json() : messages[0]["data"]["event"]["args"]["text"];
+    };
+    const std::pair<int, std::vector<const char*>> refused[] = {
+        {1, {"1", "G1 5", "G1 Xx", "M104"}},
+        {2, {"G2", "M82.5"}},
+        {3, {"G1 X200.1", "G1 X-0.1", "G1 F0", "G4 P-1", "M104 S-1", "M104 S300.5", "M106 S-1"}},
+        {3, {"M106 S256"}},
+    };
+    for (const auto& [result, lines] : refused) {
+        for (const char* const line : lines)
+            EXPECT_EQ(run(line, result), Json());
+    }
+    const std::pair<std::vector<const char*>, const char*> said[] = {
+        {{"", " ; G1 X999", "G4 P0", "M106 S255", "M117 c", "M118 a ;b"}, "a ;b"},
+        {{"g0x+200 Z180 E-5 F6000;", "M114"}, "X:200.00 Y:0.00 Z:180.00 E:-5.00"},
+        {{"G91", "G1 X-50 E2", "M82", "G1 X-50 E2", "M114"}, "X:100.00 Y:0.00 Z:180.00 E:2.00"},
+        {{"G90", "M83", "G1 X5 E2", "G28 Z", "M114"}, "X:5.00 Y:0.00 Z:0.00 E:4.00"},
+        {{"G92 X7", "M114"}, "X:7.00 Y:0.00 Z:0.00 E:4.00"},
+        {{"G92", "M114"}, "X:0.00 Y:0.00 Z:0.00 E:0.00"},
+        {{"M109 S300", "M105"}, "ok T:23.5 /300.0"},
+        {{"M104 S0", "M105"}, "ok T:23.5 /0.0"},
+    };
+    for (const auto& [lines, reply] : said) {
+        Json text;
+        for (const char* const line : lines)
+            text = run(line, 0);
+        EXPECT_EQ(text.dump(), Host::bytes_of(reply));
+    }
+    EXPECT_EQ(host.machine()["fan"], 255);
+    EXPECT_EQ(host.stats()["message"]["display"], "c");
+    EXPECT_EQ(host.stats()["message"]["gcode"].size(), 8U);
+}
+
 TEST(MachineTest, RefusesWhatItDoesNotHave) {
     Host host;
     host.result("hbridge_duty_set", R"({"hbridge":0,"duty":101})");

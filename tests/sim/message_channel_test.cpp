@@ -110,15 +110,12 @@ TEST(MessageChannel, ComplainsAboutEveryBreachOfTheRules) {
          "takes no arguments", true},
         {"args missing", Host::command(9, 5, "gcode_process_command"), "missing", true},
         {"args empty", gcode_args("{}"), "\"args\" is {}", true},
-        {"args no object", gcode_args("[[0]]"), "\"args\" is [[0]]", true},
         {"wrong key", gcode_args(R"({"cmd":[0]})"), "in the place of \"command\"", true},
-        {"one too many", gcode_args(R"({"command":[0],"more":1})"), "\"args\" is", true},
         {"text no array", gcode_args(R"({"command":"G28"})"), "no array", true},
         {"text without elements", gcode_args(R"({"command":[]})"), "empty", true},
         {"text without its 0", gcode_args(R"({"command":[71]})"), "not 0", true},
         {"0 inside", gcode_args(R"({"command":[71,0,71,0]})"), "before the end", true},
         {"unsigned byte", gcode_args(R"({"command":[233,0]})"), "outside -128..127", true},
-        {"too negative", gcode_args(R"({"command":[-129,0]})"), "outside -128..127", true},
         {"fraction", gcode_args(R"({"command":[71.0,0]})"), "no integer", true},
     };
     for (const BadRequest& c : cases) {
