@@ -54,7 +54,9 @@ public:
     ///
     /// In a handler that is called with received data it cannot wait for other callbacks: none
     /// begins after it returns, and the rest is left to a later call or the destructor. A client
-    /// must not be destroyed in a handler, except by std::exit(), which never returns to it.
+    /// must not be destroyed in a handler, except by std::exit(), which never returns to it. Other
+    /// threads' calls then fail. As with _exit() or a kill, a frame that is being sent may be cut,
+    /// which the controller drops after a time of its own.
     void shutdown();
 
 private:

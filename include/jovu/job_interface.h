@@ -147,7 +147,9 @@ public:
     /// @param compressed must be false.
     ///
     /// A file that cannot be read to its end, or that becomes shorter meanwhile, ends the push
-    /// early and still with 100.0: the device finds out by the announced size and checksum.
+    /// early and still with 100.0, without an exception. The device then waits for the rest and
+    /// takes all requests for job data, as after an exception; the overload with a JovuPushCancel
+    /// fills up.
     /// @throws JovuException "Failed to open job file." (also for a directory or a pipe),
     ///     "Compression not supported yet." or "Send failed - ...".
     void SendJobFile(JovuDeviceAddress address, std::string path, Progress progress, void* user,
@@ -163,8 +165,9 @@ public:
     /// progress call. Cancelled after its last byte, it counts as completed.
     /// @param cancel outlives the call.
     /// @throws JovuException as the other overload; the device then waits for the rest of the job.
-    JovuPushResult SendJobFile(JovuDeviceAddress address, std::string path, Progress progress,
-                               void* user, bool compressed, const JovuPushCancel& cancel);
+    [[nodiscard]] JovuPushResult SendJobFile(JovuDeviceAddress address, std::string path,
+                                             Progress progress, void* user, bool compressed,
+                                             const JovuPushCancel& cancel);
 
     /// The push itself, on an open file that stays the caller's and open.
     /// @param file a stream that can be sought; is read twice from its start. Read errors as in
@@ -217,5 +220,5 @@ private:
     void reject_calls();
 
     struct State;
-    std::unique_ptr<State> state_;
+    std::shared_ptr<State> state_;
 };

@@ -91,8 +91,8 @@ public:
     /// Choose strict matching unless devices are known to send responses through one another or
     /// under other names. Call it before devices connect: first thing in the constructor of a class
     /// that takes a JovuScanPause.
-    /// @throws JovuException once an exchange of this object has begun; std::exception when the
-    ///     system has no random numbers.
+    /// @throws JovuException once an exchange of this object has begun, or when the system has no
+    ///     random numbers.
     void set_strict_matching(bool strict);
 
     /// Sends a message and, if it expects an answer, waits for it. Used by the library's own
@@ -131,5 +131,5 @@ private:
     void exchange(JovuMessage& message, JovuDeviceAddress address);
 
     struct State;
-    std::unique_ptr<State> state_;
+    std::shared_ptr<State> state_;
 };

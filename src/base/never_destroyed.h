@@ -25,13 +25,14 @@ private:
     std::aligned_storage_t<sizeof(T), alignof(T)> storage_;
 };
 
-/// Keeps an object that other code may still use when its owner is destroyed. Needs no memory: the
-/// objects form a list through their member `kept_before`, a T* that is null at first, so that a
-/// leak checker reaches them.
+/// Keeps an object that other threads may still use when its owner is destroyed. Needs no memory:
+/// the objects own themselves by their member `kept_by`, and form a list through `kept_before`, a
+/// T* that is null at first, so that a leak checker reaches them.
 template <class T>
-void keep_until_exit(std::unique_ptr<T> object) noexcept {
+void keep_until_exit(const std::shared_ptr<T>& object) noexcept {
     static std::atomic<T*> last{nullptr};
-    T* const kept = object.release();
+    T* const kept = object.get();
+    kept->kept_by = object;
     kept->kept_before = last.load();
     while (!last.compare_exchange_weak(kept->kept_before, kept)) {
     }

@@ -104,7 +104,12 @@ std::string JovuMessage::compile() {
 void JovuMessage::start_ids_anywhere() {
     static std::atomic<bool> started{false};
     constexpr std::uint32_t kRange = std::uint32_t{1} << 30U;
-    const std::uint32_t start = std::random_device{}() % kRange;
+    std::uint32_t start = 0;
+    try {
+        start = std::random_device{}() % kRange;
+    } catch (const std::exception& error) {
+        throw JovuException(std::string("No random numbers for message ids: ") + error.what());
+    }
     if (!started.exchange(true)) _msg_cnt += start;
 }
 

@@ -69,7 +69,7 @@ public:
     /// Moves the process's message ids on to a random number, once. A response that a process did
     /// not read before it ended stays in the device, and its id would be met again by a process
     /// that counts from 1 as well.
-    /// @throws std::exception when the system has no random numbers.
+    /// @throws JovuException when the system has no random numbers.
     static void start_ids_anywhere();
 
     /// @return the complete JSON text.

@@ -11,7 +11,8 @@
 
 namespace jovu {
 
-/// Runs notices, each on a detached thread of its own, and knows when none is running any more.
+/// Runs notices, on detached threads (one is started for each, and runs those that wait as well),
+/// and knows when none is running any more.
 class NoticeThreads {
 public:
     using Notice = std::function<void()>;

@@ -14,7 +14,7 @@
 #include "json/json.h"
 #include "usb/usb.h"
 
-JovuTransport::JovuTransport(JovuEventInterface* events) : state_(std::make_unique<State>(events)) {
+JovuTransport::JovuTransport(JovuEventInterface* events) : state_(std::make_shared<State>(events)) {
     JovuUsb::client_register(*this, JovuUsb::JOVU_USB_INTERFACE_MESSAGES);
 }
 
@@ -22,7 +22,7 @@ JovuTransport::~JovuTransport() {
     JovuTransport::shutdown();
     // In a callback, as when a handler calls std::exit() and the client is a static object, what
     // called the handler still uses the state.
-    if (JovuUsb::in_callback()) jovu::keep_until_exit(std::move(state_));
+    if (JovuUsb::in_callback()) jovu::keep_until_exit(state_);
 }
 
 void JovuTransport::shutdown() {

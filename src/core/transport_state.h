@@ -21,7 +21,8 @@ struct JovuTransport::State {
     /// Null for a transport that is no part of a client.
     JovuEventInterface* const events;
 
-    State* kept_before = nullptr;  ///< As jovu::keep_until_exit() needs it.
+    std::shared_ptr<State> kept_by;  ///< This and the next as jovu::keep_until_exit() needs them.
+    State* kept_before = nullptr;
 
     std::atomic<bool> strict{false};     ///< Match responses by connection and command too.
     std::atomic<bool> exchanged{false};  ///< An exchange has begun.

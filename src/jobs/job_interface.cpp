@@ -13,14 +13,14 @@
 #include "json/json.h"
 #include "usb/usb.h"
 
-JovuJobInterface::JovuJobInterface() : state_(std::make_unique<State>()) {
+JovuJobInterface::JovuJobInterface() : state_(std::make_shared<State>()) {
     JovuUsb::client_register(*this, JovuUsb::JOVU_USB_INTERFACE_JOBS);
 }
 
 JovuJobInterface::~JovuJobInterface() {
     JovuJobInterface::shutdown();
     // As in ~JovuTransport().
-    if (JovuUsb::in_callback()) jovu::keep_until_exit(std::move(state_));
+    if (JovuUsb::in_callback()) jovu::keep_until_exit(state_);
 }
 
 void JovuJobInterface::shutdown() {

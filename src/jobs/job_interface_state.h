@@ -2,6 +2,7 @@
 /// The state of a job interface.
 #pragma once
 
+#include <memory>
 #include <unordered_map>
 
 #include "base/calls_in_progress.h"
@@ -26,5 +27,6 @@ struct JovuJobInterface::State {
     jovu::CallsInProgress calls;
     jovu::Registration registration;
 
-    State* kept_before = nullptr;  ///< As jovu::keep_until_exit() needs it.
+    std::shared_ptr<State> kept_by;  ///< This and the next as jovu::keep_until_exit() needs them.
+    State* kept_before = nullptr;
 };

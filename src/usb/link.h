@@ -63,8 +63,8 @@ struct Link {
     std::unordered_map<JovuDeviceAddress, std::unique_ptr<UsbDevice>> _connected_devices
         JOVU_GUARDED_BY(directory_mutex);
 
-    /// Set when a device may have to be removed before the next scan finds out. Whoever sets it
-    /// outside the watcher's own event handling interrupts that (interrupt_event_handling()).
+    /// Set when a device may have to be removed before the next scan finds out. An
+    /// ordered close interrupts the watcher's event wait as well (interrupt_event_handling()).
     std::atomic<bool> sweep_wanted{false};
 
     /// Set by a watcher that an error has ended.
