@@ -77,6 +77,13 @@ TEST_F(Push, IsPausedAndResumedAsItsStateAllows) {
     EXPECT_EQ(running.finish(), 0);
     EXPECT_THAT(running.out(), HasSubstr("nothing was sent"));
     fault("clear");
+    Program ignored({"pause"});
+    answer_next_request(device_, {{"status", {{"state", "printing"}}}});
+    ASSERT_TRUE(eventually([&] { return job()["requests"].value("pause", 0) == 1; }));
+    fault("clear");
+    EXPECT_EQ(ignored.finish(), 6);
+    EXPECT_THAT(ignored.err(), HasSubstr("jovu: pause was sent, but 1:2 reports the state idle"));
+    sim("replug " + name(device_));
     // The exit code, how often the device was asked so far to pause or resume, and what is shown.
     const std::tuple<const char*, int, int, const char*> rows[] = {
         {"pause", 6, 0, "no job to pause: 1:2 reports the state idle"},
@@ -171,6 +178,21 @@ TEST_F(Push, IsCancelledByAnInterruptAndLeftAtOnceByASecondOne) {
         EXPECT_EQ(job()["verified"], false);
         const json report = json::parse(jovu({"status", "--json"}).out);
         EXPECT_EQ(report["error"], 2) << "refused by its checksum";
+        sim("replug " + name(device_));
+    }
+}
+
+TEST_F(Push, MayBeLeftBeforeTheAnnouncementIsThrough) {
+    for (const bool twice : {false, true}) {
+        fault("never 04 always 1");  // all behind the status request
+        Program program({"push", file_.path()});
+        ASSERT_TRUE(eventually([&] { return job()["requests"].value("status", 0) > 0; }));
+        std::this_thread::sleep_for(std::chrono::milliseconds(500));
+        program.signal(SIGINT);
+        std::this_thread::sleep_for(std::chrono::milliseconds(600));  // else it is the same
+        if (twice) program.signal(SIGINT);
+        EXPECT_EQ(program.finish(), 130);
+        EXPECT_THAT(program.err(), HasSubstr(twice ? "left at once: 1:2 may wait" : "Send failed"));
         sim("replug " + name(device_));
     }
 }

@@ -190,7 +190,9 @@ TEST_F(Shell, SendsLinesToTheMachineTheyAreMeantFor) {
     EXPECT_TRUE(answers("G28\r", "ok       G28"));
     sim("unplug 1:7");
     const std::string third = who(plug("1:7 serial=THIRD"));
-    EXPECT_TRUE(answers("", third));
+    EXPECT_TRUE(answers("", "connected: 1:7, another device"));
+    EXPECT_TRUE(answers("G28\r", "ok       G28"));
+    EXPECT_EQ(requests({1, 7}, "bio_get_serial"), 0) << "no line is for it";
     EXPECT_TRUE(answers(".call heater_turn_on -d 1:7\r", kPrompt));
     EXPECT_EQ(requests({1, 7}, "heater_turn_on"), 0);
     EXPECT_EQ(leave(), 0);

@@ -128,23 +128,26 @@ TEST_F(Trace, IsSwitchedOffOnEveryWayOut) {
         EXPECT_EQ(program.finish(), 130);
         EXPECT_FALSE(traced(0));
     }
-    const std::string pipe = csv_.path() + ".pipe", link = csv_.path() + ".link";
+    const std::string pipe = csv_.path() + ".pipe", link = csv_.path() + ".link",
+                      loop = csv_.path() + ".loop";
     mkfifo(pipe.c_str(), 0600);
     fs::create_symlink("nowhere", link);
+    fs::create_symlink(loop, loop);
     const jovu_cli::FileDescriptor reader(open(pipe.c_str(), O_RDONLY | O_NONBLOCK));
     fcntl(reader.get(), F_SETPIPE_SZ, 4096);
     const std::pair<std::string, const char*> targets[] = {
         {"/dev/full", ": No space left on device"},
         {"/dev/stdout", " (it carries other text: name a file or a pipe)"},
         {pipe, ": Connection timed out"},
-        {link, ": No such file or directory (it is a symbolic link that leads to no file)"}};
+        {link, ": No such file or directory (it is a symbolic link that leads to no file)"},
+        {loop, ": Too many levels of symbolic links\n"}};
     for (const auto& [path, told] : targets) {
         const Ended ended = jovu({"trace", "0", "--csv", path});
         EXPECT_EQ(ended.status, 7);
         EXPECT_THAT(ended.err, HasSubstr(path + told));
         EXPECT_FALSE(traced(0));
     }
-    EXPECT_TRUE(fs::remove(pipe) && fs::remove(link));
+    EXPECT_TRUE(fs::remove(pipe) && fs::remove(link) && fs::remove(loop));
 
     const Ended refused = jovu({"trace", "0", "--move", "5000", "--seconds", "9"});
     EXPECT_EQ(refused.status, 6);

@@ -1,7 +1,9 @@
 /// @file
 /// `jovu pause`, `jovu resume` and `jovu abort`: requests about the job of a device.
 
+#include <chrono>
 #include <nlohmann/json.hpp>
+#include <optional>
 #include <string>
 
 #include "commands.h"
@@ -13,6 +15,12 @@
 namespace jovu_cli {
 namespace {
 
+using namespace std::chrono_literals;
+
+/// How long a device may take to show the state that it was asked for.
+constexpr auto change_limit = 2s;
+constexpr auto change_poll = 200ms;
+
 /// One request about the job of the one device.
 class JobControl {
 public:
@@ -20,7 +28,7 @@ public:
     JobControl(const Context& context, const char* name)
         : context_(context), name_(name), lease_(context, Interest{true, false}) {}
 
-    void abort() { request(&Client::SendAbort); }
+    void abort() { request(&Client::SendAbort, std::nullopt); }
 
     /// The device has one request to pause and to resume, so its state decides whether that is
     /// sent.
@@ -35,17 +43,34 @@ public:
         if (phase != JobPhase::paused && phase != JobPhase::active) {
             throw Failure(ExitCode::device_refused,
                           std::string("no job to ") + name_ + ": " + to_string(address_) +
-                              " reports the state " + (report.state.empty() ? "-" : report.state),
+                              " reports the state " + state_text(report),
                           "nothing was sent");
         }
-        request(&Client::SendPause);
+        request(&Client::SendPause, wanted);
     }
 
 private:
     /// Sends the request, which is not answered, and shows the state that the device is in then.
-    void request(void (Client::*call)(JovuDeviceAddress)) {
+    /// @param wanted the state that it is to be in; nothing for any.
+    void request(void (Client::*call)(JovuDeviceAddress), std::optional<JobPhase> wanted) {
         session_.send(address_, name_, [&] { (session_.client().*call)(address_); });
-        show(session_.request_status(address_), true);
+        const auto deadline = Inbox::Clock::now() + change_limit;
+        StatusReport report = session_.request_status(address_);
+        const auto is_wanted = [&] { return !wanted || state_phase(report.state) == *wanted; };
+        while (!is_wanted() && Inbox::Clock::now() < deadline) {
+            session_.wait_until(address_, Inbox::Clock::now() + change_poll);
+            report = session_.request_status(address_);
+        }
+        show(report, true);
+        if (!is_wanted()) {
+            throw Failure(ExitCode::device_refused, std::string(name_) + " was sent, but " +
+                                                        to_string(address_) +
+                                                        " reports the state " + state_text(report));
+        }
+    }
+
+    static std::string state_text(const StatusReport& report) {
+        return report.state.empty() ? "-" : report.state;
     }
 
     void show(const StatusReport& report, bool sent) {

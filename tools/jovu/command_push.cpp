@@ -74,6 +74,7 @@ private:
             }
         });
         context_.stop.throw_if_stopped();
+        note_exit("may wait");  // Once the announcement is on its way.
         return session_.client().SendJobFile(address_, path, &Push::progress, this, false, cancel);
     }
 
@@ -81,15 +82,20 @@ private:
         static_cast<Push*>(user)->advance(percent);
     }
 
+    void note_exit(const std::string& waits) {
+        const std::string line = "jovu: left at once: " + to_string(address_) + " " + waits +
+                                 " for the rest of the job (" + left_over + ")\n";
+        exit_note_.emplace(context_.stop, (context_.out.redraws() ? "\n" : "") + line);
+    }
+
     bool stopped() const { return context_.stop.state() == Stop::signal; }
 
     void advance(double percent) {
         sent_ =
             static_cast<std::uint64_t>(std::llround(percent / 100 * static_cast<double>(size_)));
-        if (!exit_note_) {
-            const std::string line = "jovu: left at once: " + to_string(address_) +
-                                     " waits for the rest of the job (" + left_over + ")\n";
-            exit_note_.emplace(context_.stop, (context_.out.redraws() ? "\n" : "") + line);
+        if (!announced_) {
+            announced_ = true;
+            note_exit("waits");
         }
         if (stopped() && !cancelled_at_ && percent < last_partial_percent) {
             cancelled_at_ = percent;
@@ -122,7 +128,7 @@ private:
                 throw Failure(ExitCode::file_problem,
                               "cannot read " + path + " to the end it had before" + filled);
             case JovuPushResult::cancelled:
-                if (!exit_note_) {
+                if (!announced_) {
                     throw Failure(ExitCode::interrupted, "interrupted: nothing was sent");
                 }
                 throw Failure(ExitCode::interrupted,
@@ -139,12 +145,13 @@ private:
     }
 
     [[noreturn]] void fail(const std::string& reason) const {
-        if (!exit_note_) {
-            throw exchange_failure("push to " + to_string(address_), reason);
-        }
         const Failure failure = exchange_failure("push to " + to_string(address_), reason);
+        const ExitCode code = stopped() ? ExitCode::interrupted : failure.code();
+        if (!announced_) {
+            throw Failure(code, failure.what(), failure.hint());
+        }
         const std::string hint = failure.hint().empty() ? left_over : failure.hint();
-        throw Failure(stopped() ? ExitCode::interrupted : failure.code(),
+        throw Failure(code,
                       std::string(failure.what()) + "; " + to_string(address_) + " received " +
                           std::to_string(sent_) + " of " + std::to_string(size_) + " bytes",
                       hint);
@@ -161,21 +168,14 @@ private:
     const std::uint64_t size_;
     std::uint64_t sent_ = 0;                         ///< Bytes, filler included.
     std::optional<double> cancelled_at_;             ///< Percent.
-    std::optional<StopSource::ExitNote> exit_note_;  ///< Once the job has been announced.
+    bool announced_ = false;                         ///< The device has received the announcement.
+    std::optional<StopSource::ExitNote> exit_note_;  ///< From before the announcement on.
     std::exception_ptr output_failure_;
 };
 
 Failure refused(JovuDeviceAddress address, const std::string& what, const StatusReport& report) {
     return Failure(ExitCode::device_refused,
                    to_string(address) + " " + what + ": " + describe_error(report));
-}
-
-/// Waits a moment for the next report's time.
-void pause_for(Session& session, JovuDeviceAddress address, std::chrono::milliseconds time) {
-    const auto until = Inbox::Clock::now() + time;
-    while (const std::optional<Notice> notice = session.next_notice(until)) {
-        session.check_connected(address, *notice);
-    }
 }
 
 void check_free(JovuDeviceAddress address, const StatusReport& report) {
@@ -214,7 +214,7 @@ StatusReport wait_accepted(Session& session, JovuDeviceAddress address,
         if (late) {
             throw refused(address, "shows no sign of the job", now);
         }
-        pause_for(session, address, accept_poll);
+        session.wait_until(address, Inbox::Clock::now() + accept_poll);
     }
 }
 
@@ -245,7 +245,7 @@ StatusReport wait_finished(Session& session, JovuDeviceAddress address, PushRepo
                 break;
         }
         reporter.printing(report);
-        pause_for(session, address, follow_poll);
+        session.wait_until(address, Inbox::Clock::now() + follow_poll);
         report = session.request_status(address);
     }
 }

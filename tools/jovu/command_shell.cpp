@@ -327,8 +327,8 @@ private:
     }
 
     void show_devices() {
-        if (session_->has_closed()) {
-            return;  // The shell itself has closed a device. The next session looks again.
+        if (session_->has_closed() || session_->has_ended()) {
+            return;  // No connection, or one that is to be replaced: the next session looks again.
         }
         try {
             devices_.update(*session_);
@@ -341,8 +341,11 @@ private:
 
     Completion complete_line(const std::string& line) {
         std::vector<std::string> devices;
-        for (const JovuDeviceAddress address : session().client().list_connected()) {
-            devices.push_back(to_string(address));
+        // No reason to start a connection: that can fail, and takes its time.
+        if (session_ && !session_->has_ended()) {
+            for (const JovuDeviceAddress address : session_->client().list_connected()) {
+                devices.push_back(to_string(address));
+            }
         }
         return complete(line, command_names(), devices);
     }

@@ -40,14 +40,6 @@ private:
     std::size_t drawn_ = 0;
 };
 
-/// Waits for the next report's time. What else comes in meanwhile is dropped.
-void wait_until(Session& session, JovuDeviceAddress address, Inbox::Clock::time_point time) {
-    while (const std::optional<Notice> notice = session.next_notice(time)) {
-        session.check_connected(address, *notice);
-    }
-    session.stop().throw_if_stopped();
-}
-
 void watch(const Context& context, Session& session, JovuDeviceAddress address,
            std::chrono::milliseconds interval) {
     RedrawnBlock block(context.out);
@@ -61,7 +53,7 @@ void watch(const Context& context, Session& session, JovuDeviceAddress address,
         } else {
             context.out.line(report_line(address, report));
         }
-        wait_until(session, address, next_time);
+        session.wait_until(address, next_time);
     }
 }
 

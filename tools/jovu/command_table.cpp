@@ -156,7 +156,7 @@ Run define_shell(CLI::App& app) {
         "A line that begins with a dot is a command, as in '.status' or '.push FILE'; any other\n"
         "line is gcode. '.help' lists the commands, Ctrl-D or '.quit' leaves, Ctrl-C abandons the\n"
         "line or the command. Lines go to one device, known by its serial number: another one is\n"
-        "sent nothing until '.device BUS:ADDR' chooses it. When standard input is no terminal,\n"
+        "sent no line until '.device BUS:ADDR' chooses it. When standard input is no terminal,\n"
         "lines are read without a prompt up to the first failure, which is the exit code.");
     return run_shell;
 }

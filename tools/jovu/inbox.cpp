@@ -165,6 +165,7 @@ std::vector<JovuDeviceAddress> Inbox::announced() {
 
 void Inbox::forget_devices() {
     const std::lock_guard<std::mutex> lock(mutex_);
+    waiting_ = {};
     announced_.clear();
 }
 

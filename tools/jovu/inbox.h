@@ -92,7 +92,8 @@ public:
     /// A descriptor that is readable while something is kept aside. For poll(2) only.
     int aside_fd() const noexcept { return aside_event_.get(); }
 
-    /// Forgets the devices that were announced. Not while the library may report anything.
+    /// Forgets the devices that were announced, and what waits about them. Not while the library
+    /// may report anything.
     void forget_devices();
 
     /// @return the addresses of the devices that were announced and have not left since.

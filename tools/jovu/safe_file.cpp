@@ -85,7 +85,7 @@ SafeFile::SafeFile(const std::string& path, Unfinished unfinished)
     struct stat info {};
     if (!target.valid()) {
         const int error = errno;
-        if (lstat(path.c_str(), &info) == 0 && S_ISLNK(info.st_mode)) {
+        if (error == ENOENT && lstat(path.c_str(), &info) == 0 && S_ISLNK(info.st_mode)) {
             fail(error, "it is a symbolic link that leads to no file");
         }
         if (error != ENOENT) {

@@ -78,6 +78,7 @@ void Session::restart() {
         "jovu: the USB connection has ended, for the reason given above: starting it again");
     client_.reset();
     inbox_.forget_devices();
+    unanswered_.clear();
     has_closed_ = false;
     start();
 }
@@ -344,6 +345,13 @@ std::optional<Notice> Session::next_notice(Inbox::Clock::time_point deadline) {
                           "this can happen when a device cannot be opened; start again");
         }
     }
+}
+
+void Session::wait_until(JovuDeviceAddress address, Inbox::Clock::time_point time) {
+    while (const std::optional<Notice> notice = next_notice(time)) {
+        check_connected(address, *notice);
+    }
+    stop_.throw_if_stopped();
 }
 
 void Session::check_connected(JovuDeviceAddress address, const Notice& notice) const {

@@ -151,6 +151,10 @@ public:
     /// @throws Failure exchange_failed when the link has ended, so that none would come.
     std::optional<Notice> next_notice(Inbox::Clock::time_point deadline);
 
+    /// Waits for the next report's time. What comes in meanwhile is dropped.
+    /// @throws Failure exchange_failed when the device goes or the link ends, or interrupted.
+    void wait_until(JovuDeviceAddress address, Inbox::Clock::time_point time);
+
     /// @throws Failure exchange_failed when the notice says that this device is gone.
     void check_connected(JovuDeviceAddress address, const Notice& notice) const;
 

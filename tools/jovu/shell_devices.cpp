@@ -48,6 +48,9 @@ bool ShellDevices::same(const Device& one, const Device& other) {
 }
 
 std::string ShellDevices::text(const Device& device) {
+    if (!device.asked) {
+        return to_string(device.address);
+    }
     return to_string(device.address) +
            (device.serial.empty() ? ", serial number unknown" : ", serial " + device.serial);
 }
@@ -91,10 +94,32 @@ bool ShellDevices::is_known(Session& session, JovuDeviceAddress address) const {
     return found != present_.end() && found->second.changes == session.inbox().changes(address);
 }
 
+bool ShellDevices::is_asked(Session& session, JovuDeviceAddress address) const {
+    return is_known(session, address) && present_.at(address).asked;
+}
+
+/// Whether a device could be the one that a line without an address is for. While that one is
+/// connected, no other is: one that does not answer must not hold up its lines.
+bool ShellDevices::may_be_wanted(Session& session, JovuDeviceAddress address) const {
+    if (address == chosen_) {
+        return true;
+    }
+    if (accepted_.empty()) {
+        return !chosen_;
+    }
+    return std::any_of(accepted_.begin(), accepted_.end(), [&](const Device& device) {
+        return device.address == address || !is_usable(session, device.address) ||
+               !is_known(session, device.address) || !same(present_.at(device.address), device);
+    });
+}
+
 /// Notes which device is at an address.
 void ShellDevices::note(const Device& device) {
     present_.insert_or_assign(device.address, device);
-    owners_.try_emplace(device.address, device);
+    Device& owner = owners_.try_emplace(device.address, device).first->second;
+    if (!owner.asked && owner.changes == device.changes) {
+        owner = device;
+    }
 }
 
 /// Says so when a device was not known to be where it is.
@@ -106,7 +131,9 @@ void ShellDevices::announce(const Device& device) {
         }
         return;
     }
-    if (found != present_.end()) {
+    const bool shown =
+        found != present_.end() && !found->second.asked && found->second.changes == device.changes;
+    if (found != present_.end() && !shown) {
         say_("disconnected: " + text(found->second));
     }
     std::string line = "connected: " + text(device);
@@ -144,8 +171,21 @@ void ShellDevices::drop_disconnected(Session& session, bool all) {
 
 void ShellDevices::update(Session& session) {
     drop_disconnected(session, false);
-    for (const JovuDeviceAddress address : session.usable_devices()) {
-        if (!is_known(session, address)) {
+    std::vector<JovuDeviceAddress> addresses = session.usable_devices();
+    // First the places of the wanted device: when it is there, the others need not be asked.
+    std::stable_partition(addresses.begin(), addresses.end(), [&](JovuDeviceAddress address) {
+        return address == chosen_ ||
+               std::any_of(accepted_.begin(), accepted_.end(),
+                           [&](const Device& device) { return device.address == address; });
+    });
+    for (const JovuDeviceAddress address : addresses) {
+        if (!may_be_wanted(session, address)) {
+            if (!is_known(session, address)) {
+                const Device device{address, session.inbox().changes(address), "", false};
+                announce(device);
+                note(device);
+            }
+        } else if (!is_asked(session, address)) {
             if (const std::optional<Device> device = ask_whether(session, address)) {
                 announce(*device);
                 note(*device);
@@ -181,7 +221,7 @@ void ShellDevices::choose(Session& session, JovuDeviceAddress address) {
     if (!is_usable(session, address)) {
         return;
     }
-    if (!is_known(session, address)) {
+    if (!is_asked(session, address)) {
         const std::optional<Device> device = ask_whether(session, address);
         if (!device) {
             return;
@@ -198,8 +238,9 @@ void ShellDevices::forget_connections() {
     for (auto& [address, device] : present_) {
         device.changes = 0;
     }
-    for (auto& [address, device] : owners_) {
-        device.changes = 0;
+    for (auto entry = owners_.begin(); entry != owners_.end();) {
+        entry->second.changes = 0;
+        entry = entry->second.asked ? std::next(entry) : owners_.erase(entry);
     }
     for (Device& device : accepted_) {
         device.changes = 0;
@@ -208,9 +249,10 @@ void ShellDevices::forget_connections() {
 
 void ShellDevices::check(Session& session, JovuDeviceAddress address, bool named) {
     drop_disconnected(session, true);
-    if (!is_known(session, address)) {
+    if (!is_asked(session, address)) {
+        const bool shown = is_known(session, address);
         const Device device = ask(session, address);
-        if (!accepted_.empty()) {  // Otherwise it is the first one of all.
+        if (!shown && !accepted_.empty()) {  // Otherwise it is the first one of all.
             announce(device);
         }
         note(device);

@@ -40,7 +40,7 @@ public:
     void choose(Session& session, JovuDeviceAddress address);
 
     /// Says what has connected and disconnected since the last call. Asks new devices for their
-    /// serial numbers, which takes as long as they do.
+    /// serial numbers, which takes as long as they do; but not while no line can go to them.
     /// @throws Failure interrupted, as do the functions above.
     void update(Session& session);
     /// Another session comes: devices are asked again who they are before lines go to them.
@@ -56,6 +56,7 @@ private:
         JovuDeviceAddress address;
         std::uint64_t changes;  ///< Inbox::changes() of its connection; 0 for a lost one.
         std::string serial;     ///< Empty when the device has none or does not answer.
+        bool asked = true;      ///< Whether it was asked for its serial number.
     };
     using Devices = std::vector<Device>;
 
@@ -64,6 +65,8 @@ private:
     static Device ask(Session& session, JovuDeviceAddress address);
     static std::optional<Device> ask_whether(Session& session, JovuDeviceAddress address);
 
+    bool may_be_wanted(Session& session, JovuDeviceAddress address) const;
+    bool is_asked(Session& session, JovuDeviceAddress address) const;
     bool is_known(Session& session, JovuDeviceAddress address) const;
     void note(const Device& device);
     void announce(const Device& device);
