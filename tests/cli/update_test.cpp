@@ -206,6 +206,7 @@ TEST_F(Update, IsNotBegunWhenItCannotEndWell) {
     std::string damaged = with_suffix(content_, "");
     damaged[100] = static_cast<char>(damaged[100] ^ 1);
     const std::vector<std::string> chosen{"-d", name(device_)};
+    const std::string serial_and_not_x = " has the serial number " + serial_ + ", not X";
     const struct {
         std::string image;
         std::string stranger;  // In DFU mode.
@@ -227,6 +228,7 @@ TEST_F(Update, IsNotBegunWhenItCannotEndWell) {
         {content_, "vendor=1209 serial=X", {"--serial", "X"}, 3, "maker's device: in DFU mode X "},
         {content_, "serial=A-B", {"--serial", "A-B"}, 3, "must be of letters and digits"},
         {content_, "serial=X", {"--serial", "NONE"}, 3, "no device with serial number NONE"},
+        {content_, "", {"-d", name(device_), "--serial", "X"}, 3, serial_and_not_x.c_str()},
         {content_, "serial=X", {"-d", "7:7"}, 3, "no such device: 7:7"},
         {content_, "serial=X", {}, 4, ", in DFU mode X (7a1c:00df at 1-"},
     };
