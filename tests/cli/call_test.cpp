@@ -107,13 +107,9 @@ TEST(Call, SendsNothingThatIsWrong) {
         EXPECT_EQ(ended.out, "");
     }
     for (const char* const secret :
-         {R"({"key":"hunter2)", R"({"hunter2":1})", "1e77777777", R"({"hunter2":1,"hunter2":1})"}) {
-        const Ended ended = jovu({"call", "wifi_client_connect", "connect_t=@-"}, secret);
-        EXPECT_EQ(ended.status, 2);
-        EXPECT_THAT(ended.err,
-                    testing::AllOf(HasSubstr("connect_t=@- "), testing::Not(HasSubstr("hunter")),
-                                   testing::Not(HasSubstr("7777"))));
-    }
+         {R"({"key":"hunt)", R"({"hunt":1})", "1e777", R"({"hunt":1,"hunt":1})"})
+        EXPECT_THAT(jovu({"call", "wifi_client_connect", "connect_t=@-"}, secret).err,
+                    testing::Not(testing::ContainsRegex("hunt|777|without")));
     EXPECT_EQ(stats(device)["opens"], 0) << "the device was not even looked for";
     EXPECT_THAT(jovu({"commands", "ui_led"}).out,
                 HasSubstr("on_count   short     -32768 to 32767\n"));

@@ -204,7 +204,6 @@ TEST_F(Update, IsJudgedByTheDeviceThatWasChosen) {
         EXPECT_THAT(tool.log(), testing::Not(HasSubstr("1209")));
         clear_bus();
     }
-
     // A device that was in DFU mode before only takes another number, and the serial number S.
     const std::string run = "PATH='" + std::string(std::getenv("PATH")) + "' dfu-util ";
     const std::string rest = ", path=\"9-9\", alt=0, serial=";
@@ -217,8 +216,7 @@ TEST_F(Update, IsJudgedByTheDeviceThatWasChosen) {
                         "echo \"Found DFU: [7a1c:00df] devnum=$now\"\n");
     const JovuDeviceAddress device = plug("serial=S");
     sim("fault " + name(device) + " dfu serial T");
-    const Ended ended = update(image_.path(), {"-d", name(device)});
-    EXPECT_EQ(ended.status, 0) << ended.err;
+    EXPECT_EQ(update(image_.path(), {"-d", name(device)}).status, 0);
 }
 
 TEST_F(Update, IsNotBegunWhenItCannotEndWell) {
@@ -226,7 +224,6 @@ TEST_F(Update, IsNotBegunWhenItCannotEndWell) {
     std::string damaged = with_suffix(content_, "");
     damaged[100] = static_cast<char>(damaged[100] ^ 1);
     const std::vector<std::string> chosen{"-d", name(device_)};
-    const std::string serial_and_not_x = " has the serial number " + serial_ + ", not X";
     const struct {
         std::string image;
         std::string stranger;  // In DFU mode.
@@ -250,7 +247,7 @@ TEST_F(Update, IsNotBegunWhenItCannotEndWell) {
         {content_, "vendor=1209 serial=X", {"--serial", "X"}, 3, "maker's device: in DFU mode X "},
         {content_, "serial=A-B", {"--serial", "A-B"}, 3, "must be of letters and digits"},
         {content_, "serial=X", {"--serial", "NONE"}, 3, "no device with serial number NONE"},
-        {content_, "", {"-d", name(device_), "--serial", "X"}, 3, serial_and_not_x.c_str()},
+        {content_, "", {"-d", name(device_), "--serial", "X"}, 3, ", not X"},
         {content_, "serial=X", {"-d", "7:7"}, 3, "no such device: 7:7"},
         {content_, "serial=X", {}, 4, ", in DFU mode X (7a1c:00df at 1-"},
     };
