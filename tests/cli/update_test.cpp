@@ -126,6 +126,11 @@ TEST_F(Update, IsNotBegunUnlessItIsConfirmed) {
         program.type(answer);
         EXPECT_EQ(program.finish(), 130) << answer;
     }
+    Program shell({"shell", "--json"}, Out::dialog);
+    shell.type(".update \"" + image_.path() + "\"\n");
+    ASSERT_TRUE(shell.writes("write the image? [y/N] "));
+    shell.type("n\n");
+    EXPECT_EQ(shell.finish(), 130);
     Program program({"update", image_.path()}, Out::dialog);
     ASSERT_TRUE(program.writes("[y/N] "));
     EXPECT_EQ(requests(device_, "Enter_dfu_mode"), 0);
@@ -199,6 +204,19 @@ TEST_F(Update, IsJudgedByTheDeviceThatWasChosen) {
         EXPECT_THAT(tool.log(), testing::Not(HasSubstr("1209")));
         clear_bus();
     }
+    // A device that was in DFU mode before only takes another number, and the serial number S.
+    const std::string run = "PATH='" + std::string(std::getenv("PATH")) + "' dfu-util ";
+    const std::string rest = ", path=\"9-9\", alt=0, serial=";
+    const FakeTool tool("[ \"$1\" = -l ] || { " + run + "\"$@\"; exit; }\nout=$(" + run +
+                        "-l); echo \"$out\"\nnow='9" + rest +
+                        "\"X\"'\ncase $out in *'Found DFU'*) "
+                        "now='10" +
+                        rest +
+                        "\"S\"';; esac\n"
+                        "echo \"Found DFU: [7a1c:00df] devnum=$now\"\n");
+    const JovuDeviceAddress device = plug("serial=S");
+    sim("fault " + name(device) + " dfu serial T");
+    EXPECT_EQ(update(image_.path(), {"-d", name(device)}).status, 0);
 }
 
 TEST_F(Update, IsNotBegunWhenItCannotEndWell) {
@@ -216,6 +234,8 @@ TEST_F(Update, IsNotBegunWhenItCannotEndWell) {
         {"", "", {}, 7, "it is empty"},
         {"G28 ; \xC3\xBC\n", "", {}, 7, "it is plain text"},
         {with_suffix("G28\n", ""), "", {}, 7, "it is plain text"},
+        {";" + after("yes '\xC3\xBC' | tr -d '\\n' | head -c 9000 > $f"), "", {}, 7, "plain text"},
+        {std::string(8192, '\xFF') + content_, "", {"-d", "7:7"}, 3, "no such device: 7:7"},
         {std::string((16U << 20U) + 1, '\0'), "", {}, 7, "it has 16777217 bytes"},
         {others, "", {}, 7, "is for another device, 1209:0001, this one is 7a1c:0002"},
         {with_suffix(content_, "-v 7a1c -p 0003"), "", {}, 7, "for another device, 7a1c:0003"},
@@ -227,6 +247,7 @@ TEST_F(Update, IsNotBegunWhenItCannotEndWell) {
         {content_, "vendor=1209 serial=X", {"--serial", "X"}, 3, "maker's device: in DFU mode X "},
         {content_, "serial=A-B", {"--serial", "A-B"}, 3, "must be of letters and digits"},
         {content_, "serial=X", {"--serial", "NONE"}, 3, "no device with serial number NONE"},
+        {content_, "", {"-d", name(device_), "--serial", "X"}, 3, ", not X"},
         {content_, "serial=X", {"-d", "7:7"}, 3, "no such device: 7:7"},
         {content_, "serial=X", {}, 4, ", in DFU mode X (7a1c:00df at 1-"},
     };

@@ -142,7 +142,7 @@ public:
         } else if (event == Json::parse_event_t::key) {
             const auto& key = parsed.get_ref<const std::string&>();
             if (!open_.back().insert(key).second) {
-                throw BadValue("is given twice", key);
+                throw BadValue("holds a member twice", "", ": " + key);
             }
         }
         return true;
@@ -161,7 +161,11 @@ Json parse_json(const std::string& text) {
     } catch (const Json::exception& error) {
         // "[json.exception.parse_error.101] parse error at ...": the name is of no use to people.
         const std::string what = error.what();
-        throw BadValue("is not JSON: " + what.substr(std::min(what.find("] ") + 2, what.size())));
+        const std::size_t begin = std::min(what.find("] ") + 2, what.size());
+        // "...; last read: 'TEXT'", and of a number that is too large "... parsing 'TEXT'".
+        const std::size_t quote = std::min(
+            {what.find("; last read", begin), what.find(" parsing '", begin), what.size()});
+        throw BadValue("is not JSON: " + what.substr(begin, quote - begin), "", what.substr(quote));
     }
 }
 
@@ -175,12 +179,13 @@ Json checked_members(const ValueType& type, const Json& json) {
     for (const auto& [key, value] : json.items()) {
         const NamedType* const member = find_key(type.members, key);
         if (member == nullptr) {
-            throw BadValue("is no member of " + type.name, key);
+            throw BadValue("holds what is no member of " + type.name, "", ": " + key);
         }
         try {
             object[key] = checked(member->type, value);
         } catch (const BadValue& bad) {
-            throw BadValue(bad.what(), key + (bad.where().empty() ? "" : "." + bad.where()));
+            throw BadValue(bad.what(), key + (bad.where().empty() ? "" : "." + bad.where()),
+                           bad.quoted());
         }
     }
     return object;

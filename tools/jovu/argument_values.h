@@ -14,13 +14,17 @@ namespace jovu_cli {
 class BadValue : public std::runtime_error {
 public:
     /// @param where which member or element it is, when not the whole value; else empty.
-    BadValue(const std::string& why, std::string where = {})
-        : std::runtime_error(why), where_(std::move(where)) {}
+    /// @param quoted what the value holds there, to be put behind @p why; a message about the
+    ///     content of a file leaves it out.
+    explicit BadValue(const std::string& why, std::string where = {}, std::string quoted = {})
+        : std::runtime_error(why), where_(std::move(where)), quoted_(std::move(quoted)) {}
 
     const std::string& where() const noexcept { return where_; }
+    const std::string& quoted() const noexcept { return quoted_; }
 
 private:
     std::string where_;
+    std::string quoted_;
 };
 
 /// Reads a value as it stands on a command line. A structure is a JSON object.

@@ -136,19 +136,22 @@ private:
             *place = read_value(*type, resolved(assignment));
         } catch (const BadValue& bad) {
             const std::string member = bad.where().empty() ? "" : ": " + bad.where();
-            fail(assignment.word + member + " " + bad.what(),
+            fail(assignment.word + member + " " + bad.what() +
+                     (is_in_file(assignment) ? "" : bad.quoted()),
                  type->kind == Kind::structure && bad.where().empty() ? structure_hint : "");
         }
+    }
+
+    static bool is_in_file(const Assignment& assignment) {
+        const std::string& value = assignment.value;
+        return value.compare(0, 1, "@") == 0 && value.compare(0, 2, "@@") != 0;
     }
 
     /// The value that an assignment stands for.
     std::string resolved(const Assignment& assignment) const {
         const std::string& value = assignment.value;
-        if (value.compare(0, 1, "@") != 0) {
-            return value;
-        }
-        if (value.compare(0, 2, "@@") == 0) {
-            return value.substr(1);
+        if (!is_in_file(assignment)) {
+            return value.substr(value.compare(0, 2, "@@") == 0 ? 1 : 0);
         }
         if (value.size() == 1) {
             fail("no file is named: " + assignment.word, "a value that begins with @ is @@...");

@@ -18,6 +18,7 @@
 #include "jovu/exception.h"
 #include "line_editor.h"
 #include "near_names.h"
+#include "question.h"
 #include "session.h"
 #include "shell_devices.h"
 #include "words.h"
@@ -75,7 +76,12 @@ public:
     void run_script() {
         StreamSource source = StreamSource::standard_input(context_.stop);
         source.set_side({[this] { return side_fd(); }, [this] { show_events(); }});
-        read_line_ = [&source](const std::string& /*prompt*/) { return source.next_raw(); };
+        read_line_ = [&source](const std::string& prompt) {
+            if (can_ask()) {  // A person types, with the output in a file or as JSON.
+                (void)!write(STDERR_FILENO, prompt.data(), prompt.size());
+            }
+            return source.next_raw();
+        };
         for (std::size_t number = 1; !quit_; ++number) {
             const std::optional<std::string> line = source.next_raw();
             if (!line) {

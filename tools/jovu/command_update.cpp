@@ -79,6 +79,12 @@ private:
         if (options_.device) {
             chosen.controller = session_.pick_device();
             chosen.identity = read_identity(session_, *chosen.controller);
+            if (!options_.serial.empty() && options_.serial != chosen.identity.serial) {
+                throw Failure(ExitCode::no_device,
+                              to_string(*chosen.controller) + " has the serial number " +
+                                  chosen.identity.serial + ", not " + options_.serial,
+                              "choose the device with one of -d BUS:ADDR and --serial SERIAL");
+            }
             return chosen;
         }
         const DfuListing listing = unambiguous_listing(tool_);

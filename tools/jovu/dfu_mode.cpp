@@ -22,9 +22,12 @@ constexpr auto serial_limit = 2s;
 /// one.
 constexpr auto settle_time = 1s;
 
-bool contains_place(const std::vector<ListedDevice>& devices, const ListedDevice& wanted) {
-    return std::any_of(devices.begin(), devices.end(),
-                       [&](const ListedDevice& device) { return same_place(device, wanted); });
+/// Whether a device was listed already, maybe under another number: a hostile one in DFU mode can
+/// leave its port and come back with a number, and a serial number, that were not listed.
+bool was_listed(const std::vector<ListedDevice>& before, const ListedDevice& wanted) {
+    return std::any_of(before.begin(), before.end(), [&](const ListedDevice& device) {
+        return wanted.path.empty() ? same_place(device, wanted) : device.path == wanted.path;
+    });
 }
 
 /// Has the controller leave its firmware.
@@ -53,7 +56,7 @@ std::vector<ListedDevice> candidates(const std::vector<ListedDevice>& listed,
     std::vector<ListedDevice> with_serial;
     std::vector<ListedDevice> others;
     for (const ListedDevice& device : listed) {
-        if (is_controller(device) && !contains_place(before, device)) {
+        if (is_controller(device) && !was_listed(before, device)) {
             (device.id.serial == serial ? with_serial : others).push_back(device);
         }
     }

@@ -9,6 +9,7 @@
 
 #include "failure.h"
 #include "job_file.h"
+#include "printable.h"
 
 namespace jovu_cli {
 namespace {
@@ -22,7 +23,7 @@ constexpr std::size_t crc_size = 4;
 constexpr std::string_view signature = "UFD";
 
 /// Bytes at the start of a file that decide whether it is text. Machine code has control characters
-/// in its first words.
+/// in its first words; erased memory in front of it is not UTF-8.
 constexpr std::size_t text_sample = 4096;
 
 std::uint32_t number_at(const std::string& bytes, std::size_t at, std::size_t size) {
@@ -45,12 +46,17 @@ std::uint32_t crc_of(std::string_view bytes) {
     return crc;
 }
 
+/// Whether a byte is one of a character in UTF-8, but not its first.
+bool is_continuation(char c) {
+    return (static_cast<unsigned char>(c) & 0xC0U) == 0x80;
+}
+
 bool is_text(std::string_view bytes) {
     constexpr std::string_view allowed = "\t\n\v\f\r\b\x1b";
-    return std::all_of(bytes.begin(), bytes.end(), [&](char c) {
-        const auto byte = static_cast<unsigned char>(c);
-        return (byte >= 0x20 && byte != 0x7F) || allowed.find(c) != std::string_view::npos;
-    });
+    return is_utf8(bytes) && std::all_of(bytes.begin(), bytes.end(), [&](char c) {
+               const auto byte = static_cast<unsigned char>(c);
+               return (byte >= 0x20 && byte != 0x7F) || allowed.find(c) != std::string_view::npos;
+           });
 }
 
 }  // namespace
@@ -95,7 +101,11 @@ std::string FirmwareImage::find_fault() {
             return "it is empty but for its DFU suffix";
         }
     }
-    if (is_text(std::string_view(content_).substr(0, text_sample))) {
+    std::size_t sample = std::min(text_sample, content_.size());
+    while (sample > 0 && sample < content_.size() && is_continuation(content_[sample])) {
+        --sample;  // Not into a character.
+    }
+    if (is_text(std::string_view(content_).substr(0, sample))) {
         return "it is plain text";
     }
     return {};

@@ -115,6 +115,17 @@ std::string printable(std::string_view text) {
     return out;
 }
 
+bool is_utf8(std::string_view text) {
+    while (!text.empty()) {
+        const std::size_t length = decode_front(text).length;
+        if (length == 0) {
+            return false;
+        }
+        text.remove_prefix(length);
+    }
+    return true;
+}
+
 std::size_t character_count(std::string_view text) {
     std::size_t count = 0;
     for (const char c : text) {

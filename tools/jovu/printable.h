@@ -19,6 +19,9 @@ bool is_shown(char32_t code);
 /// function stays as it is.
 std::string printable(std::string_view text);
 
+/// Whether a text is well-formed UTF-8. One that is cut within its last character is not.
+bool is_utf8(std::string_view text);
+
 /// Number of characters in a text that is UTF-8 (as printable() returns it).
 std::size_t character_count(std::string_view text);
 
