@@ -18,8 +18,8 @@ namespace {
 using namespace std::chrono_literals;
 
 /// How long a device may take to show the state that it was asked for.
-constexpr auto change_limit = 2s;
-constexpr auto change_poll = 200ms;
+constexpr auto look_limit = 2s;
+constexpr auto look_again = 200ms;
 
 /// One request about the job of the one device.
 class JobControl {
@@ -54,11 +54,11 @@ private:
     /// @param wanted the state that it is to be in; nothing for any.
     void request(void (Client::*call)(JovuDeviceAddress), std::optional<JobPhase> wanted) {
         session_.send(address_, name_, [&] { (session_.client().*call)(address_); });
-        const auto deadline = Inbox::Clock::now() + change_limit;
+        const auto deadline = Inbox::Clock::now() + look_limit;
         StatusReport report = session_.request_status(address_);
         const auto is_wanted = [&] { return !wanted || state_phase(report.state) == *wanted; };
         while (!is_wanted() && Inbox::Clock::now() < deadline) {
-            session_.wait_until(address_, Inbox::Clock::now() + change_poll);
+            session_.wait_until(address_, Inbox::Clock::now() + look_again);
             report = session_.request_status(address_);
         }
         show(report, true);
