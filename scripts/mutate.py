@@ -16,7 +16,7 @@ Dropped locks are among the mutants with --preset tsan only: without ThreadSanit
 show.
 
 Prints a line for each mutant, a table by folder and the survivors. Exit status 0 when at least 90 %
-were caught, 1 when fewer were.
+were caught, 1 when fewer were, 2 when a signal ended it.
 """
 import argparse
 import collections
@@ -329,7 +329,7 @@ def main():
         return 0
 
     def stop(number, _):
-        raise KeyboardInterrupt(number)
+        raise KeyboardInterrupt(signal.strsignal(number))
 
     signal.signal(signal.SIGTERM, stop)
     # What a command's children leave behind becomes this process's child and can be found.
@@ -350,8 +350,10 @@ def main():
                 outcomes.append((mutant, outcome))
                 print(f"{mutant.id:44} {mutant.kind:11} {time.monotonic() - begin:4.0f} s  {outcome}",
                       flush=True)
-        except KeyboardInterrupt:
-            print("interrupted")
+        except KeyboardInterrupt as error:
+            report(outcomes, time.monotonic() - start)
+            print(f"ended by {error}")
+            return 2
     return 0 if report(outcomes, time.monotonic() - start) >= LEAST_CAUGHT else 1
 
 
