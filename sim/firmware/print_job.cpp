@@ -43,17 +43,15 @@ void PrintJob::start() {
     error_ = JobError::none;
 }
 
-bool PrintJob::toggle_pause() {
-    if (!running()) return false;
+void PrintJob::toggle_pause() {
+    if (!running()) return;
     state_ = state_ == JobState::paused ? JobState::printing : JobState::paused;
-    return true;
 }
 
-bool PrintJob::abort() {
-    if (!running()) return false;
+void PrintJob::abort() {
+    if (!running()) return;
     state_ = JobState::aborted;
     error_ = JobError::none;
-    return true;
 }
 
 void PrintJob::fail(JobError error) {

@@ -42,11 +42,11 @@ public:
     /// The announced bytes have arrived and are good: printing begins.
     void start();
 
-    /// Pauses a printing job, resumes a paused one. Returns whether there was one.
-    bool toggle_pause();
+    /// Pauses a printing job, resumes a paused one.
+    void toggle_pause();
 
-    /// Ends a printing or paused job. Returns whether there was one.
-    bool abort();
+    /// Ends a printing or paused job.
+    void abort();
 
     /// Notes an error. A job that is running goes on; otherwise the state becomes error.
     void fail(JobError error);

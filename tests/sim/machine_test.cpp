@@ -221,7 +221,7 @@ TEST(GcodeTest, LinesHaveTheirResultsAndSayWhatTheMachineDoes) {
     }
     const std::pair<std::vector<const char*>, const char*> said[] = {
         {{"", " ; G1 X999", "G4 P0", "M106 S255", "M117 c", "M118 a ;b"}, "a ;b"},
-        {{"g0x+200 Z180 E-5 F6000;", "M114"}, "X:200.00 Y:0.00 Z:180.00 E:-5.00"},
+        {{"g0x+200 z180 E-5 F6000;", "M114"}, "X:200.00 Y:0.00 Z:180.00 E:-5.00"},
         {{"G91", "G1 X-50 E2", "M82", "G1 X-50 E2", "M114"}, "X:100.00 Y:0.00 Z:180.00 E:2.00"},
         {{"G90", "M83", "G1 X5 E2", "G28 Z", "M114"}, "X:5.00 Y:0.00 Z:0.00 E:4.00"},
         {{"G92 X7", "M114"}, "X:7.00 Y:0.00 Z:0.00 E:4.00"},
