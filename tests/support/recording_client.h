@@ -12,16 +12,39 @@
 
 namespace test {
 
+/// What a test does inside a callback. It may be set while callbacks are running: what the test did
+/// before it is then seen by the thread that calls.
+template <class... Arguments>
+class Handler {
+public:
+    Handler& operator=(std::function<void(Arguments...)> function) {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        function_ = std::move(function);
+        return *this;
+    }
+    void operator()(const Arguments&... arguments) const {
+        const auto function = [this] {
+            const std::lock_guard<std::mutex> lock(mutex_);
+            return function_;
+        }();
+        if (function) function(arguments...);
+    }
+
+private:
+    mutable std::mutex mutex_;
+    std::function<void(Arguments...)> function_;
+};
+
 class RecordingClient : public JovuClient {
 public:
     explicit RecordingClient(const JovuScanPause& = JovuScanPause()) {}
     ~RecordingClient() override { shutdown(); }
 
-    /// Called, if set, inside the callback of that name. To be set before devices are there.
-    std::function<void(JovuDeviceAddress)> on_connected;
-    std::function<void(JovuDeviceAddress)> on_disconnected;
-    std::function<void(JovuDeviceAddress, const std::string&)> on_debug;
-    std::function<void(JovuDeviceAddress)> on_status;
+    /// Called, if set, inside the callback of that name.
+    Handler<JovuDeviceAddress> on_connected;
+    Handler<JovuDeviceAddress> on_disconnected;
+    Handler<JovuDeviceAddress, std::string> on_debug;
+    Handler<JovuDeviceAddress> on_status;
 
     std::size_t connects(JovuDeviceAddress address) const { return count(connected_, address); }
     std::size_t disconnects(JovuDeviceAddress address) const {
@@ -58,20 +81,20 @@ public:
     }
 
     void device_connected(JovuDeviceAddress address) override {
-        if (on_connected) on_connected(address);
+        on_connected(address);
         add(connected_, address);
     }
     void device_disconnected(JovuDeviceAddress address) override {
-        if (on_disconnected) on_disconnected(address);
+        on_disconnected(address);
         add(disconnected_, address);
     }
     void debug_event(JovuDeviceAddress address, std::shared_ptr<char> text) override {
         const std::string copy = text == nullptr ? "" : text.get();
-        if (on_debug) on_debug(address, copy);
+        on_debug(address, copy);
         add(texts_, copy);
     }
     void StatusReceived(JovuDeviceAddress address, StatusMsg status) override {
-        if (on_status) on_status(address);
+        on_status(address);
         add(statuses_, std::move(status));
     }
     void JobDataReceived(JovuDeviceAddress /*address*/, const unsigned char* text,
