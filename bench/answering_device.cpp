@@ -59,7 +59,7 @@ void connect_device() {
         if (size == kFrameHeader && *data == '$') return;
         answer_request(reinterpret_cast<const char*>(data), size);
     });
-    memory_link::client(0).usb_device_connected(kAddress);
+    memory_link::connect(kAddress);
 }
 
 void answer_with(const std::string& value) {

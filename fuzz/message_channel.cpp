@@ -120,7 +120,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     REQUIRE(quiet != nullptr);
     const Input input(data, size);
     Client client;
-    memory_link::client(0).usb_device_connected(kAddress);
+    memory_link::connect(kAddress);
     memory_link::on_write([&](unsigned interface, const unsigned char* bytes, std::size_t length) {
         const std::string text(bytes, bytes + length);
         if (interface == 0 && text.front() == '{') answer(input, text);

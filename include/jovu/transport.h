@@ -120,6 +120,7 @@ private:
     friend class JovuEvent;
     JovuEventInterface* event_interface() const noexcept;
 
+    void connection_opened(const std::shared_ptr<jovu::Connection>& connection) override;
     void usb_device_connected(JovuDeviceAddress address) override;
     void usb_device_disconnected(JovuDeviceAddress address) override;
     void data_received(unsigned char* data, unsigned int length,

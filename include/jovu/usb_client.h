@@ -1,30 +1,42 @@
 /// @file
-/// The receiver side of the USB link.
+/// The receiver side of the USB backend.
 #pragma once
+
+#include <memory>
 
 #include "jovu/device_address.h"
 #include "jovu/export.h"
 
-/// Receives the link notices and the data of one USB interface number.
+namespace jovu {
+class Connection;
+}
+
+/// Receives the notifications and the data of one USB interface number.
 ///
-/// Threads: connect and disconnect notices come on the link's watcher thread, disconnect notices
-/// also on a thread that closes a device or takes the link down. Data comes on whichever thread is
-/// running USB event handling: normally the watcher, for moments a thread that sends or closes.
-/// The link holds its client lock for that interface during every call, so calls for one interface
-/// never overlap; it must not be held up for long.
+/// Threads: notifications come on the watcher thread; disconnect notifications also on a thread
+/// that closes a device or stops the backend. Data comes on whichever thread is running USB event
+/// handling: normally the watcher, for moments a thread that sends or closes. The backend holds its
+/// client mutex for that interface during every call, so calls for one interface never overlap; a
+/// call must not block for long. In a call, a write fails at once, as busy, and a close is carried
+/// out after it.
 class JOVU_API JovuUsbClient {
 public:
     virtual ~JovuUsbClient();
 
-    /// A device has been opened. Called once per device, before its data.
+    /// A device has been opened. Called once per connection, before its data. The default calls
+    /// usb_device_connected() with its address.
+    /// @param connection is kept by whoever sends to the device.
+    virtual void connection_opened(const std::shared_ptr<jovu::Connection>& connection);
+
+    /// A device has been opened.
     virtual void usb_device_connected(JovuDeviceAddress address) = 0;
 
-    /// A device is being closed. Called once per opened device; data that was on its way may still
+    /// A device is being closed. Called once per connection; data that was on its way may still
     /// follow.
     virtual void usb_device_disconnected(JovuDeviceAddress address) = 0;
 
     /// Bytes of one USB transfer have arrived.
-    /// @param data the link's own buffer, valid during the call only.
+    /// @param data the backend's own buffer, valid during the call only.
     /// @param length 1..64 bytes.
     /// @param address the device that sent them.
     virtual void data_received(unsigned char* data, unsigned int length,

@@ -2,19 +2,25 @@
 
 #include "usb/usb.h"
 
+JovuUsbClient::~JovuUsbClient() = default;
+
+void JovuUsbClient::connection_opened(const std::shared_ptr<jovu::Connection>& connection) {
+    usb_device_connected(connection->address());
+}
+
 JovuScanPause::JovuScanPause() noexcept {
-    JovuUsb::hold_scans();
+    JovuUsb::pause_scans();
 }
 
 JovuScanPause::~JovuScanPause() {
-    JovuUsb::release_scans();
+    JovuUsb::resume_scans();
 }
 
-// The job interface registers first. A device that were opened before the transport has registered
-// as well would never be announced.
+// The job interface registers first. A device that was opened before the transport has registered
+// as well would never be notified.
 JovuClient::JovuClient() : JovuClient(JovuScanPause()) {}
 
-JovuClient::JovuClient(const JovuScanPause& /*hold*/)
+JovuClient::JovuClient(const JovuScanPause& /*until_built*/)
     : JovuCommandInterface(static_cast<JovuTransport&>(*this)),
       JovuEventInterface(static_cast<JovuTransport&>(*this)),
       // Handed over, because a cross-cast would need the application's run-time type information.

@@ -1,5 +1,5 @@
 /// @file
-/// The transport: its life, its notices and reception. Sending is in transport_send.cpp.
+/// The transport: its lifetime, notifications and the receive path. Sending is in exchange.cpp.
 #include "jovu/transport.h"
 
 #include <string>
@@ -7,7 +7,6 @@
 
 #include "base/never_destroyed.h"
 #include "core/attribute_words.h"
-#include "core/last_send_error.h"
 #include "core/message.h"
 #include "core/transport_state.h"
 #include "jovu/exception.h"
@@ -26,11 +25,10 @@ JovuTransport::~JovuTransport() {
 }
 
 void JovuTransport::shutdown() {
-    // Senders are turned away first, so that nothing the link waits for takes a response's time.
-    state_->notices.close();
+    // Exchanges are ended first, so that the backend does not wait for a response below.
+    state_->notifications.close();
     state_->exchanges.close();
-    state_->device_mutexes.close();
-    state_->waiting.wake_all();
+    state_->wake_exchanges();
     if (JovuUsb::in_callback()) {
         JovuUsb::client_detach(*this, JovuUsb::JOVU_USB_INTERFACE_MESSAGES);
         return;
@@ -38,7 +36,7 @@ void JovuTransport::shutdown() {
     state_->registration.end(
         [this] { JovuUsb::client_unregister(*this, JovuUsb::JOVU_USB_INTERFACE_MESSAGES); });
     state_->exchanges.wait();
-    state_->notices.wait();
+    state_->notifications.wait();
 }
 
 void JovuTransport::close(JovuDeviceAddress address) {
@@ -57,10 +55,6 @@ bool JovuTransport::is_watching() noexcept {
     return JovuUsb::is_watching();
 }
 
-std::string JovuTransport::last_send_error() {
-    return jovu::last_send_error();
-}
-
 std::vector<std::string> JovuTransport::attrs(unsigned flags) {
     std::vector<std::string> words;
     for (const jovu::AttributeWord& attribute : jovu::kAttributeWords) {
@@ -69,13 +63,25 @@ std::vector<std::string> JovuTransport::attrs(unsigned flags) {
     return words;
 }
 
-jovu::NoticeThreads::Prepared JovuTransport::State::farewell(JovuTransport& transport,
-                                                             JovuDeviceAddress address,
-                                                             std::shared_ptr<jovu::SendLock> lock) {
-    return jovu::NoticeThreads::Prepared([&transport, address, lock = std::move(lock)] {
-        if (lock != nullptr) lock->wait_idle();
-        transport.device_disconnected(address);
-    });
+std::shared_ptr<jovu::Connection> JovuTransport::State::connection(JovuDeviceAddress address) {
+    const jovu::MutexLock lock(peers_mutex);
+    const auto found = peers.find(address);
+    return found == peers.end() ? nullptr : found->second.connection;
+}
+
+JovuTransport::State::Peer& JovuTransport::State::peer(JovuDeviceAddress address) {
+    const jovu::MutexLock lock(peers_mutex);
+    return peers[address];
+}
+
+void JovuTransport::State::wake_exchanges() {
+    {
+        const jovu::MutexLock lock(peers_mutex);
+        for (const auto& [address, peer] : peers) {
+            if (peer.connection != nullptr) peer.connection->exchange_lock().wake();
+        }
+    }
+    waiting.wake_all();
 }
 
 JovuEventInterface* JovuTransport::event_interface() const noexcept {
@@ -90,30 +96,47 @@ void JovuTransport::set_strict_matching(bool strict) {
     state_->strict = strict;
 }
 
-void JovuTransport::usb_device_connected(JovuDeviceAddress address) {
+void JovuTransport::connection_opened(const std::shared_ptr<jovu::Connection>& connection) {
+    const JovuDeviceAddress address = connection->address();
+    State::Peer& peer = state_->peer(address);
     // The rest of a frame that another connection began is not this device's response.
-    if (state_->strict) state_->rx_states.erase(address);
-    std::shared_ptr<jovu::SendLock> lock =
-        state_->device_mutexes.connect(address, JovuUsb::connection(address));
-    state_->farewells.insert_or_assign(address, State::farewell(*this, address, std::move(lock)));
-    state_->notices.post([this, address] { device_connected(address); });
+    if (state_->strict) peer.decoder = jovu::FrameDecoder();
+    peer.disconnected.emplace([this, address, connection] {
+        connection->exchange_lock().wait_until_free();
+        device_disconnected(address);
+    });
+    {
+        const jovu::MutexLock lock(state_->peers_mutex);
+        peer.connection = connection;
+    }
+    usb_device_connected(address);
+}
+
+void JovuTransport::usb_device_connected(JovuDeviceAddress address) {
+    state_->notifications.post([this, address] { device_connected(address); });
 }
 
 void JovuTransport::usb_device_disconnected(JovuDeviceAddress address) {
-    // Retired before the wake-up: a sender that enters the table in between finds it retired.
-    std::shared_ptr<jovu::SendLock> lock = state_->device_mutexes.disconnect(address);
+    State::Peer& peer = state_->peer(address);
+    {
+        const jovu::MutexLock lock(state_->peers_mutex);
+        peer.connection = nullptr;
+    }
     state_->waiting.wake(address);
-    auto prepared = state_->farewells.extract(address);
-    state_->notices.post(prepared.empty() ? State::farewell(*this, address, std::move(lock))
-                                          : std::move(prepared.mapped()));
+    if (!peer.disconnected) {  // The client registered after the device had connected.
+        state_->notifications.post([this, address] { device_disconnected(address); });
+        return;
+    }
+    state_->notifications.post(std::move(*peer.disconnected));
+    peer.disconnected.reset();
 }
 
 void JovuTransport::data_received(unsigned char* data, unsigned int length,
                                   JovuDeviceAddress address) {
-    state_->rx_states[address].feed(data, length,
-                                    [this, address](unsigned char* payload, unsigned int size) {
-                                        process_data_receive(payload, size, address);
-                                    });
+    state_->peer(address).decoder.feed(data, length,
+                                       [this, address](unsigned char* payload, unsigned int size) {
+                                           process_data_receive(payload, size, address);
+                                       });
 }
 
 void JovuTransport::process_data_receive(unsigned char* payload, unsigned int length,
@@ -131,7 +154,7 @@ void JovuTransport::process_data_receive(unsigned char* payload, unsigned int le
         return;
     }
     if (message->is_response()) {
-        const jovu::WaitingRequests::Sender sender{address, JovuUsb::connection(address),
+        const jovu::WaitingRequests::Sender sender{address, state_->peer(address).connection.get(),
                                                    JovuCommand::get_unparsed_cmd_name(message)};
         state_->waiting.respond(message, sender, state_->strict);
     } else {

@@ -1,22 +1,49 @@
 /// @file
-/// What a transport keeps.
+/// The state of a transport.
 #pragma once
 
 #include <atomic>
 #include <memory>
+#include <optional>
 #include <unordered_map>
 
 #include "base/calls_in_progress.h"
+#include "base/mutex.h"
 #include "core/frame.h"
-#include "core/notice_threads.h"
-#include "core/send_locks.h"
+#include "core/notification_threads.h"
 #include "core/waiting_requests.h"
 #include "jovu/device_address.h"
 #include "jovu/transport.h"
-#include "usb/registration.h"
+#include "usb/usb.h"
 
 struct JovuTransport::State {
     explicit State(JovuEventInterface* event_interface) : events(event_interface) {}
+
+    /// What the transport keeps of one device address. Created by the first connection or data.
+    /// Apart from `connection`, touched only by the backend's calls for interface 0, which never
+    /// overlap.
+    struct Peer {
+        /// Outlives the connection: a frame that an unplug cut off continues with the next bytes
+        /// from the same address.
+        jovu::FrameDecoder decoder;
+
+        /// The disconnect notification, allocated at connect time so that disconnecting needs no
+        /// memory.
+        std::optional<jovu::NotificationThreads::Prepared> disconnected;
+
+        /// Written by the same calls, with peers_mutex held; other threads read it with that held.
+        /// Null while no device is connected.
+        std::shared_ptr<jovu::Connection> connection;
+    };
+
+    /// @return the connection that commands to an address use; null if there is none.
+    std::shared_ptr<jovu::Connection> connection(JovuDeviceAddress address);
+
+    Peer& peer(JovuDeviceAddress address);
+
+    /// Has every exchange in progress, waiting for its turn or for a response, look whether the
+    /// transport still accepts exchanges.
+    void wake_exchanges();
 
     /// Null for a transport that is no part of a client.
     JovuEventInterface* const events;
@@ -27,22 +54,12 @@ struct JovuTransport::State {
     std::atomic<bool> strict{false};     ///< Match responses by connection and command too.
     std::atomic<bool> exchanged{false};  ///< An exchange has begun.
 
-    /// Receive state per device address. Touched only by the link's calls for interface 0, which
-    /// never overlap. An entry outlives its device: a frame that an unplug cut off goes on with the
-    /// next bytes from the same address.
-    std::unordered_map<JovuDeviceAddress, jovu::FrameDecoder> rx_states;
-
-    /// The notices of the departure of each device that is there, made at its arrival: an
-    /// application that closes a device when there is no memory is told all the same. Touched by
-    /// the same calls only.
-    std::unordered_map<JovuDeviceAddress, jovu::NoticeThreads::Prepared> farewells;
-    static jovu::NoticeThreads::Prepared farewell(JovuTransport& transport,
-                                                  JovuDeviceAddress address,
-                                                  std::shared_ptr<jovu::SendLock> lock);
+    jovu::Mutex peers_mutex;  ///< A leaf.
+    /// Elements are never removed, so a reference to one stays valid.
+    std::unordered_map<JovuDeviceAddress, Peer> peers JOVU_GUARDED_BY(peers_mutex);
 
     jovu::WaitingRequests waiting;
-    jovu::SendLocks device_mutexes;
-    jovu::NoticeThreads notices;
+    jovu::NotificationThreads notifications;
     jovu::CallsInProgress exchanges;
     jovu::Registration registration;
 };

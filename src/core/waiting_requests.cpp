@@ -24,10 +24,10 @@ bool ResponseSignal::wait(std::chrono::milliseconds limit) {
 }
 
 WaitingRequests::Entry::Entry(WaitingRequests& table, JovuMessage& request, ResponseSignal& signal,
-                              JovuDeviceAddress address, JovuUsb::connection_t connection)
+                              const Connection& connection)
     : table_(table), id_(request.id()), signal_(&signal) {
     const MutexLock lock(table_.mutex_);
-    table_.waiting_[id_] = {&request, &signal, address, connection};
+    table_.waiting_[id_] = {&request, &signal, &connection};
 }
 
 WaitingRequests::Entry::~Entry() {
@@ -74,7 +74,7 @@ void WaitingRequests::respond(std::shared_ptr<JovuMessage>& response, const Send
 void WaitingRequests::wake(JovuDeviceAddress address) {
     const MutexLock lock(mutex_);
     for (const auto& [id, waiting] : waiting_) {
-        if (waiting.address == address) waiting.signal->post();
+        if (waiting.connection->address() == address) waiting.signal->post();
     }
 }
 

@@ -9,7 +9,7 @@
 
 #include "base/mutex.h"
 #include "jovu/device_address.h"
-#include "usb/usb.h"
+#include "usb/connection.h"
 
 class JovuMessage;
 
@@ -41,8 +41,9 @@ public:
     class Entry {
     public:
         /// An entry that already holds the id is overwritten.
+        /// @param connection what the request is sent to; must outlive the entry.
         Entry(WaitingRequests& table, JovuMessage& request, ResponseSignal& signal,
-              JovuDeviceAddress address, JovuUsb::connection_t connection);
+              const Connection& connection);
         ~Entry();
         Entry(const Entry&) = delete;
         Entry& operator=(const Entry&) = delete;
@@ -56,8 +57,8 @@ public:
     /// What a response came from.
     struct Sender {
         JovuDeviceAddress address;
-        JovuUsb::connection_t connection;
-        std::string command;  ///< The command that the response names; empty for none.
+        const Connection* connection;  ///< Null when the device is not connected any more.
+        std::string command;           ///< The command that the response names; empty for none.
     };
 
     /// Hands a response to the request with its id and wakes the sender of the request. A response
@@ -77,8 +78,7 @@ private:
     struct Waiting {
         JovuMessage* request;
         ResponseSignal* signal;
-        JovuDeviceAddress address;
-        JovuUsb::connection_t connection;
+        const Connection* connection;
         bool mismatch_printed = false;
     };
 

@@ -9,7 +9,7 @@
 #include "jobs/job_stream.h"
 #include "jovu/device_address.h"
 #include "jovu/job_interface.h"
-#include "usb/registration.h"
+#include "usb/usb.h"
 
 namespace jovu {
 

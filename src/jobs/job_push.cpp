@@ -69,7 +69,6 @@ public:
          const JovuPushCancel* cancel)
         : calls_(calls),
           call_(calls),
-          address_(address),
           connection_(JovuUsb::connection(address)),
           progress_(progress),
           user_(user),
@@ -103,13 +102,17 @@ private:
         if (progress_ != nullptr) progress_(percent, announcement_.job_id, user_);
     }
 
-    /// All of it goes to one connection of the device: pieces that reached another device at the
-    /// same address would be requests to it.
+    /// All of it goes to one connection: pieces that reached another device at the same address
+    /// would be requests to it.
     void write(const void* data, std::size_t size) const {
         check_open();
+        if (connection_ == nullptr) {
+            throw JovuException("Send failed - Device no longer connected.");
+        }
         try {
-            JovuUsb::write(static_cast<const unsigned char*>(data), static_cast<unsigned int>(size),
-                           address_, JovuUsb::JOVU_USB_INTERFACE_JOBS, connection_);
+            connection_->write(
+                {{static_cast<const unsigned char*>(data), static_cast<unsigned int>(size)}},
+                JovuUsb::JOVU_USB_INTERFACE_JOBS);
         } catch (const JovuException&) {
             check_open();  // A shutdown that stops the USB backend closes the device first.
             throw;
@@ -182,8 +185,7 @@ private:
 
     jovu::CallsInProgress& calls_;
     const jovu::CallsInProgress::Call call_;
-    const JovuDeviceAddress address_;
-    const JovuUsb::connection_t connection_;
+    const std::shared_ptr<jovu::Connection> connection_;  ///< Null: there was no device.
     const JovuJobInterface::Progress progress_;
     void* const user_;
     const JovuPushCancel* const cancel_;

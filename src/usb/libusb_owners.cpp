@@ -1,5 +1,6 @@
 #include "usb/libusb_owners.h"
 
+#include <thread>
 #include <utility>
 
 #include "base/mutex.h"
@@ -7,6 +8,9 @@
 
 namespace jovu {
 namespace {
+
+/// Limits what a bus that fails at every call costs.
+constexpr std::chrono::milliseconds kErrorPause{50};
 
 struct CurrentContext {
     Mutex mutex;
@@ -29,6 +33,17 @@ Context acquire_context() {
     Context created(raw, [](libusb_context* context) { libusb_exit(context); });
     current.context = created;
     return created;
+}
+
+void handle_events(const Context& context, std::chrono::milliseconds limit, int* completed) {
+    timeval wait{0, static_cast<suseconds_t>(limit.count() * 1000)};
+    const int result = libusb_handle_events_timeout_completed(context.get(), &wait, completed);
+    // A signal interrupts it, which is no failure.
+    if (result < 0 && result != LIBUSB_ERROR_INTERRUPTED) std::this_thread::sleep_for(kErrorPause);
+}
+
+void interrupt_event_handling(libusb_context* context) noexcept {
+    libusb_interrupt_event_handler(context);
 }
 
 DeviceList::DeviceList(Context context) noexcept

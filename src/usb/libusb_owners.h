@@ -1,21 +1,31 @@
 /// @file
-/// Owners of libusb objects. Each keeps alive what it depends on, so the order of destruction is a
-/// property of the types.
+/// Owners of libusb objects, and event handling. Each owner keeps alive what it depends on, so the
+/// types give the order of destruction.
 #pragma once
 
 #include <libusb.h>
 
+#include <chrono>
 #include <cstddef>
 #include <memory>
 
 namespace jovu {
 
-/// A libusb context; the last user to let go leaves libusb.
+/// A libusb context; libusb_exit() runs when the last reference is released.
 using Context = std::shared_ptr<libusb_context>;
 
 /// The context of the process: the one in use if there is one, else a new one.
 /// @return null when libusb cannot be initialised.
 Context acquire_context();
+
+/// Handles events once; received data is dispatched on this thread. After a libusb error it sleeps
+/// for a moment: the call has returned at once then, and callers loop.
+/// @param limit how long to wait for events.
+/// @param completed a flag that ends the wait when it is set; may be null.
+void handle_events(const Context& context, std::chrono::milliseconds limit, int* completed);
+
+/// Ends the event wait that is going on, or else the next one. Any thread, in a callback too.
+void interrupt_event_handling(libusb_context* context) noexcept;
 
 struct DeviceUnref {
     void operator()(libusb_device* device) const noexcept { libusb_unref_device(device); }

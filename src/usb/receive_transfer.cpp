@@ -3,13 +3,11 @@
 #include <thread>
 
 #include "jovu/exception.h"
-#include "usb/delivery.h"
-#include "usb/link.h"
 
 namespace jovu {
 
-ReceiveTransfer::ReceiveTransfer(std::size_t interface, JovuDeviceAddress address)
-    : interface_(interface), address_(address), transfer_(libusb_alloc_transfer(0)) {
+ReceiveTransfer::ReceiveTransfer(std::size_t interface, ReceiveSink& sink)
+    : interface_(interface), sink_(sink), transfer_(libusb_alloc_transfer(0)) {
     if (transfer_ == nullptr) throw JovuException("Failed to allocate rx transfer.");
 }
 
@@ -61,7 +59,7 @@ void ReceiveTransfer::libusb_rx_data_callback(libusb_transfer* transfer) noexcep
         case LIBUSB_TRANSFER_STALL:
         case LIBUSB_TRANSFER_NO_DEVICE:
             self.rx_failed_ = true;
-            link().sweep_wanted = true;
+            self.sink_.receive_failed();
             self.finish();
             return;
         case LIBUSB_TRANSFER_CANCELLED:
@@ -73,9 +71,9 @@ void ReceiveTransfer::libusb_rx_data_callback(libusb_transfer* transfer) noexcep
         case LIBUSB_TRANSFER_OVERFLOW:
             break;
     }
-    if (transfer->actual_length > 0 && !self.disowned_ &&
-        !deliver(self.interface_, transfer->buffer,
-                 static_cast<unsigned int>(transfer->actual_length), self.address_)) {
+    if (transfer->actual_length > 0 && !self.abandoned_ &&
+        !self.sink_.received(self.interface_, transfer->buffer,
+                             static_cast<unsigned int>(transfer->actual_length))) {
         self.finish();
         return;
     }

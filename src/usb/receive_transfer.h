@@ -1,5 +1,5 @@
 /// @file
-/// Reception on one endpoint of one device.
+/// Receiving from one endpoint of one device.
 #pragma once
 
 #include <array>
@@ -7,22 +7,36 @@
 #include <cstddef>
 
 #include "base/mutex.h"
-#include "jovu/device_address.h"
 #include "usb/libusb_owners.h"
 #include "usb/usb_constants.h"
 
 namespace jovu {
 
+/// Takes what a receive transfer brings, on the thread that handles libusb's events.
+class ReceiveSink {
+public:
+    /// @return false to end receiving on this interface.
+    virtual bool received(std::size_t interface, unsigned char* data,
+                          unsigned int length) noexcept = 0;
+
+    /// Receiving has ended with a stall or because the device has gone.
+    virtual void receive_failed() noexcept = 0;
+
+protected:
+    ~ReceiveSink() = default;
+};
+
 /// One bulk transfer that is resubmitted after every completion, with its buffer.
 ///
 /// It must be idle when it is destroyed: stop() it, run event handling until idle(). The completion
 /// callback runs on whichever thread handles libusb's events; everything else on the thread that
-/// opens or closes the device, with the device gate held.
+/// opens or closes the device.
 class ReceiveTransfer {
 public:
-    /// @param interface 0 or 1; decides the endpoint and whose clients get the data.
+    /// @param interface 0 or 1; decides the endpoint.
+    /// @param sink stays the caller's; must outlive the transfer's flight.
     /// @throws JovuException "Failed to allocate rx transfer."
-    ReceiveTransfer(std::size_t interface, JovuDeviceAddress address);
+    ReceiveTransfer(std::size_t interface, ReceiveSink& sink);
     ~ReceiveTransfer() = default;
     ReceiveTransfer(const ReceiveTransfer&) = delete;
     ReceiveTransfer& operator=(const ReceiveTransfer&) = delete;
@@ -36,14 +50,14 @@ public:
     /// repeated until idle(): a cancellation can be lost to a completion that is just arriving.
     void stop() noexcept;
 
-    /// Keeps what may still come from being delivered: libusb has not given the transfer back, and
-    /// another opening of a device may have the address by then.
-    void disown() noexcept { disowned_ = true; }
+    /// For a transfer that libusb has not given back: what may still arrive is dropped, since the
+    /// address may belong to another connection by then.
+    void abandon() noexcept { abandoned_ = true; }
 
-    /// @return whether libusb has nothing of it: not in flight, and no completion being handled.
+    /// @return true if the transfer is neither submitted nor in its completion callback.
     bool idle() noexcept;
 
-    /// @return whether reception ended with a stall or because the device has gone.
+    /// @return true once receiving has ended with a stall or because the device has gone.
     bool rx_failed() const noexcept { return rx_failed_; }
 
     /// The completion flag for libusb's event handling; only libusb reads it.
@@ -59,12 +73,12 @@ private:
     void finish() noexcept;
 
     const std::size_t interface_;
-    const JovuDeviceAddress address_;
+    ReceiveSink& sink_;
     const Transfer transfer_;
     std::array<unsigned char, kReceiveBufferSize> rx_buffer_{};
     libusb_device_handle* handle_ = nullptr;  ///< Constant once submitted.
     std::atomic<bool> rx_failed_{false};
-    std::atomic<bool> disowned_{false};
+    std::atomic<bool> abandoned_{false};
 
     /// Keeps resubmission and stop() apart. A leaf but for libusb's own locks.
     Mutex mutex_;

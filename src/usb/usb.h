@@ -1,18 +1,19 @@
 /// @file
-/// The USB link: the library's only contact with the bus.
+/// The operations of the USB backend: the library's only contact with the bus.
 #pragma once
 
 #include <cstdint>
-#include <initializer_list>
+#include <memory>
 #include <vector>
 
+#include "base/mutex.h"
 #include "jovu/device_address.h"
 #include "jovu/usb_client.h"
+#include "usb/connection.h"
 
-/// The link's operations; its state is process-wide (see link.h), its devices are UsbDevice
-/// objects.
+/// The backend's state is process-wide (usb_backend.h), its devices are UsbDevice objects.
 ///
-/// The link runs while at least one client is registered: a watcher thread scans the bus every
+/// The backend runs while at least one client is registered: a watcher thread scans the bus every
 /// 500 ms, opens and closes devices, and runs libusb's event handling in between.
 class JovuUsb {
 public:
@@ -22,50 +23,30 @@ public:
         JOVU_USB_INTERFACE_JOBS = 1,
     };
 
-    /// Tells one opening of a device from every other one, also at the same address.
-    using connection_t = std::uint64_t;
-    static constexpr connection_t kNoConnection = 0;
-    static constexpr connection_t kAnyConnection = ~connection_t{0};
-
-    /// Adds a client to the end of an interface's list and starts the link if it is not running.
-    /// The client is not told of devices that are open already.
+    /// Adds a client to the end of an interface's list and starts the backend if it is not running.
+    /// The client is not notified of devices that are open already.
     /// @param client stays the caller's and must unregister before it is destroyed.
     /// @throws JovuException "Failed to initialize libusb"; a std::system_error when no thread can
-    /// be
-    ///     started. JovuException also when called from inside a notice or a delivery.
+    ///     be started. JovuException also when called in a callback of the backend.
     static void client_register(JovuUsbClient& client, jovu_usb_interface_t interface);
 
-    /// Takes the client's first entry off an interface's list. When that list is then empty the
-    /// link goes down, whether or not the other interface still has clients: the watcher ends,
+    /// Removes the client's first entry from an interface's list. When that list is then empty the
+    /// backend stops, whether or not the other interface still has clients: the watcher ends,
     /// devices are closed on this thread, libusb is left. When the call returns, no call of the
-    /// client for that interface is running. Takes up to the rest of a send in progress.
-    /// @throws JovuException when called from inside a notice or a delivery: it would wait for
-    ///     itself.
+    /// client for that interface is running. Takes up to the rest of a write in progress.
+    /// @throws JovuException in a callback of the backend: it would wait for itself.
     static void client_unregister(JovuUsbClient& client, jovu_usb_interface_t interface);
 
     /// For a thread in a callback, where client_unregister() would wait for itself: no call of the
     /// client for that interface begins after this one returns. The backend keeps running.
     static void client_detach(JovuUsbClient& client, jovu_usb_interface_t interface);
 
-    /// Sends bytes to a device and returns when it has taken them all. Threads: any; on a thread
-    /// in a received-data callback it fails at once, as busy.
-    /// @param data needed during the call only.
-    /// @param length in bytes; with 0 nothing is sent.
-    /// @param connection restricts the send to that very opening of the device.
-    /// @throws JovuException "Send failed - ..."; bytes already sent stay sent.
+    /// @return the connection with the device at an address; null if there is none.
+    static std::shared_ptr<jovu::Connection> connection(JovuDeviceAddress address);
+
+    /// As Connection::write(), to whichever device has the address now.
     static void write(const unsigned char* data, unsigned int length, JovuDeviceAddress address,
-                      jovu_usb_interface_t interface, connection_t connection = kAnyConnection);
-
-    /// One of several writes that belong together.
-    struct Piece {
-        const unsigned char* data;  ///< Needed during the call only.
-        unsigned int length;        ///< Bytes; with 0 nothing is sent.
-    };
-
-    /// As write(), piece by piece, with no close of the device between them: once the first piece
-    /// is written, the others follow unless the device fails.
-    static void write(std::initializer_list<Piece> pieces, JovuDeviceAddress address,
-                      jovu_usb_interface_t interface, connection_t connection = kAnyConnection);
+                      jovu_usb_interface_t interface);
 
     /// As JovuTransport::close().
     static void close(JovuDeviceAddress address);
@@ -73,27 +54,43 @@ public:
     /// As JovuTransport::list_connected().
     static std::vector<JovuDeviceAddress> list_connected();
 
-    /// As JovuTransport::list_attached(). Works also while the link is idle.
+    /// As JovuTransport::list_attached(). Works also while the backend is not running.
     static std::vector<JovuUsbDevice> list_attached();
-
-    /// @return which opening of a device the address stands for now; kNoConnection if there is
-    /// none.
-    static connection_t connection(JovuDeviceAddress address);
 
     /// As JovuTransport::is_watching().
     static bool is_watching() noexcept;
 
-    /// @return whether the calling thread is delivering received data, where nothing may wait for
-    ///     another send or for event handling.
-    static bool delivering() noexcept;
-
-    /// @return whether the calling thread is in a callback of the backend: received data, or a
-    ///     connect or disconnect notification of a JovuUsbClient.
+    /// @return true when the calling thread is in a callback of the backend: received data, or a
+    ///     notification of a JovuUsbClient. Nothing may wait there for a transfer, for event
+    ///     handling or for another thread's exchange.
     static bool in_callback() noexcept;
 
-    /// Between these two (counted) the link makes no scan and so opens no device.
-    static void hold_scans() noexcept;
-    static void release_scans() noexcept;
+    /// Between these two (counted) no scan is made, and so no device opened.
+    static void pause_scans() noexcept;
+    static void resume_scans() noexcept;
 
     JovuUsb() = delete;
 };
+
+namespace jovu {
+
+/// Unregisters a client exactly once, whichever thread calls first. When end() returns, the client
+/// is unregistered for every caller.
+class Registration {
+public:
+    /// @param unregister called at most once in the life of this object; if it throws, the
+    ///     registration has not ended.
+    template <class Unregister>
+    void end(Unregister unregister) {
+        const MutexLock lock(mutex_);
+        if (ended_) return;
+        unregister();
+        ended_ = true;
+    }
+
+private:
+    Mutex mutex_;  ///< Acquired before the backend's locks.
+    bool ended_ JOVU_GUARDED_BY(mutex_) = false;
+};
+
+}  // namespace jovu

@@ -2,12 +2,13 @@
 
 #include <algorithm>
 #include <chrono>
+#include <climits>
+#include <mutex>
+#include <string>
 #include <utility>
 
-#include "base/mutex.h"
 #include "base/never_destroyed.h"
-#include "usb/delivery.h"
-#include "usb/event_handling.h"
+#include "usb/client_list.h"
 
 namespace jovu {
 namespace {
@@ -15,57 +16,39 @@ namespace {
 /// How long a closing device waits for events before it cancels its transfers again.
 constexpr std::chrono::milliseconds kDrainSlice{20};
 
-std::atomic<JovuUsb::connection_t> last_connection{JovuUsb::kNoConnection};
-
-struct Abandonment {
-    Mutex mutex;
-    std::list<AbandonedReception> list JOVU_GUARDED_BY(mutex);
-};
-
-void abandon(std::list<AbandonedReception>& what) noexcept {
-    static NeverDestroyed<Abandonment> abandonment;
-    Abandonment& all = abandonment.get();
-    const MutexLock lock(all.mutex);
-    all.list.splice(all.list.end(), what);
-}
-
 /// Throws what a failed libusb call on a device means.
-[[noreturn]] void fail(int result, const char* message) {
+[[noreturn]] void fail_opening(int result, const char* message) {
     if (result == LIBUSB_ERROR_NO_DEVICE) throw DeviceGone(message);
     throw JovuException(message);
 }
 
+[[noreturn]] void fail_disconnected() {
+    throw JovuException("Send failed - Device no longer connected.");
+}
+
+[[noreturn]] void fail_sending(int libusb_error) {
+    throw JovuException("Send failed - libusb error: " + std::to_string(libusb_error));
+}
+
 }  // namespace
 
-UsbDevice::UsbDevice(Context context, std::uint16_t vendor_id, std::uint16_t product_id,
-                     JovuDeviceAddress address)
-    : context_(std::move(context)),
-      address_(address),
-      connection_(++last_connection),
-      reception_(std::make_shared<Reception>(address)),
-      spare_(1) {
-    open(vendor_id, product_id);
+UsbDevice::UsbDevice(Context context, JovuDeviceAddress address, std::atomic<bool>& cleanup_pending)
+    : Connection(address),
+      context_(std::move(context)),
+      raw_context_(context_.get()),
+      cleanup_pending_(cleanup_pending),
+      transfers_{ReceiveTransfer(0, *this), ReceiveTransfer(1, *this)} {}
+
+std::shared_ptr<UsbDevice> UsbDevice::open(Context context, std::uint16_t vendor_id,
+                                           std::uint16_t product_id, JovuDeviceAddress address,
+                                           std::atomic<bool>& cleanup_pending) {
+    auto device = std::make_shared<UsbDevice>(std::move(context), address, cleanup_pending);
+    device->claim(vendor_id, product_id);
+    device->start_receiving();
+    return device;
 }
 
-UsbDevice::~UsbDevice() {
-    close();
-}
-
-void UsbDevice::open(std::uint16_t vendor_id, std::uint16_t product_id) {
-    claim_device(vendor_id, product_id);
-    open_ = true;
-    for (ReceiveTransfer& transfer : reception_->transfers) {
-        const int result = transfer.submit(handle_.get());
-        if (result == 0) continue;
-        open_ = false;
-        end_reception();
-        release_device();
-        if (result == LIBUSB_ERROR_NO_DEVICE) throw DeviceGone("Failed to open libusb device.");
-        return;
-    }
-}
-
-void UsbDevice::claim_device(std::uint16_t vendor_id, std::uint16_t product_id) {
+void UsbDevice::claim(std::uint16_t vendor_id, std::uint16_t product_id) {
     const DeviceList list(context_);
     if (!list) throw JovuException("Failed to get libusb device list.");
     for (libusb_device* device : list) {
@@ -74,16 +57,16 @@ void UsbDevice::claim_device(std::uint16_t vendor_id, std::uint16_t product_id) 
             throw JovuException("Failed to get libusb device descriptor.");
         }
         if (descriptor.idVendor != vendor_id || descriptor.idProduct != product_id ||
-            libusb_get_bus_number(device) != address_.bus ||
-            libusb_get_device_address(device) != address_.address) {
+            libusb_get_bus_number(device) != address().bus ||
+            libusb_get_device_address(device) != address().address) {
             continue;
         }
         libusb_device_handle* raw = nullptr;
         int result = libusb_open(device, &raw);
-        if (result < 0) fail(result, "Failed to open libusb device.");
+        if (result < 0) fail_opening(result, "Failed to open libusb device.");
         Handle handle(raw);
         result = libusb_claim_interface(raw, kClaimedInterface);
-        if (result < 0) fail(result, "Failed to claim libusb device.");
+        if (result < 0) fail_opening(result, "Failed to claim libusb device.");
         handle_ = std::move(handle);
         device_.reset(libusb_ref_device(device));
         return;
@@ -91,57 +74,159 @@ void UsbDevice::claim_device(std::uint16_t vendor_id, std::uint16_t product_id) 
     throw DeviceGone("Failed to find desired device.");
 }
 
-void UsbDevice::release_device() noexcept {
-    if (handle_ == nullptr) return;
-    libusb_release_interface(handle_.get(), kClaimedInterface);
-    handle_.reset();
+void UsbDevice::start_receiving() {
+    for (ReceiveTransfer& transfer : transfers_) {
+        const int result = transfer.submit(handle_.get());
+        if (result == 0) continue;
+        close_begun_ = true;
+        disconnect_notified_ = true;  // A device without a handle leaves without a notification.
+        close_handle();
+        if (result == LIBUSB_ERROR_NO_DEVICE) throw DeviceGone("Failed to open libusb device.");
+        return;
+    }
+    open_ = true;
 }
 
-void UsbDevice::announce() {
-    announced_ = true;
-    notify_connected(address_);
+bool UsbDevice::received(std::size_t interface, unsigned char* data, unsigned int length) noexcept {
+    return client_list().dispatch(interface, data, length, address());
 }
 
-bool UsbDevice::order_close(std::atomic<bool>& wanted) noexcept {
-    if (!open_ || close_ordered_.exchange(true)) return false;
-    wanted = true;
-    interrupt_event_handling(context_.get());
+void UsbDevice::receive_failed() noexcept {
+    cleanup_pending_ = true;
+}
+
+bool UsbDevice::to_be_removed() const noexcept {
+    return removed_ || std::all_of(transfers_.begin(), transfers_.end(),
+                                   [](const auto& transfer) { return transfer.rx_failed(); });
+}
+
+void UsbDevice::check_writable(std::uint32_t interface) const {
+    if (!open_ || close_ordered_) fail_disconnected();
+    if (interface >= kInterfaceCount) throw JovuException("Send failed - interface invalid.");
+}
+
+void UsbDevice::write(std::initializer_list<Piece> pieces, std::uint32_t interface) {
+    check_writable(interface);
+    if (ClientList::in_callback()) {
+        // In libusb's event handling a synchronous transfer is refused; in a notification it might
+        // wait for a thread that wants to call the same client.
+        for (const Piece& piece : pieces) {
+            if (piece.length > 0) fail_sending(LIBUSB_ERROR_BUSY);
+        }
+        return;
+    }
+    if (!write_lock_.lock_while([this] { return open_.load(); })) fail_disconnected();
+    const std::unique_lock<FairLock> lock(write_lock_, std::adopt_lock);
+    check_writable(interface);
+    // A close that a callback orders meanwhile is carried out after the last piece.
+    for (const Piece& piece : pieces)
+        send(kSendEndpoint[interface], piece);
+}
+
+void UsbDevice::send(std::uint8_t endpoint, const Piece& piece) {
+    unsigned int offset = 0;
+    unsigned int retries = 0;
+    unsigned int empty = 0;
+    while (offset < piece.length) {
+        // libusb reads the data only, but takes the pointer of an inward transfer as well.
+        auto* const rest = const_cast<unsigned char*>(piece.data + offset);
+        const int size = static_cast<int>(std::min<unsigned int>(piece.length - offset, INT_MAX));
+        int transferred = 0;
+        const int result =
+            libusb_bulk_transfer(handle_.get(), endpoint, rest, size, &transferred, kSendTimeoutMs);
+        // A timed-out call may have moved some bytes. They are sent again: the retry repeats the
+        // call as it was.
+        const bool passing = result == LIBUSB_ERROR_TIMEOUT || result == LIBUSB_ERROR_BUSY;
+        if (passing && retries < kSendRetries) {
+            ++retries;
+            continue;
+        }
+        if (result != 0) fail_sending(result);
+        empty = transferred > 0 ? 0 : empty + 1;
+        if (empty == kMaxEmptySends) throw JovuException("Send failed - device takes no data.");
+        offset += static_cast<unsigned int>(std::clamp(transferred, 0, size));
+        retries = 0;
+    }
+}
+
+void UsbDevice::notify_connected() {
+    connected_notified_ = true;
+    client_list().notify_connected(shared_from_this());
+}
+
+void UsbDevice::notify_disconnected() noexcept {
+    const MutexLock lock(notify_mutex_);
+    if (disconnect_notified_) return;
+    begin_closing();
+    if (connected_notified_) client_list().notify_disconnected(address());
+    open_ = false;
+    write_lock_.wake();
+    disconnect_notified_ = true;
+}
+
+bool UsbDevice::order_close() noexcept {
+    if (close_begun_ || close_ordered_.exchange(true)) return false;
+    cleanup_pending_ = true;
+    interrupt_event_handling(raw_context_);
     return true;
 }
 
-bool UsbDevice::reception_failed() const noexcept {
-    return std::all_of(reception_->transfers.begin(), reception_->transfers.end(),
-                       [](const ReceiveTransfer& transfer) { return transfer.rx_failed(); });
+bool UsbDevice::close() noexcept {
+    if (close_begun_.exchange(true)) return false;
+    finish_close();
+    return true;
 }
 
-void UsbDevice::cancel_reception() noexcept {
-    for (ReceiveTransfer& transfer : reception_->transfers)
+bool UsbDevice::try_close() noexcept {
+    if (closed_) return true;
+    if (!close_begun_.exchange(true)) notify_disconnected();
+    if (!disconnect_notified_ || !write_lock_.try_lock()) return false;
+    close_handle();
+    write_lock_.unlock();
+    return true;
+}
+
+void UsbDevice::finish_close() noexcept {
+    close_begun_ = true;
+    notify_disconnected();
+    write_lock_.lock();
+    close_handle();
+    write_lock_.unlock();
+}
+
+/// The caller holds write_lock_, or nobody else knows the device yet.
+void UsbDevice::close_handle() noexcept {
+    if (closed_) return;
+    end_receiving();
+    if (handle_ != nullptr && kept_by == nullptr) {
+        libusb_release_interface(handle_.get(), kClaimedInterface);
+        handle_.reset();
+        context_.reset();
+    }
+    closed_ = true;
+}
+
+void UsbDevice::cancel_transfers() noexcept {
+    for (ReceiveTransfer& transfer : transfers_)
         transfer.stop();
 }
 
-void UsbDevice::close() noexcept {
-    if (handle_ == nullptr) return;
-    if (announced_) notify_disconnected(address_);
-    open_ = false;
-    end_reception();
-    release_device();
-}
-
-void UsbDevice::end_reception() noexcept {
+void UsbDevice::end_receiving() noexcept {
     using Clock = std::chrono::steady_clock;
-    for (ReceiveTransfer& transfer : reception_->transfers) {
+    for (ReceiveTransfer& transfer : transfers_) {
         auto deadline = Clock::now() + kDrainLimit;
-        for (cancel_reception(); !transfer.idle(); cancel_reception()) {
-            // A client that is busy with a delivery, of whatever device, holds up all event
-            // handling, for which libusb cannot be blamed.
-            if (delivery_in_progress()) deadline = Clock::now() + kDrainLimit;
+        for (cancel_transfers(); !transfer.idle(); cancel_transfers()) {
+            // A client that is busy with received data, of whatever device, delays all event
+            // handling. That is not libusb's fault.
+            if (client_list().dispatching()) deadline = Clock::now() + kDrainLimit;
             const bool overdue = Clock::now() > deadline;
             handle_events(context_, kDrainSlice, transfer.rx_done());
-            if (overdue && !transfer.idle() && !delivery_in_progress()) {
-                for (ReceiveTransfer& kept : reception_->transfers)
-                    kept.disown();
-                spare_.front() = {context_, std::move(handle_), reception_};
-                abandon(spare_);
+            if (overdue && !transfer.idle() && !client_list().dispatching()) {
+                // Freeing a transfer in flight, or closing the handle under it, would be worse than
+                // keeping them.
+                for (ReceiveTransfer& kept : transfers_)
+                    kept.abandon();
+                keep_until_exit(shared_from_this());
                 return;
             }
         }

@@ -5,102 +5,119 @@
 #include <array>
 #include <atomic>
 #include <cstdint>
-#include <list>
 #include <memory>
 
-#include "jovu/device_address.h"
+#include "base/fair_lock.h"
+#include "base/mutex.h"
 #include "jovu/exception.h"
+#include "usb/connection.h"
 #include "usb/libusb_owners.h"
 #include "usb/receive_transfer.h"
-#include "usb/usb.h"
 #include "usb/usb_constants.h"
 
 namespace jovu {
 
-/// The device left the bus while it was being opened: nothing is wrong but the moment.
+/// The device was unplugged while it was being opened.
 class DeviceGone : public JovuException {
     using JovuException::JovuException;
 };
 
-/// Receive transfers, one per channel.
-struct Reception {
-    explicit Reception(JovuDeviceAddress address)
-        : transfers{ReceiveTransfer(0, address), ReceiveTransfer(1, address)} {}
-
-    std::array<ReceiveTransfer, kInterfaceCount> transfers;
-};
-
-/// Reception that libusb did not give back in time, set aside for good: freeing a transfer that is
-/// in flight, or closing the handle under it, would be worse than keeping it.
-struct AbandonedReception {
-    Context context;
-    Handle handle;
-    std::shared_ptr<Reception> reception;
-};
-
-/// A device that the link has opened, with reception on both channels.
+/// A device that the backend has opened, with receiving on both channels.
 ///
-/// Made, used and deleted with the device gate held, but where a member says otherwise.
-class UsbDevice {
+/// Closing has two steps. The first notifies the clients, after which nothing new is sent; the
+/// second waits for the write in progress, ends receiving and closes the handle. Application code
+/// and the watcher never wait in the second step for a device that takes no data: see order_close()
+/// and try_close().
+class UsbDevice final : public Connection,
+                        public std::enable_shared_from_this<UsbDevice>,
+                        private ReceiveSink {
 public:
-    /// Opens the device and starts reception. When reception cannot be started the device stays
-    /// without a handle, and sends to it fail.
-    /// @throws JovuException when it cannot be found, opened or claimed, DeviceGone if it has left.
-    UsbDevice(Context context, std::uint16_t vendor_id, std::uint16_t product_id,
-              JovuDeviceAddress address);
-    ~UsbDevice();
-    UsbDevice(const UsbDevice&) = delete;
-    UsbDevice& operator=(const UsbDevice&) = delete;
+    /// Opens a device and starts receiving. When that cannot be started, the device remains without
+    /// a handle, and writes to it fail.
+    /// @param cleanup_pending set when the watcher has to look at the device; outlives it.
+    /// @throws JovuException when it cannot be found, opened or claimed, DeviceGone if it has been
+    ///     unplugged.
+    static std::shared_ptr<UsbDevice> open(Context context, std::uint16_t vendor_id,
+                                           std::uint16_t product_id, JovuDeviceAddress address,
+                                           std::atomic<bool>& cleanup_pending);
 
-    JovuDeviceAddress address() const noexcept { return address_; }
+    /// For open() alone.
+    UsbDevice(Context context, JovuDeviceAddress address, std::atomic<bool>& cleanup_pending);
+    /// The device is closed by now.
+    ~UsbDevice() override = default;
 
-    /// Which opening this is, unique in the process. Any thread.
-    JovuUsb::connection_t connection() const noexcept { return connection_; }
+    void write(std::initializer_list<Piece> pieces, std::uint32_t interface) override;
 
-    /// @return whether this is an opening of that very libusb device.
-    bool is(libusb_device* device) const noexcept { return device_.get() == device; }
+    /// Notifies the clients that the device is connected. Passes on what one throws.
+    void notify_connected();
 
-    /// Null once the device is closed.
-    libusb_device_handle* handle() const noexcept { return handle_.get(); }
+    /// Closes the device; waits for the write in progress. Not in a callback.
+    /// @return false, at once, when it is closed or being closed by another thread.
+    bool close() noexcept;
 
-    /// @return whether the device can be written to. Any thread that keeps the device alive.
-    bool usable() const noexcept { return open_ && !close_ordered_; }
-
-    /// Tells the link's clients that the device is there.
-    void announce();
-
-    /// Orders a close, which the watcher carries out, and wakes the watcher. Any thread that keeps
-    /// the device alive.
-    /// @param wanted set before the watcher is woken; what it looks at.
-    /// @return false when the device is closed or ordered to be closed already.
-    bool order_close(std::atomic<bool>& wanted) noexcept;
-
+    /// Orders a close, which the watcher carries out, and wakes the watcher. Any thread, in a
+    /// callback too.
+    /// @return false when the device is closed, or ordered to be closed already.
+    bool order_close() noexcept;
     bool close_ordered() const noexcept { return close_ordered_; }
 
-    /// @return whether reception has failed on both channels.
-    bool reception_failed() const noexcept;
+    /// Closes the device unless a write or another thread's close is in progress; to be called
+    /// again then. For the watcher, which waits for neither.
+    /// @return true once the device is closed.
+    bool try_close() noexcept;
 
-    /// Tells the clients that the device leaves, ends reception and closes the handle. Does nothing
-    /// on a closed device.
-    void close() noexcept;
+    /// Closes the device, or waits for another thread that does. For the end of the backend.
+    void finish_close() noexcept;
+
+    /// For the watcher alone, as the members below: whether this is a connection with that very
+    /// libusb device.
+    bool is(libusb_device* device) const noexcept { return device_.get() == device; }
+
+    /// Marks a device that is to be closed and removed from the table.
+    void mark_removed() noexcept { removed_ = true; }
+
+    /// @return true when the device is to be removed: it is marked, or no channel receives.
+    bool to_be_removed() const noexcept;
+
+    /// Releases the reference to the libusb device. The device is closed.
+    void release_device() noexcept { device_.reset(); }
+
+    /// This and the next as keep_until_exit() needs them.
+    std::shared_ptr<UsbDevice> kept_by;
+    UsbDevice* kept_before = nullptr;
 
 private:
-    void open(std::uint16_t vendor_id, std::uint16_t product_id);
-    void claim_device(std::uint16_t vendor_id, std::uint16_t product_id);
-    void release_device() noexcept;
-    void cancel_reception() noexcept;
-    void end_reception() noexcept;
+    bool received(std::size_t interface, unsigned char* data,
+                  unsigned int length) noexcept override;
+    void receive_failed() noexcept override;
 
-    const Context context_;
-    const JovuDeviceAddress address_;
-    const JovuUsb::connection_t connection_;
+    void claim(std::uint16_t vendor_id, std::uint16_t product_id);
+    void start_receiving();
+    void end_receiving() noexcept;
+    void cancel_transfers() noexcept;
+    void notify_disconnected() noexcept;
+    void close_handle() noexcept;
+    void check_writable(std::uint32_t interface) const;
+    void send(std::uint8_t endpoint, const Piece& piece);
+
+    Context context_;  ///< Released with the handle: the last reference leaves libusb.
+    libusb_context* const raw_context_;
+    std::atomic<bool>& cleanup_pending_;
     DeviceRef device_;
-    Handle handle_;
-    const std::shared_ptr<Reception> reception_;
-    std::list<AbandonedReception> spare_;  ///< One node, made while memory can still be refused.
-    bool announced_ = false;
+    Handle handle_;  ///< Guarded by write_lock_ once the device is open.
+    std::array<ReceiveTransfer, kInterfaceCount> transfers_;
+
+    /// Held for a write, and for the second step of a close. Waiting threads give up once the
+    /// device is not open_ any more.
+    FairLock write_lock_;
+    Mutex notify_mutex_;  ///< Held for the first step of a close. Before the clients' mutexes.
+    bool connected_notified_ = false;  ///< Set by the watcher before it gives the device away.
     std::atomic<bool> open_{false};
+    std::atomic<bool> close_begun_{false};
+    std::atomic<bool> disconnect_notified_{false};
+    std::atomic<bool> closed_{false};
     std::atomic<bool> close_ordered_{false};
+    bool removed_ = false;
 };
 
 }  // namespace jovu

@@ -4,85 +4,63 @@
 #include <chrono>
 #include <cstdio>
 #include <memory>
-#include <optional>
-#include <thread>
 #include <vector>
 
-#include "usb/delivery.h"
-#include "usb/event_handling.h"
-#include "usb/link.h"
+#include "usb/client_list.h"
+#include "usb/usb_backend.h"
 
 namespace jovu {
 namespace {
 
 using std::chrono::milliseconds;
 
-/// How long the watcher waits for the device gate before it looks at the events and at its run flag
-/// again. Whoever holds the gate handles events itself meanwhile.
-constexpr milliseconds kGateSlice{20};
+/// Event wait while a scan is due but paused, and while a device cannot be closed yet.
+constexpr milliseconds kRetryPeriod{10};
 
-/// Event wait while a scan is due but held back.
-constexpr milliseconds kHeldSlice{10};
-
-/// The watcher's pass over the bus, as an object that lives on its thread.
+/// The scans and the cleanup, as an object that lives on the watcher thread. Nothing in it waits
+/// for a write in progress, so that a device that takes no data delays no other one.
 class Watcher {
 public:
     explicit Watcher(const Context& context) : context_(context) {}
 
     void run() {
-        while (link_._run_device_hotplug_thread) {
-            if (scan_is_due() && !link_.scan_holds.now().held) {
-                last_scan_ = std::chrono::steady_clock::now();
+        while (backend_._run_device_hotplug_thread) {
+            if (until_scan() == milliseconds(0) && !clients_.pauses.active()) {
+                next_scan_ = Clock::now() + UsbBackend::_device_hotplug_refresh_rate;
                 scan();
                 // Nothing would interrupt the wait for a device that has just been opened.
-                if (!link_._run_device_hotplug_thread) return;
+                if (!backend_._run_device_hotplug_thread) return;
             }
-            handle_events(scan_is_due() ? kHeldSlice : Link::_device_hotplug_refresh_rate);
-            sweep();
+            const bool retry = until_scan() == milliseconds(0) || backend_.cleanup_pending;
+            handle_events(context_, retry ? kRetryPeriod : until_scan(), nullptr);
+            clients_.rethrow_error();
+            if (backend_.cleanup_pending.exchange(false)) clean_up();
         }
     }
 
 private:
-    bool scan_is_due() const {
-        return !last_scan_ ||
-               std::chrono::steady_clock::now() - *last_scan_ >= Link::_device_hotplug_refresh_rate;
-    }
+    using Clock = std::chrono::steady_clock;
 
-    void handle_events(milliseconds limit) {
-        jovu::handle_events(context_, limit, nullptr);
-        rethrow_client_error();
-    }
-
-    /// Runs @p work with the device gate held, ahead of any other thread that wants the gate.
-    /// Gives up when the link is stopping.
-    template <class Work>
-    void with_gate(Work work) JOVU_NO_THREAD_SAFETY_ANALYSIS {
-        DeviceGate::Place place(link_._connected_devices_mutex);
-        while (!place.try_lock_for(kGateSlice)) {
-            if (!link_._run_device_hotplug_thread) return;
-            handle_events(milliseconds(0));
-        }
-        const GateHolder holder(link_._connected_devices_mutex);
-        work();
+    /// Zero when a scan is due.
+    milliseconds until_scan() const {
+        return std::max(std::chrono::ceil<milliseconds>(next_scan_ - Clock::now()),
+                        milliseconds(0));
     }
 
     void scan() {
-        with_gate([this]() JOVU_REQUIRES(link_._connected_devices_mutex) {
-            const DeviceList list(context_);
-            if (!list) return;
-            std::vector<JovuDeviceAddress> seen;
-            for (libusb_device* device : list)
-                look_at(device, seen);
-            for (const JovuDeviceAddress address : link_.addresses()) {
-                if (std::find(seen.begin(), seen.end(), address) == seen.end()) {
-                    link_.remove_device(address);
-                }
-            }
-        });
+        const DeviceList list(context_);
+        if (!list) return;
+        std::vector<JovuDeviceAddress> seen;
+        for (libusb_device* device : list)
+            look_at(device, seen);
+        for (const auto& device : backend_.devices()) {
+            if (std::find(seen.begin(), seen.end(), device->address()) != seen.end()) continue;
+            device->mark_removed();
+            remove(*device);
+        }
     }
 
-    void look_at(libusb_device* device, std::vector<JovuDeviceAddress>& seen)
-        JOVU_REQUIRES(link_._connected_devices_mutex) {
+    void look_at(libusb_device* device, std::vector<JovuDeviceAddress>& seen) {
         libusb_device_descriptor descriptor{};
         if (libusb_get_device_descriptor(device, &descriptor) < 0 ||
             descriptor.idVendor != JOVU_USB_VENDOR_ID || descriptor.idProduct != kProductOpened) {
@@ -90,22 +68,24 @@ private:
         }
         const JovuDeviceAddress address{libusb_get_bus_number(device),
                                         libusb_get_device_address(device)};
-        UsbDevice* const known = link_.device_at(address);
-        if (known != nullptr && known->is(device)) {
-            seen.push_back(address);
-            return;
+        if (const auto known = backend_.device_at(address)) {
+            if (known->is(device)) {
+                seen.push_back(address);
+                return;
+            }
+            known->mark_removed();
+            if (!remove(*known)) return;
         }
-        link_.remove_device(address);
-        const MutexLock opening(link_.opening_mutex);
-        if (link_.scan_holds.now().held) {
-            // Held back in the middle of the scan: another one is due as soon as that is over.
-            last_scan_.reset();
+        const MutexLock opening(backend_.opening_mutex);
+        if (clients_.pauses.active()) {
+            // The pause began during this scan: another scan is due as soon as it ends.
+            next_scan_ = {};
             return;
         }
         if (!probe(device)) return;
         try {
-            link_.add_device(
-                std::make_unique<UsbDevice>(context_, JOVU_USB_VENDOR_ID, kProductOpened, address));
+            backend_.add(UsbDevice::open(context_, JOVU_USB_VENDOR_ID, kProductOpened, address,
+                                         backend_.cleanup_pending));
         } catch (const DeviceGone&) {
             // Unplugged between the probe and the opening, which is no reason to stop watching.
             return;
@@ -113,7 +93,7 @@ private:
         seen.push_back(address);
     }
 
-    /// @return whether the device can be opened and claimed just now.
+    /// @return true when the device can be opened and claimed now.
     static bool probe(libusb_device* device) {
         libusb_device_handle* raw = nullptr;
         if (libusb_open(device, &raw) < 0) return false;
@@ -123,34 +103,40 @@ private:
         return true;
     }
 
-    /// Removes devices whose reception has failed on both channels, and closes those whose close
-    /// was ordered from inside a delivery.
-    void sweep() {
-        if (!link_.sweep_wanted.exchange(false)) return;
-        bool done = false;
-        with_gate([this, &done]() JOVU_REQUIRES(link_._connected_devices_mutex) {
-            for (const JovuDeviceAddress address : link_.addresses()) {
-                UsbDevice* const device = link_.device_at(address);
-                if (device->reception_failed()) {
-                    link_.remove_device(address);
-                } else if (device->close_ordered()) {
-                    device->close();
-                }
-            }
-            done = true;
-        });
-        if (!done) link_.sweep_wanted = true;
+    /// Closes a device and removes it from the table.
+    /// @return false when it cannot be closed yet; the cleanup tries again.
+    bool remove(UsbDevice& device) {
+        if (!device.try_close()) {
+            backend_.cleanup_pending = true;
+            return false;
+        }
+        backend_.remove(device);
+        return true;
     }
 
-    Link& link_ = link();
+    /// Removes the devices that have gone or no longer receive, and closes those whose close was
+    /// ordered in a callback.
+    void clean_up() {
+        for (const auto& device : backend_.devices()) {
+            if (device->to_be_removed()) {
+                // Another device may be waiting for the address.
+                if (remove(*device)) next_scan_ = {};
+            } else if (device->close_ordered() && !device->try_close()) {
+                backend_.cleanup_pending = true;
+            }
+        }
+    }
+
+    UsbBackend& backend_ = usb_backend();
+    ClientList& clients_ = client_list();
     const Context& context_;
-    std::optional<std::chrono::steady_clock::time_point> last_scan_;
+    Clock::time_point next_scan_;  ///< At first in the past.
 };
 
-void tell_of_end(const char* what) noexcept {
+void report_failure(const char* what) noexcept {
     std::fprintf(stdout, "Fatal error in hotplug thread - %s.\n", what);
     std::fflush(stdout);
-    link().watcher_failed = true;
+    usb_backend().watcher_failed = true;
 }
 
 }  // namespace
@@ -159,10 +145,10 @@ void device_status_thread_entry(const Context& context) noexcept {
     try {
         Watcher(context).run();
     } catch (const std::exception& error) {
-        tell_of_end(error.what());
+        report_failure(error.what());
     } catch (...) {
-        // A client may throw anything; the line is all that is told of it.
-        tell_of_end("UNKNOWN");
+        // A client may throw anything.
+        report_failure("UNKNOWN");
     }
 }
 

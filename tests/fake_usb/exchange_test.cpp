@@ -155,6 +155,16 @@ TEST_F(Exchange, IsOverBeforeADisconnectionIsNotified) {
     EXPECT_TRUE(client.wait_disconnected(kAddress));
 }
 
+TEST_F(Exchange, KeepsTheReasonOfItsOwnThreadCutTo255Bytes) {
+    struct Broken : JovuMessage {
+        using JovuMessage::JovuMessage;
+        void compile_data(yajl_gen) override { throw JovuException(std::string(300, 'x')); }
+    };
+    Broken(client, jovu::kEventFlags, nullptr).send(kAddress);
+    std::thread([] { EXPECT_EQ(JovuTransport::last_send_error(), ""); }).join();
+    EXPECT_EQ(JovuTransport::last_send_error(), std::string(255, 'x'));
+}
+
 TEST_F(Exchange, EventsReachAnApplicationWithoutRunTimeTypeInformation) {
     std::atomic<int> events{0};
     const auto quiet = test::make_client_without_rtti(events);

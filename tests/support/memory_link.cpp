@@ -7,14 +7,26 @@
 
 namespace {
 
-constexpr JovuUsb::connection_t kConnection = 1;
-
 memory_link::Writer writer;
 std::array<JovuUsbClient*, 2> clients{};
+
+class MemoryConnection : public jovu::Connection {
+public:
+    explicit MemoryConnection(JovuDeviceAddress address) : Connection(address) {}
+    void write(std::initializer_list<Piece> pieces, std::uint32_t interface) override {
+        for (const Piece& piece : pieces) {
+            if (writer) writer(interface, piece.data, piece.length);
+        }
+    }
+};
 
 }  // namespace
 
 namespace memory_link {
+
+void connect(JovuDeviceAddress address) {
+    client(0).connection_opened(std::make_shared<MemoryConnection>(address));
+}
 
 void on_write(Writer new_writer) {
     writer = std::move(new_writer);
@@ -27,14 +39,8 @@ JovuUsbClient& client(unsigned interface) {
 }  // namespace memory_link
 
 void JovuUsb::write(const unsigned char* data, unsigned int length, JovuDeviceAddress /*address*/,
-                    jovu_usb_interface_t interface, connection_t /*connection*/) {
+                    jovu_usb_interface_t interface) {
     if (writer) writer(interface, data, length);
-}
-
-void JovuUsb::write(std::initializer_list<Piece> pieces, JovuDeviceAddress address,
-                    jovu_usb_interface_t interface, connection_t connection) {
-    for (const Piece& piece : pieces)
-        write(piece.data, piece.length, address, interface, connection);
 }
 
 void JovuUsb::client_register(JovuUsbClient& client, jovu_usb_interface_t interface) {
@@ -55,16 +61,12 @@ std::vector<JovuUsbDevice> JovuUsb::list_attached() {
     return {};
 }
 
-JovuUsb::connection_t JovuUsb::connection(JovuDeviceAddress /*address*/) {
-    return kConnection;
+std::shared_ptr<jovu::Connection> JovuUsb::connection(JovuDeviceAddress address) {
+    return std::make_shared<MemoryConnection>(address);
 }
 
 bool JovuUsb::is_watching() noexcept {
     return true;
-}
-
-bool JovuUsb::delivering() noexcept {
-    return false;
 }
 
 bool JovuUsb::in_callback() noexcept {
@@ -73,6 +75,6 @@ bool JovuUsb::in_callback() noexcept {
 
 void JovuUsb::client_detach(JovuUsbClient& /*client*/, jovu_usb_interface_t /*interface*/) {}
 
-void JovuUsb::hold_scans() noexcept {}
+void JovuUsb::pause_scans() noexcept {}
 
-void JovuUsb::release_scans() noexcept {}
+void JovuUsb::resume_scans() noexcept {}

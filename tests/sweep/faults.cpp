@@ -87,7 +87,7 @@ bool is_libusb(Kind kind) noexcept {
 bool strikes(Kind kind, const Fault& fault, unsigned position) noexcept {
     if (kind != fault.kind) return false;
     if (role == fault.role && position == fault.position) {
-        struck_in_reception = role == Role::watcher || JovuUsb::delivering();
+        struck_in_reception = role == Role::watcher || JovuUsb::in_callback();
         struck = true;
         return true;
     }

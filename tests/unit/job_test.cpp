@@ -226,12 +226,12 @@ TEST_F(JobChannel, APushThatAnUnplugCutsOffNeverReachesTheNextDevice) {
     std::ofstream(file.path()) << std::string(20000, 'x');
     const auto replug = [&](std::size_t call) {
         if (call != 2) return;
-        const JovuUsb::connection_t first = JovuUsb::connection(test::kAddress);
+        const auto first = JovuUsb::connection(test::kAddress);
         fake_usb::unplug(device);
         fake_usb::plug(1, 5);
         EXPECT_TRUE(test::eventually([&] {
-            const JovuUsb::connection_t now = JovuUsb::connection(test::kAddress);
-            return now != first && now != JovuUsb::kNoConnection;
+            const auto now = JovuUsb::connection(test::kAddress);
+            return now != first && now != nullptr;
         }));
     };
     EXPECT_EQ(push(client, replug, {}), "Send failed - Device no longer connected.");

@@ -4,7 +4,6 @@
 
 #include <thread>
 
-#include "core/last_send_error.h"
 #include "json/json.h"
 #include "support/recording_client.h"
 
@@ -103,18 +102,6 @@ TEST_F(Message, WhatIsMissingOrOfAnotherKindReadsAsNothing) {
         message->forget_data();
         EXPECT_EQ(JovuCommand::get_unparsed_command(message), nullptr);
     }
-}
-
-TEST(LastSendError, IsEachThreadsOwnAndCut) {
-    jovu::set_last_send_error(std::string(300, 'x'));
-    EXPECT_EQ(jovu::last_send_error(), std::string(255, 'x'));
-    std::thread([] {
-        EXPECT_EQ(jovu::last_send_error(), "");
-        jovu::set_last_send_error("other");
-    }).join();
-    EXPECT_EQ(jovu::last_send_error(), std::string(255, 'x'));
-    jovu::set_last_send_error("");
-    EXPECT_EQ(JovuTransport::last_send_error(), "");
 }
 
 }  // namespace

@@ -1,3 +1,0 @@
-#include "jovu/usb_client.h"
-
-JovuUsbClient::~JovuUsbClient() = default;

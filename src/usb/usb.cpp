@@ -1,0 +1,158 @@
+#include "usb/usb.h"
+
+#include <string>
+#include <thread>
+
+#include "jovu/exception.h"
+#include "usb/client_list.h"
+#include "usb/usb_backend.h"
+#include "usb/usb_watcher.h"
+
+using jovu::client_list;
+using jovu::MutexLock;
+using jovu::usb_backend;
+using jovu::UsbBackend;
+
+namespace {
+
+void start(UsbBackend& backend) JOVU_REQUIRES(backend.lifecycle_mutex) {
+    jovu::Context context = jovu::acquire_context();
+    if (context == nullptr) throw JovuException("Failed to initialize libusb");
+    client_list().forget_error();
+    backend._run_device_hotplug_thread = true;
+    backend.watcher_failed = false;
+    backend._device_hotplug_thread =
+        std::thread([context] { jovu::device_status_thread_entry(context); });
+    backend._libusb_ctx = std::move(context);
+}
+
+void stop(UsbBackend& backend) JOVU_REQUIRES(backend.lifecycle_mutex) {
+    backend._run_device_hotplug_thread = false;
+    jovu::interrupt_event_handling(backend._libusb_ctx.get());
+    backend._device_hotplug_thread.join();
+    backend.remove_all();
+    backend._libusb_ctx.reset();
+}
+
+/// Starting and stopping wait for the watcher, and so for every callback.
+void refuse_in_callback(const char* what) {
+    if (JovuUsb::in_callback()) {
+        throw JovuException(std::string(what) +
+                            " failed - called from inside a notice or delivery.");
+    }
+}
+
+std::int32_t kind_of(std::uint16_t product_id) {
+    switch (product_id) {
+        case jovu::kProductOpened:
+            return 1;
+        case jovu::kProductListed:
+            return 2;
+        default:
+            return 0;
+    }
+}
+
+bool close_device(jovu::UsbDevice& device) {
+    if (JovuUsb::in_callback()) return device.order_close();
+    // Ordered already, it counts as closed. It is closed here, since the watcher may have ended.
+    const bool ordered = device.close_ordered();
+    return device.close() && !ordered;
+}
+
+}  // namespace
+
+void JovuUsb::client_register(JovuUsbClient& client, jovu_usb_interface_t interface) {
+    refuse_in_callback("Register");
+    UsbBackend& backend = usb_backend();
+    const MutexLock lifecycle(backend.lifecycle_mutex);
+    client_list().add(client, interface);
+    if (backend._device_hotplug_thread.joinable()) return;
+    // The client is already listed, so the first scan notifies it.
+    try {
+        start(backend);
+    } catch (...) {
+        client_list().remove_last(interface);
+        throw;
+    }
+}
+
+void JovuUsb::client_unregister(JovuUsbClient& client, jovu_usb_interface_t interface) {
+    refuse_in_callback("Unregister");
+    UsbBackend& backend = usb_backend();
+    const MutexLock lifecycle(backend.lifecycle_mutex);
+    const bool last = client_list().remove(client, interface);
+    if (last && backend._device_hotplug_thread.joinable()) stop(backend);
+}
+
+void JovuUsb::client_detach(JovuUsbClient& client, jovu_usb_interface_t interface) {
+    client_list().detach(client, interface);
+}
+
+std::shared_ptr<jovu::Connection> JovuUsb::connection(JovuDeviceAddress address) {
+    return usb_backend().device_at(address);
+}
+
+void JovuUsb::write(const unsigned char* data, unsigned int length, JovuDeviceAddress address,
+                    jovu_usb_interface_t interface) {
+    const auto device = connection(address);
+    if (device == nullptr) throw JovuException("Send failed - Device no longer connected.");
+    device->write({{data, length}}, interface);
+}
+
+void JovuUsb::close(JovuDeviceAddress address) {
+    const auto device = usb_backend().device_at(address);
+    if (device == nullptr || !close_device(*device)) {
+        throw JovuException("Close failed - Device no longer connected.");
+    }
+}
+
+std::vector<JovuDeviceAddress> JovuUsb::list_connected() {
+    UsbBackend& backend = usb_backend();
+    const MutexLock lock(backend._connected_devices_mutex);
+    std::vector<JovuDeviceAddress> addresses;
+    addresses.reserve(backend._connected_devices.size());
+    for (const auto& entry : backend._connected_devices)
+        addresses.push_back(entry.first);
+    return addresses;
+}
+
+std::vector<JovuUsbDevice> JovuUsb::list_attached() {
+    // The context remains for this call even if the backend stops meanwhile.
+    const jovu::Context context = jovu::acquire_context();
+    if (context == nullptr) throw JovuException("Failed to get libusb device list.");
+    const jovu::DeviceList list(context);
+    if (!list) throw JovuException("Failed to get libusb device list.");
+    std::vector<JovuUsbDevice> attached;
+    for (libusb_device* device : list) {
+        libusb_device_descriptor descriptor{};
+        if (libusb_get_device_descriptor(device, &descriptor) < 0 ||
+            descriptor.idVendor != JOVU_USB_VENDOR_ID) {
+            continue;
+        }
+        attached.push_back({kind_of(descriptor.idProduct), libusb_get_port_number(device)});
+    }
+    return attached;
+}
+
+bool JovuUsb::is_watching() noexcept {
+    return !usb_backend().watcher_failed;
+}
+
+bool JovuUsb::in_callback() noexcept {
+    return jovu::ClientList::in_callback();
+}
+
+void JovuUsb::pause_scans() noexcept {
+    if (in_callback()) {
+        // This thread may be the one that is opening a device.
+        client_list().pauses.begin();
+        return;
+    }
+    const MutexLock opening(usb_backend().opening_mutex);
+    client_list().pauses.begin();
+}
+
+void JovuUsb::resume_scans() noexcept {
+    client_list().pauses.end();
+}

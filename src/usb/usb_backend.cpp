@@ -1,0 +1,64 @@
+#include "usb/usb_backend.h"
+
+#include "base/never_destroyed.h"
+
+namespace jovu {
+
+UsbBackend& usb_backend() {
+    static NeverDestroyed<UsbBackend> backend;
+    return backend.get();
+}
+
+std::shared_ptr<UsbDevice> UsbBackend::device_at(JovuDeviceAddress address) {
+    const MutexLock lock(_connected_devices_mutex);
+    const auto found = _connected_devices.find(address);
+    return found == _connected_devices.end() ? nullptr : found->second;
+}
+
+std::vector<std::shared_ptr<UsbDevice>> UsbBackend::devices() {
+    const MutexLock lock(_connected_devices_mutex);
+    std::vector<std::shared_ptr<UsbDevice>> result;
+    result.reserve(_connected_devices.size());
+    for (const auto& entry : _connected_devices)
+        result.push_back(entry.second);
+    return result;
+}
+
+void UsbBackend::add(const std::shared_ptr<UsbDevice>& device) {
+    {
+        const MutexLock lock(_connected_devices_mutex);
+        _connected_devices[device->address()] = device;
+    }
+    try {
+        device->notify_connected();
+    } catch (...) {
+        device->finish_close();
+        remove(*device);
+        throw;
+    }
+}
+
+void UsbBackend::remove(UsbDevice& device) noexcept {
+    device.release_device();
+    std::shared_ptr<UsbDevice> removed;
+    const MutexLock lock(_connected_devices_mutex);
+    const auto found = _connected_devices.find(device.address());
+    if (found == _connected_devices.end()) return;
+    removed = std::move(found->second);
+    _connected_devices.erase(found);
+}
+
+void UsbBackend::remove_all() noexcept {
+    for (;;) {
+        std::shared_ptr<UsbDevice> device;
+        {
+            const MutexLock lock(_connected_devices_mutex);
+            if (_connected_devices.empty()) return;
+            device = _connected_devices.begin()->second;
+        }
+        device->finish_close();
+        remove(*device);
+    }
+}
+
+}  // namespace jovu

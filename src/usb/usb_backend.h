@@ -1,0 +1,66 @@
+/// @file
+/// The state of the USB backend, one per process. Lock order: docs/architecture.md.
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <memory>
+#include <thread>
+#include <unordered_map>
+#include <vector>
+
+#include "base/mutex.h"
+#include "jovu/device_address.h"
+#include "usb/libusb_owners.h"
+#include "usb/usb_device.h"
+
+namespace jovu {
+
+/// Never destroyed: the watcher may still run when the process exits.
+struct UsbBackend {
+    /// Both the scan period and the longest event wait.
+    static constexpr std::chrono::milliseconds _device_hotplug_refresh_rate{500};
+
+    /// Serialises starting and stopping. Acquired before every other lock of the backend; the
+    /// watcher does not acquire it, so the watcher can be joined with it held.
+    Mutex lifecycle_mutex;
+    std::thread _device_hotplug_thread JOVU_GUARDED_BY(lifecycle_mutex);
+    Context _libusb_ctx JOVU_GUARDED_BY(lifecycle_mutex);
+
+    std::atomic<bool> _run_device_hotplug_thread{true};
+
+    /// Held while one device is opened and its clients are notified, so that a scan pause begins
+    /// before or after that and never in between.
+    Mutex opening_mutex;
+
+    /// The device table. Devices are added by the watcher, and removed by it or after its end.
+    Mutex _connected_devices_mutex;
+    std::unordered_map<JovuDeviceAddress, std::shared_ptr<UsbDevice>> _connected_devices
+        JOVU_GUARDED_BY(_connected_devices_mutex);
+
+    /// Set when the watcher has devices to close or to remove before the next scan. An ordered
+    /// close interrupts its event wait as well.
+    std::atomic<bool> cleanup_pending{false};
+
+    /// Set by a watcher that an error has ended.
+    std::atomic<bool> watcher_failed{false};
+
+    /// @return the device at an address, or null.
+    std::shared_ptr<UsbDevice> device_at(JovuDeviceAddress address);
+
+    std::vector<std::shared_ptr<UsbDevice>> devices();
+
+    /// Adds a device to the table and notifies the clients. If one throws, the device is closed and
+    /// removed again, and the exception passes on.
+    void add(const std::shared_ptr<UsbDevice>& device);
+
+    /// Removes a closed device from the table.
+    void remove(UsbDevice& device) noexcept;
+
+    /// Closes and removes every device. The watcher has ended.
+    void remove_all() noexcept;
+};
+
+UsbBackend& usb_backend();
+
+}  // namespace jovu
