@@ -57,6 +57,11 @@ public:
     /// @return true if the transfer is neither submitted nor in its completion callback.
     bool idle() noexcept;
 
+    /// Frees the libusb transfer, which refers to the handle and must not outlive it. Only stop()
+    /// and the queries may be called afterwards.
+    /// @pre idle(), and stopped.
+    void free() noexcept { transfer_.reset(); }
+
     /// @return true once receiving has ended with a stall or because the device has gone.
     bool rx_failed() const noexcept { return rx_failed_; }
 
@@ -74,7 +79,7 @@ private:
 
     const std::size_t interface_;
     ReceiveSink& sink_;
-    const Transfer transfer_;
+    Transfer transfer_;
     std::array<unsigned char, kReceiveBufferSize> rx_buffer_{};
     libusb_device_handle* handle_ = nullptr;  ///< Constant once submitted.
     std::atomic<bool> rx_failed_{false};

@@ -199,6 +199,8 @@ void UsbDevice::close_handle() noexcept {
     if (closed_) return;
     end_receiving();
     if (handle_ != nullptr && kept_by == nullptr) {
+        for (ReceiveTransfer& transfer : transfers_)
+            transfer.free();
         libusb_release_interface(handle_.get(), kClaimedInterface);
         handle_.reset();
         context_.reset();
