@@ -13,6 +13,8 @@ std::string example(const json& argument) {
     const std::string kind = argument["kind"];
     if (kind == "structure") return "{}";
     if (kind == "text") return argument.contains("size") ? "net" : "G28";
+    // Off: a trace that is left on fills the device's transmit queue ahead of all later responses.
+    if (kind == "boolean") return "0";
     return kind == "buffer" ? "1,2" : "1";
 }
 
