@@ -454,6 +454,10 @@ void libusb_free_transfer(libusb_transfer* transfer) {
         return;
     }
     if (found->second != Flight::idle) misuse("transfer freed in flight");
+    // libusb reads the handle then.
+    if (transfer->dev_handle != nullptr && bus.handles.count(transfer->dev_handle) == 0) {
+        misuse("transfer freed after its handle was closed");
+    }
     bus.transfers.erase(found);
     delete transfer;
 }
