@@ -35,8 +35,8 @@ for folder in include src tools/jovu sim; do
     [[ -n $(includes "$folder") ]] || { echo "$folder includes nothing?" >&2; exit 1; }
 done
 
-# The rooms of the library, and what each may include beside itself and the public headers.
-declare -A rooms=(
+# The modules of the library, and what each may include beside itself and the public headers.
+declare -A modules=(
     [base]=''
     [json]='base'
     [usb]='base'
@@ -47,11 +47,16 @@ declare -A rooms=(
     [dfu]='base'
 )
 for folder in src/*/; do
-    room=$(basename "$folder")
-    [[ -v rooms[$room] ]] || { forbid "a room without a place among the others" "$folder"; continue; }
-    allowed="jovu $room ${rooms[$room]}"
-    forbid "src/$room may include ${allowed% } only" \
+    module=$(basename "$folder")
+    [[ -v modules[$module] ]] || { forbid "a module that is not in the list" "$folder"; continue; }
+    allowed="jovu $module ${modules[$module]}"
+    forbid "src/$module may include ${allowed% } only" \
         "$(includes "$folder" | grep '"' | grep -vE "\"(${allowed// /|})/" || true)"
+    # A source and its header count as one.
+    forbid "the files of src/$module include one another in a circle" \
+        "$(includes "$folder" |
+            sed -nE "s#^.*/([a-z_]+)\.(h|cpp):[0-9]+:.*\"$module/([a-z_]+)\.h\".*#\1 \3#p" |
+            { tsort 2>&1 >/dev/null || true; })"
 done
 
 forbid "only src/usb may name libusb.h" \
