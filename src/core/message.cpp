@@ -3,7 +3,6 @@
 #include <array>
 #include <random>
 
-#include "core/attribute_words.h"
 #include "jovu/event_interface.h"
 #include "jovu/exception.h"
 #include "jovu/transport.h"

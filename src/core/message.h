@@ -11,25 +11,10 @@
 #include <string>
 #include <string_view>
 
+#include "core/message_attributes.h"
 #include "jovu/device_address.h"
 
 class JovuTransport;
-
-namespace jovu {
-
-/// Message attributes, as bits. The words that stand for them are in attribute_words.h.
-enum MessageAttribute : std::uint32_t {
-    kRequest = 1,   ///< Originates an exchange.
-    kResponse = 2,  ///< Answers a request, matched by id.
-    kOneway = 4,    ///< The sender expects no response.
-    kTwoway = 8,    ///< The sender waits for a response.
-    kAck = 16,      ///< Carried, but without meaning to the library.
-};
-
-inline constexpr unsigned kCommandFlags = kRequest | kTwoway;
-inline constexpr unsigned kEventFlags = kRequest | kOneway;
-
-}  // namespace jovu
 
 /// A message: an envelope of attributes and an id, and a body under "data".
 ///

@@ -6,8 +6,8 @@
 #include <utility>
 
 #include "base/never_destroyed.h"
-#include "core/attribute_words.h"
 #include "core/message.h"
+#include "core/message_attributes.h"
 #include "core/transport_state.h"
 #include "jovu/exception.h"
 #include "json/json.h"

@@ -1,14 +1,24 @@
 /// @file
-/// The words that stand for message attributes in an envelope.
+/// The attributes of a message, and their names in an envelope.
 #pragma once
 
 #include <array>
 #include <cstdint>
 #include <string_view>
 
-#include "core/message.h"
-
 namespace jovu {
+
+/// Message attributes, as bits.
+enum MessageAttribute : std::uint32_t {
+    kRequest = 1,   ///< Originates an exchange.
+    kResponse = 2,  ///< Answers a request, matched by id.
+    kOneway = 4,    ///< The sender expects no response.
+    kTwoway = 8,    ///< The sender waits for a response.
+    kAck = 16,      ///< Carried, but without meaning to the library.
+};
+
+inline constexpr unsigned kCommandFlags = kRequest | kTwoway;
+inline constexpr unsigned kEventFlags = kRequest | kOneway;
 
 struct AttributeWord {
     std::uint32_t bit;
