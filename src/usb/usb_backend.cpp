@@ -25,11 +25,11 @@ std::vector<std::shared_ptr<UsbDevice>> UsbBackend::devices() {
 }
 
 void UsbBackend::add(const std::shared_ptr<UsbDevice>& device) {
-    {
-        const MutexLock lock(_connected_devices_mutex);
-        _connected_devices[device->address()] = device;
-    }
     try {
+        {
+            const MutexLock lock(_connected_devices_mutex);
+            _connected_devices[device->address()] = device;
+        }
         device->notify_connected();
     } catch (...) {
         device->finish_close();
