@@ -51,8 +51,7 @@ public:
         const unsigned own = calls_of_this_thread();
         const MutexLock lock(mutex_);
         waiting_ += own;
-        changed_.notify_all();
-        while (count_ > (own > 0 ? waiting_ : 0))
+        while (count_ > (own != 0 ? waiting_ : 0))
             changed_.wait(mutex_);
         waiting_ -= own;
     }

@@ -72,7 +72,6 @@ void NoticeThreads::wait() {
     }
     // Notices that wait here do not wait for one another.
     ++state.waiting;
-    state.changed.notify_all();
     while (state.running > state.waiting)
         state.changed.wait(state.mutex);
     --state.waiting;

@@ -66,16 +66,14 @@ std::shared_ptr<SendLock> SendLocks::connect(JovuDeviceAddress address,
 }
 
 std::shared_ptr<SendLock> SendLocks::disconnect(JovuDeviceAddress address) {
-    std::shared_ptr<SendLock> lock;
+    Map::node_type taken_out;
     {
         const MutexLock guard(mutex_);
-        const auto found = locks_.find(address);
-        if (found == locks_.end()) return nullptr;
-        lock = std::move(found->second);
-        locks_.erase(found);
+        taken_out = locks_.extract(address);
     }
-    lock->wake();
-    return lock;
+    if (taken_out.empty()) return nullptr;
+    taken_out.mapped()->wake();
+    return taken_out.mapped();
 }
 
 void SendLocks::close() {

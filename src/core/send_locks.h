@@ -30,14 +30,15 @@ public:
     bool enter(Wanted wanted) {
         const MutexLock lock(mutex_);
         const WaitQueue::Place place(queue_);
-        while ((busy_ || !place.first()) && wanted())
+        while (wanted()) {
+            if (!busy_ && place.first()) {
+                busy_ = true;
+                return true;
+            }
             changed_.wait(mutex_);
-        if (busy_ || !place.first() || !wanted()) {
-            changed_.notify_all();
-            return false;
         }
-        busy_ = true;
-        return true;
+        changed_.notify_all();
+        return false;
     }
 
     void leave();

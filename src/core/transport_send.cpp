@@ -86,7 +86,6 @@ void JovuTransport::exchange(JovuMessage& message, JovuDeviceAddress address) {
     }
     const SendTurn turn(state_->device_mutexes, address, std::move(lock));
     if (!message.twoway()) {
-        turn.check();
         send_command_data(message.compile(), address, turn.connection());
         return;
     }
