@@ -70,8 +70,8 @@ TEST_F(Watcher, PassesOverWhatCannotBeHadNowAndTriesAgain) {
     } cases[] = {
         {"no list", Call::list, {LIBUSB_ERROR_NO_MEM}, "b+1.5"},
         {"no descriptor", Call::descriptor, {LIBUSB_ERROR_IO}, "b+1.5"},
-        {"not to be opened", Call::open, {LIBUSB_ERROR_ACCESS}, "b+1.5"},
-        {"in use", Call::claim, {LIBUSB_ERROR_BUSY}, "b+1.5"},
+        {"not to be opened", Call::open, {LIBUSB_ERROR_ACCESS, LIBUSB_ERROR_ACCESS}, "b+1.5"},
+        {"in use", Call::claim, {LIBUSB_ERROR_BUSY, LIBUSB_ERROR_BUSY}, "b+1.5"},
         {"left before the opening", Call::open, {0, LIBUSB_ERROR_NO_DEVICE}, "b+1.5"},
         {"left before the claim", Call::claim, {0, LIBUSB_ERROR_NO_DEVICE}, "b+1.5"},
         {"left before the look for it", Call::alloc, {{0, leave_for_good}}, "b+1.6"},
@@ -225,9 +225,19 @@ TEST_F(Watcher, CallsNoJobClientBeforeItIsBuilt) {
     EXPECT_EQ(jobs.calls, 1);
 }
 
+TEST_F(Watcher, DoesNotSpinWhenEventHandlingFails) {
+    fake_usb::script(Call::handle_events, std::vector<Step>(4, LIBUSB_ERROR_IO));
+    const auto begin = std::chrono::steady_clock::now();
+    const LinkClient client(journal, "a", 0);
+    EXPECT_TRUE(eventually([] { return fake_usb::calls(Call::handle_events) > 4; }));
+    EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(150));
+}
+
 TEST_F(Watcher, MayStopInTheMiddleOfAListing) {
     Link link(journal);
     ASSERT_TRUE(journal.wait("b+1.5"));
+    { const LinkClient another(journal, "c", 1); }
+    EXPECT_EQ(test::write("x"), "") << "it is the last client of an interface that stops it";
     const auto stop = [&link, lister = std::this_thread::get_id()] {
         if (std::this_thread::get_id() == lister) link.jobs.reset();
     };

@@ -91,26 +91,6 @@ INSTANTIATE_TEST_SUITE_P(Exchange, InACallback, testing::Bool(), [](const auto& 
     return parameter.param ? "WhileASenderWaits" : "Alone";
 });
 
-TEST(InAStatusCallback, SendsAreRefusedWhileAPushIsRunning) {
-    const JovuDeviceAddress device = plug();
-    RecordingClient client;
-    std::atomic<int> refused{0};
-    client.on_status = [&](JovuDeviceAddress address) {
-        if (error_of([&] { client.SendPause(address); }) == kBusy) ++refused;
-        client.list_connected();
-    };
-    ASSERT_TRUE(client.wait_connected(device));
-    // The sender holds the device lock nearly all the time, and often handles the events itself.
-    std::atomic<bool> stop{false};
-    std::thread sender([&] {
-        while (!stop)
-            client.RequestStatus(device);
-    });
-    EXPECT_TRUE(eventually([&] { return refused >= 100; }));
-    stop = true;
-    sender.join();
-}
-
 TEST(InACallbackOfOneClient, BuildingAnotherIsRefusedAndEndingOneCutsItOffWithoutWaiting) {
     const JovuDeviceAddress device = plug();
     auto other = std::make_unique<RecordingClient>();

@@ -2,8 +2,6 @@
 /// Commands and events over the real libusb.
 #include <gtest/gtest.h>
 
-#include <thread>
-
 #include "support/recording_client.h"
 #include "support/sim_control.h"
 
@@ -27,24 +25,6 @@ protected:
     JovuDeviceAddress device = plug();
     RecordingClient client;
 };
-
-TEST_F(Exchange, ThreadsAndClientsTakeTurnsWithADevice) {
-    RecordingClient second;
-    sim("replug " + name(device));
-    ASSERT_TRUE(second.wait_connected(device));
-    ASSERT_TRUE(eventually([&] { return client.answers(device); }));
-    std::atomic<int> answered{0};
-    const auto send = [&](RecordingClient& sender) {
-        for (int n = 0; n < 50; ++n)
-            answered += sender.answers(device) ? 1 : 0;
-    };
-    std::thread others[] = {std::thread([&] { send(second); }), std::thread([&] { send(client); })};
-    send(client);
-    for (std::thread& other : others)
-        other.join();
-    EXPECT_EQ(answered, 150);
-    EXPECT_EQ(complaints(device), 0);
-}
 
 TEST_F(Exchange, AMissingResponseTimesOutAndTheLinkLives) {
     fault("silent");

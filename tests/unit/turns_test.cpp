@@ -9,14 +9,18 @@
 #include <functional>
 #include <future>
 #include <iterator>
+#include <memory>
+#include <optional>
 #include <string>
 #include <thread>
 #include <utility>
 #include <vector>
 
 #include "core/message.h"
+#include "core/notice_threads.h"
 #include "core/send_locks.h"
 #include "core/waiting_requests.h"
+#include "json/json.h"
 #include "support/recording_client.h"
 #include "support/wait.h"
 #include "usb/device_gate.h"
@@ -67,43 +71,100 @@ TEST(Turns, GoToWhoHasWaitedLongest) {
                 testing::ElementsAre(1, 2, 3));
 }
 
-TEST(Turns, EndWhenAnotherLockTakesThePlace) {
+TEST(Turns, EndWhenTheirLockIsTakenOut) {
     const JovuDeviceAddress address{1, 5};
-    jovu::SendLocks locks;
-    const auto old = locks.connect(address, 1);
-    ASSERT_TRUE(old->enter([] { return true; }));
-    std::atomic<bool> asked{false};
-    auto waiter = std::async(std::launch::async, [&] {
-        return old->enter([&] { return asked.exchange(true), locks.find(address) == old; });
-    });
-    ASSERT_TRUE(test::eventually([&] { return asked.load(); }));
-    locks.connect(address, 2);
-    EXPECT_EQ(waiter.wait_for(test::kPatience), std::future_status::ready);
-    old->leave();
-    EXPECT_FALSE(waiter.get());
+    const std::function<void(jovu::SendLocks&)> ways[] = {
+        [&](auto& locks) { locks.connect(address, 2); },
+        [&](auto& locks) { locks.disconnect(address); }, [](auto& locks) { locks.close(); }};
+    for (const auto& take_out : ways) {
+        jovu::SendLocks locks;
+        const auto old = locks.connect(address, 1);
+        ASSERT_TRUE(old->enter([] { return true; }));
+        std::atomic<bool> asked{false};
+        auto waiter = std::async(std::launch::async, [&] {
+            return old->enter([&] { return asked.exchange(true), locks.find(address) == old; });
+        });
+        ASSERT_TRUE(test::eventually([&] { return asked.load(); }));
+        take_out(locks);
+        EXPECT_EQ(waiter.wait_for(test::kPatience), std::future_status::ready) << "before leave()";
+        old->leave();
+        EXPECT_FALSE(waiter.get());
+    }
 }
 
 TEST(Turns, PassOnWhenSomebodyGivesUp) {
-    jovu::SendLock lock(1);
-    std::atomic<bool> wanted{true};
-    std::atomic<bool> asked{false};
-    ASSERT_TRUE(lock.enter([] { return true; }));
-    std::thread gives_up([&] {
-        EXPECT_FALSE(lock.enter([&] {
-            asked = true;
-            return wanted.load();
-        }));
-    });
-    ASSERT_TRUE(test::eventually([&] { return asked.load(); }));
-    std::thread waits([&] {
-        EXPECT_TRUE(lock.enter([] { return true; }));
+    // Often: who waits behind may look at the queue before the one in front has left it.
+    for (int round = 0; round < 300; ++round) {
+        jovu::SendLock lock(1);
+        std::atomic<bool> wanted{true};
+        std::atomic<int> asked{0};
+        ASSERT_TRUE(lock.enter([] { return true; }));
+        std::thread gives_up(
+            [&] { EXPECT_FALSE(lock.enter([&] { return ++asked, wanted.load(); })); });
+        ASSERT_TRUE(test::eventually([&] { return asked == 1; }));
+        std::thread waits([&] {
+            EXPECT_TRUE(lock.enter([&] { return ++asked, true; }));
+            lock.leave();
+        });
+        ASSERT_TRUE(test::eventually([&] { return asked == 2; }));
+        wanted = false;
         lock.leave();
-    });
-    wanted = false;
-    lock.wake();
-    gives_up.join();
-    lock.leave();
-    waits.join();
+        gives_up.join();
+        waits.join();
+    }
+}
+
+TEST(Turns, AMutexIsHeldAgainBehindAWait) {
+    jovu::Mutex mutex;
+    jovu::ConditionVariable changed;
+    for (const bool limited : {false, true}) {
+        bool ready = false;
+        std::future<void> notifier, intruder;
+        const jovu::MutexLock lock(mutex);
+        notifier = std::async(std::launch::async, [&] {
+            const jovu::MutexLock inside(mutex);
+            ready = true;
+            changed.notify_all();
+        });
+        while (!ready)
+            limited ? static_cast<void>(changed.wait_for(mutex, test::kPatience))
+                    : changed.wait(mutex);
+        intruder = std::async(std::launch::async, [&] { const jovu::MutexLock inside(mutex); });
+        EXPECT_EQ(intruder.wait_for(std::chrono::milliseconds(20)), std::future_status::timeout);
+    }
+}
+
+TEST(NoticeThreads, DropWhatHasNotBegunWhenTheyAreClosed) {
+    for (int round = 0; round < 100; ++round) {
+        const auto ended = std::make_shared<std::atomic<bool>>(false);
+        jovu::NoticeThreads threads;
+        threads.post([ended] { EXPECT_FALSE(*ended); });
+        threads.close();
+        threads.wait();
+        *ended = true;
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+}
+
+TEST(WaitingRequests, OutliveOlderOnesWithTheirId) {
+    const JovuDeviceAddress address{1, 5};
+    test::RecordingClient client;
+    jovu::WaitingRequests table;
+    JovuMessage older(client, 0, 7, nullptr), newer(client, 0, 7, nullptr);
+    jovu::ResponseSignal unheard, signal;
+    std::optional<jovu::WaitingRequests::Entry> first, second;
+    first.emplace(table, older, unheard, address, 1);
+    second.emplace(table, newer, signal, address, 1);
+    first.reset();
+    const jovu::JsonTree body = jovu::parse_json("{}");
+    auto response = std::make_shared<JovuMessage>(client, 2, 7, body.get());
+    table.respond(response, {address, 1, ""}, false);
+    EXPECT_TRUE(signal.wait(std::chrono::milliseconds(0)));
+    EXPECT_TRUE(newer.response_available() && !older.response_available());
+    EXPECT_FALSE(response->is_parsed()) << "its tree is freed now";
+    second.reset();
+    table.wake_all();
+    EXPECT_FALSE(signal.wait(std::chrono::milliseconds(0)));
 }
 
 TEST(WaitingRequests, ComeAndGoWhileOthersAreAnsweredAndWoken) {
