@@ -120,6 +120,47 @@ TEST_F(Watcher, KeepsADeviceWhoseReceptionCannotStartClosed) {
     }
 }
 
+TEST_F(Watcher, OpensOneKindOnceAndListsAll) {
+    fake_usb::plug(1, 6, 0x0003, 0x7A1C, 2);
+    fake_usb::plug(1, 7, 0x0099, 0x7A1C, 3);
+    fake_usb::plug(1, 8, 0x0002, 0x7A1D, 4);
+    {
+        const Link link(journal);
+        ASSERT_TRUE(journal.wait("b+1.5"));
+        JovuUsb::close(kAddress);
+        const unsigned scans = fake_usb::calls(Call::list);
+        ASSERT_TRUE(eventually([&] { return fake_usb::calls(Call::list) >= scans + 2; }));
+        EXPECT_EQ(JovuUsb::list_connected().size(), 1U);
+        fake_usb::unplug(link.device);
+        ASSERT_TRUE(eventually([] { return JovuUsb::list_connected().empty(); }));
+        fake_usb::plug(1, 5);
+        ASSERT_TRUE(journal.wait("b+1.5", 2));
+    }
+    EXPECT_THAT(journal.entries(),
+                ElementsAre("a+1.5", "b+1.5", "a-1.5", "b-1.5", "a+1.5", "b+1.5", "a-1.5"));
+    std::vector<std::pair<int, int>> kinds;
+    for (const JovuUsbDevice& device : JovuUsb::list_attached())
+        kinds.emplace_back(device.type, device.port);
+    EXPECT_THAT(kinds,
+                testing::UnorderedElementsAre(std::pair(1, 1), std::pair(2, 2), std::pair(0, 3)));
+}
+
+TEST_F(Watcher, FindsArrivalsWhileOthersSendAllTheTime) {
+    const Link link(journal);
+    ASSERT_TRUE(journal.wait("b+1.5"));
+    std::atomic<bool> stop{false};
+    std::vector<std::future<void>> senders(3);
+    for (auto& sender : senders) {
+        sender = std::async(std::launch::async, [&] {
+            while (!stop)
+                test::write("x");
+        });
+    }
+    fake_usb::plug(1, 6);
+    EXPECT_TRUE(journal.wait("b+1.6"));
+    stop = true;
+}
+
 TEST_F(Watcher, TellsOfTheOldDeviceBeforeTheNewOneAtItsAddress) {
     const Link link(journal);
     ASSERT_TRUE(journal.wait("b+1.5"));
