@@ -239,6 +239,21 @@ TEST_F(Exchange, AndNotificationsAreOverWhenShutdownReturns) {
     }
 }
 
+TEST_F(Exchange, AHandlerMayEndAnotherClientButBuildNone) {
+    auto another = std::make_unique<test::RecordingClient>();
+    std::vector<std::string> errors;
+    client.on_debug = [&](JovuDeviceAddress, const std::string&) {
+        errors = {test::error_of([] { test::RecordingClient third; }),
+                  test::error_of([&] { another->shutdown(); })};
+    };
+    test::complete_event(device);
+    EXPECT_THAT(errors, testing::ElementsAre(
+                            "Register failed - called from inside a notice or delivery.", ""));
+    test::complete_event(device);
+    EXPECT_EQ(client.texts().size(), 2U);
+    EXPECT_TRUE(another->texts().empty()) << "cut off at once";
+}
+
 TEST_F(Exchange, SeveralNotificationsMayEndTheirClient) {
     libusb_device* const second = fake_usb::plug(1, 6);
     ASSERT_TRUE(client.wait_connected({1, 6}));

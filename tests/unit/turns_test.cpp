@@ -114,26 +114,6 @@ TEST(Turns, PassOnWhenSomebodyGivesUp) {
     }
 }
 
-TEST(Turns, AMutexIsHeldAgainBehindAWait) {
-    jovu::Mutex mutex;
-    jovu::ConditionVariable changed;
-    for (const bool limited : {false, true}) {
-        bool ready = false;
-        std::future<void> notifier, intruder;
-        const jovu::MutexLock lock(mutex);
-        notifier = std::async(std::launch::async, [&] {
-            const jovu::MutexLock inside(mutex);
-            ready = true;
-            changed.notify_all();
-        });
-        while (!ready)
-            limited ? static_cast<void>(changed.wait_for(mutex, test::kPatience))
-                    : changed.wait(mutex);
-        intruder = std::async(std::launch::async, [&] { const jovu::MutexLock inside(mutex); });
-        EXPECT_EQ(intruder.wait_for(std::chrono::milliseconds(20)), std::future_status::timeout);
-    }
-}
-
 TEST(NoticeThreads, DropWhatHasNotBegunWhenTheyAreClosed) {
     for (int round = 0; round < 100; ++round) {
         const auto ended = std::make_shared<std::atomic<bool>>(false);
