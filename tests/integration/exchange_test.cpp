@@ -11,6 +11,7 @@
 namespace {
 
 using test::complaints;
+using test::error_of;
 using test::eventually;
 using test::name;
 using test::plug;
@@ -58,15 +59,6 @@ TEST_F(Exchange, SplitAnswersAndFloodsAreRead) {
     sim("event " + name(device) + " after the flood");
     EXPECT_TRUE(client.wait_text("after the flood"));
     EXPECT_TRUE(eventually([&] { return client.statuses().size() == 500; }));
-}
-
-std::string error_of(const std::function<void()>& call) {
-    try {
-        call();
-    } catch (const JovuException& error) {
-        return error.what();
-    }
-    return "";
 }
 
 constexpr const char* kBusy = "Send failed - libusb error: -6";

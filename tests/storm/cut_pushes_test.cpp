@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <chrono>
-#include <cstdio>
 #include <random>
 #include <string>
 #include <vector>
@@ -85,8 +84,6 @@ TEST(CutPush, EndsInOneErrorAndTheNextDeviceWorks) {
     std::sort(times.begin(), times.end());
     const double median = times[times.size() / 2].count();
     const double longest = times.back().count();
-    std::printf("%zu cuts; the error came after %.1f ms in the median, %.1f ms at most\n",
-                offsets.size(), median, longest);
     // A machine with much else to do may hold up one, but hardly every other one, and none for as
     // long as a send waits that nothing but its own time limit of 1.5 s ends.
     EXPECT_LT(median, 100);

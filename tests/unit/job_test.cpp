@@ -172,6 +172,17 @@ TEST_F(JobChannel, APushReportsItsProgressAndWantsAFileThatCanBeReadTwice) {
     EXPECT_EQ(error(file.path(), true), "Compression not supported yet.");
     EXPECT_EQ(error(file.path()), "");
     ::unlink(fifo.c_str());
+
+    // A stream is read from its start, wherever it is.
+    struct : JovuJobInterface {
+        using JovuJobInterface::send_job;
+    } jobs;
+    before = fake_usb::sent().size();
+    const std::unique_ptr<std::FILE, int (*)(std::FILE*)> stream(::tmpfile(), ::fclose);
+    ASSERT_NE(std::fputs("job", stream.get()), EOF);
+    jobs.send_job(test::kAddress, stream.get(), nullptr, nullptr, "id", true, 9);
+    EXPECT_EQ(fake_usb::sent().at(before).bytes, jovu::job_announcement({3, 41812283, "id", 9}));
+    EXPECT_EQ(fake_usb::sent().at(before + 1).bytes, "job");
 }
 
 TEST_F(JobChannel, APushFillsUpWhatItDoesNotSendSoThatTheChecksumCannotFit) {
