@@ -43,7 +43,7 @@ TEST_F(Reception, EveryCompletionIsDeliveredAndResubmittedAsItsStatusSays) {
         {LIBUSB_TRANSFER_NO_DEVICE, "ab", false, false},
         {LIBUSB_TRANSFER_CANCELLED, "ab", false, false},
     };
-    constexpr std::size_t times = 8;
+    constexpr std::size_t kTimes = 8;
     for (const unsigned endpoint : {kMessagesIn, kJobsIn}) {
         for (const auto& row : cases) {
             SCOPED_TRACE(testing::Message() << "status " << row.status << " of " << endpoint);
@@ -53,7 +53,7 @@ TEST_F(Reception, EveryCompletionIsDeliveredAndResubmittedAsItsStatusSays) {
                 ASSERT_TRUE(told.wait("b+1.5"));
                 ASSERT_TRUE(complete(link.device, endpoint, row.status, row.data));
                 auto fastest = std::chrono::steady_clock::duration::max();
-                for (std::size_t i = 1; i < times && row.resubmitted; ++i) {
+                for (std::size_t i = 1; i < kTimes && row.resubmitted; ++i) {
                     const auto begin = std::chrono::steady_clock::now();
                     ASSERT_TRUE(complete(link.device, endpoint, row.status, row.data));
                     fastest = std::min(fastest, std::chrono::steady_clock::now() - begin);
@@ -71,7 +71,7 @@ TEST_F(Reception, EveryCompletionIsDeliveredAndResubmittedAsItsStatusSays) {
             std::vector<std::string> expected{"a+1.5", "b+1.5", "a-1.5"};
             if (row.delivered) {
                 const std::string client = endpoint == kMessagesIn ? "a" : "b";
-                expected.insert(expected.begin() + 2, times, client + "<1.5 " + row.data);
+                expected.insert(expected.begin() + 2, kTimes, client + "<1.5 " + row.data);
             }
             EXPECT_EQ(told.entries(), expected);
             finish();
