@@ -43,26 +43,27 @@ TEST_F(Reception, EveryCompletionIsDeliveredAndResubmittedAsItsStatusSays) {
         {LIBUSB_TRANSFER_NO_DEVICE, "ab", false, false},
         {LIBUSB_TRANSFER_CANCELLED, "ab", false, false},
     };
-    constexpr std::size_t kTimes = 8;
     for (const unsigned endpoint : {kMessagesIn, kJobsIn}) {
         for (const auto& row : cases) {
             SCOPED_TRACE(testing::Message() << "status " << row.status << " of " << endpoint);
             Journal told;
+            std::size_t rounds = 1;
             {
                 Link link(told);
                 ASSERT_TRUE(told.wait("b+1.5"));
                 ASSERT_TRUE(complete(link.device, endpoint, row.status, row.data));
                 auto fastest = std::chrono::steady_clock::duration::max();
-                for (std::size_t i = 1; i < kTimes && row.resubmitted; ++i) {
+                const bool pauses = row.status != LIBUSB_TRANSFER_COMPLETED && row.data.empty();
+                // A busy machine may be slow, but not every time.
+                for (; row.resubmitted && rounds < (pauses ? 8 : 200) &&
+                       (pauses || fastest >= jovu::kReceiveErrorPause);
+                     ++rounds) {
                     const auto begin = std::chrono::steady_clock::now();
                     ASSERT_TRUE(complete(link.device, endpoint, row.status, row.data));
                     fastest = std::min(fastest, std::chrono::steady_clock::now() - begin);
                 }
-                if (row.resubmitted) {
-                    EXPECT_EQ(fastest >= jovu::kReceiveErrorPause,
-                              row.status != LIBUSB_TRANSFER_COMPLETED && row.data.empty())
-                        << "an endpoint that fails at once every time must not take a core";
-                }
+                EXPECT_EQ(fastest >= jovu::kReceiveErrorPause, pauses || !row.resubmitted)
+                    << "an endpoint that fails at once every time must not take a core";
                 EXPECT_EQ(in_flight(link.device, endpoint), row.resubmitted);
                 EXPECT_TRUE(in_flight(link.device, kMessagesIn + kJobsIn - endpoint));
                 EXPECT_EQ(JovuUsb::list_connected().size(), 1U);
@@ -71,7 +72,7 @@ TEST_F(Reception, EveryCompletionIsDeliveredAndResubmittedAsItsStatusSays) {
             std::vector<std::string> expected{"a+1.5", "b+1.5", "a-1.5"};
             if (row.delivered) {
                 const std::string client = endpoint == kMessagesIn ? "a" : "b";
-                expected.insert(expected.begin() + 2, kTimes, client + "<1.5 " + row.data);
+                expected.insert(expected.begin() + 2, rounds, client + "<1.5 " + row.data);
             }
             EXPECT_EQ(told.entries(), expected);
             finish();
