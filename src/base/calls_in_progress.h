@@ -51,8 +51,8 @@ public:
         const unsigned own = calls_of_this_thread();
         const MutexLock lock(mutex_);
         waiting_ += own;
-        changed_.notify_all();
-        while (count_ > (own > 0 ? waiting_ : 0))
+        changed_.notify_all();  // Other threads that wait here need not wait for this one.
+        while (count_ > (own != 0 ? waiting_ : 0))
             changed_.wait(mutex_);
         waiting_ -= own;
     }

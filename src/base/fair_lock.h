@@ -21,14 +21,15 @@ public:
     bool lock_while(Wanted wanted) {
         const MutexLock lock(mutex_);
         Waiter self(*this);
-        while ((held_ || first_ != &self) && wanted())
+        while (wanted()) {
+            if (!held_ && first_ == &self) {
+                held_ = true;
+                return true;
+            }
             changed_.wait(mutex_);
-        if (held_ || first_ != &self || !wanted()) {
-            changed_.notify_all();
-            return false;
         }
-        held_ = true;
-        return true;
+        changed_.notify_all();  // The next thread may be the first one now.
+        return false;
     }
 
     void lock() {

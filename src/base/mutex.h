@@ -53,24 +53,30 @@ using MutexLock = ScopedLock<Mutex>;
 class ConditionVariable {
 public:
     void wait(Mutex& mutex) JOVU_REQUIRES(mutex) {
-        std::unique_lock<std::mutex> lock(mutex.mutex_, std::adopt_lock);
-        condition_.wait(lock);
-        lock.release();
+        Held held(mutex);
+        condition_.wait(held.lock);
     }
 
     /// @return false when @p limit passed first.
     template <class Rep, class Period>
     bool wait_for(Mutex& mutex, std::chrono::duration<Rep, Period> limit) JOVU_REQUIRES(mutex) {
-        std::unique_lock<std::mutex> lock(mutex.mutex_, std::adopt_lock);
-        const auto status = condition_.wait_for(lock, limit);
-        lock.release();
-        return status == std::cv_status::no_timeout;
+        Held held(mutex);
+        return condition_.wait_for(held.lock, limit) == std::cv_status::no_timeout;
     }
 
     void notify_one() noexcept { condition_.notify_one(); }
     void notify_all() noexcept { condition_.notify_all(); }
 
 private:
+    /// A mutex that the caller holds, as the standard library wants it. It stays locked.
+    struct Held {
+        explicit Held(Mutex& mutex) : lock(mutex.mutex_, std::adopt_lock) {}
+        ~Held() { lock.release(); }
+        Held(const Held&) = delete;
+        Held& operator=(const Held&) = delete;
+        std::unique_lock<std::mutex> lock;
+    };
+
     std::condition_variable condition_;
 };
 

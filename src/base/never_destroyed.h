@@ -33,9 +33,7 @@ void keep_until_exit(const std::shared_ptr<T>& object) noexcept {
     static std::atomic<T*> last{nullptr};
     T* const kept = object.get();
     kept->kept_by = object;
-    kept->kept_before = last.load();
-    while (!last.compare_exchange_weak(kept->kept_before, kept)) {
-    }
+    kept->kept_before = last.exchange(kept);
 }
 
 }  // namespace jovu

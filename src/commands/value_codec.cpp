@@ -27,14 +27,12 @@ void write_number(yajl_gen gen, const char* key, double value) {
 /// The nearest float. Beyond the largest one the conversion itself would be undefined; what rounds
 /// to it, such as its own usual spelling 3.4028235e38, is taken for it.
 float narrow(double value) {
-    using Float = std::numeric_limits<float>;
     constexpr double kRoundsToInfinity = 0x1.ffffffp127;
-    const double magnitude = std::abs(value);
-    if (magnitude <= static_cast<double>(Float::max()) || std::isnan(value)) {
-        return static_cast<float>(value);
+    constexpr double kLargest = std::numeric_limits<float>::max();
+    if (std::abs(value) >= kRoundsToInfinity) {
+        return static_cast<float>(std::copysign(HUGE_VAL, value));
     }
-    return std::copysign(magnitude < kRoundsToInfinity ? Float::max() : Float::infinity(),
-                         value > 0 ? 1.0F : -1.0F);
+    return static_cast<float>(std::clamp(value, -kLargest, kLargest));
 }
 
 /// Reads an array of numbers, each through @p element.
@@ -136,17 +134,14 @@ void cmd_ifc_serialize_bytes(yajl_gen gen, const char* key, const unsigned char*
     JovuMessage::gen_array_close(gen);
 }
 
-bool cmd_ifc_deserialize_bytes(yajl_val object, const char* key, unsigned char* bytes,
+void cmd_ifc_deserialize_bytes(yajl_val object, const char* key, unsigned char* bytes,
                                std::size_t size) {
     const yajl_val array = jovu::find(object, {key}, yajl_t_array);
-    if (array == nullptr) return false;
+    if (array == nullptr) return;
     const std::size_t count = std::min(size, array->u.array.len);
     const auto* const first = array->u.array.values;
-    if (!std::all_of(first, first + count, [](yajl_val e) { return YAJL_IS_NUMBER(e); })) {
-        return false;
-    }
+    if (!std::all_of(first, first + count, [](yajl_val e) { return YAJL_IS_NUMBER(e); })) return;
     std::transform(first, first + count, bytes, [](yajl_val element) {
         return static_cast<unsigned char>(jovu::integer_of(element));
     });
-    return true;
 }

@@ -79,11 +79,12 @@ bool cmd_ifc_deserialize_type(yajl_val object, const char* key, std::shared_ptr<
 
 /// @name Fixed arrays of bytes
 /// An array of exactly @p size numbers when written. When read, elements beyond @p size are left
-/// out and bytes beyond the last element stay as they are.
+/// out and bytes beyond the last element stay as they are; so do all of them when the array is
+/// missing or one of the elements is no number.
 /// @param is_signed whether each byte is written as -128 to 127 rather than as 0 to 255.
 /// @{
 void cmd_ifc_serialize_bytes(yajl_gen gen, const char* key, const unsigned char* bytes,
                              std::size_t size, bool is_signed);
-bool cmd_ifc_deserialize_bytes(yajl_val object, const char* key, unsigned char* bytes,
+void cmd_ifc_deserialize_bytes(yajl_val object, const char* key, unsigned char* bytes,
                                std::size_t size);
 /// @}

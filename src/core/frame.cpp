@@ -45,7 +45,7 @@ void FrameDecoder::take_header(unsigned char byte) {
     --length_;
     remaining_ = length_;
     buffer_ = std::make_unique<unsigned char[]>(length_);
-    state_ = length_ > 0 ? State::payload : State::terminator;
+    state_ = State::payload;
 }
 
 std::size_t FrameDecoder::take_payload(const unsigned char* data, std::size_t size) {

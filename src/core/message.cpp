@@ -218,7 +218,7 @@ JovuEvent::JovuEvent(const JovuMessage& msg) : JovuMessage(msg, kEvent) {}
 
 void JovuEvent::handle_receive(JovuDeviceAddress address, std::shared_ptr<JovuMessage>& msg) {
     const char* const name = jovu::find_string(body_of(msg), {"event", "name"});
-    if (name == nullptr || transport() == nullptr) return;
+    if (name == nullptr) return;
     JovuEventInterface* const events = transport()->event_interface();
     if (events == nullptr) return;
     JovuEvent* const event = events->get_firmware_event(name);

@@ -16,9 +16,10 @@ void ResponseSignal::post() {
 
 bool ResponseSignal::wait(std::chrono::milliseconds limit) {
     const MutexLock lock(mutex_);
-    while (count_ == 0) {
-        if (!condition_.wait_for(mutex_, limit) && count_ == 0) return false;
-    }
+    bool in_time = true;
+    while (count_ == 0 && in_time)
+        in_time = condition_.wait_for(mutex_, limit);
+    if (count_ == 0) return false;
     --count_;
     return true;
 }

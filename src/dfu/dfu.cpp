@@ -102,7 +102,6 @@ std::list<JovuDfu::DfuDevice_t> JovuDfu::GetDfuDevices() {
     std::string piece;
     while (run.read(piece))
         output += piece;
-    run.finish();
     return jovu::listed_devices(output);
 }
 

@@ -105,7 +105,7 @@ std::list<JovuDfu::DfuDevice_t> listed_devices(std::string_view output) {
         }
         devices.push_back(
             {std::string(header->vendor_id), std::string(header->product_id), std::string(serial)});
-        at = end + 1;
+        at = end;
     }
     return devices;
 }

@@ -43,7 +43,7 @@ using Piece = std::array<unsigned char, kPieceSize>;
 /// directory, a pipe that nobody may ever write to) could only be announced with a wrong size.
 File open_job_file(const std::string& path) {
     const int descriptor = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
-    if (descriptor < 0) throw JovuException("Failed to open job file.");
+    if (descriptor == -1) throw JovuException("Failed to open job file.");
     struct stat info {};
     const bool readable_twice =
         ::fstat(descriptor, &info) == 0 && (S_ISREG(info.st_mode) || S_ISBLK(info.st_mode));

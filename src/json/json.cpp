@@ -1,5 +1,6 @@
 #include "json/json.h"
 
+#include <cmath>
 #include <new>
 
 #include "json/numeric_locale.h"
@@ -52,10 +53,11 @@ const char* find_string(yajl_val object, std::initializer_list<const char*> path
 }
 
 long long integer_of(yajl_val number) noexcept {
-    // The first double beyond the largest integer; its negative is the smallest one.
+    // The first double beyond the largest integer. For what does not fit yajl stores the integer
+    // that is next to it.
     constexpr double kLimit = 9223372036854775808.0;
     const double value = number->u.number.d;
-    const bool fits = value >= -kLimit && value < kLimit;
+    const bool fits = std::abs(value) < kLimit;
     if (YAJL_IS_INTEGER(number) || !fits) return number->u.number.i;
     return static_cast<long long>(value);
 }

@@ -145,7 +145,7 @@ TEST_F(EveryCommand, IsWrittenAndReadAsTheFirmwareDoes) {
          R"({"idx":2,"name":"gpio_get_raw","args":{"gpio":4294967295}})"},
         {CALL(gpio_input_get(a, gpio_input_name_t{3}, true)), "4294967295", "4294967295",
          R"({"idx":3,"name":"gpio_input_get","args":{"pin":3,"debounce":1}})"},
-        {CALL(gpio_output_set(a, gpio_name_t{3}, true)), "0", "void",
+        {CALL(gpio_output_set(a, gpio_name_t{3}, true)), "null", "void",
          R"({"idx":4,"name":"gpio_output_set","args":{"pin":3,"value":1}})"},
         {CALL(gcode_process_command(a, test::text("G1 \xE9"))), "7", "7",
          R"({"idx":5,"name":"gcode_process_command","args":{"command":[71,49,32,-23,0]}})"},

@@ -53,6 +53,7 @@ TEST_F(Exchange, OnlyTheRightResponseEndsIt) {
 /// One bulk call is in its middle; what ends the connection has to wait for the rest of the frame.
 TEST_F(Exchange, SendsAFrameWholeWhateverEndsItsConnection) {
     client.on_debug = [this](JovuDeviceAddress address, const std::string&) {
+        const JovuScanPause pause;
         client.close(address);
     };
     const std::pair<const char*, std::function<void()>> ends[] = {
@@ -201,17 +202,83 @@ TEST_F(Exchange, FailsInOneLineThatNamesTheReason) {
     EXPECT_EQ(result(), "null|Transport Error - No response received.");
 }
 
+/// Whichever client sends it. A shutdown ends the one that waits for a response and those behind.
 TEST_F(Exchange, TheNextOneWithADeviceWaitsForTheLast) {
-    request_of([this] { return told(client.bio_get_version(kAddress)); });
-    auto second =
-        std::async(std::launch::async, [this] { return told(client.bio_get_serial(kAddress)); });
-    EXPECT_EQ(second.wait_for(std::chrono::milliseconds(30)), std::future_status::timeout);
+    test::RecordingClient another;
+    fake_usb::unplug(device);
+    device = fake_usb::plug(1, 5);
+    ASSERT_TRUE(another.wait_connected(kAddress) && client.wait_connected(kAddress, 2));
+    request_of([&] { return told(another.bio_get_version(kAddress)); });
+    std::future<std::string> behind[2];
+    for (std::size_t i = 0; i < 2; ++i) {
+        behind[i] = std::async(std::launch::async,
+                               [this] { return told(client.bio_get_serial(kAddress)); });
+        EXPECT_EQ(behind[i].wait_for(std::chrono::milliseconds(30)), std::future_status::timeout);
+    }
     EXPECT_EQ(fake_usb::sent().size(), 2U);
     answer(std::string(kResponse) + R"({"command":{"__return__":[49]}}})");
     EXPECT_EQ(result(), "1|");
     ASSERT_TRUE(test::eventually([] { return fake_usb::sent().size() == 4; }));
     client.shutdown();
-    EXPECT_EQ(second.get(), "null|Transport Error - No response received.");
+    EXPECT_EQ(behind[0].get(), "null|Transport Error - No response received.");
+    EXPECT_EQ(behind[1].get(), "null|Transport Error - Device has been disconnected.");
+    EXPECT_EQ(fake_usb::sent().size(), 4U);
+}
+
+/// Also the handlers' objects are gone behind it.
+TEST_F(Exchange, AndNotificationsAreOverWhenShutdownReturns) {
+    for (const bool notified : {false, true}) {
+        test::Barrier barrier;
+        test::RecordingClient another;
+        fake_usb::unplug(device);
+        device = fake_usb::plug(1, 5);
+        ASSERT_TRUE(another.wait_connected(kAddress));
+        SlowMessage message(another, barrier);
+        another.on_disconnected = [&](JovuDeviceAddress) {
+            message.begun = true;
+            barrier.wait();
+        };
+        auto running = std::async(std::launch::async, [&] {
+            notified ? fake_usb::unplug(device) : message.send(kAddress);
+        });
+        ASSERT_TRUE(test::eventually([&] { return message.begun.load(); }));
+        auto ending = std::async(std::launch::async, [&] { another.shutdown(); });
+        EXPECT_EQ(ending.wait_for(std::chrono::milliseconds(30)), std::future_status::timeout);
+        barrier.open();
+        test::in_time("shutdown", [&] { ending.get(); });
+    }
+}
+
+TEST_F(Exchange, AHandlerMayEndAnotherClientButBuildNone) {
+    auto another = std::make_unique<test::RecordingClient>();
+    std::vector<std::string> errors;
+    client.on_debug = [&](JovuDeviceAddress, const std::string&) {
+        errors = {test::error_of([] { test::RecordingClient third; }),
+                  test::error_of([&] { another->shutdown(); })};
+    };
+    test::complete_event(device);
+    EXPECT_THAT(errors, testing::ElementsAre(
+                            "Register failed - called from inside a notice or delivery.", ""));
+    test::complete_event(device);
+    EXPECT_EQ(client.texts().size(), 2U);
+    EXPECT_TRUE(another->texts().empty()) << "cut off at once";
+}
+
+TEST_F(Exchange, SeveralNotificationsMayEndTheirClient) {
+    libusb_device* const second = fake_usb::plug(1, 6);
+    ASSERT_TRUE(client.wait_connected({1, 6}));
+    std::atomic<int> inside{0};
+    std::atomic<int> ended{0};
+    client.on_disconnected = [&](JovuDeviceAddress) {
+        ++inside;
+        test::eventually([&] { return inside == 2; });
+        client.shutdown();
+        ++ended;
+        EXPECT_TRUE(test::eventually([&] { return ended == 2; })) << "neither waits for the other";
+    };
+    fake_usb::unplug(device);
+    fake_usb::unplug(second);
+    EXPECT_TRUE(test::eventually([&] { return ended == 2; }));
 }
 
 }  // namespace

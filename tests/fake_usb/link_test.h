@@ -20,7 +20,7 @@
 #include <vector>
 
 #include "fake_usb/fake_libusb.h"
-#include "jovu/client.h"
+#include "support/recording_client.h"
 #include "support/wait.h"
 #include "usb/usb.h"
 
@@ -94,16 +94,6 @@ private:
 
 inline constexpr JovuDeviceAddress kAddress{1, 5};
 inline constexpr unsigned kMessagesIn = 0x81, kJobsIn = 0x83;
-
-/// @return what a call throws, or an empty text.
-inline std::string error_of(const std::function<void()>& call) {
-    try {
-        call();
-    } catch (const JovuException& error) {
-        return error.what();
-    }
-    return "";
-}
 
 inline std::string write(const std::string& bytes, JovuDeviceAddress address = kAddress,
                          unsigned interface = 0) {

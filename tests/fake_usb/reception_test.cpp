@@ -47,15 +47,23 @@ TEST_F(Reception, EveryCompletionIsDeliveredAndResubmittedAsItsStatusSays) {
         for (const auto& row : cases) {
             SCOPED_TRACE(testing::Message() << "status " << row.status << " of " << endpoint);
             Journal told;
+            std::size_t rounds = 1;
             {
                 Link link(told);
                 ASSERT_TRUE(told.wait("b+1.5"));
-                const auto begin = std::chrono::steady_clock::now();
                 ASSERT_TRUE(complete(link.device, endpoint, row.status, row.data));
-                if (row.status != LIBUSB_TRANSFER_COMPLETED && row.data.empty()) {
-                    EXPECT_GE(std::chrono::steady_clock::now() - begin, jovu::kReceiveErrorPause)
-                        << "an endpoint that fails at once every time must not take a core";
+                auto fastest = std::chrono::steady_clock::duration::max();
+                const bool pauses = row.status != LIBUSB_TRANSFER_COMPLETED && row.data.empty();
+                // A busy machine may be slow, but not every time.
+                for (; row.resubmitted && rounds < (pauses ? 8 : 200) &&
+                       (pauses || fastest >= jovu::kReceiveErrorPause);
+                     ++rounds) {
+                    const auto begin = std::chrono::steady_clock::now();
+                    ASSERT_TRUE(complete(link.device, endpoint, row.status, row.data));
+                    fastest = std::min(fastest, std::chrono::steady_clock::now() - begin);
                 }
+                EXPECT_EQ(fastest >= jovu::kReceiveErrorPause, pauses || !row.resubmitted)
+                    << "an endpoint that fails at once every time must not take a core";
                 EXPECT_EQ(in_flight(link.device, endpoint), row.resubmitted);
                 EXPECT_TRUE(in_flight(link.device, kMessagesIn + kJobsIn - endpoint));
                 EXPECT_EQ(JovuUsb::list_connected().size(), 1U);
@@ -64,7 +72,7 @@ TEST_F(Reception, EveryCompletionIsDeliveredAndResubmittedAsItsStatusSays) {
             std::vector<std::string> expected{"a+1.5", "b+1.5", "a-1.5"};
             if (row.delivered) {
                 const std::string client = endpoint == kMessagesIn ? "a" : "b";
-                expected.insert(expected.begin() + 2, client + "<1.5 " + row.data);
+                expected.insert(expected.begin() + 2, rounds, client + "<1.5 " + row.data);
             }
             EXPECT_EQ(told.entries(), expected);
             finish();
@@ -147,7 +155,10 @@ TEST_F(Reception, AnExceptionOnASendersThreadReachesTheWatcherNotTheSender) {
     {
         Link link(journal);
         ASSERT_TRUE(journal.wait("b+1.5"));
-        link.messages.on_data = [](unsigned char*) { throw std::runtime_error("odd"); };
+        link.messages.on_data = [](unsigned char*) {
+            EXPECT_EQ(test::write(""), "");
+            throw std::runtime_error(test::write("x"));
+        };
         fake_usb::hold_bulk(true);
         auto sending = std::async(std::launch::async, [] { return test::write("x"); });
         ASSERT_TRUE(test::eventually(fake_usb::in_bulk));
@@ -156,7 +167,8 @@ TEST_F(Reception, AnExceptionOnASendersThreadReachesTheWatcherNotTheSender) {
         EXPECT_EQ(sending.get(), "");
         EXPECT_TRUE(watcher_ends());
     }
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), "Fatal error in hotplug thread - odd.\n");
+    EXPECT_EQ(testing::internal::GetCapturedStdout(),
+              "Fatal error in hotplug thread - Send failed - libusb error: -6.\n");
 }
 
 TEST_F(Reception, ClosingRepeatsItsCancellationsUntilTheyAreThrough) {

@@ -70,8 +70,8 @@ TEST_F(Watcher, PassesOverWhatCannotBeHadNowAndTriesAgain) {
     } cases[] = {
         {"no list", Call::list, {LIBUSB_ERROR_NO_MEM}, "b+1.5"},
         {"no descriptor", Call::descriptor, {LIBUSB_ERROR_IO}, "b+1.5"},
-        {"not to be opened", Call::open, {LIBUSB_ERROR_ACCESS}, "b+1.5"},
-        {"in use", Call::claim, {LIBUSB_ERROR_BUSY}, "b+1.5"},
+        {"not to be opened", Call::open, {LIBUSB_ERROR_ACCESS, LIBUSB_ERROR_ACCESS}, "b+1.5"},
+        {"in use", Call::claim, {LIBUSB_ERROR_BUSY, LIBUSB_ERROR_BUSY}, "b+1.5"},
         {"left before the opening", Call::open, {0, LIBUSB_ERROR_NO_DEVICE}, "b+1.5"},
         {"left before the claim", Call::claim, {0, LIBUSB_ERROR_NO_DEVICE}, "b+1.5"},
         {"left before the look for it", Call::alloc, {{0, leave_for_good}}, "b+1.6"},
@@ -118,6 +118,47 @@ TEST_F(Watcher, KeepsADeviceWhoseReceptionCannotStartClosed) {
         EXPECT_THAT(told.entries(), ElementsAre("a+1.5", "b+1.5"));
         finish();
     }
+}
+
+TEST_F(Watcher, OpensOneKindOnceAndListsAll) {
+    fake_usb::plug(1, 6, 0x0003, 0x7A1C, 2);
+    fake_usb::plug(1, 7, 0x0099, 0x7A1C, 3);
+    fake_usb::plug(1, 8, 0x0002, 0x7A1D, 4);
+    {
+        const Link link(journal);
+        ASSERT_TRUE(journal.wait("b+1.5"));
+        JovuUsb::close(kAddress);
+        const unsigned scans = fake_usb::calls(Call::list);
+        ASSERT_TRUE(eventually([&] { return fake_usb::calls(Call::list) >= scans + 2; }));
+        EXPECT_EQ(JovuUsb::list_connected().size(), 1U);
+        fake_usb::unplug(link.device);
+        ASSERT_TRUE(eventually([] { return JovuUsb::list_connected().empty(); }));
+        fake_usb::plug(1, 5);
+        ASSERT_TRUE(journal.wait("b+1.5", 2));
+    }
+    EXPECT_THAT(journal.entries(),
+                ElementsAre("a+1.5", "b+1.5", "a-1.5", "b-1.5", "a+1.5", "b+1.5", "a-1.5"));
+    std::vector<std::pair<int, int>> kinds;
+    for (const JovuUsbDevice& device : JovuUsb::list_attached())
+        kinds.emplace_back(device.type, device.port);
+    EXPECT_THAT(kinds,
+                testing::UnorderedElementsAre(std::pair(1, 1), std::pair(2, 2), std::pair(0, 3)));
+}
+
+TEST_F(Watcher, FindsArrivalsWhileOthersSendAllTheTime) {
+    const Link link(journal);
+    ASSERT_TRUE(journal.wait("b+1.5"));
+    std::atomic<bool> stop{false};
+    std::vector<std::future<void>> senders(3);
+    for (auto& sender : senders) {
+        sender = std::async(std::launch::async, [&] {
+            while (!stop)
+                test::write("x");
+        });
+    }
+    fake_usb::plug(1, 6);
+    EXPECT_TRUE(journal.wait("b+1.6"));
+    stop = true;
 }
 
 TEST_F(Watcher, TellsOfTheOldDeviceBeforeTheNewOneAtItsAddress) {
@@ -225,9 +266,19 @@ TEST_F(Watcher, CallsNoJobClientBeforeItIsBuilt) {
     EXPECT_EQ(jobs.calls, 1);
 }
 
+TEST_F(Watcher, DoesNotSpinWhenEventHandlingFails) {
+    fake_usb::script(Call::handle_events, std::vector<Step>(4, LIBUSB_ERROR_IO));
+    const auto begin = std::chrono::steady_clock::now();
+    const LinkClient client(journal, "a", 0);
+    EXPECT_TRUE(eventually([] { return fake_usb::calls(Call::handle_events) > 4; }));
+    EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(150));
+}
+
 TEST_F(Watcher, MayStopInTheMiddleOfAListing) {
     Link link(journal);
     ASSERT_TRUE(journal.wait("b+1.5"));
+    { const LinkClient another(journal, "c", 1); }
+    EXPECT_EQ(test::write("x"), "") << "it is the last client of an interface that stops it";
     const auto stop = [&link, lister = std::this_thread::get_id()] {
         if (std::this_thread::get_id() == lister) link.jobs.reset();
     };

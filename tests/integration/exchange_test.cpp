@@ -1,7 +1,8 @@
 /// @file
-/// Commands and events over the real libusb.
+/// Commands and events over the real libusb, and what may be called from inside a callback.
 #include <gtest/gtest.h>
 
+#include <future>
 #include <thread>
 
 #include "support/recording_client.h"
@@ -10,10 +11,12 @@
 namespace {
 
 using test::complaints;
+using test::error_of;
 using test::eventually;
 using test::name;
 using test::plug;
 using test::RecordingClient;
+using test::requests;
 using test::sim;
 using test::stats;
 using test::text;
@@ -27,24 +30,6 @@ protected:
     JovuDeviceAddress device = plug();
     RecordingClient client;
 };
-
-TEST_F(Exchange, ThreadsAndClientsTakeTurnsWithADevice) {
-    RecordingClient second;
-    sim("replug " + name(device));
-    ASSERT_TRUE(second.wait_connected(device));
-    ASSERT_TRUE(eventually([&] { return client.answers(device); }));
-    std::atomic<int> answered{0};
-    const auto send = [&](RecordingClient& sender) {
-        for (int n = 0; n < 50; ++n)
-            answered += sender.answers(device) ? 1 : 0;
-    };
-    std::thread others[] = {std::thread([&] { send(second); }), std::thread([&] { send(client); })};
-    send(client);
-    for (std::thread& other : others)
-        other.join();
-    EXPECT_EQ(answered, 150);
-    EXPECT_EQ(complaints(device), 0);
-}
 
 TEST_F(Exchange, AMissingResponseTimesOutAndTheLinkLives) {
     fault("silent");
@@ -74,6 +59,90 @@ TEST_F(Exchange, SplitAnswersAndFloodsAreRead) {
     sim("event " + name(device) + " after the flood");
     EXPECT_TRUE(client.wait_text("after the flood"));
     EXPECT_TRUE(eventually([&] { return client.statuses().size() == 500; }));
+}
+
+constexpr const char* kBusy = "Send failed - libusb error: -6";
+
+/// While another thread is in the middle of an exchange, and while one is not: the callback's calls
+/// must come back at once either way.
+class InACallback : public testing::TestWithParam<bool> {};
+
+TEST_P(InACallback, NothingBlocks) {
+    const JovuDeviceAddress device = plug();
+    RecordingClient client;
+    std::promise<void> done;
+    std::vector<std::string> seen;
+    client.on_debug = [&](JovuDeviceAddress address, const std::string& message) {
+        if (message != "now") return;
+        client.bio_get_version(address);
+        seen.push_back(JovuTransport::last_send_error());
+        client.bio_get_version({9, 9});
+        seen.push_back(JovuTransport::last_send_error());
+        seen.push_back(error_of([&] { client.RequestStatus(address); }));
+        seen.push_back(error_of([&] { client.RequestStatus({9, 9}); }));
+        seen.push_back(std::to_string(client.list_connected().size()));
+        seen.push_back(std::to_string(client.list_attached().size()));
+        seen.push_back(error_of([&] { client.close({9, 9}); }));
+        seen.push_back(error_of([&] { client.close(address); }));
+        seen.push_back(error_of([&] { client.close(address); }));
+        seen.push_back(error_of([&] { client.RequestStatus(address); }));
+        done.set_value();
+    };
+    ASSERT_TRUE(client.wait_connected(device));
+    std::thread sender;
+    std::string sender_reason;
+    if (GetParam()) {
+        sim("fault " + name(device) + " silent");
+        sender = std::thread([&] {
+            client.gcode_process_command(device, text("G28"));
+            sender_reason = JovuTransport::last_send_error();
+        });
+        ASSERT_TRUE(eventually([&] { return requests(device, "gcode_process_command") == 1; }));
+    }
+    const auto begin = std::chrono::steady_clock::now();
+    sim("event " + name(device) + " now");
+    ASSERT_EQ(done.get_future().wait_for(test::kPatience), std::future_status::ready);
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(5));
+    const std::vector<std::string> expected{kBusy,
+                                            "Transport Error - Device has been disconnected.",
+                                            kBusy,
+                                            "Send failed - Device no longer connected.",
+                                            "1",
+                                            "1",
+                                            "Close failed - Device no longer connected.",
+                                            "",
+                                            "Close failed - Device no longer connected.",
+                                            "Send failed - Device no longer connected."};
+    EXPECT_EQ(seen, expected);
+    EXPECT_TRUE(client.wait_disconnected(device)) << "the watcher carries the close out";
+    if (sender.joinable()) {
+        sender.join();
+        EXPECT_EQ(sender_reason, "Transport Error - No response received.");
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Exchange, InACallback, testing::Bool(), [](const auto& parameter) {
+    return parameter.param ? "WhileASenderWaits" : "Alone";
+});
+
+TEST(InANoticesCallback, CommandsAndListingsWork) {
+    const JovuDeviceAddress device = plug();
+    RecordingClient client;
+    std::promise<bool> answered;
+    ASSERT_TRUE(client.wait_connected(device));
+    client.on_connected = [&](JovuDeviceAddress address) {
+        answered.set_value(client.answers(address));
+    };
+    auto result = answered.get_future();
+    client.on_disconnected = [&](JovuDeviceAddress address) {
+        EXPECT_FALSE(client.answers(address));
+        EXPECT_TRUE(client.list_attached().empty() && client.list_connected().size() < 2);
+    };
+    sim("unplug " + name(device));
+    ASSERT_TRUE(client.wait_disconnected(device));
+    plug(name(device));
+    ASSERT_EQ(result.wait_for(test::kPatience), std::future_status::ready);
+    EXPECT_TRUE(result.get());
 }
 
 }  // namespace

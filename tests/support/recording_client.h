@@ -129,6 +129,16 @@ private:
     std::vector<std::string> job_texts_;
 };
 
+/// @return what a call throws, or an empty text.
+inline std::string error_of(const std::function<void()>& call) {
+    try {
+        call();
+    } catch (const JovuException& error) {
+        return error.what();
+    }
+    return "";
+}
+
 /// A text as the commands take it.
 inline std::shared_ptr<char> text(const std::string& value) {
     auto owner = std::make_shared<std::string>(value);

@@ -43,7 +43,7 @@ TEST_F(Command, ReadsFloatsAndArraysOrNothing) {
     const float largest = std::numeric_limits<float>::max();
     EXPECT_EQ(read("3.4028235e38", 0.0F), std::make_pair(largest, true));
     EXPECT_EQ(read("-3.40282356779733e38", 0.0F), std::make_pair(-largest, true));
-    EXPECT_EQ(read("3.40282356779734e38", 0.0F), std::make_pair(infinity, true));
+    EXPECT_EQ(read("3.4028235677973366e38", 0.0F), std::make_pair(infinity, true));
     EXPECT_EQ(read("\"1\"", 0.0F), std::make_pair(0.0F, false));
     const auto floats = read("[1.5,-2,1e39]", std::shared_ptr<float>()).first;
     ASSERT_NE(floats, nullptr);
@@ -58,6 +58,9 @@ TEST_F(Command, ReadsFloatsAndArraysOrNothing) {
     EXPECT_EQ(networks.get()[0].strength, -7);
     EXPECT_STREQ(networks.get()[1].ssid, "b");
     EXPECT_STREQ(networks.get()[2].ssid, "") << "one more than there are";
+    EXPECT_NE(read("[]", std::shared_ptr<float>()).first, nullptr);
+    EXPECT_NE(read("[]", std::shared_ptr<unsigned char>()).first, nullptr);
+    EXPECT_NE(read("[]", Networks()).first, nullptr);
     for (const char* const broken : {"1.5", "[1,\"2\"]", "[[1]]", "null", "[{},1]"}) {
         const auto nothing = [](const auto& got) { return !got.first && !got.second; };
         EXPECT_TRUE(nothing(read(broken, std::shared_ptr<float>()))) << broken;

@@ -189,7 +189,7 @@ TEST(DfuCommandLine, IsPlainUnlessTheShellWouldMakeSomethingElseOfIt) {
         {{"-1", "2", "-A"}, "-R", "-1:2 -a 0 -S -A -D ./-R"},
         {{"1", "2", "A"}, "- R", "1:2 -a 0 -S A -D ./-/ R"},
         {{"", "", ""}, "", ": -a 0 -S  -D "},
-        {{"1", "2", "A"}, "j\xC3\xBCrgen b", "1:2 -a 0 -S A -D j\xC3\xBCrgen/ b"},
+        {{"1", "2", "A"}, "\x80\xFFrgen b", "1:2 -a 0 -S A -D \x80\xFFrgen/ b"},
     };
     for (const auto& row : cases) {
         EXPECT_EQ(jovu::update_command("/t", row.device, row.file),

@@ -172,6 +172,17 @@ TEST_F(JobChannel, APushReportsItsProgressAndWantsAFileThatCanBeReadTwice) {
     EXPECT_EQ(error(file.path(), true), "Compression not supported yet.");
     EXPECT_EQ(error(file.path()), "");
     ::unlink(fifo.c_str());
+
+    // A stream is read from its start, wherever it is.
+    struct : JovuJobInterface {
+        using JovuJobInterface::send_job;
+    } jobs;
+    before = fake_usb::sent().size();
+    const std::unique_ptr<std::FILE, int (*)(std::FILE*)> stream(::tmpfile(), ::fclose);
+    ASSERT_NE(std::fputs("job", stream.get()), EOF);
+    jobs.send_job(test::kAddress, stream.get(), nullptr, nullptr, "id", true, 9);
+    EXPECT_EQ(fake_usb::sent().at(before).bytes, jovu::job_announcement({3, 41812283, "id", 9}));
+    EXPECT_EQ(fake_usb::sent().at(before + 1).bytes, "job");
 }
 
 TEST_F(JobChannel, APushFillsUpWhatItDoesNotSendSoThatTheChecksumCannotFit) {
@@ -270,8 +281,21 @@ TEST_F(JobChannel, APushEndsWithItsClient) {
             pushing.get();
             EXPECT_EQ(calls, by_then);
             EXPECT_EQ(test::error_of([&] { client.SendPause(test::kAddress); }), ended);
+            JovuPushCancel cancel;
+            cancel.cancel();
+            EXPECT_EQ(push(
+                          client, [](std::size_t) {}, cancel),
+                      ended);
         }
     }
+    // In the middle of the first pass, which takes minutes here.
+    std::filesystem::resize_file(file.path(), std::uintmax_t{1} << 40U);
+    test::RecordingClient client;
+    auto measuring =
+        std::async(std::launch::async, [&] { return push(client, [](std::size_t) {}, {}); });
+    std::this_thread::sleep_for(std::chrono::milliseconds(30));
+    test::in_time("shutdown", [&] { client.shutdown(); });
+    EXPECT_EQ(measuring.get(), ended);
 }
 
 TEST_F(JobChannel, ReceivesWhateverComesAndFreesItWhenTheDeviceLeaves) {
@@ -293,9 +317,18 @@ TEST_F(JobChannel, ReceivesWhateverComesAndFreesItWhenTheDeviceLeaves) {
     for (int i = 0; i < 2000; ++i)
         ASSERT_TRUE(send("{" + std::string(63, 'x')));
     EXPECT_GT(test::heap_in_use(), before_data + 100000);
-    fake_usb::unplug(device);
+    // What comes behind the notification is no part of what the next device sends.
+    test::LinkClient last(journal, "c", 1);
+    last.on_disconnected = [&] {
+        EXPECT_TRUE(fake_usb::post(device, test::kJobsIn, LIBUSB_TRANSFER_COMPLETED, "{late"));
+    };
+    fake_usb::unplug(device, true);
     ASSERT_TRUE(test::eventually([] { return JovuUsb::list_connected().empty(); }));
     EXPECT_LT(test::heap_in_use(), before_data + 50000);
+    libusb_device* const next = fake_usb::plug(1, 5);
+    ASSERT_TRUE(client.wait_connected(test::kAddress, 2));
+    ASSERT_TRUE(fake_usb::complete(next, test::kJobsIn, LIBUSB_TRANSFER_COMPLETED, "{1}"));
+    EXPECT_EQ(client.job_texts().back(), "{1}");
 }
 
 }  // namespace

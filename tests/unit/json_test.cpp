@@ -18,9 +18,8 @@ std::string nested(std::size_t depth) {
 }
 
 TEST(Json, NestingIsBoundedBeforeATreeIsBuilt) {
-    const std::size_t limit = jovu::kMaxJsonDepth;
-    EXPECT_NE(jovu::parse_json(nested(limit)), nullptr);
-    EXPECT_EQ(jovu::parse_json(nested(limit + 1)), nullptr);
+    EXPECT_NE(jovu::parse_json(nested(64)), nullptr);
+    EXPECT_EQ(jovu::parse_json(nested(65)), nullptr);
     EXPECT_EQ(jovu::parse_json(std::string(1U << 20U, '[')), nullptr);
     // yajl skips comments; what stands in one must not hide what comes behind it.
     for (const char* const comment : {"/*\"*/", "//\"\n", "/"}) {
@@ -72,12 +71,13 @@ TEST(Json, TheIntegerReadingIsTheWholePartWithinItsLimits) {
         {"1.5", 1},
         {"-7.9", -7},
         {"1e3", 1000},
-        {"50.0", 50},
+        {"9007199254740993", 9007199254740993},
         {"9223372036854775807", largest},
         {"9223372036854775808", largest},
         {"1e19", largest},
         {"1e400", largest},
         {"-9223372036854775808", smallest},
+        {"-9223372036854775808.0", smallest},
         {"-1e19", smallest},
         {"-1e400", smallest},
         {"1e-400", 0},

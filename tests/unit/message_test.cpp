@@ -41,6 +41,12 @@ TEST_F(Message, IdsAreConsecutiveAndEveryKindTakesFromOneCounter) {
     EXPECT_EQ(third.id(), first.id() + 2);
     EXPECT_EQ(given.id(), 7U);
     EXPECT_EQ(JovuMessage(first).id(), first.id());
+    // Moved on to anywhere, but once.
+    JovuMessage::start_ids_anywhere();
+    const JovuCommand moved(client);
+    EXPECT_NE(moved.id(), third.id() + 1);
+    JovuMessage::start_ids_anywhere();
+    EXPECT_EQ(JovuCommand(client).id(), moved.id() + 1);
 }
 
 TEST_F(Message, IsRaisedToWhatItsBodySays) {
