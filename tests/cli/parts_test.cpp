@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <ctime>
 
+#include "options.h"
 #include "progress_bar.h"
 #include "session.h"
 #include "timestamp.h"
@@ -63,6 +64,10 @@ TEST(Inbox, HoldsSoMuchAndCountsTheRest) {
             told = std::holds_alternative<Disconnected>(next->what);
         EXPECT_LE(waiting, std::min(kept + 1, 20000U)) << "the oldest makes room";
         EXPECT_TRUE(told) << "a command learns that its device is gone";
+        inbox.post({{1, 2}, {}, Connected{}});
+        EXPECT_TRUE(inbox.announced().empty()) << "it has gone more often than come";
+        inbox.post({{1, 2}, {}, Connected{}});
+        EXPECT_EQ(inbox.announced().size(), 1U);
     }
 }
 
@@ -74,13 +79,37 @@ TEST(ProgressBar, ShowsTheRateOfTheLastSecondsAndTheTimeLeft) {
          {std::pair(0s, 0U), std::pair(10s, 1000U), std::pair(12s, 5000U)})
         meter.add(start + time, done);
     EXPECT_EQ(meter.rate(), 5000.0 / 12) << "each interval counts until a whole one is too old";
+    meter.add(start + 13s, 6500);
+    EXPECT_EQ(meter.rate(), 500) << "three seconds are not too old";
     meter.add(start + 14s, 9000);
     EXPECT_EQ(meter.rate(), 2000) << "what is older than three seconds does not count";
 
     EXPECT_EQ(transfer_text(2000, 9000, 259000), "9.0 kB, 2.0 kB/s, 2:05 left");
     EXPECT_EQ(transfer_text(0, 9, 10), "9 B, 0 B/s");
     EXPECT_EQ(transfer_text(1.5e6, 2500000000, 2500000000), "2.5 GB, 1.5 MB/s");
+    EXPECT_EQ(size_text(999.95) + size_text(1e16), "1.0 kB10000.0 TB");
     EXPECT_EQ(bar_text(50, "Sending ", "x", 40), "Sending   50.0 % [=========>        ]  x");
+    EXPECT_EQ(bar_text(100, "Sending ", "x", 32), "Sending  100.0 % [==========]  x");
+    EXPECT_EQ(bar_text(50, "Sending ", "x", 31), "Sending   50.0 %  x") << "no room for a bar";
+}
+
+TEST(Options, AreReadToTheirLimits) {
+    const std::pair<const char*, std::optional<JovuDeviceAddress>> addresses[] = {
+        {"001:255", JovuDeviceAddress{1, 255}},
+        {"1:256", {}},
+        {"1", {}},
+        {"1:", {}},
+        {":1", {}},
+        {"1:2x", {}}};
+    for (const auto& [text, address] : addresses)
+        EXPECT_EQ(parse_address(text), address) << text;
+    const std::pair<const char*, std::optional<std::chrono::milliseconds>> times[] = {
+        {"0", 0ms}, {"0.25", 250ms}, {"604800", 168h}, {"604801", {}},
+        {"-1", {}}, {"nan", {}},     {"x", {}}};
+    for (const auto& [text, time] : times)
+        EXPECT_EQ(parse_seconds(text), time) << text;
+    EXPECT_EQ(parse_float("-1.5"), -1.5F);
+    EXPECT_FALSE(parse_float("inf") || parse_float("x"));
 }
 
 }  // namespace
