@@ -38,7 +38,7 @@ Pipe make_pipe() {
 Pipe make_terminal() {
     int ours = -1;
     int theirs = -1;
-    winsize size{24, 80, 0, 0};
+    winsize size{24, 72, 0, 0};
     if (openpty(&ours, &theirs, nullptr, nullptr, &size) != 0) throw std::runtime_error("openpty");
     fcntl(ours, F_SETFD, FD_CLOEXEC);
     fcntl(theirs, F_SETFD, FD_CLOEXEC);

@@ -16,7 +16,7 @@ namespace test {
 /// What a program's standard output is connected to.
 enum class Out {
     pipe,
-    terminal,   ///< A pseudo-terminal of 80 columns that can move its cursor.
+    terminal,   ///< A pseudo-terminal of 72 columns that can move its cursor.
     console,    ///< Likewise, which is the standard input, too, and where Ctrl-C comes from.
     dialog,     ///< Likewise, which is the standard error, too.
     closed,     ///< A pipe whose reader is gone.
