@@ -46,23 +46,11 @@ Pipe make_terminal() {
 }
 
 Pipe make_output(Out out) {
-    switch (out) {
-        case Out::terminal:
-        case Out::console:
-        case Out::dialog:
-            return make_terminal();
-        case Out::full_disk:
-            return {FileDescriptor(), FileDescriptor(open("/dev/full", O_WRONLY | O_CLOEXEC))};
-        case Out::closed: {
-            Pipe pipe = make_pipe();
-            return {FileDescriptor(), std::move(pipe.write)};
-        }
-        case Out::pipe:
-            return make_pipe();
-        case Out::none:
-            break;
-    }
-    return {};
+    if (out == Out::terminal || out == Out::console || out == Out::dialog) return make_terminal();
+    if (out == Out::pipe) return make_pipe();
+    if (out == Out::closed) return {FileDescriptor(), make_pipe().write};
+    if (out == Out::none) return {};
+    return {FileDescriptor(), FileDescriptor(open("/dev/full", O_WRONLY | O_CLOEXEC))};
 }
 
 /// Runs in the child, between fork and exec, where only system calls may be made.
@@ -166,14 +154,6 @@ bool Program::in_line_mode() const {
     termios modes{};
     tcgetattr(streams_->in.get(), &modes);
     return (modes.c_lflag & ICANON) != 0 && (modes.c_lflag & ECHO) != 0;
-}
-
-bool Program::writes(const std::string& text, std::chrono::milliseconds limit) {
-    return comes(text, false, limit);
-}
-
-bool Program::complains(const std::string& text, std::chrono::milliseconds limit) {
-    return comes(text, true, limit);
 }
 
 bool Program::comes(const std::string& text, bool on_error, std::chrono::milliseconds limit) {

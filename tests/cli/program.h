@@ -42,10 +42,14 @@ public:
     bool in_line_mode() const;
 
     /// Waits until the standard output holds a text. Returns whether it came.
-    bool writes(const std::string& text, std::chrono::milliseconds limit = kPatience);
+    bool writes(const std::string& text, std::chrono::milliseconds limit = kPatience) {
+        return comes(text, false, limit);
+    }
 
     /// Likewise the standard error.
-    bool complains(const std::string& text, std::chrono::milliseconds limit = kPatience);
+    bool complains(const std::string& text, std::chrono::milliseconds limit = kPatience) {
+        return comes(text, true, limit);
+    }
 
     /// Waits for the program's end.
     /// @return its exit status, or -signal, or -1000 when it does not end.

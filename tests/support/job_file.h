@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <string>
 
 namespace test {
@@ -27,6 +28,11 @@ public:
 private:
     std::string path_;
 };
+
+inline std::string content_of(const std::string& path) {
+    std::ifstream file(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), {}};
+}
 
 /// A job file's content, in which every byte value occurs.
 inline std::string job_content(std::size_t size) {
