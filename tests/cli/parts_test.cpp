@@ -113,11 +113,6 @@ TEST(Report, IsShownOnALine) {
     report.time_elapsed = 3723;
     report.error = 7;
     EXPECT_EQ(report_line({1, 2}, report), "1:2  -  0.0 C  0 %  1:02:03  job id J  error 7");
-    report.file = "F";
-    report.error = 0;
-    EXPECT_EQ(report_line({1, 2}, report), "1:2  -  0.0 C  0 %  1:02:03  job F (id J)");
-    report.job_id = report.file = "";
-    EXPECT_EQ(report_line({1, 2}, report), "1:2  -  0.0 C  0 %  1:02:03  job -");
     EXPECT_EQ(labelled("As wide as that", "x"), "As wide as that x");
     EXPECT_THAT(value_lines(Json::parse(R"({"a":{"bc":null},"d":"e\n"})")),
                 testing::ElementsAre("a.bc  -", "d     e\\n"));

@@ -126,7 +126,7 @@ TEST_F(Shell, ShowsEventsWithoutHarmToTheLine) {
     EXPECT_TRUE(answers("", "  something happened\r\njovu> M117 caf\xC3\xA9"));
     EXPECT_THAT(shell_->out(), Not(HasSubstr("\x1b[0A")));
     EXPECT_TRUE(answers("\r", std::string("ok       M117 caf\xC3\xA9") + kPrompt));
-    EXPECT_TRUE(answers(std::string(66, ';'), ";;;"));  // To the last column.
+    EXPECT_TRUE(answers(std::string(90, ';'), ";;;"));  // To the last column.
     sim("event " + name(device_) + " above two rows");
     EXPECT_TRUE(answers("", "\x1b[1A\r\x1b[J", "above two rows\r\n"));
     EXPECT_TRUE(answers("\r", kPrompt));
