@@ -1,6 +1,7 @@
 #include "bus/ioctl_link.h"
 
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <utility>
@@ -33,7 +34,8 @@ std::optional<IoctlLink::Request> IoctlLink::next() {
 
 bool IoctlLink::read(std::uint64_t address, void* to, std::size_t size) {
     append(kReadMem, address, size);
-    return flush() && receive(to, size);
+    flush();
+    return receive(to, size);
 }
 
 void IoctlLink::write(std::uint64_t address, const void* from, std::size_t size) {
@@ -45,7 +47,7 @@ void IoctlLink::write(std::uint64_t address, const void* from, std::size_t size)
 void IoctlLink::complete(int error) {
     append(kDone, error == 0 ? 0 : static_cast<std::uint64_t>(-1),
            static_cast<std::uint64_t>(error));
-    flush();  // a program that has died is found out by next()
+    flush();
 }
 
 void IoctlLink::hang_up() {
@@ -60,8 +62,7 @@ void IoctlLink::append(std::uint64_t type, std::uint64_t first, std::uint64_t se
 bool IoctlLink::receive(void* to, std::size_t size) {
     char* at = static_cast<char*>(to);
     while (size > 0) {
-        const ssize_t got = ::recv(socket_.get(), at, size, 0);
-        if (got < 0 && errno == EINTR) continue;
+        const ssize_t got = TEMP_FAILURE_RETRY(::recv(socket_.get(), at, size, 0));
         if (got <= 0) return false;
         at += got;
         size -= static_cast<std::size_t>(got);
@@ -69,16 +70,15 @@ bool IoctlLink::receive(void* to, std::size_t size) {
     return true;
 }
 
-bool IoctlLink::flush() {
+/// A program that has died is found out by what is received next.
+void IoctlLink::flush() {
     const std::string bytes = std::exchange(out_, {});
     for (std::size_t at = 0; at < bytes.size();) {
-        const ssize_t sent =
-            ::send(socket_.get(), bytes.data() + at, bytes.size() - at, MSG_NOSIGNAL);
-        if (sent < 0 && errno == EINTR) continue;
-        if (sent < 0) return false;
+        const ssize_t sent = TEMP_FAILURE_RETRY(
+            ::send(socket_.get(), bytes.data() + at, bytes.size() - at, MSG_NOSIGNAL));
+        if (sent == -1) return;
         at += static_cast<std::size_t>(sent);
     }
-    return true;
 }
 
 }  // namespace jovusim

@@ -47,7 +47,7 @@ public:
 private:
     void append(std::uint64_t type, std::uint64_t first, std::uint64_t second);
     bool receive(void* to, std::size_t size);
-    bool flush();
+    void flush();
 
     UniqueFd socket_;
     std::string out_;

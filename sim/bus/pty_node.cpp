@@ -38,9 +38,9 @@ namespace {
 
 PtyNode::PtyNode() {
     master_.reset(::posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC));
-    if (!master_ || ::grantpt(master_.get()) != 0 || ::unlockpt(master_.get()) != 0) {
-        fail("cannot make a pseudo-terminal");
-    }
+    if (!master_) fail("cannot make a pseudo-terminal");
+    if (::grantpt(master_.get()) != 0) fail("grantpt");
+    if (::unlockpt(master_.get()) != 0) fail("unlockpt");
     std::array<char, 64> name{};
     if (::ptsname_r(master_.get(), name.data(), name.size()) != 0) fail("ptsname");
     path_ = name.data();
@@ -57,25 +57,21 @@ void PtyNode::start_keeper() {
     UniqueFd writer(ends[1]);
     const pid_t parent = ::getpid();
     keeper_ = ::fork();
-    if (keeper_ < 0) fail("fork");
+    if (keeper_ == -1) fail("fork");
     if (keeper_ == 0) keep_session(slave_.get(), parent);
     writer.reset();
     char nothing;
-    while (::read(reader.get(), &nothing, 1) < 0 && errno == EINTR) {
-    }
+    (void)!TEMP_FAILURE_RETRY(::read(reader.get(), &nothing, 1));
 }
 
 PtyNode::~PtyNode() {
     hang_up();
-    if (keeper_ > 0) {
-        ::kill(keeper_, SIGKILL);
-        while (::waitpid(keeper_, nullptr, 0) < 0 && errno == EINTR) {
-        }
-    }
+    ::kill(keeper_, SIGKILL);
+    (void)TEMP_FAILURE_RETRY(::waitpid(keeper_, nullptr, 0));
 }
 
 void PtyNode::set_writable(bool writable) {
-    if (writable == writable_ || !master_) return;
+    if (writable == writable_) return;
     writable_ = writable;
     ::tcflow(slave_.get(), writable ? TCOON : TCOOFF);
 }

@@ -68,7 +68,7 @@ int SimDevice::release(ClientId client, unsigned interface) {
     const auto found = claims_.find(interface);
     if (found == claims_.end() || found->second != client) return EINVAL;
     claims_.erase(found);
-    engine_.discard_interface(client, interface);
+    engine_.discard_interface(interface);
     ++counters_.releases;
     settle(now_ms());
     return 0;

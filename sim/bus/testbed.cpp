@@ -69,18 +69,16 @@ Testbed::~Testbed() {
     } catch (const std::exception& error) {
         std::fprintf(stderr, "jovu-sim: cannot clear the bus: %s\n", error.what());
     }
-    nodes_.clear();
-    // Removes the directory.
-    testbed_.reset();
 }
 
 BusAddress Testbed::free_address(std::uint8_t bus) {
     std::uint8_t& last = last_addresses_.emplace(bus, kHubAddress).first->second;
-    for (int tries = 0; tries < kMaxBusAddress; ++tries) {
+    const std::uint8_t begin = last;
+    do {
         last = static_cast<std::uint8_t>(last % kMaxBusAddress + 1);
         const BusAddress address{bus, last};
         if (devices_.count(address) == 0) return address;
-    }
+    } while (last != begin);
     throw std::runtime_error("no address is free on bus " + std::to_string(bus));
 }
 
@@ -126,11 +124,11 @@ void Testbed::attach(BusAddress address, std::unique_ptr<UsbFunction> function) 
     GError* error = nullptr;
     const std::string record = testbed_record(device->identity(), address);
     if (umockdev_testbed_add_from_string(testbed_.get(), record.c_str(), &error) == FALSE) {
-        const std::string reason = error != nullptr ? error->message : "no reason given";
-        g_clear_error(&error);
+        const std::unique_ptr<GError, decltype(&g_error_free)> reason(error, g_error_free);
         node->set_device(nullptr);
         remove_node(address);
-        throw std::runtime_error("cannot add a device at " + address.to_string() + ": " + reason);
+        throw std::runtime_error("cannot add a device at " + address.to_string() + ": " +
+                                 reason->message);
     }
     devices_[address] = std::move(device);
     // Only now, with everything in place: a program may look as soon as it hears of it.

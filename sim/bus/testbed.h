@@ -99,9 +99,9 @@ private:
 
     const double pace_;
     const std::function<void()> wake_;
+    std::optional<DirectoryOwnership> ownership_;  // goes after the directory
     std::unique_ptr<UMockdevTestbed, TestbedDeleter> testbed_;
     std::string root_;
-    std::optional<DirectoryOwnership> ownership_;
     std::optional<UeventSender> uevents_;
     std::map<BusAddress, std::unique_ptr<UsbfsNode>> nodes_;
     std::map<BusAddress, std::shared_ptr<SimDevice>> devices_;

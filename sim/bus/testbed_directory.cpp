@@ -20,7 +20,8 @@ DirectoryOwnership::DirectoryOwnership(const std::string& directory) {
     const std::string name = directory + kLockName;
     const std::string unnamed = name + ".new";
     lock_.reset(::open(unnamed.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
-    if (!lock_ || ::flock(lock_.get(), LOCK_EX | LOCK_NB) != 0 ||
+    // Nothing can be locked by a descriptor that is not open.
+    if (::flock(lock_.get(), LOCK_EX | LOCK_NB) != 0 ||
         ::rename(unnamed.c_str(), name.c_str()) != 0) {
         throw std::system_error(errno, std::generic_category(), "cannot mark " + directory);
     }
@@ -30,17 +31,15 @@ void remove_stale_testbeds(const std::string& temporary) {
     glob_t found{};
     const std::string pattern = temporary + "/umockdev.??????" + kLockName;
     if (::glob(pattern.c_str(), GLOB_NOSORT, nullptr, &found) == 0) {
-        for (std::size_t i = 0; i < found.gl_pathc; ++i) {
-            const UniqueFd lock(::open(found.gl_pathv[i], O_RDWR | O_CLOEXEC | O_NOFOLLOW));
+        for (char** path = found.gl_pathv; *path != nullptr; ++path) {
+            const UniqueFd lock(::open(*path, O_RDWR | O_CLOEXEC | O_NOFOLLOW));
             struct stat status {};
-            if (!lock || ::fstat(lock.get(), &status) != 0 || status.st_uid != ::geteuid()) {
-                continue;
-            }
+            ::fstat(lock.get(), &status);  // fails, as what follows does, without the file
+            if (status.st_uid != ::geteuid()) continue;
             if (::flock(lock.get(), LOCK_EX | LOCK_NB) != 0) continue;
             // Somebody else may be at it too; what is gone already is no error.
             std::error_code ignored;
-            std::filesystem::remove_all(std::filesystem::path(found.gl_pathv[i]).parent_path(),
-                                        ignored);
+            std::filesystem::remove_all(std::filesystem::path(*path).parent_path(), ignored);
         }
     }
     ::globfree(&found);

@@ -4,16 +4,14 @@
 #include <glob.h>
 #include <sys/socket.h>
 #include <sys/time.h>
-#include <sys/un.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
 #include <vector>
 
-#include "bus/unique_fd.h"
+#include "bus/local_socket.h"
 
 namespace jovusim {
 
@@ -40,18 +38,18 @@ constexpr char kDevtype[] = "usb_device";
 std::uint32_t murmur2(const std::string& text) {
     constexpr std::uint32_t kMix = 0x5BD1E995;
     auto hash = static_cast<std::uint32_t>(text.size());
-    std::size_t at = 0;
-    for (; at + 4 <= text.size(); at += 4) {
+    const std::size_t whole = text.size() - text.size() % 4;
+    for (std::size_t at = 0; at != whole; at += 4) {
         std::uint32_t word;
         std::memcpy(&word, text.data() + at, sizeof word);
         word *= kMix;
         word ^= word >> 24U;
         hash = (hash * kMix) ^ (word * kMix);
     }
-    if (at < text.size()) {
-        for (std::size_t i = text.size(); i-- > at;) {
+    if (whole != text.size()) {
+        for (std::size_t i = text.size(); i-- > whole;) {
             hash ^= static_cast<std::uint32_t>(static_cast<unsigned char>(text[i]))
-                    << (8U * (i - at));
+                    << (8U * (i - whole));
         }
         hash *= kMix;
     }
@@ -78,10 +76,7 @@ std::string monitor_message(const std::vector<std::string>& properties) {
 }
 
 void send_to(const std::string& path, const std::string& message) {
-    sockaddr_un to{};
-    if (path.size() >= sizeof to.sun_path) return;
-    to.sun_family = AF_UNIX;
-    std::copy(path.begin(), path.end(), to.sun_path);
+    const sockaddr_un to = local_address(path);
     const UniqueFd fd(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
     if (!fd) return;
     // A listener that does not read must not hold the bus up.
@@ -110,8 +105,8 @@ void UeventSender::send(const std::string& action, BusAddress address) {
     });
     glob_t found{};
     if (::glob((root_ + "/event[0-9]*").c_str(), GLOB_NOSORT, nullptr, &found) == 0) {
-        for (std::size_t i = 0; i < found.gl_pathc; ++i)
-            send_to(found.gl_pathv[i], message);
+        for (char** path = found.gl_pathv; *path != nullptr; ++path)
+            send_to(*path, message);
     }
     ::globfree(&found);
 }

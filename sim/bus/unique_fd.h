@@ -23,10 +23,10 @@ public:
     ~UniqueFd() { reset(); }
 
     int get() const { return fd_; }
-    explicit operator bool() const { return fd_ >= 0; }
+    explicit operator bool() const { return fd_ != -1; }
 
     void reset(int fd = -1) {
-        if (fd_ >= 0) ::close(fd_);
+        if (fd_ != -1) ::close(fd_);
         fd_ = fd;
     }
 

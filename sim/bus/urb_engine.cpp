@@ -116,11 +116,11 @@ void UrbEngine::pump(std::uint8_t address, Endpoint& endpoint, Millis now) {
         Urb& urb = endpoint.waiting.front();
         const std::size_t room = urb.length - urb.actual;
         const std::size_t taken = std::min(room, packet->size());
-        if (taken > 0) std::memcpy(urb.buffer + urb.actual, packet->data(), taken);
+        std::copy_n(packet->data(), taken, urb.buffer + urb.actual);
         urb.actual += taken;
         endpoint.bytes += taken;
         const bool overflow = packet->size() > room;
-        if (overflow || packet->size() < kMaxPacket || urb.actual == urb.length) {
+        if (packet->size() < kMaxPacket || urb.actual == urb.length) {
             ++endpoint.transfers;
             Urb done = std::move(urb);
             endpoint.waiting.pop_front();
@@ -187,20 +187,11 @@ std::optional<Urb> UrbEngine::reap(ClientId client) {
     return urb;
 }
 
-void UrbEngine::discard_interface(ClientId client, std::size_t interface) {
+void UrbEngine::discard_interface(std::size_t interface) {
     for (auto& [address, endpoint] : endpoints_) {
         if (endpoint.interface != interface) continue;
-        for (auto* urbs : {&endpoint.waiting, &endpoint.stuck}) {
-            std::deque<Urb> others;
-            for (Urb& urb : *urbs) {
-                if (urb.client == client) {
-                    finish(std::move(urb), -ENOENT);
-                } else {
-                    others.push_back(std::move(urb));
-                }
-            }
-            *urbs = std::move(others);
-        }
+        finish_all(endpoint.waiting, -ENOENT);
+        finish_all(endpoint.stuck, -ENOENT);
     }
 }
 

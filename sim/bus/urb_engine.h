@@ -52,8 +52,9 @@ public:
     /// Hands packets that have become available to the transfers that wait for them.
     void pump(Millis now);
 
-    /// Ends the client's transfers on one interface's endpoints, as releasing an interface does.
-    void discard_interface(ClientId client, std::size_t interface);
+    /// Ends all transfers on one interface's endpoints, as releasing it does: they are its
+    /// holder's.
+    void discard_interface(std::size_t interface);
 
     /// Forgets everything about a client.
     void forget(ClientId client);

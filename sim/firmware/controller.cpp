@@ -114,7 +114,6 @@ void Controller::flood(Channel channel, std::uint64_t count) {
 }
 
 void Controller::send_garbage(Channel channel, std::uint64_t bytes) {
-    if (bytes == 0) return;
     const std::uint64_t blocks = (bytes + kMaxPacket - 1) / kMaxPacket;
     outbox(channel).push_burst(
         blocks, [random = std::minstd_rand(1), bytes](std::uint64_t block) mutable {
@@ -122,7 +121,7 @@ void Controller::send_garbage(Channel channel, std::uint64_t bytes) {
             std::string piece(static_cast<std::size_t>(std::min<std::uint64_t>(left, kMaxPacket)),
                               '\0');
             for (char& c : piece)
-                c = static_cast<char>((random() >> 8U) & 0xFFU);
+                c = static_cast<char>(random() / 256U);
             return piece;
         });
 }

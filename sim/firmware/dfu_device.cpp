@@ -228,12 +228,10 @@ DfuDevice::Reply DfuDevice::get_status(Millis now) {
     }
     const bool busy = state_ == DfuState::download_busy || state_ == DfuState::manifest;
     const auto wait = static_cast<unsigned>(busy ? std::max<Millis>(busy_until_ - now, 0) : 0);
-    return std::string{static_cast<char>(status_),
-                       static_cast<char>(wait & 0xFFU),
-                       static_cast<char>((wait >> 8U) & 0xFFU),
-                       static_cast<char>((wait >> 16U) & 0xFFU),
-                       static_cast<char>(state_),
-                       0};
+    std::string reply(1, static_cast<char>(status_));
+    for (unsigned shift = 0; shift < 24; shift += 8)
+        reply += static_cast<char>(wait >> shift);
+    return reply + std::string{static_cast<char>(state_), 0};
 }
 
 DfuDevice::Reply DfuDevice::clear_status() {

@@ -49,7 +49,7 @@ std::string make_firmware_image(const std::string& version, std::size_t size) {
     body += version;
     std::minstd_rand random(static_cast<unsigned>(sum_of(version.data(), version.size()) | 1U));
     while (body.size() < size - kVersionSizeAt)
-        body += static_cast<char>((random() >> 8U) & 0xFFU);
+        body += static_cast<char>(random() / 256U);
     std::string image(kMagic, kMagicSize);
     append_long(image, static_cast<std::uint32_t>(size));
     append_long(image, sum_of(body.data(), body.size()));

@@ -56,16 +56,16 @@ bool FrameReader::take(char byte) {
             if (payload_.size() == expected_) state_ = State::terminator;
             return false;
         case State::terminator:
-            state_ = State::start;
-            if (byte == kFrameEnd) {
-                ++frames_;
-                return true;
-            }
-            complaints_.add("message channel: a frame of " + std::to_string(expected_) +
-                            " bytes does not end with \";\"");
-            return take(byte);
+            break;
     }
-    return false;
+    state_ = State::start;
+    if (byte == kFrameEnd) {
+        ++frames_;
+        return true;
+    }
+    complaints_.add("message channel: a frame of " + std::to_string(expected_) +
+                    " bytes does not end with \";\"");
+    return take(byte);
 }
 
 void FrameReader::read_header() {
@@ -84,7 +84,6 @@ void FrameReader::read_header() {
 
 void FrameReader::reset() {
     state_ = State::start;
-    payload_.clear();
 }
 
 }  // namespace jovusim

@@ -1,10 +1,12 @@
 #include "firmware/gcode.h"
 
 #include <array>
+#include <cctype>
 #include <charconv>
 #include <cmath>
 #include <cstdio>
 #include <optional>
+#include <string_view>
 
 namespace jovusim {
 
@@ -28,19 +30,19 @@ constexpr std::array kMacros = {
 };
 
 bool is_blank(char c) {
-    return c == ' ' || c == '\t' || c == '\r' || c == '\n';
+    return std::string_view(" \t\r\n").find(c) != std::string_view::npos;
 }
 
 bool is_letter(char c) {
-    return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z');
+    return std::isalpha(static_cast<unsigned char>(c)) != 0;
 }
 
 char upper(char c) {
-    return c >= 'a' && c <= 'z' ? static_cast<char>(c - 'a' + 'A') : c;
+    return static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
 }
 
 std::size_t skip_blanks(const std::string& line, std::size_t at) {
-    while (at < line.size() && is_blank(line[at]))
+    while (is_blank(line[at]))  // the 0 behind the end is none
         ++at;
     return at;
 }

@@ -67,13 +67,13 @@ void Heater::turn_off() {
     fault_ = HeaterFault::none;
 }
 
-bool Heater::hold(double celsius) {
+void Heater::hold(double celsius) {
     if (celsius <= 0) {
         turn_off();
-        return true;
+    } else {
+        variable_target_ = std::min(celsius, parameters_[kHeaterMaximum]);
+        turn_on();
     }
-    variable_target_ = std::min(celsius, parameters_[kHeaterMaximum]);
-    return turn_on();
 }
 
 double Heater::target() const {
@@ -88,7 +88,7 @@ void Heater::advance(double seconds) {
         fault_ = HeaterFault::too_hot;
     }
     if (fault_ != HeaterFault::none) on_ = false;
-    const double goal = std::max(target(), ambient_);
+    const double goal = target() > 0 ? std::max(target(), ambient_) : ambient_;
     temperature_ = goal + (temperature_ - goal) * std::exp(-seconds / parameters_[kHeaterLag]);
 }
 

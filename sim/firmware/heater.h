@@ -60,8 +60,8 @@ public:
     /// What a running job wants, 0 without one.
     void set_job_target(double celsius) { job_target_ = celsius; }
 
-    /// Sets the target and turns on, or off for 0. Returns false as turn_on().
-    bool hold(double celsius);
+    /// Sets the target and turns on, or off for 0.
+    void hold(double celsius);
 
     /// @name By number. A setter returns false for an unknown number, a read-only one and a value
     /// outside its range, a getter nothing for an unknown number.

@@ -10,13 +10,15 @@ constexpr int kDeepest = 64;
 template <typename Visit>
 void outside_strings(const std::string& text, Visit visit) {
     bool in_string = false;
-    for (std::size_t i = 0; i < text.size(); ++i) {
-        const char c = text[i];
-        if (in_string && c == '\\') {
-            ++i;
+    bool escaped = false;
+    for (const char c : text) {
+        if (escaped) {
+            escaped = false;
         } else if (c == '"') {
             in_string = !in_string;
-        } else if (!in_string && !visit(c)) {
+        } else if (in_string) {
+            escaped = c == '\\';
+        } else if (!visit(c)) {
             return;
         }
     }
@@ -24,12 +26,14 @@ void outside_strings(const std::string& text, Visit visit) {
 
 bool too_deep(const std::string& text) {
     int depth = 0;
-    outside_strings(text, [&depth](char c) {
+    bool found = false;
+    outside_strings(text, [&](char c) {
         if (c == '{' || c == '[') ++depth;
         if (c == '}' || c == ']') --depth;
-        return depth <= kDeepest;
+        found = depth > kDeepest;
+        return !found;
     });
-    return depth > kDeepest;
+    return found;
 }
 
 }  // namespace
@@ -49,7 +53,8 @@ bool has_blanks(const std::string& text) {
 }
 
 bool has_members(const Json& object, std::initializer_list<const char*> keys) {
-    if (!object.is_object() || object.size() != keys.size()) return false;
+    if (object.size() != keys.size()) return false;
+    // What is no object has no keys of that name.
     auto expected = keys.begin();
     for (const auto& [key, value] : object.items()) {
         if (key != *expected++) return false;

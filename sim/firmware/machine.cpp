@@ -46,9 +46,9 @@ void Machine::advance(Millis now) {
         if (filament_ == FilamentState::unloading) filament_ = FilamentState::empty;
     }
     // Everything has settled long before: the loop below stays short after a long silence.
-    if (left > kLongestWait) left = kLongestWait;
+    left = std::min(left, kLongestWait);
     while (left > 0) {
-        const double step = left < kStepSeconds ? left : kStepSeconds;
+        const double step = std::min(left, kStepSeconds);
         heater_.set_job_target(job_.temperature_wanted());
         heater_.advance(step);
         job_.advance(step);

@@ -34,7 +34,7 @@ void MotionProfile::step(double seconds) {
     if (done()) return;
     const double way = target_ - position_;
     const double left = std::fabs(way);
-    const double direction = way < 0 ? -1 : 1;
+    const double direction = std::copysign(1.0, way);
     const double before = velocity_ * direction;  // towards the target
 
     // Close and slow enough to be there with this step. Less than a step of either ramp cannot be

@@ -15,7 +15,8 @@ constexpr double kFastest = 2000;    ///< mm/s
 constexpr double kIntegralLimit = 10;
 
 int sign(double value) {
-    return (value > 0) - (value < 0);
+    if (value == 0) return 0;
+    return std::signbit(value) ? -1 : 1;
 }
 
 }  // namespace

@@ -7,9 +7,7 @@ constexpr char kErased = '\xFF';
 }
 
 bool Storage::write(std::uint32_t offset, const std::string& bytes) {
-    if (bytes.size() > kSize || !holds(offset, static_cast<std::uint32_t>(bytes.size()))) {
-        return false;
-    }
+    if (!holds(offset, static_cast<std::uint32_t>(bytes.size()))) return false;
     for (const char byte : bytes) {
         const auto [found, is_new] = blocks_.try_emplace(offset / kBlockSize);
         if (is_new) found->second.fill(kErased);

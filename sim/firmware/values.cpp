@@ -41,17 +41,19 @@ std::optional<std::string> text_from_json(const Json& value) {
     return text;
 }
 
-Json signed_field(const std::string& text, std::size_t size) {
+Json signed_field(std::string text, std::size_t size) {
+    text.resize(size);
     Json array = Json::array();
-    for (std::size_t i = 0; i < size; ++i)
-        array.push_back(i < text.size() ? static_cast<signed char>(text[i]) : 0);
+    for (const char c : text)
+        array.push_back(static_cast<signed char>(c));
     return array;
 }
 
-Json unsigned_field(const std::string& text, std::size_t size) {
+Json unsigned_field(std::string text, std::size_t size) {
+    text.resize(size);
     Json array = Json::array();
-    for (std::size_t i = 0; i < size; ++i)
-        array.push_back(i < text.size() ? static_cast<unsigned char>(text[i]) : 0);
+    for (const char c : text)
+        array.push_back(static_cast<unsigned char>(c));
     return array;
 }
 

@@ -22,8 +22,8 @@ std::optional<std::string> check_text(const Json& value);
 /// A field of a structure: exactly size bytes, those behind the text are 0. @name The elements are
 /// signed or unsigned bytes, by the field.
 /// @{
-Json signed_field(const std::string& text, std::size_t size);
-Json unsigned_field(const std::string& text, std::size_t size);
+Json signed_field(std::string text, std::size_t size);
+Json unsigned_field(std::string text, std::size_t size);
 /// @}
 
 /// The text in such a field, up to its first 0 or its end.

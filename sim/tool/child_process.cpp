@@ -17,7 +17,6 @@ namespace {
 
 std::vector<char*> pointers(const std::vector<std::string>& texts) {
     std::vector<char*> out;
-    out.reserve(texts.size() + 1);
     // exec() takes pointers to mutable text and leaves it alone.
     for (const std::string& text : texts)
         out.push_back(const_cast<char*>(text.c_str()));
@@ -63,7 +62,7 @@ pid_t start_program(const std::vector<std::string>& program,
     const std::vector<char*> variables = pointers(environment);
     const pid_t parent = ::getpid();
     const pid_t child = ::fork();
-    if (child < 0) throw std::system_error(errno, std::generic_category(), "fork");
+    if (child == -1) throw std::system_error(errno, std::generic_category(), "fork");
     if (child == 0) become(arguments.data(), variables.data(), settings, parent);
     return child;
 }

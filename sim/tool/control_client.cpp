@@ -29,16 +29,16 @@ std::string ask(const std::string& path, const std::string& line) {
         fail();
     }
     for (std::size_t sent = 0; sent < line.size();) {
-        const ssize_t size = ::send(fd.get(), line.data() + sent, line.size() - sent, MSG_NOSIGNAL);
-        if (size < 0 && errno != EINTR) fail();
-        if (size > 0) sent += static_cast<std::size_t>(size);
+        const ssize_t size = TEMP_FAILURE_RETRY(
+            ::send(fd.get(), line.data() + sent, line.size() - sent, MSG_NOSIGNAL));
+        if (size == -1) fail();
+        sent += static_cast<std::size_t>(size);
     }
     std::string reply;
     std::array<char, 65536> buffer;
     while (reply.find('\n') == std::string::npos) {
-        const ssize_t size = ::recv(fd.get(), buffer.data(), buffer.size(), 0);
-        if (size < 0 && errno == EINTR) continue;
-        if (size < 0) fail();
+        const ssize_t size = TEMP_FAILURE_RETRY(::recv(fd.get(), buffer.data(), buffer.size(), 0));
+        if (size == -1) fail();
         if (size == 0) break;
         reply.append(buffer.data(), static_cast<std::size_t>(size));
     }

@@ -2,6 +2,7 @@
 
 #include <sys/socket.h>
 #include <sys/un.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <array>
@@ -82,14 +83,15 @@ bool ControlServer::serve(Connection& connection, short events) {
 bool ControlServer::read_some(Connection& connection) {
     std::array<char, 65536> buffer;
     for (;;) {
-        const ssize_t size = ::recv(connection.fd.get(), buffer.data(), buffer.size(), 0);
+        const ssize_t size =
+            TEMP_FAILURE_RETRY(::recv(connection.fd.get(), buffer.data(), buffer.size(), 0));
         if (size > 0) {
             connection.in.append(buffer.data(), static_cast<std::size_t>(size));
             if (connection.in.size() > kLongestRequest) return true;
         } else if (size == 0) {
             connection.closing = true;
             return true;
-        } else if (errno != EINTR) {
+        } else {
             return errno == EAGAIN;
         }
     }
@@ -110,12 +112,9 @@ void ControlServer::answer_lines(Connection& connection) {
 
 bool ControlServer::write_some(Connection& connection) const {
     while (!connection.out.empty()) {
-        const ssize_t size =
-            ::send(connection.fd.get(), connection.out.data(), connection.out.size(), MSG_NOSIGNAL);
-        if (size < 0) {
-            if (errno == EINTR) continue;
-            return errno == EAGAIN;
-        }
+        const ssize_t size = TEMP_FAILURE_RETRY(::send(connection.fd.get(), connection.out.data(),
+                                                       connection.out.size(), MSG_NOSIGNAL));
+        if (size == -1) return errno == EAGAIN;
         connection.out.erase(0, static_cast<std::size_t>(size));
     }
     return true;

@@ -20,7 +20,7 @@ std::optional<std::uint64_t> parse_number(const std::string& word, int base) {
     std::uint64_t value = 0;
     const char* const end = word.data() + word.size();
     const auto [stop, error] = std::from_chars(word.data(), end, value, base);
-    if (error != std::errc() || stop != end || word.empty()) return std::nullopt;
+    if (error != std::errc() || stop != end) return std::nullopt;
     return value;
 }
 
@@ -28,13 +28,9 @@ std::optional<std::uint64_t> parse_number(const std::string& word, int base) {
 
 std::optional<std::string> Words::next_if_any() {
     const std::size_t begin = line_.find_first_not_of(kBlanks, at_);
-    if (begin == std::string::npos) {
-        at_ = line_.size();
-        return std::nullopt;
-    }
-    const std::size_t end = std::min(line_.find_first_of(kBlanks, begin), line_.size());
-    at_ = end;
-    return line_.substr(begin, end - begin);
+    if (begin == std::string::npos) return std::nullopt;
+    at_ = std::min(line_.find_first_of(kBlanks, begin), line_.size());
+    return line_.substr(begin, at_ - begin);
 }
 
 std::string Words::next(const char* what) {

@@ -6,17 +6,12 @@
 
 #include <cstdlib>
 #include <fstream>
-#include <iterator>
 #include <string>
 
 #include "command_line.h"
+#include "support/job_file.h"
 
 namespace {
-
-std::string read_file(const std::string& path) {
-    std::ifstream file(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), {}};
-}
 
 std::string help(const std::string& command) {
     const char* const argv[] = {"jovu", command.c_str(), "--help"};
@@ -41,7 +36,7 @@ void insert_help(std::string& manual, const std::string& command) {
 }
 
 TEST(Manual, ShowsTheHelpTextsAsTheyAre) {
-    const std::string written = read_file(JOVU_MANUAL);
+    const std::string written = test::content_of(JOVU_MANUAL);
     std::string expected = written;
     insert_help(expected, "");
     for (const jovu_cli::Command& command : jovu_cli::command_table()) {

@@ -1,15 +1,23 @@
 /// @file
 /// Small parts of the program: times, rates, advice, and the queue of what the library reports.
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <cerrno>
 #include <cstdlib>
 #include <ctime>
+#include <nlohmann/json.hpp>
 
-#include "progress_bar.h"
+#include "dfu_listing.h"
+#include "firmware_image.h"
+#include "push_reporter.h"
+#include "report_text.h"
 #include "session.h"
+#include "support/job_file.h"
 #include "timestamp.h"
+#include "trace_statistics.h"
+#include "value_text.h"
 
 namespace jovu_cli {
 namespace {
@@ -63,6 +71,10 @@ TEST(Inbox, HoldsSoMuchAndCountsTheRest) {
             told = std::holds_alternative<Disconnected>(next->what);
         EXPECT_LE(waiting, std::min(kept + 1, 20000U)) << "the oldest makes room";
         EXPECT_TRUE(told) << "a command learns that its device is gone";
+        inbox.post({{1, 2}, {}, Connected{}});
+        EXPECT_TRUE(inbox.announced().empty()) << "it has gone more often than come";
+        inbox.post({{1, 2}, {}, Connected{}});
+        EXPECT_EQ(inbox.announced().size(), 1U);
     }
 }
 
@@ -74,13 +86,177 @@ TEST(ProgressBar, ShowsTheRateOfTheLastSecondsAndTheTimeLeft) {
          {std::pair(0s, 0U), std::pair(10s, 1000U), std::pair(12s, 5000U)})
         meter.add(start + time, done);
     EXPECT_EQ(meter.rate(), 5000.0 / 12) << "each interval counts until a whole one is too old";
+    meter.add(start + 13s, 6500);
+    EXPECT_EQ(meter.rate(), 500) << "three seconds are not too old";
     meter.add(start + 14s, 9000);
     EXPECT_EQ(meter.rate(), 2000) << "what is older than three seconds does not count";
 
     EXPECT_EQ(transfer_text(2000, 9000, 259000), "9.0 kB, 2.0 kB/s, 2:05 left");
     EXPECT_EQ(transfer_text(0, 9, 10), "9 B, 0 B/s");
     EXPECT_EQ(transfer_text(1.5e6, 2500000000, 2500000000), "2.5 GB, 1.5 MB/s");
+    EXPECT_EQ(size_text(999.95) + size_text(1e16), "1.0 kB10000.0 TB");
     EXPECT_EQ(bar_text(50, "Sending ", "x", 40), "Sending   50.0 % [=========>        ]  x");
+    EXPECT_EQ(bar_text(100, "Sending ", "x", 32), "Sending  100.0 % [==========]  x");
+    EXPECT_EQ(bar_text(50, "Sending ", "x", 31), "Sending   50.0 %  x") << "no room for a bar";
+}
+
+TEST(Seconds, AreReadUpToAWeek) {
+    const std::pair<const char*, std::optional<std::chrono::milliseconds>> rows[] = {
+        {"0", 0ms}, {"604800", 168h}, {"604801", {}}, {"-1", {}}, {"nan", {}}};
+    for (const auto& [text, time] : rows)
+        EXPECT_EQ(parse_seconds(text), time) << text;
+}
+
+TEST(Report, IsShownOnALine) {
+    StatusReport report;
+    report.job_id = "J";
+    report.time_elapsed = 3723;
+    report.error = 7;
+    EXPECT_EQ(report_line({1, 2}, report), "1:2  -  0.0 C  0 %  1:02:03  job id J  error 7");
+    EXPECT_EQ(labelled("As wide as that", "x"), "As wide as that x");
+    EXPECT_THAT(value_lines(Json::parse(R"({"a":{"bc":null},"d":"e\n"})")),
+                testing::ElementsAre("a.bc  -", "d     e\\n"));
+    EXPECT_THAT(value_lines(7), testing::ElementsAre("7"));
+    Tenths tenths;
+    for (const auto& [percent, new_tenth] : {std::pair(0, true), {9, false}, {10, true}})
+        EXPECT_EQ(tenths.reached(percent), new_tenth) << percent;
+}
+
+TEST(Output, IsDrawnOnWhatCanMoveItsCursor) {
+    const StopSource stop(-1);
+    const FileDescriptor terminal(posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC));
+    for (const auto& [term, moves] : {std::pair("xterm", true), {"dumb", false}, {"", false}}) {
+        setenv("TERM", term, 1);
+        EXPECT_EQ(Output(terminal, stop, false).redraws(), moves) << term;
+    }
+    EXPECT_EQ(Output(terminal, stop, false).columns(), 80U);
+    const test::TemporaryFile file("drawn", "");
+    const FileDescriptor written(open(file.path().c_str(), O_RDWR | O_CLOEXEC));
+    Output out(written, stop, false);
+    ProgressBar bar(out);
+    for (const bool always : {false, false, true})
+        bar.draw(50, "A", std::string(90, 'b'), always);
+    bar.finish();
+    bar.finish();
+    const std::string drawn = "\r\x1b[2KA  50.0 %  " + std::string(68, 'b');
+    EXPECT_EQ(test::content_of(file.path()), drawn + drawn + "\n") << "too soon the second time";
+}
+
+TEST(FirmwareImage, IsJudgedByItsContent) {
+    const std::string any = "\x01\x02\xFF\xFF\xFF\xFF\xFF\xFF" + std::string("\0\x01UFD", 5);
+    const std::string damaged = "its DFU suffix is damaged: it has CRC ",
+                      empty = "it is empty but for its DFU suffix";
+    const std::string text = "it is plain text";
+    std::string umlauts = ";";
+    while (umlauts.size() < 9000)
+        umlauts += "\u00FC";
+    const std::tuple<std::string, std::string> rows[] = {
+        {any + "\x10\x74\x1a\x46\xdf", ""},
+        {any + "\x10\x75\x1a\x46\xdf", damaged + "df461a75, the file has df461a74"},
+        {any + "\x0f\x81\x17\x4e\x52", damaged},
+        {any + "\x13\xce\x4b\x4f\x46", damaged},
+        {any.substr(2) + "\x10\xe1\xf1\x7b\x88", empty},
+        {"G28\n" + any.substr(2) + "\x10\xb0\x5e\x63\x0a", text},
+        {"G28 ; \u00FC~\t\n", text},
+        {umlauts, text},
+        {"G28\x7F", ""},
+        {"G28\xFC", ""},
+        {std::string(5000, '\xAA'), ""},
+        {std::string(FirmwareImage::largest, '\xFF'), ""},
+        {std::string(FirmwareImage::largest + 1, '\xFF'), "it has 16777217 bytes, no controller"},
+    };
+    for (const auto& [content, fault] : rows) {
+        const test::TemporaryFile file("image", content), copy("copy", "old");
+        const FirmwareImage image(file.path());
+        EXPECT_EQ(image.fault().substr(0, fault.size()), fault);
+        EXPECT_EQ(image.fault().empty(), fault.empty()) << image.fault();
+        EXPECT_EQ(image.release(), "");
+        image.put_at(copy.path());
+        const bool large = content.size() > FirmwareImage::largest;
+        EXPECT_EQ(std::filesystem::is_symlink(copy.path()), large);
+        EXPECT_EQ(image.may_be_version("1.2.3"), large);
+        const std::size_t kept = image.suffix() ? 2 : content.size();
+        EXPECT_TRUE(!fault.empty() || test::content_of(copy.path()) == content.substr(0, kept));
+        EXPECT_THROW(image.put_at(copy.path() + "/x"), Failure);
+    }
+}
+
+servo_trace_msg sample(std::uint32_t count, std::int32_t commanded = 0, std::int32_t position = 0) {
+    servo_trace_msg message{};
+    message.int_cnt = count;
+    message.pos_cmd = commanded;
+    message.pos = position;
+    return message;
+}
+
+TEST(TraceStatistics, CountWhatIsMissing) {
+    TraceStatistics statistics;
+    const struct {
+        std::uint32_t count;
+        bool follows;
+        std::uint64_t ticks, gaps, missing, restarts;
+    } rows[] = {
+        {4294967290, true, 0, 0, 0, 0},
+        {4294967291, true, 1, 0, 0, 0},
+        {4294967295, false, 5, 1, 3, 0},
+        {0, true, 6, 1, 3, 0},
+        {2, false, 8, 2, 4, 0},
+        {2, false, 9, 2, 4, 1},
+        {1, false, 10, 2, 4, 2},
+        {2, true, 11, 2, 4, 2},
+        {2147483649, false, 2147483658, 3, 2147483650, 2},
+    };
+    for (const auto& row : rows) {
+        EXPECT_EQ(statistics.add(sample(row.count)), row.follows) << row.count;
+        EXPECT_EQ(statistics.ticks(), row.ticks) << row.count;
+        EXPECT_EQ(statistics.gaps(), row.gaps) << row.count;
+        EXPECT_EQ(statistics.missing(), row.missing) << row.count;
+        EXPECT_EQ(statistics.restarts(), row.restarts) << row.count;
+    }
+    EXPECT_EQ(statistics.samples(), 9U);
+}
+
+TEST(TraceStatistics, FindTheLargestErrorOfEitherSign) {
+    TraceStatistics statistics;
+    statistics.add(sample(1, 10, 4));
+    statistics.add(sample(2, -2147483647 - 1, 2147483647));
+    statistics.add(sample(3, 2147483647, -2147483647 - 1));
+    EXPECT_EQ(statistics.largest_error(), -4294967295);
+    EXPECT_EQ(statistics.largest_error_ticks(), 1U);
+    EXPECT_EQ(statistics.position().lowest, -2147483647 - 1);
+    EXPECT_EQ(statistics.position().highest, 2147483647);
+}
+
+/// The listings of hostile devices among them.
+TEST(DfuListing, KeepsDevicesApart) {
+    const std::string found = "Found DFU: [7a1c:00df] ver=0100, devnum=9, ";
+    const std::string one = found + "cfg=1, intf=0, path=\"1-2\", ";
+    const std::string whole = one + "alt=0, name=\"a, b\", serial=\"A\"\n";
+    const struct {
+        std::string listing;
+        std::size_t devices, refused;
+    } cases[] = {
+        {"dfu-util 0.11\n\nhello\n\n" + whole, 1, 0},
+        {whole + one + "alt=1, name=\"c\", serial=\"A\"\n", 1, 0},
+        {whole + whole, 1, 1},
+        {whole + one + "alt=1, serial=\"B\"\n", 1, 1},
+        {whole + "Found DFU: [1209:00df] devnum=9, path=\"1-2\", serial=\"A\"\n", 1, 1},
+        {found + "path=\"1-2 -D x\", serial=\"A\"\n", 0, 1},
+        {whole + found + "path=\"2-2\", serial=\"A\"\n", 2, 0},
+        {whole + "Found DFU: [7a1c:00df] devnum=8, path=\"1-2\", serial=\"A\"\n", 2, 0},
+        {whole + "Found Runtime: [1209:0001] name=\"3.5\" disk\", serial=\"A\"\n", 1, 0},
+        {one + "serial=\"-\" serial=\"A\"\n", 0, 1},
+        {one + "name=\"x\", serial=\"A\", serial=\"B\"\n", 0, 1},
+        {one + "name=\"x\", serial=\"A\"\nx\", serial=\"B\"\n", 1, 1},
+        {one + "serial=\"A\n", 0, 1},
+        {one + "serial=A\x1b\n", 0, 1},
+        {"Found DFU: [7a1c:00df] serial=\"A\"\n", 0, 1},
+    };
+    for (const auto& row : cases) {
+        const DfuListing listing = parse_dfu_listing(row.listing);
+        EXPECT_EQ(listing.devices.size(), row.devices) << row.listing;
+        EXPECT_EQ(listing.refused.size(), row.refused) << row.listing;
+    }
 }
 
 }  // namespace

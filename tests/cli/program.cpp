@@ -14,8 +14,6 @@
 #include <cstdlib>
 #include <stdexcept>
 
-#include "file_descriptor.h"
-
 namespace test {
 namespace {
 
@@ -38,7 +36,7 @@ Pipe make_pipe() {
 Pipe make_terminal() {
     int ours = -1;
     int theirs = -1;
-    winsize size{24, 80, 0, 0};
+    winsize size{24, 96, 0, 0};
     if (openpty(&ours, &theirs, nullptr, nullptr, &size) != 0) throw std::runtime_error("openpty");
     fcntl(ours, F_SETFD, FD_CLOEXEC);
     fcntl(theirs, F_SETFD, FD_CLOEXEC);
@@ -46,23 +44,11 @@ Pipe make_terminal() {
 }
 
 Pipe make_output(Out out) {
-    switch (out) {
-        case Out::terminal:
-        case Out::console:
-        case Out::dialog:
-            return make_terminal();
-        case Out::full_disk:
-            return {FileDescriptor(), FileDescriptor(open("/dev/full", O_WRONLY | O_CLOEXEC))};
-        case Out::closed: {
-            Pipe pipe = make_pipe();
-            return {FileDescriptor(), std::move(pipe.write)};
-        }
-        case Out::pipe:
-            return make_pipe();
-        case Out::none:
-            break;
-    }
-    return {};
+    if (out == Out::terminal || out == Out::console || out == Out::dialog) return make_terminal();
+    if (out == Out::pipe) return make_pipe();
+    if (out == Out::closed) return {FileDescriptor(), make_pipe().write};
+    if (out == Out::none) return {};
+    return {FileDescriptor(), FileDescriptor(open("/dev/full", O_WRONLY | O_CLOEXEC))};
 }
 
 /// Runs in the child, between fork and exec, where only system calls may be made.
@@ -83,37 +69,28 @@ Pipe make_output(Out out) {
     _exit(127);
 }
 
+void take(FileDescriptor& fd, short events, std::string& text) {
+    if (events == 0) return;
+    char bytes[4096];
+    const ssize_t count = read(fd.get(), bytes, sizeof bytes);
+    if (count > 0) {
+        text.append(bytes, static_cast<std::size_t>(count));
+    } else if (count == 0 || errno != EINTR) {
+        fd = FileDescriptor();  // A terminal ends with EIO.
+    }
+}
+
 }  // namespace
 
-struct Program::Streams {
-    FileDescriptor in;
-    FileDescriptor out;
-    FileDescriptor err;
-    std::string out_text;
-    std::string err_text;
+/// Takes what comes within a moment.
+void Program::pump() {
+    pollfd watched[] = {{out_.get(), POLLIN, 0}, {err_.get(), POLLIN, 0}};
+    poll(watched, 2, 20);  // Bounded: the callers look at the clock in between.
+    take(out_, watched[0].revents, out_text_);
+    take(err_, watched[1].revents, err_text_);
+}
 
-    static void take(FileDescriptor& fd, short events, std::string& text) {
-        if (events == 0) return;
-        char bytes[4096];
-        const ssize_t count = read(fd.get(), bytes, sizeof bytes);
-        if (count > 0) {
-            text.append(bytes, static_cast<std::size_t>(count));
-        } else if (count == 0 || errno != EINTR) {
-            fd = FileDescriptor();  // A terminal ends with EIO.
-        }
-    }
-
-    /// Takes what comes within a moment.
-    void pump() {
-        pollfd watched[] = {{out.get(), POLLIN, 0}, {err.get(), POLLIN, 0}};
-        poll(watched, 2, 20);  // Bounded: the callers look at the clock in between.
-        take(out, watched[0].revents, out_text);
-        take(err, watched[1].revents, err_text);
-    }
-};
-
-Program::Program(const std::vector<std::string>& args, Out out)
-    : streams_(std::make_unique<Streams>()) {
+Program::Program(const std::vector<std::string>& args, Out out) {
     Pipe input = make_pipe();
     Pipe output = make_output(out);
     Pipe errors = make_pipe();
@@ -132,10 +109,10 @@ Program::Program(const std::vector<std::string>& args, Out out)
         become(argv.data(), input.read.get(), output.write.get(),
                (out == Out::dialog ? output : errors).write.get(), console);
     }
-    streams_->in = console ? FileDescriptor(fcntl(output.read.get(), F_DUPFD_CLOEXEC, 0))
-                           : std::move(input.write);
-    streams_->out = std::move(output.read);
-    streams_->err = std::move(errors.read);
+    in_ = console ? FileDescriptor(fcntl(output.read.get(), F_DUPFD_CLOEXEC, 0))
+                  : std::move(input.write);
+    out_ = std::move(output.read);
+    err_ = std::move(errors.read);
 }
 
 Program::~Program() {
@@ -146,43 +123,23 @@ Program::~Program() {
 }
 
 void Program::type(const std::string& text) {
-    const ssize_t count = write(streams_->in.get(), text.data(), text.size());
+    const ssize_t count = write(in_.get(), text.data(), text.size());
     if (count < 0 && errno != EPIPE) throw std::runtime_error("write to the program");
-}
-
-void Program::end_input() {
-    streams_->in = FileDescriptor();
-}
-
-void Program::signal(int number) {
-    kill(-pid_, number);
-}
-
-void Program::close_reader() {
-    streams_->out = FileDescriptor();
 }
 
 bool Program::in_line_mode() const {
     termios modes{};
-    tcgetattr(streams_->in.get(), &modes);
+    tcgetattr(in_.get(), &modes);
     return (modes.c_lflag & ICANON) != 0 && (modes.c_lflag & ECHO) != 0;
-}
-
-bool Program::writes(const std::string& text, std::chrono::milliseconds limit) {
-    return comes(text, false, limit);
-}
-
-bool Program::complains(const std::string& text, std::chrono::milliseconds limit) {
-    return comes(text, true, limit);
 }
 
 bool Program::comes(const std::string& text, bool on_error, std::chrono::milliseconds limit) {
     const auto deadline = Clock::now() + limit;
-    const std::string& written = on_error ? streams_->err_text : streams_->out_text;
-    const FileDescriptor& stream = on_error ? streams_->err : streams_->out;
+    const std::string& written = on_error ? err_text_ : out_text_;
+    const FileDescriptor& stream = on_error ? err_ : out_;
     while (written.find(text) == std::string::npos) {
         if (!stream.valid() || Clock::now() > deadline) return false;
-        streams_->pump();
+        pump();
     }
     return true;
 }
@@ -190,22 +147,14 @@ bool Program::comes(const std::string& text, bool on_error, std::chrono::millise
 int Program::finish() {
     const auto deadline = Clock::now() + kPatience;
     int status = 0;
-    while (streams_->out.valid() || streams_->err.valid()) {
+    while (out_.valid() || err_.valid()) {
         if (Clock::now() > deadline) return kNeverEnded;
-        streams_->pump();
+        pump();
     }
     const bool ended = eventually([&] { return waitpid(pid_, &status, WNOHANG) == pid_; });
     if (!ended) return kNeverEnded;
     pid_ = -1;
     return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
-}
-
-const std::string& Program::out() const {
-    return streams_->out_text;
-}
-
-const std::string& Program::err() const {
-    return streams_->err_text;
 }
 
 Ended jovu(const std::vector<std::string>& args, const std::string& input, Out out) {

@@ -124,7 +124,12 @@ TEST_F(Shell, ShowsEventsWithoutHarmToTheLine) {
     EXPECT_TRUE(answers("M117 caf\xC3\xA9", "caf\xC3\xA9"));
     sim("event " + name(device_) + " something happened");
     EXPECT_TRUE(answers("", "  something happened\r\njovu> M117 caf\xC3\xA9"));
+    EXPECT_THAT(shell_->out(), Not(HasSubstr("\x1b[0A")));
     EXPECT_TRUE(answers("\r", std::string("ok       M117 caf\xC3\xA9") + kPrompt));
+    EXPECT_TRUE(answers(std::string(90, ';'), ";;;"));  // To the last column.
+    sim("event " + name(device_) + " above two rows");
+    EXPECT_TRUE(answers("", "\x1b[1A\r\x1b[J", "above two rows\r\n"));
+    EXPECT_TRUE(answers("\r", kPrompt));
     EXPECT_TRUE(answers(".events off\r", kPrompt));
     sim("event " + name(device_) + " unheard");
     EXPECT_TRUE(answers(".call bio_get_version\r", std::string("1.0.0") + kPrompt));
@@ -154,7 +159,7 @@ TEST_F(Shell, KeepsItsHistory) {
 
 TEST_F(Shell, KeepsWhatIsTypedAheadOfItsPrompt) {
     sim("fault " + name(device_) + " delay 300");
-    shell_.emplace(std::vector<std::string>{"shell"}, Out::console);
+    shell_.emplace(std::vector<std::string>{"shell", "-d", name(device_)}, Out::console);
     ASSERT_TRUE(shell_->writes("Ctrl-D leaves."));
     EXPECT_FALSE(shell_->in_line_mode());
     shell_->type("M117 one\r");
@@ -166,6 +171,11 @@ TEST_F(Shell, KeepsWhatIsTypedAheadOfItsPrompt) {
     EXPECT_TRUE(shell_->in_line_mode());
     for (const int number : {SIGQUIT, SIGUSR1}) {
         start();
+        EXPECT_TRUE(eventually([&] {
+            shell_->signal(SIGTSTP);  // Nobody could continue it: it does not stop.
+            return shell_->writes("\r\x1b[Jjovu> ", std::chrono::milliseconds(50));
+        }));
+        EXPECT_FALSE(shell_->in_line_mode());
         shell_->signal(number);
         EXPECT_EQ(shell_->finish(), number == SIGQUIT ? 130 : -number);
         EXPECT_TRUE(shell_->in_line_mode()) << number;
@@ -216,6 +226,11 @@ TEST_F(Shell, ReadsAScriptUpToTheFirstFailure) {
     EXPECT_EQ(good.status, 0) << good.err;
     EXPECT_EQ(json_lines(good.out).size(), 3U) << good.out;
     EXPECT_THAT(good.out, Not(HasSubstr("jovu>")));
+    EXPECT_EQ(good.err, "");
+    const std::string help = jovu({"shell"}, ".help\n").out;
+    EXPECT_THAT(help, HasSubstr("\n  .list                  List"));
+    EXPECT_THAT(help, HasSubstr("\n  .events on|off         Show"));
+    EXPECT_THAT(help, Not(AnyOf(HasSubstr("  .shell"), HasSubstr(".events  "))));
 
     const Ended bad = jovu({"shell"}, "G28\nG999\nG28\n");
     EXPECT_EQ(bad.status, 6);

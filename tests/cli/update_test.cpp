@@ -14,17 +14,12 @@ using nlohmann::json;
 using testing::HasSubstr;
 using testing::IsEmpty;
 
-std::string read_file(const std::string& path) {
-    std::ifstream file(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), {}};
-}
-
 /// What a shell command makes of the file $f.
 std::string after(const std::string& command, const std::string& content = "") {
     const TemporaryFile file("made", content);
     const std::string line = "f='" + file.path() + "'; { " + command + "; } > /dev/null 2>&1";
     EXPECT_EQ(std::system(line.c_str()), 0) << command;
-    return read_file(file.path());
+    return content_of(file.path());
 }
 
 /// An image that the simulated controller takes.
@@ -59,7 +54,7 @@ public:
     }
     FakeTool(const FakeTool&) = delete;
     FakeTool& operator=(const FakeTool&) = delete;
-    std::string log() const { return read_file(directory_ + "/log"); }
+    std::string log() const { return content_of(directory_ + "/log"); }
 
 private:
     std::string directory_;
@@ -221,8 +216,6 @@ TEST_F(Update, IsJudgedByTheDeviceThatWasChosen) {
 
 TEST_F(Update, IsNotBegunWhenItCannotEndWell) {
     const std::string others = with_suffix(content_, "-v 1209 -p 0001");
-    std::string damaged = with_suffix(content_, "");
-    damaged[100] = static_cast<char>(damaged[100] ^ 1);
     const std::vector<std::string> chosen{"-d", name(device_)};
     const struct {
         std::string image;
@@ -231,15 +224,10 @@ TEST_F(Update, IsNotBegunWhenItCannotEndWell) {
         int status;
         const char* says;
     } cases[] = {
-        {"", "", {}, 7, "it is empty"},
-        {"G28 ; \xC3\xBC\n", "", {}, 7, "it is plain text"},
         {with_suffix("G28\n", ""), "", {}, 7, "it is plain text"},
-        {";" + after("yes '\xC3\xBC' | tr -d '\\n' | head -c 9000 > $f"), "", {}, 7, "plain text"},
         {std::string(8192, '\xFF') + content_, "", {"-d", "7:7"}, 3, "no such device: 7:7"},
-        {std::string((16U << 20U) + 1, '\0'), "", {}, 7, "it has 16777217 bytes"},
         {others, "", {}, 7, "is for another device, 1209:0001, this one is 7a1c:0002"},
         {with_suffix(content_, "-v 7a1c -p 0003"), "", {}, 7, "for another device, 7a1c:0003"},
-        {damaged, "", {}, 7, "its DFU suffix is damaged"},
         {content_, "vendor=1209 serial=" + serial_, {}, 4, "two devices claim one serial number"},
         {content_, "serial=" + serial_, chosen, 4, "two devices claim one serial number"},
         {content_, "serial=-\"%20serial=\"X", chosen, 4, "cannot tell the devices in DFU mode ap"},

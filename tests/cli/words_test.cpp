@@ -5,6 +5,11 @@
 
 #include "words.h"
 
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+
 #include "completion.h"
 #include "failure.h"
 #include "printable.h"
@@ -39,12 +44,16 @@ TEST(Printable, ShowsWhatCannotBeSeen) {
          R"(\u00a0\u00ad\u034f\u2060\u3164\ufe0f\ufeff)"},
         {"\uE000\uFDD0\U0001FFFE\U000E0041", R"(\ue000\ufdd0\U0001fffe\U000e0041)"},
         {"\xC1\x9B\xE0\x80\x9B\xF0\x80\x80\x9B", R"(\xc1\x9b\xe0\x80\x9b\xf0\x80\x80\x9b)"},
+        {"\xC2\x80\xED\xBF\xBF\uFFFF\xF1\x80\x80\x80\xF4\x8F\xBF\xBF\u0800\U00010000",
+         R"(\u0080\xed\xbf\xbf\uffff\U00040000\U0010ffff)"
+         "\u0800\U00010000"},
         {"\xED\xA0\x80\xF4\x90\x80\x80\xE2\x80", R"(\xed\xa0\x80\xf4\x90\x80\x80\xe2\x80)"},
     };
     for (const auto& [text, shown] : rows) {
         EXPECT_EQ(printable(text), shown);
         EXPECT_EQ(printable(shown), shown);
     }
+    EXPECT_EQ(jovu_cli::fit("\u00E9b", 1) + jovu_cli::fit("\u00E9b", 9), "\u00E9\u00E9b");
 }
 
 TEST(Completion, KnowsWhatCanFollow) {
@@ -66,6 +75,15 @@ TEST(Completion, KnowsWhatCanFollow) {
     EXPECT_THAT(words(".device 1"), ElementsAre("1:2", "1:3"));
     EXPECT_THAT(words(".events o"), ElementsAre("on", "off"));
     EXPECT_EQ(complete(".call gpio_input_get de", commands, {}).typed, 2U);
+
+    const std::string folder = testing::TempDir() + std::to_string(getpid()) + "-folder/";
+    std::filesystem::create_directories(folder + "sub");
+    for (const char* const file : {"b", "a", ".hidden"})
+        std::ofstream(folder + file);
+    EXPECT_THAT(words(".push " + folder), ElementsAre(folder + "a", folder + "b", folder + "sub/"));
+    EXPECT_THAT(words(".push " + folder + "."), ElementsAre(folder + ".hidden"));
+    EXPECT_THAT(words("G28 " + folder), IsEmpty());
+    std::filesystem::remove_all(folder);
 }
 
 }  // namespace

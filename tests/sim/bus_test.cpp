@@ -3,6 +3,8 @@
 
 #include <cerrno>
 
+#include "bus/descriptors.h"
+#include "bus/local_socket.h"
 #include "bus/sim_device.h"
 #include "firmware_host.h"
 
@@ -69,6 +71,45 @@ TEST(FaultBoard, CountsTheBytesUntilTheUnplug) {
     }
 }
 
+TEST(Descriptors, SayWhatTheDeviceIs) {
+    const UsbIdentity identity = {
+        0x1234,
+        0xABCD,
+        0x0102,
+        "M",
+        "P\\",
+        "S",
+        {{0xFF, 1, 2, {{0x81, 64}, {2, 512}}, "n", "\3!?"}, {0xFE, 0, 0, {}}}};
+    EXPECT_EQ(testbed_record(identity, {3, 14}),
+              "P: /devices/usb3/3-14\nE: SUBSYSTEM=usb\nE: DEVTYPE=usb_device\nE: DRIVER=usb\n"
+              "E: DEVNAME=/dev/bus/usb/003/014\nE: BUSNUM=3\nE: DEVNUM=14\nA: busnum=3\\n\n"
+              "A: devnum=14\\n\nA: bConfigurationValue=1\\n\nA: speed=12\\n\nA: idVendor=1234\\n\n"
+              "A: idProduct=abcd\\n\nA: manufacturer=M\\n\nA: product=P\\\\\\n\nA: serial=S\\n\n"
+              "H: descriptors=120100020000004034"
+              "12cdab020101020301"
+              "09022c000201008032"
+              "0904000002ff010204"
+              "03213f"
+              "07058102400000"
+              "07050202000200"
+              "0904010000fe000000\n");
+    const std::string texts[] = {
+        {4, 3, 9, 4}, {4, 3, 'M', 0}, {6, 3, 'P', 0, '\\', 0}, {4, 3, 'S', 0}, {4, 3, 'n', 0}};
+    for (std::uint8_t i = 0; i < 5; ++i)
+        EXPECT_EQ(find_descriptor(identity, 3, i), texts[i]) << int{i};
+    EXPECT_FALSE(find_descriptor(identity, 3, 5) || find_descriptor(identity, 3, 6));
+    EXPECT_FALSE(find_descriptor(identity, 1, 1) || find_descriptor(identity, 2, 1));
+    EXPECT_FALSE(find_descriptor(identity, 4, 0));
+    EXPECT_EQ(find_descriptor(identity, 1, 0).value() + find_descriptor(identity, 2, 0).value(),
+              sysfs_descriptors(identity));
+}
+
+TEST(LocalSocket, TakesNoPathThatIsCutOff) {
+    const std::string longest(sizeof(sockaddr_un::sun_path) - 1, 'x');
+    EXPECT_EQ(local_address(longest).sun_path, longest);
+    EXPECT_THROW(local_address(longest + "x"), std::system_error);
+}
+
 /// A program that has a device open.
 class Program {
 public:
@@ -78,6 +119,45 @@ public:
     Program& operator=(const Program&) = delete;
 
     void send(std::uint8_t endpoint, std::string bytes) { EXPECT_EQ(transfer(endpoint, bytes), 0); }
+
+    /// Begins a transfer and returns its handle. @param bytes outlive the transfer
+    std::uint64_t begin(std::uint8_t endpoint, std::string& bytes) {
+        Urb urb;
+        urb.client = client_;
+        urb.handle = ++handle_;
+        urb.control = endpoint == 0;
+        urb.endpoint = endpoint;
+        urb.buffer = reinterpret_cast<std::uint8_t*>(bytes.data());
+        urb.length = bytes.size();
+        EXPECT_EQ(device_.submit(std::move(urb)), 0);
+        return handle_;
+    }
+    std::optional<Urb> reap() {
+        std::optional<Urb> urb;
+        const int error = device_.reap(client_, urb);
+        EXPECT_EQ(error, urb ? 0 : EAGAIN);
+        return urb;
+    }
+    int discard(std::uint64_t handle) { return device_.discard(client_, handle); }
+    int claim(unsigned interface) { return device_.claim(client_, interface); }
+    int release(unsigned interface) { return device_.release(client_, interface); }
+
+    /// The data stage of a control request to the host, or "stall".
+    std::string ask(std::uint8_t type, std::uint8_t request, unsigned value, std::uint8_t length) {
+        std::string bytes = {static_cast<char>(type),
+                             static_cast<char>(request),
+                             static_cast<char>(value),
+                             static_cast<char>(value >> 8U),
+                             0,
+                             0,
+                             static_cast<char>(length),
+                             0};
+        bytes.resize(8U + length);
+        begin(0, bytes);
+        const Urb urb = reap().value();
+        EXPECT_EQ(urb.actual != 0 ? 0 : urb.status, urb.status);
+        return urb.status == 0 ? bytes.substr(8, urb.actual) : "stall";
+    }
 
     /// What the device sends up to its next short packet, at most @p size bytes.
     std::string read(std::uint8_t endpoint, std::size_t size = 1U << 16U) {
@@ -108,27 +188,82 @@ public:
 private:
     /// Returns 0 with the bytes that were transferred, or EAGAIN while it is in flight.
     int transfer(std::uint8_t endpoint, std::string& bytes) {
-        Urb urb;
-        urb.client = client_;
-        urb.handle = ++handle_;
-        urb.control = endpoint == 0;
-        urb.endpoint = endpoint;
-        urb.buffer = reinterpret_cast<std::uint8_t*>(bytes.data());
-        urb.length = bytes.size();
-        EXPECT_EQ(device_.submit(std::move(urb)), 0);
-        std::optional<Urb> done;
-        const int pending = device_.reap(client_, done);
-        if (pending == 0) {
-            EXPECT_EQ(done->status, 0);
-            bytes.resize(done->actual);
-        }
-        return pending;
+        begin(endpoint, bytes);
+        const std::optional<Urb> done = reap();
+        if (!done) return EAGAIN;
+        EXPECT_EQ(done->status, 0);
+        bytes.resize(done->actual);
+        return 0;
     }
 
     SimDevice& device_;
     ClientId client_;
     std::uint64_t handle_ = 0;
 };
+
+std::unique_ptr<Controller> controller() {
+    return std::make_unique<Controller>(DeviceNature{"S", kApplicationProduct, 1.0});
+}
+
+TEST(Bus, AnswersStandardRequestsItself) {
+    SimDevice device({1, 2}, controller(), [] {});
+    Program program(device);
+    const std::string descriptor = find_descriptor(device.identity(), 1, 0).value();
+    const struct {
+        std::uint8_t type;
+        std::uint8_t request;
+        unsigned value;
+        std::uint8_t length;
+        std::string answer;
+    } cases[] = {
+        {0x80, 6, 0x0100, 18, descriptor},
+        {0x80, 6, 0x0100, 200, descriptor},
+        {0x80, 6, 0x0100, 8, descriptor.substr(0, 8)},
+        {0x80, 6, 0x0303, 9, {4, 3, 'S', 0}},
+        {0x80, 6, 0x0309, 9, "stall"},
+        {0x00, 6, 0x0100, 0, "stall"},
+        {0x80, 0, 0, 2, {0, 0}},
+        {0x80, 8, 0, 1, {1}},
+        {0x80, 9, 1, 0, "stall"},
+        {0x00, 9, 2, 0, "stall"},
+        {0x00, 9, 1, 0, ""},
+        {0x80, 77, 0, 1, "stall"},
+        {0xA1, 3, 0, 6, "stall"},
+    };
+    for (const auto& c : cases)
+        EXPECT_EQ(program.ask(c.type, c.request, c.value, c.length), c.answer) << &c - cases;
+}
+
+TEST(Bus, InterfacesAndTransfersBelongToOneProgram) {
+    SimDevice device({1, 2}, controller(), [] {});
+    Program first(device);
+    Program second(device);
+    EXPECT_EQ(first.claim(2), ENOENT);
+    EXPECT_EQ(first.claim(0) | second.claim(1) | first.claim(0), 0);
+    EXPECT_EQ(second.claim(0), kContended);
+    EXPECT_EQ(second.release(0), EINVAL);
+    std::string buffers[4] = {std::string(64, 0), std::string(64, 0), std::string(64, 0),
+                              std::string(10, 0)};
+    device.with_faults([](FaultBoard& faults) { faults.add(BusFault::never, kJobIn, 0, 1, 0); });
+    const std::uint64_t stuck = second.begin(kJobIn, buffers[0]);
+    EXPECT_EQ(first.begin(kMessageIn, buffers[1]), stuck) << "handles are each program's own";
+    second.begin(kJobIn, buffers[2]);
+    EXPECT_EQ(first.discard(stuck + 1), EINVAL);
+    EXPECT_EQ(second.discard(stuck), 0);
+    EXPECT_EQ(first.reap().has_value(), false);
+    EXPECT_EQ(second.reap()->status, -ENOENT);
+    EXPECT_EQ(second.discard(stuck), EINVAL);
+    EXPECT_EQ(second.release(1), 0);
+    EXPECT_EQ(second.reap()->status, -ENOENT);
+    EXPECT_EQ(device.stats()["endpoints"]["81"]["in_flight"], 1) << "of the other interface";
+    EXPECT_EQ(first.discard(stuck), 0);
+    EXPECT_EQ(first.reap()->handle, stuck);
+    first.begin(kMessageIn, buffers[3]);
+    first.send(kMessageOut, Host::framed(Host::command(1, 0, "bio_get_version")));
+    const Urb cut = first.reap().value();
+    EXPECT_EQ(cut.status, -EOVERFLOW);
+    EXPECT_EQ(cut.actual, 10U);
+}
 
 TEST(Bus, WhatADeviceHasNotSentOutlivesTheProgramButNoReset) {
     const std::string command = Host::framed(Host::command(1, 0, "bio_get_version"));
@@ -147,9 +282,7 @@ TEST(Bus, WhatADeviceHasNotSentOutlivesTheProgramButNoReset) {
         {"request", [&](Program& program) { program.send(0, set_configuration); }, false},
     };
     for (const auto& c : cases) {
-        SimDevice device({1, 2},
-                         std::make_unique<Controller>(DeviceNature{"S", kApplicationProduct, 1.0}),
-                         [] {});
+        SimDevice device({1, 2}, controller(), [] {});
         std::string received;
         {
             Program program(device);

@@ -1,6 +1,7 @@
 // The table of commands and the check of their arguments.
 #include <gtest/gtest.h>
 
+#include "firmware/complaints.h"
 #include "firmware_host.h"
 
 namespace jovusim::test {
@@ -65,7 +66,16 @@ TEST(CommandRules, NameTheValueThatBreaksThem) {
     }
 }
 
+TEST(CommandRules, AnExcerptIsShortAndPrintable) {
+    const std::string longest(120, 'x');
+    EXPECT_EQ(excerpt(longest), longest);
+    EXPECT_EQ(excerpt(longest + "x"), longest + "...");
+    EXPECT_EQ(excerpt("\x1F ~\x7F\xE9"), "\\x1f ~\\x7f\\xe9");
+}
+
 TEST(CommandRules, TakeAnyNumberForADouble) {
+    EXPECT_FALSE(check_text({-128, 127, 0}));
+    EXPECT_TRUE(check_text({-129, 0}) && check_text({128, 0}));
     for (const char* target : {"0.1", "1", "1.0", "-0.0", "1e-07", "9.9999999999999995475e-08"}) {
         EXPECT_FALSE(find_fault(Json::parse(target), kDouble)) << target;
     }

@@ -1,6 +1,8 @@
 // The boot loader: downloads, and the ways between it and the application.
 #include <gtest/gtest.h>
 
+#include <functional>
+
 #include "firmware/dfu_device.h"
 #include "firmware/firmware_image.h"
 #include "firmware_host.h"
@@ -82,9 +84,26 @@ TEST(FirmwareImage, IsCheckedAsAWhole) {
         bad[at] = static_cast<char>(bad[at] ^ 1);
         EXPECT_EQ(check_firmware_image(bad), ImageFault::damaged) << at;
     }
+    const std::string longest = std::string(63, '~') + ' ';
+    const std::pair<std::string, std::size_t> sizes[] = {
+        {"2.0.1", 18}, {longest, 77}, {"2.0.1", kLargestImage}};
+    for (const auto& [version, size] : sizes) {
+        std::string image = make_firmware_image(version, size);
+        EXPECT_EQ(image.size(), size);
+        EXPECT_EQ(check_firmware_image(image), ImageFault::none);
+        EXPECT_EQ(check_firmware_image(image.substr(0, 13)), ImageFault::incomplete);
+        EXPECT_EQ(check_firmware_image(image.substr(0, 12)), ImageFault::foreign);
+        image[12] = 65;
+        EXPECT_EQ(check_firmware_image(image), ImageFault::foreign);
+        image[12] = 0;
+        EXPECT_EQ(check_firmware_image(image), ImageFault::foreign);
+    }
     EXPECT_THROW(make_firmware_image("", 5000), std::invalid_argument);
+    EXPECT_THROW(make_firmware_image(longest + "x", 5000), std::invalid_argument);
     EXPECT_THROW(make_firmware_image("1\n", 5000), std::invalid_argument);
-    EXPECT_THROW(make_firmware_image("2.0.1", 10), std::invalid_argument);
+    EXPECT_THROW(make_firmware_image("1\x7F", 5000), std::invalid_argument);
+    EXPECT_THROW(make_firmware_image("2.0.1", 17), std::invalid_argument);
+    EXPECT_THROW(make_firmware_image("2.0.1", kLargestImage + 1), std::invalid_argument);
 }
 
 TEST(Dfu, DoesNotBootWhatIsNotSound) {
@@ -119,31 +138,76 @@ TEST(Dfu, DoesNotBootWhatIsNotSound) {
 }
 
 TEST(Dfu, StallsWhatDoesNotFitItsState) {
-    const std::string block(1024, '\0');
+    const std::string image = make_firmware_image("1", 1024);
+    const std::function<void(DfuHost&)> ways[] = {
+        [](DfuHost&) {},
+        [](DfuHost& host) { host.in(2, 1); },
+        [&](DfuHost& host) { host.download(0, image); },
+        [&](DfuHost& host) { host.download(0, image), host.status(); },
+        [&](DfuHost& host) { host.download(0, image), host.settled(); },
+        [&](DfuHost& host) { host.download(0, image), host.settled(), host.download(1, ""); },
+        [&](DfuHost& host) {
+            host.download(0, image), host.settled(), host.download(1, ""), host.status();
+        },
+        [&](DfuHost& host) { host.download_all(image); },
+        [](DfuHost& host) { host.download(0, ""); },
+    };
     const struct {
         const char* what;
         std::uint8_t request;
         std::uint16_t value;
         std::string data;
+        const char* taken;  ///< y for each of the ways
     } cases[] = {
-        {"clear status without an error", 4, 0, ""},
-        {"a download without data", 1, 0, ""},
-        {"a block too large", 1, 0, std::string(1025, 'x')},
-        {"a block out of order", 1, 1, "x"},
+        {"detach", 0, 1000, "", "y------y-"},
+        {"a download without data", 1, 1, "", "----y----"},
+        {"a block", 1, 0, std::string(1024, 'x'), "y--------"},
+        {"the next block", 1, 1, "x", "----y----"},
+        {"a block too large", 1, 0, std::string(1025, 'x'), "---------"},
+        {"clear status", 4, 0, "", "--------y"},
+        {"abort", 6, 0, "", "yyyyyy---"},
+        {"no such request", 7, 0, "", "---------"},
     };
     for (const auto& c : cases) {
-        DfuHost host;
-        EXPECT_FALSE(host.out(c.request, c.value, c.data)) << c.what;
-        EXPECT_EQ(host.status().state, DfuHost::kError) << c.what;
-        EXPECT_EQ(host.status().status, 0x0F) << c.what;
-        EXPECT_FALSE(host.device.take_complaints().empty()) << c.what;
-        EXPECT_TRUE(host.out(4)) << c.what;
-        EXPECT_EQ(host.status().state, DfuHost::kIdle) << c.what;
+        std::string taken;
+        for (const auto& way : ways) {
+            DfuHost host;
+            way(host);
+            host.device.take_complaints();
+            const bool fits = host.out(c.request, c.value, c.data).has_value();
+            taken += fits ? 'y' : '-';
+            EXPECT_EQ(host.device.take_complaints().size(), fits ? 0U : 1U) << c.what;
+            if (fits) continue;
+            EXPECT_EQ(host.status().state, DfuHost::kError) << c.what;
+            EXPECT_EQ(host.status().status, 0x0F) << c.what;
+            EXPECT_TRUE(host.out(4)) << c.what;
+            EXPECT_EQ(host.status().state, DfuHost::kIdle) << c.what;
+        }
+        EXPECT_EQ(taken, c.taken) << c.what;
     }
+}
+
+TEST(Dfu, KeepsItsTimes) {
     DfuHost host;
-    host.download(0, make_firmware_image("1").substr(0, 1024));
-    EXPECT_EQ(host.status().state, DfuHost::kBusy);
-    EXPECT_FALSE(host.download(1, block)) << "it is busy with the block before";
+    EXPECT_EQ(host.device.identity().interfaces.at(0).extra,
+              std::string("\x09\x21\x0B\xE8\x03\x00\x04\x10\x01", 9));
+    host.download(0, make_firmware_image("2.5", 1024));
+    const Millis begin = host.now;
+    const int states[] = {DfuHost::kBusy, DfuHost::kBusy, DfuHost::kDownloadIdle};
+    for (const int state : states) {
+        const DfuHost::Status got = host.status();
+        EXPECT_EQ(got.state, state);
+        EXPECT_EQ(got.wait, begin + 2 - host.now++);
+    }
+    host.download(1, "");
+    EXPECT_EQ(host.status().wait, 100);
+    host.now += 100;
+    EXPECT_EQ(host.status().state, DfuHost::kWaitReset);
+    EXPECT_TRUE(host.out(0));
+    EXPECT_FALSE(host.in(5, 1)) << "it starts anew";
+    EXPECT_FALSE(host.device.wants_to_leave(host.now + 149));
+    EXPECT_TRUE(host.device.wants_to_leave(host.now + 150));
+    EXPECT_EQ(host.device.successor()->stats(host.now)["version"], "2.5");
 }
 
 TEST(Dfu, UploadsTheFirmwareThatItHas) {

@@ -4,11 +4,13 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
 #include "firmware/controller.h"
+#include "firmware/values.h"
 
 namespace jovusim::test {
 
@@ -57,6 +59,43 @@ public:
     Json result(const std::string& name, const std::string& args = "") {
         const Json body = call(name, args);
         return body.contains("__return__") ? body["__return__"] : Json();
+    }
+
+    /// Plays steps such as "gpio_get_raw 5 -> 1;": a command with its arguments, then its result,
+    /// the arguments that the device has changed and the texts of debug events. "+20;" waits.
+    /// Returns the steps as they went.
+    std::string play(const std::string& script) {
+        std::string out;
+        std::istringstream steps(script);
+        for (std::string step; std::getline(steps, step, ';'); out += ";") {
+            std::istringstream words(step.substr(0, step.find(" ->")));
+            out += words.str();
+            std::string word;
+            if (!(words >> word)) break;
+            if (word.front() == '+') {
+                wait(std::stol(word));
+                continue;
+            }
+            const Command* const row = find_command(word);
+            if (row == nullptr) throw std::runtime_error("no command " + word);
+            Json args;
+            for (std::size_t i = 0; words >> word; ++i) {
+                if (word.front() == '"') word = bytes_of(word.substr(1, word.size() - 2));
+                args[row->arguments.at(i).key] = Json::parse(word);
+            }
+            const std::string sent = args.is_null() ? "" : args.dump();
+            const auto answers = exchange(command(1, row->idx, row->name, sent));
+            const Json body = answers.back()["data"]["command"];
+            out += " -> " + body.value("__return__", Json()).dump();
+            for (const auto& [key, value] : args.items())
+                if (body["args"][key] != value) out += " " + body["args"][key].dump();
+            for (const Json& answer : answers) {
+                const Json event = answer["data"].value("event", Json::object());
+                if (event.value("name", "") == "debug_event")
+                    out += " " + text_from_json(event["args"]["text"]).value();
+            }
+        }
+        return out;
     }
 
     /// Lets time go by as the bus does, in steps.

@@ -59,12 +59,17 @@ TEST(MessageChannel, FindsTheNextFrameBehindADamagedOne) {
 }
 
 TEST(MessageChannel, ForgetsAFrameThatIsLeftUnfinished) {
-    Host host;
-    host.send(kMessageOut, Host::framed(Host::command(1, 0, "bio_get_version")).substr(0, 20));
-    host.now += 1000;
-    EXPECT_EQ(host.exchange(Host::command(2, 0, "bio_get_version")).size(), 0U);
-    host.now += 2001;
-    EXPECT_EQ(host.exchange(Host::command(3, 0, "bio_get_version")).size(), 1U);
+    for (const Millis silence : {5000, 5001}) {
+        Host host;
+        host.send(kMessageOut, Host::framed(Host::command(1, 0, "bio_get_version")).substr(0, 20));
+        host.now += silence;
+        EXPECT_EQ(host.exchange(Host::command(2, 0, "bio_get_version")).size(),
+                  silence > 5000 ? 1U : 0U);
+        const auto complaints = host.controller.take_complaints();
+        EXPECT_EQ(complaints.at(0) == "message channel: a frame was left unfinished",
+                  silence > 5000);
+        EXPECT_EQ(complaints.size() == 1, silence > 5000);
+    }
 }
 
 struct BadRequest {
@@ -78,6 +83,13 @@ std::string envelope(const std::string& transport, const std::string& command) {
     return R"({"transport":)" + transport + R"(,"data":{"command":)" + command + "}}";
 }
 
+std::string repeated(int count, const char* what) {
+    std::string out;
+    while (count-- > 0)
+        out += what;
+    return out;
+}
+
 const std::string kTransport = R"({"attrs":["request","twoway"],"id":9})";
 const std::string kVersion = R"({"idx":0,"name":"bio_get_version"})";
 
@@ -89,6 +101,9 @@ TEST(MessageChannel, ComplainsAboutEveryBreachOfTheRules) {
     const BadRequest cases[] = {
         {"no JSON", "{\"transport\":", "no JSON", false},
         {"deep", std::string(30000, '[') + std::string(30000, ']'), "too deeply", false},
+        {"too deep", std::string(65, '[') + std::string(65, ']'), "too deeply", false},
+        {"not too deep", std::string(64, '[') + std::string(64, ']'), "no object", false},
+        {"broad", "[[]" + repeated(99, ",{}") + "]", "no object", false},
         {"an array", "[1,2]", "no object", false},
         {"no transport", R"({"data":{"command":{"idx":0,"name":"bio_get_version"}}})", "no command",
          false},
@@ -139,8 +154,10 @@ TEST(MessageChannel, CarriesOutWhatIsOnlyUntidy) {
         const char* what;
         std::string payload;
     } cases[] = {
-        {"blanks", R"({"transport":{"attrs":["request","twoway"],"id":9}, "data":{"command":)" +
-                       kVersion + "}}"},
+        {"blank", envelope(kTransport, kVersion) + " "},
+        {"tab", "\t" + envelope(kTransport, kVersion)},
+        {"line feed", "\n" + envelope(kTransport, kVersion)},
+        {"carriage return", envelope(kTransport, kVersion) + "\r"},
         {"order of the message",
          R"({"data":{"command":)" + kVersion + R"(},"transport":)" + kTransport + "}"},
         {"order of the envelope", envelope(R"({"id":9,"attrs":["request","twoway"]})", kVersion)},
@@ -259,6 +276,44 @@ TEST(MessageChannel, FaultsDropARequestAndDelayAResponse) {
     EXPECT_EQ(host.read(kMessageIn), "");
     host.now += 1;
     EXPECT_EQ(Host::messages(host.read(kMessageIn)).size(), 1U);
+    host.controller.misbehaviour() = {};
+    host.controller.misbehaviour().deep = 3;
+    EXPECT_EQ(host.result("bio_get_version").dump(), "[[[]]]");
+    EXPECT_EQ(host.result("bio_get_version").dump(), Host::bytes_of("1.0.0"));
+}
+
+TEST(MessageChannel, FaultsFloodBothChannels) {
+    Host host;
+    host.controller.flood(Channel::message, 3);
+    host.controller.flood(Channel::job, 2);
+    const auto events = Host::messages(host.read(kMessageIn));
+    ASSERT_EQ(events.size(), 3U);
+    EXPECT_EQ(events[2]["data"]["event"]["args"]["text"].dump(), Host::bytes_of("flood 2"));
+    int reports = 0;
+    for (const std::string& packet : host.packets(kJobIn))
+        reports += int{packet.size() < kMaxPacket};
+    EXPECT_EQ(reports, 2);
+    for (const std::size_t size : {1U, 64U, 65U, 128U}) {
+        host.controller.send_garbage(Channel::job, size);
+        EXPECT_EQ(host.read(kJobIn).size(), size);
+    }
+    host.controller.send_raw(Channel::message, "abc", host.now);
+    EXPECT_EQ(host.read(kMessageIn) + host.read(kJobIn), "abc");
+}
+
+TEST(MessageChannel, ARequestIsActivity) {
+    Host host;
+    const auto idle = [&host](Millis later) {
+        host.now += later;
+        host.send(kJobOut, R"({"metadata":{"version":1,"type":"status"}})");
+        return Json::parse(host.read(kJobIn))["time"]["idle"].get<int>();
+    };
+    EXPECT_EQ(idle(0), 0);
+    EXPECT_EQ(idle(3000), 3);
+    EXPECT_EQ(idle(2000), 2);
+    host.now += 1000;
+    host.result("bio_get_version");
+    EXPECT_EQ(idle(1000), 1);
 }
 
 }  // namespace

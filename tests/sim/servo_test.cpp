@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <set>
 
 #include "firmware_host.h"
 
@@ -10,36 +11,25 @@ namespace {
 
 using Host = FirmwareHost;
 
-struct Move {
-    double target = 0;
-    double speed = 50;
-    int servo = 0;
-    int type = 0;
-    double distance = 0;
-    int sync = 0;
-
-    std::string args() const {
-        const Json config = {{"move_type", type},
-                             {"start_sync", sync},
-                             {"target", target},
-                             {"distance", distance},
-                             {"speed_f", speed},
-                             {"accel_f", 1000},
-                             {"decel_f", 1000},
-                             {"max_cycles", 0},
-                             {"metric_skip", 0},
-                             {"speed_offset_upramp_f", 0},
-                             {"speed_offset_downramp_f", 0},
-                             {"ignore_stalls", 0},
-                             {"slaved", 0},
-                             {"slave_ratio", 1}};
-        return R"({"servo_name":)" + std::to_string(servo) + R"(,"move_config":[)" + config.dump() +
-               "]}";
-    }
-};
-
-int start(Host& host, const Move& move) {
-    return host.result("servo_dc_move", move.args());
+/// Orders a move from the default of the tests. @param changes members of its configuration
+int start(Host& host, Json changes, int servo = 0) {
+    Json config = {{"move_type", 0},
+                   {"start_sync", 0},
+                   {"target", 0.0},
+                   {"distance", 0.0},
+                   {"speed_f", 50},
+                   {"accel_f", 1000},
+                   {"decel_f", 1000},
+                   {"max_cycles", 0},
+                   {"metric_skip", 0},
+                   {"speed_offset_upramp_f", 0},
+                   {"speed_offset_downramp_f", 0},
+                   {"ignore_stalls", 0},
+                   {"slaved", 0},
+                   {"slave_ratio", 1}};
+    config.update(changes);
+    return host.result("servo_dc_move", R"({"servo_name":)" + std::to_string(servo) +
+                                            R"(,"move_config":[)" + config.dump() + "]}");
 }
 
 Json ask(Host& host, const std::string& name, int servo = 0) {
@@ -58,12 +48,13 @@ TEST(ServoTest, AMoveEndsExactlyAtItsTargetInItsTime) {
     for (const double target : {0.005, 1.0, 33.335, 200.0}) {
         for (const double speed : {25.0, 50.0, 300.0}) {
             Host host;
-            ASSERT_EQ(start(host, {target, speed}), 0);
-            EXPECT_EQ(start(host, {1}), 4) << "one at a time";
+            ASSERT_EQ(start(host, {{"target", target}, {"speed_f", speed}}), 0);
+            EXPECT_EQ(start(host, {{"target", 1}}), 4) << "one at a time";
             EXPECT_EQ(ask(host, "move_dir_get"), 1);
             const Millis took = finish(host);
             EXPECT_EQ(ask(host, "position_get"), std::lround(target * 200)) << target;
-            EXPECT_NEAR(ask(host, "position_get_client").get<double>(), target, 1e-4);
+            EXPECT_EQ(ask(host, "position_get_client"),
+                      static_cast<float>(static_cast<double>(std::lround(target * 200)) / 200));
             EXPECT_GE(took, static_cast<Millis>(target / speed * 1000)) << target << " " << speed;
             EXPECT_LE(took, static_cast<Millis>(target / speed * 1000) + 1000) << target;
             EXPECT_EQ(ask(host, "move_dir_get"), 0);
@@ -71,94 +62,175 @@ TEST(ServoTest, AMoveEndsExactlyAtItsTargetInItsTime) {
     }
 }
 
-TEST(ServoTest, RefusesWhatItCannotDo) {
+TEST(ServoTest, TakesTheMovesThatItCanMake) {
+    const struct {
+        int servo;
+        Json changes;
+        int result;
+        double target = 0;  ///< if it is taken
+    } cases[] = {
+        {4, {{"target", 10}}, 1},
+        {-1, {{"target", 10}}, 1},
+        {0, {{"move_type", 2}}, 2},
+        {0, {{"speed_f", 0}}, 2},
+        {0, {{"accel_f", 0}}, 2},
+        {0, {{"decel_f", 0}}, 2},
+        {0, {{"target", 200}, {"speed_f", 300}, {"accel_f", 8000}, {"decel_f", 8000}}, 0, 200},
+        {0, {{"speed_f", 300.5}}, 3},
+        {0, {{"accel_f", 8000.5}}, 3},
+        {0, {{"decel_f", 8000.5}}, 3},
+        {0, {{"target", 200.5}}, 3},
+        {0, {{"target", -0.5}}, 3},
+        {0, {{"target", 0}}, 0, 0},
+        {3, {{"target", 1e300}}, 3},  // the extruder has no end, the encoder has
+        {3, {{"target", -500}, {"speed_f", 300}}, 0, -500},
+        {0, {{"move_type", 1}, {"distance", 5}, {"slave_ratio", 2}}, 0, 5},
+        {0, {{"move_type", 1}, {"distance", 5}, {"slave_ratio", 2}, {"slaved", 1}}, 0, 10},
+    };
+    for (const auto& c : cases) {
+        Host host;
+        EXPECT_EQ(start(host, c.changes, c.servo), c.result) << c.changes;
+        EXPECT_EQ(ask(host, "move_active", c.servo), int{c.result == 0}) << c.changes;
+        EXPECT_EQ(ask(host, "target_get_client", c.servo), c.target) << c.changes;
+    }
+}
+
+TEST(ServoTest, MeasuresAndCutsAMove) {
+    int all = 0;
+    for (const int skip : {0, 1, 40}) {
+        Host host;
+        start(host, {{"target", 20}, {"metric_skip", skip}});
+        host.wait(200);
+        EXPECT_EQ(ask(host, "move_dir_get"), 1);
+        EXPECT_EQ(host.machine()["servos"][0]["state"], 2) << "it cruises";
+        finish(host);
+        const Json metrics = ask(host, "move_metrics_get");
+        if (skip == 0) all = metrics["n"];
+        EXPECT_EQ(metrics["n"], all - skip);
+        EXPECT_GT(metrics["M2"], 0);
+    }
     Host host;
-    EXPECT_EQ(start(host, {10, 50, 4}), 1);
-    EXPECT_EQ(start(host, {10, 50, -1}), 1);
-    EXPECT_EQ(start(host, {10, 50, 0, 7}), 2);
-    EXPECT_EQ(start(host, {10, 0}), 2);
-    EXPECT_EQ(start(host, {200.5}), 3);
-    EXPECT_EQ(start(host, {-0.5}), 3);
-    EXPECT_EQ(start(host, {10, 301}), 3);
-    EXPECT_EQ(start(host, {1e300, 50, 3}), 3) << "the extruder has no end, the encoder has";
-    EXPECT_EQ(start(host, {-500, 300, 3}), 0);
-    EXPECT_EQ(ask(host, "move_active"), 0);
+    start(host, {{"target", 100}, {"max_cycles", 100}});
+    EXPECT_LT(finish(host), 1000);
+    EXPECT_LT(ask(host, "position_get_client"), 10);
 }
 
 TEST(ServoTest, RelativeAndSynchronousMoves) {
     Host host;
-    host.result("servo_dc_position_set_client", R"({"servo_name":0,"position":20.0})");
-    EXPECT_EQ(start(host, {0, 50, 0, 1, -5, 1}), 0);
-    EXPECT_EQ(start(host, {30, 50, 1, 0, 0, 1}), 0);
-    host.wait(200);
+    host.play("servo_dc_position_set_client 0 20.0;");
+    EXPECT_EQ(start(host, {{"move_type", 1}, {"distance", -5}, {"start_sync", 1}}), 0);
+    EXPECT_EQ(start(host, {{"target", 30}, {"start_sync", 1}}, 1), 0);
+    EXPECT_EQ(start(host, {{"target", 30}, {"start_sync", 1}}, 2), 0);
+    host.play("servo_dc_trace_enable 1 1;servo_dc_trace_enable 1 0;servo_dc_put_idle 2;+200;");
     EXPECT_EQ(ask(host, "move_active"), 0);
+    EXPECT_EQ(ask(host, "move_active", 1), 0);
     EXPECT_EQ(ask(host, "target_get_client"), 15.0);
     host.result("servo_dc_move_start_sync");
     EXPECT_EQ(ask(host, "move_active"), 1);
+    EXPECT_EQ(ask(host, "move_active", 2), 0);
     EXPECT_EQ(ask(host, "move_dir_get"), 2);
     EXPECT_EQ(ask(host, "move_dir_get", 1), 1);
     finish(host, 1);
     EXPECT_EQ(ask(host, "position_get"), 3000);
     EXPECT_EQ(ask(host, "position_get", 1), 6000);
-}
-
-std::string modifier(int type, double pos, double speed, bool validate, double validation_pos) {
-    const Json data = {{"servo_name", 0},
-                       {"type", type},
-                       {"pos", pos},
-                       {"vel", speed},
-                       {"accel", 0},
-                       {"decel", 0},
-                       {"validation_pos", validation_pos},
-                       {"use_validation_pos", int{validate}},
-                       {"decel_ramp_skip", 0},
-                       {"data", 0},
-                       {"active", 1}};
-    return "[" + data.dump() + R"(],"count":1)";
+    host.result("servo_dc_move_start_sync");
+    EXPECT_EQ(ask(host, "move_active"), 0) << "it has been made";
+    start(host, {{"target", 100}});
+    host.play("+100;servo_dc_position_set 0 -7;+100;");
+    EXPECT_EQ(ask(host, "position_get"), -7) << "that ends the move";
+    EXPECT_EQ(ask(host, "move_active"), 0);
 }
 
 TEST(ServoTest, ARunningMoveCanBeChanged) {
     Host host;
-    const auto modify = [&host](const std::string& data) {
-        return host.result("servo_dc_move_modify",
-                           "{\"modifer_data\":" + data + R"(,"validate":1})");
+    const auto modify = [&host](Json changes, int validate = 1, int count = 1) {
+        Json data = {
+            {"servo_name", 0},      {"type", 0},  {"pos", 0.0},          {"vel", 0},
+            {"accel", 0},           {"decel", 0}, {"validation_pos", 0}, {"use_validation_pos", 0},
+            {"decel_ramp_skip", 0}, {"data", 0},  {"active", 1}};
+        if (!changes.is_null()) data.update(changes);
+        const std::string rest = "[" + data.dump() + "],\"count\":" + std::to_string(count);
+        const int result = host.result(
+            "servo_dc_move_modify",
+            "{\"modifer_data\":" + rest + ",\"validate\":" + std::to_string(validate) + "}");
+        // Asked again, what has been carried out is still good.
+        EXPECT_EQ(
+            host.result("servo_dc_move_modifier_validate", "{\"modifier_data\":" + rest + "}"),
+            int{result == 0 && validate == 1})
+            << data;
+        return result;
     };
-    EXPECT_EQ(modify(modifier(0, 0, 20, false, 0)), 2) << "nothing moves";
-    start(host, {100});
+    const Json start_of_it = {{"type", 1}, {"pos", 60}, {"use_validation_pos", 1}};
+    EXPECT_EQ(modify({{"vel", 20}}), 2) << "nothing moves";
+    host.play("servo_dc_trace_enable 0 1;+50;");
+    EXPECT_EQ(modify({{"vel", 20}}), 2) << "nothing that was commanded moves";
+    host.play("servo_dc_trace_enable 0 0;servo_dc_position_set 0 0;");
+    start(host, {{"target", 100}});
+    EXPECT_EQ(modify({}), 0) << "everything stays as it is";
+    EXPECT_EQ(modify({{"servo_name", 4}}), 1);
+    EXPECT_EQ(modify({{"type", 3}}), 3);
+    EXPECT_EQ(modify({{"type", 3}, {"active", 0}}), 0);
+    EXPECT_EQ(modify({{"type", 3}}, 1, 0), 0);
+    for (const auto& [key, most] : {std::pair("vel", 300), {"accel", 8000}, {"decel", 8000}}) {
+        EXPECT_EQ(modify({{key, most + 0.5}}), 3);
+        EXPECT_EQ(modify({{key, -1}}), 3);
+    }
+    EXPECT_EQ(modify(start_of_it), 4) << "that place is where it is";
     host.wait(500);
-    EXPECT_EQ(host.result("servo_dc_move_modifier_validate",
-                          "{\"modifier_data\":" + modifier(1, 60, 0, true, 5) + "}"),
-              0)
-        << "that place is behind it";
-    EXPECT_EQ(modify(modifier(1, 60, 0, true, 5)), 4);
-    EXPECT_EQ(modify(modifier(1, 500, 0, false, 0)), 3);
-    EXPECT_EQ(modify(modifier(1, 60, 100, true, 50)), 0);
-    finish(host);
+    EXPECT_GT(ask(host, "position_get_client"), 15);
+    EXPECT_EQ(modify(start_of_it), 4) << "that place is behind it";
+    EXPECT_EQ(modify({{"type", 1}, {"pos", 500}}), 3);
+    EXPECT_EQ(modify({{"vel", 300}, {"accel", 8000}, {"decel", 8000}}), 0);
+    EXPECT_EQ(modify({{"type", 1}, {"pos", 60}, {"use_validation_pos", 1}, {"validation_pos", 50}}),
+              0);
+    EXPECT_LT(finish(host), 900) << "it is faster from then on";
     EXPECT_EQ(ask(host, "position_get"), 12000);
-    start(host, {160});
+    start(host, {{"target", 160}});
     host.wait(300);
-    EXPECT_EQ(modify(modifier(2, 0, 0, false, 0)), 0);
+    EXPECT_EQ(modify({{"type", 1}, {"pos", 90}, {"use_validation_pos", 1}}, 0), 0);
+    EXPECT_EQ(ask(host, "target_get_client"), 90);
+    EXPECT_EQ(modify({{"type", 2}}), 0);
     finish(host);
     EXPECT_LT(ask(host, "position_get_client"), 80.0);
 }
 
-TEST(ServoTest, WithoutGainsItDoesNotMoveAndGivesUp) {
-    Host host;
-    Json config = ask(host, "config_get");
-    for (Json& gain : config["gains"])
-        gain = 0;
-    const auto set = [&] {
-        host.result("servo_dc_config_set", R"({"servo_name":0,"config":)" + config.dump() + "}");
+TEST(ServoTest, ItsConfigurationDecidesWhetherItArrives) {
+    const struct {
+        Json changes;
+        bool taken;
+        int state;     ///< at the end of a move
+        int position;  ///< likewise
+    } cases[] = {
+        {{{"interrupt_frequency", 0}}, false, 0, 200},
+        {{{"pwm_cap", 0}}, false, 0, 200},
+        {{{"pos_res_eu_per_mm", 0}}, false, 0, 200},
+        {{{"speed_max", 0}}, false, 0, 200},
+        {{{"accel_max", 0}}, false, 0, 200},
+        {{{"pwm_cap_time", 0}}, true, 0, 200},
+        {{{"pwm_cap", 1}}, true, 6, 0},
+        {{{"gains", {{"kp", 0}, {"ki", 0}, {"kd", 0}, {"ka", 0}, {"kv", 0}, {"kf", 0}}}},
+         true,
+         0,
+         0},
     };
-    set();
-    EXPECT_EQ(ask(host, "config_get"), config);
-    start(host, {1});
-    EXPECT_LT(finish(host), 2000);
-    EXPECT_EQ(ask(host, "position_get"), 0);
-    const Json good = config;
-    config["pos_res_eu_per_mm"] = 0;
-    set();
-    EXPECT_EQ(ask(host, "config_get"), good) << "a bad configuration was taken";
+    for (const auto& c : cases) {
+        Host host;
+        const Json before = ask(host, "config_get");
+        Json config = before;
+        config.update(c.changes);
+        const std::string set = host.play("servo_dc_config_set 0 " + config.dump() + ";");
+        EXPECT_EQ(set.find("servo: configuration refused") == std::string::npos, c.taken) << set;
+        EXPECT_EQ(ask(host, "config_get"), c.taken ? config : before);
+        for (const int ignore_stalls : {0, 1}) {
+            start(host, {{"target", 1}, {"ignore_stalls", ignore_stalls}});
+            EXPECT_LT(finish(host), 2000) << set;
+            EXPECT_EQ(ask(host, "position_get"), c.position) << set;
+            EXPECT_EQ(ask(host, "target_get_client"), c.position / 200.0)
+                << "where it is is its goal";
+            EXPECT_EQ(host.machine()["servos"][0]["state"], ignore_stalls == 0 ? c.state : 0)
+                << set;
+        }
+    }
 }
 
 TEST(ServoTest, ConvertsUnits) {
@@ -172,7 +244,7 @@ TEST(ServoTest, ConvertsUnits) {
     EXPECT_EQ(
         host.result("servo_dc_units_client_to_native", R"({"servo_name":0,"pos_client":1e9})"),
         2147483647);
-    host.result("servo_dc_position_set", R"({"servo_name":1,"position":-123456789})");
+    host.play("servo_dc_position_set 1 -123456789;");
     EXPECT_EQ(ask(host, "position_get", 1), -123456789);
     EXPECT_EQ(ask(host, "name_str_get", 3).dump(), Host::bytes_of("E"));
 }
@@ -205,15 +277,23 @@ TEST(TraceTest, HasOneSampleForEachMillisecondWhateverThePaceIs) {
                 all.push_back(sample);
         }
         ASSERT_EQ(all.size(), 3000U);
+        int idle = 0;
+        std::set<int> states;
         for (std::size_t i = 0; i < all.size(); ++i) {
             EXPECT_EQ(all[i]["int_cnt"], all[0]["int_cnt"].get<unsigned>() + i);
             const int at = all[i]["pos"];
+            states.insert(all[i]["servo_state"].get<int>());
+            if (i < 1000) idle += int{all[i]["servo_state"] == 0};
             lowest = std::min(lowest, at);
             highest = std::max(highest, at);
             error = std::max(error, std::fabs(all[i]["pos_cmd"].get<double>() - at));
         }
         EXPECT_LT(lowest, 50 * 200 - 1000) << "the cycle goes to one side";
         EXPECT_GT(highest, 50 * 200 + 1000) << "and to the other";
+        EXPECT_EQ(states, (std::set<int>{0, 1, 2, 3, 4}));
+        EXPECT_NE(all[20]["servo_state"], 0) << "it begins at once";
+        EXPECT_GT(idle, 200) << "and pauses behind each leg";
+        EXPECT_LT(idle, 500);
         EXPECT_GT(error, 2) << "an axis follows with an error";
         EXPECT_LT(error, 100);
         host.result("servo_dc_trace_enable", R"({"servo_name":1,"enable":0})");
@@ -229,8 +309,8 @@ TEST(TraceTest, ACommandedMoveEndsTheCycle) {
         host.result("servo_dc_position_set_client", R"({"servo_name":0,"position":50.0})");
         host.result("servo_dc_trace_enable", R"({"servo_name":0,"enable":1})");
         host.wait(delay);
-        EXPECT_EQ(start(host, {0, 50, 0, 1, 5}), 0);
-        host.wait(3000);
+        EXPECT_EQ(start(host, {{"move_type", 1}, {"distance", 5}}), 0);
+        host.play("servo_dc_trace_enable 0 0;+10;servo_dc_trace_enable 0 1;+3000;");
         EXPECT_EQ(ask(host, "position_get"), 55 * 200) << "from where the cycle began: " << delay;
         samples(host);
         host.controller.host_left();
@@ -241,8 +321,37 @@ TEST(TraceTest, ACommandedMoveEndsTheCycle) {
     }
 }
 
+TEST(TraceTest, PlayIsTakenUpBehindEachTurn) {
+    for (const bool flush : {false, true}) {
+        Host host;
+        host.play(
+            "servo_dc_backlash_set 0 100 0;servo_dc_position_set 0 9999;"
+            "servo_dc_trace_enable 0 1;");
+        std::vector<Json> seen;
+        for (const bool turned : {false, true}) {
+            do {
+                host.wait(1);
+                seen = samples(host);
+            } while ((seen.back()["padout_dist"] > 0) != turned);
+        }
+        EXPECT_GT(seen.back()["padout_dist"], 90);
+        const int stands = seen.back()["pos"];
+        host.play(flush ? "servo_dc_backlash_set 0 100 1;" : "servo_dc_backlash_set 0 100 0;");
+        host.wait(4);
+        seen = samples(host);
+        EXPECT_EQ(seen.back()["padout_dist"] == 0, flush);
+        EXPECT_TRUE(flush || seen.back()["pos"] == stands);
+    }
+}
+
 TEST(TraceTest, LossesAreCountedAndShow) {
     Host host;
+    host.play("servo_dc_trace_enable 3 0;");
+    EXPECT_EQ(ask(host, "move_active", 3), 0);
+    host.play("servo_dc_trace_enable 3 1;+100;servo_dc_trace_enable 3 0;");
+    EXPECT_NE(ask(host, "position_get", 3), 0) << "an axis without an end has room";
+    finish(host, 3);
+    samples(host);
     host.result("servo_dc_trace_enable", R"({"servo_name":0,"enable":1})");
     host.wait(10000);
     const std::uint64_t dropped = host.stats()["message"]["dropped"];

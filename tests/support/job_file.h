@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
+#include <sstream>
 #include <string>
 
 namespace test {
@@ -27,6 +28,13 @@ public:
 private:
     std::string path_;
 };
+
+/// All of a file.
+inline std::string content_of(const std::string& path) {
+    std::ostringstream content;
+    content << std::ifstream(path, std::ios::binary).rdbuf();
+    return content.str();
+}
 
 /// A job file's content, in which every byte value occurs.
 inline std::string job_content(std::size_t size) {

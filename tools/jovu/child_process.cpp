@@ -6,11 +6,11 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
 #include <memory>
+#include <sstream>
 #include <system_error>
 
 #include "file_descriptor.h"
@@ -69,7 +69,7 @@ int wait_for_end(pid_t pid, std::chrono::milliseconds limit) {
         }
     }
     int status = 0;
-    while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+    while (waitpid(pid, &status, 0) == -1 && errno == EINTR) {
     }
     return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
@@ -78,15 +78,12 @@ int wait_for_end(pid_t pid, std::chrono::milliseconds limit) {
 
 std::optional<std::string> find_program(const std::string& name) {
     const char* const path = std::getenv("PATH");
-    const std::string directories = path == nullptr ? "" : path;
-    for (std::size_t begin = 0; begin < directories.size();) {
-        const std::size_t end = std::min(directories.find(':', begin), directories.size());
-        const std::string directory = directories.substr(begin, end - begin);
+    std::istringstream directories(path == nullptr ? "" : path);
+    for (std::string directory; std::getline(directories, directory, ':');) {
         const std::string program = (directory.empty() ? "." : directory) + "/" + name;
         if (access(program.c_str(), X_OK) == 0) {
             return program;
         }
-        begin = end + 1;
     }
     return std::nullopt;
 }

@@ -1,7 +1,6 @@
 /// @file
 /// `jovu gcode`: hands lines of gcode to a device's interpreter.
 
-#include <cstring>
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <optional>
@@ -34,9 +33,8 @@ std::unique_ptr<GcodeSource> make_source(const Context& context, const GcodeOpti
 }
 
 std::shared_ptr<char> shared_text(const std::string& text) {
-    std::shared_ptr<char> copy(new char[text.size() + 1], std::default_delete<char[]>());
-    std::memcpy(copy.get(), text.c_str(), text.size() + 1);
-    return copy;
+    const auto copy = std::make_shared<std::string>(text);
+    return {copy, copy->data()};
 }
 
 /// Takes what the device has printed since the last call.

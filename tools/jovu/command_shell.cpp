@@ -135,9 +135,8 @@ private:
 
     /// After a Ctrl-C the shell goes on; other reasons to end are final.
     void go_on() {
-        if (context_.stop.state() != Stop::none && !context_.stop.forgive_interrupt()) {
-            context_.stop.throw_if_stopped();
-        }
+        context_.stop.forgive_interrupt();
+        context_.stop.throw_if_stopped();
     }
 
     void run(const std::string& line) {
@@ -205,7 +204,7 @@ private:
             return;
         }
         const auto row = [this](std::string left, const std::string& summary) {
-            left.resize(std::max<std::size_t>(left.size() + 1, 22), ' ');
+            left.resize(22, ' ');  // More than any name has.
             out_.line("  ." + left + summary);
         };
         out_.line("A line that does not begin with a dot is gcode. Commands:");

@@ -165,9 +165,8 @@ std::vector<AttachedDevice> attached_devices() {
             devices.push_back(*device);
         }
     }
-    std::sort(devices.begin(), devices.end(), [](const auto& a, const auto& b) {
-        return a.address.bus != b.address.bus ? a.address.bus < b.address.bus
-                                              : a.address.address < b.address.address;
+    std::sort(devices.begin(), devices.end(), [](const auto& one, const auto& other) {
+        return comes_before(one.address, other.address);
     });
     return devices;
 }

@@ -13,6 +13,7 @@
 #include <fstream>
 #include <iterator>
 #include <regex>
+#include <sstream>
 #include <system_error>
 #include <utility>
 
@@ -103,14 +104,11 @@ bool is_noise(const std::string& line) {
 /// The lines of a text as one line.
 std::string joined_lines(const std::string& text) {
     std::string result;
-    std::size_t begin = 0;
-    while (begin < text.size()) {
-        const std::size_t end = std::min(text.find('\n', begin), text.size());
-        const std::string line = text.substr(begin, end - begin);
+    std::istringstream lines(text);
+    for (std::string line; std::getline(lines, line);) {
         if (line.find_first_not_of(" \t\r") != std::string::npos && !is_noise(line)) {
             result += (result.empty() ? "" : "; ") + line;
         }
-        begin = end + 1;
     }
     return result;
 }
@@ -138,12 +136,8 @@ std::string read_file(const fs::path& path) {
 /// What dfu-util has printed behind the last state of its progress bar.
 std::string last_words(const fs::path& output) {
     const std::string text = read_file(output);
-    const std::size_t bar = text.rfind("Download\t");
-    if (bar == std::string::npos) {
-        return "";
-    }
-    const std::size_t end = text.find('\n', bar);
-    return end == std::string::npos ? "" : joined_lines(text.substr(end + 1));
+    const std::size_t end = text.find('\n', text.rfind("Download\t"));
+    return end == std::string::npos ? "" : joined_lines(text.substr(end));
 }
 
 /// Keeps the signals that end this program from a child that is started meanwhile: at a terminal a
@@ -199,9 +193,9 @@ class DfuTool::ErrorCapture {
 public:
     explicit ErrorCapture(DfuTool& tool)
         : tool_(tool),
-          before_(fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, STDERR_FILENO + 1)),
+          before_(fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 3)),
           words_(memfd_create("jovu-dfu", MFD_CLOEXEC)) {
-        if (!before_.valid() || !words_.valid() || dup2(words_.get(), STDERR_FILENO) < 0) {
+        if (!before_.valid() || !words_.valid() || dup2(words_.get(), STDERR_FILENO) == -1) {
             throw std::system_error(errno, std::generic_category(), "standard error");
         }
         tool_.real_stderr_ = before_.get();
@@ -300,7 +294,7 @@ DfuTool::Outcome DfuTool::download(const ListedDevice& device, const FirmwareIma
 
 void DfuTool::tell(const std::string& line) const {
     const std::string text = printable(line) + "\n";
-    (void)!write(real_stderr_ < 0 ? STDERR_FILENO : real_stderr_, text.data(), text.size());
+    (void)!write(real_stderr_ == -1 ? STDERR_FILENO : real_stderr_, text.data(), text.size());
 }
 
 std::optional<std::string> refused_node(const std::string& words) {

@@ -19,13 +19,13 @@ public:
         return *this;
     }
     ~FileDescriptor() {
-        if (fd_ >= 0) {
+        if (fd_ != -1) {
             ::close(fd_);
         }
     }
 
     int get() const noexcept { return fd_; }
-    bool valid() const noexcept { return fd_ >= 0; }
+    bool valid() const noexcept { return fd_ != -1; }
 
 private:
     int fd_ = -1;

@@ -25,6 +25,7 @@ constexpr std::string_view signature = "UFD";
 /// Bytes at the start of a file that decide whether it is text. Machine code has control characters
 /// in its first words; erased memory in front of it is not UTF-8.
 constexpr std::size_t text_sample = 4096;
+constexpr int longest_character = 4;  // Bytes.
 
 std::uint32_t number_at(const std::string& bytes, std::size_t at, std::size_t size) {
     std::uint32_t value = 0;
@@ -102,8 +103,8 @@ std::string FirmwareImage::find_fault() {
         }
     }
     std::size_t sample = std::min(text_sample, content_.size());
-    while (sample > 0 && sample < content_.size() && is_continuation(content_[sample])) {
-        --sample;  // Not into a character.
+    for (int i = 1; i < longest_character && is_continuation(content_[sample]); ++i) {
+        --sample;  // Not into a character. Behind the last byte there is a NUL.
     }
     if (is_text(std::string_view(content_).substr(0, sample))) {
         return "it is plain text";

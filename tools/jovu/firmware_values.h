@@ -136,10 +136,8 @@ T value_from(const Json& json) {
         read_members(json, *value);
         return value;
     } else if constexpr (is_shared_text<T>) {
-        const auto& text = json.get_ref<const std::string&>();
-        T copy(new char[text.size() + 1](), std::default_delete<char[]>());
-        std::copy(text.begin(), text.end(), copy.get());
-        return copy;
+        const auto copy = std::make_shared<std::string>(json.get_ref<const std::string&>());
+        return T(copy, copy->data());
     } else if constexpr (is_shared_buffer<T>) {
         using Element = typename Pointee<T>::Type;
         T buffer(new Element[json.size()], std::default_delete<Element[]>());

@@ -4,6 +4,7 @@
 #include <poll.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <system_error>
 #include <utility>
@@ -122,7 +123,7 @@ std::optional<std::string> StreamSource::next_raw() {
 void StreamSource::fill() {
     pollfd waited[] = {
         {fd_, POLLIN, 0}, {stop_->fd(), POLLIN, 0}, {side_.fd ? side_.fd() : -1, POLLIN, 0}};
-    if (poll(waited, std::size(waited), -1) < 0) {
+    if (poll(waited, std::size(waited), -1) == -1) {
         return;
     }
     stop_->throw_if_stopped();
@@ -138,7 +139,7 @@ void StreamSource::fill() {
         throw_file_problem(name_, errno);
     }
     at_end_ = count == 0;
-    buffer_.append(bytes, count > 0 ? static_cast<std::size_t>(count) : 0);
+    buffer_.append(bytes, static_cast<std::size_t>(std::max<ssize_t>(count, 0)));
 }
 
 }  // namespace jovu_cli

@@ -39,7 +39,7 @@ void use_utf8() {
 
 std::FILE* open_terminal(int fd) {
     const int copy = fcntl(fd, F_DUPFD_CLOEXEC, 0);
-    std::FILE* const file = copy < 0 ? nullptr : fdopen(copy, "w");
+    std::FILE* const file = copy == -1 ? nullptr : fdopen(copy, "w");
     if (file == nullptr) {
         throw std::system_error(errno, std::generic_category(), "fdopen");
     }
@@ -50,17 +50,16 @@ std::FILE* open_terminal(int fd) {
 std::size_t width_of(const char* text, std::size_t length) {
     std::size_t width = 0;
     std::mbstate_t state{};
-    while (length > 0) {
+    for (;;) {
         wchar_t character = 0;
         const std::size_t size = std::mbrtowc(&character, text, length, &state);
-        if (size == 0 || size > length) {
-            break;
+        if (size == 0 || size > length) {  // Also at the end.
+            return width;
         }
         width += static_cast<std::size_t>(std::max(wcwidth(character), 0));
         text += size;
         length -= size;
     }
-    return width;
 }
 
 /// Words in columns, each line with its end.
@@ -213,7 +212,7 @@ int LineEditor::next_character(wchar_t& character) {
         }
         pollfd waited[] = {
             {STDIN_FILENO, POLLIN, 0}, {stop_.fd(), POLLIN, 0}, {hooks_.side_fd(), POLLIN, 0}};
-        if (poll(waited, std::size(waited), -1) < 0) {
+        if (poll(waited, std::size(waited), -1) == -1) {
             if (TerminalGuard::take_stopped()) {  // Others may have written to the terminal.
                 out_.raw("\r\x1b[J");
                 el_set(editor_.get(), EL_REFRESH);
@@ -230,14 +229,12 @@ int LineEditor::next_character(wchar_t& character) {
         }
         char byte = 0;
         const ssize_t count = ::read(STDIN_FILENO, &byte, 1);
-        if (count == 0 || (count < 0 && errno != EINTR && errno != EAGAIN)) {
+        if (count == 1) {
+            el_resize(editor_.get());  // The window may have another size by now.
+            partial_ += byte;
+        } else if (count == 0 || (errno != EINTR && errno != EAGAIN)) {
             return 0;
         }
-        if (count < 0) {
-            continue;
-        }
-        el_resize(editor_.get());  // The window may have another size by now.
-        partial_ += byte;
     }
 }
 

@@ -3,6 +3,7 @@
 #include <charconv>
 #include <cmath>
 #include <string_view>
+#include <tuple>
 
 namespace jovu_cli {
 namespace {
@@ -44,6 +45,10 @@ std::string to_string(const std::vector<JovuDeviceAddress>& addresses) {
         text += (text.empty() ? "" : ", ") + to_string(address);
     }
     return text;
+}
+
+bool comes_before(JovuDeviceAddress one, JovuDeviceAddress other) {
+    return std::tie(one.bus, one.address) < std::tie(other.bus, other.address);
 }
 
 std::optional<std::chrono::milliseconds> parse_seconds(const std::string& text) {

@@ -29,6 +29,9 @@ std::string to_string(JovuDeviceAddress address);
 /// @return the addresses, separated by ", ".
 std::string to_string(const std::vector<JovuDeviceAddress>& addresses);
 
+/// Whether an address comes first in a list.
+bool comes_before(JovuDeviceAddress one, JovuDeviceAddress other);
+
 /// Reads a time in seconds, with or without a fraction, from 0 to max_seconds.
 /// @return nothing for any other text.
 std::optional<std::chrono::milliseconds> parse_seconds(const std::string& text);

@@ -5,10 +5,10 @@
 #include <sys/ioctl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cstdlib>
-#include <cstring>
 #include <nlohmann/json.hpp>
 #include <system_error>
 
@@ -23,7 +23,7 @@ constexpr unsigned default_columns = 80;
 /// Opens the null device on standard descriptors that were closed when the program started, or the
 /// next file to be opened would become standard output.
 void fill_standard_descriptors() {
-    for (int fd = open("/dev/null", O_RDWR); fd >= 0; fd = open("/dev/null", O_RDWR)) {
+    for (int fd = open("/dev/null", O_RDWR); fd != -1; fd = open("/dev/null", O_RDWR)) {
         if (fd > STDERR_FILENO) {
             close(fd);
             return;
@@ -32,8 +32,9 @@ void fill_standard_descriptors() {
 }
 
 bool can_move_cursor(int fd) {
-    const char* term = std::getenv("TERM");
-    return isatty(fd) != 0 && term != nullptr && *term != '\0' && std::strcmp(term, "dumb") != 0;
+    const char* const given = std::getenv("TERM");
+    const std::string_view term = given == nullptr ? "" : given;
+    return isatty(fd) != 0 && !term.empty() && term != "dumb";
 }
 
 [[noreturn]] void throw_write_error(int error) {
@@ -49,7 +50,7 @@ bool can_move_cursor(int fd) {
 FileDescriptor take_standard_output() {
     const bool given = fcntl(STDOUT_FILENO, F_GETFD) != -1;
     fill_standard_descriptors();
-    FileDescriptor output(given ? fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, STDERR_FILENO + 1) : -1);
+    FileDescriptor output(given ? fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 3) : -1);
     dup2(STDERR_FILENO, STDOUT_FILENO);
     return output;
 }
@@ -68,10 +69,8 @@ Output::Output(int fd, const StopSource& stop, bool json)
 
 unsigned Output::columns() const {
     winsize size{};
-    if (ioctl(fd_, TIOCGWINSZ, &size) == 0 && size.ws_col > 0) {
-        return size.ws_col;
-    }
-    return default_columns;
+    (void)ioctl(fd_, TIOCGWINSZ, &size);  // Leaves zeros where there is no terminal.
+    return size.ws_col != 0 ? size.ws_col : default_columns;
 }
 
 void Output::line(std::string_view text) {
@@ -88,7 +87,7 @@ void Output::raw(std::string_view bytes) {
         // A pipe that polls as writable takes this much without blocking.
         const ssize_t written =
             write(fd_, bytes.data(), std::min<std::size_t>(bytes.size(), PIPE_BUF));
-        if (written >= 0) {
+        if (written != -1) {
             bytes.remove_prefix(static_cast<std::size_t>(written));
         } else if (errno != EINTR && errno != EAGAIN) {
             throw_write_error(errno);
@@ -97,12 +96,12 @@ void Output::raw(std::string_view bytes) {
 }
 
 void Output::wait_writable() const {
-    if (fd_ < 0) {
+    if (fd_ == -1) {
         throw_write_error(EBADF);
     }
     pollfd waited[] = {{fd_, POLLOUT, 0}, {stop_.fd(), POLLIN, 0}};
     for (;;) {
-        if (poll(waited, std::size(waited), -1) < 0) {
+        if (poll(waited, std::size(waited), -1) == -1) {
             continue;
         }
         if (waited[0].revents != 0) {

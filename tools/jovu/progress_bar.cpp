@@ -75,11 +75,8 @@ std::string bar_text(double percent, const std::string& label, const std::string
     const std::size_t width = std::min<std::size_t>(columns - used, largest_bar);
     const auto full = static_cast<std::size_t>(
         std::floor(std::clamp(percent, 0.0, 100.0) / 100.0 * static_cast<double>(width)));
-    std::string bar(full, '=');
-    if (full < width) {
-        bar += '>';
-    }
-    bar.resize(width, ' ');
+    std::string bar = std::string(full, '=') + '>';
+    bar.resize(width, ' ');  // A full bar has no tip.
     return front + " [" + bar + "]" + back;
 }
 

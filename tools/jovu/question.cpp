@@ -9,6 +9,7 @@
 #include <system_error>
 
 #include "failure.h"
+#include "words.h"
 
 namespace jovu_cli {
 namespace {
@@ -18,7 +19,7 @@ std::string read_line(const StopSource& stop) {
     std::string line;
     for (;;) {
         pollfd waited[] = {{STDIN_FILENO, POLLIN, 0}, {stop.fd(), POLLIN, 0}};
-        if (poll(waited, std::size(waited), -1) < 0) {
+        if (poll(waited, std::size(waited), -1) == -1) {
             continue;  // EINTR, as after SIGSTOP and SIGCONT.
         }
         if (waited[1].revents != 0) {
@@ -30,7 +31,7 @@ std::string read_line(const StopSource& stop) {
         if (count == 0 || byte == '\n') {
             return line;
         }
-        if (count > 0) {
+        if (count == 1) {
             line += byte;
         } else if (errno != EINTR && errno != EAGAIN) {
             throw Failure(ExitCode::file_problem,
@@ -51,11 +52,8 @@ bool ask(const Context& context, const std::string& text, const std::string& que
     // What was typed before the question was shown does not answer it.
     (void)tcflush(STDIN_FILENO, TCIFLUSH);
     (void)!write(STDERR_FILENO, shown.data(), shown.size());
-    std::string answer =
-        context.read_line ? context.read_line(prompt).value_or("") : read_line(context.stop);
-    for (char& c : answer) {
-        c = c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
-    }
+    const std::string answer = lower_case(context.read_line ? context.read_line(prompt).value_or("")
+                                                            : read_line(context.stop));
     return answer == "y" || answer == "yes";
 }
 

@@ -10,6 +10,7 @@
 #include <climits>
 #include <cstdio>
 #include <random>
+#include <string_view>
 #include <system_error>
 
 #include "failure.h"
@@ -20,7 +21,7 @@ namespace {
 constexpr std::size_t buffer_size = 64U << 10U;
 constexpr mode_t new_file_mode = 0666;
 /// Random characters in the name of an unfinished file.
-constexpr int name_length = 10;
+constexpr std::size_t name_length = 10;
 /// How long the reader of a pipe may read nothing.
 constexpr std::chrono::milliseconds reader_patience{5000};
 
@@ -32,7 +33,7 @@ bool becomes_writable(int fd) noexcept {
     if (ready == 0) {
         errno = ETIMEDOUT;
     }
-    return ready > 0 || (ready < 0 && errno == EINTR);
+    return ready > 0 || errno == EINTR;
 }
 
 /// The path of an open file, with all links followed.
@@ -45,17 +46,16 @@ std::string path_of(const FileDescriptor& file) {
         errno = ENAMETOOLONG;
         return "";
     }
-    return length > 0 ? std::string(path, static_cast<std::size_t>(length)) : "";
+    return length == -1 ? "" : std::string(path, static_cast<std::size_t>(length));
 }
 
 /// Letters and digits that cannot be foreseen.
 std::string random_letters() {
     constexpr std::string_view letters = "abcdefghijklmnopqrstuvwxyz0123456789";
     std::random_device source;
-    std::uniform_int_distribution<std::size_t> any(0, letters.size() - 1);
-    std::string text;
-    for (int i = 0; i < name_length; ++i) {
-        text += letters[any(source)];
+    std::string text(name_length, ' ');
+    for (char& letter : text) {
+        letter = letters[source() % letters.size()];
     }
     return text;
 }
@@ -188,7 +188,7 @@ bool SafeFile::flush() noexcept {
     std::size_t done = 0;
     while (done < buffer_.size()) {
         const ssize_t written = ::write(fd_.get(), buffer_.data() + done, buffer_.size() - done);
-        if (written >= 0) {
+        if (written != -1) {
             done += static_cast<std::size_t>(written);
         } else if (errno == EAGAIN ? !becomes_writable(fd_.get()) : errno != EINTR) {
             break;

@@ -157,9 +157,7 @@ std::vector<JovuDeviceAddress> Session::usable_devices() {
             devices.push_back(address);
         }
     }
-    std::sort(devices.begin(), devices.end(), [](JovuDeviceAddress a, JovuDeviceAddress b) {
-        return a.bus != b.bus ? a.bus < b.bus : a.address < b.address;
-    });
+    std::sort(devices.begin(), devices.end(), comes_before);
     return devices;
 }
 

@@ -23,7 +23,7 @@ namespace {
 constexpr std::chrono::milliseconds echo_time{500};
 
 FileDescriptor checked(int fd, const char* what) {
-    if (fd < 0) {
+    if (fd == -1) {
         throw std::system_error(errno, std::generic_category(), what);
     }
     return FileDescriptor(fd);
@@ -95,7 +95,7 @@ void StopSource::watch(int output_fd) {
         {output_fd, 0, 0},  // POLLERR and POLLHUP come unasked.
     };
     for (;;) {
-        if (poll(watched, std::size(watched), -1) < 0) {
+        if (poll(watched, std::size(watched), -1) == -1) {
             continue;  // EINTR, as after SIGSTOP and SIGCONT.
         }
         if (watched[1].revents != 0) {
@@ -144,16 +144,15 @@ void StopSource::print_exit_note() {
     }
 }
 
-bool StopSource::forgive_interrupt() {
+void StopSource::forgive_interrupt() {
     const std::lock_guard<std::mutex> lock(state_mutex_);
     if (state() != Stop::signal || !only_interrupts_ || output_closed_) {
-        return false;
+        return;
     }
     state_ = Stop::none;
     ++round_;
     std::uint64_t count = 0;
     (void)!read(stopped_.get(), &count, sizeof count);
-    return true;
 }
 
 void StopSource::stop(Stop reason) {

@@ -47,9 +47,8 @@ public:
     void throw_if_stopped() const;
 
     /// Takes a Ctrl-C back, for a program that goes on after it: everything is as if it had not
-    /// been pressed.
-    /// @return false, having done nothing, when there is another reason to end.
-    bool forgive_interrupt();
+    /// been pressed. Does nothing when there is another reason to end.
+    void forgive_interrupt();
 
     /// While one of these exists, a signal that ends the process at once prints its line on
     /// standard error first, if that takes no waiting.
