@@ -127,6 +127,7 @@ TEST_F(Watcher, OpensOneKindOnceAndListsAll) {
     {
         const Link link(journal);
         ASSERT_TRUE(journal.wait("b+1.5"));
+        EXPECT_EQ(fake_usb::calls(Call::open), 2U) << "the probe and the opening";
         JovuUsb::close(kAddress);
         const unsigned scans = fake_usb::calls(Call::list);
         ASSERT_TRUE(eventually([&] { return fake_usb::calls(Call::list) >= scans + 2; }));
