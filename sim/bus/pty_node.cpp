@@ -66,6 +66,7 @@ void PtyNode::start_keeper() {
 
 PtyNode::~PtyNode() {
     hang_up();
+    if (keeper_ <= 0) return;  // To kill() that would be many processes.
     ::kill(keeper_, SIGKILL);
     (void)TEMP_FAILURE_RETRY(::waitpid(keeper_, nullptr, 0));
 }

@@ -20,8 +20,7 @@ DirectoryOwnership::DirectoryOwnership(const std::string& directory) {
     const std::string name = directory + kLockName;
     const std::string unnamed = name + ".new";
     lock_.reset(::open(unnamed.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
-    // Nothing can be locked by a descriptor that is not open.
-    if (::flock(lock_.get(), LOCK_EX | LOCK_NB) != 0 ||
+    if (!lock_ || ::flock(lock_.get(), LOCK_EX | LOCK_NB) != 0 ||
         ::rename(unnamed.c_str(), name.c_str()) != 0) {
         throw std::system_error(errno, std::generic_category(), "cannot mark " + directory);
     }

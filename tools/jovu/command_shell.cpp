@@ -204,7 +204,7 @@ private:
             return;
         }
         const auto row = [this](std::string left, const std::string& summary) {
-            left.resize(22, ' ');  // More than any name has.
+            left.resize(std::max<std::size_t>(left.size() + 1, 22), ' ');
             out_.line("  ." + left + summary);
         };
         out_.line("A line that does not begin with a dot is gcode. Commands:");
