@@ -38,7 +38,7 @@ run "jovu status --json | jq -c ."
 tell "Gcode, line by line; the last one asks for the position:"
 run "jovu gcode G28 'M104 S215' 'G1 X20 Y30 F3000' M114"
 
-tell "Any of the firmware's 68 commands by its name. The heater gets a target and power, and warms:"
+tell "Any firmware command by its name. The heater gets a target and power, and warms:"
 run "jovu call heater_var_set var_num=0 var_val=180"
 run "jovu call heater_turn_on"
 run "for i in 1 2 3 4; do jovu status --json | jq .extruder_temperature; sleep 0.4; done"
