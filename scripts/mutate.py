@@ -39,7 +39,7 @@ LEAST_CAUGHT = 0.9
 BUILD_LIMIT = 900  # seconds
 PROGRAM_LIMIT = 60  # for all tests of a program that needs no bus: a few seconds
 CTEST_LIMIT = 300
-TEST_LIMIT = 40  # for one of these; those of the suite are for a busy machine
+TEST_LIMIT = 60  # for one of these; those of the suite are for a busy machine
 
 # What is built and how its tests run: as one program, or by ctest with these arguments.
 Stage = collections.namedtuple("Stage", "targets program ctest on_bus")

@@ -2,6 +2,8 @@
 /// Counting calls, so that a shutdown can wait for them.
 #pragma once
 
+#include <utility>
+
 #include "base/mutex.h"
 
 namespace jovu {
@@ -19,7 +21,7 @@ public:
         ~Call() {
             if (!admitted_) return;
             innermost_ = outer_;
-            calls_.end();
+            calls_.end(ending_);
         }
         Call(const Call&) = delete;
         Call& operator=(const Call&) = delete;
@@ -33,6 +35,7 @@ public:
         CallsInProgress& calls_;
         const bool admitted_;
         Call* const outer_ = innermost_;  ///< The call inside which this thread makes this one.
+        bool ending_ = false;             ///< The thread has called wait() inside it.
     };
 
     void close() {
@@ -46,15 +49,18 @@ public:
     }
 
     /// Waits until every call has ended, except those that cannot end before this returns: the
-    /// calling thread's own, and those of threads that wait here as well.
+    /// calling thread's own, and those of threads that have called it as well.
     void wait() {
-        const unsigned own = calls_of_this_thread();
         const MutexLock lock(mutex_);
-        waiting_ += own;
-        changed_.notify_all();  // Other threads that wait here need not wait for this one.
-        while (count_ > (own != 0 ? waiting_ : 0))
+        bool inside = false;
+        for (Call* call = innermost_; call != nullptr; call = call->outer_) {
+            if (&call->calls_ != this) continue;
+            inside = true;
+            if (!std::exchange(call->ending_, true)) ++ending_;
+        }
+        changed_.notify_all();
+        while (count_ > (inside ? ending_ : 0))
             changed_.wait(mutex_);
-        waiting_ -= own;
     }
 
 private:
@@ -64,17 +70,11 @@ private:
         return !closed_;
     }
 
-    void end() {
+    void end(bool ending) {
         const MutexLock lock(mutex_);
         --count_;
+        if (ending) --ending_;
         changed_.notify_all();
-    }
-
-    unsigned calls_of_this_thread() const {
-        unsigned own = 0;
-        for (const Call* call = innermost_; call != nullptr; call = call->outer_)
-            own += &call->calls_ == this ? 1 : 0;
-        return own;
     }
 
     /// The calling thread's latest call that has not ended, of whatever kind.
@@ -83,8 +83,9 @@ private:
     mutable Mutex mutex_;
     ConditionVariable changed_;
     unsigned count_ JOVU_GUARDED_BY(mutex_) = 0;
-    /// How many of them belong to threads that are in wait().
-    unsigned waiting_ JOVU_GUARDED_BY(mutex_) = 0;
+    /// How many of them belong to threads that have called wait(). It counts until they end, so
+    /// that no other thread that waits can miss it.
+    unsigned ending_ JOVU_GUARDED_BY(mutex_) = 0;
     bool closed_ JOVU_GUARDED_BY(mutex_) = false;
 };
 

@@ -9,6 +9,8 @@ namespace {
 
 /// The owner of the notification that this thread runs; null on every other thread.
 thread_local const void* current_owner = nullptr;
+/// Whether that notification has called wait().
+thread_local bool current_is_ending = false;
 
 }  // namespace
 
@@ -41,6 +43,7 @@ NotificationThreads::Notification NotificationThreads::State::begin_next() {
 void NotificationThreads::State::end() {
     const MutexLock lock(mutex);
     --running;
+    if (std::exchange(current_is_ending, false)) --ending;
     changed.notify_all();
 }
 
@@ -70,12 +73,12 @@ void NotificationThreads::wait() {
             state.changed.wait(state.mutex);
         return;
     }
-    // Notifications that wait here do not wait for one another.
-    ++state.waiting;
-    state.changed.notify_all();
-    while (state.running > state.waiting)
+    if (!std::exchange(current_is_ending, true)) {
+        ++state.ending;
+        state.changed.notify_all();
+    }
+    while (state.running > state.ending)
         state.changed.wait(state.mutex);
-    --state.waiting;
 }
 
 }  // namespace jovu

@@ -39,7 +39,7 @@ public:
     void close();
 
     /// Waits until no notification is running. Called in a notification it does not wait for that
-    /// one, nor for others that wait here themselves. To be called after close().
+    /// one, nor for others that have called it. To be called after close().
     void wait();
 
 private:
@@ -54,7 +54,9 @@ private:
         /// A list: an empty one is made without memory, which close() may not have.
         std::list<Notification> pending JOVU_GUARDED_BY(mutex);
         unsigned running JOVU_GUARDED_BY(mutex) = 0;
-        unsigned waiting JOVU_GUARDED_BY(mutex) = 0;  ///< Of the running ones, inside wait().
+        /// How many of the running ones have called wait(). Other notifications that wait do not
+        /// wait for these; it counts until they end, so that none can miss it.
+        unsigned ending JOVU_GUARDED_BY(mutex) = 0;
         bool closed JOVU_GUARDED_BY(mutex) = false;
     };
 

@@ -88,15 +88,6 @@ void ClientList::call_each(Interface& interface, Call call) {
     }
 }
 
-template <class Call>
-void ClientList::notify(Call call) {
-    for (Interface& interface : interfaces_) {
-        const ClientLock lock(interface._registered_client_mutex);
-        const Count count(calls);
-        call_each(interface, call);
-    }
-}
-
 bool ClientList::dispatch(std::size_t interface, unsigned char* data, unsigned int length,
                           JovuDeviceAddress address) noexcept {
     try {
@@ -114,18 +105,30 @@ bool ClientList::dispatch(std::size_t interface, unsigned char* data, unsigned i
     }
 }
 
-void ClientList::notify_connected(const std::shared_ptr<Connection>& connection) {
-    notify([&connection](JovuUsbClient& client) { client.connection_opened(connection); });
+void ClientList::notify_connected(const std::shared_ptr<Connection>& connection,
+                                  const std::function<void(std::size_t)>& start_receiving) {
+    for (std::size_t number = 0; number < interfaces_.size(); ++number) {
+        Interface& interface = interfaces_.at(number);
+        const ClientLock lock(interface._registered_client_mutex);
+        const Count count(calls);
+        start_receiving(number);
+        call_each(interface,
+                  [&connection](JovuUsbClient& client) { client.connection_opened(connection); });
+    }
 }
 
 void ClientList::notify_disconnected(JovuDeviceAddress address) noexcept {
-    notify([this, address](JovuUsbClient& client) {
-        try {
-            client.usb_device_disconnected(address);
-        } catch (...) {
-            store_error(std::current_exception());
-        }
-    });
+    for (Interface& interface : interfaces_) {
+        const ClientLock lock(interface._registered_client_mutex);
+        const Count count(calls);
+        call_each(interface, [this, address](JovuUsbClient& client) {
+            try {
+                client.usb_device_disconnected(address);
+            } catch (...) {
+                store_error(std::current_exception());
+            }
+        });
+    }
 }
 
 void ClientList::store_error(std::exception_ptr error) noexcept {

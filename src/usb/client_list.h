@@ -7,6 +7,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <exception>
+#include <functional>
 #include <memory>
 #include <vector>
 
@@ -80,7 +81,10 @@ public:
                   JovuDeviceAddress address) noexcept;
 
     /// Notifies the clients of interface 0, then those of interface 1. Passes on what one throws.
-    void notify_connected(const std::shared_ptr<Connection>& connection);
+    /// @param start_receiving called for each interface before its clients, with its mutex held: no
+    ///     data is dispatched before the notification.
+    void notify_connected(const std::shared_ptr<Connection>& connection,
+                          const std::function<void(std::size_t interface)>& start_receiving);
 
     /// The same for a device that is being closed; every client is called, and what one throws is
     /// stored.
@@ -109,8 +113,6 @@ private:
     template <class Call>
     void call_each(Interface& interface, Call call)
         JOVU_REQUIRES(interface._registered_client_mutex);
-    template <class Call>
-    void notify(Call call);
     static void remove_detached(Interface& interface)
         JOVU_REQUIRES(interface._registered_client_mutex);
     void store_error(std::exception_ptr error) noexcept;

@@ -26,11 +26,10 @@ std::vector<std::shared_ptr<UsbDevice>> UsbBackend::devices() {
 
 void UsbBackend::add(const std::shared_ptr<UsbDevice>& device) {
     try {
-        {
+        device->connect([&] {
             const MutexLock lock(_connected_devices_mutex);
             _connected_devices[device->address()] = device;
-        }
-        device->notify_connected();
+        });
     } catch (...) {
         device->finish_close();
         remove(*device);
@@ -49,6 +48,12 @@ void UsbBackend::remove(UsbDevice& device) noexcept {
 }
 
 void UsbBackend::remove_all() noexcept {
+    {
+        // All of them first: what is written to one would be waited for after another one's write.
+        const MutexLock lock(_connected_devices_mutex);
+        for (const auto& entry : _connected_devices)
+            entry.second->reject_writes();
+    }
     for (;;) {
         std::shared_ptr<UsbDevice> device;
         {

@@ -50,8 +50,9 @@ struct UsbBackend {
 
     std::vector<std::shared_ptr<UsbDevice>> devices();
 
-    /// Adds a device to the table and notifies the clients. If that fails, because a client throws
-    /// or memory is exhausted, the device is closed and removed again, and the exception passes on.
+    /// Adds a device to the table, notifies the clients and starts receiving. If that fails,
+    /// because a client throws or memory is exhausted, the device is closed and removed again, and
+    /// the exception passes on.
     void add(const std::shared_ptr<UsbDevice>& device);
 
     /// Removes a closed device from the table.

@@ -44,7 +44,6 @@ std::shared_ptr<UsbDevice> UsbDevice::open(Context context, std::uint16_t vendor
                                            std::atomic<bool>& cleanup_pending) {
     auto device = std::make_shared<UsbDevice>(std::move(context), address, cleanup_pending);
     device->claim(vendor_id, product_id);
-    device->start_receiving();
     return device;
 }
 
@@ -69,22 +68,10 @@ void UsbDevice::claim(std::uint16_t vendor_id, std::uint16_t product_id) {
         if (result < 0) fail_opening(result, "Failed to claim libusb device.");
         handle_ = std::move(handle);
         device_.reset(libusb_ref_device(device));
+        open_ = true;
         return;
     }
     throw DeviceGone("Failed to find desired device.");
-}
-
-void UsbDevice::start_receiving() {
-    for (ReceiveTransfer& transfer : transfers_) {
-        const int result = transfer.submit(handle_.get());
-        if (result == 0) continue;
-        close_begun_ = true;
-        disconnect_notified_ = true;  // A device without a handle leaves without a notification.
-        close_handle();
-        if (result == LIBUSB_ERROR_NO_DEVICE) throw DeviceGone("Failed to open libusb device.");
-        return;
-    }
-    open_ = true;
 }
 
 bool UsbDevice::received(std::size_t interface, unsigned char* data, unsigned int length) noexcept {
@@ -149,9 +136,32 @@ void UsbDevice::send(std::uint8_t endpoint, const Piece& piece) {
     }
 }
 
-void UsbDevice::notify_connected() {
+int UsbDevice::notify_connected() {
+    int result = 0;
     connected_notified_ = true;
-    client_list().notify_connected(shared_from_this());
+    client_list().notify_connected(shared_from_this(), [this, &result](std::size_t interface) {
+        if (result == 0) result = transfers_.at(interface).submit(handle_.get());
+    });
+    return result;
+}
+
+/// Transfers are drained here, where no client mutex is held.
+void UsbDevice::end_failed_start(int result) noexcept {
+    if (result == LIBUSB_ERROR_NO_DEVICE) {
+        mark_removed();
+        cleanup_pending_ = true;
+        return;
+    }
+    // A device without a handle is disconnected without a notification.
+    close_begun_ = true;
+    reject_writes();
+    disconnect_notified_ = true;
+    close_handle();
+}
+
+void UsbDevice::reject_writes() noexcept {
+    open_ = false;
+    write_lock_.wake();
 }
 
 void UsbDevice::notify_disconnected() noexcept {
@@ -159,8 +169,9 @@ void UsbDevice::notify_disconnected() noexcept {
     if (disconnect_notified_) return;
     begin_closing();
     if (connected_notified_) client_list().notify_disconnected(address());
-    open_ = false;
-    write_lock_.wake();
+    reject_writes();
+    // Now, since a stuck write may delay the end of the close.
+    cancel_transfers();
     disconnect_notified_ = true;
 }
 
@@ -172,9 +183,10 @@ bool UsbDevice::order_close() noexcept {
 }
 
 bool UsbDevice::close() noexcept {
-    if (close_begun_.exchange(true)) return false;
+    const bool first = !close_begun_.exchange(true);
+    // Also when another thread has begun: that may be a watcher that has ended since.
     finish_close();
-    return true;
+    return first;
 }
 
 bool UsbDevice::try_close() noexcept {

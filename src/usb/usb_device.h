@@ -6,6 +6,7 @@
 #include <atomic>
 #include <cstdint>
 #include <memory>
+#include <mutex>
 
 #include "base/fair_lock.h"
 #include "base/mutex.h"
@@ -32,8 +33,7 @@ class UsbDevice final : public Connection,
                         public std::enable_shared_from_this<UsbDevice>,
                         private ReceiveSink {
 public:
-    /// Opens a device and starts receiving. When that cannot be started, the device remains without
-    /// a handle, and writes to it fail.
+    /// Opens a device.
     /// @param cleanup_pending set when the watcher has to look at the device; outlives it.
     /// @throws JovuException when it cannot be found, opened or claimed, DeviceGone if it has been
     ///     unplugged.
@@ -48,12 +48,28 @@ public:
 
     void write(std::initializer_list<Piece> pieces, std::uint32_t interface) override;
 
-    /// Notifies the clients that the device is connected. Passes on what one throws.
-    void notify_connected();
+    /// Makes the device known by @p enter, starts receiving and notifies the clients that it is
+    /// connected. Writes and closes by other threads wait until that is done. When receiving cannot
+    /// be started, the device remains without a handle, and writes to it fail. Passes on what
+    /// @p enter or a client throws; the device is then to be closed.
+    template <class Enter>
+    void connect(Enter enter) {
+        const std::lock_guard<FairLock> writing(write_lock_);
+        int result = 0;
+        {
+            const MutexLock notifying(notify_mutex_);
+            enter();
+            result = notify_connected();
+        }
+        if (result != 0) end_failed_start(result);
+    }
 
     /// Closes the device; waits for the write in progress. Not in a callback.
-    /// @return false, at once, when it is closed or being closed by another thread.
+    /// @return false when it is closed, or another thread has begun to close it.
     bool close() noexcept;
+
+    /// Rejects writes and exchanges from now on.
+    void reject_writes() noexcept;
 
     /// Orders a close, which the watcher carries out, and wakes the watcher. Any thread, in a
     /// callback too.
@@ -92,7 +108,9 @@ private:
     void receive_failed() noexcept override;
 
     void claim(std::uint16_t vendor_id, std::uint16_t product_id);
-    void start_receiving();
+    /// @return the result of the first submission that failed, or 0.
+    int notify_connected() JOVU_REQUIRES(notify_mutex_);
+    void end_failed_start(int result) noexcept;
     void end_receiving() noexcept;
     void cancel_transfers() noexcept;
     void notify_disconnected() noexcept;
@@ -110,8 +128,9 @@ private:
     /// Held for a write, and for the second step of a close. Waiting threads give up once the
     /// device is not open_ any more.
     FairLock write_lock_;
-    Mutex notify_mutex_;  ///< Held for the first step of a close. Before the clients' mutexes.
-    bool connected_notified_ = false;  ///< Set by the watcher before it gives the device away.
+    /// Held for the connected notification, and for the first step of a close.
+    Mutex notify_mutex_;
+    bool connected_notified_ JOVU_GUARDED_BY(notify_mutex_) = false;
     std::atomic<bool> open_{false};
     std::atomic<bool> close_begun_{false};
     std::atomic<bool> disconnect_notified_{false};

@@ -56,7 +56,8 @@ private:
         for (const auto& device : backend_.devices()) {
             if (std::find(seen.begin(), seen.end(), device->address()) != seen.end()) continue;
             device->mark_removed();
-            remove(*device);
+            // Another device may be waiting for the address.
+            if (remove(*device)) next_scan_ = {};
         }
     }
 

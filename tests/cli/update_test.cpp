@@ -151,55 +151,70 @@ TEST_F(Update, TakesUpADeviceThatIsInDfuMode) {
     EXPECT_EQ(jovu({"dfu"}).status, 3);
 }
 
-TEST_F(Update, IsJudgedByTheDeviceThatWasChosen) {
+constexpr const char* kDone = "0 -d 7a1c:00df -a 0 -S S ";
+constexpr const char* kBroken = "74 -d 7a1c:00df -a 0 -S S ";
+
+/// One update of a device with the serial number S.
+struct Judged {
+    const char* plugged;
+    std::vector<std::string> faults;
+    const char* stranger;  ///< In DFU mode, unless it says otherwise; comes when the device goes.
+    const char* version;   ///< Of the image.
+    std::vector<std::string> more;
+    int status;
+    const char* says;
+    const char* log;  ///< Of dfu-util.
+};
+
+void PrintTo(const Judged& row, std::ostream* out) {
+    *out << row.says << row.version << row.stranger;
+}
+
+const Judged kJudged[] = {
+    {"", {"leave-at-reset"}, "", "2", {}, 0, "runs version 2, before it was 1.0.0", kBroken},
+    {"", {"write-error 5"}, "", "2", {}, 5, "the download failed: S; dfu-util says: ", kBroken},
+    {"", {"keep-firmware"}, "", "2", {}, 5, "runs version 1.0.0 as before, and that", kDone},
+    {"", {"keep-firmware"}, "", "2", {"--force"}, 0, "written: 1:", kDone},
+    {"", {"keep-firmware"}, "", "1.0.0", {}, 0, "written: 1:", kDone},
+    {"", {"keep-firmware", "unplug-at 5"}, "", "1.0.0", {}, 5, "the update failed, ", kBroken},
+    {"product=00df", {"keep-firmware"}, "", "2", {}, 0, "runs version 1.0.0\n", kDone},
+    {"product=00df", {"keep-firmware", "unplug-at 5"}, "", "2", {}, 5, "failed, ", kBroken},
+    {"", {"serial T"}, "", "2", {}, 0, "updated: ", "0 -d 7a1c:00df -a 0 -S T "},
+    {"", {}, "vendor=1209 serial=S", "2", {}, 0, "updated: ", kDone},
+    {"", {}, "serial=X", "2", {}, 0, "updated: ", kDone},
+    {"", {}, "serial=S", "2", {}, 4, "several devices: in DFU mode S (7a1c:00df at 1-", "-l"},
+    {"", {"serial T"}, "serial=X", "2", {}, 4, "several devices: in DFU mode ", "-l"},
+    {"product=00df", {"unplug-at 5"}, "product=2", "2", {}, 5, "has not come back: S", kBroken},
+};
+
+class JudgedUpdate : public Update, public testing::WithParamInterface<Judged> {};
+
+TEST_P(JudgedUpdate, IsThatOfTheDeviceThatWasChosen) {
     sim("unplug " + name(device_));
-    const char* const done = "0 -d 7a1c:00df -a 0 -S S ";
-    const char* const broken = "74 -d 7a1c:00df -a 0 -S S ";
-    const struct {  // One update of a device with the serial number S.
-        const char* plugged;
-        std::vector<std::string> faults;
-        const char* stranger;  // In DFU mode, unless it says otherwise; comes when the device goes.
-        const char* version;   // Of the image.
-        std::vector<std::string> more;
-        int status;
-        const char* says;
-        const char* log;  // Of dfu-util.
-    } cases[] = {
-        {"", {"leave-at-reset"}, "", "2", {}, 0, "runs version 2, before it was 1.0.0", broken},
-        {"", {"write-error 5"}, "", "2", {}, 5, "the download failed: S; dfu-util says: ", broken},
-        {"", {"keep-firmware"}, "", "2", {}, 5, "runs version 1.0.0 as before, and that", done},
-        {"", {"keep-firmware"}, "", "2", {"--force"}, 0, "written: 1:", done},
-        {"", {"keep-firmware"}, "", "1.0.0", {}, 0, "written: 1:", done},
-        {"", {"keep-firmware", "unplug-at 5"}, "", "1.0.0", {}, 5, "the update failed, ", broken},
-        {"product=00df", {"keep-firmware"}, "", "2", {}, 0, "runs version 1.0.0\n", done},
-        {"product=00df", {"keep-firmware", "unplug-at 5"}, "", "2", {}, 5, "failed, ", broken},
-        {"", {"serial T"}, "", "2", {}, 0, "updated: ", "0 -d 7a1c:00df -a 0 -S T "},
-        {"", {}, "vendor=1209 serial=S", "2", {}, 0, "updated: ", done},
-        {"", {}, "serial=X", "2", {}, 0, "updated: ", done},
-        {"", {}, "serial=S", "2", {}, 4, "several devices: in DFU mode S (7a1c:00df at 1-", "-l"},
-        {"", {"serial T"}, "serial=X", "2", {}, 4, "several devices: in DFU mode ", "-l"},
-        {"product=00df", {"unplug-at 5"}, "product=2", "2", {}, 5, "has not come back: S", broken},
-    };
-    for (const auto& row : cases) {
-        const FakeTool tool;
-        const JovuDeviceAddress device = plug(row.plugged + std::string(" serial=S"));
-        for (const std::string& fault : row.faults)
-            sim("fault " + name(device) + " dfu " + fault);
-        const TemporaryFile image("judged.bin", sound_image(row.version));
-        std::vector<std::string> words{"update", "--yes", image.path()};
-        words.insert(words.end(), row.more.begin(), row.more.end());
-        Program program(words);
-        if (*row.stranger != 0) {
-            EXPECT_TRUE(eventually([&] { return sim("list").find(name(device) + " ") != 0; }));
-            plug(std::string("product=00df ") + row.stranger);
-        }
-        EXPECT_EQ(program.finish(), row.status) << row.says << row.stranger;
-        EXPECT_THAT(program.out() + program.err(), HasSubstr(row.says)) << row.stranger;
-        EXPECT_THAT(tool.log(), HasSubstr(row.log)) << row.says;
-        EXPECT_THAT(tool.log(), testing::Not(HasSubstr("1209")));
-        clear_bus();
+    const Judged& row = GetParam();
+    const FakeTool tool;
+    const JovuDeviceAddress device = plug(row.plugged + std::string(" serial=S"));
+    for (const std::string& fault : row.faults)
+        sim("fault " + name(device) + " dfu " + fault);
+    const TemporaryFile image("judged.bin", sound_image(row.version));
+    std::vector<std::string> words{"update", "--yes", image.path()};
+    words.insert(words.end(), row.more.begin(), row.more.end());
+    Program program(words);
+    if (*row.stranger != 0) {
+        EXPECT_TRUE(eventually([&] { return sim("list").find(name(device) + " ") != 0; }));
+        plug(std::string("product=00df ") + row.stranger);
     }
-    // A device that was in DFU mode before only takes another number, and the serial number S.
+    EXPECT_EQ(program.finish(), row.status);
+    EXPECT_THAT(program.out() + program.err(), HasSubstr(row.says));
+    EXPECT_THAT(tool.log(), HasSubstr(row.log));
+    EXPECT_THAT(tool.log(), testing::Not(HasSubstr("1209")));
+}
+
+INSTANTIATE_TEST_SUITE_P(Each, JudgedUpdate, testing::ValuesIn(kJudged));
+
+/// A device that was in DFU mode before only takes another number, and the serial number S.
+TEST_F(Update, TakesNoDeviceThatWasListedBefore) {
+    sim("unplug " + name(device_));
     const std::string run = "PATH='" + std::string(std::getenv("PATH")) + "' dfu-util ";
     const std::string rest = ", path=\"9-9\", alt=0, serial=";
     const FakeTool tool("[ \"$1\" = -l ] || { " + run + "\"$@\"; exit; }\nout=$(" + run +
@@ -242,7 +257,7 @@ TEST_F(Update, IsNotBegunWhenItCannotEndWell) {
     for (const auto& row : cases) {
         const TemporaryFile image("tried.bin", row.image);
         const std::string stranger =
-            row.stranger.empty() ? "" : name(plug("product=00df " + row.stranger));
+            row.stranger.empty() ? "" : name(plug(std::string("product=00df ") + row.stranger));
         const Ended ended = update(image.path(), row.more);
         EXPECT_EQ(ended.status, row.status) << row.says << row.stranger;
         EXPECT_THAT(ended.err, HasSubstr(row.says));

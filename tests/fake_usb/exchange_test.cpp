@@ -279,6 +279,7 @@ TEST_F(Exchange, SeveralNotificationsMayEndTheirClient) {
     fake_usb::unplug(device);
     fake_usb::unplug(second);
     EXPECT_TRUE(test::eventually([&] { return ended == 2; }));
+    client.shutdown();  // The handlers use what is declared here.
 }
 
 }  // namespace

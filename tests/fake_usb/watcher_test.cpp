@@ -109,7 +109,9 @@ TEST_F(Watcher, KeepsADeviceWhoseReceptionCannotStartClosed) {
         {
             const Link link(told);
             ASSERT_TRUE(told.wait("b+1.5"));
-            EXPECT_FALSE(in_flight(link.device, kMessagesIn) || in_flight(link.device, kJobsIn));
+            EXPECT_TRUE(eventually([&] {
+                return !in_flight(link.device, kMessagesIn) && !in_flight(link.device, kJobsIn);
+            }));
             EXPECT_EQ(JovuUsb::list_connected().size(), 1U);
             EXPECT_EQ(test::write("x"), "Send failed - Device no longer connected.");
             fake_usb::unplug(link.device);
@@ -170,6 +172,41 @@ TEST_F(Watcher, TellsOfTheOldDeviceBeforeTheNewOneAtItsAddress) {
     ASSERT_TRUE(journal.wait("b+1.5", 2));
     EXPECT_THAT(journal.entries(),
                 ElementsAre("a+1.5", "b+1.5", "a-1.5", "b-1.5", "a+1.5", "b+1.5"));
+}
+
+TEST_F(Watcher, AClosingThreadWaitsForTheConnectedNotifications) {
+    std::future<void> closing;
+    {
+        const Link link(journal, [&](Link& self) {
+            self.messages.on_connected = [&] {
+                closing = std::async(std::launch::async, [] { JovuUsb::close(kAddress); });
+                closing.wait_for(std::chrono::milliseconds(20));
+            };
+        });
+        ASSERT_TRUE(journal.wait("b-1.5"));
+        closing.get();
+        EXPECT_FALSE(in_flight(link.device, kMessagesIn));
+    }
+    EXPECT_THAT(journal.entries(), ElementsAre("a+1.5", "b+1.5", "a-1.5", "b-1.5"));
+}
+
+TEST_F(Watcher, ADeviceThatTakesNoDataIsSilentOnceItsCloseIsNotified) {
+    libusb_device* const healthy = fake_usb::plug(1, 6);
+    Link link(journal);
+    ASSERT_TRUE(journal.wait("b+1.5") && journal.wait("b+1.6"));
+    link.messages.on_data = [](unsigned char*) { error_of([] { JovuUsb::close(kAddress); }); };
+    fake_usb::hold_bulk(true);
+    auto stuck = std::async(std::launch::async, [] { return test::write("x"); });
+    ASSERT_TRUE(eventually(fake_usb::in_bulk));
+    ASSERT_TRUE(complete(link.device, kMessagesIn, LIBUSB_TRANSFER_COMPLETED, "close"));
+    ASSERT_TRUE(journal.wait("b-1.5"));
+    EXPECT_TRUE(eventually([&] { return !in_flight(link.device, kMessagesIn); }));
+    EXPECT_TRUE(in_flight(healthy, kMessagesIn));
+    EXPECT_EQ(stuck.wait_for(std::chrono::seconds(0)), std::future_status::timeout);
+    EXPECT_EQ(test::write("y"), "Send failed - Device no longer connected.");
+    JovuUsb::close({1, 6});
+    fake_usb::hold_bulk(false);
+    EXPECT_EQ(stuck.get(), "");
 }
 
 TEST_F(Watcher, WhatAClientThrowsAtANoticeTakesTheDeviceBack) {

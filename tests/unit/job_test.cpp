@@ -135,8 +135,8 @@ protected:
             return error.what();
         }
     }
-    static bool connected() {
-        return test::eventually([] { return !JovuUsb::list_connected().empty(); });
+    bool connected() const {
+        return test::eventually([this] { return fake_usb::in_flight(device, test::kJobsIn); });
     }
 
     libusb_device* const device = fake_usb::plug(1, 5);
