@@ -3,11 +3,13 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <functional>
 #include <list>
 #include <mutex>
 #include <optional>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "jovu/client.h"
@@ -16,7 +18,18 @@
 
 namespace sweep {
 
-/// Notes down what it is told. What its handlers do by themselves does not fail.
+/// @return whether the condition holds before far more time has passed than anything takes.
+template <class Condition>
+bool eventually(Condition condition) {
+    const auto begin = std::chrono::steady_clock::now();
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() - begin > std::chrono::seconds(10)) return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+    return true;
+}
+
+/// Records notifications. What its handlers do by themselves does not fail.
 class Client : public JovuClient {
 public:
     explicit Client(const JovuScanPause& = JovuScanPause()) {}
@@ -36,7 +49,7 @@ public:
     std::atomic<bool> wrong_status{false};
 
 private:
-    void note(std::string event);
+    void record(std::string event);
 
     mutable std::mutex mutex_;
     std::vector<std::string> events_;
@@ -48,7 +61,7 @@ public:
     /// @param fault null for a run without one.
     explicit World(const Fault* fault) : fault_(fault) {}
 
-    /// Tells of a fault of the library, on standard error.
+    /// Reports a fault of the library, on standard error.
     void wrong(const std::string& what);
     /// @return whether there was none.
     bool right() const { return right_; }
@@ -57,12 +70,12 @@ public:
     bool faulty(Kind kind) const { return fault_ != nullptr && fault_->kind == kind; }
     const Fault* fault() const { return fault_; }
 
-    DeviceModel& plug() { return devices_.emplace_back(); }
+    void plug() { devices_.emplace_back(); }
     DeviceModel& device() { return devices_.back(); }
-    bool plugged() const { return !devices_.empty(); }
+    void unplug();
 
     void start();
-    /// Takes the client off the link; from then on calls may fail without a fault.
+    /// Shuts the client down; from then on calls may fail without a fault.
     void shut_down();
     void stop();
 
@@ -71,11 +84,11 @@ public:
     bool wait(const char* what, const std::function<bool(World&)>& come);
 
     /// Makes a call of the library.
-    /// @return whether it went through. What it throws has to be what it is documented to throw.
+    /// @return whether it succeeded. It may throw what it is documented to throw.
     template <class Call>
     bool call(const char* what, Call call) {
         try {
-            const Exposed exposed;
+            const Shield exposed(false);
             call();
             return true;
         } catch (const std::exception& error) {
@@ -103,13 +116,13 @@ private:
 };
 
 /// How many commands World::command() knows.
-extern const std::size_t kCommands;
+inline constexpr std::size_t kCommands = 10;
 
-/// What the watcher has said before it ended, between the dash and the full stop; empty while it
+/// What the watcher printed before it ended, between the dash and the full stop; empty while it
 /// lives. Read from standard output, which has to be a file.
 std::string last_words();
 
-/// Forgets them: another watcher will have its own.
+/// Ignores them from now on: another watcher will have its own.
 void forget_last_words();
 
 }  // namespace sweep

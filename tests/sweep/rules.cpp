@@ -6,55 +6,46 @@ namespace sweep {
 namespace {
 
 constexpr const char* kOpening =
-    "a device that answered its probe and cannot be opened right after it ends the watcher, unless "
-    "it has gone";
+    "a device that answers its probe and cannot be opened right after ends the watcher, unless it "
+    "is gone";
 constexpr const char* kMemory =
-    "an error on the watcher or in reception that is not a device's own ends the watcher, and "
-    "reception with it";
+    "an error on the watcher or in a callback that is not a device's own ends the watcher";
 constexpr const char* kChannel =
-    "reception that cannot be started or gone on with stays ended until the device is plugged in "
-    "anew, for only the failure of both channels removes it; a frame that was cut off goes on with "
-    "the next bytes from that address";
+    "receiving that cannot be started or continued stays ended until the device is plugged in "
+    "anew, since only the failure of both channels removes it";
 constexpr const char* kFrame =
-    "lost bytes are lost: a frame with a gap is dropped, and takes the beginning of the next one "
-    "with it, in either direction";
+    "a frame with a gap is dropped, with the beginning of the next one, in either direction";
 constexpr const char* kUnseen =
-    "a device that cannot be looked at in a scan counts as gone, and is opened anew at the next "
-    "one; a frame that was cut off goes on with the next bytes from that address";
+    "a device that a scan cannot look at counts as gone; the next scan opens it anew, and a frame "
+    "that was cut off continues with the next bytes from that address";
 constexpr const char* kReport =
-    "lost bytes are lost: the job channel has no frames, and a report that lost a closing brace "
-    "goes on into the next until the device is plugged in anew";
+    "the job channel has no frames: a report that lost a closing brace continues into the next one "
+    "until the device is plugged in anew";
 
 }  // namespace
 
 // clang-format off
 const std::vector<Rule>& rules() {
+    using K = Kind;
+    using R = Remedy;
     static const std::vector<Rule> all{
-        {Kind::list, {},
-         Sign::last_words, "Failed to get libusb device list.", Remedy::restart, kOpening},
-        {Kind::descriptor, {},
-         Sign::last_words, "Failed to get libusb device descriptor.", Remedy::restart, kOpening},
-        {Kind::descriptor, {},
-         Sign::frame_lost, "", Remedy::repeat, kUnseen},
-        {Kind::open, {"no-memory", "access", "io", "busy", "other"},
-         Sign::last_words, "Failed to open libusb device.", Remedy::restart, kOpening},
-        {Kind::claim, {"not-found", "busy", "io", "other"},
-         Sign::last_words, "Failed to claim libusb device.", Remedy::restart, kOpening},
-        {Kind::alloc, {},
-         Sign::last_words, "Failed to allocate rx transfer.", Remedy::restart, kOpening},
-        {Kind::memory, {},
-         Sign::last_words, "std::bad_alloc", Remedy::restart, kMemory},
-        {Kind::submit, {},
-         Sign::reception_ended, "", Remedy::replug_and_repeat, kChannel},
-        {Kind::completion, {"stall", "no-device"},
-         Sign::reception_ended, "", Remedy::replug_and_repeat, kChannel},
-        {Kind::completion, {"error", "time-out"},
-         Sign::frame_lost, "", Remedy::repeat, kFrame},
-        {Kind::completion, {"error", "time-out"},
-         Sign::report_lost, "", Remedy::replug, kReport},
-        {Kind::bulk, {"stall", "overflow", "no-device", "invalid-param", "io", "interrupted",
-                      "no-memory", "partial-time-out"},
-         Sign::frame_lost, "", Remedy::repeat, kFrame},
+        {K::list, {}, Sign::last_words, "Failed to get libusb device list.", R::restart, kOpening},
+        {K::descriptor, {},
+         Sign::last_words, "Failed to get libusb device descriptor.", R::restart, kOpening},
+        {K::descriptor, {}, Sign::frame_lost, "", R::repeat, kUnseen},
+        {K::open, {"no-memory", "access", "io", "busy", "other"},
+         Sign::last_words, "Failed to open libusb device.", R::restart, kOpening},
+        {K::claim, {"not-found", "busy", "io", "other"},
+         Sign::last_words, "Failed to claim libusb device.", R::restart, kOpening},
+        {K::alloc, {}, Sign::last_words, "Failed to allocate rx transfer.", R::restart, kOpening},
+        {K::memory, {}, Sign::last_words, "std::bad_alloc", R::restart, kMemory},
+        {K::submit, {}, Sign::reception_ended, "", R::replug_and_repeat, kChannel},
+        {K::completion, {"stall", "no-device"},
+         Sign::reception_ended, "", R::replug_and_repeat, kChannel},
+        {K::completion, {"error", "time-out"}, Sign::frame_lost, "", R::repeat, kFrame},
+        {K::completion, {"error", "time-out"}, Sign::report_lost, "", R::replug, kReport},
+        {K::bulk, {"stall", "overflow", "no-device", "invalid-param", "io", "interrupted",
+                   "no-memory", "partial-time-out"}, Sign::frame_lost, "", R::repeat, kFrame},
     };
     return all;
 }
@@ -63,19 +54,7 @@ const std::vector<Rule>& rules() {
 bool Rule::covers(const Fault& fault) const {
     return kind == fault.kind && (kind != Kind::memory || fired_in_reception()) &&
            (results.empty() ||
-            std::find(results.begin(), results.end(), fault.outcome().name) != results.end());
-}
-
-bool may_set_aside(const Fault& fault) {
-    return fault.always && (fault.kind == Kind::cancel || fault.kind == Kind::events);
-}
-
-bool is_set_aside(const std::string& finding) {
-    for (const char* const what :
-         {" left: transfers", " left: handles", " left: contexts", " left: device references"}) {
-        if (finding.find(what) != std::string::npos) return true;
-    }
-    return false;
+            std::find(results.begin(), results.end(), fault.result.name) != results.end());
 }
 
 }  // namespace sweep

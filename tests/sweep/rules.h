@@ -12,10 +12,10 @@ namespace sweep {
 
 /// What shows that a rule applies.
 enum class Sign {
-    last_words,       ///< The watcher has ended, with those words.
+    last_words,       ///< The watcher has ended, with that line.
     reception_ended,  ///< A transfer of the device is not in flight.
-    frame_lost,       ///< A command went without an answer.
-    report_lost,      ///< A command was answered, a request for a status report was not.
+    frame_lost,       ///< A command got no response.
+    report_lost,      ///< A command got a response, a request for a status report did not.
 };
 
 /// What makes the next exchange work.
@@ -30,20 +30,15 @@ struct Rule {
     Kind kind;
     std::vector<std::string> results;  ///< Empty for all of the kind.
     Sign sign;
-    const char* words;  ///< With Sign::last_words.
+    const char* line;  ///< With Sign::last_words.
     Remedy remedy;
     const char* reason;
 
-    /// Whether this may be what the fault, which has struck, has cost.
+    /// Whether the fault, which has struck, may have had that cost.
     bool covers(const Fault& fault) const;
 };
 
-/// Whatever no rule covers has to leave the client as good as before.
+/// After a fault that no rule covers the client works as before.
 const std::vector<Rule>& rules();
-
-/// What fake_usb::finish() may find left when a call keeps failing while a device is closed:
-/// libusb does not give a transfer back, so that, its handle and its context are kept for good.
-bool may_set_aside(const Fault& fault);
-bool is_set_aside(const std::string& finding);
 
 }  // namespace sweep

@@ -2,7 +2,6 @@
 /// What is done while a call fails.
 #pragma once
 
-#include <chrono>
 #include <vector>
 
 #include "sweep/client.h"
@@ -11,7 +10,6 @@ namespace sweep {
 
 struct Scenario {
     const char* name;
-    const char* what;
     /// Leaves the client running, for the check that it still works, or takes it down itself.
     void (*run)(World&);
     /// Kinds of calls that it has to meet: the sweep is blind to one that it does not.

@@ -2,8 +2,10 @@
 /// Memory, threads, files and time of the program: counted, failed, hurried.
 #pragma once
 
+#include <sys/types.h>
+
 #include <chrono>
-#include <cstddef>
+#include <string>
 
 namespace sweep {
 
@@ -18,5 +20,22 @@ void hurry(std::chrono::milliseconds by) noexcept;
 /// happens. A scan of the bus comes five times as soon; and still no wait ends before events have
 /// been handled as often as its length asks for, however slow the machine is.
 inline constexpr std::chrono::milliseconds kHurry{8};
+
+/// A file in memory.
+class MemoryFile {
+public:
+    MemoryFile();
+    ~MemoryFile();
+    MemoryFile(const MemoryFile&) = delete;
+    MemoryFile& operator=(const MemoryFile&) = delete;
+
+    int descriptor() const { return descriptor_; }
+
+private:
+    const int descriptor_;
+};
+
+/// @return the content of a file from @p offset on; its position stays as it is.
+std::string read_from(int descriptor, off_t offset = 0);
 
 }  // namespace sweep
