@@ -18,22 +18,12 @@
 
 namespace fake_usb {
 
-/// The calls that can be scripted and are counted. `completion` is no call but the status with
-/// which a receive transfer ends.
-enum class Call {
-    init,
-    list,
-    descriptor,
-    open,
-    claim,
-    release,
-    alloc,
-    submit,
-    cancel,
-    handle_events,
-    bulk,
-    completion,
-};
+// clang-format off
+/// The calls that can be scripted and are counted. `completion` is no call but the status with which
+/// a receive transfer ends.
+enum class Call { init, list, descriptor, open, claim, release, alloc, submit, cancel,
+                  handle_events, bulk, completion };
+// clang-format on
 
 /// @name What a step of Call::bulk may return besides libusb's errors
 /// @{

@@ -12,7 +12,7 @@
 namespace sweep {
 namespace {
 
-using Lock = std::lock_guard<std::mutex>;
+using Lock = std::lock_guard<std::recursive_mutex>;
 
 constexpr std::size_t kPacket = 64;
 
@@ -86,34 +86,9 @@ void DeviceModel::unplug() {
     fake_usb::unplug(device_);
 }
 
-void DeviceModel::mute() {
-    const Lock lock(mutex_);
-    mute_ = true;
-}
-
-unsigned DeviceModel::requests() const {
-    const Lock lock(mutex_);
-    return requests_;
-}
-
 std::string DeviceModel::job_bytes() const {
     const Lock lock(mutex_);
     return jobs_in_;
-}
-
-bool DeviceModel::is_mute() const {
-    const Lock lock(mutex_);
-    return mute_;
-}
-
-void DeviceModel::send(unsigned endpoint, const std::string& bytes) {
-    const Lock lock(mutex_);
-    queue(endpoint, bytes);
-}
-
-void DeviceModel::pump() {
-    const Lock lock(mutex_);
-    post();
 }
 
 void DeviceModel::received(unsigned endpoint, const std::string& bytes) {
@@ -124,9 +99,9 @@ void DeviceModel::received(unsigned endpoint, const std::string& bytes) {
     }
     jobs_in_ += bytes;
     const std::string request = R"({"metadata":{"version":1,"type":"status"}})";
-    if (!mute_ && jobs_in_.size() >= request.size() &&
+    if (!mute && jobs_in_.size() >= request.size() &&
         jobs_in_.compare(jobs_in_.size() - request.size(), request.size(), request) == 0) {
-        queue(kJobsIn, kStatus);
+        send(kJobsIn, kStatus);
     }
 }
 
@@ -158,23 +133,25 @@ void DeviceModel::respond(const std::string& body) {
     if (name == std::string::npos || id == std::string::npos || body.size() < id + end.size()) {
         return;
     }
-    ++requests_;
-    if (mute_) return;
+    ++requests;
+    if (mute) return;
     const std::size_t begin = name + before_name.size();
     const auto value = returned_values().find(body.substr(begin, body.find('"', begin) - begin));
-    queue(kMessagesIn,
-          test::framed(R"({"transport":{"attrs":["response")" +
-                       body.substr(id, body.size() - end.size() - id) + R"(,"__return__":)" +
-                       (value == returned_values().end() ? "0" : value->second) + end));
+    send(kMessagesIn,
+         test::framed(R"({"transport":{"attrs":["response")" +
+                      body.substr(id, body.size() - end.size() - id) + R"(,"__return__":)" +
+                      (value == returned_values().end() ? "0" : value->second) + end));
 }
 
-void DeviceModel::queue(unsigned endpoint, const std::string& bytes) {
+void DeviceModel::send(unsigned endpoint, const std::string& bytes) {
+    const Lock lock(mutex_);
     for (std::size_t at = 0; at < bytes.size(); at += kPacket)
         out_[endpoint].push_back(bytes.substr(at, kPacket));
-    post();
+    pump();
 }
 
-void DeviceModel::post() {
+void DeviceModel::pump() {
+    const Lock lock(mutex_);
     if (!plugged_) return;
     for (auto& [endpoint, packets] : out_) {
         if (!packets.empty() &&
@@ -195,7 +172,7 @@ unsigned failed_event_calls() noexcept {
 bool response_can_come() {
     if (always_fails(Kind::events)) return false;
     const DeviceModel* const model = current;
-    return fake_usb::untold() || (model != nullptr && model->is_mute());
+    return fake_usb::untold() || (model != nullptr && model->mute);
 }
 
 }  // namespace sweep

@@ -4,6 +4,7 @@
 
 #include <libusb.h>
 
+#include <atomic>
 #include <deque>
 #include <map>
 #include <mutex>
@@ -29,17 +30,14 @@ public:
     libusb_device* device() const { return device_; }
     void unplug();
 
-    /// From now on requests are read and not answered.
-    void mute();
-    bool is_mute() const;
-
     /// Sends bytes, in packets, as soon as the host takes them.
     void send(unsigned endpoint, const std::string& bytes);
 
-    /// How many requests have come, on the message channel.
-    unsigned requests() const;
     /// Everything that has come on the job channel.
     std::string job_bytes() const;
+
+    std::atomic<bool> mute{false};      ///< Requests are read and not answered.
+    std::atomic<unsigned> requests{0};  ///< On the message channel.
 
     void received(unsigned endpoint, const std::string& bytes);
     /// Sends what the host takes now.
@@ -48,14 +46,10 @@ public:
 private:
     void read_messages();
     void respond(const std::string& body);
-    void queue(unsigned endpoint, const std::string& bytes);
-    void post();
 
     libusb_device* device_;
-    mutable std::mutex mutex_;
-    bool mute_ = false;
+    mutable std::recursive_mutex mutex_;
     bool plugged_ = true;
-    unsigned requests_ = 0;
     std::string in_;
     std::string jobs_in_;
     std::map<unsigned, std::deque<std::string>> out_;

@@ -132,12 +132,13 @@ void print_table(const std::vector<Counted>& all, const std::vector<Job>& jobs,
         calls += "\n";
     }
     print("total", total);
-    std::printf("\ncalls, over all threads:\n%s\nrules made use of:\n", calls.c_str());
+    std::printf("\ncalls, over all threads:\n%s\nrules made use of:", calls.c_str());
     for (std::size_t i = 0; i < rules().size(); ++i) {
         const auto uses = std::count_if(outcomes.begin(), outcomes.end(),
                                         [i](const Outcome& o) { return o.report.rule == i + 1; });
-        std::printf("%6td %-10s %s\n", uses, name(rules()[i].kind), rules()[i].reason);
+        std::printf(" %s %td", name(rules()[i].kind), uses);
     }
+    std::printf("\n");
 }
 
 /// @return the process's exit status.

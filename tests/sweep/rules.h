@@ -30,9 +30,8 @@ struct Rule {
     Kind kind;
     std::vector<std::string> results;  ///< Empty for all of the kind.
     Sign sign;
-    const char* line;  ///< With Sign::last_words.
     Remedy remedy;
-    const char* reason;
+    std::string line = "";  ///< With Sign::last_words.
 
     /// Whether the fault, which has struck, may have had that cost.
     bool covers(const Fault& fault) const;

@@ -58,10 +58,6 @@ void lose_memory(World& /*world*/) {
     disguised = ~reinterpret_cast<std::uintptr_t>(std::malloc(1));
 }
 
-void leave_a_thread(World& world) {
-    std::thread([&world] { hang(world); }).detach();
-}
-
 /// The second opening follows the probe.
 void end_the_watcher(World& world) {
     fake_usb::script(fake_usb::Call::open, {0, LIBUSB_ERROR_ACCESS});
@@ -85,7 +81,6 @@ const std::vector<Case>& cases() {
         {{"failure", fail_wrongly, {}}, "a call threw an undocumented exception"},
         {{"reception", lose_reception, {}}, "the next exchange does not work"},
         {{"memory", leave_memory, {}}, "blocks of memory are left"},
-        {{"thread", leave_a_thread, {}}, "1 left: threads"},
         {{"watcher", end_the_watcher, {}}, "the watcher ends: Failed to open libusb device."},
         {{"leak", lose_memory, {}}, "LeakSanitizer: detected memory leaks"},
     };
