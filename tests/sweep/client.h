@@ -123,6 +123,18 @@ private:
 /// How many commands World::command() knows.
 inline constexpr std::size_t kCommands = 10;
 
+/// What is done while a call fails.
+struct Scenario {
+    const char* name;
+    /// Leaves the client running, for the check that it still works, or takes it down itself.
+    void (*run)(World&);
+    /// Kinds of calls that it has to meet: the sweep is blind to one that it does not.
+    std::vector<Kind> meets;
+    bool closes = false;  ///< The device is closed at its end, and comes back when plugged in anew.
+};
+
+const std::vector<Scenario>& scenarios();
+
 /// What the watcher printed before it ended, between the dash and the full stop; empty while it
 /// lives. Read from standard output, which has to be a file.
 std::string last_words();

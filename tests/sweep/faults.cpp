@@ -10,29 +10,22 @@
 namespace sweep {
 namespace {
 
-constexpr Result kIo{"io", LIBUSB_ERROR_IO};
-constexpr Result kInvalid{"invalid-param", LIBUSB_ERROR_INVALID_PARAM};
-constexpr Result kAccess{"access", LIBUSB_ERROR_ACCESS};
-constexpr Result kNoDevice{"no-device", LIBUSB_ERROR_NO_DEVICE};
-constexpr Result kNotFound{"not-found", LIBUSB_ERROR_NOT_FOUND};
-constexpr Result kBusy{"busy", LIBUSB_ERROR_BUSY};
-constexpr Result kTimeout{"time-out", LIBUSB_ERROR_TIMEOUT};
-constexpr Result kOverflow{"overflow", LIBUSB_ERROR_OVERFLOW};
-constexpr Result kPipe{"stall", LIBUSB_ERROR_PIPE};
-constexpr Result kInterrupted{"interrupted", LIBUSB_ERROR_INTERRUPTED};
-constexpr Result kNoMemory{"no-memory", LIBUSB_ERROR_NO_MEM};
-constexpr Result kNotSupported{"not-supported", LIBUSB_ERROR_NOT_SUPPORTED};
-constexpr Result kOther{"other", LIBUSB_ERROR_OTHER};
-constexpr Result kShort{"short", fake_usb::kShort};
-constexpr Result kPartial{"partial-time-out", fake_usb::kPartial};
-constexpr Result kNothing{"nothing", fake_usb::kNothing};
-
 struct KindRow {
     const char* name;
     std::vector<Result> results;
 };
 
 // clang-format off
+constexpr Result kIo{"io", LIBUSB_ERROR_IO}, kInvalid{"invalid-param", LIBUSB_ERROR_INVALID_PARAM},
+    kAccess{"access", LIBUSB_ERROR_ACCESS}, kNoDevice{"no-device", LIBUSB_ERROR_NO_DEVICE},
+    kNotFound{"not-found", LIBUSB_ERROR_NOT_FOUND}, kBusy{"busy", LIBUSB_ERROR_BUSY},
+    kTimeout{"time-out", LIBUSB_ERROR_TIMEOUT}, kOverflow{"overflow", LIBUSB_ERROR_OVERFLOW},
+    kPipe{"stall", LIBUSB_ERROR_PIPE}, kInterrupted{"interrupted", LIBUSB_ERROR_INTERRUPTED},
+    kNoMemory{"no-memory", LIBUSB_ERROR_NO_MEM}, kOther{"other", LIBUSB_ERROR_OTHER},
+    kNotSupported{"not-supported", LIBUSB_ERROR_NOT_SUPPORTED},
+    kShort{"short", fake_usb::kShort}, kPartial{"partial-time-out", fake_usb::kPartial},
+    kNothing{"nothing", fake_usb::kNothing};
+
 /// By kind. Where libusb's documentation names no results but "a LIBUSB_ERROR code", these are the
 /// ones that its back end for Linux can return.
 const std::array<KindRow, kKinds> kRows{{

@@ -16,7 +16,6 @@
 #include <thread>
 #include <vector>
 
-#include "sweep/rules.h"
 #include "sweep/run.h"
 
 namespace {
@@ -67,13 +66,20 @@ std::vector<Counted> count() {
         }
         counted.right = counted.right && outcomes[i].right && report.blocks == counted.blocks;
     }
-    for (Counted& counted : result) {
-        for (const Kind kind : counted.scenario->meets) {
-            if (counted.calls(kind) > 0) continue;
-            std::fprintf(stderr, "%s: no call of the kind %s is noticed\n", counted.scenario->name,
-                         name(kind));
+    for (std::size_t kind = 0; kind < kKinds; ++kind) {
+        bool met = false;
+        for (Counted& counted : result) {
+            const auto& meets = counted.scenario->meets;
+            const bool meets_it = counted.calls(Kind(kind)) > 0;
+            met = met || meets_it;
+            if (meets_it || std::find(meets.begin(), meets.end(), Kind(kind)) == meets.end())
+                continue;
+            std::fprintf(stderr, "%s: no call of the kind %s\n", counted.scenario->name,
+                         name(Kind(kind)));
             counted.right = false;
         }
+        if (!met) std::fprintf(stderr, "no call of the kind %s\n", name(Kind(kind)));
+        result.back().right = result.back().right && met;
     }
     return result;
 }
@@ -117,7 +123,7 @@ void print_table(const std::vector<Counted>& all, const std::vector<Job>& jobs,
         for (std::size_t i = 0; i < jobs.size(); ++i) {
             if (jobs[i].scenario != counted.scenario) continue;
             const Report& report = outcomes[i].report;
-            const std::array<bool, 5> marks{true, !report.fired, report.rule != 0, report.set_aside,
+            const std::array<bool, 5> marks{true, !report.fired, report.by_rule, report.set_aside,
                                             !outcomes[i].right};
             for (std::size_t column = 0; column < marks.size(); ++column)
                 row[column + 1] += marks[column] ? 1U : 0U;
@@ -132,13 +138,7 @@ void print_table(const std::vector<Counted>& all, const std::vector<Job>& jobs,
         calls += "\n";
     }
     print("total", total);
-    std::printf("\ncalls, over all threads:\n%s\nrules made use of:", calls.c_str());
-    for (std::size_t i = 0; i < rules().size(); ++i) {
-        const auto uses = std::count_if(outcomes.begin(), outcomes.end(),
-                                        [i](const Outcome& o) { return o.report.rule == i + 1; });
-        std::printf(" %s %td", name(rules()[i].kind), uses);
-    }
-    std::printf("\n");
+    std::printf("\ncalls, over all threads:\n%s", calls.c_str());
 }
 
 /// @return the process's exit status.

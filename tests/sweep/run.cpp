@@ -18,7 +18,6 @@
 #include <memory>
 #include <stdexcept>
 
-#include "sweep/rules.h"
 #include "sweep/system_calls.h"
 
 // AddressSanitizer's leak check; null without it.
@@ -43,6 +42,75 @@ constexpr unsigned kRepeats = 8;
 
 constexpr const char* kNoReport = "no status report";
 
+/// What shows that a rule applies.
+enum class Sign {
+    last_words,       ///< The watcher has ended, with that line.
+    reception_ended,  ///< A transfer of the device is not in flight.
+    frame_lost,       ///< A command got no response.
+    report_lost,      ///< A command got a response, a request for a status report did not.
+};
+
+/// What makes the next exchange work.
+enum class Remedy {
+    restart,            ///< A new client.
+    replug,             ///< The device is plugged in anew.
+    repeat,             ///< Another exchange, and more until the gap is filled.
+    replug_and_repeat,  ///< Both.
+};
+
+struct Rule {
+    Kind kind;
+    std::vector<std::string> results;  ///< Empty for all of the kind.
+    Sign sign;
+    Remedy remedy;
+    std::string line = "";  ///< With Sign::last_words.
+};
+
+// clang-format off
+/// What a single failed call may cost, and what brings it back: the library's promises with their
+/// exceptions. After any other fault the client works as before.
+const std::vector<Rule>& all_rules() {
+    using K = Kind;
+    using R = Remedy;
+    static const std::vector<Rule> all{
+        // A device that answers its probe and cannot be opened right after ends the watcher, unless
+        // it is gone.
+        {K::list, {}, Sign::last_words, R::restart, "Failed to get libusb device list."},
+        {K::descriptor, {}, Sign::last_words, R::restart,
+         "Failed to get libusb device descriptor."},
+        {K::open, {"no-memory", "access", "io", "busy", "other"}, Sign::last_words, R::restart,
+         "Failed to open libusb device."},
+        {K::claim, {"not-found", "busy", "io", "other"}, Sign::last_words, R::restart,
+         "Failed to claim libusb device."},
+        {K::alloc, {}, Sign::last_words, R::restart, "Failed to allocate rx transfer."},
+        // An error on the watcher or in a callback that is not a device's own ends the watcher.
+        {K::memory, {}, Sign::last_words, R::restart, "std::bad_alloc"},
+        // A device that a scan cannot look at counts as gone; the next scan opens it anew, and a
+        // frame that was cut off continues with the next bytes from that address.
+        {K::descriptor, {}, Sign::frame_lost, R::repeat},
+        // Receiving that cannot be started or continued stays ended until the device is plugged in
+        // anew, since only the failure of both channels removes it.
+        {K::submit, {}, Sign::reception_ended, R::replug_and_repeat},
+        {K::completion, {"stall", "no-device"}, Sign::reception_ended, R::replug_and_repeat},
+        // A frame with a gap is dropped, with the beginning of the next one, in either direction.
+        {K::completion, {"error", "time-out"}, Sign::frame_lost, R::repeat},
+        {K::bulk, {"stall", "overflow", "no-device", "invalid-param", "io", "interrupted",
+                   "no-memory", "partial-time-out"}, Sign::frame_lost, R::repeat},
+        // The job channel has no frames: a report that lost a closing brace continues into the next
+        // one until the device is plugged in anew.
+        {K::completion, {"error", "time-out"}, Sign::report_lost, R::replug},
+    };
+    return all;
+}
+// clang-format on
+
+/// @return whether the fault, which has struck, may have had the rule's cost.
+bool covers(const Rule& rule, const Fault& fault) {
+    const auto& of = rule.results;
+    return rule.kind == fault.kind && (rule.kind != Kind::memory || fired_in_reception()) &&
+           (of.empty() || std::find(of.begin(), of.end(), fault.result.name) != of.end());
+}
+
 bool receiving(World& world) {
     libusb_device* const device = world.device().device();
     return fake_usb::in_flight(device, kMessagesIn) && fake_usb::in_flight(device, kJobsIn);
@@ -50,8 +118,8 @@ bool receiving(World& world) {
 
 const Rule* find_rule(World& world, Sign sign) {
     if (world.fault() == nullptr || !fired()) return nullptr;
-    for (const Rule& rule : rules()) {
-        if (rule.sign == sign && rule.covers(*world.fault()) &&
+    for (const Rule& rule : all_rules()) {
+        if (rule.sign == sign && covers(rule, *world.fault()) &&
             (sign != Sign::last_words || rule.line == last_words())) {
             return &rule;
         }
@@ -103,7 +171,7 @@ void check_recovery(World& world, const Scenario& scenario, Report& report) {
     if (!last_words().empty()) sign = Sign::last_words;
     const Rule* const rule = find_rule(world, sign);
     if (rule == nullptr) return world.wrong("the next exchange does not work: " + reason);
-    report.rule = static_cast<unsigned>(rule - rules().data()) + 1;
+    report.by_rule = true;
     const Remedy remedy = rule->remedy;
     if (remedy == Remedy::restart) {
         world.stop();
@@ -185,7 +253,7 @@ bool run_in_world(const Scenario& scenario, const Fault* fault, Report& report) 
 /// @return whether nothing was wrong. Findings stand on standard error, a line each.
 bool run(const Job& job, Report& report) {
     const Shield shield;
-    rules();  // Made at its first use, and kept.
+    all_rules();  // Made at its first use, and kept.
     const long before = live_blocks();
     bool right = run_in_world(*job.scenario, job.fault ? &*job.fault : nullptr, report);
     report.blocks = live_blocks() - before;

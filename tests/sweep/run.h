@@ -7,8 +7,8 @@
 #include <string>
 #include <vector>
 
+#include "sweep/client.h"
 #include "sweep/faults.h"
-#include "sweep/scenarios.h"
 
 namespace sweep {
 
@@ -29,7 +29,7 @@ struct Report {
     long blocks;     ///< Left over at the end.
     bool fired;      ///< Whether the call came that was to fail.
     bool set_aside;  ///< Whether a transfer was kept for good.
-    unsigned rule;   ///< Which rule, counted from 1, was made use of; 0 for none.
+    bool by_rule;    ///< Whether it took a rule's remedy to make the next exchange work.
 };
 
 struct Outcome {

@@ -1,4 +1,5 @@
-#include "sweep/scenarios.h"
+/// @file
+/// What is done while a call fails.
 
 #include <unistd.h>
 
@@ -9,6 +10,7 @@
 #include <thread>
 
 #include "fake_usb/framed.h"
+#include "sweep/client.h"
 #include "sweep/system_calls.h"
 #include "usb/usb.h"
 
