@@ -111,7 +111,7 @@ bool World::call(const char* what, const std::function<void()>& call) {
             dynamic_cast<const JovuException*>(&error) != nullptr ||
             (faulty(Kind::memory) && dynamic_cast<const std::bad_alloc*>(&error) != nullptr) ||
             (faulty(Kind::thread) && dynamic_cast<const std::system_error*>(&error) != nullptr);
-        if (!allowed || (!fired() && !down_)) wrong(std::string(what) + " threw " + error.what());
+        if (!allowed || (!fired && !down_)) wrong(std::string(what) + " threw " + error.what());
     }
     return false;
 }
@@ -146,7 +146,7 @@ bool World::wait(const char* what, const std::function<bool(World&)>& come) {
         if (come(*this)) return true;
         if (client && !last_words().empty()) return false;
         const auto now = Clock::now();
-        if (fault_ != nullptr && fired() && !struck) struck = now;
+        if (fault_ != nullptr && fired && !struck) struck = now;
         if (struck && now - *struck > (fault_->always ? kAlways : kOnce)) return false;
         if (!struck && now - begin > kPatience) break;
         std::this_thread::sleep_for(milliseconds(1));

@@ -58,7 +58,7 @@ private:
 /// Makes the calls of the fake libusb count as calls of the sweep and reach the device.
 void hook_libusb();
 /// How many calls of event handling have failed, interrupted ones left out.
-unsigned failed_event_calls() noexcept;
+inline std::atomic<unsigned> failed_event_calls{0};
 /// @return whether a thread that waits for a response may still be woken.
 bool response_can_come();
 

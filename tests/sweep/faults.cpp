@@ -2,7 +2,6 @@
 
 #include <libusb.h>
 
-#include <atomic>
 #include <cerrno>
 
 #include "usb/usb.h"
@@ -57,10 +56,6 @@ const std::array<KindRow, kKinds> kRows{{
 
 constexpr std::array<const char*, kRoles> kRoleNames{"app", "sender", "watcher", "notice"};
 
-std::atomic<const Fault*> armed{nullptr};
-std::atomic<bool> counting{false};
-std::atomic<bool> struck{false};
-std::atomic<bool> struck_in_reception{false};
 std::array<std::atomic<unsigned>, kKinds * kRoles> met{};
 
 /// The last libusb call that this thread has made.
@@ -68,16 +63,13 @@ thread_local Kind last_call = Kind::init;
 
 bool strikes(Kind kind, const Fault& fault, unsigned position) noexcept {
     if (kind != fault.kind) return false;
-    if (role != fault.role || position != fault.position) return fault.always && struck;
-    struck_in_reception = role == Role::watcher || JovuUsb::in_callback();
-    struck = true;
+    if (role != fault.role || position != fault.position) return fault.always && fired;
+    fired_in_reception = role == Role::watcher || JovuUsb::in_callback();
+    fired = true;
     return true;
 }
 
 }  // namespace
-
-thread_local Role role = Role::app;
-thread_local Role role_of_started = Role::notice;
 
 const char* name(Kind kind) noexcept {
     return kRows[static_cast<std::size_t>(kind)].name;
@@ -92,27 +84,9 @@ std::string Fault::text() const {
            std::to_string(position) + ":" + result.name + (always ? ":always" : ":once");
 }
 
-void arm(const Fault* fault) noexcept {
-    armed = fault;
-    counting = true;
-}
-
-void disarm() noexcept {
-    counting = false;
-    armed = nullptr;
-}
-
-bool fired() noexcept {
-    return struck;
-}
-
-bool fired_in_reception() noexcept {
-    return struck_in_reception;
-}
-
 bool always_fails(Kind kind) noexcept {
-    const Fault* const fault = armed;
-    return fault != nullptr && fault->kind == kind && fault->always && struck;
+    return armed && fault_of_run != nullptr && fault_of_run->kind == kind && fault_of_run->always &&
+           fired;
 }
 
 Counts counts() noexcept {
@@ -123,13 +97,13 @@ Counts counts() noexcept {
 
 int meet(Kind kind) noexcept {
     const bool libusb = kind < Kind::memory;
-    if (!counting || (!libusb && fake_usb::shielded)) return 0;
+    if (!armed || (!libusb && fake_usb::shielded)) return 0;
     // The watcher waits for events over and over; how often is a matter of time. Such waits in a
     // row are one position.
     const bool repeated = kind == Kind::events && last_call == Kind::events;
     if (libusb) last_call = kind;
     const unsigned position = repeated ? 0 : ++met[slot(kind, role)];
-    const Fault* const fault = armed;
+    const Fault* const fault = fault_of_run;
     return fault != nullptr && strikes(kind, *fault, position) ? fault->result.value : 0;
 }
 

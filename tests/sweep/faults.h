@@ -3,6 +3,7 @@
 #pragma once
 
 #include <array>
+#include <atomic>
 #include <cstddef>
 #include <string>
 #include <vector>
@@ -66,14 +67,14 @@ constexpr std::size_t slot(Kind kind, Role role) {
     return static_cast<std::size_t>(kind) * kRoles + static_cast<std::size_t>(role);
 }
 
-/// Begins to count calls. The fault's call fails, if there is a fault.
-void arm(const Fault* fault) noexcept;
-/// Ends it: every call succeeds again.
-void disarm() noexcept;
-/// @return whether the fault's call has failed.
-bool fired() noexcept;
-/// @return whether it failed on the watcher, or while received data was being handled.
-bool fired_in_reception() noexcept;
+/// Whether calls are counted, and one may fail.
+inline std::atomic<bool> armed{false};
+/// The run's fault, null for none. To be set before calls are counted.
+inline const Fault* fault_of_run = nullptr;
+/// Whether the fault's call has failed.
+inline std::atomic<bool> fired{false};
+/// Whether it failed on the watcher, or while received data was being handled.
+inline std::atomic<bool> fired_in_reception{false};
 /// @return whether every call of that kind fails now.
 bool always_fails(Kind kind) noexcept;
 Counts counts() noexcept;
@@ -84,8 +85,8 @@ int meet(Kind kind) noexcept;
 
 /// @name The calling thread's role, and that of the threads that the library starts on it
 /// @{
-extern thread_local Role role;
-extern thread_local Role role_of_started;
+inline thread_local Role role = Role::app;
+inline thread_local Role role_of_started = Role::notice;
 /// @}
 
 }  // namespace sweep

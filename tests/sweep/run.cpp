@@ -104,22 +104,20 @@ const std::vector<Rule>& all_rules() {
 }
 // clang-format on
 
-/// @return whether the fault, which has struck, may have had the rule's cost.
-bool covers(const Rule& rule, const Fault& fault) {
-    const auto& of = rule.results;
-    return rule.kind == fault.kind && (rule.kind != Kind::memory || fired_in_reception()) &&
-           (of.empty() || std::find(of.begin(), of.end(), fault.result.name) != of.end());
-}
-
 bool receiving(World& world) {
     libusb_device* const device = world.device().device();
     return fake_usb::in_flight(device, kMessagesIn) && fake_usb::in_flight(device, kJobsIn);
 }
 
+/// @return the rule by which the run's fault, if it has struck, may show that sign.
 const Rule* find_rule(World& world, Sign sign) {
-    if (world.fault() == nullptr || !fired()) return nullptr;
+    if (world.fault() == nullptr || !fired) return nullptr;
+    const Fault& fault = *world.fault();
+    if (fault.kind == Kind::memory && !fired_in_reception) return nullptr;
     for (const Rule& rule : all_rules()) {
-        if (rule.sign == sign && covers(rule, *world.fault()) &&
+        const auto& of = rule.results;
+        if (rule.sign == sign && rule.kind == fault.kind &&
+            (of.empty() || std::find(of.begin(), of.end(), fault.result.name) != of.end()) &&
             (sign != Sign::last_words || rule.line == last_words())) {
             return &rule;
         }
@@ -220,7 +218,7 @@ void check_leftovers(World& world, Report& report) {
         world.wrong(std::to_string(other_threads()) + " left: threads");
     }
     for (const std::string& finding : fake_usb::finish()) {
-        if (world.fault() != nullptr && fired() && may_stay(*world.fault(), finding)) {
+        if (world.fault() != nullptr && fired && may_stay(*world.fault(), finding)) {
             report.set_aside = true;
         } else {
             world.wrong(finding);
@@ -231,16 +229,17 @@ void check_leftovers(World& world, Report& report) {
 /// @return whether nothing was wrong.
 bool run_in_world(const Scenario& scenario, const Fault* fault, Report& report) {
     World world(fault);
-    arm(fault);
+    fault_of_run = fault;
+    armed = true;
     scenario.run(world);
     if (fault != nullptr && fault->always) world.stop();
     report.counts = counts();
-    report.fired = fired();
-    disarm();
-    if (failed_event_calls() > kFailedEventCalls) {
+    report.fired = fired;
+    armed = false;
+    if (failed_event_calls > kFailedEventCalls) {
         world.wrong("event handling that fails is called without a pause");
     }
-    if (!last_words().empty() && !fired()) world.wrong("the watcher ends: " + last_words());
+    if (!last_words().empty() && !fired) world.wrong("the watcher ends: " + last_words());
     if (world.client) check_recovery(world, scenario, report);
     world.stop();
     world.unplug();
@@ -254,9 +253,9 @@ bool run_in_world(const Scenario& scenario, const Fault* fault, Report& report) 
 bool run(const Job& job, Report& report) {
     const Shield shield;
     all_rules();  // Made at its first use, and kept.
-    const long before = live_blocks();
+    const long before = live_blocks;
     bool right = run_in_world(*job.scenario, job.fault ? &*job.fault : nullptr, report);
-    report.blocks = live_blocks() - before;
+    report.blocks = live_blocks - before;
     if (job.blocks >= 0 && report.blocks != job.blocks && !report.set_aside) {
         right = false;
         std::fprintf(stderr, "%ld blocks of memory are left, not %ld\n", report.blocks, job.blocks);

@@ -68,7 +68,7 @@ void commands(World& world) {
     if (!connect(world)) return;
     for (std::size_t i = 0; i < kCommands; ++i) {
         if (world.command(i)) continue;
-        if (!fired()) world.wrong("command " + std::to_string(i) + " fails");
+        if (!fired) world.wrong("command " + std::to_string(i) + " fails");
         return;
     }
 }
@@ -115,7 +115,7 @@ void events(World& world) {
 
 void status(World& world) {
     if (!connect(world)) return;
-    if (!world.status() && !fired()) world.wrong("no status report comes");
+    if (!world.status() && !fired) world.wrong("no status report comes");
 }
 
 /// A job file. The file system has no name for it.
@@ -144,7 +144,7 @@ void push(World& world) {
             [](double now, std::string /*job*/, void* user) { *static_cast<double*>(user) = now; },
             &percent, false);
     });
-    if (!sent && !fired()) world.wrong("a push fails");
+    if (!sent && !fired) world.wrong("a push fails");
     if (!sent) return;
     if (percent != 100.0) world.wrong("a push that did not throw ended before 100 %");
     // What a transfer moved before it ran out of time is sent once more, and what cannot be read is
@@ -172,7 +172,7 @@ void close(World& world) {
     if (!connect(world)) return;
     const bool closed = world.call("closing", [&] { world.client->close(kAddress); });
     if (!closed) {
-        if (!fired()) world.wrong("closing fails");
+        if (!fired) world.wrong("closing fails");
         return;
     }
     if (world.command(0)) world.wrong("a closed device answers");

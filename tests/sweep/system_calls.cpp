@@ -8,7 +8,6 @@
 
 #include <algorithm>
 #include <array>
-#include <atomic>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -19,19 +18,15 @@
 #include "sweep/device_model.h"
 #include "sweep/faults.h"
 
+using sweep::ahead;
 using sweep::Kind;
 using sweep::meet;
 using sweep::Role;
 
 namespace {
 
-std::atomic<long> live{0};
-
 constexpr std::int64_t kMillisecond = 1000000;  // ns
 constexpr std::int64_t kSecond = 1000 * kMillisecond;
-
-/// How far this thread's clock is ahead, in ns.
-thread_local std::int64_t ahead = 0;
 
 /// Waits that are longer are those for a device's answer,
 constexpr std::int64_t kLongWait = 10 * kSecond;
@@ -51,14 +46,6 @@ timespec time_of(std::int64_t time) {
 }  // namespace
 
 namespace sweep {
-
-long live_blocks() noexcept {
-    return live;
-}
-
-void hurry(std::chrono::milliseconds by) noexcept {
-    ahead += std::chrono::nanoseconds(by).count();
-}
 
 MemoryFile::MemoryFile() : descriptor_(::memfd_create("sweep", MFD_CLOEXEC)) {
     if (descriptor_ < 0) throw std::runtime_error("memfd_create failed");
@@ -87,12 +74,12 @@ void* operator new(std::size_t size) {
     void* const memory =
         meet(Kind::memory) != 0 ? nullptr : std::malloc(std::max<std::size_t>(size, 1));
     if (memory == nullptr) throw std::bad_alloc();
-    ++live;
+    ++sweep::live_blocks;
     return memory;
 }
 
 void operator delete(void* memory) noexcept {
-    if (memory != nullptr) --live;
+    if (memory != nullptr) --sweep::live_blocks;
     std::free(memory);
 }
 
