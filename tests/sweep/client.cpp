@@ -156,10 +156,17 @@ bool World::wait(const char* what, const std::function<bool(World&)>& come) {
 }
 
 bool World::command(std::size_t number) {
+    // The error string is set now, and an exchange clears it first.
+    client->bio_get_version(JovuDeviceAddress{9, 9});
+    const unsigned before = device().requests;
     int result = 0;
     if (!call("a command", [&] { result = run_command(number, *client); })) {
-        // Only for want of memory to build the request; any other failure sets the error string.
+        // Only for want of memory to build the request or to return the result; an exchange that
+        // fails sets the error string.
         if (!faulty(Kind::memory)) wrong("a command threw");
+        if (JovuTransport::last_send_error().empty() && device().requests == before) {
+            wrong("an exchange threw");
+        }
         return false;
     }
     const std::string reason = JovuTransport::last_send_error();
