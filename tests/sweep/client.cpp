@@ -61,7 +61,7 @@ int run_command(std::size_t number, Client& c) {
                             version == nullptr);
         }
         case 1:
-            return c.gpio_input_get(kAddress, gpio_input_name_t{3}, true);
+            return static_cast<int>(c.gpio_input_get(kAddress, gpio_input_name_t{3}, true));
         case 2:
             c.gpio_output_set(kAddress, gpio_name_t{3}, true);
             return kVoid;
