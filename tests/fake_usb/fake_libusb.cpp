@@ -13,6 +13,7 @@
 using fake_usb::Bulk;
 using fake_usb::Call;
 using fake_usb::Sent;
+using fake_usb::Shield;
 using fake_usb::Step;
 using Lock = std::unique_lock<std::mutex>;
 
@@ -67,6 +68,7 @@ struct Bus {
     Owned<libusb_device_handle> handles;
     std::map<libusb_device**, std::vector<libusb_device*>> lists;
     std::map<libusb_transfer*, Flight> transfers;
+    fake_usb::Hook hook{};
     std::map<Call, std::deque<Step>> script;
     std::map<Call, unsigned> calls;
     std::deque<Bulk> bulk_script;
@@ -101,6 +103,9 @@ void drop_reference(libusb_device* device) {
 }
 
 int take_step(Call call) {
+    if (bus.hook.enter != nullptr) {
+        if (const int result = bus.hook.enter(call)) return result;
+    }
     Step step(0);
     {
         const Lock lock(bus.mutex);
@@ -114,6 +119,13 @@ int take_step(Call call) {
     if (step.before) step.before();
     return step.result;
 }
+
+/// The scope of a call.
+struct Entered {
+    explicit Entered(Call call) : result(take_step(call)) {}
+    const Shield shield;
+    const int result;
+};
 
 libusb_transfer* find_in_flight(libusb_device* device, unsigned endpoint) {
     for (const auto& [transfer, flight] : bus.transfers) {
@@ -132,6 +144,15 @@ void queue(libusb_transfer* transfer, libusb_transfer_status status, const std::
     bus.changed.notify_all();
 }
 
+void fail(libusb_transfer& transfer, int status) {
+    transfer.status = static_cast<libusb_transfer_status>(status);
+    if (status == LIBUSB_TRANSFER_TIMED_OUT) {
+        transfer.actual_length /= 2;
+    } else if (status != LIBUSB_TRANSFER_OVERFLOW) {
+        transfer.actual_length = 0;
+    }
+}
+
 void run_callback(Lock& lock, const Completion& done) {
     const auto found = bus.transfers.find(done.transfer);
     if (found == bus.transfers.end()) return;  // Freed in flight, which has been noted.
@@ -140,8 +161,10 @@ void run_callback(Lock& lock, const Completion& done) {
     done.transfer->actual_length = static_cast<int>(done.data.size());
     std::copy(done.data.begin(), done.data.end(), done.transfer->buffer);
     lock.unlock();
+    if (const int status = take_step(Call::completion)) fail(*done.transfer, status);
     bool thrown = false;
     try {
+        const Shield library(false);
         done.transfer->callback(done.transfer);
     } catch (...) {
         thrown = true;
@@ -156,8 +179,6 @@ __attribute__((no_sanitize("thread"))) bool is_set(const int* flag) {
 }
 
 int handle_events(libusb_context* context, std::chrono::milliseconds limit, const int* completed) {
-    const int result = take_step(Call::handle_events);
-    if (result != 0) return result;
     Lock lock(bus.mutex);
     if (bus.contexts.count(context) == 0) return misuse("events of a context that is not there");
     const std::thread::id nobody;
@@ -190,12 +211,6 @@ int handle_events(libusb_context* context, std::chrono::milliseconds limit, cons
     return 0;
 }
 
-int handle_events(libusb_context* context, const timeval* limit, const int* completed) {
-    return handle_events(context,
-                         std::chrono::milliseconds(limit->tv_sec * 1000 + limit->tv_usec / 1000),
-                         completed);
-}
-
 }  // namespace
 
 namespace fake_usb {
@@ -224,6 +239,10 @@ void script(Call call, const std::vector<Step>& steps) {
 unsigned calls(Call call) {
     const Lock lock(bus.mutex);
     return bus.calls[call];
+}
+
+void set_hook(const Hook& hook) {
+    bus.hook = hook;
 }
 
 void script_bulk(const std::vector<Bulk>& steps) {
@@ -310,7 +329,8 @@ std::vector<std::string> finish() {
 }  // namespace fake_usb
 
 int libusb_init(libusb_context** context) {
-    if (const int result = take_step(Call::init)) return result;
+    const Entered call(Call::init);
+    if (call.result != 0) return call.result;
     const Lock lock(bus.mutex);
     *context = create(bus.contexts);
     return 0;
@@ -325,7 +345,8 @@ void libusb_exit(libusb_context* context) {
 }
 
 ssize_t libusb_get_device_list(libusb_context* context, libusb_device*** list) {
-    if (const int result = take_step(Call::list)) return result;
+    const Entered call(Call::list);
+    if (call.result != 0) return call.result;
     const Lock lock(bus.mutex);
     if (bus.contexts.count(context) == 0) return misuse("list of a context that is not there");
     std::vector<libusb_device*> found;
@@ -371,7 +392,8 @@ void libusb_unref_device(libusb_device* device) {
 }
 
 int libusb_get_device_descriptor(libusb_device* device, libusb_device_descriptor* descriptor) {
-    if (const int result = take_step(Call::descriptor)) return result;
+    const Entered call(Call::descriptor);
+    if (call.result != 0) return call.result;
     *descriptor = {};
     descriptor->idVendor = device->vendor;
     descriptor->idProduct = device->product;
@@ -391,7 +413,8 @@ std::uint8_t libusb_get_port_number(libusb_device* device) {
 }
 
 int libusb_open(libusb_device* device, libusb_device_handle** handle) {
-    if (const int result = take_step(Call::open)) return result;
+    const Entered call(Call::open);
+    if (call.result != 0) return call.result;
     const Lock lock(bus.mutex);
     if (!device->plugged) return LIBUSB_ERROR_NO_DEVICE;
     ++device->references;
@@ -423,7 +446,8 @@ void libusb_close(libusb_device_handle* handle) {
 }
 
 int libusb_claim_interface(libusb_device_handle* handle, int interface) {
-    if (const int result = take_step(Call::claim)) return result;
+    const Entered call(Call::claim);
+    if (call.result != 0) return call.result;
     const Lock lock(bus.mutex);
     if (!handle->device->plugged) return LIBUSB_ERROR_NO_DEVICE;
     if (interface != 0 || handle->claimed) misuse("claim of another interface or twice");
@@ -432,14 +456,17 @@ int libusb_claim_interface(libusb_device_handle* handle, int interface) {
 }
 
 int libusb_release_interface(libusb_device_handle* handle, int interface) {
+    // Whatever the result, the interface is free once the handle is closed.
+    const Entered call(Call::release);
     const Lock lock(bus.mutex);
     if (interface != 0 || !handle->claimed) misuse("release of what is not claimed");
     handle->claimed = false;
-    return 0;
+    return call.result;
 }
 
 libusb_transfer* libusb_alloc_transfer(int /*iso_packets*/) {
-    if (take_step(Call::alloc) != 0) return nullptr;
+    const Entered call(Call::alloc);
+    if (call.result != 0) return nullptr;
     const Lock lock(bus.mutex);
     auto* const transfer = new libusb_transfer{};
     bus.transfers[transfer] = Flight::idle;
@@ -463,8 +490,9 @@ void libusb_free_transfer(libusb_transfer* transfer) {
 }
 
 int libusb_submit_transfer(libusb_transfer* transfer) {
-    if (const int result = take_step(Call::submit)) return result;
-    const Lock lock(bus.mutex);
+    const Entered call(Call::submit);
+    if (call.result != 0) return call.result;
+    Lock lock(bus.mutex);
     if (bus.handles.count(transfer->dev_handle) == 0) return misuse("submission without a handle");
     if (transfer->type != LIBUSB_TRANSFER_TYPE_BULK || transfer->timeout != 0 ||
         transfer->length != 64) {
@@ -474,11 +502,14 @@ int libusb_submit_transfer(libusb_transfer* transfer) {
     if (flight != Flight::idle) return misuse("submission of a transfer in flight");
     if (!transfer->dev_handle->device->plugged) return LIBUSB_ERROR_NO_DEVICE;
     flight = Flight::in_flight;
+    lock.unlock();
+    if (bus.hook.submitted != nullptr) bus.hook.submitted();
     return 0;
 }
 
 int libusb_cancel_transfer(libusb_transfer* transfer) {
-    if (const int result = take_step(Call::cancel)) return result;
+    const Entered call(Call::cancel);
+    if (call.result != 0) return call.result;
     const Lock lock(bus.mutex);
     if (bus.transfers.count(transfer) == 0) return misuse("cancellation of a freed transfer");
     if (bus.transfers[transfer] != Flight::in_flight) return LIBUSB_ERROR_NOT_FOUND;
@@ -488,6 +519,11 @@ int libusb_cancel_transfer(libusb_transfer* transfer) {
 
 int libusb_bulk_transfer(libusb_device_handle* handle, unsigned char endpoint, unsigned char* data,
                          int length, int* transferred, unsigned timeout) {
+    const Entered call(Call::bulk);
+    *transferred = 0;
+    if (call.result < 0) return call.result;
+    if (call.result == fake_usb::kNothing) return 0;
+    if (call.result != 0) length = (length + 1) / 2;
     Lock lock(bus.mutex);
     if (bus.handles.count(handle) == 0) return misuse("bulk transfer without a handle");
     libusb_context* const context = handle->context;
@@ -514,7 +550,13 @@ int libusb_bulk_transfer(libusb_device_handle* handle, unsigned char endpoint, u
     bus.sent.push_back({endpoint, {data, data + length}, timeout});
     if (!handle->device->plugged) step = {LIBUSB_ERROR_NO_DEVICE, 0};
     *transferred = step.transferred == Bulk::kAll ? length : step.transferred;
-    return step.result;
+    libusb_device* const device = handle->device;
+    lock.unlock();
+    if (bus.hook.sent != nullptr && step.result == 0 && *transferred > 0) {
+        bus.hook.sent(device, endpoint, {data, data + *transferred});
+    }
+    return call.result == fake_usb::kPartial && step.result == 0 ? LIBUSB_ERROR_TIMEOUT
+                                                                 : step.result;
 }
 
 void libusb_interrupt_event_handler(libusb_context* context) {
@@ -523,11 +565,10 @@ void libusb_interrupt_event_handler(libusb_context* context) {
     bus.changed.notify_all();
 }
 
-int libusb_handle_events_timeout(libusb_context* context, timeval* limit) {
-    return handle_events(context, limit, nullptr);
-}
-
 int libusb_handle_events_timeout_completed(libusb_context* context, timeval* limit,
                                            int* completed) {
-    return handle_events(context, limit, completed);
+    const Entered call(Call::handle_events);
+    if (call.result != 0) return call.result;
+    const std::chrono::milliseconds wait(limit->tv_sec * 1000 + limit->tv_usec / 1000);
+    return handle_events(context, wait, completed);
 }

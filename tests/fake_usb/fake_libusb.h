@@ -13,12 +13,24 @@
 #include <cstdint>
 #include <functional>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace fake_usb {
 
-/// The calls that can be scripted and are counted.
-enum class Call { init, list, descriptor, open, claim, alloc, submit, cancel, handle_events };
+// clang-format off
+/// The calls that can be scripted and are counted. `completion` is no call but the status with which
+/// a receive transfer ends.
+enum class Call { init, list, descriptor, open, claim, release, alloc, submit, cancel,
+                  handle_events, bulk, completion };
+// clang-format on
+
+/// @name What a step of Call::bulk may return besides libusb's errors
+/// @{
+inline constexpr int kShort = 1;    ///< Success, half of the data moved.
+inline constexpr int kPartial = 2;  ///< A time-out, half of the data moved.
+inline constexpr int kNothing = 3;  ///< Success, no data moved.
+/// @}
 
 /// What one call does: runs `before` on the calling thread with no lock held, then returns a result
 /// (other than 0: without having done anything; for an allocation: null).
@@ -52,6 +64,30 @@ void unplug(libusb_device* device, bool silently = false);
 /// Says what the next calls do; calls past the script succeed.
 void script(Call call, const std::vector<Step>& steps);
 unsigned calls(Call call);
+
+/// Functions that take part in every call, on the calling thread and with no lock held.
+struct Hook {
+    int (*enter)(Call call);  ///< Before the call. Returns as a Step does.
+    void (*submitted)();      ///< A receive transfer is in flight.
+    void (*sent)(libusb_device* device, unsigned endpoint, const std::string& bytes);
+};
+/// To be called while no thread uses the fake. The hook stays for the life of the process.
+void set_hook(const Hook& hook);
+
+/// Whether the calling thread runs the fake or the test, as opposed to the library.
+inline thread_local bool shielded = false;
+
+/// Sets `shielded` for a scope.
+class Shield {
+public:
+    explicit Shield(bool on = true) noexcept : before_(std::exchange(shielded, on)) {}
+    ~Shield() { shielded = before_; }
+    Shield(const Shield&) = delete;
+    Shield& operator=(const Shield&) = delete;
+
+private:
+    const bool before_;
+};
 
 void script_bulk(const std::vector<Bulk>& steps);
 std::vector<Sent> sent();

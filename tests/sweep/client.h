@@ -3,11 +3,13 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <functional>
 #include <list>
 #include <mutex>
 #include <optional>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "jovu/client.h"
@@ -16,7 +18,18 @@
 
 namespace sweep {
 
-/// Notes down what it is told. What its handlers do by themselves does not fail.
+/// @return whether the condition holds before far more time has passed than anything takes.
+template <class Condition>
+bool eventually(Condition condition) {
+    const auto begin = std::chrono::steady_clock::now();
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() - begin > std::chrono::seconds(10)) return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+    return true;
+}
+
+/// Records notifications. What its handlers do by themselves does not fail.
 class Client : public JovuClient {
 public:
     explicit Client(const JovuScanPause& = JovuScanPause()) {}
@@ -24,11 +37,25 @@ public:
 
     void device_connected(JovuDeviceAddress /*address*/) override { ++connects; }
     void device_disconnected(JovuDeviceAddress /*address*/) override { ++disconnects; }
-    void debug_event(JovuDeviceAddress address, std::shared_ptr<char> text) override;
-    void servo_dc_trace_event(JovuDeviceAddress address, servo_trace_msg sample) override;
-    void StatusReceived(JovuDeviceAddress address, StatusMsg status) override;
+    void debug_event(JovuDeviceAddress /*address*/, std::shared_ptr<char> text) override {
+        const Shield shield;
+        record(text == nullptr ? "nothing" : text.get());
+    }
+    void servo_dc_trace_event(JovuDeviceAddress /*address*/, servo_trace_msg sample) override {
+        const Shield shield;
+        record(std::to_string(sample.int_cnt) + " " + std::to_string(sample.pos));
+    }
+    void StatusReceived(JovuDeviceAddress /*address*/, StatusMsg status) override {
+        wrong_status = wrong_status || status.printer.model_name != "Model" ||
+                       status.extruder_temperature != 21.5 || status.progress != 25 ||
+                       status.idle_time != 7;
+        ++statuses;
+    }
 
-    std::vector<std::string> events() const;
+    std::vector<std::string> events() const {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        return events_;
+    }
 
     std::atomic<unsigned> connects{0};
     std::atomic<unsigned> disconnects{0};
@@ -36,7 +63,10 @@ public:
     std::atomic<bool> wrong_status{false};
 
 private:
-    void note(std::string event);
+    void record(const std::string& event) {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        events_.push_back(event);
+    }
 
     mutable std::mutex mutex_;
     std::vector<std::string> events_;
@@ -48,7 +78,7 @@ public:
     /// @param fault null for a run without one.
     explicit World(const Fault* fault) : fault_(fault) {}
 
-    /// Tells of a fault of the library, on standard error.
+    /// Reports a fault of the library, on standard error.
     void wrong(const std::string& what);
     /// @return whether there was none.
     bool right() const { return right_; }
@@ -57,12 +87,12 @@ public:
     bool faulty(Kind kind) const { return fault_ != nullptr && fault_->kind == kind; }
     const Fault* fault() const { return fault_; }
 
-    DeviceModel& plug() { return devices_.emplace_back(); }
+    void plug() { devices_.emplace_back(); }
     DeviceModel& device() { return devices_.back(); }
-    bool plugged() const { return !devices_.empty(); }
+    void unplug();
 
     void start();
-    /// Takes the client off the link; from then on calls may fail without a fault.
+    /// Shuts the client down; from then on calls may fail without a fault.
     void shut_down();
     void stop();
 
@@ -71,18 +101,8 @@ public:
     bool wait(const char* what, const std::function<bool(World&)>& come);
 
     /// Makes a call of the library.
-    /// @return whether it went through. What it throws has to be what it is documented to throw.
-    template <class Call>
-    bool call(const char* what, Call call) {
-        try {
-            const Exposed exposed;
-            call();
-            return true;
-        } catch (const std::exception& error) {
-            check_exception(what, error);
-        }
-        return false;
-    }
+    /// @return whether it succeeded. It may throw what it is documented to throw.
+    bool call(const char* what, const std::function<void()>& call);
 
     /// Runs one command, and checks that it gives the right result, or a reason and nothing else.
     /// @return whether it gave the right result.
@@ -94,8 +114,6 @@ public:
     std::optional<Client> client;
 
 private:
-    void check_exception(const char* what, const std::exception& error);
-
     const Fault* const fault_;
     std::list<DeviceModel> devices_;
     std::atomic<bool> right_{true};
@@ -103,13 +121,25 @@ private:
 };
 
 /// How many commands World::command() knows.
-extern const std::size_t kCommands;
+inline constexpr std::size_t kCommands = 10;
 
-/// What the watcher has said before it ended, between the dash and the full stop; empty while it
+/// What is done while a call fails.
+struct Scenario {
+    const char* name;
+    /// Leaves the client running, for the check that it still works, or takes it down itself.
+    void (*run)(World&);
+    /// Kinds of calls that it has to meet: the sweep is blind to one that it does not.
+    std::vector<Kind> meets;
+    bool closes = false;  ///< The device is closed at its end, and comes back when plugged in anew.
+};
+
+const std::vector<Scenario>& scenarios();
+
+/// What the watcher printed before it ended, between the dash and the full stop; empty while it
 /// lives. Read from standard output, which has to be a file.
 std::string last_words();
 
-/// Forgets them: another watcher will have its own.
+/// Ignores them from now on: another watcher will have its own.
 void forget_last_words();
 
 }  // namespace sweep

@@ -1,16 +1,18 @@
 #include "sweep/device_model.h"
 
-#include <algorithm>
 #include <atomic>
+#include <chrono>
+#include <thread>
 
 #include "fake_usb/fake_libusb.h"
 #include "fake_usb/framed.h"
 #include "sweep/faults.h"
+#include "sweep/system_calls.h"
 
 namespace sweep {
 namespace {
 
-using Lock = std::lock_guard<std::mutex>;
+using Lock = std::lock_guard<std::recursive_mutex>;
 
 constexpr std::size_t kPacket = 64;
 
@@ -41,31 +43,36 @@ constexpr const char* kStatus =
     R"("build_plate":"clean","filament":"loaded","extruder_temperature":21.5},"job":{"id":"",)"
     R"("progress":25,"file":"part","time_elapsed":5},"time":{"boot":6,"idle":7},"error":0})";
 
-/// What stands in a text between two others; empty when they are not there.
-std::string between(const std::string& text, const std::string& begin, const std::string& end) {
-    const std::size_t from = text.find(begin);
-    if (from == std::string::npos) return "";
-    const std::size_t first = from + begin.size();
-    const std::size_t last = text.find(end, first);
-    return last == std::string::npos ? "" : text.substr(first, last - first);
-}
-
 std::atomic<DeviceModel*> current{nullptr};
 
-std::mutex handles_mutex;
-std::map<libusb_device_handle*, libusb_device*>& handles() {
-    static std::map<libusb_device_handle*, libusb_device*> all;
-    return all;
+int enter(fake_usb::Call call) {
+    const auto kind = static_cast<Kind>(call);
+    const int fault = meet(kind);
+    if (kind != Kind::events) return fault;
+    if (fault == 0) {
+        ahead += kHurry;
+    } else if (fault != LIBUSB_ERROR_INTERRUPTED) {
+        ++failed_event_calls;
+    } else {
+        // It takes a signal, and those take time.
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    return fault;
+}
+
+void pump_current() {
+    if (DeviceModel* const model = current) model->pump();
+}
+
+void deliver(libusb_device* device, unsigned endpoint, const std::string& bytes) {
+    DeviceModel* const model = current;
+    if (model != nullptr && model->device() == device) model->received(endpoint, bytes);
 }
 
 }  // namespace
 
 DeviceModel::DeviceModel() : device_(fake_usb::plug(kAddress.bus, kAddress.address)) {
     current = this;
-}
-
-DeviceModel::~DeviceModel() {
-    unplug();
 }
 
 void DeviceModel::unplug() {
@@ -77,48 +84,22 @@ void DeviceModel::unplug() {
     fake_usb::unplug(device_);
 }
 
-void DeviceModel::mute() {
-    const Lock lock(mutex_);
-    mute_ = true;
-}
-
-unsigned DeviceModel::requests() const {
-    const Lock lock(mutex_);
-    return requests_;
-}
-
 std::string DeviceModel::job_bytes() const {
     const Lock lock(mutex_);
     return jobs_in_;
 }
 
-bool DeviceModel::silent_for_now() const {
-    const Lock lock(mutex_);
-    return mute_;
-}
-
-void DeviceModel::send(unsigned endpoint, const std::string& bytes) {
-    const Lock lock(mutex_);
-    queue(endpoint, bytes);
-}
-
-void DeviceModel::pump() {
-    const Lock lock(mutex_);
-    post();
-}
-
-void DeviceModel::received(unsigned char endpoint, const unsigned char* data, std::size_t size) {
+void DeviceModel::received(unsigned endpoint, const std::string& bytes) {
     const Lock lock(mutex_);
     if (endpoint == kMessagesOut) {
-        in_.append(data, data + size);
-        read_messages();
-        return;
+        in_ += bytes;
+        return read_messages();
     }
-    jobs_in_.append(data, data + size);
-    const std::string request = kStatusRequest;
-    if (!mute_ && jobs_in_.size() >= request.size() &&
+    jobs_in_ += bytes;
+    const std::string request = R"({"metadata":{"version":1,"type":"status"}})";
+    if (!mute && jobs_in_.size() >= request.size() &&
         jobs_in_.compare(jobs_in_.size() - request.size(), request.size(), request) == 0) {
-        queue(kJobsIn, kStatus);
+        send(kJobsIn, kStatus);
     }
 }
 
@@ -139,36 +120,36 @@ void DeviceModel::read_messages() {
         const std::string body = in_.substr(kHeader, length - 1);
         const bool whole = in_[kHeader + length - 1] == ';';
         in_.erase(0, kHeader + length - (whole ? 0 : 1));
-        if (whole) answer(body);
+        if (whole) respond(body);
     }
 }
 
-void DeviceModel::answer(const std::string& body) {
-    const std::string id = between(body, R"("id":)", "}");
-    const std::string name = between(body, R"("name":")", "\"");
-    const std::string command = between(body, R"("command":{)", "}}}");
-    if (id.empty() || name.empty()) return;
-    ++requests_;
-    if (mute_) return;
-    const auto value = returned_values().find(name);
-    const std::string returned = value == returned_values().end() ? "0" : value->second;
-    // The closing brackets of arguments go with the separator that was looked for.
-    const auto open = [&command](char bracket) {
-        return std::count(command.begin(), command.end(), bracket);
-    };
-    const std::string closing(static_cast<std::size_t>(open('{') - open('}')), '}');
-    queue(kMessagesIn, test::framed(R"({"transport":{"attrs":["response"],"id":)" + id +
-                                    R"(},"data":{"command":{)" + command + closing +
-                                    R"(,"__return__":)" + returned + "}}}"));
+/// The response is the request with other attributes and the returned value.
+void DeviceModel::respond(const std::string& body) {
+    const std::string before_name = R"("name":")", before_id = R"(],"id":)", end = "}}}";
+    const std::size_t name = body.find(before_name), id = body.find(before_id);
+    if (name == std::string::npos || id == std::string::npos || body.size() < id + end.size()) {
+        return;
+    }
+    ++requests;
+    if (mute) return;
+    const std::size_t begin = name + before_name.size();
+    const auto value = returned_values().find(body.substr(begin, body.find('"', begin) - begin));
+    send(kMessagesIn,
+         test::framed(R"({"transport":{"attrs":["response")" +
+                      body.substr(id, body.size() - end.size() - id) + R"(,"__return__":)" +
+                      (value == returned_values().end() ? "0" : value->second) + end));
 }
 
-void DeviceModel::queue(unsigned endpoint, const std::string& bytes) {
+void DeviceModel::send(unsigned endpoint, const std::string& bytes) {
+    const Lock lock(mutex_);
     for (std::size_t at = 0; at < bytes.size(); at += kPacket)
         out_[endpoint].push_back(bytes.substr(at, kPacket));
-    post();
+    pump();
 }
 
-void DeviceModel::post() {
+void DeviceModel::pump() {
+    const Lock lock(mutex_);
     if (!plugged_) return;
     for (auto& [endpoint, packets] : out_) {
         if (!packets.empty() &&
@@ -178,36 +159,14 @@ void DeviceModel::post() {
     }
 }
 
-void opened(libusb_device_handle* handle, libusb_device* device) {
-    const Lock lock(handles_mutex);
-    handles()[handle] = device;
+void hook_libusb() {
+    fake_usb::set_hook({enter, pump_current, deliver});
 }
 
-void closed(libusb_device_handle* handle) {
-    const Lock lock(handles_mutex);
-    handles().erase(handle);
-}
-
-void received(libusb_device_handle* handle, unsigned char endpoint, const unsigned char* data,
-              std::size_t size) {
-    libusb_device* device = nullptr;
-    {
-        const Lock lock(handles_mutex);
-        device = handles()[handle];
-    }
-    DeviceModel* const model = current;
-    if (model != nullptr && model->device() == device) model->received(endpoint, data, size);
-}
-
-void pump() {
-    DeviceModel* const model = current;
-    if (model != nullptr) model->pump();
-}
-
-bool answer_can_come() {
-    if (fails_for_good(Kind::events)) return false;
+bool response_can_come() {
+    if (always_fails(Kind::events)) return false;
     const DeviceModel* const model = current;
-    return fake_usb::untold() || (model != nullptr && model->silent_for_now());
+    return fake_usb::untold() || (model != nullptr && model->mute);
 }
 
 }  // namespace sweep

@@ -1,19 +1,23 @@
 #include "sweep/run.h"
 
-#include <dirent.h>
+#include <sys/mman.h>
+#include <sys/prctl.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
-#include <chrono>
+#include <algorithm>
+#include <array>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
-#include <exception>
+#include <cstring>
+#include <filesystem>
+#include <iterator>
+#include <map>
 #include <memory>
-#include <string>
-#include <thread>
+#include <stdexcept>
 
-#include "fake_usb/fake_libusb.h"
-#include "sweep/client.h"
-#include "sweep/libusb_calls.h"
-#include "sweep/rules.h"
 #include "sweep/system_calls.h"
 
 // AddressSanitizer's leak check; null without it.
@@ -24,77 +28,115 @@ namespace sweep {
 namespace {
 
 using Clock = std::chrono::steady_clock;
-using std::chrono::milliseconds;
 
-constexpr milliseconds kPatience{10000};
-
-/// How long a transfer has to be out of flight before reception counts as ended: long enough for
+/// How long a transfer has to be out of flight before receiving counts as ended: long enough for
 /// several scans of the bus in hurried time.
-constexpr milliseconds kEnded{300};
+constexpr std::chrono::milliseconds kReceiveGap{300};
 
-/// How often event handling may be called in vain: in the three seconds at most that a closing
-/// device's transfers are waited for, with a decent pause each time.
+/// How often event handling may be called without effect: in the three seconds at most that a
+/// closing device's transfers are waited for, with a decent pause each time.
 constexpr unsigned kFailedEventCalls = 500;
 
 /// How many frames one may swallow that was cut off: it is a few hundred bytes long, and they 90.
 constexpr unsigned kRepeats = 8;
 
-template <class Condition>
-bool eventually(Condition condition) {
-    const auto begin = Clock::now();
-    while (!condition()) {
-        if (Clock::now() - begin > kPatience) return false;
-        std::this_thread::sleep_for(milliseconds(5));
-    }
-    return true;
-}
+constexpr const char* kNoReport = "no status report";
 
-[[noreturn]] void terminated() {
-    const Shield shield;
-    std::string what = "without an exception";
-    try {
-        if (const std::exception_ptr error = std::current_exception()) {
-            what = "an exception of an odd type";
-            std::rethrow_exception(error);
-        }
-    } catch (const std::exception& error) {
-        what = error.what();
-    } catch (...) {
-        // Its type is not known, and has been named so.
-    }
-    std::fprintf(stderr, "std::terminate was called: %s\n", what.c_str());
-    std::_Exit(1);
+/// What shows that a rule applies.
+enum class Sign {
+    last_words,       ///< The watcher has ended, with that line.
+    reception_ended,  ///< A transfer of the device is not in flight.
+    frame_lost,       ///< A command got no response.
+    report_lost,      ///< A command got a response, a request for a status report did not.
+};
+
+/// What makes the next exchange work.
+enum class Remedy {
+    restart,            ///< A new client.
+    replug,             ///< The device is plugged in anew.
+    repeat,             ///< Another exchange, and more until the gap is filled.
+    replug_and_repeat,  ///< Both.
+};
+
+struct Rule {
+    Kind kind;
+    std::vector<std::string> results;  ///< Empty for all of the kind.
+    Sign sign;
+    Remedy remedy;
+    std::string line = "";  ///< With Sign::last_words.
+};
+
+// clang-format off
+/// What a single failed call may cost, and what brings it back: the library's promises with their
+/// exceptions. After any other fault the client works as before.
+const std::vector<Rule>& all_rules() {
+    using K = Kind;
+    using R = Remedy;
+    static const std::vector<Rule> all{
+        // A device that answers its probe and cannot be opened right after ends the watcher, unless
+        // it is gone.
+        {K::list, {}, Sign::last_words, R::restart, "Failed to get libusb device list."},
+        {K::descriptor, {}, Sign::last_words, R::restart,
+         "Failed to get libusb device descriptor."},
+        {K::open, {"no-memory", "access", "io", "busy", "other"}, Sign::last_words, R::restart,
+         "Failed to open libusb device."},
+        {K::claim, {"not-found", "busy", "io", "other"}, Sign::last_words, R::restart,
+         "Failed to claim libusb device."},
+        {K::alloc, {}, Sign::last_words, R::restart, "Failed to allocate rx transfer."},
+        // An error on the watcher or in a callback that is not a device's own ends the watcher.
+        {K::memory, {}, Sign::last_words, R::restart, "std::bad_alloc"},
+        // A device that a scan cannot look at counts as gone; the next scan opens it anew, and a
+        // frame that was cut off continues with the next bytes from that address.
+        {K::descriptor, {}, Sign::frame_lost, R::repeat},
+        // Receiving that cannot be started or continued stays ended until the device is plugged in
+        // anew, since only the failure of both channels removes it.
+        {K::submit, {}, Sign::reception_ended, R::replug_and_repeat},
+        {K::completion, {"stall", "no-device"}, Sign::reception_ended, R::replug_and_repeat},
+        // A frame with a gap is dropped, with the beginning of the next one, in either direction.
+        {K::completion, {"error", "time-out"}, Sign::frame_lost, R::repeat},
+        {K::bulk, {"stall", "overflow", "no-device", "invalid-param", "io", "interrupted",
+                   "no-memory", "partial-time-out"}, Sign::frame_lost, R::repeat},
+        // The job channel has no frames: a report that lost a closing brace continues into the next
+        // one until the device is plugged in anew.
+        {K::completion, {"error", "time-out"}, Sign::report_lost, R::replug},
+    };
+    return all;
 }
+// clang-format on
 
 bool receiving(World& world) {
     libusb_device* const device = world.device().device();
     return fake_usb::in_flight(device, kMessagesIn) && fake_usb::in_flight(device, kJobsIn);
 }
 
+/// @return the rule by which the run's fault, if it has struck, may show that sign.
 const Rule* find_rule(World& world, Sign sign) {
-    if (world.fault() == nullptr || !fired()) return nullptr;
-    for (const Rule& rule : rules()) {
-        if (rule.sign == sign && rule.covers(*world.fault()) &&
-            (sign != Sign::last_words || rule.words == last_words())) {
+    if (world.fault() == nullptr || !fired) return nullptr;
+    const Fault& fault = *world.fault();
+    if (fault.kind == Kind::memory && !fired_in_reception) return nullptr;
+    for (const Rule& rule : all_rules()) {
+        const auto& of = rule.results;
+        if (rule.sign == sign && rule.kind == fault.kind &&
+            (of.empty() || std::find(of.begin(), of.end(), fault.result.name) != of.end()) &&
+            (sign != Sign::last_words || rule.line == last_words())) {
             return &rule;
         }
     }
     return nullptr;
 }
 
-/// Why an exchange failed: because the device has not been opened yet, or an earlier one has not
-/// been taken off yet?
+/// @return whether an exchange failed because the device has not been opened yet, or because an
+/// earlier one has not been removed yet.
 bool not_there_yet(const std::string& reason) {
-    return reason == "Transport Error - Device has been disconnected." ||
-           reason == "Transport Error - No response received." ||
-           reason == "Send failed - Device no longer connected." ||
-           reason == "Send failed - libusb error: -4";
+    constexpr std::array<const char*, 4> kReasons{"Transport Error - Device has been disconnected.",
+                                                  "Transport Error - No response received.",
+                                                  "Send failed - Device no longer connected.",
+                                                  "Send failed - libusb error: -4"};
+    return std::find(kReasons.begin(), kReasons.end(), reason) != kReasons.end();
 }
 
-constexpr const char* kNoReport = "no status report";
-
-/// A command and a status report, as soon as the device can be talked to.
-/// @param may_end whether it may be that the device is not received from for good.
+/// A command and a status report, as soon as the device can be used.
+/// @param may_end whether receiving from the device may have ended permanently.
 bool exchange(World& world, std::string& reason, bool may_end = false) {
     auto received = Clock::now();
     bool answered = false;
@@ -105,7 +147,7 @@ bool exchange(World& world, std::string& reason, bool may_end = false) {
         reason = JovuTransport::last_send_error();
         if (answered || !not_there_yet(reason)) return true;
         if (receiving(world)) received = Clock::now();
-        return may_end && Clock::now() - received > kEnded;
+        return may_end && Clock::now() - received > kReceiveGap;
     });
     if (!decided || !answered) return false;
     reason = kNoReport;
@@ -113,7 +155,7 @@ bool exchange(World& world, std::string& reason, bool may_end = false) {
 }
 
 void replug(World& world) {
-    world.device().unplug();
+    world.unplug();
     world.plug();
 }
 
@@ -121,40 +163,30 @@ void replug(World& world) {
 void check_recovery(World& world, const Scenario& scenario, Report& report) {
     if (scenario.closes) replug(world);
     std::string reason;
-    const bool may_end = find_rule(world, Sign::reception_ended) != nullptr;
-    if (exchange(world, reason, may_end)) return;
-    const Rule* rule = nullptr;
-    if (!last_words().empty()) {
-        rule = find_rule(world, Sign::last_words);
-    } else if (!receiving(world)) {
-        rule = find_rule(world, Sign::reception_ended);
-    } else {
-        rule = find_rule(world, reason == kNoReport ? Sign::report_lost : Sign::frame_lost);
-    }
+    if (exchange(world, reason, find_rule(world, Sign::reception_ended) != nullptr)) return;
+    Sign sign = reason == kNoReport ? Sign::report_lost : Sign::frame_lost;
+    if (!receiving(world)) sign = Sign::reception_ended;
+    if (!last_words().empty()) sign = Sign::last_words;
+    const Rule* const rule = find_rule(world, sign);
     if (rule == nullptr) return world.wrong("the next exchange does not work: " + reason);
-    report.rule = static_cast<unsigned>(rule - rules().data()) + 1;
-    switch (rule->remedy) {
-        case Remedy::restart:
-            world.stop();
-            forget_last_words();
-            world.start();
-            if (!world.client) return world.wrong("the link cannot be started again");
-            break;
-        case Remedy::replug:
-        case Remedy::replug_and_repeat:
-            replug(world);
-            break;
-        case Remedy::repeat:
-            break;
+    report.by_rule = true;
+    const Remedy remedy = rule->remedy;
+    if (remedy == Remedy::restart) {
+        world.stop();
+        forget_last_words();
+        world.start();
+        if (!world.client) return world.wrong("the client cannot be started again");
+    } else if (remedy != Remedy::repeat) {
+        replug(world);
     }
-    const bool repeat = rule->remedy == Remedy::repeat || rule->remedy == Remedy::replug_and_repeat;
+    const bool repeat = remedy == Remedy::repeat || remedy == Remedy::replug_and_repeat;
     for (unsigned tries = repeat ? kRepeats : 1; tries > 0; --tries) {
         if (exchange(world, reason)) return;
     }
     world.wrong("the remedy does not help: " + reason);
 }
 
-/// No lock is taken, and nothing remembered, that a new client would have to suffer for.
+/// No lock is held and no state kept that would impair a new client.
 void check_new_client(World& world) {
     forget_last_words();
     world.plug();
@@ -166,21 +198,27 @@ void check_new_client(World& world) {
     if (!last_words().empty()) world.wrong("a new client's watcher ends: " + last_words());
 }
 
-std::size_t threads() {
-    const std::unique_ptr<DIR, int (*)(DIR*)> folder(::opendir("/proc/self/task"), ::closedir);
-    std::size_t count = 0;
-    while (const dirent* const entry = ::readdir(folder.get()))
-        count += entry->d_name[0] != '.' ? 1 : 0;
-    return count;
+std::ptrdiff_t other_threads() {
+    const std::filesystem::directory_iterator tasks("/proc/self/task");
+    return std::distance(begin(tasks), end(tasks)) - 1;
+}
+
+/// @return whether fake_usb::finish() may find that left when a call fails always while a device is
+/// closed: libusb does not return a transfer, so that, its handle and its context are kept.
+bool may_stay(const Fault& fault, const std::string& finding) {
+    constexpr std::array<const char*, 4> kKept{" left: transfers", " left: handles",
+                                               " left: contexts", " left: device references"};
+    return fault.always && (fault.kind == Kind::cancel || fault.kind == Kind::events) &&
+           std::any_of(kKept.begin(), kKept.end(),
+                       [&](const char* what) { return finding.find(what) != std::string::npos; });
 }
 
 void check_leftovers(World& world, Report& report) {
-    if (!eventually([] { return threads() == 1; })) {
-        world.wrong(std::to_string(threads() - 1) + " left: threads");
+    if (!eventually([] { return other_threads() == 0; })) {
+        world.wrong(std::to_string(other_threads()) + " left: threads");
     }
     for (const std::string& finding : fake_usb::finish()) {
-        if (world.fault() != nullptr && fired() && may_set_aside(*world.fault()) &&
-            is_set_aside(finding)) {
+        if (world.fault() != nullptr && fired && may_stay(*world.fault(), finding)) {
             report.set_aside = true;
         } else {
             world.wrong(finding);
@@ -191,47 +229,107 @@ void check_leftovers(World& world, Report& report) {
 /// @return whether nothing was wrong.
 bool run_in_world(const Scenario& scenario, const Fault* fault, Report& report) {
     World world(fault);
-    arm(fault);
+    fault_of_run = fault;
+    armed = true;
     scenario.run(world);
-    const bool once = fault == nullptr || !fault->always;
-    if (!once) world.stop();
+    if (fault != nullptr && fault->always) world.stop();
     report.counts = counts();
-    report.fired = fired();
-    disarm();
-    if (failed_event_calls() > kFailedEventCalls) {
+    report.fired = fired;
+    armed = false;
+    if (failed_event_calls > kFailedEventCalls) {
         world.wrong("event handling that fails is called without a pause");
     }
-    if (!last_words().empty() && !fired()) world.wrong("the watcher ends: " + last_words());
+    if (!last_words().empty() && !fired) world.wrong("the watcher ends: " + last_words());
     if (world.client) check_recovery(world, scenario, report);
     world.stop();
-    if (world.plugged()) world.device().unplug();
+    world.unplug();
     check_new_client(world);
-    world.device().unplug();
+    world.unplug();
     check_leftovers(world, report);
     return world.right();
 }
 
+/// @return whether nothing was wrong. Findings stand on standard error, a line each.
+bool run(const Job& job, Report& report) {
+    const Shield shield;
+    all_rules();  // Made at its first use, and kept.
+    const long before = live_blocks;
+    bool right = run_in_world(*job.scenario, job.fault ? &*job.fault : nullptr, report);
+    report.blocks = live_blocks - before;
+    if (job.blocks >= 0 && report.blocks != job.blocks && !report.set_aside) {
+        right = false;
+        std::fprintf(stderr, "%ld blocks of memory are left, not %ld\n", report.blocks, job.blocks);
+    }
+    return !(checks_leaks() && __lsan_do_recoverable_leak_check() != 0) && right;
+}
+
+[[noreturn]] void run_in_child(const Job& job, int output, std::chrono::seconds bound,
+                               Report& report) {
+    ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+    const rlimit no_core{0, 0};
+    ::setrlimit(RLIMIT_CORE, &no_core);
+    ::alarm(static_cast<unsigned>(bound.count()));
+    ::dup2(output, STDOUT_FILENO);
+    ::dup2(output, STDERR_FILENO);
+    std::_Exit(run(job, report) ? 0 : 1);
+}
+
+Outcome outcome_of(int status, const Report& report, int output) {
+    Outcome result{WIFEXITED(status) && WEXITSTATUS(status) == 0, report, ""};
+    if (result.right) return result;
+    result.text = read_from(output);
+    if (WIFSIGNALED(status)) {
+        const int signal = WTERMSIG(status);
+        result.text += signal == SIGALRM ? "it hangs\n"
+                                         : std::string("it crashes: ") + ::strsignal(signal) + "\n";
+    }
+    return result;
+}
+
 }  // namespace
+
+std::string Job::text() const {
+    return std::string(scenario->name) + (fault ? ":" + fault->text() : "");
+}
 
 bool checks_leaks() {
     return __lsan_do_recoverable_leak_check != nullptr;
 }
 
-int run(const Scenario& scenario, const Fault* fault, long blocks, Report& report) {
-    std::set_terminate(terminated);
-    const Shield shield;
-    rules();  // Made at its first use, and not given back.
-    const long before = live_blocks();
-    bool right = run_in_world(scenario, fault, report);
-    report.blocks = live_blocks() - before;
-    if (blocks >= 0 && report.blocks != blocks && !report.set_aside) {
-        right = false;
-        std::fprintf(stderr, "%ld blocks of memory are left, not %ld\n", report.blocks, blocks);
+std::vector<Outcome> run_all(const std::vector<Job>& jobs, std::size_t width,
+                             std::chrono::seconds bound) {
+    struct Child {
+        std::size_t job;
+        std::unique_ptr<MemoryFile> output;
+    };
+    // Memory that parent and children share.
+    const std::size_t size = (jobs.size() + 1) * sizeof(Report);
+    void* const shared =
+        ::mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+    if (shared == MAP_FAILED) throw std::runtime_error("no memory can be shared");
+    const auto unmap = [size](Report* reports) { ::munmap(reports, size); };
+    const std::unique_ptr<Report[], decltype(unmap)> reports(static_cast<Report*>(shared), unmap);
+    std::vector<Outcome> outcomes(jobs.size());
+    std::map<pid_t, Child> running;
+    for (std::size_t next = 0; next < jobs.size() || !running.empty();) {
+        if (next < jobs.size() && running.size() < width) {
+            auto output = std::make_unique<MemoryFile>();
+            std::fflush(nullptr);
+            const pid_t pid = ::fork();
+            if (pid < 0) throw std::runtime_error("no process can be started");
+            if (pid == 0) run_in_child(jobs[next], output->descriptor(), bound, reports[next]);
+            running[pid] = {next, std::move(output)};
+            ++next;
+            continue;
+        }
+        int status = 0;
+        const auto ended = running.find(::waitpid(-1, &status, 0));
+        if (ended == running.end()) continue;
+        const auto& [job, output] = ended->second;
+        outcomes[job] = outcome_of(status, reports[job], output->descriptor());
+        running.erase(ended);
     }
-    if (checks_leaks() && __lsan_do_recoverable_leak_check() != 0) {
-        right = false;
-    }
-    return right ? 0 : 1;
+    return outcomes;
 }
 
 }  // namespace sweep

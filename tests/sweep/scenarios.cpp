@@ -1,6 +1,6 @@
-#include "sweep/scenarios.h"
+/// @file
+/// What is done while a call fails.
 
-#include <sys/mman.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -10,28 +10,32 @@
 #include <thread>
 
 #include "fake_usb/framed.h"
+#include "sweep/client.h"
+#include "sweep/system_calls.h"
 #include "usb/usb.h"
 
 namespace sweep {
 namespace {
 
+bool connected(World& world) {
+    return world.wait("the device's notification", [](World& w) { return w.client->connects > 0; });
+}
+
 /// A device, a client, and the one announced to the other.
 bool connect(World& world) {
     world.plug();
     world.start();
-    return world.client &&
-           world.wait("the device's announcement", [](World& w) { return w.client->connects > 0; });
-}
-
-bool events_handled() {
-    const Counts met = counts();
-    return met[static_cast<std::size_t>(Kind::events)][static_cast<std::size_t>(Role::watcher)] > 0;
+    return world.client && connected(world);
 }
 
 void start_and_stop(World& world) {
     world.start();
-    if (world.client)
-        world.wait("a look at the bus", [](World& /*w*/) { return events_handled(); });
+    const auto looked = [](World& /*w*/) {
+        const Counts met = counts();
+        return met[slot(Kind::list, Role::watcher)] > 0 &&
+               met[slot(Kind::events, Role::watcher)] > 0;
+    };
+    if (world.client) world.wait("a look at the bus", looked);
     world.stop();
 }
 
@@ -39,7 +43,7 @@ void arrival(World& world) {
     world.start();
     if (!world.client) return;
     world.plug();
-    world.wait("the device's announcement", [](World& w) { return w.client->connects > 0; });
+    connected(world);
 }
 
 void listing(World& world) {
@@ -55,16 +59,16 @@ void listing(World& world) {
     world.start();
     if (!world.client) return;
     list();
-    world.wait("the device's announcement", [](World& w) { return w.client->connects > 0; });
-    std::vector<JovuDeviceAddress> connected;
-    world.call("listing", [&] { connected = world.client->list_connected(); });
+    connected(world);
+    std::vector<JovuDeviceAddress> addresses;
+    world.call("listing", [&] { addresses = world.client->list_connected(); });
 }
 
 void commands(World& world) {
     if (!connect(world)) return;
     for (std::size_t i = 0; i < kCommands; ++i) {
         if (world.command(i)) continue;
-        if (!fired()) world.wrong("command " + std::to_string(i) + " fails");
+        if (!fired) world.wrong("command " + std::to_string(i) + " fails");
         return;
     }
 }
@@ -111,55 +115,47 @@ void events(World& world) {
 
 void status(World& world) {
     if (!connect(world)) return;
-    if (!world.status() && !fired()) world.wrong("no status report comes");
+    if (!world.status() && !fired) world.wrong("no status report comes");
 }
 
-/// A file of its own, without a name.
-class JobFile {
-public:
+/// A job file. The file system has no name for it.
+struct JobFile {
     static constexpr std::size_t kSize = 12000;
 
-    JobFile() : descriptor_(::memfd_create("job", 0)) {
+    JobFile() {
         for (std::size_t i = 0; i < kSize; ++i)
-            content_.push_back(static_cast<char>('a' + i % 23));
-        if (::write(descriptor_, content_.data(), kSize) != static_cast<ssize_t>(kSize)) {
-            std::abort();
-        }
+            content.push_back(static_cast<char>('a' + i % 23));
+        const auto written = ::write(file.descriptor(), content.data(), kSize);
+        if (written != static_cast<ssize_t>(kSize)) std::abort();
     }
-    ~JobFile() { ::close(descriptor_); }
-    JobFile(const JobFile&) = delete;
-    JobFile& operator=(const JobFile&) = delete;
 
-    std::string path() const { return "/proc/self/fd/" + std::to_string(descriptor_); }
-    const std::string& content() const { return content_; }
-
-private:
-    int descriptor_;
-    std::string content_;
+    const MemoryFile file;
+    const std::string path = "/proc/self/fd/" + std::to_string(file.descriptor());
+    std::string content;
 };
 
 void push(World& world) {
     if (!connect(world)) return;
     const JobFile file;
-    const std::string path = file.path();
     double percent = -1;
     const bool sent = world.call("a push", [&] {
         world.client->SendJobFile(
-            kAddress, path,
+            kAddress, file.path,
             [](double now, std::string /*job*/, void* user) { *static_cast<double*>(user) = now; },
             &percent, false);
     });
-    if (!sent && !fired()) world.wrong("a push fails");
+    if (!sent && !fired) world.wrong("a push fails");
     if (!sent) return;
     if (percent != 100.0) world.wrong("a push that did not throw ended before 100 %");
     // What a transfer moved before it ran out of time is sent once more, and what cannot be read is
     // not there. Nothing else touches the bytes.
-    const bool repeated = world.faulty(Kind::bulk) && world.fault()->outcome().value == kPartial;
+    const bool repeated =
+        world.faulty(Kind::bulk) && world.fault()->result.value == fake_usb::kPartial;
     if (repeated || world.faulty(Kind::file_read)) return;
     const std::string bytes = world.device().job_bytes();
     const std::string announced = R"("size":12000)";
     if (bytes.find(announced) == std::string::npos || bytes.size() < JobFile::kSize ||
-        bytes.compare(bytes.size() - JobFile::kSize, JobFile::kSize, file.content()) != 0) {
+        bytes.compare(bytes.size() - JobFile::kSize, JobFile::kSize, file.content) != 0) {
         world.wrong("a push that did not throw did not arrive");
     }
 }
@@ -176,7 +172,7 @@ void close(World& world) {
     if (!connect(world)) return;
     const bool closed = world.call("closing", [&] { world.client->close(kAddress); });
     if (!closed) {
-        if (!fired()) world.wrong("closing fails");
+        if (!fired) world.wrong("closing fails");
         return;
     }
     if (world.command(0)) world.wrong("a closed device answers");
@@ -187,7 +183,7 @@ void close(World& world) {
 void stop_at_work(World& world) {
     if (!connect(world)) return;
     DeviceModel& device = world.device();
-    device.mute();
+    device.mute = true;
     std::atomic<bool> failed{false};
     std::thread waiting([&] {
         role = Role::sender;
@@ -203,7 +199,7 @@ void stop_at_work(World& world) {
             std::this_thread::sleep_for(std::chrono::milliseconds(5));
         }
     });
-    world.wait("the request", [&](World& w) { return w.device().requests() > 0 || failed; });
+    world.wait("the request", [&](World& w) { return w.device().requests > 0 || failed; });
     send_events(device);
     world.wait("the third event", [](World& w) { return w.client->events().size() > 2; });
     world.shut_down();
@@ -217,34 +213,20 @@ void stop_at_work(World& world) {
 
 const std::vector<Scenario>& scenarios() {
     using K = Kind;
-    const std::vector<Kind> device{K::init,   K::list,    K::descriptor, K::open,
-                                   K::claim,  K::release, K::alloc,      K::submit,
-                                   K::events, K::memory,  K::thread};
-    const auto and_also = [&device](std::initializer_list<Kind> more) {
-        std::vector<Kind> kinds = device;
-        kinds.insert(kinds.end(), more);
-        return kinds;
-    };
     static const std::vector<Scenario> all{
-        {"start-stop",
-         "a client without a device, and its end",
-         start_and_stop,
-         {K::init, K::events, K::memory, K::thread}},
-        {"arrival", "a device is plugged in", arrival, device},
-        {"listing", "what is attached and connected", listing, device},
-        {"commands", "ten commands, one of each form", commands,
-         and_also({K::bulk, K::completion})},
-        {"events", "five events", events, and_also({K::completion})},
-        {"status", "a status report", status, and_also({K::bulk, K::completion})},
-        {"push", "a job file of three pieces", push,
-         and_also(
-             {K::bulk, K::file_open, K::file_stat, K::file_stream, K::file_seek, K::file_read})},
-        {"replug", "another device at the same address, at once", replug,
-         and_also({K::completion})},
-        {"close", "the application closes the device", close, and_also({K::cancel, K::completion}),
-         true},
-        {"stop-at-work", "the end, in the middle of a command, a job and events", stop_at_work,
-         and_also({K::bulk, K::cancel, K::completion})},
+        {"start-stop", start_and_stop, {}},
+        {"arrival", arrival, {K::claim}},
+        {"listing", listing, {K::claim}},
+        {"commands", commands, {K::claim, K::bulk, K::completion}},
+        {"events", events, {K::claim, K::completion}},
+        {"status", status, {K::claim, K::bulk, K::completion}},
+        {"push",
+         push,
+         {K::claim, K::bulk, K::file_open, K::file_stat, K::file_stream, K::file_seek,
+          K::file_read}},
+        {"replug", replug, {K::claim, K::completion}},
+        {"close", close, {K::claim, K::cancel, K::completion}, true},
+        {"stop-at-work", stop_at_work, {K::claim, K::bulk, K::cancel, K::completion}},
     };
     return all;
 }

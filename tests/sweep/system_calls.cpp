@@ -1,37 +1,32 @@
 #include "sweep/system_calls.h"
 
 #include <dlfcn.h>
-#include <fcntl.h>
 #include <pthread.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
-#include <ctime>
+#include <unistd.h>
 
 #include <algorithm>
-#include <atomic>
+#include <array>
 #include <cerrno>
-#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
-#include <memory>
+#include <ctime>
 #include <new>
+#include <stdexcept>
 
 #include "sweep/device_model.h"
 #include "sweep/faults.h"
 
+using sweep::ahead;
 using sweep::Kind;
 using sweep::meet;
-using sweep::Result;
 using sweep::Role;
 
 namespace {
 
-std::atomic<long> live{0};
-
 constexpr std::int64_t kMillisecond = 1000000;  // ns
 constexpr std::int64_t kSecond = 1000 * kMillisecond;
-
-/// How far this thread's clock is ahead, in ns.
-thread_local std::int64_t ahead = 0;
 
 /// Waits that are longer are those for a device's answer,
 constexpr std::int64_t kLongWait = 10 * kSecond;
@@ -52,12 +47,23 @@ timespec time_of(std::int64_t time) {
 
 namespace sweep {
 
-long live_blocks() noexcept {
-    return live;
+MemoryFile::MemoryFile() : descriptor_(::memfd_create("sweep", MFD_CLOEXEC)) {
+    if (descriptor_ < 0) throw std::runtime_error("memfd_create failed");
 }
 
-void hurry(std::chrono::milliseconds by) noexcept {
-    ahead += std::chrono::nanoseconds(by).count();
+MemoryFile::~MemoryFile() {
+    ::close(descriptor_);
+}
+
+std::string read_from(int descriptor, off_t offset) {
+    std::string all;
+    std::array<char, 4096> buffer{};
+    for (;;) {
+        const off_t at = offset + static_cast<off_t>(all.size());
+        const ssize_t count = ::pread(descriptor, buffer.data(), buffer.size(), at);
+        if (count <= 0) return all;
+        all.append(buffer.data(), static_cast<std::size_t>(count));
+    }
 }
 
 }  // namespace sweep
@@ -66,14 +72,14 @@ void hurry(std::chrono::milliseconds by) noexcept {
 /// @{
 void* operator new(std::size_t size) {
     void* const memory =
-        meet(Kind::memory) != nullptr ? nullptr : std::malloc(std::max<std::size_t>(size, 1));
+        meet(Kind::memory) != 0 ? nullptr : std::malloc(std::max<std::size_t>(size, 1));
     if (memory == nullptr) throw std::bad_alloc();
-    ++live;
+    ++sweep::live_blocks;
     return memory;
 }
 
 void operator delete(void* memory) noexcept {
-    if (memory != nullptr) --live;
+    if (memory != nullptr) --sweep::live_blocks;
     std::free(memory);
 }
 
@@ -94,13 +100,11 @@ struct Start {
 };
 
 void* run(void* argument) {
-    const auto* const start = static_cast<const Start*>(argument);
-    const Start copy = *start;
+    const Start start = *static_cast<const Start*>(argument);
     std::free(argument);
-    sweep::role = copy.role;
-    if (!copy.shielded) return copy.function(copy.argument);
-    const sweep::Shield shield;
-    return copy.function(copy.argument);
+    sweep::role = start.role;
+    fake_usb::shielded = start.shielded;
+    return start.function(start.argument);
 }
 
 }  // namespace
@@ -121,9 +125,9 @@ __attribute__((visibility("default"))) int pthread_create(pthread_t* thread,
     static const Create create = __interceptor_pthread_create != nullptr
                                      ? __interceptor_pthread_create
                                      : reinterpret_cast<Create>(dlsym(RTLD_NEXT, "pthread_create"));
-    if (const Result* const fault = meet(Kind::thread)) return fault->value;
+    if (const int fault = meet(Kind::thread)) return fault;
     auto* const start = static_cast<Start*>(std::malloc(sizeof(Start)));
-    *start = {function, argument, sweep::role_of_started, sweep::shielded()};
+    *start = {function, argument, sweep::role_of_started, fake_usb::shielded};
     const int result = create(thread, attributes, run, start);
     if (result != 0) std::free(start);
     return result;
@@ -136,78 +140,51 @@ __attribute__((visibility("default"))) int pthread_create(pthread_t* thread,
 int __real_open(const char* path, int flags, ...);
 int __real_fstat(int descriptor, struct stat* info);
 std::FILE* __real_fdopen(int descriptor, const char* mode);
-int __real_fclose(std::FILE* file);
 int __real_fseek(std::FILE* file, long offset, int whence);
 std::size_t __real_fread(void* data, std::size_t size, std::size_t count, std::FILE* file);
-int __real_feof(std::FILE* file);
-int __real_ferror(std::FILE* file);
 }
 
 namespace {
 
-std::FILE* ended = nullptr;
-std::FILE* broken = nullptr;
-
-void forget(std::FILE*& state, const std::FILE* file) {
-    if (state == file) state = nullptr;
-}
-
-int failed(const Result& fault) {
-    errno = fault.value;
-    return -1;
+/// @return whether the call fails, with errno set.
+bool fails(Kind kind) {
+    const int fault = meet(kind);
+    if (fault != 0) errno = fault;
+    return fault != 0;
 }
 
 }  // namespace
 
 extern "C" {
 
+/// The library creates no files, so that there is no mode.
 int __wrap_open(const char* path, int flags, ...) {
-    va_list rest;
-    va_start(rest, flags);
-    const unsigned mode = (flags & O_CREAT) != 0 ? va_arg(rest, unsigned) : 0;
-    va_end(rest);
-    if (const Result* const fault = meet(Kind::file_open)) return failed(*fault);
-    return __real_open(path, flags, mode);
+    return fails(Kind::file_open) ? -1 : __real_open(path, flags);
 }
 
 int __wrap_fstat(int descriptor, struct stat* info) {
-    if (const Result* const fault = meet(Kind::file_stat)) return failed(*fault);
-    return __real_fstat(descriptor, info);
+    return fails(Kind::file_stat) ? -1 : __real_fstat(descriptor, info);
 }
 
 std::FILE* __wrap_fdopen(int descriptor, const char* mode) {
-    if (const Result* const fault = meet(Kind::file_stream)) {
-        errno = fault->value;
-        return nullptr;
-    }
-    return __real_fdopen(descriptor, mode);
-}
-
-int __wrap_fclose(std::FILE* file) {
-    forget(ended, file);
-    forget(broken, file);
-    return __real_fclose(file);
+    return fails(Kind::file_stream) ? nullptr : __real_fdopen(descriptor, mode);
 }
 
 int __wrap_fseek(std::FILE* file, long offset, int whence) {
-    if (const Result* const fault = meet(Kind::file_seek)) return failed(*fault);
-    forget(ended, file);
-    return __real_fseek(file, offset, whence);
+    return fails(Kind::file_seek) ? -1 : __real_fseek(file, offset, whence);
 }
 
 std::size_t __wrap_fread(void* data, std::size_t size, std::size_t count, std::FILE* file) {
-    const Result* const fault = meet(Kind::file_read);
-    if (fault == nullptr) return __real_fread(data, size, count, file);
-    (fault->value == sweep::kEnded ? ended : broken) = file;
-    return __real_fread(data, size, count / 2, file);
-}
-
-int __wrap_feof(std::FILE* file) {
-    return file == ended ? 1 : __real_feof(file);
-}
-
-int __wrap_ferror(std::FILE* file) {
-    return file == broken ? 1 : __real_ferror(file);
+    const int fault = meet(Kind::file_read);
+    if (fault == 0) return __real_fread(data, size, count, file);
+    const std::size_t half = __real_fread(data, size, count / 2, file);
+    if (fault == sweep::kEnded) {
+        __real_fseek(file, 0, SEEK_END);
+        std::fgetc(file);  // Sets the end-of-file indicator.
+    } else {
+        std::fputc(0, file);  // Sets the error indicator, as the stream is for reading.
+    }
+    return half;
 }
 
 /// @}
@@ -230,11 +207,11 @@ int __wrap_pthread_cond_clockwait(pthread_cond_t* condition, pthread_mutex_t* mu
         const timespec until = time_of(time);
         return __real_pthread_cond_clockwait(condition, mutex, clock, &until);
     };
-    if (sweep::shielded() || wanted - now() < kLongWait) return wait_until(wanted);
+    if (fake_usb::shielded || wanted - now() < kLongWait) return wait_until(wanted);
     for (int looks = 0; looks < kLooks && now() < wanted;) {
         const int result = wait_until(now() + kLook);
         if (result != ETIMEDOUT) return result;
-        looks = sweep::answer_can_come() ? 0 : looks + 1;
+        looks = sweep::response_can_come() ? 0 : looks + 1;
     }
     ahead += std::max<std::int64_t>(0, wanted - now());
     return ETIMEDOUT;
@@ -242,7 +219,7 @@ int __wrap_pthread_cond_clockwait(pthread_cond_t* condition, pthread_mutex_t* mu
 
 /// The library's pauses, a tenth as long.
 int __wrap_nanosleep(const timespec* time, timespec* left) {
-    if (sweep::shielded()) return __real_nanosleep(time, left);
+    if (fake_usb::shielded) return __real_nanosleep(time, left);
     const std::int64_t whole = nanoseconds(*time);
     const timespec shorter = time_of(whole / 10);
     ahead += whole - whole / 10;
