@@ -12,29 +12,31 @@
 #include "jovu/transport.h"
 
 /// The whole library as one object: print jobs, firmware commands, firmware events and the
-/// transport. An application derives from it, overrides what it wants to be told, and calls the
+/// transport. An application derives from it, overrides the callbacks that it needs, and calls the
 /// command and job methods with an address from device_connected() or list_connected().
 ///
 /// A class derived from this one takes a JovuScanPause as the default argument of its constructor,
 /// so that it is complete when the first device connects.
 ///
-/// Construction starts the link; every device that is already attached is announced, as later ones
-/// are. A device that the process has open already, through another client, is not announced again;
-/// this client receives its data and can push jobs to it, but send it no commands before it is
-/// plugged in anew. One client per process is the rule. Destruction takes the client off the link;
-/// it waits for running notification threads, but only shutdown(), called first in the
-/// application's own destructor, does so while the application's overrides and members still exist.
-/// The C++ run-time has torn them down when ~JovuClient() begins.
+/// Construction starts the USB connection; device_connected() is called for every device that is
+/// attached already, as for later ones. It is not called for a device that the process has open
+/// already, through another client: this client receives its data and can push jobs to it, but
+/// cannot send it commands before it is plugged in anew. One client per process is the rule.
 ///
-/// When the last client of the process goes, the link ends: devices are closed and libusb is left.
+/// Destruction unregisters the client and waits for running notification threads. When
+/// ~JovuClient() begins, the overrides and members of the application's class have been destroyed
+/// already, so that class calls shutdown() first in its own destructor.
+///
+/// When the last client of the process is destroyed, the USB connection stops: devices are closed
+/// and libusb is left.
 class JOVU_API JovuClient : public JovuJobInterface,
                             public JovuCommandInterface,
                             public JovuEventInterface,
                             public JovuTransport {
 public:
-    /// Builds the client and starts the link on first use.
-    /// @throws JovuException "Failed to initialize libusb", or when called from inside a callback
-    ///     with received data; std::system_error when no thread can be started. Nothing is left
+    /// Registers the client; starts the USB connection on first use.
+    /// @throws JovuException "Failed to initialize libusb", or when called in a callback with
+    ///     received data; std::system_error when no thread can be started. Nothing is left
     ///     behind then.
     JovuClient();
 
@@ -47,7 +49,7 @@ public:
     /// A device is gone. Empty by default. See JovuTransport::device_disconnected().
     void device_disconnected(JovuDeviceAddress address) override;
 
-    /// Takes the client off the link: when it returns, no callback of this client is running (but
+    /// Unregisters the client: when it returns, no callback of this client is running (but
     /// one that made the call) and none will follow. May be called more than once; an application
     /// calls it first in its own destructor. A push of this client ends, as
     /// JovuJobInterface::shutdown() says.
@@ -60,5 +62,5 @@ public:
     void shutdown();
 
 private:
-    explicit JovuClient(const JovuScanPause& hold);
+    explicit JovuClient(const JovuScanPause& until_built);
 };

@@ -15,13 +15,13 @@ class JovuTransport;
 /// Receives the events that the firmware sends unasked. Override the handlers that matter; each is
 /// empty by default.
 ///
-/// Threads: handlers run on the thread that delivers received data (the link's watcher, for moments
-/// a thread that sends or closes), one at a time, and hold up all reception while they run. In a
+/// Threads: handlers run on the thread that handles USB events (the watcher thread, for moments a
+/// thread that sends or closes), one at a time, and nothing is received while one runs. In a
 /// handler, commands and sends fail at once and JovuTransport::close() is carried out right after
 /// the handler returns; listing works. A handler must not destroy a client or construct one.
 ///
 /// A malformed event is dropped without a call; an event of an unknown name is ignored. A handler
-/// must not throw: an exception ends the link's watcher, for the whole process, with one line on
+/// must not throw: an exception ends the watcher thread, for the whole process, with one line on
 /// standard output.
 class JOVU_API JovuEventInterface {
 public:
@@ -45,7 +45,7 @@ public:
 
     /// The event object registered under a name.
     ///
-    /// Called on the thread that delivers received data. An unknown name is remembered with a null
+    /// Called on the thread that handles USB events. An unknown name is remembered with a null
     /// entry, for a bounded number of names.
     /// @param name the event's name on the wire.
     /// @return owned by this object; null when no event has that name.

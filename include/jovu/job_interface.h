@@ -42,25 +42,26 @@ enum class JovuPushResult {
 
 /// Talks to devices on the print-job channel (USB interface number 1).
 ///
-/// Construction starts the link if it is not running; destruction takes this object off the link.
+/// Construction starts the USB connection if it is not running; destruction unregisters this
+/// object.
 ///
 /// Threads: request and push operations run on the caller's thread and may be called from any;
-/// StatusReceived() and JobDataReceived() run on the thread that delivers received data (the link's
-/// watcher, for moments a thread that sends or closes) and hold up all reception while they run. In
+/// StatusReceived() and JobDataReceived() run on the thread that handles USB events (the watcher
+/// thread, for moments a thread that sends or closes), and nothing is received while they run. In
 /// them, sends fail at once with "Send failed - libusb error: -6" (busy), and a client must be
-/// neither constructed nor destroyed. They must not throw: an exception ends the link's watcher,
+/// neither constructed nor destroyed. They must not throw: an exception ends the watcher thread,
 /// for the whole process, with one line on standard output.
 ///
 /// The channel is one stream of bytes. While a push to a device runs, requests to it and raw bytes
 /// from other threads would become part of the job; keeping them apart is the caller's to ensure.
 /// The same holds after a push that has ended with an exception, from the connection, the progress
 /// callback or a shutdown(): the device still waits for the rest of the announced size and takes
-/// everything on this channel for it, requests for status or abort included. It answers again when
-/// it has received that many bytes, gives the job up (each byte may restart its time limit), or is
+/// everything on this channel for it, requests for status or abort included. It responds again once
+/// it has received that many bytes, has timed out (each byte may restart its time limit), or is
 /// restarted. A push that may have to be ended early therefore takes a JovuPushCancel.
 ///
-/// The link goes down when the last client of either interface leaves: an object of this class
-/// alone stops working when the last JovuClient of the process goes.
+/// The USB connection stops when the last client of either interface unregisters: an object of this
+/// class alone stops working when the last JovuClient of the process is destroyed.
 class JOVU_API JovuJobInterface : private JovuUsbClient {
 public:
     /// One decoded status report. What the device left out is empty or zero.
@@ -92,18 +93,18 @@ public:
     /// @param user the pointer given with the callback.
     using Progress = void (*)(double percent, std::string job_id, void* user);
 
-    /// Registers for the job channel; starts the link on first use.
+    /// Registers for the job channel; starts the USB connection on first use.
     ///
     /// A class derived from this one alone takes a JovuScanPause as the default argument of its
     /// constructor: without it, its callbacks may begin before it is built.
-    /// @throws JovuException "Failed to initialize libusb", or when called from inside a callback
-    ///     with received data; std::system_error when no thread can be started.
+    /// @throws JovuException "Failed to initialize libusb", or when called in a callback with
+    ///     received data; std::system_error when no thread can be started.
     JovuJobInterface();
 
     JovuJobInterface(const JovuJobInterface&) = delete;
     JovuJobInterface& operator=(const JovuJobInterface&) = delete;
 
-    /// As shutdown(). Not on a thread that delivers received data.
+    /// As shutdown(). Not in a handler that is called with received data.
     ~JovuJobInterface() override;
 
     /// Asks a device for a status report, which arrives later through StatusReceived(). Reports
@@ -191,9 +192,9 @@ public:
     virtual void JobDataReceived(JovuDeviceAddress address, const unsigned char* text,
                                  unsigned int length);
 
-    /// Takes this object off the link: when it returns, no callback of this object is running and
-    /// none will follow. May be called more than once. A class derived from this one calls it first
-    /// in its own destructor, while its overrides are still there to be called.
+    /// Unregisters this object: when it returns, no callback of this object is running and none
+    /// will follow. May be called more than once. A class derived from this one calls it first in
+    /// its own destructor, while its overrides are still there to be called.
     ///
     /// Requests fail from now on with "Send failed - The client has been shut down." A push of this
     /// object ends with the same error, also while other clients of the process go on; its device

@@ -24,7 +24,7 @@ public:
     JovuTransport(const JovuTransport&) = delete;
     JovuTransport& operator=(const JovuTransport&) = delete;
 
-    /// As shutdown(). Not on a thread that delivers received data.
+    /// As shutdown(). Not in a handler that is called with received data.
     ~JovuTransport() override;
 
     /// Closes a device; device_disconnected() follows. It stays in list_connected(), closed, until
@@ -45,9 +45,9 @@ public:
     /// @throws JovuException "Failed to get libusb device list."
     std::vector<JovuUsbDevice> list_attached() const;
 
-    /// Whether the link still looks after the bus. False once an error has ended its watcher, which
-    /// has then said so in a line on standard output: no device is announced or taken off any more,
-    /// and data is received only while something is being sent. The link works again when its last
+    /// Whether the watcher thread runs. False once an error has ended it, with one line on standard
+    /// output: no connection or disconnection is notified any more, and data is received only while
+    /// something is being sent. The USB connection works again when its last
     /// client has gone and another one is built. Threads: any; never blocks.
     static bool is_watching() noexcept;
 
@@ -67,7 +67,7 @@ public:
     /// running any more. Called on a notification thread; must not throw.
     virtual void device_disconnected(JovuDeviceAddress address) = 0;
 
-    /// Takes this object off the link. When it returns, no notification thread and no handler of
+    /// Unregisters this object. When it returns, no notification thread and no handler of
     /// this object is running (but one that made the call), none will follow, requests that waited
     /// have failed, and later ones fail at once. May be called more than once. A class derived from
     /// this one calls it first in its own destructor, while its overrides and members are still
@@ -96,8 +96,8 @@ public:
     void set_strict_matching(bool strict);
 
     /// Sends a message and, if it expects an answer, waits for it. Used by the library's own
-    /// messages. Throws nothing: a failure is printed as one line on standard output, is told by
-    /// last_send_error(), and leaves the message without a response.
+    /// messages. Throws nothing: a failure is printed as one line on standard output, is returned
+    /// by last_send_error(), and leaves the message without a response.
     /// @param message stays the caller's.
     void send_message(JovuMessage& message, JovuDeviceAddress address);
 
@@ -106,7 +106,7 @@ public:
     static std::vector<std::string> attrs(unsigned flags);
 
 protected:
-    /// Registers for the message channel; starts the link on first use.
+    /// Registers for the message channel; starts the USB connection on first use.
     ///
     /// A class derived from this one alone takes a JovuScanPause as the default argument of its
     /// constructor: without it, its callbacks may begin before it is built.

@@ -27,7 +27,7 @@ constexpr std::size_t kMaxPiece = 127;
 constexpr int kCannotExecute = 126;
 constexpr int kNotFound = 127;
 
-/// The shell's reason, which it has told on standard error only.
+/// The shell's reason, which it has printed on standard error only.
 /// @param status from pclose().
 /// @return empty when it has run the tool.
 std::string shell_error(int status, const std::string& tool) {

@@ -27,7 +27,7 @@ struct JovuEventInterface::Registry {
     JovuFirmwareEvent<servo_trace_msg> servo_dc_trace;
 
     /// By name; a null entry is a name that was asked for in vain. Touched only on the thread that
-    /// delivers messages, one at a time.
+    /// handles USB events, one at a time.
     std::map<std::string, JovuEvent*> events;
     const std::size_t known;
 };

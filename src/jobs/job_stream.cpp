@@ -10,7 +10,7 @@ void JobStream::clear() noexcept {
 void JobStream::consume_to(std::size_t end) {
     begin_ = scanned_ = end;
     opened_ = closed_ = 0;
-    // Moving the rest costs its length, so it is done when at least as much can be let go.
+    // Moving the rest costs its length, so it is done when at least as much is freed.
     if (begin_ * 2 >= buffer_.size()) {
         buffer_.erase(0, begin_);
         begin_ = scanned_ = 0;

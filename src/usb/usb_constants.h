@@ -29,7 +29,7 @@ inline constexpr unsigned kSendRetries = 3;       ///< After a timed-out or busy
 inline constexpr unsigned kMaxEmptySends = 16;    ///< Bulk calls in a row that move nothing.
 
 /// Pause before a receive transfer is submitted again that failed without data. An endpoint that
-/// fails at once every time would otherwise take half a core; all reception waits meanwhile.
+/// fails at once every time would otherwise take half a core; nothing is received meanwhile.
 inline constexpr std::chrono::milliseconds kReceiveErrorPause{4};
 
 /// How long a closing device may take to give its transfers back. The kernel returns a cancelled

@@ -48,8 +48,15 @@ TEST(Ends, WrongUsageNamesWhatIsWrong) {
         expect_error(jovu(row.args), 2, row.named);
     }
     EXPECT_EQ(stats(device)["opens"], 0) << "the device was not even looked for";
-    EXPECT_THAT(jovu({"commands", "ui_led"}).out,
-                HasSubstr("on_count   short     -32768 to 32767\n"));
+    EXPECT_EQ(jovu({"commands", "gpio_output_set"}).out,
+              "gpio_output_set(pin: gpio_name_t, value: bool) -> void\nSet an output; index 4.\n\n"
+              "Arguments:\n  pin    gpio_name_t  0 to 4294967295\n  value  bool         0 or 1\n");
+    EXPECT_EQ(jovu({"commands", "sd_mmc_get_storage_info"}).out,
+              "sd_mmc_get_storage_info() -> storage_info_t\n"
+              "Read the size of the SD store; index 59.\n\nResult:\n"
+              "  total_size   unsigned int  0 to 4294967295\n"
+              "  block_count  unsigned int  0 to 4294967295\n"
+              "  block_size   unsigned int  0 to 4294967295\n");
 }
 
 TEST(Ends, WithoutADevice) {
