@@ -1,35 +1,43 @@
 #include "jovu/event_interface.h"
 
+#include <cstddef>
 #include <map>
 #include <utility>
+#include <vector>
 
-#include "events/event_names.h"
+#include "events/event_catalogue.h"
 #include "events/firmware_event.h"
 
+namespace {
+
+/// How many unknown event names are remembered. A device that makes up names without end must not
+/// fill the memory.
+constexpr std::size_t kMaxUnknownNames = 64;
+
+}  // namespace
+
 struct JovuEventInterface::Registry {
-    Registry(JovuEventInterface& owner, JovuTransport& transport)
-        : debug(
-              transport,
-              [&owner](JovuDeviceAddress address, std::shared_ptr<char> text) {
-                  owner.debug_event(address, std::move(text));
-              },
-              "debug_event", 0),
-          servo_dc_trace(
-              transport,
-              [&owner](JovuDeviceAddress address, servo_trace_msg sample) {
-                  owner.servo_dc_trace_event(address, sample);
-              },
-              "servo_dc_trace_event", 1),
-          events{{debug.name(), &debug}, {servo_dc_trace.name(), &servo_dc_trace}},
-          known(events.size()) {}
+    Registry(JovuEventInterface& owner, JovuTransport& transport) {
+        std::apply([&](const auto&... row) { (add(owner, transport, row), ...); },
+                   jovu::event_catalogue);
+    }
 
-    JovuFirmwareEvent<std::shared_ptr<char>> debug;
-    JovuFirmwareEvent<servo_trace_msg> servo_dc_trace;
+    template <class Row>
+    void add(JovuEventInterface& owner, JovuTransport& transport, const Row& row) {
+        using Argument = typename Row::Argument;
+        auto handler = [&owner](JovuDeviceAddress address, Argument argument) {
+            (owner.*Row::handler)(address, std::move(argument));
+        };
+        events.push_back(std::make_unique<JovuFirmwareEvent<Argument>>(
+            transport, std::move(handler), std::string(row.name), row.idx));
+        by_name.emplace(row.name, events.back().get());
+    }
 
-    /// By name; a null entry is a name that was asked for in vain. Touched only on the thread that
-    /// handles USB events, one at a time.
-    std::map<std::string, JovuEvent*> events;
-    const std::size_t known;
+    std::vector<std::unique_ptr<JovuEvent>> events;
+
+    /// Null for an unknown name that has been received. Touched only on the thread that handles USB
+    /// events, one at a time.
+    std::map<std::string, JovuEvent*> by_name;
 };
 
 JovuEventInterface::JovuEventInterface(JovuTransport& transport)
@@ -44,10 +52,10 @@ void JovuEventInterface::servo_dc_trace_event(JovuDeviceAddress /*address*/,
                                               servo_trace_msg /*sample*/) {}
 
 JovuEvent* JovuEventInterface::get_firmware_event(std::string name) {
-    auto& events = registry_->events;
-    if (events.size() >= registry_->known + jovu::kMaxUnknownNames) {
-        const auto found = events.find(name);
-        return found == events.end() ? nullptr : found->second;
+    auto& by_name = registry_->by_name;
+    if (by_name.size() >= registry_->events.size() + kMaxUnknownNames) {
+        const auto found = by_name.find(name);
+        return found == by_name.end() ? nullptr : found->second;
     }
-    return events[std::move(name)];
+    return by_name[std::move(name)];
 }
