@@ -154,9 +154,10 @@ void UsbDevice::end_failed_start(int result) noexcept {
     }
     // A device without a handle is disconnected without a notification.
     close_begun_ = true;
-    reject_writes();
     disconnect_notified_ = true;
     close_handle();
+    // Last: a write that fails finds that this process does not have the device open.
+    reject_writes();
 }
 
 void UsbDevice::reject_writes() noexcept {
