@@ -29,11 +29,13 @@ struct EventRow {
     std::string_view name;  ///< On the wire; the handler has the same.
 };
 
+template <auto handler>
+constexpr EventRow<handler> event(int idx, std::string_view name) {
+    return {idx, name};
+}
+
 /// A row; a macro, so that the name on the wire and the handler's cannot differ.
-#define JOVU_EVENT(idx, name)                     \
-    ::jovu::EventRow<&JovuEventInterface::name> { \
-        idx, #name                                \
-    }
+#define JOVU_EVENT(idx, name) ::jovu::event<&JovuEventInterface::name>(idx, #name)
 
 inline constexpr auto event_catalogue =
     std::make_tuple(JOVU_EVENT(0, debug_event), JOVU_EVENT(1, servo_dc_trace_event));
