@@ -25,7 +25,7 @@ public:
 
     /// A device has been opened. Called once per connection, before its data. The default calls
     /// usb_device_connected() with its address.
-    /// @param connection is kept by whoever sends to the device.
+    /// @param connection may be kept, for sending to the device.
     virtual void connection_opened(const std::shared_ptr<jovu::Connection>& connection);
 
     /// A device has been opened.

@@ -12,8 +12,8 @@
 namespace jovu {
 
 /// A device from the time it is opened until it is closed. A device that is plugged in anew gets
-/// another object, also at the same address. Shared: it stays valid for whoever holds a reference,
-/// and writes fail once it is closed. Threads: any.
+/// another object, also at the same address. Shared: it stays valid while a reference is held, and
+/// writes fail once it is closed. Threads: any.
 class Connection {
 public:
     /// One of several writes that belong together.
