@@ -26,9 +26,8 @@ class DeviceGone : public JovuException {
 /// A device that the backend has opened, with receiving on both channels.
 ///
 /// Closing has two steps. The first notifies the clients, after which nothing new is sent; the
-/// second waits for the write in progress, ends receiving and closes the handle. Application code
-/// and the watcher never wait in the second step for a device that takes no data: see order_close()
-/// and try_close().
+/// second waits for the write in progress, ends receiving and closes the handle. The watcher and
+/// threads in a callback do not wait for that write: see try_close() and order_close().
 class UsbDevice final : public Connection,
                         public std::enable_shared_from_this<UsbDevice>,
                         private ReceiveSink {
@@ -125,18 +124,18 @@ private:
     Handle handle_;  ///< Guarded by write_lock_ once the device is open.
     std::array<ReceiveTransfer, kInterfaceCount> transfers_;
 
-    /// Held for a write, and for the second step of a close. Waiting threads give up once the
-    /// device is not open_ any more.
+    /// Held for a write, during connect(), and for the second step of a close. Acquired before
+    /// notify_mutex_. Waiting writers give up once the device is not open_ any more.
     FairLock write_lock_;
     /// Held for the connected notification, and for the first step of a close.
     Mutex notify_mutex_;
     bool connected_notified_ JOVU_GUARDED_BY(notify_mutex_) = false;
     std::atomic<bool> open_{false};
     std::atomic<bool> close_begun_{false};
-    std::atomic<bool> disconnect_notified_{false};
+    std::atomic<bool> disconnect_notified_{false};  ///< Or none is to be made.
     std::atomic<bool> closed_{false};
     std::atomic<bool> close_ordered_{false};
-    bool removed_ = false;
+    bool removed_ = false;  ///< Touched by the watcher alone.
 };
 
 }  // namespace jovu
