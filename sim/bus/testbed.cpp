@@ -53,6 +53,9 @@ Testbed::Testbed(double pace, std::function<void()> wake) : pace_(pace), wake_(s
     remove_stale_testbeds(temporary);
     // The testbed makes its directory where this says.
     ::setenv("TMPDIR", temporary.c_str(), 1);
+    // The testbed starts a thread, which reads the environment, before it sets this variable. With
+    // the variable in place that does not move the array of variables under the thread.
+    ::setenv(kTestbedVariable, "", 1);
     testbed_.reset(umockdev_testbed_new());
     const std::unique_ptr<gchar, decltype(&g_free)> root(
         umockdev_testbed_get_root_dir(testbed_.get()), g_free);
