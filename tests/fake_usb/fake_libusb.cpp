@@ -179,7 +179,7 @@ std::optional<libusb_transfer_status> status_of(int error) {
 
 /// Releases the lock: a device may respond to what it has received.
 void end_sending(Lock& lock, libusb_transfer& transfer) {
-    const Bulk outcome = bus.outgoing[&transfer];
+    const Bulk outcome = bus.outgoing.extract(&transfer).mapped();
     libusb_device* const device = transfer.dev_handle->device;
     const int taken = outcome.transferred == Bulk::kAll ? transfer.length : outcome.transferred;
     transfer.actual_length = device->plugged ? taken : 0;
