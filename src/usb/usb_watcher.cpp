@@ -1,5 +1,3 @@
-#include "usb/usb_watcher.h"
-
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
