@@ -6,16 +6,6 @@
 #include "usb/usb_constants.h"
 
 namespace jovu {
-namespace {
-
-/// How long a sender relies on another thread to handle events before it looks whether one does.
-constexpr std::chrono::milliseconds kRelianceTime{5};
-
-/// Longest event wait of a sender; its own completion ends it earlier.
-constexpr std::chrono::milliseconds kEventWait{100};
-
-}  // namespace
-
 SendTransfer::SendTransfer() : transfer_(libusb_alloc_transfer(0)) {
     if (transfer_ == nullptr) throw JovuException("Failed to allocate tx transfer.");
 }
@@ -34,13 +24,14 @@ int SendTransfer::submit(libusb_device_handle* handle, std::uint8_t endpoint,
 
 bool SendTransfer::wait(const Context& context) {
     if (wait_for_completion()) return true;
-    if (libusb_event_handler_active(context.get()) == 0) handle_events(context, kEventWait, &done_);
+    if (libusb_event_handler_active(context.get()) == 0)
+        handle_events(context, kSenderEventWait, &done_);
     const MutexLock lock(mutex_);
     return done_ != 0;
 }
 
 bool SendTransfer::wait_for_completion() {
-    const auto deadline = std::chrono::steady_clock::now() + kRelianceTime;
+    const auto deadline = std::chrono::steady_clock::now() + kSenderReliance;
     const MutexLock lock(mutex_);
     while (done_ == 0) {
         const auto left = deadline - std::chrono::steady_clock::now();

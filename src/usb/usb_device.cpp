@@ -15,9 +15,6 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-/// How long a closing device waits for events before it cancels its transfers again.
-constexpr std::chrono::milliseconds kDrainSlice{20};
-
 /// Throws what a failed libusb call on a device means.
 [[noreturn]] void fail_opening(int result, const char* message) {
     if (result == LIBUSB_ERROR_NO_DEVICE) throw DeviceGone(message);

@@ -12,9 +12,6 @@ namespace {
 
 using std::chrono::milliseconds;
 
-/// Event wait while a scan is due but paused, and while a device cannot be closed yet.
-constexpr milliseconds kRetryPeriod{10};
-
 /// The scans and the cleanup, as an object that lives on the watcher thread. Nothing in it waits
 /// for a write in progress, so that a device that takes no data delays no other one.
 class Watcher {
