@@ -1,11 +1,30 @@
 /// @file
-/// The library's one exception type.
+/// The library's one exception type, and why a call failed.
 #pragma once
 
 #include <exception>
 #include <string>
 
 #include "jovu/export.h"
+
+/// Why a call failed, for programs; the text says it for people. More values may follow.
+enum class JovuError {
+    none,                ///< The call has not failed.
+    unspecified,         ///< A failure that the text alone describes.
+    rejected,            ///< Refused before anything was sent: an argument, a size, the wrong time.
+    in_callback,         ///< Not possible on a thread that is in a callback of the library.
+    disconnected,        ///< The device is not open: unplugged, closed, or never opened.
+    shut_down,           ///< The client's shutdown() has begun.
+    send_timed_out,      ///< The device takes no data. It may have taken a part.
+    stalled,             ///< The device has stalled the endpoint.
+    transfer_failed,     ///< The USB transfer failed in another way.
+    response_timed_out,  ///< Sent, and no response within the time-out.
+    no_response,         ///< Sent, and the device disconnected, or its response cannot be read.
+    usb_unavailable,     ///< libusb cannot be started, or cannot list or open devices.
+    not_permitted,       ///< The system denies access to the device.
+    file_unreadable,     ///< A file cannot be opened or read.
+    tool_failed,         ///< dfu-util cannot be run, or failed.
+};
 
 /// The only exception type that the library throws of its own accord. Carries one fixed English
 /// sentence, followed by the offending value where there is one.
@@ -15,7 +34,8 @@ public:
     JovuException();
 
     /// @param message what what() will return.
-    explicit JovuException(std::string message);
+    /// @param code what code() will return.
+    explicit JovuException(std::string message, JovuError code = JovuError::unspecified);
 
     JovuException(const JovuException&) = default;
     JovuException& operator=(const JovuException&) = default;
@@ -24,6 +44,10 @@ public:
     /// @return the message; valid as long as this object lives.
     const char* what() const noexcept override;
 
+    /// @return the kind of failure; never JovuError::none.
+    JovuError code() const noexcept { return code_; }
+
 private:
     std::string message_;
+    JovuError code_ = JovuError::unspecified;
 };

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "jovu/device_address.h"
+#include "jovu/exception.h"
 #include "jovu/export.h"
 #include "jovu/scan_pause.h"
 #include "jovu/usb_client.h"
@@ -55,6 +56,9 @@ public:
     /// on standard output. Empty when it was answered, or (for a message that expects no answer)
     /// sent. Each thread has its own; empty before its first exchange.
     static std::string last_send_error();
+
+    /// The kind of that failure; JovuError::none where last_send_error() is empty.
+    static JovuError last_send_error_code() noexcept;
 
     /// A device can be talked to. Called on a notification thread, which is neither the caller's
     /// nor the one that receives data; several notifications may share one. May send commands to

@@ -13,7 +13,8 @@
 namespace {
 
 [[noreturn]] void refuse(const char* key, const std::string& why) {
-    throw JovuException("Send failed - argument \"" + std::string(key) + "\" is " + why + ".");
+    throw JovuException("Send failed - argument \"" + std::string(key) + "\" is " + why + ".",
+                        JovuError::rejected);
 }
 
 /// The generator would leave a number without a JSON form out of the body, and what follows would

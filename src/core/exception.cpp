@@ -4,7 +4,8 @@
 
 JovuException::JovuException() : message_("Unknown JoVu Error") {}
 
-JovuException::JovuException(std::string message) : message_(std::move(message)) {}
+JovuException::JovuException(std::string message, JovuError code)
+    : message_(std::move(message)), code_(code) {}
 
 JovuException::~JovuException() = default;
 

@@ -26,11 +26,13 @@ constexpr const char* kDisconnected = "Transport Error - Device has been disconn
 struct SendError {
     std::array<char, 255> text;
     std::size_t length;
+    JovuError code;
 };
 thread_local SendError last_error{};
 
 /// Longer reasons are cut.
-void set_last_error(std::string_view reason) noexcept {
+void set_last_error(std::string_view reason, JovuError code) noexcept {
+    last_error.code = code;
     last_error.length = std::min(reason.size(), last_error.text.size());
     std::copy_n(reason.begin(), last_error.length, last_error.text.begin());
 }
@@ -56,24 +58,28 @@ std::string JovuTransport::last_send_error() {
     return {last_error.text.data(), last_error.length};
 }
 
+JovuError JovuTransport::last_send_error_code() noexcept {
+    return last_error.code;
+}
+
 void JovuTransport::send_message(JovuMessage& message, JovuDeviceAddress address) {
     const jovu::CallsInProgress::Call call(state_->exchanges);
     state_->exchanged = true;
-    set_last_error("");
+    set_last_error("", JovuError::none);
     try {
-        if (!call) throw JovuException(kDisconnected);
+        if (!call) throw JovuException(kDisconnected, JovuError::shut_down);
         exchange(message, address);
     } catch (const JovuException& error) {
         print_failure(message.id(), error.what());
-        set_last_error(error.what());
+        set_last_error(error.what(), error.code());
     } catch (const std::exception& error) {
-        set_last_error(error.what());
+        set_last_error(error.what(), JovuError::unspecified);
     }
 }
 
 void JovuTransport::exchange(JovuMessage& message, JovuDeviceAddress address) {
     const std::shared_ptr<jovu::Connection> connection = state_->connection(address);
-    if (connection == nullptr) throw JovuException(kDisconnected);
+    if (connection == nullptr) throw JovuException(kDisconnected, JovuError::disconnected);
     if (JovuUsb::in_callback()) {
         // Another thread may hold the exchange lock and wait for a response that only this thread
         // can dispatch. The write fails at once, with the reason.
@@ -83,8 +89,12 @@ void JovuTransport::exchange(JovuMessage& message, JovuDeviceAddress address) {
 
     // One exchange at a time with a device, whichever client of the process makes it.
     const auto usable = [&] { return !connection->closing() && !state_->exchanges.closed(); };
+    const auto fail_unusable = [&] {
+        throw JovuException(kDisconnected, state_->exchanges.closed() ? JovuError::shut_down
+                                                                      : JovuError::disconnected);
+    };
     jovu::FairLock& exchange_lock = connection->exchange_lock();
-    if (!exchange_lock.lock_while(usable)) throw JovuException(kDisconnected);
+    if (!exchange_lock.lock_while(usable)) fail_unusable();
     const std::unique_lock<jovu::FairLock> lock(exchange_lock, std::adopt_lock);
     if (!message.twoway()) {
         write_frame(*connection, message.compile());
@@ -97,16 +107,17 @@ void JovuTransport::exchange(JovuMessage& message, JovuDeviceAddress address) {
         // from here on wakes the request; one before it is seen by the check.
         jovu::ResponseSignal signal;
         const jovu::WaitingRequests::Entry entry(state_->waiting, message, signal, *connection);
-        if (!usable()) throw JovuException(kDisconnected);
+        if (!usable()) fail_unusable();
         write_frame(*connection, message.compile());
         woken = signal.wait(jovu::kResponseTimeout);
     }
 
     // The entry is gone, so no other thread touches the message any more.
     if (!woken) {
-        throw JovuException("Transport Error - Waiting for response to request timed out.");
+        throw JovuException("Transport Error - Waiting for response to request timed out.",
+                            JovuError::response_timed_out);
     }
     if (!message.response_available()) {
-        throw JovuException("Transport Error - No response received.");
+        throw JovuException("Transport Error - No response received.", JovuError::no_response);
     }
 }

@@ -8,8 +8,9 @@ namespace jovu {
 
 Frame make_frame(std::string payload) {
     if (payload.size() > kMaxFramePayload) {
-        throw JovuException("Send failed - message of " + std::to_string(payload.size()) +
-                            " bytes is too long.");
+        throw JovuException(
+            "Send failed - message of " + std::to_string(payload.size()) + " bytes is too long.",
+            JovuError::rejected);
     }
     Frame frame{{}, std::move(payload)};
     frame.body.push_back(static_cast<char>(kFrameTerminator));

@@ -95,7 +95,8 @@ std::string JovuMessage::compile() {
     gen_string(g, "data");
     compile_data(g);
     gen_map_close(g);
-    if (generator_refused) throw JovuException("Send failed - a value has no JSON form.");
+    if (generator_refused)
+        throw JovuException("Send failed - a value has no JSON form.", JovuError::rejected);
     return std::string(generator.text());
 }
 

@@ -90,7 +90,8 @@ JovuEventInterface* JovuTransport::event_interface() const noexcept {
 
 void JovuTransport::set_strict_matching(bool strict) {
     if (state_->exchanged) {
-        throw JovuException("Strict matching must be chosen before the first exchange.");
+        throw JovuException("Strict matching must be chosen before the first exchange.",
+                            JovuError::rejected);
     }
     if (strict) JovuMessage::start_ids_anywhere();
     state_->strict = strict;

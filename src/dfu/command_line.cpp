@@ -57,8 +57,8 @@ void refuse_null_bytes(const char* what, const std::string& text) {
             shown += c;
         }
     }
-    throw JovuException(std::string("Failed to update device, null byte in ") + what + ": " +
-                        shown);
+    throw JovuException(std::string("Failed to update device, null byte in ") + what + ": " + shown,
+                        JovuError::rejected);
 }
 
 }  // namespace

@@ -48,12 +48,14 @@ class JovuDfu::Run {
 public:
     Run(JovuDfu& owner, const std::string& command) : owner_(owner) {
         if (owner_.pipe_ != nullptr) {
-            throw JovuException("dfu-util is already running for this object.");
+            throw JovuException("dfu-util is already running for this object.",
+                                JovuError::rejected);
         }
         // Close-on-exec: a copy in another child would keep a tool alive that prints into a pipe
         // that nobody reads.
         owner_.pipe_.reset(::popen(command.c_str(), "re"));
-        if (owner_.pipe_ == nullptr) throw JovuException("Failed to open dfu-util pipe.");
+        if (owner_.pipe_ == nullptr)
+            throw JovuException("Failed to open dfu-util pipe.", JovuError::tool_failed);
     }
     ~Run() { owner_.pipe_.reset(); }
     Run(const Run&) = delete;
@@ -124,5 +126,5 @@ void JovuDfu::UpdateDevice(DfuDevice_t device, std::string file, Progress progre
     report(100.0);
     if (progress_seen) return;
     if (log.empty()) log = shell_error(status, jovu::tool_command(tool_directory_));
-    throw JovuException("Failed to update device, pipe log: " + log);
+    throw JovuException("Failed to update device, pipe log: " + log, JovuError::tool_failed);
 }

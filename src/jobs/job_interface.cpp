@@ -58,7 +58,7 @@ void JovuJobInterface::send_request(const char* type, JovuDeviceAddress address)
 void JovuJobInterface::SendJobData(JovuDeviceAddress address, const unsigned char* data,
                                    unsigned int length) {
     const jovu::CallsInProgress::Call call(state_->calls);
-    if (!call) throw JovuException(jovu::kJobClientShutDown);
+    if (!call) throw JovuException(jovu::kJobClientShutDown, JovuError::shut_down);
     JovuUsb::write(data, length, address, JovuUsb::JOVU_USB_INTERFACE_JOBS);
 }
 

@@ -39,25 +39,29 @@ struct FileClose {
 using File = std::unique_ptr<std::FILE, FileClose>;
 using Piece = std::array<unsigned char, kPieceSize>;
 
+[[noreturn]] void fail_reading(const char* message) {
+    throw JovuException(message, JovuError::file_unreadable);
+}
+
 /// Opens a file that can be read twice: a regular one or a block device. Anything else (a
 /// directory, a pipe that nobody may ever write to) could only be announced with a wrong size.
 File open_job_file(const std::string& path) {
     const int descriptor = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
-    if (descriptor == -1) throw JovuException("Failed to open job file.");
+    if (descriptor == -1) fail_reading("Failed to open job file.");
     struct stat info {};
     const bool readable_twice =
         ::fstat(descriptor, &info) == 0 && (S_ISREG(info.st_mode) || S_ISBLK(info.st_mode));
     File file(readable_twice ? ::fdopen(descriptor, "rb") : nullptr);
     if (file == nullptr) {
         ::close(descriptor);
-        throw JovuException("Failed to open job file.");
+        fail_reading("Failed to open job file.");
     }
     return file;
 }
 
 /// Goes back to the start; a stream that cannot would be announced, and then not sent.
 void rewind_file(std::FILE* file) {
-    if (std::fseek(file, 0, SEEK_SET) != 0) throw JovuException("Failed to rewind job file.");
+    if (std::fseek(file, 0, SEEK_SET) != 0) fail_reading("Failed to rewind job file.");
 }
 
 /// One push: measures the file, announces it and streams it.
@@ -95,7 +99,8 @@ private:
 
     /// @throws JovuException after the client's shutdown().
     void check_open() const {
-        if (!call_ || calls_.closed()) throw JovuException(jovu::kJobClientShutDown);
+        if (!call_ || calls_.closed())
+            throw JovuException(jovu::kJobClientShutDown, JovuError::shut_down);
     }
 
     void report(double percent) const {
@@ -107,7 +112,8 @@ private:
     void write(const void* data, std::size_t size) const {
         check_open();
         if (connection_ == nullptr) {
-            throw JovuException("Send failed - Device no longer connected.");
+            throw JovuException("Send failed - Device no longer connected.",
+                                JovuError::disconnected);
         }
         try {
             connection_->write(
@@ -200,7 +206,7 @@ private:
 void JovuJobInterface::SendJobFile(JovuDeviceAddress address, std::string path, Progress progress,
                                    void* user, bool compressed) {
     const File file = open_job_file(path);
-    if (compressed) throw JovuException("Compression not supported yet.");
+    if (compressed) throw JovuException("Compression not supported yet.", JovuError::rejected);
     send_job(address, file.get(), progress, user, "", false, 0);
 }
 
@@ -208,7 +214,7 @@ JovuPushResult JovuJobInterface::SendJobFile(JovuDeviceAddress address, std::str
                                              Progress progress, void* user, bool compressed,
                                              const JovuPushCancel& cancel) {
     const File file = open_job_file(path);
-    if (compressed) throw JovuException("Compression not supported yet.");
+    if (compressed) throw JovuException("Compression not supported yet.", JovuError::rejected);
     return Push(state_->calls, address, progress, user, "", &cancel).run(file.get(), std::nullopt);
 }
 

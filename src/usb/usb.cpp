@@ -16,7 +16,8 @@ namespace {
 
 void start(UsbBackend& backend) JOVU_REQUIRES(backend.lifecycle_mutex) {
     jovu::Context context = jovu::acquire_context();
-    if (context == nullptr) throw JovuException("Failed to initialize libusb");
+    if (context == nullptr)
+        throw JovuException("Failed to initialize libusb", JovuError::usb_unavailable);
     client_list().forget_error();
     backend._run_device_hotplug_thread = true;
     backend.watcher_failed = false;
@@ -36,9 +37,14 @@ void stop(UsbBackend& backend) JOVU_REQUIRES(backend.lifecycle_mutex) {
 /// Starting and stopping wait for the watcher, and so for every callback.
 void refuse_in_callback(const char* what) {
     if (JovuUsb::in_callback()) {
-        throw JovuException(std::string(what) +
-                            " failed - called from inside a notice or delivery.");
+        throw JovuException(
+            std::string(what) + " failed - called from inside a notice or delivery.",
+            JovuError::in_callback);
     }
+}
+
+[[noreturn]] void fail_listing() {
+    throw JovuException("Failed to get libusb device list.", JovuError::usb_unavailable);
 }
 
 std::int32_t kind_of(std::uint16_t product_id) {
@@ -95,14 +101,15 @@ std::shared_ptr<jovu::Connection> JovuUsb::connection(JovuDeviceAddress address)
 void JovuUsb::write(const unsigned char* data, unsigned int length, JovuDeviceAddress address,
                     jovu_usb_interface_t interface) {
     const auto device = connection(address);
-    if (device == nullptr) throw JovuException("Send failed - Device no longer connected.");
+    if (device == nullptr)
+        throw JovuException("Send failed - Device no longer connected.", JovuError::disconnected);
     device->write({{data, length}}, interface);
 }
 
 void JovuUsb::close(JovuDeviceAddress address) {
     const auto device = usb_backend().device_at(address);
     if (device == nullptr || !close_device(*device)) {
-        throw JovuException("Close failed - Device no longer connected.");
+        throw JovuException("Close failed - Device no longer connected.", JovuError::disconnected);
     }
 }
 
@@ -119,9 +126,9 @@ std::vector<JovuDeviceAddress> JovuUsb::list_connected() {
 std::vector<JovuUsbDevice> JovuUsb::list_attached() {
     // The context remains for this call even if the backend stops meanwhile.
     const jovu::Context context = jovu::acquire_context();
-    if (context == nullptr) throw JovuException("Failed to get libusb device list.");
+    if (context == nullptr) fail_listing();
     const jovu::DeviceList list(context);
-    if (!list) throw JovuException("Failed to get libusb device list.");
+    if (!list) fail_listing();
     std::vector<JovuUsbDevice> attached;
     for (libusb_device* device : list) {
         libusb_device_descriptor descriptor{};

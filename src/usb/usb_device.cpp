@@ -17,16 +17,33 @@ using Clock = std::chrono::steady_clock;
 
 /// Throws what a failed libusb call on a device means.
 [[noreturn]] void fail_opening(int result, const char* message) {
-    if (result == LIBUSB_ERROR_NO_DEVICE) throw DeviceGone(message);
-    throw JovuException(message);
+    if (result == LIBUSB_ERROR_NO_DEVICE) throw DeviceGone(message, JovuError::disconnected);
+    throw JovuException(message, result == LIBUSB_ERROR_ACCESS ? JovuError::not_permitted
+                                                               : JovuError::usb_unavailable);
 }
 
 [[noreturn]] void fail_disconnected() {
-    throw JovuException("Send failed - Device no longer connected.");
+    throw JovuException("Send failed - Device no longer connected.", JovuError::disconnected);
+}
+
+JovuError error_of(int libusb_error) noexcept {
+    switch (libusb_error) {
+        case LIBUSB_ERROR_NO_DEVICE:
+            return JovuError::disconnected;
+        case LIBUSB_ERROR_TIMEOUT:
+            return JovuError::send_timed_out;
+        case LIBUSB_ERROR_PIPE:
+            return JovuError::stalled;
+        case LIBUSB_ERROR_ACCESS:
+            return JovuError::not_permitted;
+        default:
+            return ClientList::in_callback() ? JovuError::in_callback : JovuError::transfer_failed;
+    }
 }
 
 [[noreturn]] void fail_sending(int libusb_error) {
-    throw JovuException("Send failed - libusb error: " + std::to_string(libusb_error));
+    throw JovuException("Send failed - libusb error: " + std::to_string(libusb_error),
+                        error_of(libusb_error));
 }
 
 }  // namespace
@@ -48,11 +65,12 @@ std::shared_ptr<UsbDevice> UsbDevice::open(Context context, std::uint16_t vendor
 
 void UsbDevice::claim(std::uint16_t vendor_id, std::uint16_t product_id) {
     const DeviceList list(context_);
-    if (!list) throw JovuException("Failed to get libusb device list.");
+    if (!list) throw JovuException("Failed to get libusb device list.", JovuError::usb_unavailable);
     for (libusb_device* device : list) {
         libusb_device_descriptor descriptor{};
         if (libusb_get_device_descriptor(device, &descriptor) < 0) {
-            throw JovuException("Failed to get libusb device descriptor.");
+            throw JovuException("Failed to get libusb device descriptor.",
+                                JovuError::usb_unavailable);
         }
         if (descriptor.idVendor != vendor_id || descriptor.idProduct != product_id ||
             libusb_get_bus_number(device) != address().bus ||
@@ -70,7 +88,7 @@ void UsbDevice::claim(std::uint16_t vendor_id, std::uint16_t product_id) {
         open_ = true;
         return;
     }
-    throw DeviceGone("Failed to find desired device.");
+    throw DeviceGone("Failed to find desired device.", JovuError::disconnected);
 }
 
 bool UsbDevice::received(std::size_t interface, unsigned char* data, unsigned int length) noexcept {
@@ -88,7 +106,8 @@ bool UsbDevice::to_be_removed() const noexcept {
 
 void UsbDevice::check_writable(std::uint32_t interface) const {
     if (!open_ || close_ordered_) fail_disconnected();
-    if (interface >= kInterfaceCount) throw JovuException("Send failed - interface invalid.");
+    if (interface >= kInterfaceCount)
+        throw JovuException("Send failed - interface invalid.", JovuError::rejected);
 }
 
 void UsbDevice::write(std::initializer_list<Piece> pieces, std::uint32_t interface) {
@@ -126,7 +145,8 @@ void UsbDevice::send(std::uint8_t endpoint, const Piece& piece) {
         }
         if (result != 0) fail_sending(result);
         empty = transferred > 0 ? 0 : empty + 1;
-        if (empty == kMaxEmptySends) throw JovuException("Send failed - device takes no data.");
+        if (empty == kMaxEmptySends)
+            throw JovuException("Send failed - device takes no data.", JovuError::send_timed_out);
         offset += static_cast<unsigned int>(std::clamp(transferred, 0, size));
         retries = 0;
     }

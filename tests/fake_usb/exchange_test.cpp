@@ -17,8 +17,19 @@ protected:
 
 /// What a command returned, and why it failed if it did.
 std::string told(const std::shared_ptr<char>& text) {
-    return (text == nullptr ? std::string("null") : text.get()) + "|" +
-           JovuTransport::last_send_error();
+    const std::string reason = JovuTransport::last_send_error();
+    const std::pair<const char*, JovuError> codes[] = {
+        {"", JovuError::none},
+        {"Transport Error - No response received.", JovuError::no_response},
+        {"Send failed - libusb error: -6", JovuError::in_callback},
+        {"Send failed - libusb error: -9", JovuError::stalled},
+    };
+    for (const auto& [of, code] : codes) {
+        if (reason == of) {
+            EXPECT_EQ(JovuTransport::last_send_error_code(), code) << reason;
+        }
+    }
+    return (text == nullptr ? std::string("null") : text.get()) + "|" + reason;
 }
 
 TEST_F(Exchange, OnlyTheRightResponseEndsIt) {

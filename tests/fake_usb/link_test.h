@@ -95,13 +95,18 @@ private:
 inline constexpr JovuDeviceAddress kAddress{1, 5};
 inline constexpr unsigned kMessagesIn = 0x81, kJobsIn = 0x83;
 
+/// @param code receives the kind of the error, if it is one.
 inline std::string write(const std::string& bytes, JovuDeviceAddress address = kAddress,
-                         unsigned interface = 0) {
-    return error_of([&] {
+                         unsigned interface = 0, JovuError* code = nullptr) {
+    try {
         JovuUsb::write(reinterpret_cast<const unsigned char*>(bytes.data()),
                        static_cast<unsigned>(bytes.size()), address,
                        static_cast<JovuUsb::jovu_usb_interface_t>(interface));
-    });
+    } catch (const JovuException& error) {
+        if (code != nullptr) *code = error.code();
+        return error.what();
+    }
+    return "";
 }
 
 /// Runs something that may hang if the library is broken; the process ends then.

@@ -21,6 +21,7 @@ struct Case {
     std::vector<Bulk> script;
     std::vector<std::size_t> offsets;  ///< Of every call made.
     std::string error;
+    JovuError code = JovuError::none;
 };
 
 class Write : public test::LinkTest {
@@ -39,19 +40,40 @@ TEST_F(Write, RetriesGivesUpAndAdvances) {
         {"whole", 300, {}, {0}, ""},
         {"nothing to send", 0, {}, {}, ""},
         {"three time-outs", 9, {kTimeout, kTimeout, kTimeout, {}}, {0, 0, 0, 0}, ""},
-        {"four time-outs", 9, times(4, kTimeout), {0, 0, 0, 0}, failed(-7)},
+        {"four time-outs",
+         9,
+         times(4, kTimeout),
+         {0, 0, 0, 0},
+         failed(-7),
+         JovuError::send_timed_out},
         {"three times busy", 9, {kBusy, kBusy, kBusy, {}}, {0, 0, 0, 0}, ""},
-        {"busy last", 9, {kTimeout, kBusy, kTimeout, kBusy}, {0, 0, 0, 0}, failed(-6)},
+        {"busy last",
+         9,
+         {kTimeout, kBusy, kTimeout, kBusy},
+         {0, 0, 0, 0},
+         failed(-6),
+         JovuError::transfer_failed},
         {"a partial call restores the retries",
          9,
          {kTimeout, kTimeout, kTimeout, {0, 4}, kTimeout, kTimeout, kTimeout, {0, 4}, kBusy, {}},
          {0, 0, 0, 0, 4, 4, 4, 4, 8, 8},
          ""},
         {"bytes of a timed-out call go out again", 9, {{-7, 5}, {0, 3}, {-7, 2}}, {0, 0, 3, 3}, ""},
-        {"stall", 9, {{LIBUSB_ERROR_PIPE, 0}}, {0}, failed(-9)},
-        {"overflow, behind a time-out", 9, {kTimeout, {-8, 3}}, {0, 0}, failed(-8)},
-        {"no device", 9, {{0, 2}, {LIBUSB_ERROR_NO_DEVICE, 0}}, {0, 2}, failed(-4)},
-        {"empty for ever", 9, times(16, kNothing), std::vector<std::size_t>(16, 0), stuck},
+        {"stall", 9, {{LIBUSB_ERROR_PIPE, 0}}, {0}, failed(-9), JovuError::stalled},
+        {"overflow, behind a time-out",
+         9,
+         {kTimeout, {-8, 3}},
+         {0, 0},
+         failed(-8),
+         JovuError::transfer_failed},
+        {"no device",
+         9,
+         {{0, 2}, {LIBUSB_ERROR_NO_DEVICE, 0}},
+         {0, 2},
+         failed(-4),
+         JovuError::disconnected},
+        {"empty for ever", 9, times(16, kNothing), std::vector<std::size_t>(16, 0), stuck,
+         JovuError::send_timed_out},
         {"empty for long", 9, times(15, kNothing), std::vector<std::size_t>(16, 0), ""},
     };
     for (const unsigned interface : {0U, 1U}) {
@@ -62,7 +84,9 @@ TEST_F(Write, RetriesGivesUpAndAdvances) {
                 bytes.push_back(static_cast<char>(i));
             const std::size_t before = fake_usb::sent().size();
             fake_usb::script_bulk(row.script);
-            EXPECT_EQ(test::write(bytes, kAddress, interface), row.error);
+            JovuError code = JovuError::none;
+            EXPECT_EQ(test::write(bytes, kAddress, interface, &code), row.error);
+            EXPECT_EQ(code, row.code);
             auto sent = fake_usb::sent();
             sent.erase(sent.begin(), sent.begin() + static_cast<std::ptrdiff_t>(before));
             ASSERT_EQ(sent.size(), row.offsets.size());
