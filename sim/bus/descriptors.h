@@ -14,7 +14,7 @@ namespace jovusim {
 /// The only configuration's number.
 constexpr std::uint8_t kConfigurationValue = 1;
 
-/// The answer to GET_DESCRIPTOR, whole; nothing when the device has no such descriptor.
+/// The response to GET_DESCRIPTOR, whole; nothing when the device has no such descriptor.
 /// @param type  descriptor type as in the high byte of wValue
 /// @param index as in the low byte of wValue
 std::optional<std::string> find_descriptor(const UsbIdentity& identity, std::uint8_t type,

@@ -25,7 +25,7 @@ SimDevice::~SimDevice() {
 
 ClientId SimDevice::open() {
     const std::lock_guard<std::mutex> lock(mutex_);
-    if (clients_.empty()) function_->host_came();
+    if (clients_.empty()) function_->host_opened();
     const ClientId client = next_client_++;
     clients_.insert(client);
     ++counters_.opens;
@@ -39,7 +39,7 @@ void SimDevice::close(ClientId client) {
         it = it->second == client ? claims_.erase(it) : std::next(it);
     }
     clients_.erase(client);
-    if (clients_.empty()) function_->host_left();
+    if (clients_.empty()) function_->host_closed();
     settle(now_ms());
 }
 
@@ -86,7 +86,7 @@ int SimDevice::submit(Urb urb) {
     }
     const Millis now = now_ms();
     if (const int error = engine_.submit(std::move(urb), now)) return error;
-    if (engine_.wants_unplug()) unplug_locked();
+    if (engine_.unplug_requested()) unplug_locked();
     settle(now);
     return 0;
 }
@@ -163,8 +163,8 @@ void SimDevice::unplug_locked() {
 /// To be called, under the lock, after everything that can finish a transfer or make output.
 void SimDevice::settle(Millis now) {
     if (unplugged_) return;
-    if (function_->wants_to_leave(now)) {
-        left_by_itself_ = true;
+    if (function_->disconnect_due(now)) {
+        disconnected_itself_ = true;
         unplug_locked();
         return;
     }
@@ -222,10 +222,10 @@ void SimDevice::with_function(const std::function<void(UsbFunction&, Millis)>& w
 
 std::unique_ptr<UsbFunction> SimDevice::take_successor() {
     const std::lock_guard<std::mutex> lock(mutex_);
-    return left_by_itself_ ? function_->successor() : nullptr;
+    return disconnected_itself_ ? function_->successor() : nullptr;
 }
 
-void SimDevice::with_faults(const std::function<void(FaultBoard&)>& work) {
+void SimDevice::with_faults(const std::function<void(FaultTable&)>& work) {
     const std::lock_guard<std::mutex> lock(mutex_);
     work(faults_);
 }
@@ -252,11 +252,11 @@ Json SimDevice::stats() {
     return out;
 }
 
-void SimDevice::print_complaints() {
+void SimDevice::print_violations() {
     std::vector<std::string> sentences;
     {
         const std::lock_guard<std::mutex> lock(mutex_);
-        sentences = function_->take_complaints();
+        sentences = function_->take_violations();
     }
     for (const std::string& sentence : sentences) {
         std::fprintf(stderr, "jovu-sim: device %s: %s\n", address_.to_string().c_str(),

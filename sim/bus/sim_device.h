@@ -13,7 +13,7 @@
 #include <string>
 
 #include "bus/bus_address.h"
-#include "bus/fault_board.h"
+#include "bus/fault_table.h"
 #include "bus/pty_node.h"
 #include "bus/urb_engine.h"
 #include "firmware/controller.h"
@@ -34,7 +34,7 @@ constexpr int kContended = -1;
 class SimDevice {
 public:
     /// @param wake called, under the lock, when the main thread should look at next_due() or
-    ///             wants_unplug(); must not block
+    ///             unplug_requested(); must not block
     SimDevice(BusAddress address, std::unique_ptr<UsbFunction> function,
               std::function<void()> wake);
     SimDevice(const SimDevice&) = delete;
@@ -94,14 +94,14 @@ public:
     std::unique_ptr<UsbFunction> take_successor();
 
     /// Runs something on the faults under the lock.
-    void with_faults(const std::function<void(FaultBoard&)>& work);
+    void with_faults(const std::function<void(FaultTable&)>& work);
 
     std::size_t open_clients();
     Json stats();
     /// @}
 
     /// Prints what the firmware complains about. Any thread, without the lock.
-    void print_complaints();
+    void print_violations();
 
 private:
     void settle(Millis now);
@@ -115,9 +115,9 @@ private:
     std::atomic<bool> unplugged_{false};
 
     std::mutex mutex_;  // guards everything below
-    bool left_by_itself_ = false;
+    bool disconnected_itself_ = false;
     std::unique_ptr<UsbFunction> function_;
-    FaultBoard faults_;
+    FaultTable faults_;
     UrbEngine engine_;
     PtyNode node_;
     std::set<ClientId> clients_;

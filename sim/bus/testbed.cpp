@@ -45,9 +45,11 @@ std::string serial_of(BusAddress address) {
 
 }  // namespace
 
-Testbed::Testbed(double pace, std::function<void()> wake) : pace_(pace), wake_(std::move(wake)) {
+Testbed::Testbed(double time_scale, std::function<void()> wake)
+    : time_scale_(time_scale), wake_(std::move(wake)) {
     if (std::getenv(kTestbedVariable) != nullptr) {
-        throw std::runtime_error("this program runs on a simulated bus itself");
+        throw std::runtime_error(std::string(kTestbedVariable) +
+                                 " is set: jovu-sim cannot run on a simulated bus");
     }
     const std::string temporary = temporary_directory();
     remove_stale_testbeds(temporary);
@@ -99,15 +101,15 @@ std::string Testbed::free_serial(BusAddress address) const {
 
 BusAddress Testbed::plug(std::optional<BusAddress> wanted, const PlugRequest& request) {
     const BusAddress address = wanted ? *wanted : free_address(kFirstBus);
-    DeviceNature nature{request.serial.empty() ? free_serial(address) : request.serial,
-                        request.product, pace_};
-    nature.vendor = request.vendor;
-    nature.dfu_name = request.dfu_name;
+    DeviceConfig config{request.serial.empty() ? free_serial(address) : request.serial,
+                        request.product, time_scale_};
+    config.vendor = request.vendor;
+    config.dfu_name = request.dfu_name;
     if (request.product == kDfuProduct) {
-        nature.product = kApplicationProduct;
-        attach(address, std::make_unique<DfuDevice>(nature, DfuFaults()));
+        config.product = kApplicationProduct;
+        attach(address, std::make_unique<DfuDevice>(config, DfuFaults()));
     } else {
-        attach(address, std::make_unique<Controller>(nature));
+        attach(address, std::make_unique<Controller>(config));
     }
     return address;
 }
@@ -139,7 +141,7 @@ void Testbed::unplug(BusAddress address) {
     const std::shared_ptr<SimDevice> device = at(address);
     remove_node(address);
     device->unplug();
-    put_away(address);
+    remove_device(address);
 }
 
 void Testbed::replug(BusAddress address) {
@@ -153,7 +155,7 @@ void Testbed::replug(BusAddress address) {
 
 /// What is left to do when a device has gone: the opposite order of plug(). The message comes last,
 /// so that a program which has begun to look cannot miss it and still find the device.
-void Testbed::put_away(BusAddress address) {
+void Testbed::remove_device(BusAddress address) {
     nodes_.at(address)->set_device(nullptr);
     devices_.erase(address);
     umockdev_testbed_remove_device(testbed_.get(), ("/sys" + address.device_path()).c_str());
@@ -209,20 +211,20 @@ void Testbed::service() {
     const Millis now = now_ms();
     for (const auto& device : devices()) {
         if (!device->unplugged()) device->tick();
-        device->print_complaints();
+        device->print_violations();
         if (device->unplugged()) {
             const BusAddress address = device->address();
             remove_node(address);
-            put_away(address);
+            remove_device(address);
             if (auto successor = device->take_successor()) {
                 returning_.push_back({now + kRestartTime, address.bus, std::move(successor)});
             }
         }
     }
-    take_back(now);
+    attach_returned(now);
 }
 
-void Testbed::take_back(Millis now) {
+void Testbed::attach_returned(Millis now) {
     for (auto it = returning_.begin(); it != returning_.end();) {
         if (it->due > now) {
             ++it;

@@ -28,7 +28,7 @@ struct PlugRequest {
     std::uint16_t product = kApplicationProduct;  ///< kDfuProduct: a device in DFU mode
     std::uint16_t vendor = kVendorId;
     std::string serial = {};  ///< empty: made from the address
-    std::string dfu_name = DeviceNature{}.dfu_name;
+    std::string dfu_name = DeviceConfig{}.dfu_name;
 };
 
 /// A bus on which devices come and go, for programs that run with the testbed's library preloaded
@@ -39,10 +39,10 @@ struct PlugRequest {
 class Testbed {
 public:
     /// Removes what killed simulators left behind and makes a bus without devices.
-    /// @param pace machine seconds in a second for all devices
+    /// @param time_scale machine seconds in a second for all devices
     /// @param wake called on any thread when service() has something to do; must not block
     /// @throws std::runtime_error, std::system_error
-    Testbed(double pace, std::function<void()> wake);
+    Testbed(double time_scale, std::function<void()> wake);
     Testbed(const Testbed&) = delete;
     Testbed& operator=(const Testbed&) = delete;
     ~Testbed();
@@ -92,12 +92,12 @@ private:
     BusAddress free_address(std::uint8_t bus);
     std::string free_serial(BusAddress address) const;
     void attach(BusAddress address, std::unique_ptr<UsbFunction> function);
-    void take_back(Millis now);
+    void attach_returned(Millis now);
     void make_node(const SimDevice& device);
     void remove_node(BusAddress address);
-    void put_away(BusAddress address);
+    void remove_device(BusAddress address);
 
-    const double pace_;
+    const double time_scale_;
     const std::function<void()> wake_;
     std::optional<DirectoryOwnership> ownership_;  // goes after the directory
     std::unique_ptr<UMockdevTestbed, TestbedDeleter> testbed_;

@@ -10,7 +10,7 @@
 #include <memory>
 #include <optional>
 
-#include "bus/fault_board.h"
+#include "bus/fault_table.h"
 #include "firmware/usb_function.h"
 
 namespace jovusim {
@@ -37,10 +37,10 @@ struct Urb {
 class UrbEngine {
 public:
     /// Both must outlive the engine.
-    UrbEngine(UsbFunction& function, FaultBoard& faults);
+    UrbEngine(UsbFunction& function, FaultTable& faults);
 
     /// Begins a transfer. Returns 0 or the errno with which submitting failed. The device may want
-    /// to leave the bus because of it: see wants_unplug().
+    /// to leave the bus because of it: see unplug_requested().
     int submit(Urb urb, Millis now);
 
     /// Ends a transfer early. Returns 0, or EINVAL when there is no such one in flight.
@@ -66,7 +66,7 @@ public:
     bool has_finished() const { return !finished_.empty(); }
 
     /// Whether an armed fault asks for the device to be unplugged now.
-    bool wants_unplug() const { return wants_unplug_; }
+    bool unplug_requested() const { return unplug_requested_; }
 
     /// The interface that an endpoint belongs to, or nothing.
     std::optional<std::size_t> interface_of(std::uint8_t endpoint) const;
@@ -90,11 +90,11 @@ private:
     void run_control(Urb urb, Millis now);
 
     UsbFunction& function_;
-    FaultBoard& faults_;
+    FaultTable& faults_;
     std::map<std::uint8_t, Endpoint> endpoints_;
     std::deque<Urb> cut_short_;  ///< control transfers at which the device left
     std::deque<Urb> finished_;
-    bool wants_unplug_ = false;
+    bool unplug_requested_ = false;
 };
 
 }  // namespace jovusim

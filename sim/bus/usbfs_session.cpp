@@ -68,7 +68,7 @@ void UsbfsSession::run() {
             outcome = EBUSY;
         }
         link_.complete(outcome);
-        if (device_) device_->print_complaints();
+        if (device_) device_->print_violations();
     }
 }
 

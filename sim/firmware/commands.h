@@ -27,8 +27,9 @@ struct CommandContext {
     const Identity& identity;
     Machine& machine;
     GcodeInterpreter& gcode;
-    Json& args;  ///< fit the command's rules; sent back with the answer, whatever is put into them
-    std::vector<std::string>& debug_lines;  ///< each becomes a debug event before the answer
+    Json&
+        args;  ///< fit the command's rules; sent back with the response, whatever is put into them
+    std::vector<std::string>& debug_lines;  ///< each becomes a debug event before the response
     Millis now;
 
     /// An argument as a value of that type, which its rule must have seen to.

@@ -11,10 +11,10 @@ namespace {
 constexpr std::uint16_t kDeviceRelease = 0x0100;
 constexpr std::uint8_t kVendorSpecificClass = 0xFF;
 
-Identity identity_of(const DeviceNature& nature) {
+Identity identity_of(const DeviceConfig& config) {
     Identity identity;
-    identity.firmware_version = nature.version;
-    identity.serial = nature.serial;
+    identity.firmware_version = config.version;
+    identity.serial = config.serial;
     return identity;
 }
 
@@ -22,25 +22,25 @@ InterfaceInfo bulk_pair(std::uint8_t in, std::uint8_t out) {
     return {kVendorSpecificClass, 0, 0, {{in, kMaxPacket}, {out, kMaxPacket}}};
 }
 
-UsbIdentity usb_identity(const DeviceNature& nature) {
-    return {nature.vendor,
-            nature.product,
+UsbIdentity usb_identity(const DeviceConfig& config) {
+    return {config.vendor,
+            config.product,
             kDeviceRelease,
             "JoVu",
             "JoVu Controller (simulated)",
-            nature.serial,
+            config.serial,
             {bulk_pair(kMessageIn, kMessageOut), bulk_pair(kJobIn, kJobOut)}};
 }
 
 }  // namespace
 
-Controller::Controller(DeviceNature nature)
-    : nature_(std::move(nature)),
-      identity_(identity_of(nature_)),
-      usb_(usb_identity(nature_)),
-      machine_(nature_.pace, nature_.serial),
-      messages_(identity_, machine_, faults_, complaints_),
-      jobs_(identity_, machine_, faults_, complaints_) {}
+Controller::Controller(DeviceConfig config)
+    : config_(std::move(config)),
+      identity_(identity_of(config_)),
+      usb_(usb_identity(config_)),
+      machine_(config_.time_scale, config_.serial),
+      messages_(identity_, machine_, faults_, violations_),
+      jobs_(identity_, machine_, faults_, violations_) {}
 
 void Controller::advance(Millis now) {
     machine_.advance(now);
@@ -59,14 +59,14 @@ void Controller::receive(std::uint8_t endpoint, const std::uint8_t* data, std::s
 
 std::optional<std::string> Controller::next_packet(std::uint8_t endpoint, Millis now) {
     advance(now);
-    if (endpoint == kMessageIn) return messages_.outbox().next_packet(now);
-    if (endpoint == kJobIn) return jobs_.outbox().next_packet(now);
+    if (endpoint == kMessageIn) return messages_.transmit_queue().next_packet(now);
+    if (endpoint == kJobIn) return jobs_.transmit_queue().next_packet(now);
     return std::nullopt;
 }
 
 std::optional<Millis> Controller::next_due() const {
-    const auto message = messages_.outbox().next_due();
-    const auto job = jobs_.outbox().next_due();
+    const auto message = messages_.transmit_queue().next_due();
+    const auto job = jobs_.transmit_queue().next_due();
     if (message && job) return std::min(*message, *job);
     return message ? message : job;
 }
@@ -76,13 +76,13 @@ void Controller::reset_channels() {
     jobs_.reset();
 }
 
-bool Controller::wants_to_leave(Millis now) const {
-    const auto moment = machine_.leaving_at();
+bool Controller::disconnect_due(Millis now) const {
+    const auto moment = machine_.disconnect_at();
     return moment && now >= *moment;
 }
 
 std::unique_ptr<UsbFunction> Controller::successor() {
-    return std::make_unique<DfuDevice>(nature_, dfu_faults_);
+    return std::make_unique<DfuDevice>(config_, dfu_faults_);
 }
 
 Json Controller::stats(Millis now) {
@@ -90,7 +90,7 @@ Json Controller::stats(Millis now) {
     jobs_.tick(now);
     return {{"serial", identity_.serial},   {"version", identity_.firmware_version},
             {"message", messages_.stats()}, {"job", jobs_.stats()},
-            {"machine", machine_.stats()},  {"complaints", complaints_.stats()}};
+            {"machine", machine_.stats()},  {"protocol_violations", violations_.stats()}};
 }
 
 void Controller::send_debug_event(const std::string& text, Millis now) {
@@ -98,11 +98,11 @@ void Controller::send_debug_event(const std::string& text, Millis now) {
 }
 
 void Controller::send_raw(Channel channel, std::string bytes, Millis now) {
-    outbox(channel).push(std::move(bytes), now);
+    transmit_queue(channel).push(std::move(bytes), now);
 }
 
 void Controller::send_framed(const std::string& text, Millis now) {
-    messages_.outbox().push(encode_frame(text), now);
+    messages_.transmit_queue().push(encode_frame(text), now);
 }
 
 void Controller::flood(Channel channel, std::uint64_t count) {
@@ -115,7 +115,7 @@ void Controller::flood(Channel channel, std::uint64_t count) {
 
 void Controller::send_garbage(Channel channel, std::uint64_t bytes) {
     const std::uint64_t blocks = (bytes + kMaxPacket - 1) / kMaxPacket;
-    outbox(channel).push_burst(
+    transmit_queue(channel).push_burst(
         blocks, [random = std::minstd_rand(1), bytes](std::uint64_t block) mutable {
             const std::uint64_t left = bytes - block * kMaxPacket;
             std::string piece(static_cast<std::size_t>(std::min<std::uint64_t>(left, kMaxPacket)),
@@ -126,8 +126,8 @@ void Controller::send_garbage(Channel channel, std::uint64_t bytes) {
         });
 }
 
-Outbox& Controller::outbox(Channel channel) {
-    return channel == Channel::message ? messages_.outbox() : jobs_.outbox();
+TransmitQueue& Controller::transmit_queue(Channel channel) {
+    return channel == Channel::message ? messages_.transmit_queue() : jobs_.transmit_queue();
 }
 
 }  // namespace jovusim

@@ -3,12 +3,12 @@
 #pragma once
 
 #include "firmware/commands.h"
-#include "firmware/complaints.h"
 #include "firmware/dfu_device.h"
 #include "firmware/job_channel.h"
 #include "firmware/machine.h"
 #include "firmware/message_channel.h"
-#include "firmware/misbehaviour.h"
+#include "firmware/protocol_violations.h"
+#include "firmware/response_faults.h"
 #include "firmware/usb_function.h"
 
 namespace jovusim {
@@ -24,28 +24,28 @@ constexpr std::uint8_t kJobOut = 0x04;
 /// The application personality: a message channel, a job channel and the machine behind them.
 class Controller final : public UsbFunction {
 public:
-    /// @param nature its serial is unlike that of any other simulated device
-    explicit Controller(DeviceNature nature);
+    /// @param config its serial is unlike that of any other simulated device
+    explicit Controller(DeviceConfig config);
 
     const UsbIdentity& identity() const override { return usb_; }
-    std::uint16_t application_product() const override { return nature_.product; }
+    std::uint16_t application_product() const override { return config_.product; }
     void receive(std::uint8_t endpoint, const std::uint8_t* data, std::size_t size,
                  Millis now) override;
     std::optional<std::string> next_packet(std::uint8_t endpoint, Millis now) override;
     std::optional<Millis> next_due() const override;
     void bus_reset(Millis /*now*/) override { reset_channels(); }
     void configure() override { reset_channels(); }
-    bool wants_to_leave(Millis now) const override;
+    bool disconnect_due(Millis now) const override;
     std::unique_ptr<UsbFunction> successor() override;
     DfuFaults& dfu_faults() override { return dfu_faults_; }
     void tick(Millis now) override { advance(now); }
     std::optional<Millis> next_tick() const override { return machine_.next_due(); }
-    void host_came() override { machine_.record_samples(true); }
-    void host_left() override { machine_.record_samples(false); }
+    void host_opened() override { machine_.record_samples(true); }
+    void host_closed() override { machine_.record_samples(false); }
     Json stats(Millis now) override;
-    std::vector<std::string> take_complaints() override { return complaints_.take(); }
+    std::vector<std::string> take_violations() override { return violations_.take(); }
 
-    /// Sends a debug event with at most kLongestEventText bytes of that text.
+    /// Sends a debug event with at most kMaxEventString bytes of that text.
     void send_debug_event(const std::string& text, Millis now);
 
     /// Sends bytes as they are.
@@ -60,19 +60,19 @@ public:
     /// Sends that many bytes without any meaning, always the same ones.
     void send_garbage(Channel channel, std::uint64_t bytes);
 
-    Misbehaviour& misbehaviour() { return faults_; }
+    ResponseFaults& response_faults() { return faults_; }
     Machine& machine() { return machine_; }
 
 private:
     void advance(Millis now);
     void reset_channels();
-    Outbox& outbox(Channel channel);
+    TransmitQueue& transmit_queue(Channel channel);
 
-    const DeviceNature nature_;
+    const DeviceConfig config_;
     const Identity identity_;
     const UsbIdentity usb_;
-    Complaints complaints_;
-    Misbehaviour faults_;
+    ProtocolViolations violations_;
+    ResponseFaults faults_;
     DfuFaults dfu_faults_;
     Machine machine_;
     MessageChannel messages_;

@@ -55,18 +55,18 @@ std::string functional_descriptor() {
             0x01};  // version 1.1
 }
 
-UsbIdentity usb_identity(const DeviceNature& nature, const DfuFaults& faults) {
+UsbIdentity usb_identity(const DeviceConfig& config, const DfuFaults& faults) {
     InterfaceInfo interface {
         kApplicationSpecificClass, kFirmwareUpgradeSubclass, kDfuModeProtocol, {}
     };
-    interface.name = nature.dfu_name;
+    interface.name = config.dfu_name;
     interface.extra = functional_descriptor();
-    return {nature.vendor,
+    return {config.vendor,
             kDfuProduct,
             0x0100,
             "JoVu",
             "JoVu Boot Loader (simulated)",
-            faults.serial.value_or(nature.serial),
+            faults.serial.value_or(config.serial),
             {interface}};
 }
 
@@ -94,15 +94,15 @@ const char* to_string(DfuState state) {
     return "unknown";
 }
 
-DfuStatus status_of(ImageFault fault) {
+DfuStatus status_of(ImageError fault) {
     switch (fault) {
-        case ImageFault::none:
+        case ImageError::none:
             return DfuStatus::ok;
-        case ImageFault::foreign:
+        case ImageError::foreign:
             return DfuStatus::firmware;
-        case ImageFault::incomplete:
+        case ImageError::incomplete:
             return DfuStatus::not_done;
-        case ImageFault::damaged:
+        case ImageError::damaged:
             return DfuStatus::verify;
     }
     return DfuStatus::firmware;
@@ -110,12 +110,12 @@ DfuStatus status_of(ImageFault fault) {
 
 }  // namespace
 
-DfuDevice::DfuDevice(DeviceNature nature, const DfuFaults& faults)
-    : nature_(std::move(nature)), usb_(usb_identity(nature_, faults)), faults_(faults) {}
+DfuDevice::DfuDevice(DeviceConfig config, const DfuFaults& faults)
+    : config_(std::move(config)), usb_(usb_identity(config_, faults)), faults_(faults) {}
 
 std::optional<std::string> DfuDevice::control(const SetupPacket& request, const std::string& data,
                                               Millis now) {
-    if (leaving_at_) return std::nullopt;
+    if (disconnect_at_) return std::nullopt;
     const bool in = request.type == kInterfaceToHost;
     if (!in && request.type != kClassToInterface) return std::nullopt;
     switch (request.request) {
@@ -138,8 +138,8 @@ std::optional<std::string> DfuDevice::control(const SetupPacket& request, const 
     }
 }
 
-DfuDevice::Reply DfuDevice::refuse(const std::string& what) {
-    complaints_.add("DFU: " + what + " in the state " + to_string(state_));
+DfuDevice::Response DfuDevice::refuse(const std::string& what) {
+    violations_.add("DFU: " + what + " in the state " + to_string(state_));
     fail(DfuStatus::stalled_packet);
     return std::nullopt;
 }
@@ -149,8 +149,8 @@ void DfuDevice::fail(DfuStatus status) {
     status_ = status;
 }
 
-DfuDevice::Reply DfuDevice::download(const SetupPacket& request, const std::string& data,
-                                     Millis now) {
+DfuDevice::Response DfuDevice::download(const SetupPacket& request, const std::string& data,
+                                        Millis now) {
     if (state_ == DfuState::idle) {
         if (data.empty()) return refuse("a download without data");
         image_.clear();
@@ -162,8 +162,8 @@ DfuDevice::Reply DfuDevice::download(const SetupPacket& request, const std::stri
         return refuse("a block of " + std::to_string(data.size()) + " bytes");
     }
     if (data.empty()) {
-        const ImageFault fault = check_firmware_image(image_);
-        if (fault != ImageFault::none) {
+        const ImageError fault = check_firmware_image(image_);
+        if (fault != ImageError::none) {
             fail(status_of(fault));
             return std::nullopt;
         }
@@ -176,7 +176,7 @@ DfuDevice::Reply DfuDevice::download(const SetupPacket& request, const std::stri
     }
     if (faults_.unplug_at == blocks_) {
         gone_ = !faults_.keep_firmware;
-        leaving_at_ = now;
+        disconnect_at_ = now;
         return std::nullopt;
     }
     state_ = DfuState::download_sync;
@@ -193,18 +193,18 @@ void DfuDevice::write_block(const std::string& data) {
     }
     image_ += data;
     // Told as early as it is known: a host may not look at what becomes of the last block.
-    const ImageFault fault = check_firmware_image(image_);
-    if (fault == ImageFault::foreign || fault == ImageFault::damaged) fail(status_of(fault));
+    const ImageError fault = check_firmware_image(image_);
+    if (fault == ImageError::foreign || fault == ImageError::damaged) fail(status_of(fault));
 }
 
-DfuDevice::Reply DfuDevice::upload(const SetupPacket& request) {
+DfuDevice::Response DfuDevice::upload(const SetupPacket& request) {
     if (state_ == DfuState::idle) {
         if (!firmware_sound_) return refuse("an upload without a firmware");
         uploaded_ = 0;
     } else if (state_ != DfuState::upload_idle) {
         return refuse("an upload");
     }
-    const std::string image = make_firmware_image(nature_.version);
+    const std::string image = make_firmware_image(config_.version);
     const std::string part = image.substr(uploaded_, std::min(request.length, kTransferSize));
     uploaded_ += part.size();
     // A short block is the last one.
@@ -212,7 +212,7 @@ DfuDevice::Reply DfuDevice::upload(const SetupPacket& request) {
     return part;
 }
 
-DfuDevice::Reply DfuDevice::get_status(Millis now) {
+DfuDevice::Response DfuDevice::get_status(Millis now) {
     if (state_ == DfuState::download_sync) {
         state_ = now < busy_until_ ? DfuState::download_busy : DfuState::download_idle;
     } else if (state_ == DfuState::download_busy && now >= busy_until_) {
@@ -222,30 +222,30 @@ DfuDevice::Reply DfuDevice::get_status(Millis now) {
         busy_until_ = now + kManifestTime;
     } else if (state_ == DfuState::manifest && now >= busy_until_) {
         state_ = DfuState::manifest_wait_reset;
-        if (!faults_.keep_firmware) nature_.version = version_of_image(image_);
+        if (!faults_.keep_firmware) config_.version = version_of_image(image_);
         firmware_sound_ = true;
         ++downloads_;
     }
     const bool busy = state_ == DfuState::download_busy || state_ == DfuState::manifest;
     const auto wait = static_cast<unsigned>(busy ? std::max<Millis>(busy_until_ - now, 0) : 0);
-    std::string reply(1, static_cast<char>(status_));
+    std::string response(1, static_cast<char>(status_));
     for (unsigned shift = 0; shift < 24; shift += 8)
-        reply += static_cast<char>(wait >> shift);
-    return reply + std::string{static_cast<char>(state_), 0};
+        response += static_cast<char>(wait >> shift);
+    return response + std::string{static_cast<char>(state_), 0};
 }
 
-DfuDevice::Reply DfuDevice::clear_status() {
+DfuDevice::Response DfuDevice::clear_status() {
     if (state_ != DfuState::error) return refuse("clearing the status");
     state_ = DfuState::idle;
     status_ = DfuStatus::ok;
     return std::string();
 }
 
-DfuDevice::Reply DfuDevice::get_state() const {
+DfuDevice::Response DfuDevice::get_state() const {
     return std::string(1, static_cast<char>(state_));
 }
 
-DfuDevice::Reply DfuDevice::abort() {
+DfuDevice::Response DfuDevice::abort() {
     if (state_ == DfuState::error || state_ == DfuState::manifest ||
         state_ == DfuState::manifest_wait_reset) {
         return refuse("an abort");
@@ -254,7 +254,7 @@ DfuDevice::Reply DfuDevice::abort() {
     return std::string();
 }
 
-DfuDevice::Reply DfuDevice::detach(Millis now) {
+DfuDevice::Response DfuDevice::detach(Millis now) {
     if (state_ != DfuState::idle && state_ != DfuState::manifest_wait_reset) {
         return refuse("a detach");
     }
@@ -263,31 +263,31 @@ DfuDevice::Reply DfuDevice::detach(Millis now) {
 }
 
 void DfuDevice::bus_reset(Millis now) {
-    boot(now, faults_.leave_at_reset ? 0 : kBootDelay);
+    boot(now, faults_.disconnect_at_reset ? 0 : kBootDelay);
 }
 
 void DfuDevice::boot(Millis now, Millis delay) {
-    if (leaving_at_) return;
+    if (disconnect_at_) return;
     if (!firmware_sound_) {
         state_ = DfuState::idle;
         status_ = DfuStatus::ok;
         return;
     }
-    leaving_at_ = now + delay;
+    disconnect_at_ = now + delay;
 }
 
-bool DfuDevice::wants_to_leave(Millis now) const {
-    return leaving_at_ && now >= *leaving_at_;
+bool DfuDevice::disconnect_due(Millis now) const {
+    return disconnect_at_ && now >= *disconnect_at_;
 }
 
 std::unique_ptr<UsbFunction> DfuDevice::successor() {
     if (gone_) return nullptr;
-    return std::make_unique<Controller>(nature_);
+    return std::make_unique<Controller>(config_);
 }
 
 Json DfuDevice::stats(Millis) {
     const auto sum = crc32_z(0, reinterpret_cast<const Bytef*>(image_.data()), image_.size());
-    return {{"serial", nature_.serial},
+    return {{"serial", config_.serial},
             {"dfu",
              {{"state", to_string(state_)},
               {"status", static_cast<int>(status_)},
@@ -295,9 +295,9 @@ Json DfuDevice::stats(Millis) {
               {"bytes", image_.size()},
               {"crc32", sum},
               {"downloads", downloads_},
-              {"version", nature_.version},
+              {"version", config_.version},
               {"bootable", firmware_sound_}}},
-            {"complaints", complaints_.stats()}};
+            {"protocol_violations", violations_.stats()}};
 }
 
 }  // namespace jovusim

@@ -7,7 +7,7 @@
 #include <optional>
 #include <string>
 
-#include "firmware/complaints.h"
+#include "firmware/protocol_violations.h"
 #include "firmware/usb_function.h"
 
 namespace jovusim {
@@ -39,10 +39,10 @@ enum class DfuStatus : std::uint8_t {
 };
 
 /// What stays the same when a device changes between its application and its boot loader.
-struct DeviceNature {
+struct DeviceConfig {
     std::string serial;
     std::uint16_t product;  ///< of the application
-    double pace;
+    double time_scale;
     std::string version = "1.0.0";  ///< of the firmware that it has
     std::uint16_t vendor = kVendorId;
     std::string dfu_name = "Firmware";  ///< of its alternate setting in DFU mode
@@ -53,40 +53,40 @@ struct DeviceNature {
 /// is gone: without a sound image the device stays in DFU mode.
 class DfuDevice final : public UsbFunction {
 public:
-    DfuDevice(DeviceNature nature, const DfuFaults& faults);
+    DfuDevice(DeviceConfig config, const DfuFaults& faults);
 
     const UsbIdentity& identity() const override { return usb_; }
-    std::uint16_t application_product() const override { return nature_.product; }
+    std::uint16_t application_product() const override { return config_.product; }
     std::optional<std::string> control(const SetupPacket& request, const std::string& data,
                                        Millis now) override;
     void bus_reset(Millis now) override;
-    bool wants_to_leave(Millis now) const override;
+    bool disconnect_due(Millis now) const override;
     std::unique_ptr<UsbFunction> successor() override;
     void tick(Millis) override {}
-    std::optional<Millis> next_tick() const override { return leaving_at_; }
+    std::optional<Millis> next_tick() const override { return disconnect_at_; }
     Json stats(Millis now) override;
-    std::vector<std::string> take_complaints() override { return complaints_.take(); }
+    std::vector<std::string> take_violations() override { return violations_.take(); }
     DfuFaults& dfu_faults() override { return faults_; }
 
 private:
-    using Reply = std::optional<std::string>;
+    using Response = std::optional<std::string>;
 
-    Reply download(const SetupPacket& request, const std::string& data, Millis now);
-    Reply upload(const SetupPacket& request);
-    Reply get_status(Millis now);
-    Reply clear_status();
-    Reply get_state() const;
-    Reply abort();
-    Reply detach(Millis now);
-    Reply refuse(const std::string& what);
+    Response download(const SetupPacket& request, const std::string& data, Millis now);
+    Response upload(const SetupPacket& request);
+    Response get_status(Millis now);
+    Response clear_status();
+    Response get_state() const;
+    Response abort();
+    Response detach(Millis now);
+    Response refuse(const std::string& what);
     void fail(DfuStatus status);
     void write_block(const std::string& data);
     void boot(Millis now, Millis delay);
 
-    DeviceNature nature_;
+    DeviceConfig config_;
     UsbIdentity usb_;
     DfuFaults faults_;
-    Complaints complaints_;
+    ProtocolViolations violations_;
     DfuState state_ = DfuState::idle;
     DfuStatus status_ = DfuStatus::ok;
     Millis busy_until_ = 0;
@@ -96,7 +96,7 @@ private:
     std::uint64_t blocks_ = 0;
     std::size_t uploaded_ = 0;
     std::uint64_t downloads_ = 0;
-    std::optional<Millis> leaving_at_;
+    std::optional<Millis> disconnect_at_;
 };
 
 }  // namespace jovusim

@@ -39,11 +39,14 @@ std::string make_firmware_image(const std::string& version, std::size_t size) {
     const bool printable =
         std::all_of(version.begin(), version.end(), [](char c) { return c >= ' ' && c <= '~'; });
     if (version.empty() || version.size() > kLongestVersion || !printable) {
-        throw std::invalid_argument("\"" + version + "\" is no version: 1 to " +
-                                    std::to_string(kLongestVersion) + " printable characters");
+        throw std::invalid_argument("\"" + version + "\" is not a valid version: use 1 to " +
+                                    std::to_string(kLongestVersion) +
+                                    " printable ASCII characters");
     }
     if (size < kVersionAt + version.size() || size > kLargestImage) {
-        throw std::invalid_argument("no image has " + std::to_string(size) + " bytes");
+        throw std::invalid_argument(std::to_string(size) + " is not a valid image size: use " +
+                                    std::to_string(kVersionAt + version.size()) + " to " +
+                                    std::to_string(kLargestImage) + " bytes");
     }
     std::string body(1, static_cast<char>(version.size()));
     body += version;
@@ -63,16 +66,16 @@ std::optional<std::size_t> announced_size(const std::string& image) {
     return long_at(image, kLengthAt);
 }
 
-ImageFault check_firmware_image(const std::string& image) {
+ImageError check_firmware_image(const std::string& image) {
     const auto size = announced_size(image);
-    if (!size || *size > kLargestImage) return ImageFault::foreign;
+    if (!size || *size > kLargestImage) return ImageError::foreign;
     const auto version_size = static_cast<unsigned char>(image[kVersionSizeAt]);
     if (version_size == 0 || version_size > kLongestVersion || *size < kVersionAt + version_size) {
-        return ImageFault::foreign;
+        return ImageError::foreign;
     }
-    if (image.size() < *size) return ImageFault::incomplete;
+    if (image.size() < *size) return ImageError::incomplete;
     const std::uint32_t sum = sum_of(image.data() + kVersionSizeAt, *size - kVersionSizeAt);
-    return sum == long_at(image, kSumAt) ? ImageFault::none : ImageFault::damaged;
+    return sum == long_at(image, kSumAt) ? ImageError::none : ImageError::damaged;
 }
 
 std::string version_of_image(const std::string& image) {

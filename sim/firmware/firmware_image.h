@@ -25,7 +25,7 @@ constexpr std::size_t kLargestImage = std::size_t{16} << 20U;
 std::string make_firmware_image(const std::string& version, std::size_t size = kUsualImageSize);
 
 /// What is wrong with an image.
-enum class ImageFault : std::uint8_t {
+enum class ImageError : std::uint8_t {
     none,
     foreign,     ///< not one of these at all
     incomplete,  ///< shorter than it says
@@ -37,7 +37,7 @@ enum class ImageFault : std::uint8_t {
 std::optional<std::size_t> announced_size(const std::string& image);
 
 /// Checks an image. Bytes behind its announced length do not count.
-ImageFault check_firmware_image(const std::string& image);
+ImageError check_firmware_image(const std::string& image);
 
 /// The version in a sound image.
 std::string version_of_image(const std::string& image);

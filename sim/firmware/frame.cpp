@@ -43,7 +43,7 @@ bool FrameReader::take(char byte) {
                 state_ = State::header;
             } else if (!stray_reported_) {
                 stray_reported_ = true;
-                complaints_.add("message channel: stray bytes between frames, from \"" +
+                violations_.add("message channel: stray bytes between frames, from \"" +
                                 excerpt(std::string(1, byte)) + "\" on");
             }
             return false;
@@ -63,7 +63,7 @@ bool FrameReader::take(char byte) {
         ++frames_;
         return true;
     }
-    complaints_.add("message channel: a frame of " + std::to_string(expected_) +
+    violations_.add("message channel: a frame of " + std::to_string(expected_) +
                     " bytes does not end with \";\"");
     return take(byte);
 }
@@ -72,7 +72,7 @@ void FrameReader::read_header() {
     const unsigned length = word_at(header_, 0);
     const unsigned check = word_at(header_, 2);
     if ((length ^ check) != 0xFFFFU || length == 0) {
-        complaints_.add("message channel: frame header with length " + std::to_string(length) +
+        violations_.add("message channel: frame header with length " + std::to_string(length) +
                         " and length check " + std::to_string(check));
         state_ = State::start;
         return;

@@ -11,7 +11,7 @@
 #include <string>
 #include <string_view>
 
-#include "firmware/complaints.h"
+#include "firmware/protocol_violations.h"
 #include "firmware/types.h"
 
 namespace jovusim {
@@ -26,11 +26,11 @@ constexpr std::size_t kMaxFramePayload = 0xFFFE;
 /// Wraps a payload of at most kMaxFramePayload bytes. @throws std::length_error for a longer one.
 std::string encode_frame(std::string_view payload);
 
-/// Finds the frames in a stream of bytes. A damaged frame is dropped with a complaint, and the
+/// Finds the frames in a stream of bytes. A damaged frame is dropped with a violation, and the
 /// search goes on behind its header, or at the byte that should have been its terminator.
 class FrameReader {
 public:
-    explicit FrameReader(Complaints& complaints) : complaints_(complaints) {}
+    explicit FrameReader(ProtocolViolations& violations) : violations_(violations) {}
 
     /// Takes one byte. Returns true when it ended a frame, whose payload() is then valid until the
     /// next byte.
@@ -51,7 +51,7 @@ private:
 
     void read_header();
 
-    Complaints& complaints_;
+    ProtocolViolations& violations_;
     State state_ = State::start;
     std::string header_;
     std::string payload_;

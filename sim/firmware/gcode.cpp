@@ -69,7 +69,7 @@ bool read_word(const std::string& line, std::size_t& at, GcodeInterpreter::Word&
 struct GcodeInterpreter::Code {
     char letter;
     int number;
-    bool takes_text;  ///< the rest of the line is text, not words
+    bool takes_string;  ///< the rest of the line is text, not words
     GcodeResult (GcodeInterpreter::*run)(const Call&);
 };
 
@@ -92,8 +92,8 @@ const GcodeInterpreter::Code* GcodeInterpreter::find_code(const Word& command) {
         Code{'M', 109, false, &I::set_temperature},
         Code{'M', 114, false, &I::report_position},
         Code{'M', 115, false, &I::report_firmware},
-        Code{'M', 117, true, &I::show_text},
-        Code{'M', 118, true, &I::echo_text},
+        Code{'M', 117, true, &I::show_message},
+        Code{'M', 118, true, &I::echo_string},
     };
     for (const Code& code : kCodes) {
         if (code.letter == command.letter && code.number == command.value) return &code;
@@ -109,7 +109,7 @@ const double* GcodeInterpreter::Call::find(char letter) const {
 }
 
 GcodeResult GcodeInterpreter::run(const std::string& line, Machine& machine,
-                                  std::vector<std::string>& replies) {
+                                  std::vector<std::string>& debug_lines) {
     last_lines_.push_back(line);
     if (last_lines_.size() > kRememberedLines) last_lines_.pop_front();
 
@@ -122,9 +122,9 @@ GcodeResult GcodeInterpreter::run(const std::string& line, Machine& machine,
     const Code* const code = find_code(command);
     if (code == nullptr) return GcodeResult::unknown;
 
-    Call call{{}, {}, machine, replies};
+    Call call{{}, {}, machine, debug_lines};
     at = skip_blanks(program, at);
-    if (code->takes_text) {
+    if (code->takes_string) {
         call.text = line.substr(at);
     } else {
         while (at < program.size()) {
@@ -138,12 +138,12 @@ GcodeResult GcodeInterpreter::run(const std::string& line, Machine& machine,
 }
 
 GcodeResult GcodeInterpreter::run_macro(const std::string& name, Machine& machine,
-                                        std::vector<std::string>& replies) {
+                                        std::vector<std::string>& debug_lines) {
     for (const Macro& macro : kMacros) {
         if (name != macro.name) continue;
         for (const char* line : macro.lines) {
             if (line == nullptr) break;
-            const GcodeResult result = run(line, machine, replies);
+            const GcodeResult result = run(line, machine, debug_lines);
             if (result != GcodeResult::ok) return result;
         }
         return GcodeResult::ok;
@@ -232,7 +232,7 @@ GcodeResult GcodeInterpreter::report_temperature(const Call& call) {
     char text[64];
     std::snprintf(text, sizeof text, "ok T:%.1f /%.1f", call.machine.heater().temperature(),
                   call.machine.heater().target());
-    call.replies.emplace_back(text);
+    call.debug_lines.emplace_back(text);
     return GcodeResult::ok;
 }
 
@@ -253,22 +253,22 @@ GcodeResult GcodeInterpreter::report_position(const Call& call) {
     char text[128];
     std::snprintf(text, sizeof text, "X:%.2f Y:%.2f Z:%.2f E:%.2f", at[kX].target(),
                   at[kY].target(), at[kZ].target(), at[kE].target());
-    call.replies.emplace_back(text);
+    call.debug_lines.emplace_back(text);
     return GcodeResult::ok;
 }
 
 GcodeResult GcodeInterpreter::report_firmware(const Call& call) {
-    call.replies.emplace_back("FIRMWARE_NAME:jovu-sim EXTRUDER_COUNT:1");
+    call.debug_lines.emplace_back("FIRMWARE_NAME:jovu-sim EXTRUDER_COUNT:1");
     return GcodeResult::ok;
 }
 
-GcodeResult GcodeInterpreter::show_text(const Call& call) {
+GcodeResult GcodeInterpreter::show_message(const Call& call) {
     call.machine.display = call.text;
     return GcodeResult::ok;
 }
 
-GcodeResult GcodeInterpreter::echo_text(const Call& call) {
-    call.replies.push_back(call.text);
+GcodeResult GcodeInterpreter::echo_string(const Call& call) {
+    call.debug_lines.push_back(call.text);
     return GcodeResult::ok;
 }
 

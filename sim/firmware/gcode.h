@@ -25,13 +25,14 @@ enum class GcodeResult : std::uint8_t {
 /// machine returns at once too.
 class GcodeInterpreter {
 public:
-    /// @param replies text lines that the command has to say to the host are appended here
-    GcodeResult run(const std::string& line, Machine& machine, std::vector<std::string>& replies);
+    /// @param debug_lines text lines that the command has to say to the host are appended here
+    GcodeResult run(const std::string& line, Machine& machine,
+                    std::vector<std::string>& debug_lines);
 
     /// Runs the lines of a macro until one is not ok. Returns GcodeResult::unknown without one of
     /// that name.
     GcodeResult run_macro(const std::string& name, Machine& machine,
-                          std::vector<std::string>& replies);
+                          std::vector<std::string>& debug_lines);
 
     /// Power-on: absolute coordinates, the usual speed.
     void reset() { *this = {}; }
@@ -46,12 +47,12 @@ public:
     };
 
     /// A command's words without the command itself, its text for those that take one, and where
-    /// its replies go.
+    /// its debug_lines go.
     struct Call {
         std::vector<Word> words;
         std::string text;
         Machine& machine;
-        std::vector<std::string>& replies;
+        std::vector<std::string>& debug_lines;
 
         /// The value of the word of that letter, or nothing.
         const double* find(char letter) const;
@@ -77,8 +78,8 @@ private:
     GcodeResult fan_off(const Call& call);
     GcodeResult report_position(const Call& call);
     GcodeResult report_firmware(const Call& call);
-    GcodeResult show_text(const Call& call);
-    GcodeResult echo_text(const Call& call);
+    GcodeResult show_message(const Call& call);
+    GcodeResult echo_string(const Call& call);
 
     bool relative_ = false;
     bool extruder_relative_ = false;

@@ -30,12 +30,12 @@ std::optional<std::string> check_announcement(const Json& push) {
     if (!plain && !has_members(push, {"size", "adler32", "job_id", "compression"})) {
         return "its members are not size, adler32, job_id, compression";
     }
-    if (!push["size"].is_number_unsigned()) return "its size is no count";
+    if (!push["size"].is_number_unsigned()) return "its size is not an unsigned integer";
     if (!push["adler32"].is_number_unsigned() ||
         push["adler32"] > std::numeric_limits<std::uint32_t>::max()) {
-        return "its adler32 is no 32-bit number";
+        return "its adler32 is not a 32-bit number";
     }
-    if (!push["job_id"].is_string()) return "its job_id is no string";
+    if (!push["job_id"].is_string()) return "its job_id is not a string";
     if (plain) return std::nullopt;
     const Json& compression = push["compression"];
     if (!has_members(compression, {"algorithm", "decompressed_length"}) ||
@@ -65,9 +65,9 @@ bool JobChannel::ObjectScanner::take(char c) {
     return depth == 0;
 }
 
-JobChannel::JobChannel(const Identity& identity, Machine& machine, Misbehaviour& faults,
-                       Complaints& complaints)
-    : identity_(identity), machine_(machine), faults_(faults), complaints_(complaints) {}
+JobChannel::JobChannel(const Identity& identity, Machine& machine, ResponseFaults& faults,
+                       ProtocolViolations& violations)
+    : identity_(identity), machine_(machine), faults_(faults), violations_(violations) {}
 
 void JobChannel::receive(const std::uint8_t* data, std::size_t size, Millis now) {
     last_byte_ = now;
@@ -84,12 +84,12 @@ void JobChannel::receive(const std::uint8_t* data, std::size_t size, Millis now)
 void JobChannel::tick(Millis now) {
     if (now - last_byte_ <= kSilence) return;
     if (in_push()) {
-        complaints_.add(kJobChannel + std::string("the push stopped after ") +
+        violations_.add(kJobChannel + std::string("the push stopped after ") +
                         std::to_string(push_.received) + " of " + std::to_string(push_.size) +
                         " bytes");
         end_push();
     } else if (scanner_.depth > 0) {
-        complaints_.add(kJobChannel + std::string("an object was left unfinished: ") +
+        violations_.add(kJobChannel + std::string("an object was left unfinished: ") +
                         excerpt(scanner_.text));
         scanner_ = {};
         machine_.job().fail(JobError::request);
@@ -97,7 +97,7 @@ void JobChannel::tick(Millis now) {
 }
 
 void JobChannel::reset() {
-    outbox_.clear();
+    transmit_queue_.clear();
     scanner_ = {};
     stray_reported_ = false;
     if (in_push()) end_push();
@@ -105,16 +105,17 @@ void JobChannel::reset() {
 
 /// Ends a push before its last byte.
 void JobChannel::end_push() {
-    owed_ = 0;
+    bytes_remaining_ = 0;
     machine_.job().fail(push_.accepted ? JobError::incomplete : JobError::busy);
 }
 
 std::size_t JobChannel::take_data(const std::uint8_t* data, std::size_t size) {
-    const std::size_t part = static_cast<std::size_t>(std::min<std::uint64_t>(size, owed_));
+    const std::size_t part =
+        static_cast<std::size_t>(std::min<std::uint64_t>(size, bytes_remaining_));
     push_.sum = static_cast<std::uint32_t>(adler32_z(push_.sum, data, part));
     push_.received += part;
-    owed_ -= part;
-    if (owed_ == 0) finish_push();
+    bytes_remaining_ -= part;
+    if (bytes_remaining_ == 0) finish_push();
     return part;
 }
 
@@ -133,7 +134,7 @@ void JobChannel::finish_push() {
         machine_.job().start();
         return;
     }
-    complaints_.add(kJobChannel + std::string("the job data has the checksum ") +
+    violations_.add(kJobChannel + std::string("the job data has the checksum ") +
                     std::to_string(push_.sum) + ", announced was " +
                     std::to_string(push_.announced_sum));
     machine_.job().fail(JobError::checksum);
@@ -142,7 +143,7 @@ void JobChannel::finish_push() {
 void JobChannel::take_text(char c, Millis now) {
     if (scanner_.depth == 0 && c != '{') {
         if (!stray_reported_) {
-            complaints_.add(kJobChannel + std::string("stray bytes between objects, from \"") +
+            violations_.add(kJobChannel + std::string("stray bytes between objects, from \"") +
                             excerpt(std::string(1, c)) + "\" on");
         }
         stray_reported_ = true;
@@ -153,7 +154,7 @@ void JobChannel::take_text(char c, Millis now) {
         const ObjectScanner complete = std::exchange(scanner_, {});
         handle(complete.text, now);
     } else if (scanner_.text.size() > kObjectLimit) {
-        complaints_.add(kJobChannel + std::string("an object without an end: ") +
+        violations_.add(kJobChannel + std::string("an object without an end: ") +
                         excerpt(scanner_.text));
         scanner_ = {};
         machine_.job().fail(JobError::request);
@@ -166,12 +167,12 @@ void JobChannel::handle(const std::string& text, Millis now) {
     if (!object.is_discarded() && object.contains("metadata")) metadata = &object["metadata"];
     if (metadata == nullptr || !has_members(*metadata, {"version", "type"}) ||
         (*metadata)["version"] != kProtocolVersion || !(*metadata)["type"].is_string()) {
-        complaints_.add(kJobChannel + std::string("no request: ") + excerpt(text));
+        violations_.add(kJobChannel + std::string("not a request: ") + excerpt(text));
         machine_.job().fail(JobError::request);
         return;
     }
     if (has_blanks(text)) {
-        complaints_.add(kJobChannel + std::string("blanks in the JSON: ") + excerpt(text));
+        violations_.add(kJobChannel + std::string("blanks in the JSON: ") + excerpt(text));
     }
     if (faults_.drop.take()) return;
     handle_request((*metadata)["type"].get<std::string>(), text, object, now);
@@ -183,7 +184,7 @@ void JobChannel::handle_request(const std::string& type, const std::string& text
     const bool members_fit =
         push ? has_members(object, {"metadata", "file_push"}) : has_members(object, {"metadata"});
     if (!members_fit) {
-        complaints_.add(kJobChannel + std::string("the members of this request are wrong: ") +
+        violations_.add(kJobChannel + std::string("the members of this request are wrong: ") +
                         excerpt(text));
     }
     if (type == "status") {
@@ -195,7 +196,7 @@ void JobChannel::handle_request(const std::string& type, const std::string& text
     } else if (push) {
         begin_push(text, object);
     } else {
-        complaints_.add(kJobChannel + std::string("no such request: ") + excerpt(text));
+        violations_.add(kJobChannel + std::string("unknown request: ") + excerpt(text));
         machine_.job().fail(JobError::request);
         return;
     }
@@ -206,8 +207,7 @@ void JobChannel::handle_request(const std::string& type, const std::string& text
 void JobChannel::begin_push(const std::string& text, const Json& object) {
     const Json body = object.contains("file_push") ? object["file_push"] : Json();
     if (const auto fault = check_announcement(body)) {
-        complaints_.add(kJobChannel + std::string("an announcement where ") + *fault + ": " +
-                        excerpt(text));
+        violations_.add(kJobChannel + std::string("file_push: ") + *fault + ": " + excerpt(text));
         machine_.job().fail(JobError::announcement);
         return;
     }
@@ -215,9 +215,9 @@ void JobChannel::begin_push(const std::string& text, const Json& object) {
     push_.size = body["size"].get<std::uint64_t>();
     push_.announced_sum = body["adler32"].get<std::uint32_t>();
     push_.accepted = !machine_.job().running();
-    owed_ = push_.size;
+    bytes_remaining_ = push_.size;
     if (push_.accepted) machine_.job().announce(body["job_id"].get<std::string>());
-    if (owed_ == 0) finish_push();
+    if (bytes_remaining_ == 0) finish_push();
 }
 
 void JobChannel::send_status(Millis now) {
@@ -225,11 +225,11 @@ void JobChannel::send_status(Millis now) {
     std::string report = status_report();
     if (faults_.take(Corruption::json)) report.pop_back();
     if (faults_.take(Corruption::truncate)) report.resize(report.size() / 2);
-    outbox_.push(std::move(report), now + faults_.delay, faults_.packet_size);
+    transmit_queue_.push(std::move(report), now + faults_.delay, faults_.packet_size);
 }
 
 void JobChannel::flood(std::uint64_t reports) {
-    outbox_.push_burst(reports, [this](std::uint64_t) { return status_report(); });
+    transmit_queue_.push_burst(reports, [this](std::uint64_t) { return status_report(); });
 }
 
 std::string JobChannel::status_report() const {
@@ -260,7 +260,7 @@ std::string JobChannel::status_report() const {
 Json JobChannel::stats() const {
     const PrintJob& job = machine_.job();
     return {{"requests", requests_},
-            {"dropped", outbox_.dropped()},
+            {"dropped", transmit_queue_.dropped()},
             {"pushes", pushes_},
             {"size", push_.size},
             {"received", push_.received},

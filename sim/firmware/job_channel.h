@@ -8,10 +8,10 @@
 #include <string>
 
 #include "firmware/commands.h"
-#include "firmware/complaints.h"
 #include "firmware/machine.h"
-#include "firmware/misbehaviour.h"
-#include "firmware/outbox.h"
+#include "firmware/protocol_violations.h"
+#include "firmware/response_faults.h"
+#include "firmware/transmit_queue.h"
 
 namespace jovusim {
 
@@ -20,8 +20,8 @@ namespace jovusim {
 /// seconds end the push with an error.
 class JobChannel {
 public:
-    JobChannel(const Identity& identity, Machine& machine, Misbehaviour& faults,
-               Complaints& complaints);
+    JobChannel(const Identity& identity, Machine& machine, ResponseFaults& faults,
+               ProtocolViolations& violations);
 
     void receive(const std::uint8_t* data, std::size_t size, Millis now);
 
@@ -34,8 +34,8 @@ public:
     /// Queues that many status reports at once.
     void flood(std::uint64_t reports);
 
-    Outbox& outbox() { return outbox_; }
-    const Outbox& outbox() const { return outbox_; }
+    TransmitQueue& transmit_queue() { return transmit_queue_; }
+    const TransmitQueue& transmit_queue() const { return transmit_queue_; }
     Json stats() const;
 
 private:
@@ -69,16 +69,16 @@ private:
     void begin_push(const std::string& text, const Json& object);
     void send_status(Millis now);
     std::string status_report() const;
-    bool in_push() const { return owed_ > 0; }
+    bool in_push() const { return bytes_remaining_ > 0; }
 
     const Identity& identity_;
     Machine& machine_;
-    Misbehaviour& faults_;
-    Complaints& complaints_;
-    Outbox outbox_;
+    ResponseFaults& faults_;
+    ProtocolViolations& violations_;
+    TransmitQueue transmit_queue_;
     ObjectScanner scanner_;
     bool stray_reported_ = false;
-    std::uint64_t owed_ = 0;  ///< bytes of the announced size that have not come yet
+    std::uint64_t bytes_remaining_ = 0;  ///< bytes of the announced size that have not come yet
     Push push_;
     Millis last_byte_ = 0;
     std::uint64_t pushes_ = 0;

@@ -13,7 +13,7 @@ constexpr double kLongestWait = 3600.0;
 constexpr Millis kLongestServoWait = 3'600'000;
 constexpr double kFilamentSeconds = 3.0;
 
-/// Long enough for the answer to be read.
+/// Long enough for the response to be read.
 constexpr Millis kLeaveDelay = 300;
 
 }  // namespace
@@ -38,7 +38,7 @@ void Machine::advance(Millis now) {
     now_ = now;
     servos_.advance(static_cast<std::uint64_t>(std::min(gone, kLongestServoWait)),
                     recording_ ? &samples_ : nullptr);
-    double left = static_cast<double>(gone) / 1000.0 * pace_;
+    double left = static_cast<double>(gone) / 1000.0 * time_scale_;
     seconds_ += left;
     filament_left_ = std::max(filament_left_ - left, 0.0);
     if (filament_left_ <= 0) {
@@ -59,7 +59,7 @@ void Machine::advance(Millis now) {
 }
 
 std::optional<Millis> Machine::next_due() const {
-    std::optional<Millis> due = leaving_at_;
+    std::optional<Millis> due = disconnect_at_;
     if (recording_ && now_ && servos_.traced()) due = std::min(*now_ + 1, due.value_or(*now_ + 1));
     return due;
 }
@@ -93,8 +93,8 @@ std::vector<TraceSample> Machine::take_samples() {
     return std::exchange(samples_, {});
 }
 
-void Machine::leave_application(Millis now) {
-    if (!leaving_at_) leaving_at_ = now + kLeaveDelay;
+void Machine::enter_dfu_mode(Millis now) {
+    if (!disconnect_at_) disconnect_at_ = now + kLeaveDelay;
 }
 
 Json Machine::stats() const {

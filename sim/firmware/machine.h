@@ -27,10 +27,12 @@ const char* to_string(FilamentState state);
 /// State of the machine, advanced by the clock that is handed in.
 class Machine {
 public:
-    /// @param pace   seconds of machine time in one second of the clock, greater than 0. Servos run
+    /// @param time_scale   seconds of machine time in one second of the clock, greater than 0.
+    /// Servos run
     ///               by the clock itself.
     /// @param serial of the device
-    Machine(double pace, const std::string& serial) : pace_(pace), wifi_(serial) {}
+    Machine(double time_scale, const std::string& serial)
+        : time_scale_(time_scale), wifi_(serial) {}
 
     /// Lets time go by up to that moment.
     void advance(Millis now);
@@ -68,9 +70,9 @@ public:
     /// The samples since the last call.
     std::vector<TraceSample> take_samples();
 
-    /// The firmware update was asked for: it begins once the answer has been read.
-    void leave_application(Millis now);
-    std::optional<Millis> leaving_at() const { return leaving_at_; }
+    /// The firmware update was asked for: it begins once the response has been read.
+    void enter_dfu_mode(Millis now);
+    std::optional<Millis> disconnect_at() const { return disconnect_at_; }
 
     /// The text on the machine's display.
     std::string display;
@@ -83,7 +85,7 @@ public:
     Json stats() const;
 
 private:
-    double pace_;
+    double time_scale_;
     std::optional<Millis> now_;
     double seconds_ = 0;
     double last_activity_ = 0;
@@ -98,7 +100,7 @@ private:
     double filament_left_ = 0;  ///< seconds until the change is done
     bool recording_ = true;
     std::vector<TraceSample> samples_;
-    std::optional<Millis> leaving_at_;
+    std::optional<Millis> disconnect_at_;
 };
 
 }  // namespace jovusim

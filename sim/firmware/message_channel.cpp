@@ -26,18 +26,18 @@ std::string nested_arrays(std::uint32_t depth) {
 
 }  // namespace
 
-MessageChannel::MessageChannel(const Identity& identity, Machine& machine, Misbehaviour& faults,
-                               Complaints& complaints)
+MessageChannel::MessageChannel(const Identity& identity, Machine& machine, ResponseFaults& faults,
+                               ProtocolViolations& violations)
     : identity_(identity),
       machine_(machine),
       faults_(faults),
-      complaints_(complaints),
-      reader_(complaints),
+      violations_(violations),
+      reader_(violations),
       next_event_id_(kFirstEventId) {}
 
 void MessageChannel::receive(const std::uint8_t* data, std::size_t size, Millis now) {
     if (reader_.in_frame() && now - last_byte_ > kFrameSilence) {
-        complaints_.add("message channel: a frame was left unfinished");
+        violations_.add("message channel: a frame was left unfinished");
         reader_.reset();
     }
     last_byte_ = now;
@@ -48,15 +48,15 @@ void MessageChannel::receive(const std::uint8_t* data, std::size_t size, Millis 
 
 void MessageChannel::reset() {
     reader_.reset();
-    outbox_.clear();
+    transmit_queue_.clear();
 }
 
 void MessageChannel::handle(const std::string& payload, Millis now) {
-    std::optional<Request> request = read_request(payload, complaints_);
+    std::optional<Request> request = read_request(payload, violations_);
     if (!request) return;
     if (faults_.drop.take()) return;
     if (request->command == nullptr) {
-        answer(*request, nullptr, now);
+        respond(*request, nullptr, now);
         return;
     }
     ++commands_[request->command->name];
@@ -66,12 +66,12 @@ void MessageChannel::handle(const std::string& payload, Millis now) {
     const Json result = request->command->run(context);
     for (const std::string& line : lines)
         send_debug_event(line, now);
-    answer(*request, &result, now);
+    respond(*request, &result, now);
 }
 
-void MessageChannel::answer(const Request& request, const Json* result, Millis now) {
-    if (!request.answer_wanted || faults_.silent.take()) return;
-    ++answers_;
+void MessageChannel::respond(const Request& request, const Json* result, Millis now) {
+    if (!request.response_wanted || faults_.silent.take()) return;
+    ++responses_;
     Json body = Json::object();
     if (!request.idx.is_null()) body["idx"] = request.idx;
     if (!request.name.is_null()) body["name"] = request.name;
@@ -85,7 +85,7 @@ void MessageChannel::answer(const Request& request, const Json* result, Millis n
     Json document = {{"transport", transport}, {"data", {{"command", body}}}};
     std::string text = document.dump();
     // Almost as long as the request was, or longer when a host writes numbers in another way; the
-    // echo is not part of the answer's meaning.
+    // echo is not part of the response's meaning.
     for (const char* const echo : {"args", "name", "idx"}) {
         if (text.size() + 2 * std::size_t{faults_.deep} <= kMaxFramePayload) break;
         document["data"]["command"].erase(echo);
@@ -102,7 +102,7 @@ void MessageChannel::answer(const Request& request, const Json* result, Millis n
     if (faults_.take(Corruption::check)) frame[3] = static_cast<char>(~frame[3]);
     if (faults_.take(Corruption::terminator)) frame.back() = '!';
     if (faults_.take(Corruption::truncate)) frame.resize(frame.size() / 2);
-    outbox_.push(std::move(frame), now + faults_.delay, faults_.packet_size);
+    transmit_queue_.push(std::move(frame), now + faults_.delay, faults_.packet_size);
 }
 
 std::string MessageChannel::debug_event(const std::string& text) {
@@ -112,12 +112,12 @@ std::string MessageChannel::debug_event(const std::string& text) {
         {"data",
          {{"event",
            {{"name", "debug_event"},
-            {"args", {{"text", text_to_json(text.substr(0, kLongestEventText))}}}}}}}};
+            {"args", {{"text", string_to_json(text.substr(0, kMaxEventString))}}}}}}}};
     return encode_frame(document.dump());
 }
 
 void MessageChannel::send_debug_event(const std::string& text, Millis now) {
-    outbox_.push(debug_event(text), now);
+    transmit_queue_.push(debug_event(text), now);
 }
 
 std::string MessageChannel::trace_event(const TraceSample& sample) {
@@ -135,19 +135,20 @@ std::string MessageChannel::trace_event(const TraceSample& sample) {
 }
 
 void MessageChannel::send_samples(const std::vector<TraceSample>& samples, Millis now) {
-    // The answer to the command that ends them must still find room behind them.
+    // The response to the command that ends them must still find room behind them.
     for (const TraceSample& sample : samples)
-        outbox_.push_minor(trace_event(sample), now);
+        transmit_queue_.push_minor(trace_event(sample), now);
 }
 
 void MessageChannel::flood(std::uint64_t events) {
-    outbox_.push_burst(
+    transmit_queue_.push_burst(
         events, [this](std::uint64_t i) { return debug_event("flood " + std::to_string(i)); });
 }
 
 Json MessageChannel::stats() const {
-    return {{"frames", reader_.frames()},   {"answers", answers_},   {"events", events_},
-            {"dropped", outbox_.dropped()}, {"commands", commands_}, {"gcode", gcode_.last_lines()},
+    return {{"frames", reader_.frames()}, {"responses", responses_},
+            {"events", events_},          {"dropped", transmit_queue_.dropped()},
+            {"commands", commands_},      {"gcode", gcode_.last_lines()},
             {"display", machine_.display}};
 }
 

@@ -12,7 +12,7 @@ constexpr double kBrakeReserve = 1.5;
 
 }  // namespace
 
-void MotionProfile::place(double position) {
+void MotionProfile::rest_at(double position) {
     *this = {};
     position_ = target_ = position;
 }

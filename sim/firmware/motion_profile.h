@@ -19,8 +19,8 @@ class MotionProfile {
 public:
     enum class Phase : std::uint8_t { done, accelerating, cruising, decelerating };
 
-    /// At rest at that place.
-    void place(double position);
+    /// Stops at that position.
+    void rest_at(double position);
 
     void go(double target, const MotionLimits& limits);
 

@@ -21,25 +21,25 @@ Json member_or_null(const Json& object, const char* key) {
 }
 
 /// Reads the envelope. Returns whether there is an id.
-bool read_envelope(const Json& transport, Request& request, Complaints& complaints) {
+bool read_envelope(const Json& transport, Request& request, ProtocolViolations& violations) {
     if (!has_members(transport, {"attrs", "id"})) {
-        complaints.add(kMessageChannel +
+        violations.add(kMessageChannel +
                        std::string("the members of \"transport\" are not attrs, id: ") +
                        excerpt(transport.dump()));
     }
     const Json attrs = member_or_null(transport, "attrs");
     if (attrs != Json::array({"request", "twoway"})) {
-        complaints.add(kMessageChannel + std::string("the attrs of a command are ") + attrs.dump());
+        violations.add(kMessageChannel + std::string("the attrs of a command are ") + attrs.dump());
     }
     if (attrs.is_array()) {
         for (const Json& word : attrs) {
-            if (word == "oneway") request.answer_wanted = false;
+            if (word == "oneway") request.response_wanted = false;
         }
     }
     const Json* id = member(transport, "id");
     if (id == nullptr || !id->is_number_unsigned() ||
         *id > std::numeric_limits<std::uint32_t>::max()) {
-        complaints.add(kMessageChannel + std::string("the id of a request is ") +
+        violations.add(kMessageChannel + std::string("the id of a request is ") +
                        (id == nullptr ? "missing" : excerpt(id->dump())));
         return false;
     }
@@ -48,16 +48,16 @@ bool read_envelope(const Json& transport, Request& request, Complaints& complain
 }
 
 /// Checks the arguments of a request. Returns whether the command can be carried out with them.
-bool arguments_fit(const Command& command, const Json& body, Complaints& complaints) {
+bool arguments_fit(const Command& command, const Json& body, ProtocolViolations& violations) {
     const std::string who = kMessageChannel + std::string(command.name) + ": ";
     const Json* args = member(body, "args");
     if (command.argument_count() == 0) {
         if (args == nullptr) return true;
-        complaints.add(who + "takes no arguments and came with \"args\"");
+        violations.add(who + "takes no arguments and came with \"args\"");
         return false;
     }
     if (args == nullptr || !args->is_object() || args->size() != command.argument_count()) {
-        complaints.add(who + "\"args\" is " +
+        violations.add(who + "\"args\" is " +
                        (args == nullptr ? "missing" : excerpt(args->dump())));
         return false;
     }
@@ -65,12 +65,12 @@ bool arguments_fit(const Command& command, const Json& body, Complaints& complai
     auto rule = command.arguments.begin();
     for (const auto& [key, value] : args->items()) {
         if (key != rule->key) {
-            complaints.add(who + "argument \"" + excerpt(key) + "\" in the place of \"" +
-                           rule->key + "\"");
+            violations.add(who + "argument \"" + excerpt(key) + "\" instead of \"" + rule->key +
+                           "\"");
             fit = false;
-        } else if (const auto fault = find_fault(value, *rule->rule)) {
+        } else if (const auto fault = check_value(value, *rule->rule)) {
             const bool nested = fault->front() == '[' || fault->front() == '.';
-            complaints.add(who + "argument \"" + key + "\"" + (nested ? "" : " ") + *fault);
+            violations.add(who + "argument \"" + key + "\"" + (nested ? "" : " ") + *fault);
             fit = false;
         }
         ++rule;
@@ -78,48 +78,48 @@ bool arguments_fit(const Command& command, const Json& body, Complaints& complai
     return fit;
 }
 
-const Command* read_command(const Json& body, Request& request, Complaints& complaints) {
+const Command* read_command(const Json& body, Request& request, ProtocolViolations& violations) {
     request.idx = member_or_null(body, "idx");
     request.name = member_or_null(body, "name");
     request.args = member_or_null(body, "args");
     if (!has_members(body, {"idx", "name"}) && !has_members(body, {"idx", "name", "args"})) {
-        complaints.add(kMessageChannel +
+        violations.add(kMessageChannel +
                        std::string("the members of \"command\" are not idx, name, args: ") +
                        excerpt(body.dump()));
     }
     const Command* command =
         request.name.is_string() ? find_command(request.name.get<std::string>()) : nullptr;
     if (command == nullptr) {
-        complaints.add(kMessageChannel + std::string("no such command: ") +
+        violations.add(kMessageChannel + std::string("unknown command: ") +
                        excerpt(request.name.dump()));
         return nullptr;
     }
     if (request.idx != command->idx || !request.idx.is_number_integer()) {
-        complaints.add(kMessageChannel + std::string(command->name) + ": idx is " +
+        violations.add(kMessageChannel + std::string(command->name) + ": idx is " +
                        request.idx.dump() + ", not " + std::to_string(command->idx));
         return nullptr;
     }
-    return arguments_fit(*command, body, complaints) ? command : nullptr;
+    return arguments_fit(*command, body, violations) ? command : nullptr;
 }
 
 }  // namespace
 
-std::optional<Request> read_request(const std::string& payload, Complaints& complaints) {
+std::optional<Request> read_request(const std::string& payload, ProtocolViolations& violations) {
     const Json root = parse_json(payload);
     if (root.is_discarded()) {
-        complaints.add(kMessageChannel + std::string("no JSON, or nested too deeply: ") +
+        violations.add(kMessageChannel + std::string("not JSON, or nested too deeply: ") +
                        excerpt(payload));
         return std::nullopt;
     }
     if (!root.is_object()) {
-        complaints.add(kMessageChannel + std::string("no object: ") + excerpt(payload));
+        violations.add(kMessageChannel + std::string("not an object: ") + excerpt(payload));
         return std::nullopt;
     }
     if (has_blanks(payload)) {
-        complaints.add(kMessageChannel + std::string("blanks in the JSON: ") + excerpt(payload));
+        violations.add(kMessageChannel + std::string("blanks in the JSON: ") + excerpt(payload));
     }
     if (!has_members(root, {"transport", "data"})) {
-        complaints.add(kMessageChannel +
+        violations.add(kMessageChannel +
                        std::string("the members of a message are not transport, data: ") +
                        excerpt(payload));
     }
@@ -127,16 +127,16 @@ std::optional<Request> read_request(const std::string& payload, Complaints& comp
     const Json data = member_or_null(root, "data");
     const Json* body = data.is_object() ? member(data, "command") : nullptr;
     if (!transport.is_object() || body == nullptr || !body->is_object()) {
-        complaints.add(kMessageChannel + std::string("no command: ") + excerpt(payload));
+        violations.add(kMessageChannel + std::string("no command: ") + excerpt(payload));
         return std::nullopt;
     }
     if (data.size() != 1) {
-        complaints.add(kMessageChannel + std::string("more than a command in \"data\": ") +
+        violations.add(kMessageChannel + std::string("more than a command in \"data\": ") +
                        excerpt(payload));
     }
     Request request;
-    if (!read_envelope(transport, request, complaints)) return std::nullopt;
-    request.command = read_command(*body, request, complaints);
+    if (!read_envelope(transport, request, violations)) return std::nullopt;
+    request.command = read_command(*body, request, violations);
     return request;
 }
 

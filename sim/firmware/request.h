@@ -7,7 +7,7 @@
 #include <string>
 
 #include "firmware/commands.h"
-#include "firmware/complaints.h"
+#include "firmware/protocol_violations.h"
 #include "firmware/types.h"
 
 namespace jovusim {
@@ -15,7 +15,7 @@ namespace jovusim {
 /// A request that could be read far enough to be answered.
 struct Request {
     std::uint32_t id = 0;
-    bool answer_wanted = true;
+    bool response_wanted = true;
     Json idx;   ///< as it came, null if missing
     Json name;  ///< as it came, null if missing
     Json args;  ///< as it came, null if missing
@@ -32,7 +32,7 @@ struct Request {
 ///
 /// is complained about: members, their order, types and ranges, blanks between them, an idx that is
 /// not the one of the name, and every argument that breaks its rule.
-/// @returns nothing when there is no command or no id to answer under
-std::optional<Request> read_request(const std::string& payload, Complaints& complaints);
+/// @returns nothing when there is no command or no id to response under
+std::optional<Request> read_request(const std::string& payload, ProtocolViolations& violations);
 
 }  // namespace jovusim

@@ -106,14 +106,14 @@ void Servo::start_waiting_move() {
 void Servo::put_idle() {
     waiting_.reset();
     task_ = Task::none;
-    profile_.place(motor_.position());
-    motor_.place(motor_.position());
+    profile_.rest_at(motor_.position());
+    motor_.rest_at(motor_.position());
 }
 
 void Servo::set_position(double client) {
     put_idle();
-    profile_.place(client);
-    motor_.place(client);
+    profile_.rest_at(client);
+    motor_.rest_at(client);
 }
 
 void Servo::set_backlash(int native, bool flush) {
@@ -220,9 +220,9 @@ void Servo::settle() {
     const bool arrived = at_rest && std::fabs(error) <= kCreepStep;
     if (!arrived && ++settling_ <= kSettleLimit) return;
     // One that cannot get there with its gains stays where it is.
-    const double place = arrived ? profile_.position() : motor_.position();
-    profile_.place(place);
-    motor_.place(place);
+    const double end = arrived ? profile_.position() : motor_.position();
+    profile_.rest_at(end);
+    motor_.rest_at(end);
     finish();
 }
 

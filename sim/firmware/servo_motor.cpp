@@ -21,7 +21,7 @@ int sign(double value) {
 
 }  // namespace
 
-void ServoMotor::place(double position) {
+void ServoMotor::rest_at(double position) {
     position_ = position;
     velocity_ = pwm_ = integral_ = 0;
     saturated_ = false;

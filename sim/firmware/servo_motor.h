@@ -30,8 +30,8 @@ public:
     /// @param cap most of PWM either way
     void step(const ServoDemand& demand, const ServoGains& gains, double cap, double seconds);
 
-    /// At rest at that place, unpowered.
-    void place(double position);
+    /// Stops at that position, unpowered.
+    void rest_at(double position);
 
     /// Moves a bit without the loop.
     void creep(double way) { position_ += way; }

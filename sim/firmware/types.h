@@ -1,5 +1,5 @@
 /// @file
-/// Words that every part of the simulated firmware uses.
+/// RequestReader that every part of the simulated firmware uses.
 #pragma once
 
 #include <cstdint>
@@ -16,7 +16,7 @@ using Json = nlohmann::ordered_json;
 
 /// The two pairs of bulk endpoints, one pair an interface.
 enum class Channel : std::uint8_t {
-    message = 0,  ///< interface 0: framed commands, answers and events
+    message = 0,  ///< interface 0: framed commands, responses and events
     job = 1,      ///< interface 1: bare JSON objects and job data
 };
 

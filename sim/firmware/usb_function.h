@@ -57,7 +57,7 @@ struct SetupPacket {
 struct DfuFaults {
     std::optional<std::uint64_t> write_error;  ///< that block cannot be written
     std::optional<std::uint64_t> unplug_at;    ///< the device leaves the bus at that block
-    bool leave_at_reset = false;               ///< it does not wait for the reset's end
+    bool disconnect_at_reset = false;          ///< it does not wait for the reset's end
     bool keep_firmware = false;                ///< what is written is not used
     std::optional<std::string> serial;         ///< the one that it has in DFU mode
 };
@@ -107,7 +107,7 @@ public:
     virtual void configure() {}
 
     /// Whether the device leaves the bus by itself now.
-    virtual bool wants_to_leave(Millis now) const = 0;
+    virtual bool disconnect_due(Millis now) const = 0;
 
     /// What it then comes back as; null when it does not. To be called once.
     virtual std::unique_ptr<UsbFunction> successor() = 0;
@@ -119,17 +119,17 @@ public:
     virtual std::optional<Millis> next_tick() const = 0;
 
     /// The first program on the host has opened the device.
-    virtual void host_came() {}
+    virtual void host_opened() {}
 
     /// The last program on the host has closed the device. Nothing on the bus shows that: what the
     /// device has not sent by then meets the next program.
-    virtual void host_left() {}
+    virtual void host_closed() {}
 
     /// Counters as a JSON object.
     virtual Json stats(Millis now) = 0;
 
     /// Sentences about the host's mistakes since the last call.
-    virtual std::vector<std::string> take_complaints() = 0;
+    virtual std::vector<std::string> take_violations() = 0;
 
     /// Whoever changes them holds the model's lock.
     virtual DfuFaults& dfu_faults() = 0;

@@ -7,7 +7,7 @@ constexpr int kByteMin = -128;
 constexpr int kByteMax = 127;
 }  // namespace
 
-Json text_to_json(const std::string& text) {
+Json string_to_json(const std::string& text) {
     Json array = Json::array();
     for (const char c : text)
         array.push_back(static_cast<int>(static_cast<signed char>(c)));
@@ -15,13 +15,13 @@ Json text_to_json(const std::string& text) {
     return array;
 }
 
-std::optional<std::string> check_text(const Json& value) {
-    if (!value.is_array()) return "is no array";
-    if (value.empty()) return "is an empty array, without the 0 that ends a text";
+std::optional<std::string> check_string(const Json& value) {
+    if (!value.is_array()) return "is not an array";
+    if (value.empty()) return "is an empty array without the terminating 0";
     for (std::size_t i = 0; i < value.size(); ++i) {
         const Json& element = value[i];
         const std::string where = "element " + std::to_string(i) + " ";
-        if (!element.is_number_integer()) return where + "is no integer";
+        if (!element.is_number_integer()) return where + "is not an integer";
         if (element < kByteMin || element > kByteMax) {
             return where + "is " + element.dump() + ", outside -128..127";
         }
@@ -32,8 +32,8 @@ std::optional<std::string> check_text(const Json& value) {
     return std::nullopt;
 }
 
-std::optional<std::string> text_from_json(const Json& value) {
-    if (check_text(value)) return std::nullopt;
+std::optional<std::string> string_from_json(const Json& value) {
+    if (check_string(value)) return std::nullopt;
     std::string text;
     for (const Json& element : value)
         text += static_cast<char>(element.get<int>());
@@ -57,7 +57,7 @@ Json unsigned_field(std::string text, std::size_t size) {
     return array;
 }
 
-std::string text_of_field(const Json& field) {
+std::string string_of_field(const Json& field) {
     std::string text;
     for (const Json& element : field) {
         if (element == 0) break;

@@ -11,13 +11,13 @@
 namespace jovusim {
 
 /// A text as it travels: an array of signed bytes that ends with 0.
-Json text_to_json(const std::string& text);
+Json string_to_json(const std::string& text);
 
 /// The text in such an array, without its 0; nothing for anything else.
-std::optional<std::string> text_from_json(const Json& value);
+std::optional<std::string> string_from_json(const Json& value);
 
 /// Says what is wrong with a value that should be a text, or nothing.
-std::optional<std::string> check_text(const Json& value);
+std::optional<std::string> check_string(const Json& value);
 
 /// A field of a structure: exactly size bytes, those behind the text are 0. @name The elements are
 /// signed or unsigned bytes, by the field.
@@ -27,6 +27,6 @@ Json unsigned_field(std::string text, std::size_t size);
 /// @}
 
 /// The text in such a field, up to its first 0 or its end.
-std::string text_of_field(const Json& field);
+std::string string_of_field(const Json& field);
 
 }  // namespace jovusim

@@ -26,7 +26,7 @@ struct Rule {
         integer,  ///< a JSON integer from least to most
         single,   ///< a number that a float holds exactly
         real,     ///< any finite number
-        text,     ///< signed bytes that end with 0
+        string,   ///< signed bytes that end with 0
         array,    ///< exactly count elements
         object,   ///< exactly the count members, in their order
     };
@@ -40,7 +40,7 @@ struct Rule {
 };
 
 /// Says what is wrong with a value and where, as "[0].ip[3] is 256, outside 0..255", or nothing.
-std::optional<std::string> find_fault(const Json& value, const Rule& rule);
+std::optional<std::string> check_value(const Json& value, const Rule& rule);
 
 /// An integer of that many bits or fewer, by its type's limits.
 template <typename T>
@@ -74,7 +74,7 @@ inline constexpr Rule kEnumeration = kUnsigned;
 inline constexpr Rule kServoName = kInt;  ///< the one enumeration with a sign
 inline constexpr Rule kFloat{Rule::Kind::single, 0, 0, 0, nullptr, nullptr};
 inline constexpr Rule kDouble{Rule::Kind::real, 0, 0, 0, nullptr, nullptr};
-inline constexpr Rule kText{Rule::Kind::text, 0, 0, 0, nullptr, nullptr};
+inline constexpr Rule kString{Rule::Kind::string, 0, 0, 0, nullptr, nullptr};
 
 /// Of a buffer only the first element travels.
 inline constexpr Rule kFloatBuffer = array_of(1, kFloat);

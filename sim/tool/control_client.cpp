@@ -34,15 +34,15 @@ std::string ask(const std::string& path, const std::string& line) {
         if (size == -1) fail();
         sent += static_cast<std::size_t>(size);
     }
-    std::string reply;
+    std::string response;
     std::array<char, 65536> buffer;
-    while (reply.find('\n') == std::string::npos) {
+    while (response.find('\n') == std::string::npos) {
         const ssize_t size = TEMP_FAILURE_RETRY(::recv(fd.get(), buffer.data(), buffer.size(), 0));
         if (size == -1) fail();
         if (size == 0) break;
-        reply.append(buffer.data(), static_cast<std::size_t>(size));
+        response.append(buffer.data(), static_cast<std::size_t>(size));
     }
-    return reply.substr(0, reply.find('\n'));
+    return response.substr(0, response.find('\n'));
 }
 
 }  // namespace
@@ -59,9 +59,9 @@ int run_control_client(const std::string& request) {
         return kExitUsage;
     }
     try {
-        const std::string reply = ask(path, request + '\n');
-        std::printf("%s\n", reply.c_str());
-        return reply == "ok" || reply.rfind("ok ", 0) == 0 ? kExitOk : kExitRefused;
+        const std::string response = ask(path, request + '\n');
+        std::printf("%s\n", response.c_str());
+        return response == "ok" || response.rfind("ok ", 0) == 0 ? kExitOk : kExitRefused;
     } catch (const std::system_error& error) {
         std::fprintf(stderr, "jovu-sim: %s\n", error.what());
         return kExitUsage;

@@ -6,7 +6,7 @@
 
 namespace jovusim {
 
-/// Sends one request to the simulator in which this program runs and prints the reply.
+/// Sends one request to the simulator in which this program runs and prints the response.
 /// @returns kExitOk, kExitRefused or kExitUsage
 int run_control_client(const std::string& request);
 

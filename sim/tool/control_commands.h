@@ -5,12 +5,12 @@
 #include <string>
 
 #include "bus/testbed.h"
-#include "tool/words.h"
+#include "tool/request_reader.h"
 
 namespace jovusim {
 
 /// Carries out one request, a line without its line feed. Main thread.
-/// @returns "ok", "ok TEXT" or "error TEXT", one line
+/// @returns "ok", "ok STRING" or "error STRING", one line
 std::string run_control_request(Testbed& testbed, const std::string& line);
 
 /// All requests, one a line, for the help text.

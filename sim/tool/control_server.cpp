@@ -17,7 +17,7 @@ namespace {
 
 constexpr int kBacklog = 16;
 
-/// A longer request, or more unread replies, end the connection.
+/// A longer request, or more unread responses, end the connection.
 constexpr std::size_t kLongestRequest = 16U << 20U;
 
 short events_of(const std::vector<pollfd>& waits, int fd) {
@@ -30,8 +30,8 @@ short events_of(const std::vector<pollfd>& waits, int fd) {
 }  // namespace
 
 ControlServer::ControlServer(const std::string& path,
-                             std::function<std::string(const std::string&)> answer)
-    : answer_(std::move(answer)), listener_(local_socket(SOCK_NONBLOCK)) {
+                             std::function<std::string(const std::string&)> handler)
+    : handler_(std::move(handler)), listener_(local_socket(SOCK_NONBLOCK)) {
     const sockaddr_un address = local_address(path);
     if (::bind(listener_.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 ||
         ::listen(listener_.get(), kBacklog) != 0) {
@@ -71,7 +71,7 @@ bool ControlServer::serve(Connection& connection, short events) {
     if ((events & POLLERR) != 0) return false;
     if ((events & (POLLIN | POLLHUP)) != 0 && !connection.closing) {
         if (!read_some(connection)) return false;
-        answer_lines(connection);
+        handle_lines(connection);
     }
     if (!write_some(connection)) return false;
     if (connection.in.size() > kLongestRequest || connection.out.size() > kLongestRequest) {
@@ -97,14 +97,14 @@ bool ControlServer::read_some(Connection& connection) {
     }
 }
 
-void ControlServer::answer_lines(Connection& connection) {
+void ControlServer::handle_lines(Connection& connection) {
     std::size_t begin = 0;
     for (;;) {
         const std::size_t end = connection.in.find('\n', begin);
         if (end == std::string::npos) break;
-        std::string reply = answer_(connection.in.substr(begin, end - begin));
-        std::replace(reply.begin(), reply.end(), '\n', ' ');
-        connection.out += reply + '\n';
+        std::string response = handler_(connection.in.substr(begin, end - begin));
+        std::replace(response.begin(), response.end(), '\n', ' ');
+        connection.out += response + '\n';
         begin = end + 1;
     }
     connection.in.erase(0, begin);

@@ -13,14 +13,14 @@
 
 namespace jovusim {
 
-/// Serves a line protocol on a local socket: a request a line, a reply a line, as many as one likes
-/// on a connection, any number of connections. Main thread only; never blocks.
+/// Serves a line protocol on a local socket: a request a line, a response a line, as many as one
+/// likes on a connection, any number of connections. Main thread only; never blocks.
 class ControlServer {
 public:
     /// @param path   must not exist yet
-    /// @param answer makes the reply to a request, without line feeds
+    /// @param handler returns the response to a request, without line feeds
     /// @throws std::system_error
-    ControlServer(const std::string& path, std::function<std::string(const std::string&)> answer);
+    ControlServer(const std::string& path, std::function<std::string(const std::string&)> handler);
 
     /// Adds what the server waits for.
     void add_to(std::vector<pollfd>& waits) const;
@@ -40,9 +40,9 @@ private:
     bool serve(Connection& connection, short events);
     bool read_some(Connection& connection);
     bool write_some(Connection& connection) const;
-    void answer_lines(Connection& connection);
+    void handle_lines(Connection& connection);
 
-    std::function<std::string(const std::string&)> answer_;
+    std::function<std::string(const std::string&)> handler_;
     UniqueFd listener_;
     std::list<Connection> connections_;
 };

@@ -5,7 +5,7 @@
 namespace jovusim {
 
 constexpr int kExitOk = 0;
-constexpr int kExitRefused = 1;       ///< ctl: the reply was "error"
+constexpr int kExitRefused = 1;       ///< ctl: the response was "error"
 constexpr int kExitUsage = 2;         ///< wrong command line, or no simulator to talk to
 constexpr int kExitFailure = 125;     ///< run: the simulator itself failed
 constexpr int kExitCannotRun = 126;   ///< run: the program is there and cannot be run

@@ -9,9 +9,9 @@ namespace jovusim {
 
 namespace {
 
-constexpr unsigned kMostDevices = 100;
-constexpr double kSlowest = 0.001;
-constexpr double kFastest = 1e6;
+constexpr unsigned kMaxDevices = 100;
+constexpr double kMinTimeScale = 0.001;
+constexpr double kMaxTimeScale = 1e6;
 
 std::string joined(const std::vector<std::string>& words) {
     std::string line;
@@ -39,18 +39,20 @@ std::variant<RunOptions, CtlOptions, FirmwareOptions, ExitNow> parse_options(int
     auto* devices = run_app
                         ->add_option("--devices", run.devices,
                                      "Controllers plugged in at the start, at 1:2, 1:3, ...")
-                        ->check(CLI::Range(0U, kMostDevices))
+                        ->check(CLI::Range(0U, kMaxDevices))
                         ->capture_default_str();
     run_app->add_flag("--empty", empty, "Start without a controller")->excludes(devices);
-    run_app->add_option("--speed", run.speed, "How much faster than in life jobs and heaters are")
-        ->check(CLI::Range(kSlowest, kFastest))
+    run_app
+        ->add_option("--time-scale", run.time_scale,
+                     "Seconds of jobs, heaters and filament in one real second")
+        ->check(CLI::Range(kMinTimeScale, kMaxTimeScale))
         ->capture_default_str();
     run_app->add_option("program", run.program, "The program and its arguments, behind --")
         ->required();
     run_app->positionals_at_end();
 
     CLI::App* ctl_app = app.add_subcommand(
-        "ctl", "Send a request to the simulator in which this runs and print its reply.");
+        "ctl", "Send a request to the simulator in which this runs and print its response.");
     ctl_app->prefix_command();
     ctl_app->footer("Requests:\n" + control_help());
 
@@ -71,7 +73,7 @@ std::variant<RunOptions, CtlOptions, FirmwareOptions, ExitNow> parse_options(int
     if (ctl_app->parsed()) {
         CtlOptions ctl{joined(ctl_app->remaining())};
         if (ctl.request.empty()) {
-            std::cerr << "jovu-sim: ctl without a request; see jovu-sim ctl --help\n";
+            std::cerr << "jovu-sim: ctl needs a request; see jovu-sim ctl --help\n";
             return ExitNow{kExitUsage};
         }
         return ctl;

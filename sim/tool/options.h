@@ -13,8 +13,8 @@ namespace jovusim {
 
 /// jovu-sim run
 struct RunOptions {
-    unsigned devices = 1;  ///< plugged in before the program starts
-    double speed = 1.0;    ///< machine seconds in a second
+    unsigned devices = 1;     ///< plugged in before the program starts
+    double time_scale = 1.0;  ///< machine seconds in a second
     std::vector<std::string> program;
 };
 

@@ -212,7 +212,7 @@ int run_on_bus(const RunOptions& options) {
         const Waker waker;
         require_preload_library();
         const std::vector<std::string> own_environment = current_environment();
-        Testbed testbed(options.speed, [&waker] { waker.wake(); });
+        Testbed testbed(options.time_scale, [&waker] { waker.wake(); });
         const std::string control_path = testbed.root() + "/control";
         ControlServer server(control_path, [&testbed](const std::string& line) {
             return run_control_request(testbed, line);

@@ -13,7 +13,7 @@ namespace {
 
 using Host = FirmwareHost;
 
-TEST(FaultBoard, FaultsHappenInTheirOrderAndNumber) {
+TEST(FaultTable, FaultsHappenInTheirOrderAndNumber) {
     struct Setting {
         int error;
         std::uint32_t count;
@@ -31,22 +31,22 @@ TEST(FaultBoard, FaultsHappenInTheirOrderAndNumber) {
         {{{EIO, 1, 1}, {EPIPE, 2, 1}}, {0, EIO, 0, EPIPE, EPIPE, 0}},
     };
     for (const auto& c : cases) {
-        FaultBoard board;
+        FaultTable table;
         for (const Setting& s : c.settings)
-            board.add(BusFault::status, kMessageOut, s.error, s.count, s.skip);
-        board.add(BusFault::status, kJobOut, EPERM, kAlways, 0);
-        board.add(BusFault::submit, kMessageOut, EPERM, kAlways, 0);
-        board.add(BusFault::never, kMessageOut, 0, 1, 0);
+            table.add(BusFault::status, kMessageOut, s.error, s.count, s.skip);
+        table.add(BusFault::status, kJobOut, EPERM, kAlways, 0);
+        table.add(BusFault::submit, kMessageOut, EPERM, kAlways, 0);
+        table.add(BusFault::never, kMessageOut, 0, 1, 0);
         for (const int error : c.taken)
-            EXPECT_EQ(board.take(BusFault::status, kMessageOut), error) << &c - cases;
-        EXPECT_EQ(board.take(BusFault::never, kMessageOut), 1);
-        EXPECT_EQ(board.take(BusFault::submit, kMessageOut), EPERM);
-        board.clear();
-        EXPECT_EQ(board.take(BusFault::submit, kMessageOut), 0);
+            EXPECT_EQ(table.take(BusFault::status, kMessageOut), error) << &c - cases;
+        EXPECT_EQ(table.take(BusFault::never, kMessageOut), 1);
+        EXPECT_EQ(table.take(BusFault::submit, kMessageOut), EPERM);
+        table.clear();
+        EXPECT_EQ(table.take(BusFault::submit, kMessageOut), 0);
     }
 }
 
-TEST(FaultBoard, CountsTheBytesUntilTheUnplug) {
+TEST(FaultTable, CountsTheBytesUntilTheUnplug) {
     using Left = std::optional<std::size_t>;
     const struct {
         std::uint64_t limit;
@@ -59,15 +59,15 @@ TEST(FaultBoard, CountsTheBytesUntilTheUnplug) {
         {10, {4, 5, 3}, {{}, {}, Left(1)}},
     };
     for (const auto& c : cases) {
-        FaultBoard board;
-        board.unplug_after(kJobOut, c.limit);
+        FaultTable table;
+        table.unplug_after(kJobOut, c.limit);
         for (std::size_t i = 0; i < c.sizes.size(); ++i) {
-            EXPECT_EQ(board.count_out(kMessageOut, 1000), Left()) << "another endpoint";
-            EXPECT_EQ(board.count_out(kJobOut, c.sizes[i]), c.left[i]) << c.limit << ": " << i;
+            EXPECT_EQ(table.count_out(kMessageOut, 1000), Left()) << "another endpoint";
+            EXPECT_EQ(table.count_out(kJobOut, c.sizes[i]), c.left[i]) << c.limit << ": " << i;
         }
-        board.unplug_after(kJobOut, 0);
-        board.clear();
-        EXPECT_EQ(board.count_out(kJobOut, 1), Left());
+        table.unplug_after(kJobOut, 0);
+        table.clear();
+        EXPECT_EQ(table.count_out(kJobOut, 1), Left());
     }
 }
 
@@ -202,7 +202,7 @@ private:
 };
 
 std::unique_ptr<Controller> controller() {
-    return std::make_unique<Controller>(DeviceNature{"S", kApplicationProduct, 1.0});
+    return std::make_unique<Controller>(DeviceConfig{"S", kApplicationProduct, 1.0});
 }
 
 TEST(Bus, AnswersStandardRequestsItself) {
@@ -214,7 +214,7 @@ TEST(Bus, AnswersStandardRequestsItself) {
         std::uint8_t request;
         unsigned value;
         std::uint8_t length;
-        std::string answer;
+        std::string response;
     } cases[] = {
         {0x80, 6, 0x0100, 18, descriptor},
         {0x80, 6, 0x0100, 200, descriptor},
@@ -231,7 +231,7 @@ TEST(Bus, AnswersStandardRequestsItself) {
         {0xA1, 3, 0, 6, "stall"},
     };
     for (const auto& c : cases)
-        EXPECT_EQ(program.ask(c.type, c.request, c.value, c.length), c.answer) << &c - cases;
+        EXPECT_EQ(program.ask(c.type, c.request, c.value, c.length), c.response) << &c - cases;
 }
 
 TEST(Bus, InterfacesAndTransfersBelongToOneProgram) {
@@ -244,7 +244,7 @@ TEST(Bus, InterfacesAndTransfersBelongToOneProgram) {
     EXPECT_EQ(second.release(0), EINVAL);
     std::string buffers[4] = {std::string(64, 0), std::string(64, 0), std::string(64, 0),
                               std::string(10, 0)};
-    device.with_faults([](FaultBoard& faults) { faults.add(BusFault::never, kJobIn, 0, 1, 0); });
+    device.with_faults([](FaultTable& faults) { faults.add(BusFault::never, kJobIn, 0, 1, 0); });
     const std::uint64_t stuck = second.begin(kJobIn, buffers[0]);
     EXPECT_EQ(first.begin(kMessageIn, buffers[1]), stuck) << "handles are each program's own";
     second.begin(kJobIn, buffers[2]);
@@ -305,7 +305,7 @@ TEST(Bus, WhatADeviceHasNotSentOutlivesTheProgramButNoReset) {
             next.send(kJobOut, status);
             EXPECT_EQ(Json::parse(next.read(kJobIn))["error"], 1) << "the push was cut off";
         }
-        EXPECT_EQ(device.stats()["complaints"]["count"], 0) << c.what;
+        EXPECT_EQ(device.stats()["protocol_violations"]["count"], 0) << c.what;
     }
 }
 

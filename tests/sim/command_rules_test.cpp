@@ -1,7 +1,7 @@
 // The table of commands and the check of their arguments.
 #include <gtest/gtest.h>
 
-#include "firmware/complaints.h"
+#include "firmware/protocol_violations.h"
 #include "firmware_host.h"
 
 namespace jovusim::test {
@@ -28,20 +28,23 @@ TEST(CommandRules, NameTheValueThatBreaksThem) {
     const struct {
         const char* name;
         std::string args;
-        const char* complaint;  ///< part of it
+        const char* violation;  ///< part of it
     } cases[] = {
-        {"gpio_output_set", R"({"pin":3,"value":true})", "\"value\" is true, no integer"},
+        {"gpio_output_set", R"({"pin":3,"value":true})", "\"value\" is true, not an integer"},
         {"gpio_output_set", R"({"pin":3,"value":2})", "\"value\" is 2, outside 0..1"},
         {"gpio_output_set", R"({"pin":-1,"value":1})", "outside 0..4294967295"},
-        {"gpio_output_set", R"({"value":1,"pin":3})", "\"value\" in the place of \"pin\""},
+        {"gpio_output_set", R"({"value":1,"pin":3})", "\"value\" instead of \"pin\""},
         {"servo_dc_name_str_get", R"({"servo_name":2147483648})", "outside -2147483648.."},
         {"servo_dc_backlash_set", R"({"servo_name":0,"backlash_value":40000,"flush":0})",
          "outside -32768..32767"},
         {"wifi_client_scan_get", R"({"interface_t":0,"index":256})", "outside 0..255"},
-        {"heater_param_set", R"({"param_num":0,"param_val":0.1})", "which no float is"},
-        {"heater_param_set", R"({"param_num":0,"param_val":16777217})", "which no float is"},
-        {"heater_param_set", R"({"param_num":0,"param_val":1e39})", "which no float is"},
-        {"heater_param_get", R"({"param_num":0,"param_val":1.5})", "no array"},
+        {"heater_param_set", R"({"param_num":0,"param_val":0.1})",
+         "which a float cannot represent"},
+        {"heater_param_set", R"({"param_num":0,"param_val":16777217})",
+         "which a float cannot represent"},
+        {"heater_param_set", R"({"param_num":0,"param_val":1e39})",
+         "which a float cannot represent"},
+        {"heater_param_get", R"({"param_num":0,"param_val":1.5})", "not an array"},
         {"heater_param_get", R"({"param_num":0,"param_val":[1.5,2.5]})", "has 2 elements, not 1"},
         {"sd_mmc_write", R"({"offset":0,"buf":[-1],"length":1})",
          "\"buf\"[0] is -1, outside 0..255"},
@@ -53,16 +56,16 @@ TEST(CommandRules, NameTheValueThatBreaksThem) {
          ".ssid[0] is 200, outside -128..127"},
         {"wifi_client_connect",
          connect(R"({"key":)" + key + R"(,"ssid":)" + repeated(32, "0") + R"(,"timeout":1})"),
-         "has \"key\" in the place of \"ssid\""},
+         "has \"key\" instead of \"ssid\""},
         {"servo_dc_config_set", config(gains), "\"config\" lacks \"pwm_cap\""},
-        {"servo_dc_config_set", config("[1,2,3,4,5,6]"), ".gains is [1,2,3,4,5,6], no object"},
+        {"servo_dc_config_set", config("[1,2,3,4,5,6]"), ".gains is [1,2,3,4,5,6], not an object"},
     };
     for (const auto& c : cases) {
         Host host;
-        EXPECT_TRUE(host.result(c.name, c.args).is_null()) << c.complaint;
-        const auto complaints = host.controller.take_complaints();
-        ASSERT_FALSE(complaints.empty()) << c.complaint;
-        EXPECT_NE(complaints[0].find(c.complaint), std::string::npos) << complaints[0];
+        EXPECT_TRUE(host.result(c.name, c.args).is_null()) << c.violation;
+        const auto violations = host.controller.take_violations();
+        ASSERT_FALSE(violations.empty()) << c.violation;
+        EXPECT_NE(violations[0].find(c.violation), std::string::npos) << violations[0];
     }
 }
 
@@ -74,13 +77,13 @@ TEST(CommandRules, AnExcerptIsShortAndPrintable) {
 }
 
 TEST(CommandRules, TakeAnyNumberForADouble) {
-    EXPECT_FALSE(check_text({-128, 127, 0}));
-    EXPECT_TRUE(check_text({-129, 0}) && check_text({128, 0}));
+    EXPECT_FALSE(check_string({-128, 127, 0}));
+    EXPECT_TRUE(check_string({-129, 0}) && check_string({128, 0}));
     for (const char* target : {"0.1", "1", "1.0", "-0.0", "1e-07", "9.9999999999999995475e-08"}) {
-        EXPECT_FALSE(find_fault(Json::parse(target), kDouble)) << target;
+        EXPECT_FALSE(check_value(Json::parse(target), kDouble)) << target;
     }
     for (const char* value : {"1", "1.0", "-0.0", "1e+20", "3.4028234663852885981e+38"}) {
-        const auto fault = find_fault(Json::parse(value), kFloat);
+        const auto fault = check_value(Json::parse(value), kFloat);
         EXPECT_EQ(fault.has_value(), std::string(value) == "1e+20") << value;
     }
 }

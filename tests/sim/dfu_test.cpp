@@ -10,7 +10,7 @@
 namespace jovusim::test {
 namespace {
 
-using Reply = std::optional<std::string>;
+using Response = std::optional<std::string>;
 
 /// A host that speaks DFU, without any bus.
 class DfuHost {
@@ -18,15 +18,15 @@ public:
     explicit DfuHost(const DfuFaults& faults = {})
         : device({"JVSTEST", kApplicationProduct, 1.0}, faults) {}
 
-    Reply out(std::uint8_t request, std::uint16_t value = 0, const std::string& data = "") {
+    Response out(std::uint8_t request, std::uint16_t value = 0, const std::string& data = "") {
         return device.control({0x21, request, value, 0, static_cast<std::uint16_t>(data.size())},
                               data, now);
     }
-    Reply in(std::uint8_t request, std::uint16_t length) {
+    Response in(std::uint8_t request, std::uint16_t length) {
         return device.control({0xA1, request, 0, 0, length}, "", now);
     }
 
-    Reply download(std::uint16_t block, const std::string& data) { return out(1, block, data); }
+    Response download(std::uint16_t block, const std::string& data) { return out(1, block, data); }
 
     struct Status {
         int status;
@@ -34,10 +34,10 @@ public:
         int state;
     };
     Status status() {
-        const Reply reply = in(3, 6);
-        if (!reply || reply->size() != 6) return {-1, -1, -1};
-        const auto byte = [&reply](std::size_t i) {
-            return static_cast<int>(static_cast<unsigned char>((*reply)[i]));
+        const Response response = in(3, 6);
+        if (!response || response->size() != 6) return {-1, -1, -1};
+        const auto byte = [&response](std::size_t i) {
+            return static_cast<int>(static_cast<unsigned char>((*response)[i]));
         };
         return {byte(0), byte(1) | byte(2) << 8 | byte(3) << 16, byte(4)};
     }
@@ -77,12 +77,12 @@ public:
 
 TEST(FirmwareImage, IsCheckedAsAWhole) {
     const std::string good = make_firmware_image("2.0.1", 5000);
-    EXPECT_EQ(check_firmware_image(good), ImageFault::none);
-    EXPECT_EQ(check_firmware_image(good + "more"), ImageFault::none);
+    EXPECT_EQ(check_firmware_image(good), ImageError::none);
+    EXPECT_EQ(check_firmware_image(good + "more"), ImageError::none);
     for (const std::size_t at : {std::size_t{9}, std::size_t{13}, std::size_t{4999}}) {
         std::string bad = good;
         bad[at] = static_cast<char>(bad[at] ^ 1);
-        EXPECT_EQ(check_firmware_image(bad), ImageFault::damaged) << at;
+        EXPECT_EQ(check_firmware_image(bad), ImageError::damaged) << at;
     }
     const std::string longest = std::string(63, '~') + ' ';
     const std::pair<std::string, std::size_t> sizes[] = {
@@ -90,13 +90,13 @@ TEST(FirmwareImage, IsCheckedAsAWhole) {
     for (const auto& [version, size] : sizes) {
         std::string image = make_firmware_image(version, size);
         EXPECT_EQ(image.size(), size);
-        EXPECT_EQ(check_firmware_image(image), ImageFault::none);
-        EXPECT_EQ(check_firmware_image(image.substr(0, 13)), ImageFault::incomplete);
-        EXPECT_EQ(check_firmware_image(image.substr(0, 12)), ImageFault::foreign);
+        EXPECT_EQ(check_firmware_image(image), ImageError::none);
+        EXPECT_EQ(check_firmware_image(image.substr(0, 13)), ImageError::incomplete);
+        EXPECT_EQ(check_firmware_image(image.substr(0, 12)), ImageError::foreign);
         image[12] = 65;
-        EXPECT_EQ(check_firmware_image(image), ImageFault::foreign);
+        EXPECT_EQ(check_firmware_image(image), ImageError::foreign);
         image[12] = 0;
-        EXPECT_EQ(check_firmware_image(image), ImageFault::foreign);
+        EXPECT_EQ(check_firmware_image(image), ImageError::foreign);
     }
     EXPECT_THROW(make_firmware_image("", 5000), std::invalid_argument);
     EXPECT_THROW(make_firmware_image(longest + "x", 5000), std::invalid_argument);
@@ -173,10 +173,10 @@ TEST(Dfu, StallsWhatDoesNotFitItsState) {
         for (const auto& way : ways) {
             DfuHost host;
             way(host);
-            host.device.take_complaints();
+            host.device.take_violations();
             const bool fits = host.out(c.request, c.value, c.data).has_value();
             taken += fits ? 'y' : '-';
-            EXPECT_EQ(host.device.take_complaints().size(), fits ? 0U : 1U) << c.what;
+            EXPECT_EQ(host.device.take_violations().size(), fits ? 0U : 1U) << c.what;
             if (fits) continue;
             EXPECT_EQ(host.status().state, DfuHost::kError) << c.what;
             EXPECT_EQ(host.status().status, 0x0F) << c.what;
@@ -205,8 +205,8 @@ TEST(Dfu, KeepsItsTimes) {
     EXPECT_EQ(host.status().state, DfuHost::kWaitReset);
     EXPECT_TRUE(host.out(0));
     EXPECT_FALSE(host.in(5, 1)) << "it starts anew";
-    EXPECT_FALSE(host.device.wants_to_leave(host.now + 149));
-    EXPECT_TRUE(host.device.wants_to_leave(host.now + 150));
+    EXPECT_FALSE(host.device.disconnect_due(host.now + 149));
+    EXPECT_TRUE(host.device.disconnect_due(host.now + 150));
     EXPECT_EQ(host.device.successor()->stats(host.now)["version"], "2.5");
 }
 
@@ -214,7 +214,7 @@ TEST(Dfu, UploadsTheFirmwareThatItHas) {
     DfuHost host;
     std::string image;
     for (;;) {
-        const Reply part = host.in(2, 1000);
+        const Response part = host.in(2, 1000);
         ASSERT_TRUE(part);
         image += *part;
         if (part->size() < 1000) break;

@@ -17,7 +17,8 @@ namespace jovusim::test {
 /// Speaks to a controller without any bus.
 class FirmwareHost {
 public:
-    explicit FirmwareHost(double pace = 1.0) : controller({"JVSTEST", kApplicationProduct, pace}) {}
+    explicit FirmwareHost(double time_scale = 1.0)
+        : controller({"JVSTEST", kApplicationProduct, time_scale}) {}
 
     void send(std::uint8_t endpoint, const std::string& bytes) {
         controller.receive(endpoint, reinterpret_cast<const std::uint8_t*>(bytes.data()),
@@ -46,13 +47,13 @@ public:
         return messages(read(kMessageIn));
     }
 
-    /// Sends a command and returns the body of its answer, as {"idx":..,"args":..,"__return__":..}.
-    /// Events that come before it are dropped.
+    /// Sends a command and returns the body of its response, as
+    /// {"idx":..,"args":..,"__return__":..}. Events that come before it are dropped.
     Json call(const std::string& name, const std::string& args = "") {
         const Command* command_row = find_command(name);
         if (command_row == nullptr) throw std::runtime_error("no command " + name);
-        const auto answers = exchange(command(1, command_row->idx, name, args));
-        return answers.empty() ? Json() : answers.back()["data"]["command"];
+        const auto responses = exchange(command(1, command_row->idx, name, args));
+        return responses.empty() ? Json() : responses.back()["data"]["command"];
     }
 
     /// The result of a command; null when it was refused.
@@ -84,15 +85,15 @@ public:
                 args[row->arguments.at(i).key] = Json::parse(word);
             }
             const std::string sent = args.is_null() ? "" : args.dump();
-            const auto answers = exchange(command(1, row->idx, row->name, sent));
-            const Json body = answers.back()["data"]["command"];
+            const auto responses = exchange(command(1, row->idx, row->name, sent));
+            const Json body = responses.back()["data"]["command"];
             out += " -> " + body.value("__return__", Json()).dump();
             for (const auto& [key, value] : args.items())
                 if (body["args"][key] != value) out += " " + body["args"][key].dump();
-            for (const Json& answer : answers) {
-                const Json event = answer["data"].value("event", Json::object());
+            for (const Json& response : responses) {
+                const Json event = response["data"].value("event", Json::object());
                 if (event.value("name", "") == "debug_event")
-                    out += " " + text_from_json(event["args"]["text"]).value();
+                    out += " " + string_from_json(event["args"]["text"]).value();
             }
         }
         return out;
@@ -110,7 +111,7 @@ public:
     Json machine() { return stats()["machine"]; }
 
     Json stats() { return controller.stats(now); }
-    std::uint64_t complaints() { return stats()["complaints"]["count"]; }
+    std::uint64_t violations() { return stats()["protocol_violations"]["count"]; }
 
     /// A frame, made here and not by the code under test.
     static std::string framed(const std::string& payload) {

@@ -60,7 +60,7 @@ TEST_F(JobChannelTest, ReportsEveryField) {
               R"({"id":"my-job","progress":37,"file":"push-1.gcode","time_elapsed":1})");
     EXPECT_EQ(report["time"].dump(), R"({"boot":1,"idle":0})");
     EXPECT_EQ(report["error"], 0);
-    EXPECT_EQ(host_.complaints(), 0U);
+    EXPECT_EQ(host_.violations(), 0U);
 }
 
 TEST_F(JobChannelTest, AReportIsARunOfPacketsOfItsOwn) {
@@ -95,7 +95,7 @@ TEST_F(JobChannelTest, JobsComeAndGo) {
     const struct {
         const char* what;
         std::vector<Step> steps;
-        unsigned complaints = 0;
+        unsigned violations = 0;
     } cases[] = {
         {"to its end",
          {{push(data(5121)), 0, "printing", 0, 0},
@@ -141,7 +141,7 @@ TEST_F(JobChannelTest, JobsComeAndGo) {
             EXPECT_EQ(job["error"], step.error) << c.what;
         }
         EXPECT_EQ(host.read(kJobIn), "") << c.what;
-        EXPECT_EQ(host.complaints(), c.complaints) << c.what;
+        EXPECT_EQ(host.violations(), c.violations) << c.what;
     }
     EXPECT_EQ(sum_of("abc"), 0x024A0126U);
 }
@@ -178,7 +178,7 @@ TEST_F(JobChannelTest, RefusesWhatItCannotRead) {
         host.send(kJobOut, c.text);
         EXPECT_EQ(host.stats()["job"]["error"], c.error) << c.what;
         EXPECT_EQ(host.stats()["job"]["state"], "error") << c.what;
-        EXPECT_GT(host.complaints(), 0U) << c.what;
+        EXPECT_GT(host.violations(), 0U) << c.what;
         EXPECT_EQ(host.read(kJobIn), "") << c.what;
     }
 }
@@ -189,10 +189,10 @@ TEST_F(JobChannelTest, FindsARequestThatComesInPieces) {
     EXPECT_EQ(Json::parse(host_.read(kJobIn))["error"], 0);
     host_.send(kJobOut, "stray" + request("status"));
     EXPECT_EQ(Json::parse(host_.read(kJobIn))["error"], 0);
-    EXPECT_EQ(host_.complaints(), 1U);
+    EXPECT_EQ(host_.violations(), 1U);
 }
 
-TEST(JobPace, SpeedsTheMachineUpButNotTheProtocol) {
+TEST(JobTimeScale, AppliesToTheMachineAndNotToTheProtocol) {
     FirmwareHost host(100.0);
     host.send(kJobOut, R"({"metadata":{"version":1,"type":"file_push"},)"
                        R"("file_push":{"size":1,"adler32":0,"job_id":""}})");

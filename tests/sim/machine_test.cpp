@@ -48,7 +48,7 @@ hbridge_duty_set 1 101 -> 0 hbridge: duty 101 of bridge 1 refused;
 hbridge_duty_set 0 -100 -> 0;
 hbridge_duty_set 0 -101 -> 0 hbridge: duty -101 of bridge 0 refused;
 hbridge_duty_set 2 0 -> 0 hbridge: duty 0 of bridge 2 refused; gpio_output_set 15 1 -> 0;
-gpio_output_set 16 1 -> 0 gpio: 16 is no output; gpio_get_raw 15 -> 1; gpio_get_raw 16 -> 0;
+gpio_output_set 16 1 -> 0 gpio: 16 is not an output; gpio_get_raw 15 -> 1; gpio_get_raw 16 -> 0;
 gpio_get_raw 24 -> 0; gpio_input_get 8 1 -> 2; unload_initiate -> 0; load_initiate -> 1;
 +3010; load_initiate -> 0; jm_disable_network_tasks -> 0; jm_are_network_tasks_enabled -> 0;
 jm_enable_network_tasks -> 0; jm_are_network_tasks_enabled -> 1;
@@ -136,7 +136,7 @@ TEST(WifiTest, ConnectsWithTheRightKeyOnly) {
     Json status = host.result("wifi_client_get_status", client);
     EXPECT_EQ(status["connected"], 1);
     EXPECT_EQ(status["ip_config"]["ip"].at(0), 192);
-    EXPECT_EQ(text_of_field(status["ip_config"]["connected_ssid"]), "Workshop");
+    EXPECT_EQ(string_of_field(status["ip_config"]["connected_ssid"]), "Workshop");
     const auto sum =
         static_cast<std::uint32_t>(crc32(0, reinterpret_cast<const Bytef*>("JVSTEST"), 7));
     EXPECT_EQ(status["ip_config"]["mac_address"],
@@ -181,7 +181,7 @@ TEST(WifiTest, SavedSettingsOutliveAReset) {
     host.result("Reset_printer");
     const Json config = host.result("wifi_client_get_configuration", R"({"interface_t":0})");
     EXPECT_EQ(config["ifc_config"]["auto_start"], 1);
-    EXPECT_EQ(text_of_field(config["ip_config"]["connected_ssid"]), "Workshop-Guest");
+    EXPECT_EQ(string_of_field(config["ip_config"]["connected_ssid"]), "Workshop-Guest");
 }
 
 TEST(MachineTest, IsDueAtItsMoments) {
@@ -190,18 +190,18 @@ TEST(MachineTest, IsDueAtItsMoments) {
     host.play("bio_get_version;");
     EXPECT_EQ(controller.next_tick(), std::nullopt);
     host.play("servo_dc_trace_enable 0 1;");
-    controller.host_left();
+    controller.host_closed();
     EXPECT_EQ(controller.next_tick(), std::nullopt);
-    controller.host_came();
+    controller.host_opened();
     EXPECT_EQ(controller.next_tick(), host.now + 1);
-    controller.host_left();
+    controller.host_closed();
     const Millis leaving = host.now + 300;
     host.play("Enter_dfu_mode;+10;Enter_dfu_mode;");
     EXPECT_EQ(controller.next_tick(), leaving);
-    controller.host_came();
+    controller.host_opened();
     EXPECT_EQ(controller.next_tick(), host.now + 1);
-    EXPECT_FALSE(controller.wants_to_leave(leaving - 1));
-    EXPECT_TRUE(controller.wants_to_leave(leaving));
+    EXPECT_FALSE(controller.disconnect_due(leaving - 1));
+    EXPECT_TRUE(controller.disconnect_due(leaving));
 }
 
 TEST(MachineTest, AResetIsAPowerOn) {
@@ -257,11 +257,11 @@ TEST(GcodeTest, LinesHaveTheirResultsAndSayWhatTheMachineDoes) {
         {{"M109 S300", "M105"}, "ok T:23.5 /300.0"},
         {{"M104 S0", "M105"}, "ok T:23.5 /0.0"},
     };
-    for (const auto& [lines, reply] : said) {
+    for (const auto& [lines, response] : said) {
         Json text;
         for (const char* const line : lines)
             text = run(line, 0);
-        EXPECT_EQ(text.dump(), Host::bytes_of(reply));
+        EXPECT_EQ(text.dump(), Host::bytes_of(response));
     }
     EXPECT_EQ(host.machine()["fan"], 255);
     host.play("gcode_process_macro \"cooldown\";");

@@ -1,4 +1,4 @@
-// The message channel of the firmware model: frames, requests, answers, events.
+// The message channel of the firmware model: frames, requests, responses, events.
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -12,13 +12,13 @@ using Host = FirmwareHost;
 
 TEST(MessageChannel, AnswersACommandUnderItsIdAndEchoesArguments) {
     Host host;
-    const auto answers = host.exchange(Host::gcode(4294967295U, "G28"));
-    ASSERT_EQ(answers.size(), 1U);
+    const auto responses = host.exchange(Host::gcode(4294967295U, "G28"));
+    ASSERT_EQ(responses.size(), 1U);
     EXPECT_EQ(
-        answers[0].dump(),
+        responses[0].dump(),
         R"({"transport":{"attrs":["response"],"id":4294967295},"data":{"command":{"idx":5,)"
         R"("name":"gcode_process_command","args":{"command":[71,50,56,0]},"__return__":0}}})");
-    EXPECT_EQ(host.complaints(), 0U);
+    EXPECT_EQ(host.violations(), 0U);
 }
 
 TEST(MessageChannel, ReassemblesFramesHoweverTheyAreCut) {
@@ -30,7 +30,7 @@ TEST(MessageChannel, ReassemblesFramesHoweverTheyAreCut) {
             host.send(kMessageOut, two.substr(at, piece));
         }
         EXPECT_EQ(Host::messages(host.read(kMessageIn)).size(), 2U) << "pieces of " << piece;
-        EXPECT_EQ(host.complaints(), 0U) << "pieces of " << piece;
+        EXPECT_EQ(host.violations(), 0U) << "pieces of " << piece;
     }
 }
 
@@ -54,7 +54,7 @@ TEST(MessageChannel, FindsTheNextFrameBehindADamagedOne) {
         Host host;
         host.send(kMessageOut, c.bytes);
         EXPECT_EQ(Host::messages(host.read(kMessageIn)).size(), 1U) << c.what;
-        EXPECT_GT(host.complaints(), 0U) << c.what;
+        EXPECT_GT(host.violations(), 0U) << c.what;
     }
 }
 
@@ -65,17 +65,17 @@ TEST(MessageChannel, ForgetsAFrameThatIsLeftUnfinished) {
         host.now += silence;
         EXPECT_EQ(host.exchange(Host::command(2, 0, "bio_get_version")).size(),
                   silence > 5000 ? 1U : 0U);
-        const auto complaints = host.controller.take_complaints();
-        EXPECT_EQ(complaints.at(0) == "message channel: a frame was left unfinished",
+        const auto violations = host.controller.take_violations();
+        EXPECT_EQ(violations.at(0) == "message channel: a frame was left unfinished",
                   silence > 5000);
-        EXPECT_EQ(complaints.size() == 1, silence > 5000);
+        EXPECT_EQ(violations.size() == 1, silence > 5000);
     }
 }
 
 struct BadRequest {
     const char* what;
     std::string payload;
-    const char* complaint;  ///< part of it
+    const char* violation;  ///< part of it
     bool answered;          ///< and then without a result
 };
 
@@ -97,14 +97,14 @@ std::string gcode_args(const std::string& args) {
     return Host::command(9, 5, "gcode_process_command", args);
 }
 
-TEST(MessageChannel, ComplainsAboutEveryBreachOfTheRules) {
+TEST(MessageChannel, ReportsEveryBreachOfTheRules) {
     const BadRequest cases[] = {
-        {"no JSON", "{\"transport\":", "no JSON", false},
+        {"no JSON", "{\"transport\":", "not JSON", false},
         {"deep", std::string(30000, '[') + std::string(30000, ']'), "too deeply", false},
         {"too deep", std::string(65, '[') + std::string(65, ']'), "too deeply", false},
-        {"not too deep", std::string(64, '[') + std::string(64, ']'), "no object", false},
-        {"broad", "[[]" + repeated(99, ",{}") + "]", "no object", false},
-        {"an array", "[1,2]", "no object", false},
+        {"not too deep", std::string(64, '[') + std::string(64, ']'), "not an object", false},
+        {"broad", "[[]" + repeated(99, ",{}") + "]", "not an object", false},
+        {"an array", "[1,2]", "not an object", false},
         {"no transport", R"({"data":{"command":{"idx":0,"name":"bio_get_version"}}})", "no command",
          false},
         {"no command", R"({"transport":{"attrs":["request","twoway"],"id":1},"data":{}})",
@@ -118,33 +118,33 @@ TEST(MessageChannel, ComplainsAboutEveryBreachOfTheRules) {
         {"name with another idx", Host::command(9, 1, "bio_get_version"), "idx is 1", true},
         {"idx of another type", envelope(kTransport, R"({"idx":0.0,"name":"bio_get_version"})"),
          "idx is 0.0", true},
-        {"unknown name", Host::command(9, 0, "bio_get"), "no such command", true},
-        {"name of another type", envelope(kTransport, R"({"idx":0,"name":7})"), "no such command",
+        {"unknown name", Host::command(9, 0, "bio_get"), "unknown command", true},
+        {"name of another type", envelope(kTransport, R"({"idx":0,"name":7})"), "unknown command",
          true},
         {"args where there are none", Host::command(9, 0, "bio_get_version", "{}"),
          "takes no arguments", true},
         {"args missing", Host::command(9, 5, "gcode_process_command"), "missing", true},
         {"args empty", gcode_args("{}"), "\"args\" is {}", true},
-        {"wrong key", gcode_args(R"({"cmd":[0]})"), "in the place of \"command\"", true},
-        {"text no array", gcode_args(R"({"command":"G28"})"), "no array", true},
+        {"wrong key", gcode_args(R"({"cmd":[0]})"), "instead of \"command\"", true},
+        {"text no array", gcode_args(R"({"command":"G28"})"), "not an array", true},
         {"text without elements", gcode_args(R"({"command":[]})"), "empty", true},
         {"text without its 0", gcode_args(R"({"command":[71]})"), "not 0", true},
         {"0 inside", gcode_args(R"({"command":[71,0,71,0]})"), "before the end", true},
         {"unsigned byte", gcode_args(R"({"command":[233,0]})"), "outside -128..127", true},
-        {"fraction", gcode_args(R"({"command":[71.0,0]})"), "no integer", true},
+        {"fraction", gcode_args(R"({"command":[71.0,0]})"), "not an integer", true},
     };
     for (const BadRequest& c : cases) {
         Host host;
-        const auto answers = host.exchange(c.payload);
-        EXPECT_EQ(answers.size(), c.answered ? 1U : 0U) << c.what;
-        for (const Json& answer : answers) {
-            EXPECT_EQ(answer["transport"]["id"], 9) << c.what;
-            EXPECT_FALSE(answer["data"]["command"].contains("__return__")) << c.what;
+        const auto responses = host.exchange(c.payload);
+        EXPECT_EQ(responses.size(), c.answered ? 1U : 0U) << c.what;
+        for (const Json& response : responses) {
+            EXPECT_EQ(response["transport"]["id"], 9) << c.what;
+            EXPECT_FALSE(response["data"]["command"].contains("__return__")) << c.what;
         }
-        const auto complaints = host.controller.take_complaints();
-        ASSERT_FALSE(complaints.empty()) << c.what;
-        EXPECT_NE(complaints.back().find(c.complaint), std::string::npos)
-            << c.what << ": " << complaints.back();
+        const auto violations = host.controller.take_violations();
+        ASSERT_FALSE(violations.empty()) << c.what;
+        EXPECT_NE(violations.back().find(c.violation), std::string::npos)
+            << c.what << ": " << violations.back();
         EXPECT_TRUE(host.stats()["message"]["commands"].empty()) << c.what;
     }
 }
@@ -168,10 +168,10 @@ TEST(MessageChannel, CarriesOutWhatIsOnlyUntidy) {
     };
     for (const auto& c : cases) {
         Host host;
-        const auto answers = host.exchange(c.payload);
-        ASSERT_EQ(answers.size(), 1U) << c.what;
-        EXPECT_TRUE(answers[0]["data"]["command"].contains("__return__")) << c.what;
-        EXPECT_EQ(host.complaints(), 1U) << c.what;
+        const auto responses = host.exchange(c.payload);
+        ASSERT_EQ(responses.size(), 1U) << c.what;
+        EXPECT_TRUE(responses[0]["data"]["command"].contains("__return__")) << c.what;
+        EXPECT_EQ(host.violations(), 1U) << c.what;
     }
 }
 
@@ -211,7 +211,7 @@ TEST(MessageChannel, SurvivesTheLongestRequest) {
 
 TEST(MessageChannel, AHostThatNeverReadsDoesNotMakeItGrow) {
     Host host;
-    const std::string text(kLongestEventText, 'x');
+    const std::string text(kMaxEventString, 'x');
     for (int i = 0; i < 100; ++i)
         host.controller.send_debug_event(text, host.now);
     EXPECT_GT(host.stats()["message"]["dropped"], 0);
@@ -245,7 +245,9 @@ TEST(MessageChannel, FaultsDamageAResponseInTheirOwnWayAsOftenAsAsked) {
         const auto kind = corruption_from_name(c.name);
         ASSERT_TRUE(kind) << c.name;
         const auto set = [&](std::uint32_t times) {
-            host.controller.misbehaviour().corrupt.at(static_cast<std::size_t>(*kind)).set(times);
+            host.controller.response_faults()
+                .corrupt.at(static_cast<std::size_t>(*kind))
+                .set(times);
         };
         const auto response = [&host] {
             host.send(kMessageOut, Host::framed(Host::command(5, 0, "bio_get_version")));
@@ -267,17 +269,17 @@ TEST(MessageChannel, FaultsDamageAResponseInTheirOwnWayAsOftenAsAsked) {
 TEST(MessageChannel, FaultsDropARequestAndDelayAResponse) {
     Host host;
     const std::string request = Host::command(1, 0, "bio_get_version");
-    host.controller.misbehaviour().drop.set(1);
+    host.controller.response_faults().drop.set(1);
     EXPECT_TRUE(host.exchange(request).empty());
     EXPECT_TRUE(host.stats()["message"]["commands"].empty());
-    host.controller.misbehaviour().delay = 500;
+    host.controller.response_faults().delay = 500;
     EXPECT_TRUE(host.exchange(request).empty());
     host.now += 499;
     EXPECT_EQ(host.read(kMessageIn), "");
     host.now += 1;
     EXPECT_EQ(Host::messages(host.read(kMessageIn)).size(), 1U);
-    host.controller.misbehaviour() = {};
-    host.controller.misbehaviour().deep = 3;
+    host.controller.response_faults() = {};
+    host.controller.response_faults().deep = 3;
     EXPECT_EQ(host.result("bio_get_version").dump(), "[[[]]]");
     EXPECT_EQ(host.result("bio_get_version").dump(), Host::bytes_of("1.0.0"));
 }

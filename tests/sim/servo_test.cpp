@@ -261,9 +261,9 @@ std::vector<Json> samples(Host& host) {
     return out;
 }
 
-TEST(TraceTest, HasOneSampleForEachMillisecondWhateverThePaceIs) {
-    for (const double pace : {1.0, 100.0}) {
-        Host host(pace);
+TEST(TraceTest, HasOneSampleForEachMillisecondAtAnyTimeScale) {
+    for (const double time_scale : {1.0, 100.0}) {
+        Host host(time_scale);
         host.result("servo_dc_position_set_client", R"({"servo_name":1,"position":50.0})");
         host.result("servo_dc_trace_enable", R"({"servo_name":1,"enable":1})");
         std::vector<Json> all;
@@ -313,9 +313,9 @@ TEST(TraceTest, ACommandedMoveEndsTheCycle) {
         host.play("servo_dc_trace_enable 0 0;+10;servo_dc_trace_enable 0 1;+3000;");
         EXPECT_EQ(ask(host, "position_get"), 55 * 200) << "from where the cycle began: " << delay;
         samples(host);
-        host.controller.host_left();
+        host.controller.host_closed();
         host.wait(50);
-        host.controller.host_came();
+        host.controller.host_opened();
         host.wait(10);
         EXPECT_EQ(samples(host).size(), 10U) << "none is made while nobody has the device open";
     }
@@ -357,7 +357,7 @@ TEST(TraceTest, LossesAreCountedAndShow) {
     const std::uint64_t dropped = host.stats()["message"]["dropped"];
     EXPECT_GT(dropped, 0U);
     host.send(kMessageOut, Host::framed(Host::command(2, 0, "bio_get_version")));
-    EXPECT_EQ(host.stats()["message"]["dropped"], dropped) << "there is room for answers";
+    EXPECT_EQ(host.stats()["message"]["dropped"], dropped) << "there is room for responses";
     const auto kept = samples(host);
     EXPECT_EQ(kept.size() + dropped, 10000U);
 }

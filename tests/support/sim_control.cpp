@@ -41,19 +41,19 @@ std::string sim(const std::string& request) {
         static_cast<ssize_t>(line.size())) {
         throw std::runtime_error("jovu-sim does not take a request");
     }
-    std::string reply;
+    std::string response;
     for (char c = 0; ::read(socket.get(), &c, 1) == 1 && c != '\n';)
-        reply += c;
-    if (reply.rfind("ok", 0) != 0) throw std::runtime_error(request + ": " + reply);
-    return reply.size() > 3 ? reply.substr(3) : std::string();
+        response += c;
+    if (response.rfind("ok", 0) != 0) throw std::runtime_error(request + ": " + response);
+    return response.size() > 3 ? response.substr(3) : std::string();
 }
 
 JovuDeviceAddress plug(const std::string& what) {
-    const std::string place = sim(what.empty() ? "plug" : "plug " + what);
+    const std::string where = sim(what.empty() ? "plug" : "plug " + what);
     unsigned bus = 0;
     unsigned address = 0;
-    if (std::sscanf(place.c_str(), "%u:%u", &bus, &address) != 2) {
-        throw std::runtime_error("plug: " + place);
+    if (std::sscanf(where.c_str(), "%u:%u", &bus, &address) != 2) {
+        throw std::runtime_error("plug: " + where);
     }
     return {static_cast<std::uint8_t>(bus), static_cast<std::uint8_t>(address)};
 }
@@ -66,8 +66,8 @@ nlohmann::json stats(JovuDeviceAddress address) {
     return nlohmann::json::parse(sim("stats " + name(address)));
 }
 
-int complaints(JovuDeviceAddress address) {
-    return stats(address)["complaints"]["count"];
+int protocol_violations(JovuDeviceAddress address) {
+    return stats(address)["protocol_violations"]["count"];
 }
 
 int requests(JovuDeviceAddress address, const std::string& command) {

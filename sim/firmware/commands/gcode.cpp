@@ -6,18 +6,18 @@ namespace jovusim {
 namespace {
 
 Json gcode_process_command(CommandContext& context) {
-    const std::string line = text_from_json(context.args["command"]).value_or("");
+    const std::string line = string_from_json(context.args["command"]).value_or("");
     return static_cast<int>(context.gcode.run(line, context.machine, context.debug_lines));
 }
 
 Json gcode_process_macro(CommandContext& context) {
-    const std::string name = text_from_json(context.args["macro"]).value_or("");
+    const std::string name = string_from_json(context.args["macro"]).value_or("");
     return static_cast<int>(context.gcode.run_macro(name, context.machine, context.debug_lines));
 }
 
 constexpr Command kGcodeRows[] = {
-    {5, "gcode_process_command", gcode_process_command, {{{"command", &kText}}}},
-    {6, "gcode_process_macro", gcode_process_macro, {{{"macro", &kText}}}},
+    {5, "gcode_process_command", gcode_process_command, {{{"command", &kString}}}},
+    {6, "gcode_process_macro", gcode_process_macro, {{{"macro", &kString}}}},
 };
 
 }  // namespace

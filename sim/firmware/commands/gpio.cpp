@@ -17,7 +17,7 @@ Json gpio_input_get(CommandContext& context) {
 Json gpio_output_set(CommandContext& context) {
     const auto pin = context.arg<std::uint32_t>("pin");
     if (!context.machine.gpio().set_output(pin, context.flag("value"))) {
-        context.debug_lines.push_back("gpio: " + std::to_string(pin) + " is no output");
+        context.debug_lines.push_back("gpio: " + std::to_string(pin) + " is not an output");
     }
     return kNoResult;
 }

@@ -6,11 +6,11 @@ namespace jovusim {
 namespace {
 
 Json bio_get_version(CommandContext& context) {
-    return text_to_json(context.identity.firmware_version);
+    return string_to_json(context.identity.firmware_version);
 }
 
 Json bio_get_serial(CommandContext& context) {
-    return text_to_json(context.identity.serial);
+    return string_to_json(context.identity.serial);
 }
 
 constexpr Command kIdentityRows[] = {

@@ -215,7 +215,7 @@ Json servo_dc_units_native_to_client(CommandContext& context) {
 
 Json servo_dc_name_str_get(CommandContext& context) {
     const Servo* servo = find_servo(context);
-    return text_to_json(servo == nullptr ? "" : servo->name());
+    return string_to_json(servo == nullptr ? "" : servo->name());
 }
 
 Json servo_dc_backlash_set(CommandContext& context) {

@@ -8,7 +8,7 @@ namespace {
 
 constexpr int kOffCard = -1;
 
-/// As many bytes as an answer has room for, whatever they are.
+/// As many bytes as a response has room for, whatever they are.
 constexpr std::uint32_t kLongestRead = 12288;
 
 /// Times that a card of this kind takes, in microseconds.

@@ -16,7 +16,7 @@ Json load_initiate(CommandContext& context) {
 }
 
 Json enter_dfu_mode(CommandContext& context) {
-    context.machine.leave_application(context.now);
+    context.machine.enter_dfu_mode(context.now);
     return kNoResult;
 }
 

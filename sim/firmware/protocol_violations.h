@@ -13,7 +13,7 @@ namespace jovusim {
 
 /// Collects sentences about every byte of the host that differs from the rules. The model has no
 /// output of its own: its owner takes the sentences and prints them.
-class Complaints {
+class ProtocolViolations {
 public:
     void add(std::string sentence);
 

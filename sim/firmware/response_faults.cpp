@@ -1,4 +1,4 @@
-#include "firmware/misbehaviour.h"
+#include "firmware/response_faults.h"
 
 #include <algorithm>
 

@@ -20,9 +20,9 @@ public:
 
 /// Takes a request apart, word by word. Every member throws BadRequest naming the value that it
 /// cannot read, or what is missing.
-class Words {
+class RequestReader {
 public:
-    explicit Words(std::string line) : line_(std::move(line)) {}
+    explicit RequestReader(std::string line) : line_(std::move(line)) {}
 
     /// The next word. @param what names it in the error when there is none
     std::string next(const char* what);
@@ -65,9 +65,9 @@ BusAddress parse_address(const std::string& word);
 std::uint16_t parse_hex_word(const std::string& word);
 
 /// A text for a USB string descriptor, in which %XX stands for the byte XX.
-std::string parse_text(const std::string& word);
+std::string parse_string(const std::string& word);
 
-/// Likewise a serial number, which must be printable: replies of one line show it.
+/// Likewise a serial number, which must be printable: responses of one line show it.
 std::string parse_serial(const std::string& word);
 
 /// Bytes from pairs of hexadecimal digits.

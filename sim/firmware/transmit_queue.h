@@ -18,7 +18,7 @@ constexpr std::size_t kMaxPacket = 64;
 
 /// A queue of runs: a run is a piece of output that shares no packet with another one and ends with
 /// a short packet, an empty one if need be.
-class Outbox {
+class TransmitQueue {
 public:
     /// Queues one run. Dropped and counted when the host reads so slowly that a megabyte waits.
     /// @param not_before  the first moment at which the host may see it

@@ -1,4 +1,4 @@
-#include "firmware/outbox.h"
+#include "firmware/transmit_queue.h"
 
 #include <algorithm>
 #include <utility>
@@ -9,7 +9,7 @@ namespace {
 constexpr std::size_t kWaitingLimit = 1U << 20U;
 }
 
-void Outbox::push(std::string run, Millis not_before, std::size_t packet_size) {
+void TransmitQueue::push(std::string run, Millis not_before, std::size_t packet_size) {
     // One run always fits, however long: only a host that does not read loses something.
     if (!runs_.empty() && waiting_ + run.size() > kWaitingLimit) {
         ++dropped_;
@@ -23,7 +23,7 @@ void Outbox::push(std::string run, Millis not_before, std::size_t packet_size) {
     runs_.push_back(std::move(entry));
 }
 
-void Outbox::push_minor(std::string run, Millis not_before) {
+void TransmitQueue::push_minor(std::string run, Millis not_before) {
     if (waiting_ + run.size() > kWaitingLimit / 2) {
         ++dropped_;
         return;
@@ -31,7 +31,8 @@ void Outbox::push_minor(std::string run, Millis not_before) {
     push(std::move(run), not_before);
 }
 
-void Outbox::push_burst(std::uint64_t count, std::function<std::string(std::uint64_t)> make) {
+void TransmitQueue::push_burst(std::uint64_t count,
+                               std::function<std::string(std::uint64_t)> make) {
     if (count == 0) return;
     Run entry;
     entry.bytes = make(0);
@@ -41,7 +42,7 @@ void Outbox::push_burst(std::uint64_t count, std::function<std::string(std::uint
     runs_.push_back(std::move(entry));
 }
 
-std::optional<std::string> Outbox::next_packet(Millis now) {
+std::optional<std::string> TransmitQueue::next_packet(Millis now) {
     if (runs_.empty() || runs_.front().not_before > now) return std::nullopt;
     const Run& run = runs_.front();
     std::string packet = run.bytes.substr(offset_, run.packet_size);
@@ -51,7 +52,7 @@ std::optional<std::string> Outbox::next_packet(Millis now) {
     return packet;
 }
 
-void Outbox::finish_run() {
+void TransmitQueue::finish_run() {
     Run& run = runs_.front();
     waiting_ -= run.bytes.size();
     offset_ = 0;
@@ -64,12 +65,12 @@ void Outbox::finish_run() {
     }
 }
 
-std::optional<Millis> Outbox::next_due() const {
+std::optional<Millis> TransmitQueue::next_due() const {
     if (runs_.empty()) return std::nullopt;
     return runs_.front().not_before;
 }
 
-void Outbox::clear() {
+void TransmitQueue::clear() {
     runs_.clear();
     offset_ = 0;
     waiting_ = 0;

@@ -1,4 +1,4 @@
-#include "firmware/complaints.h"
+#include "firmware/protocol_violations.h"
 
 #include <cstdio>
 #include <utility>
@@ -11,7 +11,7 @@ constexpr std::size_t kPendingLimit = 256;
 constexpr std::size_t kExcerptLength = 120;
 }  // namespace
 
-void Complaints::add(std::string sentence) {
+void ProtocolViolations::add(std::string sentence) {
     ++count_;
     last_.push_back(sentence);
     if (last_.size() > kRemembered) last_.pop_front();
@@ -19,11 +19,11 @@ void Complaints::add(std::string sentence) {
     if (pending_.size() < kPendingLimit) pending_.push_back(std::move(sentence));
 }
 
-std::vector<std::string> Complaints::take() {
+std::vector<std::string> ProtocolViolations::take() {
     return std::exchange(pending_, {});
 }
 
-Json Complaints::stats() const {
+Json ProtocolViolations::stats() const {
     return {{"count", count_}, {"last", last_}};
 }
 

@@ -21,7 +21,7 @@ enum class BusFault : std::uint8_t {
 };
 
 /// The faults that are set. Plain values: the device's lock guards them.
-class FaultBoard {
+class FaultTable {
 public:
     /// Queues a fault behind those of the same kind and endpoint.
     /// @param endpoint 0 for BusFault::claim

@@ -1,15 +1,15 @@
-#include "bus/fault_board.h"
+#include "bus/fault_table.h"
 
 namespace jovusim {
 
-void FaultBoard::add(BusFault fault, std::uint8_t endpoint, int error, std::uint32_t count,
+void FaultTable::add(BusFault fault, std::uint8_t endpoint, int error, std::uint32_t count,
                      std::uint32_t skip) {
     if (count == 0) return;
     const int value = fault == BusFault::never ? 1 : error;
     settings_[{fault, endpoint}].push_back({value, count, skip});
 }
 
-int FaultBoard::take(BusFault fault, std::uint8_t endpoint) {
+int FaultTable::take(BusFault fault, std::uint8_t endpoint) {
     const auto found = settings_.find({fault, endpoint});
     if (found == settings_.end() || found->second.empty()) return 0;
     Setting& setting = found->second.front();
@@ -22,11 +22,11 @@ int FaultBoard::take(BusFault fault, std::uint8_t endpoint) {
     return error;
 }
 
-void FaultBoard::unplug_after(std::uint8_t endpoint, std::uint64_t bytes) {
+void FaultTable::unplug_after(std::uint8_t endpoint, std::uint64_t bytes) {
     unplug_after_[endpoint] = bytes;
 }
 
-std::optional<std::size_t> FaultBoard::count_out(std::uint8_t endpoint, std::size_t size) {
+std::optional<std::size_t> FaultTable::count_out(std::uint8_t endpoint, std::size_t size) {
     const auto found = unplug_after_.find(endpoint);
     if (found == unplug_after_.end()) return std::nullopt;
     if (size < found->second) {
@@ -38,7 +38,7 @@ std::optional<std::size_t> FaultBoard::count_out(std::uint8_t endpoint, std::siz
     return left;
 }
 
-void FaultBoard::clear() {
+void FaultTable::clear() {
     settings_.clear();
     unplug_after_.clear();
 }

@@ -1,5 +1,5 @@
 /// @file
-/// The firmware's switchboard of faults: how its answers go wrong on demand.
+/// The firmware's switchboard of faults: how its responses go wrong on demand.
 #pragma once
 
 #include <array>
@@ -9,19 +9,19 @@
 #include <string>
 #include <string_view>
 
-#include "firmware/outbox.h"
+#include "firmware/transmit_queue.h"
 #include "firmware/types.h"
 
 namespace jovusim {
 
-/// What may be wrong with an answer.
+/// What may be wrong with a response.
 enum class Corruption : std::uint8_t {
     check,       ///< the frame's length check does not fit its length
     terminator,  ///< the frame ends with another byte than ";"
     json,        ///< the text lacks its last character, so it is no JSON
     attrs,       ///< the envelope has no "attrs"
-    id,          ///< the answer's id is one that nobody asked under
-    truncate,    ///< only the first half of the answer's bytes is sent
+    id,          ///< the response's id is one that nobody asked under
+    truncate,    ///< only the first half of the response's bytes is sent
 };
 constexpr std::size_t kCorruptionCount = 6;
 
@@ -46,13 +46,13 @@ private:
 
 /// The faults that are set. "Answers" are responses on the message channel and status reports on
 /// the job channel. Plain values: whoever changes them holds the model's lock.
-struct Misbehaviour {
-    Countdown silent;  ///< carry the request out, do not answer
+struct ResponseFaults {
+    Countdown silent;  ///< carry the request out, do not response
     Countdown drop;    ///< do not even carry it out
     std::array<Countdown, kCorruptionCount> corrupt;
-    Millis delay = 0;                      ///< between a request and its answer
-    std::size_t packet_size = kMaxPacket;  ///< of answers
-    std::uint32_t deep = 0;                ///< nesting of the next answer's result; 0 = as it is
+    Millis delay = 0;                      ///< between a request and its response
+    std::size_t packet_size = kMaxPacket;  ///< of responses
+    std::uint32_t deep = 0;                ///< nesting of the next response's result; 0 = as it is
 
     bool take(Corruption kind) { return corrupt[static_cast<std::size_t>(kind)].take(); }
 };
