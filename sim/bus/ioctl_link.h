@@ -7,7 +7,7 @@
 #include <optional>
 #include <string>
 
-#include "bus/unique_fd.h"
+#include "bus/file_descriptor.h"
 
 namespace jovusim {
 

@@ -6,7 +6,7 @@
 
 #include <string>
 
-#include "bus/unique_fd.h"
+#include "bus/file_descriptor.h"
 
 namespace jovusim {
 

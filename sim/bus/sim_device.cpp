@@ -5,8 +5,8 @@
 #include <stdexcept>
 #include <utility>
 
-#include "bus/clock.h"
-#include "bus/descriptors.h"
+#include "bus/enumeration.h"
+#include "bus/types.h"
 
 namespace jovusim {
 
@@ -15,6 +15,7 @@ SimDevice::SimDevice(BusAddress address, std::unique_ptr<UsbFunction> function,
     : address_(address),
       wake_(std::move(wake)),
       function_(std::move(function)),
+      identity_(function_->identity()),
       engine_(*function_, faults_) {
     node_path_ = node_.path();
 }
@@ -24,7 +25,7 @@ SimDevice::~SimDevice() {
 }
 
 ClientId SimDevice::open() {
-    const std::lock_guard<std::mutex> lock(mutex_);
+    const MutexLock lock(mutex_);
     if (clients_.empty()) function_->host_opened();
     const ClientId client = next_client_++;
     clients_.insert(client);
@@ -33,18 +34,18 @@ ClientId SimDevice::open() {
 }
 
 void SimDevice::close(ClientId client) {
-    const std::lock_guard<std::mutex> lock(mutex_);
+    const MutexLock lock(mutex_);
     engine_.forget(client);
     for (auto it = claims_.begin(); it != claims_.end();) {
         it = it->second == client ? claims_.erase(it) : std::next(it);
     }
     clients_.erase(client);
     if (clients_.empty()) function_->host_closed();
-    settle(now_ms());
+    update_state(now_ms());
 }
 
 int SimDevice::claim(ClientId client, unsigned interface) {
-    const std::lock_guard<std::mutex> lock(mutex_);
+    const MutexLock lock(mutex_);
     if (unplugged_) return ENODEV;
     if (interface >= identity().interfaces.size()) return ENOENT;
     if (is_held_by_other(client, interface)) return kContended;
@@ -63,19 +64,19 @@ bool SimDevice::is_held_by_other(ClientId client, std::size_t interface) const {
 }
 
 int SimDevice::release(ClientId client, unsigned interface) {
-    const std::lock_guard<std::mutex> lock(mutex_);
+    const MutexLock lock(mutex_);
     if (unplugged_) return ENODEV;
     const auto found = claims_.find(interface);
     if (found == claims_.end() || found->second != client) return EINVAL;
     claims_.erase(found);
     engine_.discard_interface(interface);
     ++counters_.releases;
-    settle(now_ms());
+    update_state(now_ms());
     return 0;
 }
 
 int SimDevice::submit(Urb urb) {
-    const std::lock_guard<std::mutex> lock(mutex_);
+    const MutexLock lock(mutex_);
     if (unplugged_) return ENODEV;
     if (!urb.control) {
         const auto interface = engine_.interface_of(urb.endpoint);
@@ -87,24 +88,24 @@ int SimDevice::submit(Urb urb) {
     const Millis now = now_ms();
     if (const int error = engine_.submit(std::move(urb), now)) return error;
     if (engine_.unplug_requested()) unplug_locked();
-    settle(now);
+    update_state(now);
     return 0;
 }
 
 int SimDevice::discard(ClientId client, std::uint64_t handle) {
-    const std::lock_guard<std::mutex> lock(mutex_);
+    const MutexLock lock(mutex_);
     if (unplugged_) return ENODEV;
     const int error = engine_.discard(client, handle);
-    settle(now_ms());
+    update_state(now_ms());
     return error;
 }
 
 int SimDevice::reap(ClientId client, std::optional<Urb>& urb) {
-    const std::lock_guard<std::mutex> lock(mutex_);
+    const MutexLock lock(mutex_);
     ++counters_.reaps;
     urb = engine_.reap(client);
     if (urb) {
-        settle(now_ms());
+        update_state(now_ms());
         return 0;
     }
     if (unplugged_) return ENODEV;
@@ -113,18 +114,18 @@ int SimDevice::reap(ClientId client, std::optional<Urb>& urb) {
 }
 
 int SimDevice::reset() {
-    const std::lock_guard<std::mutex> lock(mutex_);
+    const MutexLock lock(mutex_);
     if (unplugged_) return ENODEV;
     const Millis now = now_ms();
     engine_.end_all(-ENOENT);
     claims_.clear();
     function_->bus_reset(now);
-    settle(now);
+    update_state(now);
     return unplugged_ ? ENODEV : 0;
 }
 
 int SimDevice::set_configuration(unsigned value) {
-    const std::lock_guard<std::mutex> lock(mutex_);
+    const MutexLock lock(mutex_);
     if (unplugged_) return ENODEV;
     if (!claims_.empty()) return EBUSY;
     if (value != kConfigurationValue) return EINVAL;
@@ -137,17 +138,17 @@ int SimDevice::check_present() {
 }
 
 void SimDevice::count_ioctl() {
-    const std::lock_guard<std::mutex> lock(mutex_);
+    const MutexLock lock(mutex_);
     ++counters_.ioctls;
 }
 
 void SimDevice::count_refused_claim() {
-    const std::lock_guard<std::mutex> lock(mutex_);
+    const MutexLock lock(mutex_);
     ++counters_.refused_claims;
 }
 
 void SimDevice::unplug() {
-    const std::lock_guard<std::mutex> lock(mutex_);
+    const MutexLock lock(mutex_);
     unplug_locked();
 }
 
@@ -161,7 +162,7 @@ void SimDevice::unplug_locked() {
 }
 
 /// To be called, under the lock, after everything that can finish a transfer or make output.
-void SimDevice::settle(Millis now) {
+void SimDevice::update_state(Millis now) {
     if (unplugged_) return;
     if (function_->disconnect_due(now)) {
         disconnected_itself_ = true;
@@ -187,21 +188,21 @@ std::optional<Millis> SimDevice::due_at(Millis now) const {
 }
 
 void SimDevice::tick() {
-    const std::lock_guard<std::mutex> lock(mutex_);
+    const MutexLock lock(mutex_);
     const Millis now = now_ms();
     function_->tick(now);
     engine_.pump(now);
-    settle(now);
+    update_state(now);
 }
 
 std::optional<Millis> SimDevice::next_due() {
-    const std::lock_guard<std::mutex> lock(mutex_);
+    const MutexLock lock(mutex_);
     announced_due_ = due_at(now_ms());
     return announced_due_;
 }
 
 void SimDevice::with_controller(const std::function<void(Controller&, Millis)>& work) {
-    const std::lock_guard<std::mutex> lock(mutex_);
+    const MutexLock lock(mutex_);
     const Millis now = now_ms();
     auto* controller = dynamic_cast<Controller*>(function_.get());
     if (controller == nullptr) {
@@ -209,34 +210,34 @@ void SimDevice::with_controller(const std::function<void(Controller&, Millis)>& 
     }
     work(*controller, now);
     engine_.pump(now);
-    settle(now);
+    update_state(now);
 }
 
 void SimDevice::with_function(const std::function<void(UsbFunction&, Millis)>& work) {
-    const std::lock_guard<std::mutex> lock(mutex_);
+    const MutexLock lock(mutex_);
     const Millis now = now_ms();
     work(*function_, now);
     engine_.pump(now);
-    settle(now);
+    update_state(now);
 }
 
 std::unique_ptr<UsbFunction> SimDevice::take_successor() {
-    const std::lock_guard<std::mutex> lock(mutex_);
+    const MutexLock lock(mutex_);
     return disconnected_itself_ ? function_->successor() : nullptr;
 }
 
 void SimDevice::with_faults(const std::function<void(FaultTable&)>& work) {
-    const std::lock_guard<std::mutex> lock(mutex_);
+    const MutexLock lock(mutex_);
     work(faults_);
 }
 
 std::size_t SimDevice::open_clients() {
-    const std::lock_guard<std::mutex> lock(mutex_);
+    const MutexLock lock(mutex_);
     return clients_.size();
 }
 
 Json SimDevice::stats() {
-    const std::lock_guard<std::mutex> lock(mutex_);
+    const MutexLock lock(mutex_);
     Json out = {{"address", address_.to_string()},
                 {"clients", clients_.size()},
                 {"opens", counters_.opens},
@@ -255,7 +256,7 @@ Json SimDevice::stats() {
 void SimDevice::print_violations() {
     std::vector<std::string> sentences;
     {
-        const std::lock_guard<std::mutex> lock(mutex_);
+        const MutexLock lock(mutex_);
         sentences = function_->take_violations();
     }
     for (const std::string& sentence : sentences) {

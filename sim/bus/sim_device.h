@@ -7,16 +7,15 @@
 #include <functional>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <set>
 #include <string>
 
-#include "bus/bus_address.h"
-#include "bus/fault_table.h"
+#include "bus/mutex.h"
 #include "bus/pty_node.h"
+#include "bus/types.h"
 #include "bus/urb_engine.h"
-#include "firmware/controller.h"
+#include "firmware/usb/controller.h"
 
 namespace jovusim {
 
@@ -42,7 +41,7 @@ public:
     ~SimDevice();
 
     BusAddress address() const { return address_; }
-    const UsbIdentity& identity() const { return function_->identity(); }
+    const UsbIdentity& identity() const { return identity_; }
     const std::string& node_path() const { return node_path_; }
 
     /// @name What an open file of the node does. Each returns 0 or the errno of the failed ioctl,
@@ -104,26 +103,10 @@ public:
     void print_violations();
 
 private:
-    void settle(Millis now);
-    std::optional<Millis> due_at(Millis now) const;
-    void unplug_locked();
-    bool is_held_by_other(ClientId client, std::size_t interface) const;
-
-    const BusAddress address_;
-    const std::function<void()> wake_;
-    std::string node_path_;
-    std::atomic<bool> unplugged_{false};
-
-    std::mutex mutex_;  // guards everything below
-    bool disconnected_itself_ = false;
-    std::unique_ptr<UsbFunction> function_;
-    FaultTable faults_;
-    UrbEngine engine_;
-    PtyNode node_;
-    std::set<ClientId> clients_;
-    std::map<std::size_t, ClientId> claims_;
-    ClientId next_client_ = 1;
-    std::optional<Millis> announced_due_;  // what the main thread waits for
+    void update_state(Millis now) JOVU_REQUIRES(mutex_);
+    std::optional<Millis> due_at(Millis now) const JOVU_REQUIRES(mutex_);
+    void unplug_locked() JOVU_REQUIRES(mutex_);
+    bool is_held_by_other(ClientId client, std::size_t interface) const JOVU_REQUIRES(mutex_);
 
     struct Counters {
         std::uint64_t ioctls = 0;
@@ -134,7 +117,26 @@ private:
         std::uint64_t implicit_claims = 0;
         std::uint64_t refused_claims = 0;
         std::uint64_t releases = 0;
-    } counters_;
+    };
+
+    const BusAddress address_;
+    const std::function<void()> wake_;
+    std::string node_path_;               // constant after construction
+    std::atomic<bool> unplugged_{false};  // set with mutex_ held
+
+    Mutex mutex_;
+    std::unique_ptr<UsbFunction> function_ JOVU_GUARDED_BY(mutex_);
+    const UsbIdentity& identity_;  // the function's, which is constant
+    FaultTable faults_ JOVU_GUARDED_BY(mutex_);
+    UrbEngine engine_ JOVU_GUARDED_BY(mutex_);
+    PtyNode node_ JOVU_GUARDED_BY(mutex_);
+    bool disconnected_itself_ JOVU_GUARDED_BY(mutex_) = false;
+    std::set<ClientId> clients_ JOVU_GUARDED_BY(mutex_);
+    std::map<std::size_t, ClientId> claims_ JOVU_GUARDED_BY(mutex_);
+    ClientId next_client_ JOVU_GUARDED_BY(mutex_) = 1;
+    /// The moment for which the main thread was last woken.
+    std::optional<Millis> announced_due_ JOVU_GUARDED_BY(mutex_);
+    Counters counters_ JOVU_GUARDED_BY(mutex_);
 };
 
 }  // namespace jovusim

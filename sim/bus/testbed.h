@@ -1,5 +1,5 @@
 /// @file
-/// The simulated bus.
+/// The simulated bus and its directory.
 #pragma once
 
 #include <umockdev.h>
@@ -12,13 +12,28 @@
 #include <string>
 #include <vector>
 
-#include "bus/bus_address.h"
+#include "bus/enumeration.h"
+#include "bus/file_descriptor.h"
 #include "bus/sim_device.h"
-#include "bus/testbed_directory.h"
-#include "bus/uevent.h"
+#include "bus/types.h"
 #include "bus/usbfs_node.h"
 
 namespace jovusim {
+
+/// Marks a testbed's directory as this process's for as long as it runs: a locked file in it. The
+/// lock goes with the process, however it ends.
+class DirectoryOwnership {
+public:
+    /// @throws std::system_error
+    explicit DirectoryOwnership(const std::string& directory);
+
+private:
+    UniqueFd lock_;
+};
+
+/// Removes the testbeds under a directory for temporary files that simulators of this kind have
+/// left behind without cleaning up. Others' testbeds, and those of simulators that run, stay.
+void remove_stale_testbeds(const std::string& temporary);
 
 /// Tells programs where their testbed is.
 constexpr char kTestbedVariable[] = "UMOCKDEV_DIR";

@@ -5,13 +5,13 @@
 #include <atomic>
 #include <list>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <thread>
 
+#include "bus/file_descriptor.h"
 #include "bus/ioctl_link.h"
+#include "bus/mutex.h"
 #include "bus/sim_device.h"
-#include "bus/unique_fd.h"
 
 namespace jovusim {
 
@@ -50,8 +50,8 @@ private:
 
     UniqueFd listener_;
 
-    std::mutex mutex_;  // guards device_; no other lock is taken under it
-    std::shared_ptr<SimDevice> device_;
+    Mutex mutex_;  // a leaf: no other lock is acquired while it is held
+    std::shared_ptr<SimDevice> device_ JOVU_GUARDED_BY(mutex_);
 
     std::list<OpenFile> files_;  // the acceptor's, and the destructor's when that has ended
     std::thread acceptor_;

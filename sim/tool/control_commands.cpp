@@ -4,8 +4,6 @@
 #include <array>
 #include <exception>
 
-#include "tool/fault_commands.h"
-
 namespace jovusim {
 
 namespace {

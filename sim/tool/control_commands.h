@@ -1,5 +1,5 @@
 /// @file
-/// What the control socket's requests do.
+/// The requests of the control socket.
 #pragma once
 
 #include <string>
@@ -15,5 +15,11 @@ std::string run_control_request(Testbed& testbed, const std::string& line);
 
 /// All requests, one a line, for the help text.
 std::string control_help();
+
+/// Sets the fault that the words describe. Main thread. @throws BadRequest, std::out_of_range
+void set_fault(Testbed& testbed, BusAddress address, RequestReader& reader);
+
+/// All faults, one a line, for the help text.
+std::string fault_help();
 
 }  // namespace jovusim

@@ -1,8 +1,8 @@
-#include "tool/fault_commands.h"
-
 #include <array>
 #include <cstdio>
 #include <limits>
+
+#include "tool/control_commands.h"
 
 namespace jovusim {
 

@@ -7,8 +7,8 @@
 #include <stdexcept>
 #include <string>
 
-#include "bus/bus_address.h"
-#include "firmware/types.h"
+#include "bus/types.h"
+#include "firmware/base/types.h"
 
 namespace jovusim {
 

@@ -3,8 +3,10 @@
 #include <dlfcn.h>
 #include <poll.h>
 #include <sys/eventfd.h>
+#include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/signalfd.h>
+#include <sys/types.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -18,20 +20,105 @@
 #include <cstdlib>
 #include <cstring>
 #include <exception>
+#include <optional>
 #include <stdexcept>
+#include <string>
 #include <system_error>
+#include <vector>
 
-#include "bus/clock.h"
 #include "bus/testbed.h"
-#include "tool/child_process.h"
+#include "bus/types.h"
 #include "tool/control_commands.h"
-#include "tool/control_name.h"
-#include "tool/control_server.h"
+#include "tool/control_socket.h"
 #include "tool/exit_status.h"
 
 namespace jovusim {
 
 namespace {
+
+/// What a new program is to find as it was before the simulator changed it.
+struct ProcessSettings {
+    sigset_t signal_mask;
+    struct sigaction pipe_action;
+    std::optional<rlim_t> open_files;
+};
+
+std::vector<char*> pointers(const std::vector<std::string>& texts) {
+    std::vector<char*> out;
+    // exec() takes pointers to mutable text and leaves it alone.
+    for (const std::string& text : texts)
+        out.push_back(const_cast<char*>(text.c_str()));
+    out.push_back(nullptr);
+    return out;
+}
+
+void print(const char* text) {
+    (void)!::write(STDERR_FILENO, text, std::strlen(text));
+}
+
+/// Between fork and exec: only calls that are safe there.
+[[noreturn]] void become(char* const* arguments, char* const* environment,
+                         const ProcessSettings& settings, pid_t parent) {
+    ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+    if (::getppid() != parent) ::_exit(kExitFailure);
+    // The preloaded library sleeps for no time at all behind each ioctl, which lasts as long as the
+    // timers of the program are inexact: usually 50 microseconds.
+    ::prctl(PR_SET_TIMERSLACK, 1UL);
+    if (settings.open_files) {
+        rlimit limit{};
+        ::getrlimit(RLIMIT_NOFILE, &limit);
+        limit.rlim_cur = *settings.open_files;
+        ::setrlimit(RLIMIT_NOFILE, &limit);
+    }
+    ::sigaction(SIGPIPE, &settings.pipe_action, nullptr);
+    ::sigprocmask(SIG_SETMASK, &settings.signal_mask, nullptr);
+    ::execvpe(arguments[0], arguments, environment);
+    const int error = errno;
+    print("jovu-sim: ");
+    print(arguments[0]);
+    print(": ");
+    print(::strerrordesc_np(error));
+    print("\n");
+    ::_exit(error == ENOENT ? kExitNotFound : kExitCannotRun);
+}
+
+/// Starts the program. The kernel kills it when this process ends, so the calling thread must live
+/// as long as the process.
+/// @param program file and arguments; the file is looked up in PATH
+/// @param environment "NAME=VALUE"
+/// @throws std::system_error when fork() fails; a program that cannot be run ends with
+/// kExitNotFound
+///     or kExitCannotRun
+pid_t start_program(const std::vector<std::string>& program,
+                    const std::vector<std::string>& environment, const ProcessSettings& settings) {
+    const std::vector<char*> arguments = pointers(program);
+    const std::vector<char*> variables = pointers(environment);
+    const pid_t parent = ::getpid();
+    const pid_t child = ::fork();
+    if (child == -1) throw std::system_error(errno, std::generic_category(), "fork");
+    if (child == 0) become(arguments.data(), variables.data(), settings, parent);
+    return child;
+}
+
+/// The environment of this process.
+std::vector<std::string> current_environment() {
+    std::vector<std::string> out;
+    for (char** variable = environ; *variable != nullptr; ++variable)
+        out.emplace_back(*variable);
+    return out;
+}
+
+/// Sets a variable in an environment.
+void set_variable(std::vector<std::string>& environment, const std::string& name,
+                  const std::string& value) {
+    const std::string prefix = name + "=";
+    environment.erase(std::remove_if(environment.begin(), environment.end(),
+                                     [&prefix](const std::string& variable) {
+                                         return variable.rfind(prefix, 0) == 0;
+                                     }),
+                      environment.end());
+    environment.push_back(prefix + value);
+}
 
 constexpr char kPreloadVariable[] = "LD_PRELOAD";
 constexpr char kPreloadLibrary[] = "libumockdev-preload.so.0";

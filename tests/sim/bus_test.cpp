@@ -3,8 +3,8 @@
 
 #include <cerrno>
 
-#include "bus/descriptors.h"
-#include "bus/local_socket.h"
+#include "bus/enumeration.h"
+#include "bus/file_descriptor.h"
 #include "bus/sim_device.h"
 #include "firmware_host.h"
 

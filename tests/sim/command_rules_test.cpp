@@ -1,7 +1,7 @@
 // The table of commands and the check of their arguments.
 #include <gtest/gtest.h>
 
-#include "firmware/protocol_violations.h"
+#include "firmware/base/host_input.h"
 #include "firmware_host.h"
 
 namespace jovusim::test {

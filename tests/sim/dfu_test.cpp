@@ -3,8 +3,8 @@
 
 #include <functional>
 
-#include "firmware/dfu_device.h"
-#include "firmware/firmware_image.h"
+#include "firmware/usb/dfu_device.h"
+#include "firmware/usb/firmware_image.h"
 #include "firmware_host.h"
 
 namespace jovusim::test {

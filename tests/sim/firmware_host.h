@@ -9,8 +9,8 @@
 #include <string>
 #include <vector>
 
-#include "firmware/controller.h"
-#include "firmware/values.h"
+#include "firmware/base/values.h"
+#include "firmware/usb/controller.h"
 
 namespace jovusim::test {
 

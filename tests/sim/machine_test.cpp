@@ -2,7 +2,7 @@
 #include <gtest/gtest.h>
 #include <zlib.h>
 
-#include "firmware/values.h"
+#include "firmware/base/values.h"
 #include "firmware_host.h"
 
 namespace jovusim::test {

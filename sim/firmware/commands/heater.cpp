@@ -1,4 +1,4 @@
-#include "firmware/commands.h"
+#include "firmware/commands/commands.h"
 
 namespace jovusim {
 

@@ -1,6 +1,6 @@
 #include <algorithm>
 
-#include "firmware/commands.h"
+#include "firmware/commands/commands.h"
 
 namespace jovusim {
 

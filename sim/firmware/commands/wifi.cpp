@@ -1,6 +1,6 @@
-#include "firmware/commands.h"
-#include "firmware/structures.h"
-#include "firmware/values.h"
+#include "firmware/base/structures.h"
+#include "firmware/base/values.h"
+#include "firmware/commands/commands.h"
 
 namespace jovusim {
 
