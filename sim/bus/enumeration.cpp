@@ -39,7 +39,7 @@ std::string device_descriptor(const UsbIdentity& identity) {
     append(out, USB_DT_DEVICE_SIZE);
     append(out, USB_DT_DEVICE);
     append_word(out, kUsb20);
-    append(out, 0);  // class, subclass and protocol are the interfaces'
+    append(out, 0);  // class, subclass and protocol are those of the interfaces
     append(out, 0);
     append(out, 0);
     append(out, 64);  // packet size of endpoint 0
@@ -171,7 +171,7 @@ std::string testbed_record(const UsbIdentity& identity, BusAddress address) {
 
 namespace {
 
-/// What libudev puts before the properties of a device (systemd, device-monitor.c).
+/// The header that libudev expects before the properties (systemd, device-monitor.c).
 struct MonitorHeader {
     char prefix[8];
     std::uint32_t magic;
@@ -188,7 +188,7 @@ constexpr std::uint32_t kMonitorMagic = 0xFEEDCAFE;
 constexpr char kSubsystem[] = "usb";
 constexpr char kDevtype[] = "usb_device";
 
-/// MurmurHash2 with seed 0, by which listeners filter.
+/// MurmurHash2 with seed 0. Listeners filter by it.
 std::uint32_t murmur2(const std::string& text) {
     constexpr std::uint32_t kMix = 0x5BD1E995;
     auto hash = static_cast<std::uint32_t>(text.size());
@@ -233,14 +233,14 @@ void send_to(const std::string& path, const std::string& message) {
     const sockaddr_un to = local_address(path);
     const UniqueFd fd(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
     if (!fd) return;
-    // A listener that does not read must not hold the bus up.
+    // Bounds the wait for a listener that does not read.
     const timeval limit{1, 0};
     ::setsockopt(fd.get(), SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
     if (::connect(fd.get(), reinterpret_cast<const sockaddr*>(&to), sizeof to) != 0) {
         if (errno == ECONNREFUSED) ::unlink(path.c_str());
         return;
     }
-    // A listener that has gone since is no error.
+    // The listener may have closed its socket since; that is no error.
     (void)::send(fd.get(), message.data(), message.size(), MSG_NOSIGNAL);
 }
 

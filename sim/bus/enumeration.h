@@ -14,25 +14,27 @@ namespace jovusim {
 /// The only configuration's number.
 constexpr std::uint8_t kConfigurationValue = 1;
 
-/// The response to GET_DESCRIPTOR, whole; nothing when the device has no such descriptor.
+/// Returns the whole descriptor for GET_DESCRIPTOR; nothing when the device has none of that type
+/// and index.
 /// @param type  descriptor type as in the high byte of wValue
 /// @param index as in the low byte of wValue
 std::optional<std::string> find_descriptor(const UsbIdentity& identity, std::uint8_t type,
                                            std::uint8_t index);
 
-/// The contents of the "descriptors" file: the device's and every configuration's.
+/// Returns the contents of the "descriptors" file in sysfs: the device descriptor and that of the
+/// configuration.
 std::string sysfs_descriptors(const UsbIdentity& identity);
 
-/// The device in the notation from which a umockdev testbed makes a sysfs entry. Without a device
-/// node: the bus makes that itself.
+/// Returns the device in the notation of umockdev's testbed, which makes the sysfs entry from it.
+/// The record has no device node; Testbed makes that.
 std::string testbed_record(const UsbIdentity& identity, BusAddress address);
 
-/// Sends hot-plug messages to the programs that watch a testbed. The testbed's own sender ends the
-/// process when a listener goes away at the wrong moment; this one takes it as it is.
-/// Main thread only.
+/// Sends hot-plug messages to the programs that watch a testbed. umockdev's own sender aborts the
+/// process when a listener closes its socket during the call; this one ignores that error. Main
+/// thread only.
 class UeventSender {
 public:
-    /// @param root the testbed's directory, where listeners have their sockets
+    /// @param root the testbed's directory, which contains the sockets of the listeners
     explicit UeventSender(std::string root) : root_(std::move(root)) {}
 
     /// @param action "add" or "remove"

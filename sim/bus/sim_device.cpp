@@ -82,7 +82,7 @@ int SimDevice::submit(Urb urb) {
         const auto interface = engine_.interface_of(urb.endpoint);
         if (!interface) return ENOENT;
         if (is_held_by_other(urb.client, *interface)) return kContended;
-        // Like the kernel: the first use of an endpoint claims its interface.
+        // As in the kernel, the first use of an endpoint claims its interface.
         if (claims_.emplace(*interface, urb.client).second) ++counters_.implicit_claims;
     }
     const Millis now = now_ms();
@@ -156,12 +156,13 @@ void SimDevice::unplug_locked() {
     if (unplugged_) return;
     unplugged_ = true;
     engine_.end_all(-ESHUTDOWN);
-    // Only the hang-up makes libusb look: it reaps what ended above and then sees ENODEV.
+    // The hang-up makes libusb reap the ended transfers and then get ENODEV.
     node_.hang_up();
     wake_();
 }
 
-/// To be called, under the lock, after everything that can finish a transfer or make output.
+/// Updates the node and the due time. Call it after every change that can finish a transfer or
+/// produce output.
 void SimDevice::update_state(Millis now) {
     if (unplugged_) return;
     if (function_->disconnect_due(now)) {
@@ -177,11 +178,11 @@ void SimDevice::update_state(Millis now) {
     }
 }
 
-/// When the main thread has something to do here.
+/// When tick() has to be called next.
 std::optional<Millis> SimDevice::due_at(Millis now) const {
     if (unplugged_) return std::nullopt;
     auto due = function_->next_tick();
-    // Output that is due and still here waits for a transfer, not for the clock.
+    // Output that is already due waits for a transfer; the clock does not change that.
     const auto output = function_->next_due();
     if (output && *output > now && (!due || *output < *due)) due = output;
     return due;

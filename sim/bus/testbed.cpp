@@ -25,7 +25,7 @@ constexpr char kLockName[] = "/jovu-sim.lock";
 }
 
 DirectoryOwnership::DirectoryOwnership(const std::string& directory) {
-    // Locked before it gets its name: nobody ever sees it without its lock.
+    // The file is locked before it gets its name, so that other processes never see it unlocked.
     const std::string name = directory + kLockName;
     const std::string unnamed = name + ".new";
     lock_.reset(::open(unnamed.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
@@ -42,10 +42,10 @@ void remove_stale_testbeds(const std::string& temporary) {
         for (char** path = found.gl_pathv; *path != nullptr; ++path) {
             const UniqueFd lock(::open(*path, O_RDWR | O_CLOEXEC | O_NOFOLLOW));
             struct stat status {};
-            ::fstat(lock.get(), &status);  // fails, as what follows does, without the file
+            ::fstat(lock.get(), &status);  // without the file this and the checks below fail
             if (status.st_uid != ::geteuid()) continue;
             if (::flock(lock.get(), LOCK_EX | LOCK_NB) != 0) continue;
-            // Somebody else may be at it too; what is gone already is no error.
+            // Another simulator may be removing it too: errors are ignored.
             std::error_code ignored;
             std::filesystem::remove_all(std::filesystem::path(*path).parent_path(), ignored);
         }
@@ -58,14 +58,14 @@ namespace {
 constexpr std::uint8_t kFirstBus = 1;
 constexpr std::uint8_t kHubAddress = 1;
 
-/// How long a device that starts another firmware is off the bus.
+/// How long a device is off the bus when it starts another firmware.
 constexpr Millis kRestartTime = 200;
 
-/// A socket of the testbed's own: opening it as a file fails with ENXIO.
+/// A socket in the testbed: opening it as a file fails with ENXIO.
 constexpr char kUnopenable[] = "/ioctl/_default";
 
-/// The path of a socket in the testbed has to fit into sockaddr_un: with a longer directory for
-/// temporary files the usual one is taken.
+/// Longest directory for temporary files that is used; /tmp replaces a longer one. The path of a
+/// socket in the testbed has to fit into sockaddr_un.
 constexpr std::size_t kLongestTemporary = 32;
 
 std::string temporary_directory() {
@@ -92,7 +92,7 @@ Testbed::Testbed(double time_scale, std::function<void()> wake)
     }
     const std::string temporary = temporary_directory();
     remove_stale_testbeds(temporary);
-    // The testbed makes its directory where this says.
+    // umockdev makes the directory of the testbed in $TMPDIR.
     ::setenv("TMPDIR", temporary.c_str(), 1);
     testbed_.reset(umockdev_testbed_new());
     const std::unique_ptr<gchar, decltype(&g_free)> root(
@@ -123,7 +123,7 @@ BusAddress Testbed::free_address(std::uint8_t bus) {
     throw std::runtime_error("no address is free on bus " + std::to_string(bus));
 }
 
-/// A device that came back at another address has kept its serial.
+/// Two devices must differ: a device that returned at another address keeps its serial number.
 std::string Testbed::free_serial(BusAddress address) const {
     const auto taken = [this](const std::string& serial) {
         return std::any_of(devices_.begin(), devices_.end(),
@@ -172,7 +172,7 @@ void Testbed::attach(BusAddress address, std::unique_ptr<UsbFunction> function) 
                                  reason->message);
     }
     devices_[address] = std::move(device);
-    // Only now, with everything in place: a program may look as soon as it hears of it.
+    // Last, because a program may open the device as soon as it gets the message.
     uevents_->send("add", address);
 }
 
@@ -192,8 +192,8 @@ void Testbed::replug(BusAddress address) {
     plug(address, request);
 }
 
-/// What is left to do when a device has gone: the opposite order of plug(). The message comes last,
-/// so that a program which has begun to look cannot miss it and still find the device.
+/// Removes a device whose node is gone, in the reverse order of attach(). The message comes last: a
+/// program that gets it no longer finds the device.
 void Testbed::remove_device(BusAddress address) {
     nodes_.at(address)->set_device(nullptr);
     devices_.erase(address);
@@ -226,8 +226,8 @@ void Testbed::make_node(const SimDevice& device) {
 void Testbed::remove_node(BusAddress address) {
     const std::string path = root_ + address.node();
     std::filesystem::remove(path);
-    // The preloaded library lets a program through to the machine's own devices where the testbed
-    // has no node. If this machine has one of that number, something stays that cannot be opened.
+    // Without a node in the testbed the preloaded library opens the real node of that number. If
+    // this machine has one, a node that cannot be opened stays.
     if (::access(address.node().c_str(), F_OK) == 0) {
         std::filesystem::create_symlink(root_ + kUnopenable, path);
     }

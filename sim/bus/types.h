@@ -12,7 +12,7 @@
 
 namespace jovusim {
 
-/// The largest bus number and device address that are handed out, as on a real bus.
+/// The largest bus number and device address, as on a real bus.
 constexpr int kMaxBusAddress = 127;
 
 /// Bus number and device address, both 1 to kMaxBusAddress.
@@ -35,14 +35,14 @@ struct BusAddress {
         return path;
     }
 
-    /// "/devices/usb1/1-2": every device has a port of its own, numbered like its address.
+    /// "/devices/usb1/1-2": the port has the number of the address.
     std::string device_path() const {
         return "/devices/usb" + std::to_string(bus) + "/" + std::to_string(bus) + "-" +
                std::to_string(address);
     }
 };
 
-/// Milliseconds since an arbitrary moment. Any thread.
+/// Milliseconds of the monotonic clock. Any thread.
 inline Millis now_ms() {
     using std::chrono::duration_cast;
     using std::chrono::milliseconds;

@@ -65,7 +65,7 @@ void erase_if(std::deque<Urb>& urbs, Predicate predicate) {
     urbs.erase(std::remove_if(urbs.begin(), urbs.end(), predicate), urbs.end());
 }
 
-/// The data stage of a standard request that the device responses, or nothing for a stall.
+/// The data stage of a standard request, or nothing for a stall.
 std::optional<std::string> standard_request(UsbFunction& function, const usb_ctrlrequest& setup) {
     const bool to_host = (setup.bRequestType & USB_DIR_IN) != 0;
     switch (setup.bRequest) {
@@ -135,7 +135,7 @@ void UrbEngine::send_out(Urb urb, Endpoint& endpoint, Millis now) {
     endpoint.bytes += urb.actual;
     function_.receive(urb.endpoint, urb.buffer, urb.actual, now);
     if (cut) {
-        // Left in flight: it ends together with all others when the device is gone.
+        // Stays in flight and ends with all others at the unplug.
         unplug_requested_ = true;
         endpoint.waiting.push_back(std::move(urb));
     } else {

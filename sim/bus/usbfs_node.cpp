@@ -27,14 +27,14 @@ namespace jovusim {
 
 namespace {
 
-/// Out of descriptors or memory: that may pass.
+/// Before the next try when descriptors or memory have run out.
 constexpr std::chrono::milliseconds kAcceptPause(10);
 
-/// How long an interface has to be held by another open file until that is believed.
+/// How long a claim is retried while another open file has the interface.
 constexpr Millis kContentionLimit = 100;
 constexpr std::chrono::milliseconds kContentionPause(1);
 
-/// More than any program sends in one transfer.
+/// Largest transfer that is accepted, in bytes.
 constexpr int kLongestTransfer = 64 << 20;
 
 constexpr std::uint32_t kCapabilities =
@@ -46,7 +46,7 @@ bool is_in(const usbdevfs_urb& request) {
            (request.endpoint & USB_ENDPOINT_DIR_MASK) != 0;
 }
 
-/// A transfer's structure, as the program made it, and a copy of its buffer.
+/// The usbdevfs_urb of a program and a copy of its buffer.
 struct UrbMemory {
     usbdevfs_urb* request() { return reinterpret_cast<usbdevfs_urb*>(structure.data()); }
 
@@ -54,11 +54,11 @@ struct UrbMemory {
     std::vector<std::uint8_t> buffer;
 };
 
-/// Serves one open file until it is closed. Runs on a thread of its own, which no other one waits
-/// for but at the end: a program that is stopped in the middle of an ioctl holds nobody up.
+/// Serves one open file until it is closed. Each has its own thread, so that a program that is
+/// stopped during an ioctl delays no other.
 class UsbfsSession {
 public:
-    /// @param device that was behind the node when it was opened; null for none
+    /// @param device plugged in when the file was opened; null for none
     UsbfsSession(IoctlLink& link, std::shared_ptr<SimDevice> device);
     UsbfsSession(const UsbfsSession&) = delete;
     UsbfsSession& operator=(const UsbfsSession&) = delete;
@@ -113,7 +113,7 @@ void UsbfsSession::run() {
     }
 }
 
-/// Can be called again with the same request after kContended.
+/// May be called again with the same request after kContended.
 UsbfsSession::Outcome UsbfsSession::carry_out(const Request& request) {
     if (!device_) return ENODEV;
     if (request.code == USBDEVFS_REAPURBNDELAY) return reap(request);
@@ -184,7 +184,7 @@ UsbfsSession::Outcome UsbfsSession::submit(const Request& request) {
     }
     if (given.buffer_length < 0 || given.buffer_length > kLongestTransfer) return EINVAL;
     memory->buffer.resize(static_cast<std::size_t>(given.buffer_length));
-    // What a program wants to be filled is not read before.
+    // An IN buffer is only written, never read.
     if (!is_in(given) && !memory->buffer.empty() &&
         !link_.read(reinterpret_cast<std::uintptr_t>(given.buffer), memory->buffer.data(),
                     memory->buffer.size())) {
@@ -209,7 +209,7 @@ UsbfsSession::Outcome UsbfsSession::reap(const Request& request) {
     result.status = urb->status;
     result.actual_length = static_cast<int>(urb->actual);
     if (urb->control || is_in(result)) {
-        // A control transfer's data is behind its setup packet.
+        // In a control transfer the data follows the setup packet.
         const std::size_t filled = (urb->control ? sizeof(usb_ctrlrequest) : 0) + urb->actual;
         link_.write(reinterpret_cast<std::uintptr_t>(result.buffer), memory->buffer.data(),
                     std::min(filled, memory->buffer.size()));
@@ -222,7 +222,7 @@ UsbfsSession::Outcome UsbfsSession::reap(const Request& request) {
 }  // namespace
 
 UsbfsNode::UsbfsNode(const std::string& root, const std::string& node) {
-    // Where the preloaded library looks for somebody who serves a node.
+    // The preloaded library connects to this socket when a program opens the node.
     const std::string path = root + "/ioctl" + node;
     std::filesystem::create_directories(std::filesystem::path(path).parent_path());
     listener_ = local_socket(0);
@@ -249,7 +249,7 @@ void UsbfsNode::accept_files() {
         if (!socket) {
             if (errno == EINTR || errno == ECONNABORTED) continue;
             if (errno == EINVAL) return;  // shut down
-            std::perror("jovu-sim: cannot take an open file in");
+            std::perror("jovu-sim: cannot accept an open file");
             std::this_thread::sleep_for(kAcceptPause);
             continue;
         }

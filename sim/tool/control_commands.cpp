@@ -8,7 +8,7 @@ namespace jovusim {
 
 namespace {
 
-/// Returns the text behind "ok ", which may be empty.
+/// Returns the string after "ok ", which may be empty.
 using Handler = std::string (*)(Testbed&, RequestReader&);
 
 struct ControlRequest {

@@ -10,16 +10,16 @@
 namespace jovusim {
 
 /// Carries out one request, a line without its line feed. Main thread.
-/// @returns "ok", "ok STRING" or "error STRING", one line
+/// @returns one line: "ok", "ok STRING" or "error STRING"
 std::string run_control_request(Testbed& testbed, const std::string& line);
 
-/// All requests, one a line, for the help text.
+/// All requests for the help, one in a line.
 std::string control_help();
 
-/// Sets the fault that the words describe. Main thread. @throws BadRequest, std::out_of_range
+/// Carries out the rest of a "fault" request. Main thread. @throws BadRequest, std::out_of_range
 void set_fault(Testbed& testbed, BusAddress address, RequestReader& reader);
 
-/// All faults, one a line, for the help text.
+/// All faults for the help, one in a line.
 std::string fault_help();
 
 }  // namespace jovusim

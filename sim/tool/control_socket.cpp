@@ -21,7 +21,7 @@ namespace {
 
 constexpr int kBacklog = 16;
 
-/// A longer request, or more unread responses, end the connection.
+/// Limit in bytes of a request and of unread responses; beyond it the connection is closed.
 constexpr std::size_t kLongestRequest = 16U << 20U;
 
 short events_of(const std::vector<pollfd>& waits, int fd) {
@@ -69,7 +69,7 @@ void ControlServer::accept_all() {
     }
 }
 
-/// Returns whether the connection stays.
+/// Returns false when the connection has ended.
 bool ControlServer::serve(Connection& connection, short events) {
     if (events == 0) return true;
     if ((events & POLLERR) != 0) return false;
@@ -131,7 +131,7 @@ std::string ask(const std::string& path, const std::string& line) {
     const UniqueFd fd = local_socket(0);
     const sockaddr_un address = local_address(path);
     const auto fail = [&path] {
-        throw std::system_error(errno, std::generic_category(), "no simulator at " + path);
+        throw std::system_error(errno, std::generic_category(), "cannot reach jovu-sim at " + path);
     };
     if (::connect(fd.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
         fail();
@@ -158,12 +158,12 @@ std::string ask(const std::string& path, const std::string& line) {
 int run_control_client(const std::string& request) {
     const char* const path = std::getenv(kControlVariable);
     if (path == nullptr) {
-        std::fprintf(stderr, "jovu-sim: %s is not set: not inside \"jovu-sim run\"\n",
+        std::fprintf(stderr, "jovu-sim: %s is not set: ctl works inside \"jovu-sim run\" only\n",
                      kControlVariable);
         return kExitUsage;
     }
     if (request.find('\n') != std::string::npos) {
-        std::fprintf(stderr, "jovu-sim: a request is one line\n");
+        std::fprintf(stderr, "jovu-sim: a request must be a single line\n");
         return kExitUsage;
     }
     try {

@@ -16,8 +16,8 @@ namespace jovusim {
 /// The environment variable with the socket's path.
 constexpr char kControlVariable[] = "JOVU_SIM_CONTROL";
 
-/// Serves a line protocol on a local socket: a request a line, a response a line, as many as one
-/// likes on a connection, any number of connections. Main thread only; never blocks.
+/// Serves a line protocol on a local socket: each request is a line, and so is each response. There
+/// may be any number of connections, and of requests on each. Main thread only; never blocks.
 class ControlServer {
 public:
     /// @param path   must not exist yet
@@ -25,10 +25,10 @@ public:
     /// @throws std::system_error
     ControlServer(const std::string& path, std::function<std::string(const std::string&)> handler);
 
-    /// Adds what the server waits for.
+    /// Adds the descriptors that the server polls.
     void add_to(std::vector<pollfd>& waits) const;
 
-    /// Serves what poll() has found ready.
+    /// Serves the descriptors that poll() has found ready.
     void serve(const std::vector<pollfd>& waits);
 
 private:

@@ -14,7 +14,7 @@ constexpr std::uint64_t kMostGarbage = 1ULL << 32U;
 
 constexpr std::uint64_t kMostBlocks = 1'000'000;
 
-/// As deep as still fits into a frame.
+/// Deepest nesting that fits into a frame.
 constexpr std::uint32_t kDeepest = 32000;
 
 struct Target {

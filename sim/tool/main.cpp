@@ -58,11 +58,12 @@ std::variant<RunOptions, CtlOptions, FirmwareOptions, ExitNow> parse_options(int
     CLI::App* run_app = app.add_subcommand(
         "run",
         "Run a program on a bus of simulated controllers.\n"
-        "The program finds JOVU_SIM_CONTROL in its environment, the path of the control socket.\n"
-        "Its exit status is passed on, 128 plus the number of the signal that ended it.");
+        "JOVU_SIM_CONTROL in its environment is the path of the control socket.\n"
+        "The exit status is that of the program, or 128 plus the number of the signal that ended "
+        "it.");
     auto* devices = run_app
                         ->add_option("--devices", run.devices,
-                                     "Controllers plugged in at the start, at 1:2, 1:3, ...")
+                                     "Number of controllers at the start, at 1:2, 1:3, ...")
                         ->check(CLI::Range(0U, kMaxDevices))
                         ->capture_default_str();
     run_app->add_flag("--empty", empty, "Start without a controller")->excludes(devices);
@@ -71,21 +72,20 @@ std::variant<RunOptions, CtlOptions, FirmwareOptions, ExitNow> parse_options(int
                      "Seconds of jobs, heaters and filament in one real second")
         ->check(CLI::Range(kMinTimeScale, kMaxTimeScale))
         ->capture_default_str();
-    run_app->add_option("program", run.program, "The program and its arguments, behind --")
-        ->required();
+    run_app->add_option("program", run.program, "Program and arguments, after --")->required();
     run_app->positionals_at_end();
 
     CLI::App* ctl_app = app.add_subcommand(
-        "ctl", "Send a request to the simulator in which this runs and print its response.");
+        "ctl", "Send a request to the simulator that runs this program and print the response.");
     ctl_app->prefix_command();
     ctl_app->footer("Requests:\n" + control_help());
 
     FirmwareOptions firmware;
     CLI::App* firmware_app = app.add_subcommand(
         "firmware", "Write a firmware image for simulated controllers to standard output.");
-    firmware_app->add_option("version", firmware.version, "What the controller reports with it")
+    firmware_app->add_option("version", firmware.version, "Version that the controller reports")
         ->required();
-    firmware_app->add_option("--size", firmware.size, "Bytes")
+    firmware_app->add_option("--size", firmware.size, "Size in bytes")
         ->check(CLI::Range(std::size_t{1}, kLargestImage))
         ->capture_default_str();
 

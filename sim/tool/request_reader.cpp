@@ -15,7 +15,7 @@ constexpr int kHex = 16;
 constexpr std::size_t kLongestString = 126;  // a descriptor has 255 bytes, two for a character
 constexpr int kDecimal = 10;
 
-/// Parses the whole word, or gives nothing.
+/// Parses the whole word; nothing when it is not a number.
 std::optional<std::uint64_t> parse_number(const std::string& word, int base) {
     std::uint64_t value = 0;
     const char* const end = word.data() + word.size();

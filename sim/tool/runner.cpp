@@ -36,7 +36,7 @@ namespace jovusim {
 
 namespace {
 
-/// What a new program is to find as it was before the simulator changed it.
+/// Settings of this process before take_over_process() changed them, for the child.
 struct ProcessSettings {
     sigset_t signal_mask;
     struct sigaction pipe_action;
@@ -45,7 +45,7 @@ struct ProcessSettings {
 
 std::vector<char*> pointers(const std::vector<std::string>& texts) {
     std::vector<char*> out;
-    // exec() takes pointers to mutable text and leaves it alone.
+    // exec() takes pointers to mutable strings and does not change them.
     for (const std::string& text : texts)
         out.push_back(const_cast<char*>(text.c_str()));
     out.push_back(nullptr);
@@ -56,13 +56,13 @@ void print(const char* text) {
     (void)!::write(STDERR_FILENO, text, std::strlen(text));
 }
 
-/// Between fork and exec: only calls that are safe there.
+/// The child between fork and exec. Calls async-signal-safe functions only.
 [[noreturn]] void become(char* const* arguments, char* const* environment,
                          const ProcessSettings& settings, pid_t parent) {
     ::prctl(PR_SET_PDEATHSIG, SIGKILL);
     if (::getppid() != parent) ::_exit(kExitFailure);
-    // The preloaded library sleeps for no time at all behind each ioctl, which lasts as long as the
-    // timers of the program are inexact: usually 50 microseconds.
+    // The preloaded library sleeps for 0 s after each ioctl, which takes as long as the timer
+    // slack: 50 microseconds by default.
     ::prctl(PR_SET_TIMERSLACK, 1UL);
     if (settings.open_files) {
         rlimit limit{};
@@ -123,13 +123,13 @@ void set_variable(std::vector<std::string>& environment, const std::string& name
 constexpr char kPreloadVariable[] = "LD_PRELOAD";
 constexpr char kPreloadLibrary[] = "libumockdev-preload.so.0";
 
-/// Each open file of a device node is one here too; running out of them would end the testbed.
+/// Each open file of a device node needs a descriptor here, and without one umockdev aborts.
 constexpr rlim_t kOpenFiles = 65536;
 
-/// Signals that ask a program to end. They are the child's business.
+/// Signals that end a program. They are forwarded to the child.
 constexpr std::array kForwarded = {SIGINT, SIGTERM, SIGHUP, SIGQUIT};
 
-/// Prepares this process; what it changes is noted for the child.
+/// Prepares this process. Returns the settings from before.
 ProcessSettings take_over_process() {
     ProcessSettings before{};
     sigset_t handled;
@@ -139,7 +139,7 @@ ProcessSettings take_over_process() {
         sigaddset(&handled, number);
     ::sigprocmask(SIG_BLOCK, &handled, &before.signal_mask);
 
-    // Nobody may read this program's messages; that must not end it before its child.
+    // The simulator must outlive its child even when nothing reads its messages.
     struct sigaction ignore {};
     ignore.sa_handler = SIG_IGN;
     ::sigaction(SIGPIPE, &ignore, &before.pipe_action);
@@ -164,7 +164,7 @@ UniqueFd signal_descriptor() {
     return fd;
 }
 
-/// A descriptor by which any thread wakes the main loop.
+/// Wakes the main loop from any thread.
 class Waker {
 public:
     Waker() : fd_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
@@ -182,7 +182,7 @@ private:
     UniqueFd fd_;
 };
 
-/// Without that library a program would run all the same, and find the machine's own devices.
+/// Without the library the program would run and find the real devices of the machine.
 /// @throws std::runtime_error
 void require_preload_library() {
     void* const library = ::dlopen(kPreloadLibrary, RTLD_LAZY | RTLD_LOCAL);
@@ -196,7 +196,7 @@ void require_preload_library() {
 std::vector<std::string> child_environment(std::vector<std::string> environment,
                                            const std::string& root,
                                            const std::string& control_path) {
-    // What is preloaded already stays in front: a sanitizer's run-time must come first.
+    // Libraries that are preloaded already stay first: the runtime of a sanitizer has to.
     std::string preload = kPreloadLibrary;
     const char* const old = std::getenv(kPreloadVariable);
     if (old != nullptr && *old != '\0') preload = old + (":" + preload);
@@ -217,7 +217,7 @@ public:
           child_(child) {}
 
     int run() {
-        // The child may have ended before the descriptor for its signal was there.
+        // The child may have ended before the signal descriptor existed.
         while (!child_ended()) {
             std::vector<pollfd> waits;
             waits.push_back({signals_.get(), POLLIN, 0});
@@ -229,7 +229,7 @@ public:
             }
             waker_.drain();
             forward_signals();
-            // What has left by itself is put away before somebody plugs in another one there.
+            // Removes devices that disconnected themselves before a request plugs one in there.
             testbed_.service();
             server_.serve(waits);
             testbed_.service();
@@ -261,7 +261,7 @@ private:
         signalfd_siginfo info{};
         while (::read(signals_.get(), &info, sizeof info) == sizeof info) {
             const int number = static_cast<int>(info.ssi_signo);
-            // From the terminal the child has got it by itself.
+            // The terminal has sent it to the child as well.
             if (number != SIGCHLD && info.ssi_code != SI_KERNEL) ::kill(child_, number);
         }
     }

@@ -66,7 +66,7 @@ TEST(MessageChannel, ForgetsAFrameThatIsLeftUnfinished) {
         EXPECT_EQ(host.exchange(Host::command(2, 0, "bio_get_version")).size(),
                   silence > 5000 ? 1U : 0U);
         const auto violations = host.controller.take_violations();
-        EXPECT_EQ(violations.at(0) == "message channel: a frame was left unfinished",
+        EXPECT_EQ(violations.at(0) == "message channel: an incomplete frame was dropped",
                   silence > 5000);
         EXPECT_EQ(violations.size() == 1, silence > 5000);
     }

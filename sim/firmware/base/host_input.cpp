@@ -15,7 +15,7 @@ void ProtocolViolations::add(std::string sentence) {
     ++count_;
     last_.push_back(sentence);
     if (last_.size() > kRemembered) last_.pop_front();
-    // A host that floods the model with rubbish must not make it grow; the count stays exact.
+    // Bounds the memory that a host can fill; the count stays exact.
     if (pending_.size() < kPendingLimit) pending_.push_back(std::move(sentence));
 }
 
@@ -95,7 +95,7 @@ bool has_blanks(const std::string& text) {
 
 bool has_members(const Json& object, std::initializer_list<const char*> keys) {
     if (object.size() != keys.size()) return false;
-    // What is no object has no keys of that name.
+    // items() of an array has the keys "0", "1", ...
     auto expected = keys.begin();
     for (const auto& [key, value] : object.items()) {
         if (key != *expected++) return false;

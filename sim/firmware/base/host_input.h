@@ -12,8 +12,8 @@
 
 namespace jovusim {
 
-/// Collects sentences about every byte of the host that differs from the rules. The model has no
-/// output of its own: its owner takes the sentences and prints them.
+/// Records the protocol violations of the host. The firmware model has no output: its owner takes
+/// the sentences and prints them.
 class ProtocolViolations {
 public:
     void add(std::string sentence);
@@ -32,15 +32,15 @@ private:
     std::deque<std::string> last_;
 };
 
-/// The start of a text that came from outside, fit for one line of a log: bytes outside printable
-/// ASCII become "\xNN", and at most 120 characters are kept.
+/// Makes a string from the host fit for one line of a log: bytes outside printable ASCII become
+/// "\xNN", and at most 120 characters are kept.
 std::string excerpt(const std::string& text);
 
-/// Parses a text. The result is_discarded() when it is no JSON, or nested more deeply than any
-/// message of the protocol: trees are copied and printed by recursion, and the host is not trusted.
+/// Parses JSON. The result is_discarded() when the string is not JSON or is nested too deeply:
+/// trees are copied and printed by recursion, and the host is not trusted.
 Json parse_json(const std::string& text);
 
-/// Whether a JSON text has blanks or line breaks outside its strings.
+/// Whether JSON has blanks or line breaks outside its strings.
 bool has_blanks(const std::string& text);
 
 /// Whether a value is an object with these members, in this order.

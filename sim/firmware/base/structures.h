@@ -1,5 +1,5 @@
 /// @file
-/// The structures that commands take, member by member in the order in which they travel.
+/// The structures that commands take, with their members in wire order.
 #pragma once
 
 #include "firmware/base/values.h"

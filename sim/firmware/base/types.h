@@ -7,20 +7,20 @@
 
 namespace jovusim {
 
-/// A moment or a span in milliseconds. Moments are handed in by whoever runs the model; their zero
-/// is arbitrary, they never run backwards.
+/// A moment or a duration in milliseconds. The owner of the model passes moments in; their zero is
+/// arbitrary, and they never decrease.
 using Millis = std::int64_t;
 
 /// JSON whose objects keep the order of their members, which is part of the wire format.
 using Json = nlohmann::ordered_json;
 
-/// The two pairs of bulk endpoints, one pair an interface.
+/// The two channels. Each is an interface with a pair of bulk endpoints.
 enum class Channel : std::uint8_t {
     message = 0,  ///< interface 0: framed commands, responses and events
     job = 1,      ///< interface 1: bare JSON objects and job data
 };
 
-/// How often a fault happens when it is not to stop by itself.
+/// The count of a fault that happens until it is cleared.
 constexpr std::uint32_t kAlways = UINT32_MAX;
 
 }  // namespace jovusim

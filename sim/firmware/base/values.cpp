@@ -32,7 +32,7 @@ Violation check_real(const Json& value, bool single) {
     const double number = value.get<double>();
     if (!std::isfinite(number)) return "is not finite";
     if (!single) return std::nullopt;
-    // The host widens floats: whatever was one still is one.
+    // The host widens floats to doubles, which keeps their values.
     if (std::fabs(number) > static_cast<double>(FLT_MAX) ||
         static_cast<double>(static_cast<float>(number)) != number) {
         return "is " + value.dump() + ", which a float cannot represent";

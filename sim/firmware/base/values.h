@@ -1,5 +1,5 @@
 /// @file
-/// Values on the message channel: rules for them, the check of a value, strings and fields.
+/// Values on the message channel: their rules, the check against them, strings and fields.
 #pragma once
 
 #include <cstddef>
@@ -20,11 +20,11 @@ struct Member {
     const Rule* rule = nullptr;
 };
 
-/// What one value may be. Built by the functions below.
+/// The rule for one value. The functions below build it.
 struct Rule {
     enum class Kind : std::uint8_t {
         integer,  ///< a JSON integer from least to most
-        single,   ///< a number that a float holds exactly
+        single,   ///< a number that a float represents exactly
         real,     ///< any finite number
         string,   ///< signed bytes that end with 0
         array,    ///< exactly count elements
@@ -39,10 +39,10 @@ struct Rule {
     const Member* members = nullptr;
 };
 
-/// Says what is wrong with a value and where, as "[0].ip[3] is 256, outside 0..255", or nothing.
+/// Returns the first violation of the rule, as "[0].ip[3] is 256, outside 0..255", or nothing.
 std::optional<std::string> check_value(const Json& value, const Rule& rule);
 
-/// An integer of that many bits or fewer, by its type's limits.
+/// An integer within the limits of a type.
 template <typename T>
 constexpr Rule integer_of() {
     return {Rule::Kind::integer,
@@ -62,7 +62,7 @@ constexpr Rule object_of(const Member (&members)[N]) {
     return {Rule::Kind::object, 0, 0, N, nullptr, members};
 }
 
-/// A truth value travels as the integer 0 or 1, never as true or false.
+/// A boolean is the integer 0 or 1 on the wire; true and false are violations.
 inline constexpr Rule kBoolean{Rule::Kind::integer, 0, 1, 0, nullptr, nullptr};
 inline constexpr Rule kByte = integer_of<std::uint8_t>();
 inline constexpr Rule kSignedByte = integer_of<std::int8_t>();
@@ -76,27 +76,27 @@ inline constexpr Rule kFloat{Rule::Kind::single, 0, 0, 0, nullptr, nullptr};
 inline constexpr Rule kDouble{Rule::Kind::real, 0, 0, 0, nullptr, nullptr};
 inline constexpr Rule kString{Rule::Kind::string, 0, 0, 0, nullptr, nullptr};
 
-/// Of a buffer only the first element travels.
+/// Only the first element of a buffer is on the wire.
 inline constexpr Rule kFloatBuffer = array_of(1, kFloat);
 inline constexpr Rule kByteBuffer = array_of(1, kByte);
 
-/// A text as it travels: an array of signed bytes that ends with 0.
+/// The wire form of a string: an array of signed bytes that ends with 0.
 Json string_to_json(const std::string& text);
 
-/// The text in such an array, without its 0; nothing for anything else.
+/// The string in such an array, without its 0; nothing for any other value.
 std::optional<std::string> string_from_json(const Json& value);
 
-/// Says what is wrong with a value that should be a text, or nothing.
+/// Returns what is wrong with a value that has to be a string, or nothing.
 std::optional<std::string> check_string(const Json& value);
 
-/// A field of a structure: exactly size bytes, those behind the text are 0. @name The elements are
-/// signed or unsigned bytes, by the field.
+/// @name A string field of a structure: an array of exactly size signed or unsigned bytes, padded
+/// with 0
 /// @{
 Json signed_field(std::string text, std::size_t size);
 Json unsigned_field(std::string text, std::size_t size);
 /// @}
 
-/// The text in such a field, up to its first 0 or its end.
+/// The string in such a field, up to its first 0 or its end.
 std::string string_of_field(const Json& field);
 
 }  // namespace jovusim

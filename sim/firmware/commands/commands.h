@@ -17,7 +17,7 @@
 
 namespace jovusim {
 
-/// Who this controller is. Constant for its life; each device on a bus has a serial of its own.
+/// Identity of the controller. Constant; serial numbers on a bus differ.
 struct Identity {
     std::string model_name = "JoVu Simulator";
     std::string firmware_name = "jovu-sim";
@@ -25,17 +25,16 @@ struct Identity {
     std::string serial;
 };
 
-/// What a command works on.
+/// Arguments and objects of one command call.
 struct CommandContext {
     const Identity& identity;
     Machine& machine;
     GcodeInterpreter& gcode;
-    Json&
-        args;  ///< fit the command's rules; sent back with the response, whatever is put into them
+    Json& args;  ///< valid by the rules; the response echoes them, changes included
     std::vector<std::string>& debug_lines;  ///< each becomes a debug event before the response
     Millis now;
 
-    /// An argument as a value of that type, which its rule must have seen to.
+    /// An argument as a T; its rule must guarantee the type.
     template <typename T>
     T arg(const char* key) const {
         return args[key].get<T>();
@@ -51,7 +50,7 @@ struct Command {
     const char* name;
     /// Returns the value of "__return__".
     Json (*run)(CommandContext& context);
-    /// In the order in which they travel; a member without a key ends them.
+    /// In wire order; a member without a key ends them.
     std::array<Member, kMostArguments> arguments;
 
     std::size_t argument_count() const;
@@ -66,7 +65,7 @@ struct CommandRows {
     const Command* end() const { return first + count; }
 };
 
-/// What a command without a result returns all the same.
+/// Returned by commands without a result.
 constexpr int kNoResult = 0;
 
 /// The command of that name, or null.
@@ -81,27 +80,27 @@ CommandRows storage_commands();
 CommandRows system_commands();
 /// @}
 
-/// A request that could be read far enough to be answered.
+/// A request with an id, which gets a response.
 struct Request {
     std::uint32_t id = 0;
     bool response_wanted = true;
-    Json idx;   ///< as it came, null if missing
-    Json name;  ///< as it came, null if missing
-    Json args;  ///< as it came, null if missing
+    Json idx;   ///< as received, null if missing
+    Json name;  ///< as received, null if missing
+    Json args;  ///< as received, null if missing
 
-    /// What to carry out; null for a request that breaks the rules of its command. Such a request
-    /// is answered without a result.
+    /// The command to run; null when the request violates its rules. The response then has no
+    /// result.
     const Command* command = nullptr;
 };
 
-/// Reads the payload of a frame. Everything that differs from
+/// Reads the payload of a frame. Every difference from
 ///
 ///     {"transport":{"attrs":["request","twoway"],"id":N},
 ///      "data":{"command":{"idx":N,"name":"...","args":{...}}}}
 ///
-/// is complained about: members, their order, types and ranges, blanks between them, an idx that is
-/// not the one of the name, and every argument that breaks its rule.
-/// @returns nothing when there is no command or no id to response under
+/// is recorded as a protocol violation: members, their order, types and ranges, blanks, an idx that
+/// does not belong to the name, and every argument that violates its rule.
+/// @returns nothing when there is no command or no id for a response
 std::optional<Request> read_request(const std::string& payload, ProtocolViolations& violations);
 
 }  // namespace jovusim

@@ -92,7 +92,7 @@ Json jm_are_network_tasks_enabled(CommandContext& context) {
     return int{context.machine.network_tasks};
 }
 
-/// The store is reached over Wi-Fi, by a network task.
+/// The store needs Wi-Fi and the network tasks.
 Json check_store_connection(CommandContext& context) {
     return int{context.machine.network_tasks && context.machine.wifi().connected()};
 }

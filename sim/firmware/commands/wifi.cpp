@@ -6,8 +6,8 @@ namespace jovusim {
 
 namespace {
 
-constexpr int kTakeOver = 0;         ///< "cmd" of wifi_client_configure
-constexpr int kTakeOverAndSave = 1;  ///< likewise
+constexpr int kApply = 0;         ///< "cmd" of wifi_client_configure
+constexpr int kApplyAndSave = 1;  ///< likewise
 
 Json code(WifiResult result) {
     return static_cast<int>(result);
@@ -19,7 +19,7 @@ std::optional<WifiInterface> interface_of(const CommandContext& context) {
     return static_cast<WifiInterface>(number);
 }
 
-/// Most of the family is the client's alone.
+/// Most Wi-Fi commands apply to the client only.
 bool is_client(const CommandContext& context) {
     return interface_of(context) == WifiInterface::client;
 }
@@ -91,18 +91,18 @@ Json wifi_set_auto_connect_key_configuration_item(CommandContext& context) {
     return set_string(context, "auto_connect_key", kWifiKeySize, &WifiSettings::key);
 }
 
-/// Takes over what the host may set; the hardware's part and the addresses are the module's own.
+/// Applies the settings of the client; the host cannot set the other members.
 Json wifi_client_configure(CommandContext& context) {
     if (!is_client(context)) return code(WifiResult::no_interface);
     const int cmd = context.arg<int>("cmd");
-    if (cmd != kTakeOver && cmd != kTakeOverAndSave) return code(WifiResult::bad_value);
+    if (cmd != kApply && cmd != kApplyAndSave) return code(WifiResult::bad_value);
     const Json& config = context.args["config"][0]["ifc_config"];
     Wifi& wifi = context.machine.wifi();
     wifi.settings() = {config["auto_start"] != 0, config["auto_connect"] != 0,
                        string_of_field(config["auto_connect_ssid"]),
                        string_of_field(config["auto_connect_key"]),
                        config["auto_connect_timeout"].get<std::int32_t>()};
-    if (cmd == kTakeOverAndSave) wifi.save_settings();
+    if (cmd == kApplyAndSave) wifi.save_settings();
     return code(WifiResult::ok);
 }
 

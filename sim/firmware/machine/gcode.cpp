@@ -42,13 +42,13 @@ char upper(char c) {
 }
 
 std::size_t skip_blanks(const std::string& line, std::size_t at) {
-    while (is_blank(line[at]))  // the 0 behind the end is none
+    while (is_blank(line[at]))  // the terminating 0 is not a blank
         ++at;
     return at;
 }
 
-/// Reads one word at that place and moves it behind the word. A letter alone has the value 0, as
-/// in "G28 X".
+/// Reads the word at a position and advances the position. A letter alone has the value 0, as in
+/// "G28 X".
 bool read_word(const std::string& line, std::size_t& at, GcodeInterpreter::Word& word) {
     if (!is_letter(line[at])) return false;
     word = {upper(line[at]), 0.0};
@@ -69,7 +69,7 @@ bool read_word(const std::string& line, std::size_t& at, GcodeInterpreter::Word&
 struct GcodeInterpreter::Code {
     char letter;
     int number;
-    bool takes_string;  ///< the rest of the line is text, not words
+    bool takes_string;  ///< the rest of the line is a string, not words
     GcodeResult (GcodeInterpreter::*run)(const Call&);
 };
 
@@ -223,7 +223,7 @@ GcodeResult GcodeInterpreter::set_temperature(const Call& call) {
     const double* celsius = call.find('S');
     if (celsius == nullptr) return GcodeResult::malformed;
     if (*celsius < 0 || *celsius > kMaxCelsius) return GcodeResult::out_of_range;
-    // A heater that cannot warm says so itself.
+    // A heater that cannot warm enters its fault state.
     call.machine.heater().hold(*celsius);
     return GcodeResult::ok;
 }

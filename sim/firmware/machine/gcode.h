@@ -11,33 +11,33 @@
 
 namespace jovusim {
 
-/// What a gcode command returns.
+/// Results of gcode commands.
 enum class GcodeResult : std::uint8_t {
     ok = 0,
     malformed = 1,     ///< not of the form LETTER NUMBER [LETTER NUMBER]...
     unknown = 2,       ///< no such command
-    out_of_range = 3,  ///< a position outside the machine, a temperature it must not have, ...
-    busy = 4,          ///< a move while a job is being printed
+    out_of_range = 3,  ///< a position outside the travel, a temperature too high, ...
+    busy = 4,          ///< a move while a job is printing or paused
 };
 
-/// Carries gcode out on a machine, a line at a time. Nothing waits: a move sets the servos going
-/// and its end is the position from then on, and a command that waits for a temperature on a real
-/// machine returns at once too.
+/// Carries out gcode on a machine, one line at a time. No command waits: a move starts the servos
+/// and its target is the position from then on; commands that wait for a temperature on a real
+/// machine return at once.
 class GcodeInterpreter {
 public:
-    /// @param debug_lines text lines that the command has to say to the host are appended here
+    /// @param debug_lines lines for the host are appended here
     GcodeResult run(const std::string& line, Machine& machine,
                     std::vector<std::string>& debug_lines);
 
-    /// Runs the lines of a macro until one is not ok. Returns GcodeResult::unknown without one of
-    /// that name.
+    /// Runs the lines of a macro until one is not ok. Returns GcodeResult::unknown for an unknown
+    /// name.
     GcodeResult run_macro(const std::string& name, Machine& machine,
                           std::vector<std::string>& debug_lines);
 
-    /// Power-on: absolute coordinates, the usual speed.
+    /// Power-on: absolute coordinates, default speed.
     void reset() { *this = {}; }
 
-    /// The newest lines, the newest last, whatever became of them.
+    /// The last lines, oldest first, whether or not they succeeded.
     const std::deque<std::string>& last_lines() const { return last_lines_; }
 
     /// One "LETTER NUMBER" of a line.
@@ -46,8 +46,7 @@ public:
         double value;
     };
 
-    /// A command's words without the command itself, its text for those that take one, and where
-    /// its debug_lines go.
+    /// The arguments of a command: its words, or its string for commands that take one.
     struct Call {
         std::vector<Word> words;
         std::string text;

@@ -1,5 +1,5 @@
 /// @file
-/// The extruder's heater.
+/// The heater of the extruder.
 #pragma once
 
 #include <array>
@@ -11,27 +11,27 @@
 
 namespace jovusim {
 
-/// What the heater is doing.
+/// State of the heater.
 enum class HeaterState : std::uint8_t {
     off = 0,
     warming = 1,
     at_target = 2,  ///< within the guardband
     cooling = 3,    ///< above its target
-    fault = 4,      ///< off until it is turned off or, with the cause gone, on again
+    fault = 4,      ///< off until turned off, or turned on without the cause
 };
 
 enum class HeaterFault : std::uint8_t {
     none = 0,
-    unplugged = 1,  ///< asked to warm, and there is no heater
+    unplugged = 1,  ///< turned on without a heater
     too_hot = 2,    ///< above its maximum temperature
 };
 
 /// Parameters of the control loop, by their numbers.
 enum HeaterParameter : std::uint8_t {
     kHeaterKp,         ///< percent of duty per degree
-    kHeaterKi,         ///< kept, without an effect: the model needs no integral part
-    kHeaterKd,         ///< kept, likewise
-    kHeaterGuardband,  ///< degrees around the target that count as at it
+    kHeaterKi,         ///< stored without effect
+    kHeaterKd,         ///< stored without effect
+    kHeaterGuardband,  ///< degrees around the target
     kHeaterMaximum,    ///< degrees
     kHeaterLag,        ///< seconds in which the distance to the target shrinks to 37 percent
     kHeaterParameterCount,
@@ -46,21 +46,21 @@ enum HeaterVariable : std::uint8_t {
     kHeaterVariableCount,
 };
 
-/// A heater that follows its target with a constant lag and never overshoots. Temperatures are in
-/// degrees Celsius. A running job has its own target, which counts before the variable.
+/// A heater that follows its target with a first-order lag, without overshoot. Temperatures are in
+/// degrees Celsius. The target of a running job takes precedence over the variable.
 class Heater {
 public:
     Heater();
 
-    /// Returns false when it cannot: unplugged, or too hot. It is then in fault.
+    /// Returns false, and enters the fault state, when the heater is unplugged or too hot.
     bool turn_on();
-    /// Also ends a fault.
+    /// Turns off and ends a fault.
     void turn_off();
 
-    /// What a running job wants, 0 without one.
+    /// Sets the target of a running job, 0 without one.
     void set_job_target(double celsius) { job_target_ = celsius; }
 
-    /// Sets the target and turns on, or off for 0.
+    /// Sets the target and turns on; 0 turns off.
     void hold(double celsius);
 
     /// @name By number. A setter returns false for an unknown number, a read-only one and a value
@@ -74,17 +74,17 @@ public:
     void reset_parameters();
     void reset_variables();
 
-    /// Somebody connects or disconnects the heater.
+    /// Connects or disconnects the heater.
     void set_plugged(bool plugged) { plugged_ = plugged; }
 
-    /// @param seconds machine time that has gone by
+    /// @param seconds elapsed machine time
     void advance(double seconds);
 
-    /// Power-on: off, with the defaults. It is still as warm as it was, and plugged in or not.
+    /// Power-on: off, with the defaults. The temperature and the connection stay.
     void reset();
 
     double temperature() const { return temperature_; }
-    /// What it holds now; 0 when it is off.
+    /// The current target; 0 when off.
     double target() const;
     HeaterState state() const;
     HeaterFault fault() const { return fault_; }

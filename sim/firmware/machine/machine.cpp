@@ -7,13 +7,13 @@ namespace jovusim {
 
 namespace {
 
-// The job can end between two calls; the heater then follows its new target from the next step on.
+// Step of heater and job: the heater follows a new target of the job from the next step on.
 constexpr double kStepSeconds = 0.1;
 constexpr double kLongestWait = 3600.0;
 constexpr Millis kLongestServoWait = 3'600'000;
 constexpr double kFilamentSeconds = 3.0;
 
-/// Long enough for the response to be read.
+/// Delay before the disconnect, so that the host can read the response.
 constexpr Millis kLeaveDelay = 300;
 
 }  // namespace
@@ -45,7 +45,7 @@ void Machine::advance(Millis now) {
         if (filament_ == FilamentState::loading) filament_ = FilamentState::loaded;
         if (filament_ == FilamentState::unloading) filament_ = FilamentState::empty;
     }
-    // Everything has settled long before: the loop below stays short after a long silence.
+    // Bounds the loop below; the machine is in a steady state long before.
     left = std::min(left, kLongestWait);
     while (left > 0) {
         const double step = std::min(left, kStepSeconds);

@@ -1,5 +1,5 @@
 /// @file
-/// The machine behind the firmware: what moves, heats and prints.
+/// The machine: heater, servos, peripherals, Wi-Fi and print job.
 #pragma once
 
 #include <cstdint>
@@ -16,37 +16,35 @@
 
 namespace jovusim {
 
-/// Where the filament is.
+/// State of the filament.
 enum class FilamentState : std::uint8_t { loaded, unloading, empty, loading };
 
-/// The word for it in a status report.
+/// Its name in a status report.
 const char* to_string(FilamentState state);
 
-/// State of the machine, advanced by the clock that is handed in.
+/// The machine. The owner passes the time in.
 class Machine {
 public:
-    /// @param time_scale   seconds of machine time in one second of the clock, greater than 0.
-    /// Servos run
-    ///               by the clock itself.
+    /// @param time_scale seconds of machine time in one second of the clock, greater than 0; servos
+    ///               run in real time
     /// @param serial of the device
     Machine(double time_scale, const std::string& serial)
         : time_scale_(time_scale), wifi_(serial) {}
 
-    /// Lets time go by up to that moment.
+    /// Advances the machine to that moment.
     void advance(Millis now);
 
-    /// The next moment at which something happens that nobody asked for; nothing when the machine
-    /// can be left alone until it is asked.
+    /// The next moment at which the machine does something without a request, if any.
     std::optional<Millis> next_due() const;
 
-    /// Something was asked of the machine: it is not idle.
+    /// Records a request: the idle time restarts.
     void note_activity() { last_activity_ = seconds_; }
 
     int seconds_since_boot() const { return static_cast<int>(seconds_); }
     int seconds_idle() const { return static_cast<int>(seconds_ - last_activity_); }
 
-    /// All back to power-on. What needs no power stays: the card, saved settings, heat, filament,
-    /// and what others have connected.
+    /// Power-on. The card, saved settings, temperature, filament and what is connected from outside
+    /// stay.
     void reset();
 
     Heater& heater() { return heater_; }
@@ -59,20 +57,20 @@ public:
     PrintJob& job() { return job_; }
     const PrintJob& job() const { return job_; }
 
-    /// @param change loading or unloading. Returns false while it is busy with that, or with a job.
+    /// @param change loading or unloading. Returns false during such a change or a job.
     bool begin_filament_change(FilamentState change);
     FilamentState filament() const { return filament_; }
 
-    /// Whether samples of traced servos are kept.
+    /// Sets whether samples of traced servos are recorded.
     void record_samples(bool on);
-    /// The samples since the last call.
+    /// Returns the samples since the last call.
     std::vector<TraceSample> take_samples();
 
-    /// The firmware update was asked for: it begins once the response has been read.
+    /// Requests DFU mode: the device disconnects after a delay, so that the response can be read.
     void enter_dfu_mode(Millis now);
     std::optional<Millis> disconnect_at() const { return disconnect_at_; }
 
-    /// The text on the machine's display.
+    /// The message on the display.
     std::string display;
 
     /// 0 to 255.
@@ -95,7 +93,7 @@ private:
     Panel panel_;
     PrintJob job_;
     FilamentState filament_ = FilamentState::loaded;
-    double filament_left_ = 0;  ///< seconds until the change is done
+    double filament_left_ = 0;  ///< machine seconds until the change is done
     bool recording_ = true;
     std::vector<TraceSample> samples_;
     std::optional<Millis> disconnect_at_;

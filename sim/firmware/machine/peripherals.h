@@ -13,7 +13,7 @@
 
 namespace jovusim {
 
-/// State of an input as the firmware tells it.
+/// State of an input.
 enum class InputState : std::uint8_t {
     low = 0,
     high = 1,
@@ -29,16 +29,16 @@ public:
     /// Returns false when there is no such output.
     bool set_output(std::uint32_t pin, bool value);
 
-    /// The level at a pin as it is; low when there is no such pin.
+    /// The level at a pin, not debounced; low when there is no such pin.
     bool level(std::uint32_t pin) const;
 
-    /// The state of an input. Debounced, a new level counts once it has lasted for 20 ms.
+    /// The state of an input. When debounced, a new level counts after 20 ms.
     InputState input(std::uint32_t number, bool debounce, Millis now) const;
 
-    /// The world outside puts a level on an input, below kInputs.
+    /// Sets the level at an input, below kInputs.
     void drive_input(std::uint32_t number, bool value, Millis now);
 
-    /// Power-on: the outputs go low. What drives the inputs stays.
+    /// Power-on: the outputs go low. The levels at the inputs stay.
     void reset() { outputs_ = {}; }
 
     Json stats() const;
@@ -47,27 +47,27 @@ private:
     struct Input {
         bool level = false;
         bool before = false;
-        Millis since = 0;  ///< when it became what it is
+        Millis since = 0;  ///< moment of the last change
     };
 
     std::array<bool, kOutputs> outputs_{};
     std::array<Input, kInputs> inputs_{};
 };
 
-/// A light that is on for one span and off for another, in turns. Without an off span it stays on,
-/// without an on span off.
+/// A blinking light. It stays on when off is 0, and off when on is 0.
 struct Led {
     std::int16_t on = 0;   ///< units of 10 ms
     std::int16_t off = 0;  ///< likewise
 };
 
+/// Lights and motor bridges.
 class Panel {
 public:
     static constexpr std::size_t kLeds = 4;
     static constexpr std::size_t kBridges = 2;
-    static constexpr int kFullDuty = 100;  ///< percent; negative turns the other way round
+    static constexpr int kFullDuty = 100;  ///< percent; negative values reverse the motor
 
-    /// @name Each returns false, and changes nothing, for an unknown one and a bad value.
+    /// @name Each returns false, and changes nothing, for an unknown number or an invalid value.
     /// @{
     bool set_led(std::uint32_t number, Led led) {
         if (number >= kLeds || led.on < 0 || led.off < 0) return false;
@@ -94,21 +94,20 @@ private:
     std::array<int, kBridges> duties_{};
 };
 
-/// Bytes that stay until they are written anew, also over a reset of the machine. What was never
-/// written reads as 0xFF.
+/// The SD card. It keeps its bytes over a reset of the machine; unwritten bytes read as 0xFF.
 class Storage {
 public:
     static constexpr std::uint32_t kBlockSize = 512;
     static constexpr std::uint32_t kBlocks = 8192;
     static constexpr std::uint32_t kSize = kBlockSize * kBlocks;
 
-    /// Returns false, and writes nothing, when not all of it is on the card.
+    /// Returns false, and writes nothing, when the range exceeds the card.
     bool write(std::uint32_t offset, const std::string& bytes);
 
-    /// Nothing when not all of it is on the card.
+    /// Returns nothing when the range exceeds the card.
     std::optional<std::string> read(std::uint32_t offset, std::uint32_t length) const;
 
-    /// Whether a piece of that length is on the card.
+    /// Whether a range is on the card.
     static bool holds(std::uint32_t offset, std::uint32_t length) {
         return offset <= kSize && length <= kSize - offset;
     }
@@ -118,7 +117,7 @@ public:
 private:
     using Block = std::array<char, kBlockSize>;
 
-    std::map<std::uint32_t, Block> blocks_;  ///< those that were written, by number
+    std::map<std::uint32_t, Block> blocks_;  ///< written blocks, by number
     std::uint64_t writes_ = 0;
     std::uint64_t bytes_written_ = 0;
 };

@@ -1,5 +1,5 @@
 /// @file
-/// The job that the machine is busy with, from its announcement to its end.
+/// A print job, from its announcement to its end.
 #pragma once
 
 #include <cstdint>
@@ -9,10 +9,10 @@
 
 namespace jovusim {
 
-/// A state lasts until the next push, pause or abort changes it.
+/// States of the job.
 enum class JobState : std::uint8_t {
     idle,       ///< no job since power-on
-    receiving,  ///< announced, bytes are still owed
+    receiving,  ///< announced, not all bytes have arrived
     printing,
     paused,
     finished,
@@ -20,26 +20,26 @@ enum class JobState : std::uint8_t {
     error,  ///< see PrintJob::error()
 };
 
-/// The word for a state in a status report.
+/// The name of a state in a status report.
 const char* to_string(JobState state);
 
-/// What went wrong last; 0 again with the next job that is received well, or an abort.
+/// The last error; reset by the next job that arrives intact, and by an abort.
 enum class JobError : std::uint8_t {
     none = 0,
-    incomplete = 1,    ///< the host fell silent before the announced size had arrived
-    checksum = 2,      ///< the bytes do not have the announced Adler-32
-    announcement = 3,  ///< a file_push whose members are missing or of the wrong type
-    busy = 4,          ///< a push while another job runs: its bytes were thrown away
-    request = 5,       ///< an object that is no request of this channel
+    incomplete = 1,    ///< the bytes stopped before the announced size
+    checksum = 2,      ///< the Adler-32 differs from the announced one
+    announcement = 3,  ///< a file_push with missing or mistyped members
+    busy = 4,          ///< a push while another job runs; its bytes are discarded
+    request = 5,       ///< an object that is not a request of this channel
 };
 
-/// One job after the other. Times are machine seconds.
+/// One job at a time. Times are machine seconds.
 class PrintJob {
 public:
-    /// A push was announced. @param id empty: the job gets an id of the machine's own.
+    /// Begins a push. @param id empty: the machine assigns one
     void announce(const std::string& id);
 
-    /// The announced bytes have arrived and are good: printing begins.
+    /// Begins printing: the announced bytes have arrived intact.
     void start();
 
     /// Pauses a printing job, resumes a paused one.
@@ -48,7 +48,7 @@ public:
     /// Ends a printing or paused job.
     void abort();
 
-    /// Notes an error. A job that is running goes on; otherwise the state becomes error.
+    /// Records an error. A running job continues; otherwise the state becomes error.
     void fail(JobError error);
 
     void advance(double seconds);
@@ -59,10 +59,10 @@ public:
     const std::string& id() const { return id_; }
     const std::string& file() const { return file_; }
     int progress() const;         ///< percent, 0 to 100
-    int elapsed_seconds() const;  ///< of printing, pauses left out
+    int elapsed_seconds() const;  ///< of printing, without pauses
     std::uint64_t finished() const { return finished_; }
 
-    /// What the extruder has to hold for this job; 0 when nothing is printed.
+    /// Temperature of the extruder for this job; 0 when nothing is printed.
     double temperature_wanted() const;
 
 private:

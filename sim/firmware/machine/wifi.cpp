@@ -28,7 +28,7 @@ constexpr std::uint8_t kFirstHost = 20;
 
 Wifi::Wifi(const std::string& serial) {
     const auto sum = crc32_z(0, reinterpret_cast<const Bytef*>(serial.data()), serial.size());
-    // Locally administered, so that it is no maker's.
+    // Locally administered: no vendor has it.
     mac_ = {0x02,
             0x4A,
             static_cast<std::uint8_t>(sum >> 24U),

@@ -12,14 +12,14 @@
 
 namespace jovusim {
 
-/// What a Wi-Fi command returns when it is not carried out; 0 when it is.
+/// Results of Wi-Fi commands.
 enum class WifiResult : int {
     ok = 0,
-    no_interface = -1,   ///< no such interface, or not one for this
+    no_interface = -1,   ///< no such interface, or the command is not for it
     stopped = -2,        ///< the interface has not been started
     no_network = -3,     ///< no network of that name is in reach
     wrong_key = -4,      ///< the network does not accept the key
-    bad_value = -5,      ///< a text too long, an unknown "cmd"
+    bad_value = -5,      ///< a string too long, an unknown "cmd"
     not_connected = -6,  ///< nothing to disconnect from
 };
 
@@ -27,7 +27,7 @@ enum class WifiResult : int {
 enum class WifiInterface : std::uint8_t { client = 0, access_point = 1 };
 constexpr std::size_t kWifiInterfaces = 2;
 
-/// What the client does by itself when it is powered on.
+/// Settings of the client that apply at power-on.
 struct WifiSettings {
     bool auto_start = false;
     bool auto_connect = false;
@@ -44,10 +44,10 @@ struct WifiNetwork {
     int strength;     ///< dBm
 };
 
-/// A module that connects at once, or never. Addresses are four bytes each, a MAC six.
+/// The Wi-Fi module. A connection succeeds or fails at once.
 class Wifi {
 public:
-    /// @param serial of the device: devices have MACs of their own
+    /// @param serial of the device, from which the MAC address is made
     explicit Wifi(const std::string& serial);
 
     WifiResult start(WifiInterface interface);
@@ -55,21 +55,21 @@ public:
     WifiResult connect(const std::string& ssid, const std::string& key);
     WifiResult disconnect();
 
-    /// Returns how many networks were found, or why it could not look.
+    /// Returns the number of networks found, or why the scan failed.
     std::variant<std::size_t, WifiResult> scan();
 
-    /// One that the last scan found, or null.
+    /// A network that the last scan found, or null.
     const WifiNetwork* found(std::size_t index) const;
 
     WifiSettings& settings() { return settings_; }
     void save_settings() { saved_ = settings_; }
 
-    /// Power-on: the saved settings are in force.
+    /// Power-on: applies the saved settings.
     void reset();
 
     bool connected() const { return network_ != nullptr; }
 
-    /// @name Structures as they travel
+    /// @name Structures in wire form
     /// @{
     Json status() const;
     Json configuration() const;

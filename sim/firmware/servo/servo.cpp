@@ -11,15 +11,15 @@ namespace {
 
 constexpr double kLoopSeconds = 0.001;
 
-/// How long an axis may take to arrive once its course has ended, in runs of the loop.
+/// How long an axis may take to arrive after the end of its profile, in runs of the loop.
 constexpr std::uint32_t kSettleLimit = 500;
 constexpr double kAtRest = 1.0;  ///< mm/s
 
-/// The last bit, in which friction is stronger than the loop, is crept, so far with each run.
-constexpr double kCreepWay = 0.02;    ///< mm
-constexpr double kCreepStep = 0.001;  ///< mm
+/// Within this distance friction exceeds the drive of the loop: the axis creeps, one step a run.
+constexpr double kCreepDistance = 0.02;  ///< mm
+constexpr double kCreepStep = 0.001;     ///< mm
 
-constexpr double kTuningWay = 10;  ///< mm to either side
+constexpr double kTuningDistance = 10;  ///< mm to either side
 constexpr MotionLimits kTuning{80, 2000, 2000};
 constexpr std::uint32_t kTuningPause = 120;
 
@@ -71,7 +71,7 @@ MoveResult Servo::move(const MoveOrder& order) {
     }
     if (!in_travel(absolute.target)) return MoveResult::out_of_range;
     if (task_ == Task::move) return MoveResult::busy;
-    // The encoder knows nothing between its units.
+    // The encoder has no positions between its units.
     absolute.target = to_client(to_native(absolute.target));
     if (order.start_sync) {
         waiting_ = absolute;
@@ -135,7 +135,7 @@ void Servo::set_trace(bool on) {
 }
 
 void Servo::begin_tuning_leg() {
-    double end = home_ + (outbound_ ? kTuningWay : -kTuningWay);
+    double end = home_ + (outbound_ ? kTuningDistance : -kTuningDistance);
     if (travel_ > 0) end = std::clamp(end, std::min(home_, 0.0), std::max(home_, travel_));
     outbound_ = !outbound_;
     stalled_ = false;
@@ -214,12 +214,12 @@ void Servo::measure() {
 void Servo::settle() {
     const double error = profile_.position() - motor_.position();
     const bool at_rest = std::fabs(motor_.velocity()) <= kAtRest;
-    if (at_rest && std::fabs(error) <= kCreepWay) {
+    if (at_rest && std::fabs(error) <= kCreepDistance) {
         motor_.creep(std::clamp(error, -kCreepStep, kCreepStep));
     }
     const bool arrived = at_rest && std::fabs(error) <= kCreepStep;
     if (!arrived && ++settling_ <= kSettleLimit) return;
-    // One that cannot get there with its gains stays where it is.
+    // An axis that cannot arrive with its gains stays at its position.
     const double end = arrived ? profile_.position() : motor_.position();
     profile_.rest_at(end);
     motor_.rest_at(end);

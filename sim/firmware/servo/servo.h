@@ -20,7 +20,7 @@ enum class ServoState : std::uint8_t {
     accelerating = 1,
     cruising = 2,
     decelerating = 3,
-    settling = 4,  ///< the move's course has ended, the axis is not there yet
+    settling = 4,  ///< the profile has ended, the axis has not arrived
     waiting = 5,   ///< for the start of all synchronous moves
     stalled = 6,   ///< gave up with its PWM at the cap
 };
@@ -60,7 +60,8 @@ enum ModifierType : std::uint32_t {
     kModifierTypeCount,
 };
 
-/// A servo's configuration. Some of it is only kept for the host: the loop runs at 1 kHz always.
+/// A servo's configuration. The loop always runs at 1 kHz, and some members are stored without
+/// effect.
 struct ServoConfig {
     std::uint16_t interrupt_frequency = 1000;
     ServoGains gains{280, 6000, 1.5, 0.03125, 1.875, 12};
@@ -83,7 +84,7 @@ struct MoveOrder {
     double target = 0;
     double distance = 0;
     MotionLimits limits{50, 1000, 1000};
-    std::uint32_t max_cycles = 0;  ///< runs of the loop until it is stopped on its way; 0 = never
+    std::uint32_t max_cycles = 0;  ///< loop runs until it is stopped; 0 = no limit
     std::uint32_t metric_skip = 0;
     bool ignore_stalls = false;
     bool slaved = false;  ///< the distance is multiplied by the ratio
@@ -104,7 +105,7 @@ struct MoveMetrics {
     double m2 = 0;
 };
 
-/// One moment of a trace, in native units.
+/// One sample of a trace, in native units.
 struct TraceSample {
     int servo;
     ServoState state;
@@ -115,33 +116,33 @@ struct TraceSample {
     std::int32_t padout;  ///< play still to take up
 };
 
-/// One axis. Client units are millimetres, native units are the encoder's.
+/// One axis. Client units are millimetres, native units are encoder counts.
 ///
-/// While it is traced and nobody has commanded a move since, it moves to and fro about its place,
-/// so that there is something to see; it returns there when the trace ends.
+/// An idle axis whose trace is enabled moves back and forth about its position until a move is
+/// commanded or the trace is disabled; in the latter case it returns to that position.
 class Servo {
 public:
-    /// @param travel        the axis goes from 0 to there, in mm; 0 = no end
-    /// @param units_per_mm  native units
+    /// @param travel        the axis moves from 0 to travel, in mm; 0 = no limit
+    /// @param units_per_mm  native units in a millimetre
     Servo(std::string name, double travel, double units_per_mm);
 
     const std::string& name() const { return name_; }
     const ServoConfig& config() const { return config_; }
-    /// Returns false, and changes nothing, when it cannot run with that.
+    /// Returns false, and changes nothing, when a value is invalid.
     bool configure(const ServoConfig& config);
 
     MoveResult move(const MoveOrder& order);
-    /// Goes there from wherever it is, as fast as that and as the configuration allow.
+    /// Moves to a position at that speed or at the maximum of the configuration, whichever is less.
     void drive_to(double position, double speed);
     void start_waiting_move();
     ModifyResult check(const MoveModifier& modifier) const;
-    /// @param validate false: the validation position does not count
+    /// @param validate false: the validation position is ignored
     ModifyResult modify(const MoveModifier& modifier, bool validate);
-    /// Stops where it is, unpowered.
+    /// Stops at the current position, unpowered.
     void put_idle();
-    /// It is there, whatever it was before; ends a move.
+    /// Sets the current position without moving; ends a move.
     void set_position(double client);
-    /// @param flush the play is taken up already
+    /// @param flush true: the play has already been taken up
     void set_backlash(int native, bool flush);
     void set_trace(bool on);
 
@@ -166,11 +167,11 @@ private:
     enum class Task : std::uint8_t {
         none,
         move,    ///< commanded
-        tune,    ///< to and fro while it is traced
-        go_back  ///< to where it was before that
+        tune,    ///< back and forth while it is traced
+        go_back  ///< to the position before that
     };
 
-    /// Where it is or goes when the tuning cycle does not count.
+    /// The position or target, the tuning cycle disregarded.
     double home() const;
     void begin(const MoveOrder& order);
     void begin_tuning_leg();
@@ -190,7 +191,7 @@ private:
     bool traced_ = false;
     bool stalled_ = false;
     bool outbound_ = false;    ///< the leg of the tuning cycle
-    double home_ = 0;          ///< where the tuning cycle began
+    double home_ = 0;          ///< position at which the tuning cycle began
     std::uint32_t pause_ = 0;  ///< ms until the next leg
     std::uint32_t cycles_ = 0;
     std::uint32_t settling_ = 0;
@@ -201,7 +202,7 @@ private:
 enum Axis : std::uint8_t { kX, kY, kZ, kE };
 constexpr std::size_t kAxisCount = 4;
 
-/// Where the axes end, in mm; the extruder's has no end.
+/// Travel of the axes in mm; the extruder has no limit.
 constexpr std::array<double, kAxisCount> kTravel = {200, 200, 180, 0};
 
 class ServoBank {
@@ -213,13 +214,12 @@ public:
 
     void start_waiting_moves();
 
-    /// Runs the interrupt that many times. @param samples of the servos that are traced; may be
-    /// null
+    /// Runs the loop once for each millisecond. @param samples of traced servos; may be null
     void advance(std::uint64_t milliseconds, std::vector<TraceSample>* samples);
 
     bool traced() const;
 
-    /// Power-on: all at 0, with the usual configuration. The interrupts are counted on.
+    /// Power-on: all at 0, with the default configuration. The interrupt count continues.
     void reset();
 
     Json stats() const;

@@ -7,7 +7,7 @@ namespace jovusim {
 
 namespace {
 
-/// Braking may be that much harder than asked for, to make up for the length of a step.
+/// Braking may exceed the limit by this factor, to compensate for the length of a step.
 constexpr double kBrakeReserve = 1.5;
 
 }  // namespace
@@ -37,8 +37,8 @@ void MotionProfile::step(double seconds) {
     const double direction = std::copysign(1.0, way);
     const double before = velocity_ * direction;  // towards the target
 
-    // Close and slow enough to be there with this step. Less than a step of either ramp cannot be
-    // planned: the course would go to and fro about its end.
+    // Close and slow enough to arrive in this step. Below one step of either ramp the course would
+    // oscillate about its target.
     const double ramp = std::max(limits_.accel, limits_.decel) * seconds;
     if (left <= (std::fabs(before) + ramp) * seconds && std::fabs(before) <= 2 * ramp) {
         accel_ = -velocity_ / seconds;
@@ -49,7 +49,7 @@ void MotionProfile::step(double seconds) {
     }
 
     double after = before;
-    if (before < 0) {  // still going the other way
+    if (before < 0) {  // still moving away from the target
         after = std::min(before + limits_.decel * seconds, 0.0);
         phase_ = Phase::decelerating;
     } else if (before * before / (2 * limits_.decel) + before * seconds >= left) {
@@ -57,7 +57,7 @@ void MotionProfile::step(double seconds) {
         const double brake = std::clamp(needed, limits_.decel, kBrakeReserve * limits_.decel);
         after = std::max(before - brake * seconds, 0.0);
         phase_ = Phase::decelerating;
-    } else if (before > limits_.speed) {  // the limit was lowered on the way
+    } else if (before > limits_.speed) {  // the limit was lowered during the move
         after = std::max(before - limits_.decel * seconds, limits_.speed);
         phase_ = Phase::decelerating;
     } else {
@@ -127,7 +127,7 @@ void ServoMotor::turn(double seconds) {
     if (velocity_ == 0 && std::fabs(drive) <= kFriction) return;  // it sticks
     const int against = velocity_ != 0 ? sign(velocity_) : sign(drive);
     double after = velocity_ + (drive - kFriction * against) * seconds;
-    // Friction stops a motor; it does not turn it round.
+    // Friction stops a motor; it does not reverse it.
     if (sign(after) == -sign(velocity_) && std::fabs(drive) <= kFriction) after = 0;
     after = std::clamp(after, -kFastest, kFastest);
     position_ += (velocity_ + after) / 2 * seconds;

@@ -6,15 +6,15 @@
 
 namespace jovusim {
 
-/// How fast a move may be. All greater than 0.
+/// Limits of a move. All greater than 0.
 struct MotionLimits {
     double speed = 0;  ///< mm/s
     double accel = 0;  ///< mm/s^2
     double decel = 0;  ///< mm/s^2
 };
 
-/// A trapezoid of speed over time, worked out step by step: limits and target can change on the
-/// way, and the course goes on from the speed that it has.
+/// A trapezoidal speed profile, computed step by step: limits and target may change during a move,
+/// and the profile continues from its current speed.
 class MotionProfile {
 public:
     enum class Phase : std::uint8_t { done, accelerating, cruising, decelerating };
@@ -24,7 +24,7 @@ public:
 
     void go(double target, const MotionLimits& limits);
 
-    /// Slows down to a stop, which becomes the target.
+    /// Slows down to a stop. The position of the stop becomes the target.
     void stop();
 
     void step(double seconds);
@@ -46,7 +46,7 @@ private:
     Phase phase_ = Phase::done;
 };
 
-/// Gains of the control loop. The error is in millimetres; the last three feed the wanted
+/// Gains of the control loop. The error is in millimetres; ka, kv and kf feed the demanded
 /// acceleration, speed and direction forward.
 struct ServoGains {
     double kp;
@@ -57,28 +57,28 @@ struct ServoGains {
     double kf;
 };
 
-/// Where the motor should be.
+/// The demanded state of the motor.
 struct ServoDemand {
     double position;      ///< mm
     double velocity;      ///< mm/s
     double acceleration;  ///< mm/s^2
 };
 
-/// A motor that drives an axis against friction, with some play between the two. Positions are the
-/// axis's, in millimetres. Its numbers stay finite whatever the gains are.
+/// A motor that drives an axis against friction, with play between motor and axis. Positions are
+/// those of the axis, in millimetres. All values stay finite, whatever the gains are.
 class ServoMotor {
 public:
-    /// Time goes by; then the control loop reads the axis and sets the PWM.
-    /// @param cap most of PWM either way
+    /// Advances the motor; then the control loop reads the axis and sets the PWM.
+    /// @param cap limit of the PWM in both directions
     void step(const ServoDemand& demand, const ServoGains& gains, double cap, double seconds);
 
     /// Stops at that position, unpowered.
     void rest_at(double position);
 
-    /// Moves a bit without the loop.
-    void creep(double way) { position_ += way; }
+    /// Moves the axis without the loop.
+    void creep(double distance) { position_ += distance; }
 
-    /// Sets the play that the motor has to take up when it turns round, in mm.
+    /// Sets the play that the motor takes up when it reverses, in mm.
     void set_play(double play, bool taken_up);
 
     double position() const { return position_; }

@@ -1,5 +1,5 @@
 /// @file
-/// The controller as it runs its application firmware.
+/// The controller with its application firmware.
 #pragma once
 
 #include "firmware/base/host_input.h"
@@ -21,10 +21,10 @@ constexpr std::uint8_t kMessageOut = 0x02;
 constexpr std::uint8_t kJobIn = 0x83;
 constexpr std::uint8_t kJobOut = 0x04;
 
-/// The application personality: a message channel, a job channel and the machine behind them.
+/// The application: a message channel, a job channel and the machine.
 class Controller final : public UsbFunction {
 public:
-    /// @param config its serial is unlike that of any other simulated device
+    /// @param config its serial number must be unique on the bus
     explicit Controller(DeviceConfig config);
 
     const UsbIdentity& identity() const override { return usb_; }
@@ -45,19 +45,19 @@ public:
     Json stats(Millis now) override;
     std::vector<std::string> take_violations() override { return violations_.take(); }
 
-    /// Sends a debug event with at most kMaxEventString bytes of that text.
+    /// Sends a debug event with the first kMaxEventString bytes of a string.
     void send_debug_event(const std::string& text, Millis now);
 
-    /// Sends bytes as they are.
+    /// Sends bytes unchanged.
     void send_raw(Channel channel, std::string bytes, Millis now);
 
-    /// Sends any text in a frame of the message channel. @throws std::length_error if too long.
+    /// Sends a string in a frame of the message channel. @throws std::length_error if too long
     void send_framed(const std::string& text, Millis now);
 
-    /// Sends that many events or status reports as fast as the host takes them.
+    /// Sends that many events or status reports as fast as the host reads them.
     void flood(Channel channel, std::uint64_t count);
 
-    /// Sends that many bytes without any meaning, always the same ones.
+    /// Sends that many meaningless bytes, the same ones in each call.
     void send_garbage(Channel channel, std::uint64_t bytes);
 
     ResponseFaults& response_faults() { return faults_; }

@@ -32,17 +32,17 @@ constexpr std::uint8_t kDfuModeProtocol = 0x02;
 constexpr std::uint16_t kTransferSize = 1024;
 constexpr std::uint16_t kDetachTimeout = 1000;
 
-/// What a flash memory takes, in milliseconds.
+/// Durations of a flash memory, in milliseconds.
 constexpr Millis kBlockTime = 2;
 constexpr Millis kManifestTime = 100;
 
-/// Between the bus reset and the moment at which the device leaves the bus.
+/// Delay between the bus reset and the disconnect.
 constexpr Millis kBootDelay = 150;
 
 std::string functional_descriptor() {
     const auto low = [](std::uint16_t word) { return static_cast<char>(word & 0xFFU); };
     const auto high = [](std::uint16_t word) { return static_cast<char>(word >> 8U); };
-    constexpr char kAttributes = 0x0B;  // downloads, uploads, detaches by itself
+    constexpr char kAttributes = 0x0B;  // bitCanDnload, bitCanUpload, bitWillDetach
     return {9,
             0x21,
             kAttributes,
@@ -185,20 +185,20 @@ DfuDevice::Response DfuDevice::download(const SetupPacket& request, const std::s
 }
 
 void DfuDevice::write_block(const std::string& data) {
-    firmware_sound_ = faults_.keep_firmware;
+    firmware_intact_ = faults_.keep_firmware;
     if (faults_.write_error == blocks_++) {
         fail(DfuStatus::write);
         return;
     }
     image_ += data;
-    // Told as early as it is known: a host may not look at what becomes of the last block.
+    // Report errors immediately: hosts may not query the status of the last block.
     const ImageError fault = check_firmware_image(image_);
     if (fault == ImageError::foreign || fault == ImageError::damaged) fail(status_of(fault));
 }
 
 DfuDevice::Response DfuDevice::upload(const SetupPacket& request) {
     if (state_ == DfuState::idle) {
-        if (!firmware_sound_) return refuse("an upload without a firmware");
+        if (!firmware_intact_) return refuse("an upload without a firmware");
         uploaded_ = 0;
     } else if (state_ != DfuState::upload_idle) {
         return refuse("an upload");
@@ -222,7 +222,7 @@ DfuDevice::Response DfuDevice::get_status(Millis now) {
     } else if (state_ == DfuState::manifest && now >= busy_until_) {
         state_ = DfuState::manifest_wait_reset;
         if (!faults_.keep_firmware) config_.version = version_of_image(image_);
-        firmware_sound_ = true;
+        firmware_intact_ = true;
         ++downloads_;
     }
     const bool busy = state_ == DfuState::download_busy || state_ == DfuState::manifest;
@@ -267,7 +267,7 @@ void DfuDevice::bus_reset(Millis now) {
 
 void DfuDevice::boot(Millis now, Millis delay) {
     if (disconnect_at_) return;
-    if (!firmware_sound_) {
+    if (!firmware_intact_) {
         state_ = DfuState::idle;
         status_ = DfuStatus::ok;
         return;
@@ -295,7 +295,7 @@ Json DfuDevice::stats(Millis) {
               {"crc32", sum},
               {"downloads", downloads_},
               {"version", config_.version},
-              {"bootable", firmware_sound_}}},
+              {"bootable", firmware_intact_}}},
             {"protocol_violations", violations_.stats()}};
 }
 

@@ -12,7 +12,7 @@
 
 namespace jovusim {
 
-/// Not the product id of an application: a program for controllers leaves it alone.
+/// Product id in DFU mode; programs for controllers ignore it.
 constexpr std::uint16_t kDfuProduct = 0x00DF;
 
 /// bState of the standard's section 6.1.2.
@@ -38,9 +38,9 @@ enum class DfuStatus : std::uint8_t {
     stalled_packet = 0x0F,
 };
 
-/// The device in DFU mode. It takes one image, checks it, waits for a bus reset and leaves the bus
-/// to return as the application that the image is. Once a block has been written the old firmware
-/// is gone: without a sound image the device stays in DFU mode.
+/// The device in DFU mode. It receives one image, checks it, waits for a bus reset, disconnects and
+/// returns as the application in the image. The first block overwrites the old firmware: without an
+/// intact image the device stays in DFU mode.
 class DfuDevice final : public UsbFunction {
 public:
     DfuDevice(DeviceConfig config, const DfuFaults& faults);
@@ -80,9 +80,9 @@ private:
     DfuState state_ = DfuState::idle;
     DfuStatus status_ = DfuStatus::ok;
     Millis busy_until_ = 0;
-    bool firmware_sound_ = true;  ///< there is something to boot
-    bool gone_ = false;           ///< left for good
-    std::string image_;           ///< what has arrived of the download
+    bool firmware_intact_ = true;  ///< the flash memory has an intact firmware
+    bool gone_ = false;            ///< disconnected permanently
+    std::string image_;            ///< received part of the download
     std::uint64_t blocks_ = 0;
     std::size_t uploaded_ = 0;
     std::uint64_t downloads_ = 0;

@@ -13,7 +13,7 @@ namespace jovusim {
 
 namespace {
 
-/// Longer than a host keeps trying to send one piece.
+/// Longer than the time-out of a host for one piece.
 constexpr Millis kSilence = 10000;
 
 constexpr int kProtocolVersion = 1;
@@ -24,7 +24,7 @@ double rounded(double celsius) {
     return std::round(celsius * 10.0) / 10.0;
 }
 
-/// What is wrong with the body of an announcement, or nothing.
+/// Returns what is wrong with an announcement, or nothing.
 std::optional<std::string> check_announcement(const Json& push) {
     const bool plain = has_members(push, {"size", "adler32", "job_id"});
     if (!plain && !has_members(push, {"size", "adler32", "job_id", "compression"})) {
@@ -89,7 +89,7 @@ void JobChannel::tick(Millis now) {
                         " bytes");
         end_push();
     } else if (scanner_.depth > 0) {
-        violations_.add(kJobChannel + std::string("an object was left unfinished: ") +
+        violations_.add(kJobChannel + std::string("an incomplete object: ") +
                         excerpt(scanner_.text));
         scanner_ = {};
         machine_.job().fail(JobError::request);
@@ -103,7 +103,7 @@ void JobChannel::reset() {
     if (in_push()) end_push();
 }
 
-/// Ends a push before its last byte.
+/// Fails a push before its last byte.
 void JobChannel::end_push() {
     bytes_remaining_ = 0;
     machine_.job().fail(push_.accepted ? JobError::incomplete : JobError::busy);
@@ -125,7 +125,7 @@ void JobChannel::finish_push() {
         machine_.job().fail(JobError::busy);
         return;
     }
-    if (machine_.job().state() != JobState::receiving) {  // the machine was reset in between
+    if (machine_.job().state() != JobState::receiving) {  // the machine was reset during the push
         machine_.job().fail(JobError::incomplete);
         return;
     }
@@ -154,7 +154,7 @@ void JobChannel::take_text(char c, Millis now) {
         const ObjectScanner complete = std::exchange(scanner_, {});
         handle(complete.text, now);
     } else if (scanner_.text.size() > kObjectLimit) {
-        violations_.add(kJobChannel + std::string("an object without an end: ") +
+        violations_.add(kJobChannel + std::string("an object is too long: ") +
                         excerpt(scanner_.text));
         scanner_ = {};
         machine_.job().fail(JobError::request);

@@ -1,5 +1,5 @@
 /// @file
-/// The firmware's end of the job channel: requests, job data, status reports.
+/// The job channel of the firmware: requests and job data in, status reports out.
 #pragma once
 
 #include <cstddef>
@@ -14,9 +14,8 @@
 
 namespace jovusim {
 
-/// Reads bare JSON objects and, behind an announcement, as many raw bytes as it announced: whatever
-/// comes before the last of them is job data, also a request. Bytes that stop coming for ten
-/// seconds end the push with an error.
+/// Reads JSON objects and, after an announcement, the announced number of raw bytes. Until the last
+/// of them everything is job data. A push whose bytes stop for ten seconds fails.
 class JobChannel {
 public:
     JobChannel(const Identity& identity, Machine& machine, ResponseFaults& faults,
@@ -24,10 +23,10 @@ public:
 
     void receive(const std::uint8_t* data, std::size_t size, Millis now);
 
-    /// Gives up on a push or an object whose bytes have stopped coming.
+    /// Fails an incomplete push or object whose bytes have stopped.
     void tick(Millis now);
 
-    /// Drops an object that has begun and all output, and ends a push that is arriving.
+    /// Drops an incomplete object and all output, and fails an incomplete push.
     void reset();
 
     /// Queues that many status reports at once.
@@ -38,7 +37,7 @@ public:
     Json stats() const;
 
 private:
-    /// Cuts one object out of the stream: braces are counted outside strings only.
+    /// Finds the end of an object by counting braces outside strings.
     struct ObjectScanner {
         std::string text;
         int depth = 0;
@@ -48,13 +47,13 @@ private:
         bool take(char c);  ///< returns whether the object is complete
     };
 
-    /// The push that is arriving or has arrived last.
+    /// The current or the last push.
     struct Push {
         std::uint64_t size = 0;
         std::uint64_t received = 0;
         std::uint32_t announced_sum = 0;
         std::uint32_t sum = 0;
-        bool accepted = false;  ///< the bytes are kept; otherwise the machine was busy
+        bool accepted = false;  ///< false: the machine was busy, the bytes are discarded
         bool verified = false;
     };
 
@@ -77,7 +76,7 @@ private:
     TransmitQueue transmit_queue_;
     ObjectScanner scanner_;
     bool stray_reported_ = false;
-    std::uint64_t bytes_remaining_ = 0;  ///< bytes of the announced size that have not come yet
+    std::uint64_t bytes_remaining_ = 0;  ///< of the announced size
     Push push_;
     Millis last_byte_ = 0;
     std::uint64_t pushes_ = 0;

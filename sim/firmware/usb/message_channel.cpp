@@ -91,14 +91,14 @@ void FrameReader::reset() {
 
 namespace {
 
-/// A frame whose bytes stop coming is forgotten after that time, so that a host that starts anew is
-/// understood. Longer than a host waits for one transfer.
+/// An incomplete frame is dropped after this time, so that a restarted host is understood. Longer
+/// than the time-out of one transfer on the host.
 constexpr Millis kFrameSilence = 5000;
 
-/// Events count their own ids from here on, far from those of a host that has just started.
+/// First id of events, far from the ids of a host that has just started.
 constexpr std::uint32_t kFirstEventId = 0x40000000;
 
-/// Far from any id that a host has got to.
+/// Makes an id that no host has used.
 constexpr std::uint32_t kWrongIdOffset = 0x20000000;
 
 constexpr const char* kDeepResult = "__deep__";
@@ -120,7 +120,7 @@ MessageChannel::MessageChannel(const Identity& identity, Machine& machine, Respo
 
 void MessageChannel::receive(const std::uint8_t* data, std::size_t size, Millis now) {
     if (reader_.in_frame() && now - last_byte_ > kFrameSilence) {
-        violations_.add("message channel: a frame was left unfinished");
+        violations_.add("message channel: an incomplete frame was dropped");
         reader_.reset();
     }
     last_byte_ = now;
@@ -167,15 +167,15 @@ void MessageChannel::respond(const Request& request, const Json* result, Millis 
 
     Json document = {{"transport", transport}, {"data", {{"command", body}}}};
     std::string text = document.dump();
-    // Almost as long as the request was, or longer when a host writes numbers in another way; the
-    // echo is not part of the response's meaning.
+    // The echo may make the response longer than a frame, for instance when a host writes numbers
+    // in another form. The response is complete without it.
     for (const char* const echo : {"args", "name", "idx"}) {
         if (text.size() + 2 * std::size_t{faults_.deep} <= kMaxFramePayload) break;
         document["data"]["command"].erase(echo);
         text = document.dump();
     }
     if (result != nullptr && faults_.deep > 0) {
-        // Written as text: a JSON tree of that depth would be walked by recursion.
+        // Inserted as a string: a JSON tree of that depth would be printed by recursion.
         const std::string marker = '"' + std::string(kDeepResult) + '"';
         text.replace(text.rfind(marker), marker.size(), nested_arrays(faults_.deep));
         faults_.deep = 0;
@@ -205,7 +205,7 @@ void MessageChannel::send_debug_event(const std::string& text, Millis now) {
 
 std::string MessageChannel::trace_event(const TraceSample& sample) {
     ++events_;
-    // A thousand of these a second: no tree for each of them.
+    // Formatted without a JSON tree: there are a thousand of these in a second.
     char text[320];
     std::snprintf(text, sizeof text,
                   R"({"transport":{"attrs":["request","oneway"],"id":%u},"data":{"event":)"
@@ -218,7 +218,7 @@ std::string MessageChannel::trace_event(const TraceSample& sample) {
 }
 
 void MessageChannel::send_samples(const std::vector<TraceSample>& samples, Millis now) {
-    // The response to the command that ends them must still find room behind them.
+    // Leaves room for the response to the command that ends the trace.
     for (const TraceSample& sample : samples)
         transmit_queue_.push_minor(trace_event(sample), now);
 }

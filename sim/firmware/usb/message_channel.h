@@ -26,22 +26,22 @@ constexpr std::size_t kMaxFramePayload = 0xFFFE;
 /// Wraps a payload of at most kMaxFramePayload bytes. @throws std::length_error for a longer one.
 std::string encode_frame(std::string_view payload);
 
-/// Finds the frames in a stream of bytes. A damaged frame is dropped with a violation, and the
-/// search goes on behind its header, or at the byte that should have been its terminator.
+/// Finds frames in a stream of bytes. A damaged frame is dropped and recorded as a violation; the
+/// search continues after its header, or at the byte in place of its terminator.
 class FrameReader {
 public:
     explicit FrameReader(ProtocolViolations& violations) : violations_(violations) {}
 
-    /// Takes one byte. Returns true when it ended a frame, whose payload() is then valid until the
+    /// Takes one byte. Returns true when it completed a frame; payload() is then valid until the
     /// next byte.
     bool take(char byte);
 
     const std::string& payload() const { return payload_; }
 
-    /// Whether a frame has begun and not ended.
+    /// Whether a frame is incomplete.
     bool in_frame() const { return state_ != State::start; }
 
-    /// Forgets a frame that has begun.
+    /// Drops an incomplete frame.
     void reset();
 
     std::uint64_t frames() const { return frames_; }
@@ -60,10 +60,10 @@ private:
     bool stray_reported_ = false;
 };
 
-/// The longest text of a debug event: its frame has room for it whatever its bytes are.
+/// Longest string of a debug event; every such string fits into a frame.
 constexpr std::size_t kMaxEventString = 12000;
 
-/// Reads frames, carries commands out and queues responses and events.
+/// Reads frames, runs commands and queues responses and events.
 class MessageChannel {
 public:
     MessageChannel(const Identity& identity, Machine& machine, ResponseFaults& faults,
@@ -71,10 +71,10 @@ public:
 
     void receive(const std::uint8_t* data, std::size_t size, Millis now);
 
-    /// Drops a frame that has begun and all output.
+    /// Drops an incomplete frame and all output.
     void reset();
 
-    /// Queues a debug event with that text, or the first kMaxEventString bytes of it.
+    /// Queues a debug event with the first kMaxEventString bytes of a string.
     void send_debug_event(const std::string& text, Millis now);
 
     /// Queues a trace event for each sample.

@@ -10,7 +10,7 @@ constexpr std::size_t kWaitingLimit = 1U << 20U;
 }
 
 void TransmitQueue::push(std::string run, Millis not_before, std::size_t packet_size) {
-    // One run always fits, however long: only a host that does not read loses something.
+    // A single run of any length fits: only a host that does not read loses output.
     if (!runs_.empty() && waiting_ + run.size() > kWaitingLimit) {
         ++dropped_;
         return;
@@ -47,7 +47,7 @@ std::optional<std::string> TransmitQueue::next_packet(Millis now) {
     const Run& run = runs_.front();
     std::string packet = run.bytes.substr(offset_, run.packet_size);
     offset_ += packet.size();
-    // A run whose last packet is a full one needs an empty packet to end the host's transfer.
+    // After a full last packet an empty one ends the transfer of the host.
     if (packet.size() < kMaxPacket && offset_ == run.bytes.size()) finish_run();
     return packet;
 }

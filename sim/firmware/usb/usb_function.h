@@ -1,5 +1,5 @@
 /// @file
-/// What a device does on its endpoints, whatever bus it is attached to.
+/// The USB function of a device, independent of the bus.
 #pragma once
 
 #include <cstddef>
@@ -32,7 +32,7 @@ struct InterfaceInfo {
     std::string extra = {};  ///< descriptors of its class
 };
 
-/// What the device says about itself in its descriptors.
+/// The contents of the descriptors.
 struct UsbIdentity {
     std::uint16_t vendor;
     std::uint16_t product;
@@ -62,21 +62,19 @@ struct DeviceConfig {
     std::string dfu_name = "Firmware";  ///< of its alternate setting in DFU mode
 };
 
-/// What goes wrong in a firmware update on demand. Kept when the device changes between its
-/// application and its boot loader.
+/// Faults injected into a firmware update. Application and boot loader share them.
 struct DfuFaults {
     std::optional<std::uint64_t> write_error;  ///< that block cannot be written
-    std::optional<std::uint64_t> unplug_at;    ///< the device leaves the bus at that block
-    bool disconnect_at_reset = false;          ///< it does not wait for the reset's end
-    bool keep_firmware = false;                ///< what is written is not used
-    std::optional<std::string> serial;         ///< the one that it has in DFU mode
+    std::optional<std::uint64_t> unplug_at;    ///< the device disconnects at that block
+    bool disconnect_at_reset = false;          ///< the device disconnects during the reset
+    bool keep_firmware = false;                ///< the written image is ignored
+    std::optional<std::string> serial;         ///< serial number in DFU mode
 };
 
-/// The function behind the endpoints: the controller's application firmware is one, another
-/// personality of the same device (with other descriptors) is another.
+/// The function behind the endpoints: the application or the boot loader.
 ///
-/// No I/O, no clock and no lock of its own: the owner calls one member at a time and hands the time
-/// in. Moments never run backwards.
+/// It has no I/O, clock or lock: the owner calls one member at a time and passes the time in, which
+/// never decreases.
 class UsbFunction {
 public:
     UsbFunction() = default;
@@ -99,11 +97,11 @@ public:
         return std::nullopt;
     }
 
-    /// The first moment at which next_packet() may give something that it would not give earlier;
-    /// nothing when only the host can bring that about.
+    /// The first moment at which next_packet() may return another packet without further input;
+    /// nothing when it needs input.
     virtual std::optional<Millis> next_due() const { return std::nullopt; }
 
-    /// A control request that is not a standard one. @param data of the host, if that sends any
+    /// Handles a control request that is not a standard one. @param data from the host, if any
     /// @returns the data for the host, or nothing for a stall
     virtual std::optional<std::string> control(const SetupPacket& /*request*/,
                                                const std::string& /*data*/, Millis /*now*/) {
@@ -113,35 +111,35 @@ public:
     /// The host resets the device.
     virtual void bus_reset(Millis /*now*/) {}
 
-    /// The host selects the device's only configuration, which empties its endpoints.
+    /// The host selects the only configuration, which clears the endpoints.
     virtual void configure() {}
 
-    /// Whether the device leaves the bus by itself now.
+    /// Whether the device disconnects itself now.
     virtual bool disconnect_due(Millis now) const = 0;
 
-    /// What it then comes back as; null when it does not. To be called once.
+    /// The function with which it then returns; null when it does not. Call it once.
     virtual std::unique_ptr<UsbFunction> successor() = 0;
 
-    /// Lets time go by: to be called at next_tick(), whether or not the host reads.
+    /// Advances the time. Call it at next_tick(), whether or not the host reads.
     virtual void tick(Millis now) = 0;
 
-    /// When the function next does something that nobody asked for, if ever. May be in the past.
+    /// When the function next does something without a request, if ever. May be in the past.
     virtual std::optional<Millis> next_tick() const = 0;
 
     /// The first program on the host has opened the device.
     virtual void host_opened() {}
 
-    /// The last program on the host has closed the device. Nothing on the bus shows that: what the
-    /// device has not sent by then meets the next program.
+    /// The last program on the host has closed the device. The bus does not show that: unsent
+    /// output remains for the next program.
     virtual void host_closed() {}
 
     /// Counters as a JSON object.
     virtual Json stats(Millis now) = 0;
 
-    /// Sentences about the host's mistakes since the last call.
+    /// Protocol violations since the last call.
     virtual std::vector<std::string> take_violations() = 0;
 
-    /// Whoever changes them holds the model's lock.
+    /// Faults of firmware updates. The owner holds its lock while it changes them.
     virtual DfuFaults& dfu_faults() = 0;
 };
 
