@@ -258,6 +258,7 @@ void UeventSender::send(const std::string& action, BusAddress address) {
         "DEVNUM=" + std::to_string(address.address),
     });
     glob_t found{};
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): main thread only.
     if (::glob((root_ + "/event[0-9]*").c_str(), GLOB_NOSORT, nullptr, &found) == 0) {
         for (char** path = found.gl_pathv; *path != nullptr; ++path)
             send_to(*path, message);

@@ -74,6 +74,7 @@ PtyNode::~PtyNode() {
 void PtyNode::set_writable(bool writable) {
     if (writable == writable_) return;
     writable_ = writable;
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): the device's lock is held.
     ::tcflow(slave_.get(), writable ? TCOON : TCOOFF);
 }
 

@@ -38,6 +38,7 @@ DirectoryOwnership::DirectoryOwnership(const std::string& directory) {
 void remove_stale_testbeds(const std::string& temporary) {
     glob_t found{};
     const std::string pattern = temporary + "/umockdev.??????" + kLockName;
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): no other thread exists yet.
     if (::glob(pattern.c_str(), GLOB_NOSORT, nullptr, &found) == 0) {
         for (char** path = found.gl_pathv; *path != nullptr; ++path) {
             const UniqueFd lock(::open(*path, O_RDWR | O_CLOEXEC | O_NOFOLLOW));
@@ -69,6 +70,7 @@ constexpr char kUnopenable[] = "/ioctl/_default";
 constexpr std::size_t kLongestTemporary = 32;
 
 std::string temporary_directory() {
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): no other thread exists yet.
     const char* const chosen = std::getenv("TMPDIR");
     if (chosen == nullptr || *chosen != '/') return "/tmp";
     const std::string path = chosen;
@@ -86,6 +88,7 @@ std::string serial_of(BusAddress address) {
 
 Testbed::Testbed(double time_scale, std::function<void()> wake)
     : time_scale_(time_scale), wake_(std::move(wake)) {
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): no other thread exists yet.
     if (std::getenv(kTestbedVariable) != nullptr) {
         throw std::runtime_error(std::string(kTestbedVariable) +
                                  " is set: jovu-sim cannot run on a simulated bus");
@@ -93,6 +96,7 @@ Testbed::Testbed(double time_scale, std::function<void()> wake)
     const std::string temporary = temporary_directory();
     remove_stale_testbeds(temporary);
     // umockdev makes the directory of the testbed in $TMPDIR.
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): no other thread exists yet.
     ::setenv("TMPDIR", temporary.c_str(), 1);
     testbed_.reset(umockdev_testbed_new());
     const std::unique_ptr<gchar, decltype(&g_free)> root(

@@ -156,6 +156,7 @@ std::string ask(const std::string& path, const std::string& line) {
 }  // namespace
 
 int run_control_client(const std::string& request) {
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): the client has a single thread.
     const char* const path = std::getenv(kControlVariable);
     if (path == nullptr) {
         std::fprintf(stderr, "jovu-sim: %s is not set: ctl works inside \"jovu-sim run\" only\n",

@@ -43,11 +43,12 @@ struct ProcessSettings {
     std::optional<rlim_t> open_files;
 };
 
-std::vector<char*> pointers(const std::vector<std::string>& texts) {
+std::vector<char*> pointers(const std::vector<std::string>& strings) {
     std::vector<char*> out;
+    out.reserve(strings.size() + 1);
     // exec() takes pointers to mutable strings and does not change them.
-    for (const std::string& text : texts)
-        out.push_back(const_cast<char*>(text.c_str()));
+    for (const std::string& string : strings)
+        out.push_back(const_cast<char*>(string.c_str()));
     out.push_back(nullptr);
     return out;
 }
@@ -71,7 +72,7 @@ void print(const char* text) {
         ::setrlimit(RLIMIT_NOFILE, &limit);
     }
     ::sigaction(SIGPIPE, &settings.pipe_action, nullptr);
-    ::sigprocmask(SIG_SETMASK, &settings.signal_mask, nullptr);
+    ::pthread_sigmask(SIG_SETMASK, &settings.signal_mask, nullptr);
     ::execvpe(arguments[0], arguments, environment);
     const int error = errno;
     print("jovu-sim: ");
@@ -137,7 +138,7 @@ ProcessSettings take_over_process() {
     sigaddset(&handled, SIGCHLD);
     for (const int number : kForwarded)
         sigaddset(&handled, number);
-    ::sigprocmask(SIG_BLOCK, &handled, &before.signal_mask);
+    ::pthread_sigmask(SIG_BLOCK, &handled, &before.signal_mask);
 
     // The simulator must outlive its child even when nothing reads its messages.
     struct sigaction ignore {};
@@ -187,6 +188,7 @@ private:
 void require_preload_library() {
     void* const library = ::dlopen(kPreloadLibrary, RTLD_LAZY | RTLD_LOCAL);
     if (library == nullptr) {
+        // NOLINTNEXTLINE(concurrency-mt-unsafe): dlerror() is per thread in glibc.
         throw std::runtime_error(std::string(::dlerror()) + "; is the package umockdev installed?");
     }
     ::dlclose(library);
@@ -198,6 +200,7 @@ std::vector<std::string> child_environment(std::vector<std::string> environment,
                                            const std::string& control_path) {
     // Libraries that are preloaded already stay first: the runtime of a sanitizer has to.
     std::string preload = kPreloadLibrary;
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): no thread changes the environment.
     const char* const old = std::getenv(kPreloadVariable);
     if (old != nullptr && *old != '\0') preload = old + (":" + preload);
     set_variable(environment, kPreloadVariable, preload);
@@ -248,8 +251,10 @@ private:
         int status = 0;
         if (::waitpid(child_, &status, WNOHANG) != child_) return false;
         if (WIFSIGNALED(status)) {
+            // NOLINTNEXTLINE(concurrency-mt-unsafe): main thread only.
+            const char* const name = ::strsignal(WTERMSIG(status));
             std::fprintf(stderr, "jovu-sim: the program was ended by signal %d (%s)\n",
-                         WTERMSIG(status), ::strsignal(WTERMSIG(status)));
+                         WTERMSIG(status), name);
             status_ = kExitSignalBase + WTERMSIG(status);
         } else {
             status_ = WEXITSTATUS(status);

@@ -64,6 +64,11 @@ bool read_envelope(const Json& transport, Request& request, ProtocolViolations& 
     return true;
 }
 
+std::string argument_violation(const std::string& who, const std::string& key,
+                               const std::string& what) {
+    return who + "argument \"" + key + "\"" + what;
+}
+
 /// Checks the arguments of a request. Returns whether the command can be carried out with them.
 bool arguments_fit(const Command& command, const Json& body, ProtocolViolations& violations) {
     const std::string who = kMessageChannel + std::string(command.name) + ": ";
@@ -82,12 +87,12 @@ bool arguments_fit(const Command& command, const Json& body, ProtocolViolations&
     auto rule = command.arguments.begin();
     for (const auto& [key, value] : args->items()) {
         if (key != rule->key) {
-            violations.add(who + "argument \"" + excerpt(key) + "\" instead of \"" + rule->key +
-                           "\"");
+            violations.add(argument_violation(who, excerpt(key),
+                                              std::string(" instead of \"") + rule->key + "\""));
             fit = false;
         } else if (const auto fault = check_value(value, *rule->rule)) {
             const bool nested = fault->front() == '[' || fault->front() == '.';
-            violations.add(who + "argument \"" + key + "\"" + (nested ? "" : " ") + *fault);
+            violations.add(argument_violation(who, key, (nested ? "" : " ") + *fault));
             fit = false;
         }
         ++rule;

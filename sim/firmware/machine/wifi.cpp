@@ -2,6 +2,8 @@
 
 #include <zlib.h>
 
+#include <string_view>
+
 #include "firmware/base/structures.h"
 #include "firmware/base/values.h"
 
@@ -16,9 +18,8 @@ constexpr std::array kNetworks = {
     WifiNetwork{"attic", "12345", 1, -88},
 };
 
-const std::string kNoBytes;
-const std::string kSubnetMask("\xFF\xFF\xFF\0", 4);
-const std::string kGateway("\xC0\xA8\x07\x01", 4);  // 192.168.7.1
+constexpr std::string_view kSubnetMask("\xFF\xFF\xFF\0", 4);
+constexpr std::string_view kGateway("\xC0\xA8\x07\x01", 4);  // 192.168.7.1
 constexpr const char* kPatchVersionBytes = "\1\4";
 
 /// The last byte of the client's address in the network.
@@ -96,14 +97,15 @@ Json Wifi::mac() const {
 }
 
 Json Wifi::address() const {
+    const auto field = [this](std::string_view bytes) {
+        return unsigned_field(connected() ? std::string(bytes) : "", kIpSize);
+    };
     const auto host = static_cast<char>(kFirstHost + mac_.back() % 200);
-    const std::string ip = kGateway.substr(0, 3) + host;
-    const std::string& gateway = connected() ? kGateway : kNoBytes;
-    return {{"ip", unsigned_field(connected() ? ip : kNoBytes, kIpSize)},
-            {"subnet_mask", unsigned_field(connected() ? kSubnetMask : kNoBytes, kIpSize)},
-            {"default_gateway", unsigned_field(gateway, kIpSize)},
-            {"dhcp_server", unsigned_field(gateway, kIpSize)},
-            {"dns_server", unsigned_field(gateway, kIpSize)},
+    return {{"ip", field(std::string(kGateway.substr(0, 3)) + host)},
+            {"subnet_mask", field(kSubnetMask)},
+            {"default_gateway", field(kGateway)},
+            {"dhcp_server", field(kGateway)},
+            {"dns_server", field(kGateway)},
             {"mac_address", mac()},
             {"connected_ssid", unsigned_field(connected() ? network_->ssid : "", kSsidSize)}};
 }

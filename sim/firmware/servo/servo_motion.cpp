@@ -48,7 +48,7 @@ void MotionProfile::step(double seconds) {
         return;
     }
 
-    double after = before;
+    double after = 0;
     if (before < 0) {  // still moving away from the target
         after = std::min(before + limits_.decel * seconds, 0.0);
         phase_ = Phase::decelerating;
