@@ -165,6 +165,7 @@ public:
         EXPECT_EQ(device_.reset(), 0);
         std::optional<Urb> ended;
         EXPECT_EQ(device_.reap(client_, ended), 0);
+        EXPECT_EQ(device_.stats()["endpoints"]["83"]["in_flight"], 0);
         EXPECT_EQ(device_.release(client_, 1), EINVAL) << "the reset has taken it away";
     }
 

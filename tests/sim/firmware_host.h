@@ -72,9 +72,11 @@ public:
             words >> std::quoted(word);
             Json value = Json::parse(is_string ? bytes_of(word) : word);
             const std::string key = row->arguments.at(i).key;
-            if (key == "move_config") value = Json::array({changed(kMove, value)});
+            if (key == "config" && value.is_object())
+                value = changed(ask("config_get " + args["servo_name"].dump()), value);
+            if (key == "move_config") value = Json::array({changed(Json::parse(kMove), value)});
             if (key == "modifer_data" || key == "modifier_data")
-                value = Json::array({changed(kModifier, value)});
+                value = Json::array({changed(Json::parse(kModifier), value)});
             args[key] = value;
         }
         const auto messages =
@@ -169,8 +171,7 @@ public:
         return out + "0]";
     }
 
-    static Json changed(const char* defaults, const Json& changes) {
-        Json value = Json::parse(defaults);
+    static Json changed(Json value, const Json& changes) {
         value.update(changes);
         return value;
     }

@@ -45,6 +45,9 @@ check "standard input" "hello" "$(echo hello | "$sim" run -- cat)"
 check "arguments" "-- --devices 3 -x" "$("$sim" run -- echo -- --devices 3 -x)"
 check "what is preloaded stays in front" "libm.so.6:libumockdev-preload.so.0" \
     "$(LD_PRELOAD=libm.so.6 "$sim" run -- sh -c 'echo $LD_PRELOAD')"
+check "signal settings" "$(grep -E 'Sig(Blk|Ign)' /proc/self/status)" \
+    "$("$sim" run -- grep -E 'Sig(Blk|Ign)' /proc/self/status)"
+check "timer slack" 1 "$("$sim" run -- sh -c 'cat /proc/$$/timerslack_ns')"
 check "limit of open files" "$(ulimit -n)" "$("$sim" run -- sh -c 'ulimit -n')"
 check "a working directory with a blank" "$work/a b" \
     "$(cd "$work/a b" && "$sim" run -- sh -c '"$sim" ctl list >/dev/null && pwd')"

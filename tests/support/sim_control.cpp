@@ -14,14 +14,23 @@ namespace {
 
 class Socket {
 public:
-    Socket() : descriptor_(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {}
+    explicit Socket(const char* path)
+        : descriptor_(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        std::strncpy(address.sun_path, path, sizeof address.sun_path - 1);
+        connected_ = ::connect(descriptor_, reinterpret_cast<const sockaddr*>(&address),
+                               sizeof address) == 0;
+    }
     ~Socket() { ::close(descriptor_); }
     Socket(const Socket&) = delete;
     Socket& operator=(const Socket&) = delete;
     int get() const noexcept { return descriptor_; }
+    bool connected() const noexcept { return connected_; }
 
 private:
     int descriptor_;
+    bool connected_;
 };
 
 }  // namespace
@@ -29,11 +38,8 @@ private:
 std::string sim(const std::string& request) {
     const char* const path = std::getenv("JOVU_SIM_CONTROL");
     if (path == nullptr) throw std::runtime_error("not running under jovu-sim");
-    const Socket socket;
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    std::strncpy(address.sun_path, path, sizeof address.sun_path - 1);
-    if (::connect(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
+    thread_local const Socket socket(path);  // one connection carries all requests of a thread
+    if (!socket.connected()) {
         throw std::runtime_error(std::string("cannot reach jovu-sim at ") + path);
     }
     const std::string line = request + "\n";
