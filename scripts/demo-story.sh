@@ -56,7 +56,7 @@ run "jovu push calibration-cube.gcode --wait"
 run "jovu status"
 
 tell "The controller's side: what was announced, and what arrived?"
-run "jovu-sim ctl stats 1:2 | sed 's,^ok ,,' | jq -c '{job: .job | {size, received, verified, state}, complaints}'"
+run "jovu-sim ctl stats 1:2 | sed 's,^ok ,,' | jq -c '{job: .job | {size, received, verified, state}, protocol_violations}'"
 
 tell "An application of some 70 lines on the library, while somebody pulls the plug:"
 run_meanwhile "sleep 2; jovu-sim ctl unplug 1:2; jovu-sim ctl plug 1:9" "announce 4"

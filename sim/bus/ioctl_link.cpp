@@ -10,11 +10,11 @@ namespace jovusim {
 
 namespace {
 
-// The messages of the preloaded library: three words of the machine, and bytes behind some.
+// Messages of the preloaded library: three 64-bit words, followed by data for some types.
 enum Message : std::uint64_t {
-    kIoctl = 1,     // code, argument; from the library, as all others are from here
+    kIoctl = 1,     // code, argument; sent by the library, all others by the simulator
     kDone = 3,      // result, errno
-    kReadMem = 5,   // address, size; answered by that many bytes
+    kReadMem = 5,   // address, size; the library responds with that many bytes
     kWriteMem = 6,  // address, size; that many bytes follow
 };
 
@@ -70,7 +70,7 @@ bool IoctlLink::receive(void* to, std::size_t size) {
     return true;
 }
 
-/// A program that has died is found out by what is received next.
+/// Ignores errors: when the program has ended, the next receive fails.
 void IoctlLink::flush() {
     const std::string bytes = std::exchange(out_, {});
     for (std::size_t at = 0; at < bytes.size();) {

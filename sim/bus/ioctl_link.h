@@ -1,5 +1,5 @@
 /// @file
-/// The wire between an open file of a device node and this program.
+/// The connection between an open file of a device node and this program.
 #pragma once
 
 #include <cstddef>
@@ -7,19 +7,20 @@
 #include <optional>
 #include <string>
 
-#include "bus/unique_fd.h"
+#include "bus/file_descriptor.h"
 
 namespace jovusim {
 
-/// The simulator's end of one open file of a device node, in a program with the testbed's library
-/// preloaded. The library sends each ioctl here and waits, lending its memory until it is told the
-/// result: a request is followed by any number of reads and by one completion.
+/// The simulator's end of one open file of a device node. umockdev's preloaded library, in the
+/// program under test, sends each ioctl here and waits for the result. Until then the program's
+/// memory can be read and written: a request is followed by any number of reads and writes and by
+/// one completion.
 ///
-/// The testbed brings a server of its own for this. It takes several turns of a main loop and a
-/// round trip for each piece of memory, which is too slow for a device that talks all the time;
-/// here everything that is written travels together with the result.
+/// umockdev has a server of its own for this. It needs several iterations of a main loop and a
+/// round trip for each piece of memory, which is too slow for a device that sends continuously.
+/// This class sends all writes together with the result.
 ///
-/// For one thread, but for hang_up().
+/// Not thread-safe, except hang_up().
 class IoctlLink {
 public:
     explicit IoctlLink(UniqueFd socket) : socket_(std::move(socket)) {}
@@ -29,19 +30,19 @@ public:
         unsigned long argument;  ///< often an address in the program's memory
     };
 
-    /// The next ioctl; nothing once the program has closed the file or has died.
+    /// Waits for the next ioctl. Returns nothing once the program has closed the file or has ended.
     std::optional<Request> next();
 
-    /// Copies from the program's memory. Returns false when the program has died.
+    /// Copies from the program's memory. Returns false when the program has ended.
     bool read(std::uint64_t address, void* to, std::size_t size);
 
-    /// Writes to the program's memory, together with the completion.
+    /// Queues a write to the program's memory, which is sent with the completion.
     void write(std::uint64_t address, const void* from, std::size_t size);
 
-    /// Lets the ioctl return: 0, or -1 with that errno.
+    /// Makes the ioctl return 0, or -1 with that errno.
     void complete(int error);
 
-    /// Ends next() and read(). Any thread, as long as the object exists.
+    /// Makes next() and read() return. Any thread.
     void hang_up();
 
 private:

@@ -22,13 +22,13 @@ namespace {
     throw std::system_error(errno, std::generic_category(), what);
 }
 
-/// The keeper's whole life, between fork and death: only calls that are safe there.
-[[noreturn]] void keep_session(int slave, pid_t parent) {
+/// The idle process. Calls async-signal-safe functions only.
+[[noreturn]] void lead_session(int slave, pid_t parent) {
     ::setsid();
     ::ioctl(slave, TIOCSCTTY, 0);
     ::prctl(PR_SET_PDEATHSIG, SIGKILL);
     if (::getppid() != parent) ::_exit(0);
-    // The last one closed tells the parent that the session stands.
+    // Closing the pipe tells the parent that the session exists.
     ::close_range(0, UINT_MAX, 0);
     for (;;)
         ::pause();
@@ -46,19 +46,19 @@ PtyNode::PtyNode() {
     path_ = name.data();
     slave_.reset(::open(path_.c_str(), O_RDWR | O_NOCTTY | O_CLOEXEC));
     if (!slave_) fail("cannot open a pseudo-terminal");
-    start_keeper();
+    start_session_leader();
     set_writable(false);
 }
 
-void PtyNode::start_keeper() {
+void PtyNode::start_session_leader() {
     std::array<int, 2> ends{};
     if (::pipe2(ends.data(), O_CLOEXEC) != 0) fail("pipe");
     UniqueFd reader(ends[0]);
     UniqueFd writer(ends[1]);
     const pid_t parent = ::getpid();
-    keeper_ = ::fork();
-    if (keeper_ == -1) fail("fork");
-    if (keeper_ == 0) keep_session(slave_.get(), parent);
+    session_leader_ = ::fork();
+    if (session_leader_ == -1) fail("fork");
+    if (session_leader_ == 0) lead_session(slave_.get(), parent);
     writer.reset();
     char nothing;
     (void)!TEMP_FAILURE_RETRY(::read(reader.get(), &nothing, 1));
@@ -66,14 +66,15 @@ void PtyNode::start_keeper() {
 
 PtyNode::~PtyNode() {
     hang_up();
-    if (keeper_ <= 0) return;  // To kill() that would be many processes.
-    ::kill(keeper_, SIGKILL);
-    (void)TEMP_FAILURE_RETRY(::waitpid(keeper_, nullptr, 0));
+    if (session_leader_ <= 0) return;  // kill(-1) would signal every process.
+    ::kill(session_leader_, SIGKILL);
+    (void)TEMP_FAILURE_RETRY(::waitpid(session_leader_, nullptr, 0));
 }
 
 void PtyNode::set_writable(bool writable) {
     if (writable == writable_) return;
     writable_ = writable;
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): the device's lock is held.
     ::tcflow(slave_.get(), writable ? TCOON : TCOOFF);
 }
 

@@ -1,24 +1,25 @@
 /// @file
-/// The terminal that stands in for a device node.
+/// The pseudo-terminal behind a device node.
 #pragma once
 
 #include <sys/types.h>
 
 #include <string>
 
-#include "bus/unique_fd.h"
+#include "bus/file_descriptor.h"
 
 namespace jovusim {
 
-/// A pseudo-terminal whose slave side programs open as their device node. libusb polls it for
-/// writing and asks for finished transfers for as long as it is writable, so the terminal's output
-/// is stopped whenever nothing has finished: an idle program then sleeps.
+/// A pseudo-terminal whose slave side programs open as their device node. libusb polls the node for
+/// writing and reaps transfers while it is writable. The terminal's output is therefore stopped
+/// while no transfer has finished, so that an idle program sleeps.
 ///
-/// The terminal belongs to a session of its own, whose leader is a process that does nothing: else
-/// a program that is a session leader would get the node as its controlling terminal, and a SIGHUP
-/// when it is unplugged.
+/// The terminal is the controlling terminal of an idle process, the leader of a new session.
+/// Otherwise it would become that of a session leader that opens the node, which would get SIGHUP
+/// at an unplug.
 ///
-/// Not thread-safe: the device's lock guards it. To be made by a thread that outlives it.
+/// Not thread-safe: the device's lock guards it. The thread that constructs it must outlive it,
+/// since the idle process ends with that thread.
 class PtyNode {
 public:
     /// @throws std::system_error
@@ -27,22 +28,22 @@ public:
     PtyNode& operator=(const PtyNode&) = delete;
     ~PtyNode();
 
-    /// The slave's path, "/dev/pts/...".
+    /// Path of the slave side, "/dev/pts/...".
     const std::string& path() const { return path_; }
 
-    /// Lets programs that poll the node see it writable, or not.
+    /// Sets whether poll() reports the node as writable.
     void set_writable(bool writable);
 
-    /// Ends it for all who have it open: poll() reports an error and a hang-up from now on.
+    /// Hangs the terminal up: poll() on the node reports an error and a hang-up from now on.
     void hang_up();
 
 private:
-    void start_keeper();
+    void start_session_leader();
 
     UniqueFd master_;
     UniqueFd slave_;
     std::string path_;
-    pid_t keeper_ = -1;
+    pid_t session_leader_ = -1;
     bool writable_ = true;
 };
 

@@ -5,8 +5,8 @@
 #include <stdexcept>
 #include <utility>
 
-#include "bus/clock.h"
-#include "bus/descriptors.h"
+#include "bus/enumeration.h"
+#include "bus/types.h"
 
 namespace jovusim {
 
@@ -15,6 +15,7 @@ SimDevice::SimDevice(BusAddress address, std::unique_ptr<UsbFunction> function,
     : address_(address),
       wake_(std::move(wake)),
       function_(std::move(function)),
+      identity_(function_->identity()),
       engine_(*function_, faults_) {
     node_path_ = node_.path();
 }
@@ -24,8 +25,8 @@ SimDevice::~SimDevice() {
 }
 
 ClientId SimDevice::open() {
-    const std::lock_guard<std::mutex> lock(mutex_);
-    if (clients_.empty()) function_->host_came();
+    const MutexLock lock(mutex_);
+    if (clients_.empty()) function_->host_opened();
     const ClientId client = next_client_++;
     clients_.insert(client);
     ++counters_.opens;
@@ -33,18 +34,18 @@ ClientId SimDevice::open() {
 }
 
 void SimDevice::close(ClientId client) {
-    const std::lock_guard<std::mutex> lock(mutex_);
+    const MutexLock lock(mutex_);
     engine_.forget(client);
     for (auto it = claims_.begin(); it != claims_.end();) {
         it = it->second == client ? claims_.erase(it) : std::next(it);
     }
     clients_.erase(client);
-    if (clients_.empty()) function_->host_left();
-    settle(now_ms());
+    if (clients_.empty()) function_->host_closed();
+    update_state(now_ms());
 }
 
 int SimDevice::claim(ClientId client, unsigned interface) {
-    const std::lock_guard<std::mutex> lock(mutex_);
+    const MutexLock lock(mutex_);
     if (unplugged_) return ENODEV;
     if (interface >= identity().interfaces.size()) return ENOENT;
     if (is_held_by_other(client, interface)) return kContended;
@@ -63,48 +64,48 @@ bool SimDevice::is_held_by_other(ClientId client, std::size_t interface) const {
 }
 
 int SimDevice::release(ClientId client, unsigned interface) {
-    const std::lock_guard<std::mutex> lock(mutex_);
+    const MutexLock lock(mutex_);
     if (unplugged_) return ENODEV;
     const auto found = claims_.find(interface);
     if (found == claims_.end() || found->second != client) return EINVAL;
     claims_.erase(found);
     engine_.discard_interface(interface);
     ++counters_.releases;
-    settle(now_ms());
+    update_state(now_ms());
     return 0;
 }
 
 int SimDevice::submit(Urb urb) {
-    const std::lock_guard<std::mutex> lock(mutex_);
+    const MutexLock lock(mutex_);
     if (unplugged_) return ENODEV;
     if (!urb.control) {
         const auto interface = engine_.interface_of(urb.endpoint);
         if (!interface) return ENOENT;
         if (is_held_by_other(urb.client, *interface)) return kContended;
-        // Like the kernel: the first use of an endpoint claims its interface.
+        // As in the kernel, the first use of an endpoint claims its interface.
         if (claims_.emplace(*interface, urb.client).second) ++counters_.implicit_claims;
     }
     const Millis now = now_ms();
     if (const int error = engine_.submit(std::move(urb), now)) return error;
-    if (engine_.wants_unplug()) unplug_locked();
-    settle(now);
+    if (engine_.unplug_requested()) unplug_locked();
+    update_state(now);
     return 0;
 }
 
 int SimDevice::discard(ClientId client, std::uint64_t handle) {
-    const std::lock_guard<std::mutex> lock(mutex_);
+    const MutexLock lock(mutex_);
     if (unplugged_) return ENODEV;
     const int error = engine_.discard(client, handle);
-    settle(now_ms());
+    update_state(now_ms());
     return error;
 }
 
 int SimDevice::reap(ClientId client, std::optional<Urb>& urb) {
-    const std::lock_guard<std::mutex> lock(mutex_);
+    const MutexLock lock(mutex_);
     ++counters_.reaps;
     urb = engine_.reap(client);
     if (urb) {
-        settle(now_ms());
+        update_state(now_ms());
         return 0;
     }
     if (unplugged_) return ENODEV;
@@ -113,18 +114,18 @@ int SimDevice::reap(ClientId client, std::optional<Urb>& urb) {
 }
 
 int SimDevice::reset() {
-    const std::lock_guard<std::mutex> lock(mutex_);
+    const MutexLock lock(mutex_);
     if (unplugged_) return ENODEV;
     const Millis now = now_ms();
     engine_.end_all(-ENOENT);
     claims_.clear();
     function_->bus_reset(now);
-    settle(now);
+    update_state(now);
     return unplugged_ ? ENODEV : 0;
 }
 
 int SimDevice::set_configuration(unsigned value) {
-    const std::lock_guard<std::mutex> lock(mutex_);
+    const MutexLock lock(mutex_);
     if (unplugged_) return ENODEV;
     if (!claims_.empty()) return EBUSY;
     if (value != kConfigurationValue) return EINVAL;
@@ -137,17 +138,17 @@ int SimDevice::check_present() {
 }
 
 void SimDevice::count_ioctl() {
-    const std::lock_guard<std::mutex> lock(mutex_);
+    const MutexLock lock(mutex_);
     ++counters_.ioctls;
 }
 
 void SimDevice::count_refused_claim() {
-    const std::lock_guard<std::mutex> lock(mutex_);
+    const MutexLock lock(mutex_);
     ++counters_.refused_claims;
 }
 
 void SimDevice::unplug() {
-    const std::lock_guard<std::mutex> lock(mutex_);
+    const MutexLock lock(mutex_);
     unplug_locked();
 }
 
@@ -155,16 +156,17 @@ void SimDevice::unplug_locked() {
     if (unplugged_) return;
     unplugged_ = true;
     engine_.end_all(-ESHUTDOWN);
-    // Only the hang-up makes libusb look: it reaps what ended above and then sees ENODEV.
+    // The hang-up makes libusb reap the ended transfers and then get ENODEV.
     node_.hang_up();
     wake_();
 }
 
-/// To be called, under the lock, after everything that can finish a transfer or make output.
-void SimDevice::settle(Millis now) {
+/// Updates the node and the due time. Call it after every change that can finish a transfer or
+/// produce output.
+void SimDevice::update_state(Millis now) {
     if (unplugged_) return;
-    if (function_->wants_to_leave(now)) {
-        left_by_itself_ = true;
+    if (function_->disconnect_due(now)) {
+        disconnected_itself_ = true;
         unplug_locked();
         return;
     }
@@ -176,32 +178,32 @@ void SimDevice::settle(Millis now) {
     }
 }
 
-/// When the main thread has something to do here.
+/// When tick() has to be called next.
 std::optional<Millis> SimDevice::due_at(Millis now) const {
     if (unplugged_) return std::nullopt;
     auto due = function_->next_tick();
-    // Output that is due and still here waits for a transfer, not for the clock.
+    // Output that is already due waits for a transfer; the clock does not change that.
     const auto output = function_->next_due();
     if (output && *output > now && (!due || *output < *due)) due = output;
     return due;
 }
 
 void SimDevice::tick() {
-    const std::lock_guard<std::mutex> lock(mutex_);
+    const MutexLock lock(mutex_);
     const Millis now = now_ms();
     function_->tick(now);
     engine_.pump(now);
-    settle(now);
+    update_state(now);
 }
 
 std::optional<Millis> SimDevice::next_due() {
-    const std::lock_guard<std::mutex> lock(mutex_);
+    const MutexLock lock(mutex_);
     announced_due_ = due_at(now_ms());
     return announced_due_;
 }
 
 void SimDevice::with_controller(const std::function<void(Controller&, Millis)>& work) {
-    const std::lock_guard<std::mutex> lock(mutex_);
+    const MutexLock lock(mutex_);
     const Millis now = now_ms();
     auto* controller = dynamic_cast<Controller*>(function_.get());
     if (controller == nullptr) {
@@ -209,34 +211,34 @@ void SimDevice::with_controller(const std::function<void(Controller&, Millis)>& 
     }
     work(*controller, now);
     engine_.pump(now);
-    settle(now);
+    update_state(now);
 }
 
 void SimDevice::with_function(const std::function<void(UsbFunction&, Millis)>& work) {
-    const std::lock_guard<std::mutex> lock(mutex_);
+    const MutexLock lock(mutex_);
     const Millis now = now_ms();
     work(*function_, now);
     engine_.pump(now);
-    settle(now);
+    update_state(now);
 }
 
 std::unique_ptr<UsbFunction> SimDevice::take_successor() {
-    const std::lock_guard<std::mutex> lock(mutex_);
-    return left_by_itself_ ? function_->successor() : nullptr;
+    const MutexLock lock(mutex_);
+    return disconnected_itself_ ? function_->successor() : nullptr;
 }
 
-void SimDevice::with_faults(const std::function<void(FaultBoard&)>& work) {
-    const std::lock_guard<std::mutex> lock(mutex_);
+void SimDevice::with_faults(const std::function<void(FaultTable&)>& work) {
+    const MutexLock lock(mutex_);
     work(faults_);
 }
 
 std::size_t SimDevice::open_clients() {
-    const std::lock_guard<std::mutex> lock(mutex_);
+    const MutexLock lock(mutex_);
     return clients_.size();
 }
 
 Json SimDevice::stats() {
-    const std::lock_guard<std::mutex> lock(mutex_);
+    const MutexLock lock(mutex_);
     Json out = {{"address", address_.to_string()},
                 {"clients", clients_.size()},
                 {"opens", counters_.opens},
@@ -252,11 +254,11 @@ Json SimDevice::stats() {
     return out;
 }
 
-void SimDevice::print_complaints() {
+void SimDevice::print_violations() {
     std::vector<std::string> sentences;
     {
-        const std::lock_guard<std::mutex> lock(mutex_);
-        sentences = function_->take_complaints();
+        const MutexLock lock(mutex_);
+        sentences = function_->take_violations();
     }
     for (const std::string& sentence : sentences) {
         std::fprintf(stderr, "jovu-sim: device %s: %s\n", address_.to_string().c_str(),

@@ -7,34 +7,32 @@
 #include <functional>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <set>
 #include <string>
 
-#include "bus/bus_address.h"
-#include "bus/fault_board.h"
+#include "bus/mutex.h"
 #include "bus/pty_node.h"
+#include "bus/types.h"
 #include "bus/urb_engine.h"
-#include "firmware/controller.h"
+#include "firmware/usb/controller.h"
 
 namespace jovusim {
 
-/// What claiming, or submitting to an interface that has to be claimed for it, returns when another
-/// open file holds the interface. That file may have been closed already: unlike a kernel, this
-/// program notices that a moment later. So it is worth trying again, and EBUSY only then.
+/// Returned by claim() and submit() when another open file has claimed the interface. That file may
+/// have been closed already, which the simulator notices later than a kernel would: the caller
+/// retries for a limited time before it fails with EBUSY.
 constexpr int kContended = -1;
 
-/// A device node with everything behind it: who has it open, what is claimed, the transfers in
-/// flight, the function. This is where threads meet: ioctls come on a thread for each open file,
-/// control requests and the clock on the main thread. One lock guards all of it; no other lock is
-/// taken under it, and nothing under it blocks.
+/// A device node: its open files, claims, transfers in flight and the function behind it. Ioctls
+/// arrive on one thread for each open file, control requests and timers on the main thread. One
+/// lock guards all state; no other lock is acquired while it is held, and nothing blocks under it.
 ///
-/// Made on the main thread; destroyed there, or with its last client on that one's thread.
+/// Constructed on the main thread; destroyed there or on the thread of its last open file.
 class SimDevice {
 public:
-    /// @param wake called, under the lock, when the main thread should look at next_due() or
-    ///             wants_unplug(); must not block
+    /// @param wake called with the lock held when the main thread has to call next_due() or
+    ///             unplugged() again; must not block
     SimDevice(BusAddress address, std::unique_ptr<UsbFunction> function,
               std::function<void()> wake);
     SimDevice(const SimDevice&) = delete;
@@ -42,11 +40,11 @@ public:
     ~SimDevice();
 
     BusAddress address() const { return address_; }
-    const UsbIdentity& identity() const { return function_->identity(); }
+    const UsbIdentity& identity() const { return identity_; }
     const std::string& node_path() const { return node_path_; }
 
-    /// @name What an open file of the node does. Each returns 0 or the errno of the failed ioctl,
-    /// claim() and submit() also kContended. After an unplug all but reap() and close() fail with
+    /// @name Operations of an open file. Each returns 0 or the errno of the failed ioctl; claim()
+    /// and submit() may return kContended. After an unplug all except reap() and close() fail with
     /// ENODEV.
     /// @{
     ClientId open();
@@ -58,72 +56,57 @@ public:
     /// @returns 0 with the transfer in urb, EAGAIN, or ENODEV when the device is gone and nothing
     ///     finished is left
     int reap(ClientId client, std::optional<Urb>& urb);
-    /// As in the kernel, a reset takes the interfaces and the transfers in flight from all open
-    /// files; selecting a configuration fails with EBUSY while an interface is claimed.
+    /// As in the kernel, a reset ends all claims and all transfers in flight; selecting a
+    /// configuration fails with EBUSY while an interface is claimed.
     int reset();
     int set_configuration(unsigned value);
-    /// 0 or ENODEV: for what needs nothing but the device's presence.
+    /// Returns 0 while the device is plugged in, else ENODEV.
     int check_present();
     /// @}
 
     /// Counts an ioctl of any kind.
     void count_ioctl();
 
-    /// Counts a claim that was refused for good because of another open file.
+    /// Counts a claim that failed with EBUSY.
     void count_refused_claim();
 
-    /// Takes the device off the bus: transfers in flight end, the node hangs up. Can be called
-    /// again.
+    /// Unplugs the device: ends the transfers in flight and hangs the node up. Idempotent.
     void unplug();
     bool unplugged() const { return unplugged_; }
 
     /// @name Main thread
     /// @{
-    /// Hands over what has become due.
+    /// Advances the function and transfers the packets that are due.
     void tick();
+    /// When tick() has to be called next, if ever.
     std::optional<Millis> next_due();
 
-    /// Runs something on the controller under the lock, and hands over what came of it.
+    /// Runs work on the controller with the lock held, then transfers the packets that are due.
     /// @throws std::runtime_error when the device does not run its application
     void with_controller(const std::function<void(Controller&, Millis)>& work);
 
-    /// Runs something on whatever the device is, likewise.
+    /// Likewise for a device in any mode.
     void with_function(const std::function<void(UsbFunction&, Millis)>& work);
 
-    /// What a device that has left by itself comes back as, or null. To be called once.
+    /// Returns the function with which a device that disconnected itself returns to the bus, or
+    /// null. Call it once.
     std::unique_ptr<UsbFunction> take_successor();
 
-    /// Runs something on the faults under the lock.
-    void with_faults(const std::function<void(FaultBoard&)>& work);
+    /// Runs work on the fault table with the lock held.
+    void with_faults(const std::function<void(FaultTable&)>& work);
 
     std::size_t open_clients();
     Json stats();
     /// @}
 
-    /// Prints what the firmware complains about. Any thread, without the lock.
-    void print_complaints();
+    /// Prints new protocol violations to standard error. Any thread.
+    void print_violations();
 
 private:
-    void settle(Millis now);
-    std::optional<Millis> due_at(Millis now) const;
-    void unplug_locked();
-    bool is_held_by_other(ClientId client, std::size_t interface) const;
-
-    const BusAddress address_;
-    const std::function<void()> wake_;
-    std::string node_path_;
-    std::atomic<bool> unplugged_{false};
-
-    std::mutex mutex_;  // guards everything below
-    bool left_by_itself_ = false;
-    std::unique_ptr<UsbFunction> function_;
-    FaultBoard faults_;
-    UrbEngine engine_;
-    PtyNode node_;
-    std::set<ClientId> clients_;
-    std::map<std::size_t, ClientId> claims_;
-    ClientId next_client_ = 1;
-    std::optional<Millis> announced_due_;  // what the main thread waits for
+    void update_state(Millis now) JOVU_REQUIRES(mutex_);
+    std::optional<Millis> due_at(Millis now) const JOVU_REQUIRES(mutex_);
+    void unplug_locked() JOVU_REQUIRES(mutex_);
+    bool is_held_by_other(ClientId client, std::size_t interface) const JOVU_REQUIRES(mutex_);
 
     struct Counters {
         std::uint64_t ioctls = 0;
@@ -134,7 +117,26 @@ private:
         std::uint64_t implicit_claims = 0;
         std::uint64_t refused_claims = 0;
         std::uint64_t releases = 0;
-    } counters_;
+    };
+
+    const BusAddress address_;
+    const std::function<void()> wake_;
+    std::string node_path_;               // constant after construction
+    std::atomic<bool> unplugged_{false};  // set with mutex_ held
+
+    Mutex mutex_;
+    std::unique_ptr<UsbFunction> function_ JOVU_GUARDED_BY(mutex_);
+    const UsbIdentity& identity_;  // the function's, which is constant
+    FaultTable faults_ JOVU_GUARDED_BY(mutex_);
+    UrbEngine engine_ JOVU_GUARDED_BY(mutex_);
+    PtyNode node_ JOVU_GUARDED_BY(mutex_);
+    bool disconnected_itself_ JOVU_GUARDED_BY(mutex_) = false;
+    std::set<ClientId> clients_ JOVU_GUARDED_BY(mutex_);
+    std::map<std::size_t, ClientId> claims_ JOVU_GUARDED_BY(mutex_);
+    ClientId next_client_ JOVU_GUARDED_BY(mutex_) = 1;
+    /// The moment for which the main thread was last woken.
+    std::optional<Millis> announced_due_ JOVU_GUARDED_BY(mutex_);
+    Counters counters_ JOVU_GUARDED_BY(mutex_);
 };
 
 }  // namespace jovusim

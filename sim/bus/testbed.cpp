@@ -1,35 +1,76 @@
 #include "bus/testbed.h"
 
+#include <fcntl.h>
+#include <glob.h>
+#include <sys/file.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <stdexcept>
+#include <system_error>
 #include <utility>
 
-#include "bus/clock.h"
-#include "bus/descriptors.h"
+#include "bus/enumeration.h"
+#include "bus/types.h"
 
 namespace jovusim {
+
+namespace {
+constexpr char kLockName[] = "/jovu-sim.lock";
+}
+
+DirectoryOwnership::DirectoryOwnership(const std::string& directory) {
+    // The file is locked before it gets its name, so that other processes never see it unlocked.
+    const std::string name = directory + kLockName;
+    const std::string unnamed = name + ".new";
+    lock_.reset(::open(unnamed.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
+    if (!lock_ || ::flock(lock_.get(), LOCK_EX | LOCK_NB) != 0 ||
+        ::rename(unnamed.c_str(), name.c_str()) != 0) {
+        throw std::system_error(errno, std::generic_category(), "cannot mark " + directory);
+    }
+}
+
+void remove_stale_testbeds(const std::string& temporary) {
+    glob_t found{};
+    const std::string pattern = temporary + "/umockdev.??????" + kLockName;
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): no other thread exists yet.
+    if (::glob(pattern.c_str(), GLOB_NOSORT, nullptr, &found) == 0) {
+        for (char** path = found.gl_pathv; *path != nullptr; ++path) {
+            const UniqueFd lock(::open(*path, O_RDWR | O_CLOEXEC | O_NOFOLLOW));
+            struct stat status {};
+            ::fstat(lock.get(), &status);  // without the file this and the checks below fail
+            if (status.st_uid != ::geteuid()) continue;
+            if (::flock(lock.get(), LOCK_EX | LOCK_NB) != 0) continue;
+            // Another simulator may be removing it too: errors are ignored.
+            std::error_code ignored;
+            std::filesystem::remove_all(std::filesystem::path(*path).parent_path(), ignored);
+        }
+    }
+    ::globfree(&found);
+}
 
 namespace {
 
 constexpr std::uint8_t kFirstBus = 1;
 constexpr std::uint8_t kHubAddress = 1;
 
-/// How long a device that starts another firmware is off the bus.
+/// How long a device is off the bus when it starts another firmware.
 constexpr Millis kRestartTime = 200;
 
-/// A socket of the testbed's own: opening it as a file fails with ENXIO.
+/// A socket in the testbed: opening it as a file fails with ENXIO.
 constexpr char kUnopenable[] = "/ioctl/_default";
 
-/// The path of a socket in the testbed has to fit into sockaddr_un: with a longer directory for
-/// temporary files the usual one is taken.
+/// Longest directory for temporary files that is used; /tmp replaces a longer one. The path of a
+/// socket in the testbed has to fit into sockaddr_un.
 constexpr std::size_t kLongestTemporary = 32;
 
 std::string temporary_directory() {
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): no other thread exists yet.
     const char* const chosen = std::getenv("TMPDIR");
     if (chosen == nullptr || *chosen != '/') return "/tmp";
     const std::string path = chosen;
@@ -45,13 +86,17 @@ std::string serial_of(BusAddress address) {
 
 }  // namespace
 
-Testbed::Testbed(double pace, std::function<void()> wake) : pace_(pace), wake_(std::move(wake)) {
+Testbed::Testbed(double time_scale, std::function<void()> wake)
+    : time_scale_(time_scale), wake_(std::move(wake)) {
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): no other thread exists yet.
     if (std::getenv(kTestbedVariable) != nullptr) {
-        throw std::runtime_error("this program runs on a simulated bus itself");
+        throw std::runtime_error(std::string(kTestbedVariable) +
+                                 " is set: jovu-sim cannot run on a simulated bus");
     }
     const std::string temporary = temporary_directory();
     remove_stale_testbeds(temporary);
-    // The testbed makes its directory where this says.
+    // umockdev makes the directory of the testbed in $TMPDIR.
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): no other thread exists yet.
     ::setenv("TMPDIR", temporary.c_str(), 1);
     // The testbed starts a thread, which reads the environment, before it sets this variable. With
     // the variable in place that does not move the array of variables under the thread.
@@ -85,7 +130,7 @@ BusAddress Testbed::free_address(std::uint8_t bus) {
     throw std::runtime_error("no address is free on bus " + std::to_string(bus));
 }
 
-/// A device that came back at another address has kept its serial.
+/// Two devices must differ: a device that returned at another address keeps its serial number.
 std::string Testbed::free_serial(BusAddress address) const {
     const auto taken = [this](const std::string& serial) {
         return std::any_of(devices_.begin(), devices_.end(),
@@ -102,15 +147,15 @@ std::string Testbed::free_serial(BusAddress address) const {
 
 BusAddress Testbed::plug(std::optional<BusAddress> wanted, const PlugRequest& request) {
     const BusAddress address = wanted ? *wanted : free_address(kFirstBus);
-    DeviceNature nature{request.serial.empty() ? free_serial(address) : request.serial,
-                        request.product, pace_};
-    nature.vendor = request.vendor;
-    nature.dfu_name = request.dfu_name;
+    DeviceConfig config{request.serial.empty() ? free_serial(address) : request.serial,
+                        request.product, time_scale_};
+    config.vendor = request.vendor;
+    config.dfu_name = request.dfu_name;
     if (request.product == kDfuProduct) {
-        nature.product = kApplicationProduct;
-        attach(address, std::make_unique<DfuDevice>(nature, DfuFaults()));
+        config.product = kApplicationProduct;
+        attach(address, std::make_unique<DfuDevice>(config, DfuFaults()));
     } else {
-        attach(address, std::make_unique<Controller>(nature));
+        attach(address, std::make_unique<Controller>(config));
     }
     return address;
 }
@@ -134,7 +179,7 @@ void Testbed::attach(BusAddress address, std::unique_ptr<UsbFunction> function) 
                                  reason->message);
     }
     devices_[address] = std::move(device);
-    // Only now, with everything in place: a program may look as soon as it hears of it.
+    // Last, because a program may open the device as soon as it gets the message.
     uevents_->send("add", address);
 }
 
@@ -142,7 +187,7 @@ void Testbed::unplug(BusAddress address) {
     const std::shared_ptr<SimDevice> device = at(address);
     remove_node(address);
     device->unplug();
-    put_away(address);
+    remove_device(address);
 }
 
 void Testbed::replug(BusAddress address) {
@@ -154,9 +199,9 @@ void Testbed::replug(BusAddress address) {
     plug(address, request);
 }
 
-/// What is left to do when a device has gone: the opposite order of plug(). The message comes last,
-/// so that a program which has begun to look cannot miss it and still find the device.
-void Testbed::put_away(BusAddress address) {
+/// Removes a device whose node is gone, in the reverse order of attach(). The message comes last: a
+/// program that gets it no longer finds the device.
+void Testbed::remove_device(BusAddress address) {
     nodes_.at(address)->set_device(nullptr);
     devices_.erase(address);
     umockdev_testbed_remove_device(testbed_.get(), ("/sys" + address.device_path()).c_str());
@@ -188,8 +233,8 @@ void Testbed::make_node(const SimDevice& device) {
 void Testbed::remove_node(BusAddress address) {
     const std::string path = root_ + address.node();
     std::filesystem::remove(path);
-    // The preloaded library lets a program through to the machine's own devices where the testbed
-    // has no node. If this machine has one of that number, something stays that cannot be opened.
+    // Without a node in the testbed the preloaded library opens the real node of that number. If
+    // this machine has one, a node that cannot be opened stays.
     if (::access(address.node().c_str(), F_OK) == 0) {
         std::filesystem::create_symlink(root_ + kUnopenable, path);
     }
@@ -212,20 +257,20 @@ void Testbed::service() {
     const Millis now = now_ms();
     for (const auto& device : devices()) {
         if (!device->unplugged()) device->tick();
-        device->print_complaints();
+        device->print_violations();
         if (device->unplugged()) {
             const BusAddress address = device->address();
             remove_node(address);
-            put_away(address);
+            remove_device(address);
             if (auto successor = device->take_successor()) {
                 returning_.push_back({now + kRestartTime, address.bus, std::move(successor)});
             }
         }
     }
-    take_back(now);
+    attach_returned(now);
 }
 
-void Testbed::take_back(Millis now) {
+void Testbed::attach_returned(Millis now) {
     for (auto it = returning_.begin(); it != returning_.end();) {
         if (it->due > now) {
             ++it;

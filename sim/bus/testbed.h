@@ -1,5 +1,5 @@
 /// @file
-/// The simulated bus.
+/// The simulated bus and its directory.
 #pragma once
 
 #include <umockdev.h>
@@ -12,66 +12,81 @@
 #include <string>
 #include <vector>
 
-#include "bus/bus_address.h"
+#include "bus/enumeration.h"
+#include "bus/file_descriptor.h"
 #include "bus/sim_device.h"
-#include "bus/testbed_directory.h"
-#include "bus/uevent.h"
+#include "bus/types.h"
 #include "bus/usbfs_node.h"
 
 namespace jovusim {
 
-/// Tells programs where their testbed is.
+/// Marks a testbed's directory as in use with a locked file. The kernel releases the lock when the
+/// process ends.
+class DirectoryOwnership {
+public:
+    /// @throws std::system_error
+    explicit DirectoryOwnership(const std::string& directory);
+
+private:
+    UniqueFd lock_;
+};
+
+/// Removes the testbeds of killed simulators under a directory for temporary files. Testbeds of
+/// other programs, other users and running simulators stay.
+void remove_stale_testbeds(const std::string& temporary);
+
+/// The environment variable with the directory of the testbed.
 constexpr char kTestbedVariable[] = "UMOCKDEV_DIR";
 
-/// What is to be plugged in.
+/// A device to plug in.
 struct PlugRequest {
     std::uint16_t product = kApplicationProduct;  ///< kDfuProduct: a device in DFU mode
     std::uint16_t vendor = kVendorId;
     std::string serial = {};  ///< empty: made from the address
-    std::string dfu_name = DeviceNature{}.dfu_name;
+    std::string dfu_name = DeviceConfig{}.dfu_name;
 };
 
-/// A bus on which devices come and go, for programs that run with the testbed's library preloaded
-/// and kTestbedVariable set to root(). Changes that and TMPDIR in this process's environment.
+/// A bus for programs that run with umockdev's library preloaded and kTestbedVariable set to
+/// root(). Changes that variable and TMPDIR in the environment of this process.
 ///
-/// All members are for the main thread, which must have blocked the signals that it wants to handle
-/// itself: the testbed starts a worker thread.
+/// Main thread only. The thread must have blocked the signals that it handles before it constructs
+/// a Testbed, because umockdev starts a worker thread.
 class Testbed {
 public:
-    /// Removes what killed simulators left behind and makes a bus without devices.
-    /// @param pace machine seconds in a second for all devices
-    /// @param wake called on any thread when service() has something to do; must not block
+    /// Removes the directories of killed simulators and makes a bus without devices.
+    /// @param time_scale seconds of machine time in one real second
+    /// @param wake called on any thread when service() has to be called; must not block
     /// @throws std::runtime_error, std::system_error
-    Testbed(double pace, std::function<void()> wake);
+    Testbed(double time_scale, std::function<void()> wake);
     Testbed(const Testbed&) = delete;
     Testbed& operator=(const Testbed&) = delete;
     ~Testbed();
 
-    /// The directory that lives as long as the bus.
+    /// The directory of the testbed, removed with the bus.
     const std::string& root() const { return root_; }
 
     /// Plugs a device in.
-    /// @param address nothing: the next one on bus 1 that has not been in use for longest
+    /// @param address nothing: the next free one on bus 1, as a hub assigns it
     /// @throws std::runtime_error when the address is taken
     BusAddress plug(std::optional<BusAddress> address, const PlugRequest& request);
 
-    /// Takes a device off the bus. @throws std::out_of_range for an unknown one.
+    /// Unplugs a device. @throws std::out_of_range when there is none at that address
     void unplug(BusAddress address);
 
-    /// Unplugs a device and plugs it in again at the same address, at once.
+    /// Unplugs a device and plugs a new one in at the same address.
     void replug(BusAddress address);
 
-    /// @throws std::out_of_range for an unknown one
+    /// @throws std::out_of_range when there is none at that address
     std::shared_ptr<SimDevice> at(BusAddress address);
 
     /// In order of their addresses.
     std::vector<std::shared_ptr<SimDevice>> devices() const;
 
-    /// Makes opening the node fail with EISDIR, or lets it succeed again. @throws as at()
+    /// Makes opening the node fail with EISDIR, or succeed again. @throws as at()
     void block_open(BusAddress address, bool blocked);
 
-    /// Hands over what is due, puts away devices that left by themselves and brings back those that
-    /// do not stay away.
+    /// Advances all devices, removes those that disconnected themselves and attaches those that
+    /// return.
     void service();
 
     /// When service() has to be called next, if ever.
@@ -82,7 +97,7 @@ private:
         void operator()(UMockdevTestbed* testbed) const { g_object_unref(testbed); }
     };
 
-    /// A device that is on its way between its application and its boot loader.
+    /// A device that is off the bus while it changes between its application and its boot loader.
     struct Returning {
         Millis due;
         std::uint8_t bus;
@@ -92,14 +107,14 @@ private:
     BusAddress free_address(std::uint8_t bus);
     std::string free_serial(BusAddress address) const;
     void attach(BusAddress address, std::unique_ptr<UsbFunction> function);
-    void take_back(Millis now);
+    void attach_returned(Millis now);
     void make_node(const SimDevice& device);
     void remove_node(BusAddress address);
-    void put_away(BusAddress address);
+    void remove_device(BusAddress address);
 
-    const double pace_;
+    const double time_scale_;
     const std::function<void()> wake_;
-    std::optional<DirectoryOwnership> ownership_;  // goes after the directory
+    std::optional<DirectoryOwnership> ownership_;  // outlives testbed_
     std::unique_ptr<UMockdevTestbed, TestbedDeleter> testbed_;
     std::string root_;
     std::optional<UeventSender> uevents_;

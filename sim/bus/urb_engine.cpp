@@ -8,10 +8,51 @@
 #include <cstring>
 #include <utility>
 
-#include "bus/descriptors.h"
-#include "firmware/outbox.h"
+#include "bus/enumeration.h"
+#include "firmware/usb/transmit_queue.h"
 
 namespace jovusim {
+
+void FaultTable::add(BusFault fault, std::uint8_t endpoint, int error, std::uint32_t count,
+                     std::uint32_t skip) {
+    if (count == 0) return;
+    const int value = fault == BusFault::never ? 1 : error;
+    settings_[{fault, endpoint}].push_back({value, count, skip});
+}
+
+int FaultTable::take(BusFault fault, std::uint8_t endpoint) {
+    const auto found = settings_.find({fault, endpoint});
+    if (found == settings_.end() || found->second.empty()) return 0;
+    Setting& setting = found->second.front();
+    if (setting.skip > 0) {
+        --setting.skip;
+        return 0;
+    }
+    const int error = setting.error;
+    if (setting.count != kAlways && --setting.count == 0) found->second.pop_front();
+    return error;
+}
+
+void FaultTable::unplug_after(std::uint8_t endpoint, std::uint64_t bytes) {
+    unplug_after_[endpoint] = bytes;
+}
+
+std::optional<std::size_t> FaultTable::count_out(std::uint8_t endpoint, std::size_t size) {
+    const auto found = unplug_after_.find(endpoint);
+    if (found == unplug_after_.end()) return std::nullopt;
+    if (size < found->second) {
+        found->second -= size;
+        return std::nullopt;
+    }
+    const auto left = static_cast<std::size_t>(found->second);
+    unplug_after_.erase(found);
+    return left;
+}
+
+void FaultTable::clear() {
+    settings_.clear();
+    unplug_after_.clear();
+}
 
 namespace {
 
@@ -24,7 +65,7 @@ void erase_if(std::deque<Urb>& urbs, Predicate predicate) {
     urbs.erase(std::remove_if(urbs.begin(), urbs.end(), predicate), urbs.end());
 }
 
-/// The data stage of a standard request that the device answers, or nothing for a stall.
+/// The data stage of a standard request, or nothing for a stall.
 std::optional<std::string> standard_request(UsbFunction& function, const usb_ctrlrequest& setup) {
     const bool to_host = (setup.bRequestType & USB_DIR_IN) != 0;
     switch (setup.bRequest) {
@@ -48,7 +89,7 @@ std::optional<std::string> standard_request(UsbFunction& function, const usb_ctr
 
 }  // namespace
 
-UrbEngine::UrbEngine(UsbFunction& function, FaultBoard& faults)
+UrbEngine::UrbEngine(UsbFunction& function, FaultTable& faults)
     : function_(function), faults_(faults) {
     std::size_t number = 0;
     for (const InterfaceInfo& interface : function.identity().interfaces) {
@@ -94,8 +135,8 @@ void UrbEngine::send_out(Urb urb, Endpoint& endpoint, Millis now) {
     endpoint.bytes += urb.actual;
     function_.receive(urb.endpoint, urb.buffer, urb.actual, now);
     if (cut) {
-        // Left in flight: it ends together with all others when the device is gone.
-        wants_unplug_ = true;
+        // Stays in flight and ends with all others at the unplug.
+        unplug_requested_ = true;
         endpoint.waiting.push_back(std::move(urb));
     } else {
         ++endpoint.transfers;
@@ -139,25 +180,25 @@ void UrbEngine::run_control(Urb urb, Millis now) {
     const bool to_host = (setup.bRequestType & USB_DIR_IN) != 0;
     const std::size_t room = std::min<std::size_t>(setup.wLength, urb.length - sizeof setup);
     std::uint8_t* const stage = urb.buffer + sizeof setup;
-    std::optional<std::string> reply;
+    std::optional<std::string> response;
     if ((setup.bRequestType & USB_TYPE_MASK) == USB_TYPE_STANDARD) {
-        reply = standard_request(function_, setup);
+        response = standard_request(function_, setup);
     } else {
         const std::string data(reinterpret_cast<const char*>(stage), to_host ? 0 : room);
-        reply = function_.control(
+        response = function_.control(
             {setup.bRequestType, setup.bRequest, setup.wValue, setup.wIndex, setup.wLength}, data,
             now);
     }
-    if (function_.wants_to_leave(now)) {
+    if (function_.disconnect_due(now)) {
         cut_short_.push_back(std::move(urb));
         return;
     }
-    if (!reply) {
+    if (!response) {
         finish(std::move(urb), -EPIPE);
         return;
     }
-    urb.actual = to_host ? std::min(room, reply->size()) : room;
-    if (to_host) std::memcpy(stage, reply->data(), urb.actual);
+    urb.actual = to_host ? std::min(room, response->size()) : room;
+    if (to_host) std::memcpy(stage, response->data(), urb.actual);
     finish(std::move(urb), 0);
 }
 

@@ -1,5 +1,5 @@
 /// @file
-/// Transfers in flight between programs on the host and the function behind the endpoints.
+/// Transfers in flight, and the faults injected into them.
 #pragma once
 
 #include <array>
@@ -9,11 +9,55 @@
 #include <map>
 #include <memory>
 #include <optional>
+#include <utility>
 
-#include "bus/fault_board.h"
-#include "firmware/usb_function.h"
+#include "firmware/base/types.h"
+#include "firmware/usb/usb_function.h"
 
 namespace jovusim {
+
+/// Kinds of faults on the bus.
+enum class BusFault : std::uint8_t {
+    claim,   ///< claiming an interface fails with an errno
+    submit,  ///< submitting a transfer fails with an errno
+    status,  ///< a transfer ends with an errno as its status
+    never,   ///< a transfer does not end until it is discarded
+};
+
+/// The faults that are set. Not thread-safe: the device's lock guards it.
+class FaultTable {
+public:
+    /// Adds a fault after those of the same kind and endpoint.
+    /// @param endpoint 0 for BusFault::claim
+    /// @param error    a positive errno; ignored for BusFault::never
+    /// @param count    how often it happens; kAlways for no limit
+    /// @param skip     number of operations that succeed before it
+    void add(BusFault fault, std::uint8_t endpoint, int error, std::uint32_t count,
+             std::uint32_t skip);
+
+    /// Consumes a fault. Returns its errno, 1 for BusFault::never, or 0 when none happens now.
+    int take(BusFault fault, std::uint8_t endpoint);
+
+    /// Unplugs the device after that many more bytes on that OUT endpoint.
+    void unplug_after(std::uint8_t endpoint, std::uint64_t bytes);
+
+    /// Counts bytes for the device. Returns how many of them arrive when the unplug happens within
+    /// them, nothing when it does not.
+    std::optional<std::size_t> count_out(std::uint8_t endpoint, std::size_t size);
+
+    /// Removes all faults.
+    void clear();
+
+private:
+    struct Setting {
+        int error;
+        std::uint32_t count;
+        std::uint32_t skip;
+    };
+
+    std::map<std::pair<BusFault, std::uint8_t>, std::deque<Setting>> settings_;
+    std::map<std::uint8_t, std::uint64_t> unplug_after_;
+};
 
 /// An open file of a device node.
 using ClientId = std::uint64_t;
@@ -21,10 +65,10 @@ using ClientId = std::uint64_t;
 /// One transfer request of a client.
 struct Urb {
     ClientId client = 0;
-    std::uint64_t handle = 0;  ///< what the client names it by
+    std::uint64_t handle = 0;  ///< chosen by the client
     bool control = false;      ///< otherwise bulk
     std::uint8_t endpoint = 0;
-    std::uint8_t* buffer = nullptr;  ///< a control transfer's begins with the setup packet
+    std::uint8_t* buffer = nullptr;  ///< begins with the setup packet in a control transfer
     std::size_t length = 0;
     std::shared_ptr<void> memory;  ///< keeps buffer alive
 
@@ -32,31 +76,30 @@ struct Urb {
     std::size_t actual = 0;  ///< bytes of data transferred
 };
 
-/// Matches transfers with the packets of a function. No lock of its own: the device's lock guards
-/// every call, and the memory of the transfers in flight.
+/// Carries out transfers with the packets of a function. Not thread-safe: the device's lock guards
+/// every call and the memory of the transfers in flight.
 class UrbEngine {
 public:
     /// Both must outlive the engine.
-    UrbEngine(UsbFunction& function, FaultBoard& faults);
+    UrbEngine(UsbFunction& function, FaultTable& faults);
 
-    /// Begins a transfer. Returns 0 or the errno with which submitting failed. The device may want
-    /// to leave the bus because of it: see wants_unplug().
+    /// Begins a transfer. Returns 0 or the errno with which submitting failed. May set
+    /// unplug_requested().
     int submit(Urb urb, Millis now);
 
-    /// Ends a transfer early. Returns 0, or EINVAL when there is no such one in flight.
+    /// Cancels a transfer. Returns 0, or EINVAL when it is not in flight.
     int discard(ClientId client, std::uint64_t handle);
 
-    /// The next finished transfer of a client.
+    /// Removes and returns the next finished transfer of a client.
     std::optional<Urb> reap(ClientId client);
 
-    /// Hands packets that have become available to the transfers that wait for them.
+    /// Completes waiting IN transfers with the packets that are due.
     void pump(Millis now);
 
-    /// Ends all transfers on one interface's endpoints, as releasing it does: they are its
-    /// holder's.
+    /// Cancels all transfers on the endpoints of one interface, as releasing it does.
     void discard_interface(std::size_t interface);
 
-    /// Forgets everything about a client.
+    /// Drops all transfers of a client.
     void forget(ClientId client);
 
     /// Ends all transfers in flight with that status, a negative errno.
@@ -65,10 +108,10 @@ public:
     /// Whether a finished transfer waits for its client.
     bool has_finished() const { return !finished_.empty(); }
 
-    /// Whether an armed fault asks for the device to be unplugged now.
-    bool wants_unplug() const { return wants_unplug_; }
+    /// Whether a fault requires the device to be unplugged now.
+    bool unplug_requested() const { return unplug_requested_; }
 
-    /// The interface that an endpoint belongs to, or nothing.
+    /// The interface of an endpoint, or nothing.
     std::optional<std::size_t> interface_of(std::uint8_t endpoint) const;
 
     /// Per endpoint: bytes, finished transfers and transfers in flight.
@@ -78,7 +121,7 @@ private:
     struct Endpoint {
         std::size_t interface = 0;
         std::deque<Urb> waiting;  ///< in order of submission
-        std::deque<Urb> stuck;    ///< those that never end by themselves
+        std::deque<Urb> stuck;    ///< BusFault::never: in flight until cancelled
         std::uint64_t bytes = 0;
         std::uint64_t transfers = 0;
     };
@@ -90,11 +133,11 @@ private:
     void run_control(Urb urb, Millis now);
 
     UsbFunction& function_;
-    FaultBoard& faults_;
+    FaultTable& faults_;
     std::map<std::uint8_t, Endpoint> endpoints_;
-    std::deque<Urb> cut_short_;  ///< control transfers at which the device left
+    std::deque<Urb> cut_short_;  ///< control transfers during which the device disconnected
     std::deque<Urb> finished_;
-    bool wants_unplug_ = false;
+    bool unplug_requested_ = false;
 };
 
 }  // namespace jovusim

@@ -1,27 +1,26 @@
 /// @file
-/// Device nodes as programs open them.
+/// Device nodes and the ioctls of their open files.
 #pragma once
 
 #include <atomic>
 #include <list>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <thread>
 
+#include "bus/file_descriptor.h"
 #include "bus/ioctl_link.h"
+#include "bus/mutex.h"
 #include "bus/sim_device.h"
-#include "bus/unique_fd.h"
 
 namespace jovusim {
 
-/// Serves one device node's path for the life of the testbed: whatever device is plugged in there,
-/// and ENODEV for programs that still hold one that is gone. The path's listening socket stays for
-/// good on purpose: a program that opens the node at the moment of an unplug ends itself when it
-/// finds the socket's file but nobody behind it.
+/// Serves the path of one device node for the life of the testbed: the device that is plugged in
+/// there, and ENODEV for open files of an unplugged one. The listening socket stays open because
+/// the preloaded library aborts a program that finds the socket's file and cannot connect to it.
 ///
-/// Made and destroyed on the main thread. A thread of its own takes new files in, and each of them
-/// gets one.
+/// Constructed and destroyed on the main thread. One thread accepts open files, and each of them
+/// has a thread.
 class UsbfsNode {
 public:
     /// @param root of the testbed @param node as "/dev/bus/usb/001/002"
@@ -29,10 +28,10 @@ public:
     UsbfsNode(const std::string& root, const std::string& node);
     UsbfsNode(const UsbfsNode&) = delete;
     UsbfsNode& operator=(const UsbfsNode&) = delete;
-    /// Ends all sessions: a program that still has a file open fails from then on.
+    /// Ends all sessions: ioctls on files that are still open fail from then on.
     ~UsbfsNode();
 
-    /// What programs get that open the node from now on; null for nothing.
+    /// Sets the device for files that are opened from now on; null for none.
     void set_device(std::shared_ptr<SimDevice> device);
 
 private:
@@ -50,10 +49,10 @@ private:
 
     UniqueFd listener_;
 
-    std::mutex mutex_;  // guards device_; no other lock is taken under it
-    std::shared_ptr<SimDevice> device_;
+    Mutex mutex_;  // a leaf: no other lock is acquired while it is held
+    std::shared_ptr<SimDevice> device_ JOVU_GUARDED_BY(mutex_);
 
-    std::list<OpenFile> files_;  // the acceptor's, and the destructor's when that has ended
+    std::list<OpenFile> files_;  // used by acceptor_, and by the destructor after it has ended
     std::thread acceptor_;
 };
 

@@ -1,19 +1,25 @@
 /// @file
-/// What the control socket's requests do.
+/// The requests of the control socket.
 #pragma once
 
 #include <string>
 
 #include "bus/testbed.h"
-#include "tool/words.h"
+#include "tool/request_reader.h"
 
 namespace jovusim {
 
 /// Carries out one request, a line without its line feed. Main thread.
-/// @returns "ok", "ok TEXT" or "error TEXT", one line
+/// @returns one line: "ok", "ok STRING" or "error STRING"
 std::string run_control_request(Testbed& testbed, const std::string& line);
 
-/// All requests, one a line, for the help text.
+/// All requests for the help, one in a line.
 std::string control_help();
+
+/// Carries out the rest of a "fault" request. Main thread. @throws BadRequest, std::out_of_range
+void set_fault(Testbed& testbed, BusAddress address, RequestReader& reader);
+
+/// All faults for the help, one in a line.
+std::string fault_help();
 
 }  // namespace jovusim

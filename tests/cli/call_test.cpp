@@ -47,7 +47,7 @@ TEST(Call, ReachesTheDeviceWithEveryCommand) {
                   command["result"].value("members", json::array()).size());
         EXPECT_EQ(requests(device, name), 1) << name;
     }
-    EXPECT_EQ(complaints(device), 0) << stats(device)["complaints"];
+    EXPECT_EQ(protocol_violations(device), 0) << stats(device)["protocol_violations"];
     const Ended ended = jovu({"call", kLeaving});
     EXPECT_EQ(ended.status, 0) << ended.err;
     EXPECT_TRUE(eventually([] { return sim("list").find("product=00df") != std::string::npos; }));
@@ -86,7 +86,7 @@ TEST(Call, ReadsBackWhatItHasWritten) {
     EXPECT_THAT(shown.out, HasSubstr("\nifc_config.auto_connect_key      a\\nb\\n\n"));
     EXPECT_EQ(jovu({"call", "heater_var_get", "var_num=0", "var_val=0"}).out,
               "status 0; the value itself is not returned\n");
-    EXPECT_EQ(complaints(device), 0);
+    EXPECT_EQ(protocol_violations(device), 0);
 }
 
 TEST(Call, TellsNothingOfAFileThatHoldsASecret) {

@@ -47,7 +47,7 @@ TEST_F(Push, IsFollowedToItsEnd) {
     for (const char* const part : {"\r\x1b[2KSending    0.0 % [>", "Sending  100.0 % [==",
                                    "Printing 100.0 % [==", "\r\nfinished after "})
         EXPECT_THAT(drawn.out, HasSubstr(part));
-    EXPECT_EQ(complaints(device_), 0);
+    EXPECT_EQ(protocol_violations(device_), 0);
 }
 
 TEST_F(Push, GoesOnWhenNobodyReadsAnyMore) {

@@ -75,7 +75,7 @@ TEST_F(Shell, SendsGcodeAndRunsCommandsOverOneLink) {
     EXPECT_EQ(stats(device_)["message"]["display"], "a \"b\"");
     EXPECT_EQ(leave(), 0);
     EXPECT_THAT(shell_->err(), HasSubstr("jovu: no such device: 7:7"));
-    EXPECT_EQ(complaints(device_), 0);
+    EXPECT_EQ(protocol_violations(device_), 0);
 }
 
 TEST_F(Shell, CompletesNamesAndKeys) {

@@ -86,7 +86,7 @@ TEST_F(Trace, IsWrittenAndDrawnAndSummedUp) {
     fs::remove(link);
     EXPECT_THAT(files(), testing::ElementsAre(plot_.path(), csv_.path()));
     EXPECT_TRUE(switched_off());
-    EXPECT_EQ(complaints(device_), 0);
+    EXPECT_EQ(protocol_violations(device_), 0);
 }
 
 TEST_F(Trace, TellsWhatIsMissing) {

@@ -171,7 +171,7 @@ void PrintTo(const Judged& row, std::ostream* out) {
 }
 
 const Judged kJudged[] = {
-    {"", {"leave-at-reset"}, "", "2", {}, 0, "runs version 2, before it was 1.0.0", kBroken},
+    {"", {"disconnect-at-reset"}, "", "2", {}, 0, "runs version 2, before it was 1.0.0", kBroken},
     {"", {"write-error 5"}, "", "2", {}, 5, "the download failed: S; dfu-util says: ", kBroken},
     {"", {"keep-firmware"}, "", "2", {}, 5, "runs version 1.0.0 as before, and that", kDone},
     {"", {"keep-firmware"}, "", "2", {"--force"}, 0, "written: 1:", kDone},

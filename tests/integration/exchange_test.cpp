@@ -10,11 +10,11 @@
 
 namespace {
 
-using test::complaints;
 using test::error_of;
 using test::eventually;
 using test::name;
 using test::plug;
+using test::protocol_violations;
 using test::RecordingClient;
 using test::requests;
 using test::sim;
@@ -40,7 +40,7 @@ TEST_F(Exchange, AMissingResponseTimesOutAndTheLinkLives) {
               "Transport Error - Waiting for response to request timed out.");
     client.gcode_process_command(device, text("M105"));
     EXPECT_EQ(JovuTransport::last_send_error(), "");
-    EXPECT_EQ(complaints(device), 0);
+    EXPECT_EQ(protocol_violations(device), 0);
 }
 
 TEST_F(Exchange, SplitAnswersAndFloodsAreRead) {

@@ -46,18 +46,36 @@ declare -A modules=(
     [jobs]='base json usb'
     [dfu]='base'
 )
-for folder in src/*/; do
-    module=$(basename "$folder")
-    [[ -v modules[$module] ]] || { forbid "a module that is not in the list" "$folder"; continue; }
-    allowed="jovu $module ${modules[$module]}"
-    forbid "src/$module may include ${allowed% } only" \
-        "$(includes "$folder" | grep '"' | grep -vE "\"(${allowed// /|})/" || true)"
-    # A source and its header count as one.
-    forbid "the files of src/$module include one another in a circle" \
-        "$(includes "$folder" |
-            sed -nE "s#^.*/([a-z_]+)\.(h|cpp):[0-9]+:.*\"$module/([a-z_]+)\.h\".*#\1 \3#p" |
+# The folders of the simulated controller, likewise.
+declare -A simulator=(
+    [firmware/base]=''
+    [firmware/servo]='firmware/base'
+    [firmware/machine]='firmware/base firmware/servo'
+    [firmware/commands]='firmware/base firmware/machine'
+    [firmware/usb]='firmware/base firmware/machine firmware/commands'
+    [bus]='firmware/base firmware/usb'
+    [tool]='bus firmware/base firmware/usb'
+)
+
+# module ROOT FOLDER ALLOWED: the includes of one folder. A source and its header count as one file.
+module() {
+    local lines
+    lines=$(includes "$1/$2" | grep '"')
+    forbid "$1/$2 may include $3 only" "$(grep -vE "\"(${3// /|})/" <<<"$lines" || true)"
+    forbid "the files of $1/$2 include one another in a circle" \
+        "$(sed -nE "s#^.*/([a-z_]+)\.(h|cpp):[0-9]+:.*\"$2/([a-z_]+)\.h\".*#\1 \3#p" <<<"$lines" |
             { tsort 2>&1 >/dev/null || true; })"
+}
+
+for folder in src/*/; do
+    name=$(basename "$folder")
+    [[ -v modules[$name] ]] || { forbid "a module that is not in the list" "$folder"; continue; }
+    module src "$name" "$(xargs <<<"jovu $name ${modules[$name]}")"
 done
+while IFS= read -r folder; do
+    [[ -v simulator[${folder#sim/}] ]] || { forbid "a module that is not in the list" "$folder"; continue; }
+    module sim "${folder#sim/}" "$(xargs <<<"${folder#sim/} ${simulator[${folder#sim/}]}")"
+done < <(find sim -name '*.cpp' -printf '%h\n' | sort -u)
 
 forbid "only src/usb may name libusb.h" \
     "$(grep -rn '\blibusb\.h' include src tools | grep -v '^src/usb/' || true)"

@@ -1,10 +1,11 @@
 // The bus: faults on demand, and what outlives the program that has a device open.
 #include <gtest/gtest.h>
 
+#include <array>
 #include <cerrno>
 
-#include "bus/descriptors.h"
-#include "bus/local_socket.h"
+#include "bus/enumeration.h"
+#include "bus/file_descriptor.h"
 #include "bus/sim_device.h"
 #include "firmware_host.h"
 
@@ -13,61 +14,52 @@ namespace {
 
 using Host = FirmwareHost;
 
-TEST(FaultBoard, FaultsHappenInTheirOrderAndNumber) {
-    struct Setting {
-        int error;
-        std::uint32_t count;
-        std::uint32_t skip;
-    };
+TEST(FaultTable, FaultsHappenInTheirOrderAndNumber) {
+    using Setting = std::array<std::uint32_t, 2>;
     const struct {
-        std::vector<Setting> settings;
-        std::vector<int> taken;  ///< one after the other
+        std::vector<Setting> settings;  ///< count and skip; the errnos are 1, 2, ...
+        std::vector<int> taken;         ///< one after the other
     } cases[] = {
         {{}, {0}},
-        {{{EIO, 0, 0}}, {0}},
-        {{{EIO, 1, 0}}, {EIO, 0, 0}},
-        {{{EIO, 3, 2}}, {0, 0, EIO, EIO, EIO, 0}},
-        {{{EIO, kAlways, 1}}, {0, EIO, EIO, EIO, EIO}},
-        {{{EIO, 1, 1}, {EPIPE, 2, 1}}, {0, EIO, 0, EPIPE, EPIPE, 0}},
+        {{{0, 0}}, {0}},
+        {{{1, 0}}, {1, 0, 0}},
+        {{{3, 2}}, {0, 0, 1, 1, 1, 0}},
+        {{{kAlways, 1}}, {0, 1, 1, 1, 1}},
+        {{{1, 1}, {2, 1}}, {0, 1, 0, 2, 2, 0}},
     };
     for (const auto& c : cases) {
-        FaultBoard board;
-        for (const Setting& s : c.settings)
-            board.add(BusFault::status, kMessageOut, s.error, s.count, s.skip);
-        board.add(BusFault::status, kJobOut, EPERM, kAlways, 0);
-        board.add(BusFault::submit, kMessageOut, EPERM, kAlways, 0);
-        board.add(BusFault::never, kMessageOut, 0, 1, 0);
-        for (const int error : c.taken)
-            EXPECT_EQ(board.take(BusFault::status, kMessageOut), error) << &c - cases;
-        EXPECT_EQ(board.take(BusFault::never, kMessageOut), 1);
-        EXPECT_EQ(board.take(BusFault::submit, kMessageOut), EPERM);
-        board.clear();
-        EXPECT_EQ(board.take(BusFault::submit, kMessageOut), 0);
+        FaultTable table;
+        int error = 0;
+        for (const auto& [count, skip] : c.settings)
+            table.add(BusFault::status, kMessageOut, ++error, count, skip);
+        table.add(BusFault::status, kJobOut, EPERM, kAlways, 0);
+        table.add(BusFault::submit, kMessageOut, EPERM, kAlways, 0);
+        table.add(BusFault::never, kMessageOut, 0, 1, 0);
+        for (const int taken : c.taken)
+            EXPECT_EQ(table.take(BusFault::status, kMessageOut), taken) << &c - cases;
+        EXPECT_EQ(table.take(BusFault::never, kMessageOut), 1);
+        EXPECT_EQ(table.take(BusFault::submit, kMessageOut), EPERM);
+        table.clear();
+        EXPECT_EQ(table.take(BusFault::submit, kMessageOut), 0);
     }
 }
 
-TEST(FaultBoard, CountsTheBytesUntilTheUnplug) {
-    using Left = std::optional<std::size_t>;
-    const struct {
-        std::uint64_t limit;
-        std::vector<std::size_t> sizes;
-        std::vector<Left> left;
-    } cases[] = {
-        {0, {5, 5}, {Left(0), {}}},
-        {5, {5, 5}, {Left(5), {}}},
-        {6, {5, 5, 5}, {{}, Left(1), {}}},
-        {10, {4, 5, 3}, {{}, {}, Left(1)}},
-    };
-    for (const auto& c : cases) {
-        FaultBoard board;
-        board.unplug_after(kJobOut, c.limit);
-        for (std::size_t i = 0; i < c.sizes.size(); ++i) {
-            EXPECT_EQ(board.count_out(kMessageOut, 1000), Left()) << "another endpoint";
-            EXPECT_EQ(board.count_out(kJobOut, c.sizes[i]), c.left[i]) << c.limit << ": " << i;
+TEST(FaultTable, CountsTheBytesUntilTheUnplug) {
+    for (const std::size_t limit : {0U, 5U, 6U, 10U}) {
+        FaultTable table;
+        table.unplug_after(kJobOut, limit);
+        for (std::size_t sent = 0; sent <= limit; sent += 5) {
+            EXPECT_FALSE(table.count_out(kMessageOut, 1000)) << "another endpoint";
+            const auto left = table.count_out(kJobOut, 5);
+            EXPECT_EQ(left.has_value(), sent + 5 >= limit) << limit << ": " << sent;
+            if (!left) continue;
+            EXPECT_EQ(*left, limit - sent);
+            EXPECT_FALSE(table.count_out(kJobOut, 5)) << "once";
+            break;
         }
-        board.unplug_after(kJobOut, 0);
-        board.clear();
-        EXPECT_EQ(board.count_out(kJobOut, 1), Left());
+        table.unplug_after(kJobOut, 0);
+        table.clear();
+        EXPECT_FALSE(table.count_out(kJobOut, 1));
     }
 }
 
@@ -93,10 +85,8 @@ TEST(Descriptors, SayWhatTheDeviceIs) {
               "07058102400000"
               "07050202000200"
               "0904010000fe000000\n");
-    const std::string texts[] = {
-        {4, 3, 9, 4}, {4, 3, 'M', 0}, {6, 3, 'P', 0, '\\', 0}, {4, 3, 'S', 0}, {4, 3, 'n', 0}};
-    for (std::uint8_t i = 0; i < 5; ++i)
-        EXPECT_EQ(find_descriptor(identity, 3, i), texts[i]) << int{i};
+    EXPECT_EQ(find_descriptor(identity, 3, 2), std::string({6, 3, 'P', 0, '\\', 0}));
+    EXPECT_EQ(find_descriptor(identity, 3, 4), std::string({4, 3, 'n', 0}));
     EXPECT_FALSE(find_descriptor(identity, 3, 5) || find_descriptor(identity, 3, 6));
     EXPECT_FALSE(find_descriptor(identity, 1, 1) || find_descriptor(identity, 2, 1));
     EXPECT_FALSE(find_descriptor(identity, 4, 0));
@@ -175,6 +165,7 @@ public:
         EXPECT_EQ(device_.reset(), 0);
         std::optional<Urb> ended;
         EXPECT_EQ(device_.reap(client_, ended), 0);
+        EXPECT_EQ(device_.stats()["endpoints"]["83"]["in_flight"], 0);
         EXPECT_EQ(device_.release(client_, 1), EINVAL) << "the reset has taken it away";
     }
 
@@ -202,7 +193,7 @@ private:
 };
 
 std::unique_ptr<Controller> controller() {
-    return std::make_unique<Controller>(DeviceNature{"S", kApplicationProduct, 1.0});
+    return std::make_unique<Controller>(DeviceConfig{"S", kApplicationProduct, 1.0});
 }
 
 TEST(Bus, AnswersStandardRequestsItself) {
@@ -214,11 +205,13 @@ TEST(Bus, AnswersStandardRequestsItself) {
         std::uint8_t request;
         unsigned value;
         std::uint8_t length;
-        std::string answer;
+        std::string response;
     } cases[] = {
         {0x80, 6, 0x0100, 18, descriptor},
         {0x80, 6, 0x0100, 200, descriptor},
         {0x80, 6, 0x0100, 8, descriptor.substr(0, 8)},
+        {0x80, 6, 0x0300, 9, {4, 3, 9, 4}},
+        {0x80, 6, 0x0301, 9, {10, 3, 'J', 0, 'o', 0, 'V', 0, 'u'}},
         {0x80, 6, 0x0303, 9, {4, 3, 'S', 0}},
         {0x80, 6, 0x0309, 9, "stall"},
         {0x00, 6, 0x0100, 0, "stall"},
@@ -231,7 +224,7 @@ TEST(Bus, AnswersStandardRequestsItself) {
         {0xA1, 3, 0, 6, "stall"},
     };
     for (const auto& c : cases)
-        EXPECT_EQ(program.ask(c.type, c.request, c.value, c.length), c.answer) << &c - cases;
+        EXPECT_EQ(program.ask(c.type, c.request, c.value, c.length), c.response) << &c - cases;
 }
 
 TEST(Bus, InterfacesAndTransfersBelongToOneProgram) {
@@ -244,7 +237,7 @@ TEST(Bus, InterfacesAndTransfersBelongToOneProgram) {
     EXPECT_EQ(second.release(0), EINVAL);
     std::string buffers[4] = {std::string(64, 0), std::string(64, 0), std::string(64, 0),
                               std::string(10, 0)};
-    device.with_faults([](FaultBoard& faults) { faults.add(BusFault::never, kJobIn, 0, 1, 0); });
+    device.with_faults([](FaultTable& faults) { faults.add(BusFault::never, kJobIn, 0, 1, 0); });
     const std::uint64_t stuck = second.begin(kJobIn, buffers[0]);
     EXPECT_EQ(first.begin(kMessageIn, buffers[1]), stuck) << "handles are each program's own";
     second.begin(kJobIn, buffers[2]);
@@ -305,7 +298,7 @@ TEST(Bus, WhatADeviceHasNotSentOutlivesTheProgramButNoReset) {
             next.send(kJobOut, status);
             EXPECT_EQ(Json::parse(next.read(kJobIn))["error"], 1) << "the push was cut off";
         }
-        EXPECT_EQ(device.stats()["complaints"]["count"], 0) << c.what;
+        EXPECT_EQ(device.stats()["protocol_violations"]["count"], 0) << c.what;
     }
 }
 

@@ -4,20 +4,22 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <iomanip>
 #include <sstream>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
-#include "firmware/controller.h"
-#include "firmware/values.h"
+#include "firmware/base/values.h"
+#include "firmware/usb/controller.h"
 
 namespace jovusim::test {
 
 /// Speaks to a controller without any bus.
 class FirmwareHost {
 public:
-    explicit FirmwareHost(double pace = 1.0) : controller({"JVSTEST", kApplicationProduct, pace}) {}
+    explicit FirmwareHost(double time_scale = 1.0)
+        : controller({"JVSTEST", kApplicationProduct, time_scale}) {}
 
     void send(std::uint8_t endpoint, const std::string& bytes) {
         controller.receive(endpoint, reinterpret_cast<const std::uint8_t*>(bytes.data()),
@@ -46,56 +48,79 @@ public:
         return messages(read(kMessageIn));
     }
 
-    /// Sends a command and returns the body of its answer, as {"idx":..,"args":..,"__return__":..}.
-    /// Events that come before it are dropped.
-    Json call(const std::string& name, const std::string& args = "") {
-        const Command* command_row = find_command(name);
-        if (command_row == nullptr) throw std::runtime_error("no command " + name);
-        const auto answers = exchange(command(1, command_row->idx, name, args));
-        return answers.empty() ? Json() : answers.back()["data"]["command"];
+    /// The result of a command with these arguments, valid or not; null when it was refused.
+    Json result(const std::string& name, const std::string& args) {
+        const auto messages = exchange(command(1, find_command(name)->idx, name, args));
+        return messages.back()["data"]["command"].value("__return__", Json());
     }
 
-    /// The result of a command; null when it was refused.
-    Json result(const std::string& name, const std::string& args = "") {
-        const Json body = call(name, args);
-        return body.contains("__return__") ? body["__return__"] : Json();
+    /// Carries out one command, such as "gpio_get_raw 5", and returns its result. Prefixes of
+    /// families may be left out. An argument is JSON or a string in quotes; for a structure, it is
+    /// an object with the members that differ from the defaults below.
+    /// @param more what else came back: arguments that the device has changed, debug events
+    Json ask(const std::string& step, std::string* more = nullptr) {
+        std::istringstream words(step);
+        std::string word;
+        words >> word;
+        const Command* row = nullptr;
+        for (const char* family : {"", "servo_dc_", "gcode_process_", "heater_", "wifi_"})
+            if (row == nullptr) row = find_command(family + word);
+        if (row == nullptr) throw std::runtime_error("no command " + word);
+        Json args;
+        for (std::size_t i = 0; words >> std::ws && words.peek() != EOF; ++i) {
+            const bool is_string = words.peek() == '"';
+            words >> std::quoted(word);
+            Json value = Json::parse(is_string ? bytes_of(word) : word);
+            const std::string key = row->arguments.at(i).key;
+            if (key == "config" && value.is_object())
+                value = changed(ask("config_get " + args["servo_name"].dump()), value);
+            if (key == "move_config") value = Json::array({changed(Json::parse(kMove), value)});
+            if (key == "modifer_data" || key == "modifier_data")
+                value = Json::array({changed(Json::parse(kModifier), value)});
+            args[key] = value;
+        }
+        const auto messages =
+            exchange(command(1, row->idx, row->name, args.is_null() ? "" : args.dump()));
+        const Json body = messages.back()["data"]["command"];
+        for (const auto& [key, value] : args.items())
+            if (more != nullptr && body["args"][key] != value)
+                *more += " " + body["args"][key].dump();
+        for (const Json& message : messages) {
+            const Json event = message["data"].value("event", Json::object());
+            if (more != nullptr && event.value("name", "") == "debug_event")
+                *more += " " + string_from_json(event["args"]["text"]).value();
+        }
+        return body.value("__return__", Json());
     }
 
-    /// Plays steps such as "gpio_get_raw 5 -> 1;": a command with its arguments, then its result,
-    /// the arguments that the device has changed and the texts of debug events. "+20;" waits.
-    /// Returns the steps as they went.
+    /// Plays a conversation: steps that end with ";". "+20" waits, "?heater/state" is a member of
+    /// the machine's stats, and any other step is for ask(). Returns the steps with what came back,
+    /// as "gpio_get_raw 5 -> 1;", so that a whole script can be compared.
     std::string play(const std::string& script) {
         std::string out;
-        std::istringstream steps(script);
-        for (std::string step; std::getline(steps, step, ';'); out += ";") {
-            std::istringstream words(step.substr(0, step.find(" ->")));
-            out += words.str();
-            std::string word;
-            if (!(words >> word)) break;
-            if (word.front() == '+') {
-                wait(std::stol(word));
+        std::string step;
+        bool quoted = false;
+        for (const char c : script) {
+            if (c == '"') quoted = !quoted;
+            if (c != ';' || quoted) {
+                step += c;
                 continue;
             }
-            const Command* const row = find_command(word);
-            if (row == nullptr) throw std::runtime_error("no command " + word);
-            Json args;
-            for (std::size_t i = 0; words >> word; ++i) {
-                if (word.front() == '"') word = bytes_of(word.substr(1, word.size() - 2));
-                args[row->arguments.at(i).key] = Json::parse(word);
+            step = step.substr(0, step.find(" ->"));
+            out += step;
+            const std::string words = step.substr(step.find_first_not_of("\n "));
+            std::string more;
+            if (words[0] == '+') {
+                wait(std::stol(words));
+            } else if (words[0] == '?') {
+                out += " -> " + machine().at(Json::json_pointer("/" + words.substr(1))).dump();
+            } else {
+                out += " -> " + ask(words, &more).dump();
             }
-            const std::string sent = args.is_null() ? "" : args.dump();
-            const auto answers = exchange(command(1, row->idx, row->name, sent));
-            const Json body = answers.back()["data"]["command"];
-            out += " -> " + body.value("__return__", Json()).dump();
-            for (const auto& [key, value] : args.items())
-                if (body["args"][key] != value) out += " " + body["args"][key].dump();
-            for (const Json& answer : answers) {
-                const Json event = answer["data"].value("event", Json::object());
-                if (event.value("name", "") == "debug_event")
-                    out += " " + text_from_json(event["args"]["text"]).value();
-            }
+            out += more + ";";
+            step.clear();
         }
-        return out;
+        return out + step;
     }
 
     /// Lets time go by as the bus does, in steps.
@@ -110,7 +135,7 @@ public:
     Json machine() { return stats()["machine"]; }
 
     Json stats() { return controller.stats(now); }
-    std::uint64_t complaints() { return stats()["complaints"]["count"]; }
+    std::uint64_t violations() { return stats()["protocol_violations"]["count"]; }
 
     /// A frame, made here and not by the code under test.
     static std::string framed(const std::string& payload) {
@@ -145,6 +170,18 @@ public:
         }
         return out + "0]";
     }
+
+    static Json changed(Json value, const Json& changes) {
+        value.update(changes);
+        return value;
+    }
+    static constexpr const char* kMove =
+        R"({"move_type":0,"start_sync":0,"target":0.0,"distance":0.0,"speed_f":50,"accel_f":1000,)"
+        R"("decel_f":1000,"max_cycles":0,"metric_skip":0,"speed_offset_upramp_f":0,)"
+        R"("speed_offset_downramp_f":0,"ignore_stalls":0,"slaved":0,"slave_ratio":1})";
+    static constexpr const char* kModifier =
+        R"({"servo_name":0,"type":0,"pos":0.0,"vel":0,"accel":0,"decel":0,"validation_pos":0,)"
+        R"("use_validation_pos":0,"decel_ramp_skip":0,"data":0,"active":1})";
 
     Controller controller;
     Millis now = 1'000'000;

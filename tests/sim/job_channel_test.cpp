@@ -1,6 +1,8 @@
-// The job channel of the firmware model: requests, pushes, status reports.
+// The job channel: requests, pushes, status reports.
 #include <gtest/gtest.h>
 #include <zlib.h>
+
+#include <map>
 
 #include "firmware_host.h"
 
@@ -11,64 +13,63 @@ std::string request(const std::string& type) {
     return R"({"metadata":{"version":1,"type":")" + type + R"("}})";
 }
 
-class JobChannelTest : public ::testing::Test {
-protected:
-    Json status() {
-        host_.send(kJobOut, request("status"));
-        return Json::parse(host_.read(kJobIn));
-    }
-
-    static std::string data(std::size_t size) {
-        std::string out(size, '\0');
-        for (std::size_t i = 0; i < size; ++i)
-            out[i] = static_cast<char>(i * 31 >> 3U);
-        return out;
-    }
-
-    static std::string announcement(std::size_t size, unsigned long sum,
-                                    const std::string& id = "") {
-        return R"({"metadata":{"version":1,"type":"file_push"},"file_push":{"size":)" +
-               std::to_string(size) + R"(,"adler32":)" + std::to_string(sum) + R"(,"job_id":")" +
-               id + R"("}})";
-    }
-
-    /// The protocol's checksum starts from 0, not from 1.
-    static unsigned long sum_of(const std::string& bytes) {
-        return adler32_z(0, reinterpret_cast<const Bytef*>(bytes.data()), bytes.size());
-    }
-
-    static std::string push(const std::string& bytes, const std::string& id = "") {
-        return announcement(bytes.size(), sum_of(bytes), id) + bytes;
-    }
-
-    FirmwareHost host_;
-};
-
-TEST_F(JobChannelTest, ReportsEveryField) {
-    host_.send(kJobOut, push(data(10), "my-job"));
-    host_.now += 1500;
-    const Json report = status();
-    EXPECT_EQ(report["metadata"].dump(), R"({"version":1,"type":"status"})");
-    EXPECT_EQ(report["printer"].dump(),
-              R"({"model_name":"JoVu Simulator","cpu_id":"JVSTEST",)"
-              R"("firmware":{"name":"jovu-sim","version":"1.0.0"},"accept_version":1})");
-    EXPECT_EQ(report["status"]["state"], "printing");
-    EXPECT_EQ(report["status"]["build_plate"], "present");
-    EXPECT_EQ(report["status"]["filament"], "loaded");
-    EXPECT_GT(report["status"]["extruder_temperature"], 100.0);
-    EXPECT_EQ(report["job"].dump(),
-              R"({"id":"my-job","progress":37,"file":"push-1.gcode","time_elapsed":1})");
-    EXPECT_EQ(report["time"].dump(), R"({"boot":1,"idle":0})");
-    EXPECT_EQ(report["error"], 0);
-    EXPECT_EQ(host_.complaints(), 0U);
+std::string pushing(const std::string& body) {
+    return R"({"metadata":{"version":1,"type":"file_push"},"file_push":)" + body + "}";
 }
 
-TEST_F(JobChannelTest, AReportIsARunOfPacketsOfItsOwn) {
-    for (int id_length = 0; id_length < 70; ++id_length) {
-        host_.send(kJobOut, push("", std::string(static_cast<std::size_t>(id_length), 'x')));
-        host_.send(kJobOut, request("status") + request("status") + request("abort"));
+std::string data(std::size_t size) {
+    std::string out(size, '\0');
+    for (std::size_t i = 0; i < size; ++i)
+        out[i] = static_cast<char>(i * 31 >> 3U);
+    return out;
+}
+
+/// The protocol's checksum starts from 0, not from 1.
+unsigned long sum_of(const std::string& bytes) {
+    return adler32_z(0, reinterpret_cast<const Bytef*>(bytes.data()), bytes.size());
+}
+
+/// @param wrong added to the checksum @param more members
+std::string announcement(const std::string& bytes, const std::string& id = "",
+                         unsigned long wrong = 0, const std::string& more = "") {
+    return pushing("{\"size\":" + std::to_string(bytes.size()) +
+                   ",\"adler32\":" + std::to_string(sum_of(bytes) + wrong) + ",\"job_id\":\"" + id +
+                   "\"" + more + "}");
+}
+
+std::string push(const std::string& bytes, const std::string& id = "") {
+    return announcement(bytes, id) + bytes;
+}
+
+Json report(FirmwareHost& host) {
+    host.send(kJobOut, request("status"));
+    return Json::parse(host.read(kJobIn));
+}
+
+TEST(JobChannel, ReportsEveryField) {
+    FirmwareHost host;
+    host.send(kJobOut, push(data(10), "my-job"));
+    host.now += 1500;
+    Json got = report(host);
+    EXPECT_GT(got["status"]["extruder_temperature"], 100.0);
+    got["status"].erase("extruder_temperature");
+    EXPECT_EQ(got.dump(),
+              R"({"metadata":{"version":1,"type":"status"},)"
+              R"("printer":{"model_name":"JoVu Simulator","cpu_id":"JVSTEST",)"
+              R"("firmware":{"name":"jovu-sim","version":"1.0.0"},"accept_version":1},)"
+              R"("status":{"state":"printing","build_plate":"present","filament":"loaded"},)"
+              R"("job":{"id":"my-job","progress":37,"file":"push-1.gcode","time_elapsed":1},)"
+              R"("time":{"boot":1,"idle":0},"error":0})");
+    EXPECT_EQ(host.violations(), 0U);
+}
+
+TEST(JobChannel, AReportIsARunOfPackets) {
+    FirmwareHost host;
+    for (std::size_t id_length = 0; id_length < 70; ++id_length) {
+        host.send(kJobOut, push("", std::string(id_length, 'x')));
+        host.send(kJobOut, request("status") + request("status") + request("abort"));
         std::vector<std::string> runs(1);
-        for (const std::string& packet : host_.packets(kJobIn)) {
+        for (const std::string& packet : host.packets(kJobIn)) {
             ASSERT_LE(packet.size(), kMaxPacket);
             runs.back() += packet;
             if (packet.size() < kMaxPacket) runs.emplace_back();
@@ -78,129 +79,122 @@ TEST_F(JobChannelTest, AReportIsARunOfPacketsOfItsOwn) {
     }
 }
 
-TEST_F(JobChannelTest, JobsComeAndGo) {
-    struct Step {
-        std::string sent;
-        Millis wait;
-        std::string state;
-        int progress;
-        int error;
+/// Plays steps such as "push10 pause -> paused 0 0;": what is sent at once, by the names below, or
+/// the milliseconds that pass, then state, progress and error of the job.
+std::string play(FirmwareHost& host, const std::string& script) {
+    static const std::map<std::string, std::string> sent = {
+        {"pause", request("pause")},
+        {"abort", request("abort")},
+        {"status", request("status")},
+        {"push0", push("")},
+        {"push10", push(data(10))},
+        {"push5121", push(data(5121))},
+        {"push7000", push(data(7000))},
+        {"pushabort", push(data(50) + request("abort"))},
+        {"pushbraces", push("", R"({{ \"})")},
+        {"pushabc", push("abc")},
+        {"compressed", announcement("abc", "", 0,
+                                    R"(,"compression":{"algorithm":"deflate",)"
+                                    R"("decompressed_length":99})") +
+                           "abc"},
+        {"announceabc", announcement("abc")},
+        {"badsum", announcement("abc", "", 1)},
+        {"announce300", announcement(data(300))},
+        {"data200", data(200)},
     };
-    const std::string pause = request("pause");
-    const std::string abort = request("abort");
-    const std::string compressed =
-        R"({"metadata":{"version":1,"type":"file_push"},"file_push":{"size":3,"adler32":)" +
-        std::to_string(sum_of("abc")) +
-        R"(,"job_id":"","compression":{"algorithm":"deflate","decompressed_length":99}}}abc)";
+    std::string out;
+    std::istringstream steps(script);
+    for (std::string step; std::getline(steps, step, ';');) {
+        step = step.substr(0, step.find(" ->"));
+        std::istringstream words(step);
+        std::string bytes;
+        for (std::string word; words >> word;) {
+            if (word[0] == '+') {
+                host.now += std::stol(word);
+            } else {
+                const auto found = sent.find(word);
+                bytes += found == sent.end() ? word : found->second;
+            }
+        }
+        if (!bytes.empty()) host.send(kJobOut, bytes);
+        const Json job = host.stats()["job"];
+        out += step + " -> " + job["state"].get<std::string>() + " " + job["progress"].dump() +
+               " " + job["error"].dump() + ";";
+    }
+    return out;
+}
+
+TEST(JobChannel, Conversations) {
     const struct {
-        const char* what;
-        std::vector<Step> steps;
-        unsigned complaints = 0;
+        const char* script;
+        unsigned violations = 0;
+        double time_scale = 1;
     } cases[] = {
-        {"to its end",
-         {{push(data(5121)), 0, "printing", 0, 0},
-          {"", 2000, "printing", 50, 0},
-          {"", 2000, "finished", 100, 0}}},
-        {"without a byte", {{push(""), 0, "printing", 0, 0}}},
-        {"compressed", {{compressed, 0, "printing", 0, 0}}},
-        {"blanks and braces in a string", {{push("", "{{ \\\"}"), 0, "printing", 0, 0}}},
-        {"paused",
-         {{push(data(10)), 1000, "printing", 25, 0},
-          {pause, 60000, "paused", 25, 0},
-          {pause, 2900, "printing", 97, 0},
-          {"", 100, "finished", 100, 0}}},
-        {"paused by the request behind it", {{push(data(100)) + pause, 0, "paused", 0, 0}}},
-        {"no job to pause or abort", {{pause + abort, 0, "idle", 0, 0}}},
-        {"a request in the data", {{push(data(50) + abort), 0, "printing", 0, 0}}},
-        {"a request while data is owed",
-         {{announcement(1000, 0) + request("status") + abort, 0, "receiving", 0, 0}}},
-        {"another checksum",
-         {{announcement(3, sum_of("abc") + 1) + "abc", 0, "error", 0, 2},
-          {push("abc"), 0, "printing", 0, 0}},
-         1},
-        {"stopped",
-         {{announcement(300, 1) + data(200), 10000, "receiving", 0, 0}, {"", 1, "error", 0, 1}},
-         1},
-        {"slow",
-         {{announcement(3, sum_of("abc")) + "a", 9999, "receiving", 0, 0},
-          {"b", 9999, "receiving", 0, 0},
-          {"c", 0, "printing", 0, 0}}},
-        {"another job while it runs",
-         {{push(data(10)), 0, "printing", 0, 0},
-          {push(data(7000)), 0, "printing", 0, 4},
-          {abort, 5000, "aborted", 0, 0}}},
+        {"push5121 -> printing 0 0;+2000 -> printing 50 0;+2000 -> finished 100 0;"},
+        {"push0 -> printing 0 0;"},
+        {"compressed -> printing 0 0;"},
+        {"pushbraces -> printing 0 0;"},
+        {"push10 -> printing 0 0;+1000 -> printing 25 0;pause -> paused 25 0;+60000 -> paused 25 0;"
+         "pause -> printing 25 0;+2900 -> printing 97 0;+100 -> finished 100 0;"},
+        {"push10 pause -> paused 0 0;"},
+        {"pause abort -> idle 0 0;"},
+        {"pushabort -> printing 0 0;"},
+        {"announce300 status abort -> receiving 0 0;"},
+        {"badsum abc -> error 0 2;pushabc -> printing 0 0;", 1},
+        {"announce300 data200 -> receiving 0 0;+10000 -> receiving 0 0;+1 -> error 0 1;", 1},
+        {"announceabc a -> receiving 0 0;+9999 -> receiving 0 0;b -> receiving 0 0;"
+         "+9999 -> receiving 0 0;c -> printing 0 0;"},
+        {"push10 -> printing 0 0;push7000 -> printing 0 4;abort -> aborted 0 0;+5000 -> aborted 0 "
+         "0;"},
+        {"announceabc -> receiving 0 0;+9000 -> receiving 0 0;abc -> printing 0 0;"
+         "+41 -> finished 100 0;",
+         0, 100},
     };
     for (const auto& c : cases) {
-        FirmwareHost host;
-        for (const Step& step : c.steps) {
-            if (!step.sent.empty()) host.send(kJobOut, step.sent);
-            host.now += step.wait;
-            const Json job = host.stats()["job"];
-            EXPECT_EQ(job["state"], step.state) << c.what;
-            EXPECT_EQ(job["progress"], step.progress) << c.what;
-            EXPECT_EQ(job["error"], step.error) << c.what;
-        }
-        EXPECT_EQ(host.read(kJobIn), "") << c.what;
-        EXPECT_EQ(host.complaints(), c.complaints) << c.what;
+        FirmwareHost host(c.time_scale);
+        EXPECT_EQ(play(host, c.script), c.script);
+        EXPECT_EQ(host.read(kJobIn), "") << c.script;
+        EXPECT_EQ(host.violations(), c.violations) << c.script;
     }
     EXPECT_EQ(sum_of("abc"), 0x024A0126U);
 }
 
-TEST_F(JobChannelTest, RefusesWhatItCannotRead) {
-    const auto pushing = [](const std::string& body) {
-        return R"({"metadata":{"version":1,"type":"file_push"},"file_push":)" + body + "}";
-    };
-    const struct {
-        const char* what;
-        std::string text;
-        int error;
-    } cases[] = {
-        {"no JSON", "{oops}", 5},
-        {"no metadata", R"({"a":1})", 5},
-        {"unknown type", request("dance"), 5},
-        {"other version", R"({"metadata":{"version":2,"type":"status"}})", 5},
-        {"order", R"({"metadata":{"type":"status","version":1}})", 5},
-        {"type no string", R"({"metadata":{"version":1,"type":1}})", 5},
-        {"deep", "{\"a\":" + std::string(3000, '[') + std::string(3000, ']') + "}", 5},
-        {"endless", std::string(70000, '{'), 5},
-        {"no body", request("file_push"), 3},
-        {"negative size", pushing(R"({"size":-1,"adler32":0,"job_id":""})"), 3},
-        {"checksum too large", pushing(R"({"size":1,"adler32":4294967296,"job_id":""})"), 3},
-        {"id no string", pushing(R"({"size":1,"adler32":0,"job_id":1})"), 3},
-        {"order of the body", pushing(R"({"adler32":0,"size":1,"job_id":""})"), 3},
-        {"other compression",
-         pushing(R"({"size":1,"adler32":0,"job_id":"","compression":{"algorithm":"zip",)"
-                 R"("decompressed_length":1}})"),
+TEST(JobChannel, RefusesWhatItCannotRead) {
+    const std::pair<std::string, int> cases[] = {
+        {"{oops}", 5},
+        {R"({"a":1})", 5},
+        {request("dance"), 5},
+        {R"({"metadata":{"version":2,"type":"status"}})", 5},
+        {R"({"metadata":{"type":"status","version":1}})", 5},
+        {R"({"metadata":{"version":1,"type":1}})", 5},
+        {"{\"a\":" + std::string(3000, '[') + std::string(3000, ']') + "}", 5},
+        {std::string(70000, '{'), 5},
+        {request("file_push"), 3},
+        {pushing(R"({"size":-1,"adler32":0,"job_id":""})"), 3},
+        {pushing(R"({"size":1,"adler32":4294967296,"job_id":""})"), 3},
+        {pushing(R"({"size":1,"adler32":0,"job_id":1})"), 3},
+        {pushing(R"({"adler32":0,"size":1,"job_id":""})"), 3},
+        {announcement("a", "", 0, R"(,"compression":{"algorithm":"zip","decompressed_length":1})"),
          3},
     };
-    for (const auto& c : cases) {
+    for (const auto& [sent, error] : cases) {
         FirmwareHost host;
-        host.send(kJobOut, c.text);
-        EXPECT_EQ(host.stats()["job"]["error"], c.error) << c.what;
-        EXPECT_EQ(host.stats()["job"]["state"], "error") << c.what;
-        EXPECT_GT(host.complaints(), 0U) << c.what;
-        EXPECT_EQ(host.read(kJobIn), "") << c.what;
+        host.send(kJobOut, sent);
+        EXPECT_EQ(host.stats()["job"]["error"], error) << sent.substr(0, 99);
+        EXPECT_EQ(host.stats()["job"]["state"], "error") << sent.substr(0, 99);
+        EXPECT_GT(host.violations(), 0U) << sent.substr(0, 99);
+        EXPECT_EQ(host.read(kJobIn), "") << sent.substr(0, 99);
     }
 }
 
-TEST_F(JobChannelTest, FindsARequestThatComesInPieces) {
+TEST(JobChannel, FindsARequestThatComesInPieces) {
+    FirmwareHost host;
     for (const char c : request("status"))
-        host_.send(kJobOut, std::string(1, c));
-    EXPECT_EQ(Json::parse(host_.read(kJobIn))["error"], 0);
-    host_.send(kJobOut, "stray" + request("status"));
-    EXPECT_EQ(Json::parse(host_.read(kJobIn))["error"], 0);
-    EXPECT_EQ(host_.complaints(), 1U);
-}
-
-TEST(JobPace, SpeedsTheMachineUpButNotTheProtocol) {
-    FirmwareHost host(100.0);
-    host.send(kJobOut, R"({"metadata":{"version":1,"type":"file_push"},)"
-                       R"("file_push":{"size":1,"adler32":0,"job_id":""}})");
-    host.now += 9000;
-    EXPECT_EQ(host.stats()["job"]["state"], "receiving");
-    host.send(kJobOut, std::string(1, '\0'));
-    host.now += 41;
-    EXPECT_EQ(host.stats()["job"]["state"], "finished");
+        host.send(kJobOut, std::string(1, c));
+    EXPECT_EQ(Json::parse(host.read(kJobIn))["error"], 0);
+    host.send(kJobOut, "stray");
+    EXPECT_EQ(report(host)["error"], 0);
+    EXPECT_EQ(host.violations(), 1U);
 }
 
 }  // namespace

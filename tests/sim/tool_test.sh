@@ -33,8 +33,8 @@ check "death by a signal" 134 "$(status "$sim" run -- sh -c 'ulimit -c 0; kill -
 check "no such program" 127 "$(status "$sim" run -- /nowhere/to/be/found)"
 check "no program at all" 126 "$(status "$sim" run -- /etc/passwd)"
 check "no command line" 2 "$(status "$sim" run)"
-check "no such number" "222222" "$(for no in "run --devices 101" "run --speed 0" \
-    "run --speed 2000000" "run --empty --devices 1" "firmware 1 --size 0" "firmware 1 --size 99999999"
+check "no such number" "222222" "$(for no in "run --devices 101" "run --time-scale 0" \
+    "run --time-scale 2000000" "run --empty --devices 1" "firmware 1 --size 0" "firmware 1 --size 99999999"
     do status "$sim" $no -- true; done | tr -d '\n')"
 check "ctl outside" 2 "$(env -u JOVU_SIM_CONTROL sh -c '"$sim" ctl list >/dev/null 2>&1; echo $?')"
 check "ctl elsewhere" 2 "$(export JOVU_SIM_CONTROL=/nowhere; status "$sim" ctl list)"
@@ -45,6 +45,9 @@ check "standard input" "hello" "$(echo hello | "$sim" run -- cat)"
 check "arguments" "-- --devices 3 -x" "$("$sim" run -- echo -- --devices 3 -x)"
 check "what is preloaded stays in front" "libm.so.6:libumockdev-preload.so.0" \
     "$(LD_PRELOAD=libm.so.6 "$sim" run -- sh -c 'echo $LD_PRELOAD')"
+check "signal settings" "$(grep -E 'Sig(Blk|Ign)' /proc/self/status)" \
+    "$("$sim" run -- grep -E 'Sig(Blk|Ign)' /proc/self/status)"
+check "timer slack" 1 "$("$sim" run -- sh -c 'cat /proc/$$/timerslack_ns')"
 check "limit of open files" "$(ulimit -n)" "$("$sim" run -- sh -c 'ulimit -n')"
 check "a working directory with a blank" "$work/a b" \
     "$(cd "$work/a b" && "$sim" run -- sh -c '"$sim" ctl list >/dev/null && pwd')"
@@ -59,7 +62,7 @@ check "statuses of requests" "0 0 1 2" "$("$sim" run -- sh -c '
     for request in list "unplug 1:2" "unplug 1:9" "list
 list"; do "$sim" ctl "$request" >/dev/null 2>&1; echo $?; done' | tr '\n' ' ' | sed 's/ $//')"
 
-# REPLY <= REQUEST | REQUEST...: each request has that reply.
+# RESPONSE <= REQUEST | REQUEST...: each request has that response.
 cat >"$work/requests" <<'END'
 ok 1:2 <= plug
 ok 1:5 <= plug 1:5 serial=JVS001003
@@ -69,42 +72,42 @@ ok 1:6 <= plug product=ffff vendor=FFFF
 ok 127:127 <= plug 127:127
 error a device is plugged in at 1:2 <= plug 1:2
 error unexpected "1:8" <= plug 1:7 1:8
-error "10000" is no hexadecimal number up to ffff <= plug product=10000
-error "" is no hexadecimal number up to ffff <= plug vendor= | plug product
-error "0:1" is no BUS:ADDR, both from 1 to 127 <= plug 0:1 | stats 0:1
-error "1:0" is no BUS:ADDR, both from 1 to 127 <= plug 1:0 | unplug 1:0
-error "1:128" is no BUS:ADDR, both from 1 to 127 <= plug 1:128
-error "128:1" is no BUS:ADDR, both from 1 to 127 <= plug 128:1
-error "1" is no BUS:ADDR, both from 1 to 127 <= plug 1
-error ":1" is no BUS:ADDR, both from 1 to 127 <= plug :1
-error "1:1x" is no BUS:ADDR, both from 1 to 127 <= plug 1:1x
+error "10000" is not a hexadecimal number from 0 to ffff <= plug product=10000
+error "" is not a hexadecimal number from 0 to ffff <= plug vendor= | plug product
+error "0:1" is not a valid BUS:ADDR: both are numbers from 1 to 127 <= plug 0:1 | stats 0:1
+error "1:0" is not a valid BUS:ADDR: both are numbers from 1 to 127 <= plug 1:0 | unplug 1:0
+error "1:128" is not a valid BUS:ADDR: both are numbers from 1 to 127 <= plug 1:128
+error "128:1" is not a valid BUS:ADDR: both are numbers from 1 to 127 <= plug 128:1
+error "1" is not a valid BUS:ADDR: both are numbers from 1 to 127 <= plug 1
+error ":1" is not a valid BUS:ADDR: both are numbers from 1 to 127 <= plug :1
+error "1:1x" is not a valid BUS:ADDR: both are numbers from 1 to 127 <= plug 1:1x
 error BUS:ADDR is missing <= unplug | fault
 error the serial number "%7f" is not printable ASCII <= plug serial=%7f
 error the serial number "%1f" is not printable ASCII <= plug serial=%1f
-error "4" is no pair of hexadecimal digits <= plug serial=%4 | send 1:2 job 004
-error "%" is no pair of hexadecimal digits <= plug serial=%
-error "zz" is no pair of hexadecimal digits <= send 1:2 job zz00
-error "" does not have 1 to 126 characters <= plug name=
+error "4" is not a pair of hexadecimal digits <= plug serial=%4 | send 1:2 job 004
+error "%" is not a pair of hexadecimal digits <= plug serial=%
+error "zz" is not a pair of hexadecimal digits <= send 1:2 job zz00
+error "" must have 1 to 126 characters <= plug name=
 error unexpected "x" <= unplug 1:5 x | replug 1:5 x | list x | stats 1:2 x | send 1:2 job 00 x | heater 1:2 plug x | gpio 1:2 0 0 x | fault 1:2 claim EIO 1 1 x | fault 1:2 open x | fault 1:2 silent 1 x | fault 1:2 drop 1 x | fault 1:2 delay 0 x | fault 1:2 corrupt id 1 x | fault 1:2 split 1 x | fault 1:2 deep 1 x | fault 1:2 flood job 1 x | fault 1:2 garbage job 1 x | fault 1:2 unplug-at 02 0 x | fault 1:2 dfu keep-firmware x | fault 1:2 clear x
 error no device at 1:9 <= unplug 1:9 | fault 1:9 open
-error "jobs" is no channel: message or job <= send 1:2 jobs 00
-error N "8" is no number from 0 to 7 <= gpio 1:2 8 1
-error level "2" is no number from 0 to 1 <= gpio 1:2 7 2
+error "jobs" is not a channel: use message or job <= send 1:2 jobs 00
+error N "8" is not a number from 0 to 7 <= gpio 1:2 8 1
+error level "2" is not a number from 0 to 1 <= gpio 1:2 7 2
 error "off" is neither plug nor unplug <= heater 1:2 off
 error the device at 1:3 is in DFU mode <= heater 1:3 plug
-error ERRNO "ENO" is no errno's name <= fault 1:2 claim ENO
-error COUNT "0" is no number from 1 to 4294967294 <= fault 1:2 claim EIO 0
-error COUNT "4294967295" is no number from 1 to 4294967294 <= fault 1:2 silent 4294967295
-error SKIP "4294967296" is no number from 0 to 4294967295 <= fault 1:2 claim EIO 1 4294967296
-error EP "100" is no endpoint address <= fault 1:2 never 100
-error EP "255" is no endpoint of the device <= fault 1:2 never FF
+error ERRNO "ENO" is not the name of an errno, such as EPIPE <= fault 1:2 claim ENO
+error COUNT "0" is not a number from 1 to 4294967294 <= fault 1:2 claim EIO 0
+error COUNT "4294967295" is not a number from 1 to 4294967294 <= fault 1:2 silent 4294967295
+error SKIP "4294967296" is not a number from 0 to 4294967295 <= fault 1:2 claim EIO 1 4294967296
+error EP "100" is not a valid endpoint address, such as 81 or 02 <= fault 1:2 never 100
+error EP "ff" is not an endpoint of the device <= fault 1:2 never FF
 error EP must be an OUT endpoint <= fault 1:2 unplug-at 81 1
-error MS "3600001" is no number from 0 to 3600000 <= fault 1:2 delay 3600001
-error N "65" is no number from 1 to 64 <= fault 1:2 split 65
-error N "0" is no number from 1 to 64 <= fault 1:2 split 0
-error "ids" cannot be corrupted <= fault 1:2 corrupt ids
+error MS "3600001" is not a number from 0 to 3600000 <= fault 1:2 delay 3600001
+error N "65" is not a number from 1 to 64 <= fault 1:2 split 65
+error N "0" is not a number from 1 to 64 <= fault 1:2 split 0
+error "ids" is not one of check, terminator, json, attrs, id, truncate <= fault 1:2 corrupt ids
 error BLOCK is missing <= fault 1:2 dfu write-error | fault 1:2 dfu unplug-at
-error TEXT is missing <= fault 1:2 dfu serial
+error STRING is missing <= fault 1:2 dfu serial
 error unknown dfu fault "x" <= fault 1:2 dfu x
 error unknown fault "x" <= fault 1:2 x
 error FAULT is missing <= fault 1:2
@@ -114,12 +117,12 @@ ok 1:2 product=0002 serial=JVS001002 clients=0, 1:3 product=00df serial=JVS00100
 ok <= unplug 1:5 | replug 1:4 | replug 1:6 | unplug 127:127
 ok 1:2 product=0002 serial=JVS001002 clients=0, 1:3 product=00df serial=JVS001003A clients=0, 1:4 product=0002 serial=JVS001004 clients=0, 1:6 product=ffff serial=JVS001006 clients=0 <= list
 END
-check "requests and replies" "" "$("$sim" run --empty -- sh -c '
+check "requests and responses" "" "$("$sim" run --empty -- sh -c '
     while IFS= read -r line; do
         rest="${line#* <= } | "
         while [ -n "$rest" ]; do
-            reply=$("$sim" ctl "${rest%%" | "*}" 2>&1 </dev/null)
-            [ "$reply" = "${line%%" <= "*}" ] || echo "${rest%%" | "*}: $reply"
+            response=$("$sim" ctl "${rest%%" | "*}" 2>&1 </dev/null)
+            [ "$response" = "${line%%" <= "*}" ] || echo "${rest%%" | "*}: $response"
             rest=${rest#*" | "}
         done
     done' <"$work/requests")"

@@ -14,14 +14,23 @@ namespace {
 
 class Socket {
 public:
-    Socket() : descriptor_(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {}
+    explicit Socket(const char* path)
+        : descriptor_(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        std::strncpy(address.sun_path, path, sizeof address.sun_path - 1);
+        connected_ = ::connect(descriptor_, reinterpret_cast<const sockaddr*>(&address),
+                               sizeof address) == 0;
+    }
     ~Socket() { ::close(descriptor_); }
     Socket(const Socket&) = delete;
     Socket& operator=(const Socket&) = delete;
     int get() const noexcept { return descriptor_; }
+    bool connected() const noexcept { return connected_; }
 
 private:
     int descriptor_;
+    bool connected_;
 };
 
 }  // namespace
@@ -29,11 +38,8 @@ private:
 std::string sim(const std::string& request) {
     const char* const path = std::getenv("JOVU_SIM_CONTROL");
     if (path == nullptr) throw std::runtime_error("not running under jovu-sim");
-    const Socket socket;
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    std::strncpy(address.sun_path, path, sizeof address.sun_path - 1);
-    if (::connect(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
+    thread_local const Socket socket(path);  // one connection carries all requests of a thread
+    if (!socket.connected()) {
         throw std::runtime_error(std::string("cannot reach jovu-sim at ") + path);
     }
     const std::string line = request + "\n";
@@ -41,19 +47,19 @@ std::string sim(const std::string& request) {
         static_cast<ssize_t>(line.size())) {
         throw std::runtime_error("jovu-sim does not take a request");
     }
-    std::string reply;
+    std::string response;
     for (char c = 0; ::read(socket.get(), &c, 1) == 1 && c != '\n';)
-        reply += c;
-    if (reply.rfind("ok", 0) != 0) throw std::runtime_error(request + ": " + reply);
-    return reply.size() > 3 ? reply.substr(3) : std::string();
+        response += c;
+    if (response.rfind("ok", 0) != 0) throw std::runtime_error(request + ": " + response);
+    return response.size() > 3 ? response.substr(3) : std::string();
 }
 
 JovuDeviceAddress plug(const std::string& what) {
-    const std::string place = sim(what.empty() ? "plug" : "plug " + what);
+    const std::string where = sim(what.empty() ? "plug" : "plug " + what);
     unsigned bus = 0;
     unsigned address = 0;
-    if (std::sscanf(place.c_str(), "%u:%u", &bus, &address) != 2) {
-        throw std::runtime_error("plug: " + place);
+    if (std::sscanf(where.c_str(), "%u:%u", &bus, &address) != 2) {
+        throw std::runtime_error("plug: " + where);
     }
     return {static_cast<std::uint8_t>(bus), static_cast<std::uint8_t>(address)};
 }
@@ -66,8 +72,8 @@ nlohmann::json stats(JovuDeviceAddress address) {
     return nlohmann::json::parse(sim("stats " + name(address)));
 }
 
-int complaints(JovuDeviceAddress address) {
-    return stats(address)["complaints"]["count"];
+int protocol_violations(JovuDeviceAddress address) {
+    return stats(address)["protocol_violations"]["count"];
 }
 
 int requests(JovuDeviceAddress address, const std::string& command) {

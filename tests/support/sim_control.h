@@ -10,7 +10,7 @@
 namespace test {
 
 /// Carries out one control request and returns what follows "ok".
-/// @throws std::runtime_error with the simulator's words when it refuses.
+/// @throws std::runtime_error with the simulator's message when it refuses.
 std::string sim(const std::string& request);
 
 /// Plugs a device in.
@@ -22,8 +22,9 @@ std::string name(JovuDeviceAddress address);
 /// What the simulated device has counted.
 nlohmann::json stats(JovuDeviceAddress address);
 
-/// How often the device found fault with a request: it checks every member of every one.
-int complaints(JovuDeviceAddress address);
+/// Number of protocol violations that the device has counted: it checks every member of every
+/// request.
+int protocol_violations(JovuDeviceAddress address);
 
 /// How many requests of that command have reached the device.
 int requests(JovuDeviceAddress address, const std::string& command);

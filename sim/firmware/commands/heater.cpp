@@ -1,4 +1,4 @@
-#include "firmware/commands.h"
+#include "firmware/commands/commands.h"
 
 namespace jovusim {
 
@@ -11,8 +11,8 @@ Json done_if(bool done) {
     return done ? kDone : kRefused;
 }
 
-/// Hands a value back as the device does: in the place of the host's buffer.
-Json hand_back(CommandContext& context, const char* key, std::optional<double> value) {
+/// Returns a value in the argument that is the buffer of the host.
+Json return_in_buffer(CommandContext& context, const char* key, std::optional<double> value) {
     if (!value) return kRefused;
     context.args[key] = Json::array({static_cast<float>(*value)});
     return kDone;
@@ -25,7 +25,7 @@ Json heater_param_set(CommandContext& context) {
 
 Json heater_param_get(CommandContext& context) {
     const auto number = context.arg<std::uint32_t>("param_num");
-    return hand_back(context, "param_val", context.machine.heater().parameter(number));
+    return return_in_buffer(context, "param_val", context.machine.heater().parameter(number));
 }
 
 Json heater_param_set_defaults(CommandContext& context) {
@@ -66,7 +66,7 @@ Json heater_var_set(CommandContext& context) {
 
 Json heater_var_get(CommandContext& context) {
     const auto number = context.arg<std::uint32_t>("var_num");
-    return hand_back(context, "var_val", context.machine.heater().variable(number));
+    return return_in_buffer(context, "var_val", context.machine.heater().variable(number));
 }
 
 constexpr Command kHeaterRows[] = {

@@ -1,6 +1,6 @@
-#include "firmware/commands.h"
-#include "firmware/structures.h"
-#include "firmware/values.h"
+#include "firmware/base/structures.h"
+#include "firmware/base/values.h"
+#include "firmware/commands/commands.h"
 
 namespace jovusim {
 
@@ -10,7 +10,7 @@ Servo* find_servo(CommandContext& context) {
     return context.machine.servos().find(context.arg<std::int32_t>("servo_name"));
 }
 
-/// A float on the wire.
+/// The wire form of a float.
 Json single(double value) {
     return static_cast<float>(value);
 }
@@ -72,7 +72,7 @@ Json order_to_json(const MoveOrder& order) {
             {"slave_ratio", single(order.slave_ratio)}};
 }
 
-/// The speed offsets of the ramps have no counterpart in this machine.
+/// The speed offsets of the ramps have no effect.
 MoveOrder order_from_json(const Json& json) {
     MoveOrder order;
     order.type = json["move_type"].get<std::uint32_t>();
@@ -138,7 +138,7 @@ Json servo_dc_put_idle(CommandContext& context) {
     return int{servo != nullptr};
 }
 
-/// Whatever the count says, one modifier is all that travels.
+/// Runs work with the modifier. Only one is on the wire, whatever the count is.
 ModifyResult with_modifier(CommandContext& context, const char* key,
                            ModifyResult (*work)(Servo&, const MoveModifier&, CommandContext&)) {
     const Json& json = context.args[key][0];
@@ -215,7 +215,7 @@ Json servo_dc_units_native_to_client(CommandContext& context) {
 
 Json servo_dc_name_str_get(CommandContext& context) {
     const Servo* servo = find_servo(context);
-    return text_to_json(servo == nullptr ? "" : servo->name());
+    return string_to_json(servo == nullptr ? "" : servo->name());
 }
 
 Json servo_dc_backlash_set(CommandContext& context) {
@@ -248,7 +248,7 @@ constexpr Command kServoRows[] = {
     {34, "servo_dc_move_start_sync", servo_dc_move_start_sync, {}},
     {35, "servo_dc_move_active", servo_dc_move_active, {{kServo}}},
     {36, "servo_dc_put_idle", servo_dc_put_idle, {{kServo}}},
-    // So spelled on the wire.
+    // "modifer_data" is the spelling on the wire.
     {37,
      "servo_dc_move_modify",
      servo_dc_move_modify,

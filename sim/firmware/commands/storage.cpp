@@ -1,6 +1,6 @@
 #include <algorithm>
 
-#include "firmware/commands.h"
+#include "firmware/commands/commands.h"
 
 namespace jovusim {
 
@@ -8,14 +8,15 @@ namespace {
 
 constexpr int kOffCard = -1;
 
-/// As many bytes as an answer has room for, whatever they are.
+/// Longest read, in bytes: its response always fits into a frame.
 constexpr std::uint32_t kLongestRead = 12288;
 
-/// Times that a card of this kind takes, in microseconds.
+/// Reported durations, in microseconds.
 constexpr int kWriteMicros = 240;
 constexpr int kReadMicros = 35;
 
-/// Stores what has arrived: of its buffer the host sends less than it says.
+/// Stores the bytes that have arrived: the host sends one element of its buffer, whatever the
+/// length.
 Json sd_mmc_write(CommandContext& context) {
     const auto offset = context.arg<std::uint32_t>("offset");
     const auto length = context.arg<std::uint32_t>("length");

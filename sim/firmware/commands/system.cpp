@@ -1,8 +1,47 @@
-#include "firmware/commands.h"
+/// @file
+/// Commands for identity, pins, gcode, filament, lights, network tasks and resets.
+#include "firmware/base/values.h"
+#include "firmware/commands/commands.h"
 
 namespace jovusim {
 
 namespace {
+
+Json bio_get_version(CommandContext& context) {
+    return string_to_json(context.identity.firmware_version);
+}
+
+Json bio_get_serial(CommandContext& context) {
+    return string_to_json(context.identity.serial);
+}
+
+Json gpio_get_raw(CommandContext& context) {
+    return int{context.machine.gpio().level(context.arg<std::uint32_t>("gpio"))};
+}
+
+Json gpio_input_get(CommandContext& context) {
+    const auto input = context.arg<std::uint32_t>("pin");
+    return static_cast<int>(
+        context.machine.gpio().input(input, context.flag("debounce"), context.now));
+}
+
+Json gpio_output_set(CommandContext& context) {
+    const auto pin = context.arg<std::uint32_t>("pin");
+    if (!context.machine.gpio().set_output(pin, context.flag("value"))) {
+        context.debug_lines.push_back("gpio: " + std::to_string(pin) + " is not an output");
+    }
+    return kNoResult;
+}
+
+Json gcode_process_command(CommandContext& context) {
+    const std::string line = string_from_json(context.args["command"]).value_or("");
+    return static_cast<int>(context.gcode.run(line, context.machine, context.debug_lines));
+}
+
+Json gcode_process_macro(CommandContext& context) {
+    const std::string name = string_from_json(context.args["macro"]).value_or("");
+    return static_cast<int>(context.gcode.run_macro(name, context.machine, context.debug_lines));
+}
 
 constexpr int kStarted = 0;
 constexpr int kBusy = 1;
@@ -16,7 +55,7 @@ Json load_initiate(CommandContext& context) {
 }
 
 Json enter_dfu_mode(CommandContext& context) {
-    context.machine.leave_application(context.now);
+    context.machine.enter_dfu_mode(context.now);
     return kNoResult;
 }
 
@@ -53,7 +92,7 @@ Json jm_are_network_tasks_enabled(CommandContext& context) {
     return int{context.machine.network_tasks};
 }
 
-/// The store is reached over Wi-Fi, by a network task.
+/// The store needs Wi-Fi and the network tasks.
 Json check_store_connection(CommandContext& context) {
     return int{context.machine.network_tasks && context.machine.wifi().connected()};
 }
@@ -65,6 +104,13 @@ Json reset_printer(CommandContext& context) {
 }
 
 constexpr Command kSystemRows[] = {
+    {0, "bio_get_version", bio_get_version, {}},
+    {1, "bio_get_serial", bio_get_serial, {}},
+    {2, "gpio_get_raw", gpio_get_raw, {{{"gpio", &kEnumeration}}}},
+    {3, "gpio_input_get", gpio_input_get, {{{"pin", &kEnumeration}, {"debounce", &kBoolean}}}},
+    {4, "gpio_output_set", gpio_output_set, {{{"pin", &kEnumeration}, {"value", &kBoolean}}}},
+    {5, "gcode_process_command", gcode_process_command, {{{"command", &kString}}}},
+    {6, "gcode_process_macro", gcode_process_macro, {{{"macro", &kString}}}},
     {51, "unload_initiate", unload_initiate, {}},
     {52, "load_initiate", load_initiate, {}},
     {53, "Enter_dfu_mode", enter_dfu_mode, {}},

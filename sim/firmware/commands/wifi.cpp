@@ -1,13 +1,13 @@
-#include "firmware/commands.h"
-#include "firmware/structures.h"
-#include "firmware/values.h"
+#include "firmware/base/structures.h"
+#include "firmware/base/values.h"
+#include "firmware/commands/commands.h"
 
 namespace jovusim {
 
 namespace {
 
-constexpr int kTakeOver = 0;         ///< "cmd" of wifi_client_configure
-constexpr int kTakeOverAndSave = 1;  ///< likewise
+constexpr int kApply = 0;         ///< "cmd" of wifi_client_configure
+constexpr int kApplyAndSave = 1;  ///< likewise
 
 Json code(WifiResult result) {
     return static_cast<int>(result);
@@ -19,7 +19,7 @@ std::optional<WifiInterface> interface_of(const CommandContext& context) {
     return static_cast<WifiInterface>(number);
 }
 
-/// Most of the family is the client's alone.
+/// Most Wi-Fi commands apply to the client only.
 bool is_client(const CommandContext& context) {
     return interface_of(context) == WifiInterface::client;
 }
@@ -39,8 +39,8 @@ Json wifi_stop_wifi(CommandContext& context) {
 Json wifi_client_connect(CommandContext& context) {
     if (!is_client(context)) return code(WifiResult::no_interface);
     const Json& order = context.args["connect_t"];
-    return code(
-        context.machine.wifi().connect(text_of_field(order["ssid"]), text_of_field(order["key"])));
+    return code(context.machine.wifi().connect(string_of_field(order["ssid"]),
+                                               string_of_field(order["key"])));
 }
 
 Json wifi_disconnect(CommandContext& context) {
@@ -74,35 +74,35 @@ Json wifi_set_auto_connect_configuration_item(CommandContext& context) {
     return code(WifiResult::ok);
 }
 
-Json set_text(CommandContext& context, const char* key, std::size_t most,
-              std::string WifiSettings::*item) {
+Json set_string(CommandContext& context, const char* key, std::size_t most,
+                std::string WifiSettings::*item) {
     if (!is_client(context)) return code(WifiResult::no_interface);
-    const std::string text = text_from_json(context.args[key]).value_or("");
+    const std::string text = string_from_json(context.args[key]).value_or("");
     if (text.size() > most) return code(WifiResult::bad_value);
     context.machine.wifi().settings().*item = text;
     return code(WifiResult::ok);
 }
 
 Json wifi_set_auto_connect_ssid_configuration_item(CommandContext& context) {
-    return set_text(context, "auto_connect_ssid", kSsidSize, &WifiSettings::ssid);
+    return set_string(context, "auto_connect_ssid", kSsidSize, &WifiSettings::ssid);
 }
 
 Json wifi_set_auto_connect_key_configuration_item(CommandContext& context) {
-    return set_text(context, "auto_connect_key", kWifiKeySize, &WifiSettings::key);
+    return set_string(context, "auto_connect_key", kWifiKeySize, &WifiSettings::key);
 }
 
-/// Takes over what the host may set; the hardware's part and the addresses are the module's own.
+/// Applies the settings of the client; the host cannot set the other members.
 Json wifi_client_configure(CommandContext& context) {
     if (!is_client(context)) return code(WifiResult::no_interface);
     const int cmd = context.arg<int>("cmd");
-    if (cmd != kTakeOver && cmd != kTakeOverAndSave) return code(WifiResult::bad_value);
+    if (cmd != kApply && cmd != kApplyAndSave) return code(WifiResult::bad_value);
     const Json& config = context.args["config"][0]["ifc_config"];
     Wifi& wifi = context.machine.wifi();
     wifi.settings() = {config["auto_start"] != 0, config["auto_connect"] != 0,
-                       text_of_field(config["auto_connect_ssid"]),
-                       text_of_field(config["auto_connect_key"]),
+                       string_of_field(config["auto_connect_ssid"]),
+                       string_of_field(config["auto_connect_key"]),
                        config["auto_connect_timeout"].get<std::int32_t>()};
-    if (cmd == kTakeOverAndSave) wifi.save_settings();
+    if (cmd == kApplyAndSave) wifi.save_settings();
     return code(WifiResult::ok);
 }
 
@@ -148,11 +148,11 @@ constexpr Command kWifiRows[] = {
     {27,
      "wifi_set_auto_connect_ssid_configuration_item",
      wifi_set_auto_connect_ssid_configuration_item,
-     {{kInterface, {"auto_connect_ssid", &kText}}}},
+     {{kInterface, {"auto_connect_ssid", &kString}}}},
     {28,
      "wifi_set_auto_connect_key_configuration_item",
      wifi_set_auto_connect_key_configuration_item,
-     {{kInterface, {"auto_connect_key", &kText}}}},
+     {{kInterface, {"auto_connect_key", &kString}}}},
     {29,
      "wifi_client_configure",
      wifi_client_configure,

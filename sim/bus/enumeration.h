@@ -1,0 +1,48 @@
+/// @file
+/// How programs find a device: USB descriptors, its entry in sysfs, hot-plug messages.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+#include "bus/types.h"
+#include "firmware/usb/usb_function.h"
+
+namespace jovusim {
+
+/// The only configuration's number.
+constexpr std::uint8_t kConfigurationValue = 1;
+
+/// Returns the whole descriptor for GET_DESCRIPTOR; nothing when the device has none of that type
+/// and index.
+/// @param type  descriptor type as in the high byte of wValue
+/// @param index as in the low byte of wValue
+std::optional<std::string> find_descriptor(const UsbIdentity& identity, std::uint8_t type,
+                                           std::uint8_t index);
+
+/// Returns the contents of the "descriptors" file in sysfs: the device descriptor and that of the
+/// configuration.
+std::string sysfs_descriptors(const UsbIdentity& identity);
+
+/// Returns the device in the notation of umockdev's testbed, which makes the sysfs entry from it.
+/// The record has no device node; Testbed makes that.
+std::string testbed_record(const UsbIdentity& identity, BusAddress address);
+
+/// Sends hot-plug messages to the programs that watch a testbed. umockdev's own sender aborts the
+/// process when a listener closes its socket during the call; this one ignores that error. Main
+/// thread only.
+class UeventSender {
+public:
+    /// @param root the testbed's directory, which contains the sockets of the listeners
+    explicit UeventSender(std::string root) : root_(std::move(root)) {}
+
+    /// @param action "add" or "remove"
+    void send(const std::string& action, BusAddress address);
+
+private:
+    std::string root_;
+    unsigned sequence_ = 0;
+};
+
+}  // namespace jovusim
