@@ -19,7 +19,7 @@ using test::RecordingClient;
 using test::requests;
 using test::sim;
 using test::stats;
-using test::text;
+using test::string;
 
 class Exchange : public testing::Test {
 protected:
@@ -34,11 +34,11 @@ protected:
 TEST_F(Exchange, AMissingResponseTimesOutAndTheLinkLives) {
     fault("silent");
     const auto begin = std::chrono::steady_clock::now();
-    client.gcode_process_command(device, text("M105"));
+    client.gcode_process_command(device, string("M105"));
     EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(14900));
     EXPECT_EQ(JovuTransport::last_send_error(),
               "Transport Error - Waiting for response to request timed out.");
-    client.gcode_process_command(device, text("M105"));
+    client.gcode_process_command(device, string("M105"));
     EXPECT_EQ(JovuTransport::last_send_error(), "");
     EXPECT_EQ(complaints(device), 0);
 }
@@ -94,7 +94,7 @@ TEST_P(InACallback, NothingBlocks) {
     if (GetParam()) {
         sim("fault " + name(device) + " silent");
         sender = std::thread([&] {
-            client.gcode_process_command(device, text("G28"));
+            client.gcode_process_command(device, string("G28"));
             sender_reason = JovuTransport::last_send_error();
         });
         ASSERT_TRUE(eventually([&] { return requests(device, "gcode_process_command") == 1; }));

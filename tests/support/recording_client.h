@@ -139,8 +139,8 @@ inline std::string error_of(const std::function<void()>& call) {
     return "";
 }
 
-/// A text as the commands take it.
-inline std::shared_ptr<char> text(const std::string& value) {
+/// A string as the commands take it.
+inline std::shared_ptr<char> string(const std::string& value) {
     auto owner = std::make_shared<std::string>(value);
     return {owner, owner->data()};
 }

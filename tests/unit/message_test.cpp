@@ -2,8 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include <thread>
-
+#include "jovu/exception.h"
 #include "json/json.h"
 #include "support/recording_client.h"
 
@@ -30,6 +29,14 @@ TEST_F(Message, AttributesAndIdStandInTheEnvelope) {
     }
     EXPECT_EQ(JovuTransport::attrs(0xFFFFFFFF),
               (std::vector<std::string>{"request", "response", "twoway", "oneway", "ack"}));
+}
+
+TEST_F(Message, IsNotWrittenWithAValueWhereAKeyBelongs) {
+    struct Careless : JovuCommand {
+        using JovuCommand::JovuCommand;
+        void compile_command(yajl_gen g) override { gen_double(g, 1.0); }
+    };
+    EXPECT_THROW(Careless(client).compile(), JovuException);
 }
 
 TEST_F(Message, IdsAreConsecutiveAndEveryKindTakesFromOneCounter) {
