@@ -2,7 +2,6 @@
 /// Clients over the real libusb: what may be called from inside a callback, and time-outs.
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <cstdlib>
 #include <future>
 #include <new>
@@ -22,9 +21,8 @@ using test::RecordingClient;
 using test::sim;
 using test::string;
 
-/// How many ms longer each allocation takes, of this thread and of threads that begin now.
-std::atomic<int> delay_of_new_threads{0};
-thread_local int allocation_delay = delay_of_new_threads;
+/// How many ms longer each allocation of this thread takes.
+thread_local int allocation_delay = 0;
 
 }  // namespace
 
@@ -137,21 +135,6 @@ TEST(InANotification, CommandsAndListingsWork) {
     ASSERT_TRUE(client.wait_connected(device));
     sim("unplug " + name(device));
     ASSERT_TRUE(client.wait_disconnected(device));
-}
-
-TEST(SlowNotification, ThatComesAfterTheUnplugDoesNotBringTheDeviceBack) {
-    const JovuDeviceAddress first = plug();
-    RecordingClient client;
-    ASSERT_TRUE(client.wait_connected(first));
-    delay_of_new_threads = 1000;
-    const JovuDeviceAddress device = plug();
-    ASSERT_TRUE(eventually([&] { return client.list_connected().size() == 2; }));
-    sim("unplug " + name(device));
-    ASSERT_TRUE(eventually([&] { return client.list_connected().size() == 1; }));
-    delay_of_new_threads = 0;
-    ASSERT_TRUE(client.wait_connected(device) && client.wait_disconnected(device));
-    EXPECT_FALSE(client.answers(device));
-    EXPECT_EQ(JovuTransport::last_send_error(), "Transport Error - Device has been disconnected.");
 }
 
 }  // namespace
