@@ -299,7 +299,7 @@ std::vector<Outcome> run_all(const std::vector<Job>& jobs, std::size_t width,
                              std::chrono::seconds bound) {
     struct Child {
         std::size_t job;
-        std::unique_ptr<MemoryFile> output;
+        File output;
     };
     // Memory that parent and children share.
     const std::size_t size = (jobs.size() + 1) * sizeof(Report);
@@ -312,12 +312,12 @@ std::vector<Outcome> run_all(const std::vector<Job>& jobs, std::size_t width,
     std::map<pid_t, Child> running;
     for (std::size_t next = 0; next < jobs.size() || !running.empty();) {
         if (next < jobs.size() && running.size() < width) {
-            auto output = std::make_unique<MemoryFile>();
+            File output = make_file();
             std::fflush(nullptr);
             const pid_t pid = ::fork();
             if (pid < 0) throw std::runtime_error("no process can be started");
-            if (pid == 0) run_in_child(jobs[next], output->descriptor(), bound, reports[next]);
-            running[pid] = {next, std::move(output)};
+            if (pid == 0) run_in_child(jobs[next], fileno(output.get()), bound, reports[next]);
+            running.emplace(pid, Child{next, std::move(output)});
             ++next;
             continue;
         }
@@ -325,7 +325,7 @@ std::vector<Outcome> run_all(const std::vector<Job>& jobs, std::size_t width,
         const auto ended = running.find(::waitpid(-1, &status, 0));
         if (ended == running.end()) continue;
         const auto& [job, output] = ended->second;
-        outcomes[job] = outcome_of(status, reports[job], output->descriptor());
+        outcomes[job] = outcome_of(status, reports[job], fileno(output.get()));
         running.erase(ended);
     }
     return outcomes;

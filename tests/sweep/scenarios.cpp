@@ -103,12 +103,12 @@ struct JobFile {
     JobFile() {
         for (std::size_t i = 0; i < kSize; ++i)
             content.push_back(static_cast<char>('a' + i % 23));
-        const auto written = ::write(file.descriptor(), content.data(), kSize);
+        const auto written = ::write(fileno(file.get()), content.data(), kSize);
         if (written != static_cast<ssize_t>(kSize)) std::abort();
     }
 
-    const MemoryFile file;
-    const std::string path = "/proc/self/fd/" + std::to_string(file.descriptor());
+    const File file = make_file();
+    const std::string path = "/proc/self/fd/" + std::to_string(fileno(file.get()));
     std::string content;
 };
 
