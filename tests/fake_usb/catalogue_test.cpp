@@ -289,20 +289,6 @@ TEST_F(EveryCommand, IsWrittenAndReadAsTheFirmwareDoes) {
     }
 }
 
-/// Bytes 0x80 to 0xFF travel as negative numbers.
-TEST_F(EveryCommand, TextsCarryEveryByte) {
-    std::string every_byte, written;
-    for (int byte = 1; byte < 256; ++byte) {
-        every_byte.push_back(static_cast<char>(byte));
-        written += std::to_string(byte < 128 ? byte : byte - 256) + ",";
-    }
-    const std::string sent = request_of(
-        [&] { return shown(client.gcode_process_command(kAddress, test::string(every_byte))); });
-    EXPECT_NE(sent.find(R"("args":{"command":[)" + written + "0]}"), std::string::npos) << sent;
-    answer(std::string(test::kResponse) + R"({"command":{"__return__":4294967295}}})");
-    EXPECT_EQ(result(), "4294967295");
-}
-
 /// What a device gets wrong in a structure costs that member, never memory.
 TEST_F(EveryCommand, ReadsOfAStructureWhatCanBeRead) {
     const std::string endless = "[" + spelled_out("0*5000") + "]";

@@ -179,64 +179,6 @@ TEST_F(Storm, ADeviceThatComesAndGoesUnderCommandsAndAPush) {
     check_holdings(replugs);
 }
 
-/// At the start and the end of every piece, beside it, and anywhere.
-TEST_F(Storm, APushThatAnUnplugCutsOffEndsAtOnceInOneError) {
-    using Clock = std::chrono::steady_clock;
-    constexpr std::size_t kFileSize = 24000;
-    constexpr std::size_t kPieceSize = 5120;
-    constexpr std::size_t kDevices = 8;  // Plugged in together, since most of the time is arrival.
-    const test::TemporaryFile file("job", test::job_content(kFileSize));
-    std::vector<Clock::duration> times;
-    {
-        RecordingClient client;
-        Clock::time_point last;  // When the last piece got through.
-        const auto push = [&](JovuDeviceAddress device) {
-            last = Clock::now();
-            const auto note = [](double, std::string, void* when) {
-                *static_cast<Clock::time_point*>(when) = Clock::now();
-            };
-            return test::error_of(
-                [&] { client.SendJobFile(device, file.path(), note, &last, false); });
-        };
-        const JovuDeviceAddress whole_one = plug();
-        ASSERT_TRUE(client.wait_connected(whole_one));
-        EXPECT_EQ(push(whole_one), "");
-        EXPECT_TRUE(eventually([&] { return test::stats(whole_one)["job"]["verified"] == true; }));
-        const std::size_t whole = test::stats(whole_one)["endpoints"]["04"]["bytes"];
-        std::vector<std::size_t> offsets{0, 1, whole - 1, whole};
-        for (std::size_t start = whole - kFileSize; start < whole; start += kPieceSize)
-            offsets.insert(offsets.end(), {start - 1, start, start + 1});
-        std::mt19937 random(1);
-        for (int left = 20 * storm_scale(); left > 0 || offsets.size() % kDevices != 0; --left)
-            offsets.push_back(random() % (whole + 1));
-        for (std::size_t at = 0; at < offsets.size(); at += kDevices) {
-            std::vector<JovuDeviceAddress> devices(kDevices);
-            for (JovuDeviceAddress& device : devices)
-                device = plug();
-            for (std::size_t i = 0; i < kDevices; ++i) {
-                const std::string offset = std::to_string(offsets[at + i]);
-                ASSERT_TRUE(client.wait_connected(devices[i]) && client.answers(devices[i]));
-                sim("fault " + name(devices[i]) + " unplug-at 04 " + offset);
-                const std::string error = push(devices[i]);
-                EXPECT_TRUE(error == "Send failed - libusb error: -4" ||
-                            error == "Send failed - Device no longer connected.")
-                    << error << ", cut at " << offset;
-                times.push_back(Clock::now() - last);
-            }
-            for (const JovuDeviceAddress device : devices)
-                ASSERT_TRUE(client.wait_disconnected(device));
-        }
-        EXPECT_EQ(push(whole_one), "");
-        sim("unplug " + name(whole_one));
-    }
-    std::sort(times.begin(), times.end());
-    // A machine with much else to do may hold up one, but hardly every other one, and none for as
-    // long as a send waits that nothing but its own time limit of 1.5 s ends.
-    EXPECT_LT(times[times.size() / 2], std::chrono::milliseconds(100));
-    EXPECT_LT(times.back(), std::chrono::milliseconds(1400));
-    check_holdings(static_cast<long>(times.size()));
-}
-
 /// Each response must be the one to its own request, and each request come when the exchange before
 /// it is over.
 TEST_F(Storm, EightThreadsOnThreeDevicesWithFaults) {
@@ -309,45 +251,6 @@ TEST_F(Storm, EightThreadsOnThreeDevicesWithFaults) {
         std::printf("%ld answered, %ld failed\n", answered.load(), failed.load());
     }
     check_holdings(kThreads * commands);
-}
-
-/// A connection ends in the middle of exchanges. A controller that has received half a frame takes
-/// the next connection's first frame for the rest, and does not respond to it.
-TEST_F(Storm, ConnectionsThatEndCutNoFrame) {
-    const int rounds = 4 * storm_scale();
-    const struct {
-        const char* what;
-        int senders;
-        std::function<void(RecordingClient&, JovuDeviceAddress)> end;
-    } ways[] = {
-        {"shutdown", 4, [](auto& client, auto /*device*/) { client.shutdown(); }},
-        {"close", 1, [](auto& client, auto device) { client.close(device); }},
-        {"close in a handler", 1,
-         [](auto& client, auto device) { tolerantly([&] { client.RequestStatus(device); }); }},
-    };
-    for (const auto& way : ways) {
-        const JovuDeviceAddress device = plug();
-        int failed = 0;
-        for (int i = 0; i < rounds; ++i) {
-            auto client = std::make_unique<RecordingClient>();
-            client->on_status = [&client](JovuDeviceAddress address) { client->close(address); };
-            ASSERT_TRUE(client->wait_connected(device));
-            failed += client->answers(device) ? 0 : 1;
-            std::vector<std::unique_ptr<Again>> senders;
-            for (int n = 0; n < way.senders; ++n) {
-                senders.push_back(
-                    std::make_unique<Again>([&] { client->bio_get_version(device); }));
-            }
-            std::this_thread::sleep_for(std::chrono::milliseconds(1 + i % 10));
-            way.end(*client, device);
-            client->shutdown();
-        }
-        std::printf("%s: %d of %d rounds began with a command that failed\n", way.what, failed,
-                    rounds);
-        EXPECT_EQ(failed, 0) << way.what;
-        sim("unplug " + name(device));
-    }
-    check_holdings(3L * rounds);
 }
 
 TEST_F(Storm, ClientsComeAndGoWhileDevicesDo) {
