@@ -4,7 +4,7 @@
 #include <string_view>
 
 #include "fake_usb/framed.h"
-#include "support/memory_link.h"
+#include "support/memory_backend.h"
 
 namespace {
 
@@ -55,11 +55,12 @@ void answer_request(const char* text, std::size_t size) {
 namespace bench {
 
 void connect_device() {
-    memory_link::on_write([](unsigned /*interface*/, const unsigned char* data, std::size_t size) {
-        if (size == kFrameHeader && *data == '$') return;
-        answer_request(reinterpret_cast<const char*>(data), size);
-    });
-    memory_link::connect(kAddress);
+    memory_backend::on_write(
+        [](unsigned /*interface*/, const unsigned char* data, std::size_t size) {
+            if (size == kFrameHeader && *data == '$') return;
+            answer_request(reinterpret_cast<const char*>(data), size);
+        });
+    memory_backend::connect(kAddress);
 }
 
 void answer_with(const std::string& value) {
@@ -69,9 +70,9 @@ void answer_with(const std::string& value) {
 
 void receive(std::string& bytes) {
     auto* const data = reinterpret_cast<unsigned char*>(bytes.data());
-    for (std::size_t at = 0; at < bytes.size(); at += memory_link::kPacket) {
-        const std::size_t size = std::min(memory_link::kPacket, bytes.size() - at);
-        memory_link::client(0).data_received(data + at, static_cast<unsigned>(size), kAddress);
+    for (std::size_t at = 0; at < bytes.size(); at += memory_backend::kPacket) {
+        const std::size_t size = std::min(memory_backend::kPacket, bytes.size() - at);
+        memory_backend::client(0).data_received(data + at, static_cast<unsigned>(size), kAddress);
     }
 }
 

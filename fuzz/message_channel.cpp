@@ -16,7 +16,7 @@
 #include "fake_usb/framed.h"
 #include "jovu/client.h"
 #include "require.h"
-#include "support/memory_link.h"
+#include "support/memory_backend.h"
 
 namespace {
 
@@ -82,7 +82,7 @@ struct Input {
     Input(const std::uint8_t* data, std::size_t size)
         : command(data[0] % calls.size()),
           framed((data[1] & 1U) != 0),
-          piece(std::min<std::size_t>((data[1] >> 1U) + 1U, memory_link::kPacket)),
+          piece(std::min<std::size_t>((data[1] >> 1U) + 1U, memory_backend::kPacket)),
           bytes(data + 2, data + size) {}
 };
 
@@ -92,7 +92,7 @@ void receive(const std::string& bytes, std::size_t piece) {
         const std::size_t size = std::min(piece, bytes.size() - at);
         const auto block = std::make_unique<unsigned char[]>(size);
         std::memcpy(block.get(), bytes.data() + at, size);
-        memory_link::client(0).data_received(block.get(), static_cast<unsigned>(size), kAddress);
+        memory_backend::client(0).data_received(block.get(), static_cast<unsigned>(size), kAddress);
     }
 }
 
@@ -120,14 +120,15 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     REQUIRE(quiet != nullptr);
     const Input input(data, size);
     Client client;
-    memory_link::connect(kAddress);
-    memory_link::on_write([&](unsigned interface, const unsigned char* bytes, std::size_t length) {
-        const std::string text(bytes, bytes + length);
-        if (interface == 0 && text.front() == '{') answer(input, text);
-    });
+    memory_backend::connect(kAddress);
+    memory_backend::on_write(
+        [&](unsigned interface, const unsigned char* bytes, std::size_t length) {
+            const std::string text(bytes, bytes + length);
+            if (interface == 0 && text.front() == '{') answer(input, text);
+        });
     calls[input.command](client);
     const std::string error = JovuTransport::last_send_error();
     REQUIRE(error.empty() || error == "Transport Error - No response received.");
-    memory_link::on_write(nullptr);
+    memory_backend::on_write(nullptr);
     return 0;
 }

@@ -1,5 +1,5 @@
 /// @file
-/// A client that notes down what it is told.
+/// A client that records what it receives.
 #pragma once
 
 #include <functional>
@@ -60,21 +60,6 @@ public:
     bool wait_disconnected(JovuDeviceAddress address, std::size_t times = 1) const {
         return eventually([&] { return disconnects(address) >= times; });
     }
-    bool wait_text(const std::string& text) const {
-        return eventually([&] {
-            const auto seen = texts();
-            return !seen.empty() && seen.back() == text;
-        });
-    }
-
-    /// Asks for a status report and waits for it.
-    StatusMsg status(JovuDeviceAddress address) {
-        const std::size_t before = statuses().size();
-        RequestStatus(address);
-        if (!eventually([&] { return statuses().size() > before; })) return {};
-        return statuses().back();
-    }
-
     /// @return whether an exchange with the device works now.
     bool answers(JovuDeviceAddress address) {
         return bio_get_version(address) != nullptr && last_send_error().empty();
@@ -129,7 +114,7 @@ private:
     std::vector<std::string> job_texts_;
 };
 
-/// @return what a call throws, or an empty text.
+/// @return the message of the exception that a call throws, or an empty string.
 inline std::string error_of(const std::function<void()>& call) {
     try {
         call();
@@ -139,8 +124,8 @@ inline std::string error_of(const std::function<void()>& call) {
     return "";
 }
 
-/// A text as the commands take it.
-inline std::shared_ptr<char> text(const std::string& value) {
+/// A string as the commands take it.
+inline std::shared_ptr<char> string(const std::string& value) {
     auto owner = std::make_shared<std::string>(value);
     return {owner, owner->data()};
 }

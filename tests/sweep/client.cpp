@@ -6,7 +6,6 @@
 #include <cstdio>
 #include <cstring>
 #include <system_error>
-#include <utility>
 
 #include "sweep/system_calls.h"
 
@@ -26,73 +25,44 @@ constexpr milliseconds kOnce{700};
 constexpr milliseconds kAlways{250};
 
 /// How much of standard output is ignored.
-std::atomic<off_t> forgotten{0};
+std::atomic<off_t> ignored{0};
 
 constexpr int kVoid = -1;
 constexpr int kWrong = -2;
 
-int right_or(bool right, bool nothing) {
-    if (right) return 1;
-    return nothing ? 0 : kWrong;
-}
-
-std::shared_ptr<char> copy_of(const char* value) {
-    const std::size_t size = std::strlen(value) + 1;
-    std::shared_ptr<char> copy(new char[size], std::default_delete<char[]>());
-    std::memcpy(copy.get(), value, size);
-    return copy;
-}
-
 /// The application's arguments, made while nothing fails.
-const std::shared_ptr<char> kLine = copy_of("G1 X10");
+const std::shared_ptr<char> kLine(new char[7]{"G1 X10"}, std::default_delete<char[]>());
 const std::shared_ptr<float> kValue = std::make_shared<float>(1.5F);
 const std::shared_ptr<unsigned char> kByte = std::make_shared<unsigned char>('x');
 
-/// What run_command() returns for the right result.
-constexpr std::array<int, kCommands> kRight{1, 3, kVoid, 7, 5, 1, kVoid, 1, 1, 9};
-
 /// One command of each form: strings, numbers, buffers and structures, there and back.
-/// @return 0 for no result.
-int run_command(std::size_t number, Client& c) {
-    switch (number) {
-        case 0: {
-            const auto version = c.bio_get_version(kAddress);
-            return right_or(version != nullptr && std::strcmp(version.get(), "1.2") == 0,
-                            version == nullptr);
-        }
-        case 1:
-            return static_cast<int>(c.gpio_input_get(kAddress, gpio_input_name_t{3}, true));
-        case 2:
-            c.gpio_output_set(kAddress, gpio_name_t{3}, true);
-            return kVoid;
-        case 3:
-            return static_cast<int>(c.gcode_process_command(kAddress, kLine));
-        case 4:
-            return static_cast<int>(c.heater_var_get(kAddress, HEATER_VARS_m{1}, kValue));
-        case 5: {
-            const wifi_status_t status = c.wifi_client_get_status(kAddress, wifi_interface_t{0});
-            const char* const ssid = status.ip_config.connected_ssid;
-            return right_or(status.connected && status.ip_config.mac_address[5] == 255 &&
-                                std::strcmp(ssid, "net") == 0,
-                            !status.connected && ssid[0] == 0);
-        }
-        case 6:
-            c.servo_dc_config_set(kAddress, servo_dc_name_t{1}, servo_dc_client_config_t{});
-            return kVoid;
-        case 7: {
-            const servo_dc_move_config_t move = c.servo_dc_move_default(kAddress);
-            return right_or(move.move_type == 1 && move.slave_ratio == 10,
-                            move.move_type == 0 && move.slave_ratio == 0);
-        }
-        case 8: {
-            const storage_info_t store = c.sd_mmc_get_storage_info(kAddress);
-            return right_or(store.total_size == 6 && store.block_size == 2,
-                            store.total_size == 0 && store.block_size == 0);
-        }
-        default:
-            return static_cast<int>(c.sd_mmc_read(kAddress, 4, kByte, 1));
-    }
-}
+struct Command {
+    int result;             ///< The right one.
+    int (*run)(Client& c);  ///< Returns 0 for no result.
+};
+constexpr std::array<Command, kCommands> kTable{{
+    {1,
+     [](Client& c) {
+         const auto version = c.bio_get_version(kAddress);
+         if (version == nullptr) return 0;
+         return std::strcmp(version.get(), "1.2") == 0 ? 1 : kWrong;
+     }},
+    {7, [](Client& c) { return static_cast<int>(c.gcode_process_command(kAddress, kLine)); }},
+    {5, [](Client& c) { return static_cast<int>(c.heater_var_get(kAddress, {}, kValue)); }},
+    {1,
+     [](Client& c) {
+         const wifi_status_t status = c.wifi_client_get_status(kAddress, wifi_interface_t{0});
+         const std::string ssid = status.ip_config.connected_ssid;
+         if (!status.connected && ssid.empty()) return 0;
+         return status.ip_config.mac_address[5] == 255 && ssid == "net" ? 1 : kWrong;
+     }},
+    {kVoid,
+     [](Client& c) {
+         c.servo_dc_config_set(kAddress, servo_dc_name_t{1}, servo_dc_client_config_t{});
+         return kVoid;
+     }},
+    {9, [](Client& c) { return static_cast<int>(c.sd_mmc_read(kAddress, 4, kByte, 1)); }},
+}};
 
 }  // namespace
 
@@ -160,7 +130,7 @@ bool World::command(std::size_t number) {
     client->bio_get_version(JovuDeviceAddress{9, 9});
     const unsigned before = device().requests;
     int result = 0;
-    if (!call("a command", [&] { result = run_command(number, *client); })) {
+    if (!call("a command", [&] { result = kTable.at(number).run(*client); })) {
         // Only for want of memory to build the request or to return the result; an exchange that
         // fails sets the error string.
         if (!faulty(Kind::memory)) wrong("a command threw");
@@ -171,7 +141,8 @@ bool World::command(std::size_t number) {
     }
     const std::string reason = JovuTransport::last_send_error();
     const std::string which = "command " + std::to_string(number);
-    if (reason.empty() && result != kRight[number]) wrong(which + " gave no reason and no result");
+    if (reason.empty() && result != kTable.at(number).result)
+        wrong(which + " gave no reason and no result");
     if (!reason.empty() && result != 0 && result != kVoid) {
         wrong(which + " failed and gave a result: " + reason);
     }
@@ -194,7 +165,7 @@ bool World::status() {
 
 std::string last_words() {
     const std::string begin = "Fatal error in hotplug thread - ";
-    const std::string printed = read_from(STDOUT_FILENO, forgotten);
+    const std::string printed = read_from(STDOUT_FILENO, ignored);
     const std::size_t at = printed.rfind(begin);
     if (at == std::string::npos) return "";
     const std::size_t first = at + begin.size();
@@ -202,7 +173,7 @@ std::string last_words() {
 }
 
 void forget_last_words() {
-    forgotten = forgotten + static_cast<off_t>(read_from(STDOUT_FILENO, forgotten).size());
+    ignored = ignored + static_cast<off_t>(read_from(STDOUT_FILENO, ignored).size());
 }
 
 }  // namespace sweep

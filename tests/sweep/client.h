@@ -18,17 +18,6 @@
 
 namespace sweep {
 
-/// @return whether the condition holds before far more time has passed than anything takes.
-template <class Condition>
-bool eventually(Condition condition) {
-    const auto begin = std::chrono::steady_clock::now();
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() - begin > std::chrono::seconds(10)) return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(2));
-    }
-    return true;
-}
-
 /// Records notifications. What its handlers do by themselves does not fail.
 class Client : public JovuClient {
 public:
@@ -121,15 +110,13 @@ private:
 };
 
 /// How many commands World::command() knows.
-inline constexpr std::size_t kCommands = 10;
+inline constexpr std::size_t kCommands = 6;
 
 /// What is done while a call fails.
 struct Scenario {
     const char* name;
     /// Leaves the client running, for the check that it still works, or takes it down itself.
     void (*run)(World&);
-    /// Kinds of calls that it has to meet: the sweep is blind to one that it does not.
-    std::vector<Kind> meets;
     bool closes = false;  ///< The device is closed at its end, and comes back when plugged in anew.
 };
 

@@ -10,6 +10,7 @@
 #include <mutex>
 #include <string>
 
+#include "core/frame.h"
 #include "jovu/device_address.h"
 
 namespace sweep {
@@ -36,7 +37,7 @@ public:
     /// Everything that has come on the job channel.
     std::string job_bytes() const;
 
-    std::atomic<bool> mute{false};      ///< Requests are read and not answered.
+    std::atomic<bool> mute{false};      ///< Requests get no response.
     std::atomic<unsigned> requests{0};  ///< On the message channel.
 
     void received(unsigned endpoint, const std::string& bytes);
@@ -44,21 +45,18 @@ public:
     void pump();
 
 private:
-    void read_messages();
     void respond(const std::string& body);
 
     libusb_device* device_;
     mutable std::recursive_mutex mutex_;
     bool plugged_ = true;
-    std::string in_;
+    jovu::FrameDecoder decoder_;
     std::string jobs_in_;
     std::map<unsigned, std::deque<std::string>> out_;
 };
 
 /// Makes the calls of the fake libusb count as calls of the sweep and reach the device.
 void hook_libusb();
-/// How many calls of event handling have failed, interrupted ones left out.
-inline std::atomic<unsigned> failed_event_calls{0};
 /// @return whether a thread that waits for a response may still be woken.
 bool response_can_come();
 

@@ -2,7 +2,6 @@
 
 #include <dlfcn.h>
 #include <pthread.h>
-#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -47,12 +46,10 @@ timespec time_of(std::int64_t time) {
 
 namespace sweep {
 
-MemoryFile::MemoryFile() : descriptor_(::memfd_create("sweep", MFD_CLOEXEC)) {
-    if (descriptor_ < 0) throw std::runtime_error("memfd_create failed");
-}
-
-MemoryFile::~MemoryFile() {
-    ::close(descriptor_);
+File make_file() {
+    File file(std::tmpfile(), std::fclose);
+    if (file == nullptr) throw std::runtime_error("no file can be made");
+    return file;
 }
 
 std::string read_from(int descriptor, off_t offset) {

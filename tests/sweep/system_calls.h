@@ -6,6 +6,8 @@
 
 #include <atomic>
 #include <cstdint>
+#include <cstdio>
+#include <memory>
 #include <string>
 
 namespace sweep {
@@ -22,19 +24,9 @@ inline thread_local std::int64_t ahead = 0;
 /// been handled as often as its length asks for, however slow the machine is.
 inline constexpr std::int64_t kHurry = 8000000;  // ns
 
-/// A file in memory.
-class MemoryFile {
-public:
-    MemoryFile();
-    ~MemoryFile();
-    MemoryFile(const MemoryFile&) = delete;
-    MemoryFile& operator=(const MemoryFile&) = delete;
-
-    int descriptor() const { return descriptor_; }
-
-private:
-    const int descriptor_;
-};
+/// A file without a name.
+using File = std::unique_ptr<std::FILE, int (*)(std::FILE*)>;
+File make_file();
 
 /// @return the content of a file from @p offset on; its position stays as it is.
 std::string read_from(int descriptor, off_t offset = 0);

@@ -86,6 +86,7 @@ TEST(NotificationThreads, DropWhatHasNotBegunWhenTheyAreClosed) {
         jovu::NotificationThreads threads;
         threads.post([ended] { EXPECT_FALSE(*ended); });
         threads.close();
+        threads.post([] { ADD_FAILURE() << "posted after close()"; });
         threads.wait();
         *ended = true;
     }

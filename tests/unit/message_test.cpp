@@ -2,8 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include <thread>
-
+#include "jovu/exception.h"
 #include "json/json.h"
 #include "support/recording_client.h"
 
@@ -21,15 +20,23 @@ TEST_F(Message, AttributesAndIdStandInTheEnvelope) {
         {31, R"("request","response","twoway","oneway","ack")"},
         {0xFFFFFF40, ""},
     };
-    for (const auto& [flags, words] : cases) {
+    for (const auto& [flags, names] : cases) {
         JovuMessage message(client, flags, 4294967295U, nullptr);
-        EXPECT_EQ(message.compile(), std::string(R"({"transport":{"attrs":[)") + words +
+        EXPECT_EQ(message.compile(), std::string(R"({"transport":{"attrs":[)") + names +
                                          R"(],"id":4294967295},"data":{}})");
         EXPECT_EQ(message.twoway(), flags == 9 || flags == 31);
         EXPECT_EQ(message.is_response(), flags == 31);
     }
     EXPECT_EQ(JovuTransport::attrs(0xFFFFFFFF),
               (std::vector<std::string>{"request", "response", "twoway", "oneway", "ack"}));
+}
+
+TEST_F(Message, IsNotWrittenWithAValueWhereAKeyBelongs) {
+    struct Careless : JovuCommand {
+        using JovuCommand::JovuCommand;
+        void compile_command(yajl_gen g) override { gen_double(g, 1.0); }
+    };
+    EXPECT_THROW(Careless(client).compile(), JovuException);
 }
 
 TEST_F(Message, IdsAreConsecutiveAndEveryKindTakesFromOneCounter) {
@@ -74,16 +81,14 @@ TEST_F(Message, IsRaisedToWhatItsBodySays) {
 }
 
 TEST_F(Message, ACopyHasNoResponseAndAnAssignmentKeepsItsOwn) {
-    JovuMessage answered(client, 1, 1, nullptr);
+    JovuMessage request(client, 1, 1, nullptr);
     auto response = std::make_shared<JovuMessage>(client, 2, 1, nullptr);
-    answered.set_response(response);
-    EXPECT_FALSE(JovuMessage(answered).response_available());
-    answered = JovuMessage(client, 8, 2, nullptr);
-    EXPECT_TRUE(answered.response_available());
-    EXPECT_EQ(answered.id(), 2U);
-    EXPECT_TRUE(answered.twoway());
+    request.set_response(response);
+    EXPECT_FALSE(JovuMessage(request).response_available());
+    request = JovuMessage(client, 8, 2, nullptr);
+    EXPECT_TRUE(request.response_available() && request.twoway() && request.id() == 2);
     JovuMessage fresh(client, 1, 3, nullptr);
-    fresh = answered;
+    fresh = request;
     EXPECT_FALSE(fresh.response_available());
 }
 
@@ -100,11 +105,11 @@ TEST_F(Message, WhatIsMissingOrOfAnotherKindReadsAsNothing) {
         auto message = std::make_shared<JovuMessage>(client, 2, 1, tree.get());
         EXPECT_EQ(JovuCommand::get_unparsed_cmd_name(message), "") << body;
         EXPECT_EQ(JovuCommand::get_unparsed_cmd_idx(message), 0) << body;
-        EXPECT_EQ(JovuCommand::get_unparsed_args(message), nullptr) << body;
-        EXPECT_EQ(JovuCommand::get_unparsed_arg_keys(message), nullptr) << body;
-        EXPECT_EQ(JovuCommand::get_unparsed_return(message), nullptr) << body;
-        EXPECT_EQ(JovuEvent::get_unparsed_args(message), nullptr) << body;
-        EXPECT_EQ(JovuEvent::get_unparsed_arg_keys(message), nullptr) << body;
+        EXPECT_FALSE(JovuCommand::get_unparsed_args(message)) << body;
+        EXPECT_FALSE(JovuCommand::get_unparsed_arg_keys(message)) << body;
+        EXPECT_FALSE(JovuCommand::get_unparsed_return(message)) << body;
+        EXPECT_FALSE(JovuEvent::get_unparsed_args(message)) << body;
+        EXPECT_FALSE(JovuEvent::get_unparsed_arg_keys(message)) << body;
         message->forget_data();
         EXPECT_EQ(JovuCommand::get_unparsed_command(message), nullptr);
     }

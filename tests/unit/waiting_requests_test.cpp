@@ -38,7 +38,7 @@ TEST(WaitingRequests, OutliveOlderOnesWithTheirId) {
     EXPECT_FALSE(signal.wait(std::chrono::milliseconds(0)));
 }
 
-TEST(WaitingRequests, ComeAndGoWhileOthersAreAnsweredAndWoken) {
+TEST(WaitingRequests, ComeAndGoWhileOthersReceiveResponsesAndAreWoken) {
     test::RecordingClient client;
     jovu::WaitingRequests table;
     const NoDevice connection;

@@ -11,7 +11,7 @@
 #include "jovu/device_address.h"
 #include "jovu/usb_client.h"
 
-namespace memory_link {
+namespace memory_backend {
 
 inline constexpr std::size_t kPacket = 64;  ///< Bytes; as a bulk endpoint delivers them.
 
@@ -25,4 +25,4 @@ void connect(JovuDeviceAddress address);
 /// The client that has registered last for an interface; stays the application's.
 JovuUsbClient& client(unsigned interface);
 
-}  // namespace memory_link
+}  // namespace memory_backend

@@ -1,14 +1,13 @@
-// What dfu-util is told and what it says, as text.
+/// @file
+/// What dfu-util prints, against the regular expressions that the matchers stand for.
+#include "dfu/tool_output.h"
+
 #include <gmock/gmock.h>
 
 #include <ctime>
 #include <random>
 #include <regex>
 #include <sstream>
-
-#include "dfu/command_line.h"
-#include "dfu/tool_output.h"
-#include "jovu/exception.h"
 
 namespace {
 
@@ -22,7 +21,6 @@ std::string read_back(const std::list<Device>& devices) {
     return text;
 }
 
-/// The same with the patterns themselves.
 std::list<Device> listed_by_regex(const std::string& output) {
     static const std::regex line(
         R"(Found\s+DFU:\s+\[[a-zA-Z0-9]+:[a-zA-Z0-9]+\].*serial="[a-zA-Z0-9]+".*\n)");
@@ -152,64 +150,6 @@ TEST(DfuListing, TakesTimeInProportionToItsLength) {
     const std::string line = header + "serial=\"x\"\n";
     EXPECT_EQ(jovu::listed_devices(repeated(line, line.size() * 40000)).size(), 40000U);
     EXPECT_EQ(jovu::listed_devices(header + std::string(100000, 'x') + line).size(), 1U);
-}
-
-TEST(EscapeSpaces, PutsASlashBeforeEveryRunOfWhitespace) {
-    EXPECT_EQ(escape_spaces("/tmp/my dir"), "/tmp/my/ dir");
-    Texts texts(" |\t|\n|\v|\f|\r|/|a|\\|$&|\xC2\xA0");
-    const std::regex pattern("\\s+");
-    for (int i = 0; i < 2000; ++i) {
-        const std::string text = texts.next();
-        ASSERT_EQ(escape_spaces(text), std::regex_replace(text, pattern, "/$&")) << text;
-    }
-}
-
-TEST(DfuCommandLine, IsPlainUnlessTheShellWouldMakeSomethingElseOfIt) {
-    const auto listing = [](const std::string& directory) {
-        return jovu::listing_command(jovu::path_on_command_line(directory));
-    };
-    EXPECT_EQ(listing("/opt/fw"), "/opt/fw/dfu-util -l");
-    EXPECT_EQ(listing("/Users/a b"), "/Users/a/ b/dfu-util -l");
-    EXPECT_EQ(listing("/Users/a b (2)"), "'/Users/a b (2)'/dfu-util -l");
-    EXPECT_EQ(jovu::listing_command(""), "/dfu-util -l");
-    // Also what means something to some shells only.
-    for (const char c : ";|&$<>()'\"`*?[]#~!{}^\\\n"s)
-        EXPECT_EQ(jovu::path_on_command_line(std::string("a") + c).front(), '\'') << c;
-
-    const struct {
-        Device device;
-        std::string file, arguments;
-    } cases[] = {
-        {{"1234", "abcd", "ABC123"}, "/opt/i.bin", "1234:abcd -a 0 -S ABC123 -D /opt/i.bin"},
-        {{"1", "2", "A B"}, "/my \tdir/\rx", "1:2 -a 0 -S A B -D /my/ \tdir//\rx"},
-        {{"1", "2", "A"}, "/my dir/it's", R"(1:2 -a 0 -S A -D '/my dir/it'\''s')"},
-        {{"1", "2", "A"}, "a\nb", "1:2 -a 0 -S A -D 'a\nb'"},
-        {{"1", "2", "A -R"}, "b -e", "1:2 -a 0 -S 'A -R' -D 'b -e'"},
-        {{"1;", "2", "$A"}, "~", "'1;:2' -a 0 -S '$A' -D '~'"},
-        {{"-1", "2", "-A"}, "-R", "-1:2 -a 0 -S -A -D ./-R"},
-        {{"1", "2", "A"}, "- R", "1:2 -a 0 -S A -D ./-/ R"},
-        {{"", "", ""}, "", ": -a 0 -S  -D "},
-        {{"1", "2", "A"}, "\x80\xFFrgen b", "1:2 -a 0 -S A -D \x80\xFFrgen/ b"},
-    };
-    for (const auto& row : cases) {
-        EXPECT_EQ(jovu::update_command("/t", row.device, row.file),
-                  "/t/dfu-util -d " + row.arguments);
-    }
-}
-
-TEST(DfuCommandLine, RefusesNullBytes) {
-    const std::string with_null("a\0b", 3);
-    const std::pair<Device, std::string> cases[] = {{{with_null, "2", "A"}, "vendor id"},
-                                                    {{"1", with_null, "A"}, "product id"},
-                                                    {{"1", "2", with_null}, "serial number"},
-                                                    {{"1", "2", "A"}, "path"}};
-    for (const auto& [device, what] : cases) {
-        const auto call = [&, &device = device, file = what == "path" ? with_null : "i"] {
-            jovu::update_command("/t", device, file);
-        };
-        EXPECT_THAT(call, testing::ThrowsMessage<JovuException>(
-                              "Failed to update device, null byte in " + what + ": a\\0b"));
-    }
 }
 
 }  // namespace

@@ -1,4 +1,4 @@
-#include "support/memory_link.h"
+#include "support/memory_backend.h"
 
 #include <array>
 #include <utility>
@@ -7,7 +7,7 @@
 
 namespace {
 
-memory_link::Writer writer;
+memory_backend::Writer writer;
 std::array<JovuUsbClient*, 2> clients{};
 
 class MemoryConnection : public jovu::Connection {
@@ -22,7 +22,7 @@ public:
 
 }  // namespace
 
-namespace memory_link {
+namespace memory_backend {
 
 void connect(JovuDeviceAddress address) {
     client(0).connection_opened(std::make_shared<MemoryConnection>(address));
@@ -36,7 +36,7 @@ JovuUsbClient& client(unsigned interface) {
     return *clients.at(interface);
 }
 
-}  // namespace memory_link
+}  // namespace memory_backend
 
 void JovuUsb::write(const unsigned char* data, unsigned int length, JovuDeviceAddress /*address*/,
                     jovu_usb_interface_t interface) {
