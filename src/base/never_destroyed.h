@@ -27,11 +27,13 @@ private:
 
 /// Keeps an object that other threads may still use when its owner is destroyed. Needs no memory:
 /// the objects own themselves by their member `kept_by`, and form a list through `kept_before`, a
-/// T* that is null at first, so that a leak checker reaches them.
+/// T* that is null at first, so that a leak checker reaches them. Calls for one object do not
+/// overlap.
 template <class T>
 void keep_until_exit(const std::shared_ptr<T>& object) noexcept {
     static std::atomic<T*> last{nullptr};
     T* const kept = object.get();
+    if (kept->kept_by != nullptr) return;
     kept->kept_by = object;
     kept->kept_before = last.exchange(kept);
 }

@@ -9,7 +9,6 @@
 #include <vector>
 
 #include "jovu/exception.h"
-#include "json/byte_text.h"
 
 namespace {
 
@@ -118,7 +117,7 @@ void cmd_ifc_serialize_type(yajl_gen gen, const char* key, std::shared_ptr<char>
 }
 
 bool cmd_ifc_deserialize_type(yajl_val object, const char* key, std::shared_ptr<char>& value) {
-    std::shared_ptr<char> text = jovu::read_byte_text(jovu::find(object, {key}, yajl_t_array));
+    std::shared_ptr<char> text = jovu::read_byte_string(jovu::find(object, {key}, yajl_t_array));
     if (text == nullptr) return false;
     value = std::move(text);
     return true;

@@ -7,7 +7,6 @@
 #include "jovu/exception.h"
 #include "jovu/transport.h"
 #include "json/json.h"
-#include "json/numeric_locale.h"
 
 std::atomic<std::uint32_t> JovuMessage::_msg_cnt{0};
 

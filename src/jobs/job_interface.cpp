@@ -7,8 +7,7 @@
 
 #include "base/never_destroyed.h"
 #include "jobs/job_interface_state.h"
-#include "jobs/job_requests.h"
-#include "jobs/status_report.h"
+#include "jobs/job_messages.h"
 #include "jovu/exception.h"
 #include "json/json.h"
 #include "usb/usb.h"

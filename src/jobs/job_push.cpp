@@ -13,7 +13,7 @@
 #include <utility>
 
 #include "jobs/job_interface_state.h"
-#include "jobs/job_requests.h"
+#include "jobs/job_messages.h"
 #include "jovu/exception.h"
 #include "jovu/job_interface.h"
 #include "usb/usb.h"

@@ -2,10 +2,19 @@
 
 #include <cmath>
 #include <new>
-
-#include "json/numeric_locale.h"
+#include <vector>
 
 namespace jovu {
+namespace {
+
+/// The "C" locale, made once and kept; null if the C library cannot make it, and then the thread's
+/// locale stays as it is.
+locale_t c_locale() noexcept {
+    static const locale_t locale = ::newlocale(LC_ALL_MASK, "C", nullptr);
+    return locale;
+}
+
+}  // namespace
 
 bool nests_within(std::string_view text, std::size_t limit) noexcept {
     std::size_t depth = 0;
@@ -76,6 +85,18 @@ std::optional<double> find_double(yajl_val object,
     return YAJL_GET_DOUBLE(node);
 }
 
+std::shared_ptr<char> read_byte_string(yajl_val array) {
+    if (!YAJL_IS_ARRAY(array)) return nullptr;
+    const std::size_t length = array->u.array.len;
+    auto string = std::make_shared<std::vector<char>>(length + 1, '\0');
+    for (std::size_t i = 0; i < length; ++i) {
+        const yajl_val element = array->u.array.values[i];
+        if (!YAJL_IS_NUMBER(element)) return nullptr;
+        (*string)[i] = static_cast<char>(integer_of(element));
+    }
+    return {string, string->data()};
+}
+
 JsonGenerator::JsonGenerator() : generator_(yajl_gen_alloc(nullptr)) {
     if (generator_ == nullptr) throw std::bad_alloc();
 }
@@ -88,6 +109,12 @@ std::string_view JsonGenerator::text() const {
         throw std::bad_alloc();
     }
     return {reinterpret_cast<const char*>(buffer), length};
+}
+
+NumericLocale::NumericLocale() noexcept : previous_(::uselocale(c_locale())) {}
+
+NumericLocale::~NumericLocale() {
+    ::uselocale(previous_);
 }
 
 }  // namespace jovu

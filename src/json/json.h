@@ -1,10 +1,11 @@
 /// @file
-/// Owners and look-ups around yajl's generator and tree parser.
+/// JSON on the wire, by yajl: parsing, look-up, strings, generating.
 #pragma once
 
 #include <yajl/yajl_gen.h>
 #include <yajl/yajl_tree.h>
 
+#include <clocale>
 #include <cstddef>
 #include <initializer_list>
 #include <memory>
@@ -55,6 +56,11 @@ std::optional<long long> find_integer(yajl_val object,
 std::optional<double> find_double(yajl_val object,
                                   std::initializer_list<const char*> path) noexcept;
 
+/// Reads a string of the firmware: an array of numbers, the low 8 bits of each one character.
+/// @return the characters, followed by one zero that the array does not have, for a reader who
+///     forgets the length; null when @p array is not an array of numbers.
+std::shared_ptr<char> read_byte_string(yajl_val array);
+
 /// Owns a generator with default settings: compact output.
 class JsonGenerator {
 public:
@@ -72,6 +78,21 @@ private:
         void operator()(yajl_gen_t* generator) const noexcept { yajl_gen_free(generator); }
     };
     std::unique_ptr<yajl_gen_t, Free> generator_;
+};
+
+/// While one of these lives, the calling thread writes and reads numbers with a decimal point.
+///
+/// yajl uses the C library's number conversions, which obey the locale: in an application that
+/// called setlocale(LC_ALL, "") on a machine with decimal commas, 21.5 would go out as 21,5.
+class NumericLocale {
+public:
+    NumericLocale() noexcept;
+    ~NumericLocale();
+    NumericLocale(const NumericLocale&) = delete;
+    NumericLocale& operator=(const NumericLocale&) = delete;
+
+private:
+    locale_t previous_;
 };
 
 }  // namespace jovu

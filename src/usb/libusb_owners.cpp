@@ -5,12 +5,10 @@
 
 #include "base/mutex.h"
 #include "base/never_destroyed.h"
+#include "usb/usb_constants.h"
 
 namespace jovu {
 namespace {
-
-/// Limits what a bus that fails at every call costs.
-constexpr std::chrono::milliseconds kErrorPause{50};
 
 struct CurrentContext {
     Mutex mutex;
@@ -39,7 +37,8 @@ void handle_events(const Context& context, std::chrono::milliseconds limit, int*
     timeval wait{0, static_cast<suseconds_t>(limit.count() * 1000)};
     const int result = libusb_handle_events_timeout_completed(context.get(), &wait, completed);
     // A signal interrupts it, which is no failure.
-    if (result < 0 && result != LIBUSB_ERROR_INTERRUPTED) std::this_thread::sleep_for(kErrorPause);
+    if (result < 0 && result != LIBUSB_ERROR_INTERRUPTED)
+        std::this_thread::sleep_for(kEventErrorPause);
 }
 
 void interrupt_event_handling(libusb_context* context) noexcept {

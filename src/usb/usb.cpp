@@ -6,7 +6,6 @@
 #include "jovu/exception.h"
 #include "usb/client_list.h"
 #include "usb/usb_backend.h"
-#include "usb/usb_watcher.h"
 
 using jovu::client_list;
 using jovu::MutexLock;

@@ -1,5 +1,6 @@
 /// @file
-/// What identifies a controller on the bus and how its channels are laid out. Fixed by the device.
+/// What identifies a controller on the bus and how its channels are laid out, both fixed by the
+/// device, and the time-outs of the USB backend.
 #pragma once
 
 #include <chrono>
@@ -31,6 +32,23 @@ inline constexpr unsigned kMaxEmptySends = 16;    ///< Bulk calls in a row that 
 /// Pause before a receive transfer is submitted again that failed without data. An endpoint that
 /// fails at once every time would otherwise take half a core; nothing is received meanwhile.
 inline constexpr std::chrono::milliseconds kReceiveErrorPause{4};
+
+/// Pause after a failed event handling, which returns at once: limits what a bus that fails at
+/// every call costs.
+inline constexpr std::chrono::milliseconds kEventErrorPause{50};
+
+/// How long a sender relies on another thread to handle events before it looks whether one does.
+inline constexpr std::chrono::milliseconds kSenderReliance{5};
+
+/// Longest event wait of a sender; its own completion ends it earlier.
+inline constexpr std::chrono::milliseconds kSenderEventWait{100};
+
+/// Event wait of the watcher while a scan is due but paused, and while a device cannot be closed
+/// yet.
+inline constexpr std::chrono::milliseconds kRetryPeriod{10};
+
+/// How long a closing device waits for events before it cancels its transfers again.
+inline constexpr std::chrono::milliseconds kDrainSlice{20};
 
 /// How long a closing device may take to give its transfers back. The kernel returns a cancelled
 /// transfer within milliseconds; past this the transfer is set aside, never freed under libusb.

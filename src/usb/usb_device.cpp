@@ -13,8 +13,7 @@
 namespace jovu {
 namespace {
 
-/// How long a closing device waits for events before it cancels its transfers again.
-constexpr std::chrono::milliseconds kDrainSlice{20};
+using Clock = std::chrono::steady_clock;
 
 /// Throws what a failed libusb call on a device means.
 [[noreturn]] void fail_opening(int result, const char* message) {
@@ -115,14 +114,11 @@ void UsbDevice::send(std::uint8_t endpoint, const Piece& piece) {
     unsigned int retries = 0;
     unsigned int empty = 0;
     while (offset < piece.length) {
-        // libusb reads the data only, but takes the pointer of an inward transfer as well.
-        auto* const rest = const_cast<unsigned char*>(piece.data + offset);
         const int size = static_cast<int>(std::min<unsigned int>(piece.length - offset, INT_MAX));
         int transferred = 0;
-        const int result =
-            libusb_bulk_transfer(handle_.get(), endpoint, rest, size, &transferred, kSendTimeoutMs);
-        // A timed-out call may have moved some bytes. They are sent again: the retry repeats the
-        // call as it was.
+        const int result = transfer(endpoint, piece.data + offset, size, transferred);
+        // A timed-out transfer may have moved some bytes. They are sent again: the retry repeats
+        // the transfer as it was.
         const bool passing = result == LIBUSB_ERROR_TIMEOUT || result == LIBUSB_ERROR_BUSY;
         if (passing && retries < kSendRetries) {
             ++retries;
@@ -134,6 +130,29 @@ void UsbDevice::send(std::uint8_t endpoint, const Piece& piece) {
         offset += static_cast<unsigned int>(std::clamp(transferred, 0, size));
         retries = 0;
     }
+}
+
+/// @return as libusb_bulk_transfer() does.
+int UsbDevice::transfer(std::uint8_t endpoint, const unsigned char* data, int size,
+                        int& transferred) {
+    // A device whose transfer was not given back takes nothing more.
+    if (kept_by != nullptr) fail_sending(LIBUSB_ERROR_BUSY);
+    const int result = send_transfer_.submit(handle_.get(), endpoint, data, size);
+    if (result != 0) return result;
+    const auto limit = std::chrono::milliseconds(kSendTimeoutMs) + kDrainLimit;
+    auto deadline = Clock::now() + limit;
+    while (!send_transfer_.wait(context_)) {
+        // A client that is busy with received data delays all event handling.
+        if (client_list().dispatching()) {
+            deadline = Clock::now() + limit;
+        } else if (Clock::now() > deadline) {
+            // libusb keeps the pointer to the data but reads it no more: the kernel has copied what
+            // was submitted.
+            keep_until_exit(shared_from_this());
+            fail_sending(LIBUSB_ERROR_TIMEOUT);
+        }
+    }
+    return send_transfer_.result(transferred);
 }
 
 int UsbDevice::notify_connected() {
@@ -214,6 +233,7 @@ void UsbDevice::close_handle() noexcept {
     if (handle_ != nullptr && kept_by == nullptr) {
         for (ReceiveTransfer& transfer : transfers_)
             transfer.free();
+        send_transfer_.free();
         libusb_release_interface(handle_.get(), kClaimedInterface);
         handle_.reset();
         context_.reset();
@@ -227,7 +247,6 @@ void UsbDevice::cancel_transfers() noexcept {
 }
 
 void UsbDevice::end_receiving() noexcept {
-    using Clock = std::chrono::steady_clock;
     for (ReceiveTransfer& transfer : transfers_) {
         auto deadline = Clock::now() + kDrainLimit;
         for (cancel_transfers(); !transfer.idle(); cancel_transfers()) {

@@ -14,6 +14,7 @@
 #include "usb/connection.h"
 #include "usb/libusb_owners.h"
 #include "usb/receive_transfer.h"
+#include "usb/send_transfer.h"
 #include "usb/usb_constants.h"
 
 namespace jovu {
@@ -116,6 +117,7 @@ private:
     void close_handle() noexcept;
     void check_writable(std::uint32_t interface) const;
     void send(std::uint8_t endpoint, const Piece& piece);
+    int transfer(std::uint8_t endpoint, const unsigned char* data, int size, int& transferred);
 
     Context context_;  ///< Released with the handle: the last reference leaves libusb.
     libusb_context* const raw_context_;
@@ -123,6 +125,7 @@ private:
     DeviceRef device_;
     Handle handle_;  ///< Guarded by write_lock_ once the device is open.
     std::array<ReceiveTransfer, kInterfaceCount> transfers_;
+    SendTransfer send_transfer_;  ///< Used with write_lock_ held.
 
     /// Held for a write, during connect(), and for the second step of a close. Acquired before
     /// notify_mutex_. Waiting writers give up once the device is not open_ any more.

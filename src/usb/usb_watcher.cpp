@@ -1,5 +1,3 @@
-#include "usb/usb_watcher.h"
-
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
@@ -13,9 +11,6 @@ namespace jovu {
 namespace {
 
 using std::chrono::milliseconds;
-
-/// Event wait while a scan is due but paused, and while a device cannot be closed yet.
-constexpr milliseconds kRetryPeriod{10};
 
 /// The scans and the cleanup, as an object that lives on the watcher thread. Nothing in it waits
 /// for a write in progress, so that a device that takes no data delays no other one.

@@ -7,6 +7,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <thread>
 #include <utility>
 
@@ -20,10 +21,9 @@ using Lock = std::unique_lock<std::mutex>;
 namespace {
 
 struct Completion {
-    libusb_transfer* transfer;  ///< Null for a synchronous call.
+    libusb_transfer* transfer;
     libusb_transfer_status status;
     std::string data;
-    bool* bulk_done;
 };
 
 enum class Flight { idle, in_flight, completed };
@@ -68,6 +68,7 @@ struct Bus {
     Owned<libusb_device_handle> handles;
     std::map<libusb_device**, std::vector<libusb_device*>> lists;
     std::map<libusb_transfer*, Flight> transfers;
+    std::map<libusb_transfer*, Bulk> outgoing;  ///< What becomes of a send in flight.
     fake_usb::Hook hook{};
     std::map<Call, std::deque<Step>> script;
     std::map<Call, unsigned> calls;
@@ -77,7 +78,6 @@ struct Bus {
     bool hold_bulk = false;
     bool lose_cancellations = false;
     bool endless_event_waits = false;
-    unsigned in_bulk = 0;
     unsigned queued = 0;   ///< Completions so far,
     unsigned handled = 0;  ///< and how many of them have been told. They are told in order.
 };
@@ -140,7 +140,7 @@ libusb_transfer* find_in_flight(libusb_device* device, unsigned endpoint) {
 void queue(libusb_transfer* transfer, libusb_transfer_status status, const std::string& data) {
     ++bus.queued;
     bus.transfers[transfer] = Flight::completed;
-    transfer->dev_handle->context->pending.push_back({transfer, status, data, nullptr});
+    transfer->dev_handle->context->pending.push_back({transfer, status, data});
     bus.changed.notify_all();
 }
 
@@ -153,15 +153,85 @@ void fail(libusb_transfer& transfer, int status) {
     }
 }
 
+bool is_outgoing(const libusb_transfer& transfer) {
+    return (transfer.endpoint & LIBUSB_ENDPOINT_IN) == 0;
+}
+
+/// The status of a transfer that ends with one of libusb's errors, if there is one.
+std::optional<libusb_transfer_status> status_of(int error) {
+    switch (error) {
+        case 0:
+            return LIBUSB_TRANSFER_COMPLETED;
+        case LIBUSB_ERROR_TIMEOUT:
+            return LIBUSB_TRANSFER_TIMED_OUT;
+        case LIBUSB_ERROR_PIPE:
+            return LIBUSB_TRANSFER_STALL;
+        case LIBUSB_ERROR_OVERFLOW:
+            return LIBUSB_TRANSFER_OVERFLOW;
+        case LIBUSB_ERROR_NO_DEVICE:
+            return LIBUSB_TRANSFER_NO_DEVICE;
+        case LIBUSB_ERROR_IO:
+            return LIBUSB_TRANSFER_ERROR;
+        default:
+            return std::nullopt;
+    }
+}
+
+/// Releases the lock: a device may respond to what it has received.
+void end_sending(Lock& lock, libusb_transfer& transfer) {
+    const Bulk outcome = bus.outgoing.extract(&transfer).mapped();
+    libusb_device* const device = transfer.dev_handle->device;
+    const int taken = outcome.transferred == Bulk::kAll ? transfer.length : outcome.transferred;
+    transfer.actual_length = device->plugged ? taken : 0;
+    if (!device->plugged) transfer.status = LIBUSB_TRANSFER_NO_DEVICE;
+    lock.unlock();
+    if (bus.hook.sent != nullptr && transfer.actual_length > 0 && outcome.result == 0) {
+        const auto* const bytes = reinterpret_cast<const char*>(transfer.buffer);
+        bus.hook.sent(device, transfer.endpoint,
+                      {bytes, static_cast<std::size_t>(transfer.actual_length)});
+    }
+}
+
+void queue_outgoing(libusb_transfer* transfer) {
+    queue(transfer, *status_of(bus.outgoing[transfer].result), "");
+}
+
+/// @param injected 0, or one of the results that only a step of Call::bulk has.
+int submit_outgoing(libusb_transfer& transfer, int injected) {
+    Bulk outcome;
+    if (!bus.bulk_script.empty()) {
+        outcome = bus.bulk_script.front();
+        bus.bulk_script.pop_front();
+    }
+    if (injected == fake_usb::kNothing) {
+        outcome.transferred = 0;
+    } else if (injected != 0) {
+        outcome = {injected == fake_usb::kPartial ? LIBUSB_ERROR_TIMEOUT : 0,
+                   (transfer.length + 1) / 2};
+    }
+    const auto* const bytes = reinterpret_cast<const char*>(transfer.buffer);
+    bus.sent.push_back(
+        {transfer.endpoint, {bytes, static_cast<std::size_t>(transfer.length)}, transfer.timeout});
+    if (!status_of(outcome.result)) return outcome.result;
+    bus.outgoing[&transfer] = outcome;
+    bus.transfers[&transfer] = Flight::in_flight;
+    if (!bus.hold_bulk) queue_outgoing(&transfer);
+    return 0;
+}
+
 void run_callback(Lock& lock, const Completion& done) {
     const auto found = bus.transfers.find(done.transfer);
     if (found == bus.transfers.end()) return;  // Freed in flight, which has been noted.
     found->second = Flight::idle;
     done.transfer->status = done.status;
-    done.transfer->actual_length = static_cast<int>(done.data.size());
-    std::copy(done.data.begin(), done.data.end(), done.transfer->buffer);
-    lock.unlock();
-    if (const int status = take_step(Call::completion)) fail(*done.transfer, status);
+    if (is_outgoing(*done.transfer)) {
+        end_sending(lock, *done.transfer);
+    } else {
+        done.transfer->actual_length = static_cast<int>(done.data.size());
+        std::copy(done.data.begin(), done.data.end(), done.transfer->buffer);
+        lock.unlock();
+        if (const int status = take_step(Call::completion)) fail(*done.transfer, status);
+    }
     bool thrown = false;
     try {
         const Shield library(false);
@@ -198,13 +268,9 @@ int handle_events(libusb_context* context, std::chrono::milliseconds limit, cons
     for (std::size_t left = context->pending.size(); left > 0; --left) {
         const Completion done = std::move(context->pending.front());
         context->pending.pop_front();
-        if (done.bulk_done != nullptr) {
-            *done.bulk_done = true;
-        } else {
-            run_callback(lock, done);
-            ++bus.handled;
-            bus.changed.notify_all();
-        }
+        run_callback(lock, done);
+        ++bus.handled;
+        bus.changed.notify_all();
     }
     context->handler = nobody;
     bus.changed.notify_all();
@@ -258,12 +324,17 @@ std::vector<Sent> sent() {
 void hold_bulk(bool hold) {
     const Lock lock(bus.mutex);
     bus.hold_bulk = hold;
-    bus.changed.notify_all();
+    if (hold) return;
+    for (const auto& [transfer, flight] : bus.transfers) {
+        if (flight == Flight::in_flight && is_outgoing(*transfer)) queue_outgoing(transfer);
+    }
 }
 
 bool in_bulk() {
     const Lock lock(bus.mutex);
-    return bus.in_bulk > 0;
+    return std::any_of(bus.transfers.begin(), bus.transfers.end(), [](const auto& entry) {
+        return entry.second == Flight::in_flight && is_outgoing(*entry.first);
+    });
 }
 
 void wait_for_events_endlessly(bool endlessly) {
@@ -490,16 +561,18 @@ void libusb_free_transfer(libusb_transfer* transfer) {
 }
 
 int libusb_submit_transfer(libusb_transfer* transfer) {
-    const Entered call(Call::submit);
-    if (call.result != 0) return call.result;
+    const bool outgoing = is_outgoing(*transfer);
+    const Entered call(outgoing ? Call::bulk : Call::submit);
+    if (call.result < 0 || (call.result != 0 && !outgoing)) return call.result;
     Lock lock(bus.mutex);
     if (bus.handles.count(transfer->dev_handle) == 0) return misuse("submission without a handle");
-    if (transfer->type != LIBUSB_TRANSFER_TYPE_BULK || transfer->timeout != 0 ||
-        transfer->length != 64) {
-        misuse("a receive transfer that is not 64 bytes of bulk without a time limit");
+    if (transfer->type != LIBUSB_TRANSFER_TYPE_BULK) misuse("a transfer that is not bulk");
+    if (!outgoing && (transfer->timeout != 0 || transfer->length != 64)) {
+        misuse("a receive transfer that is not 64 bytes without a time limit");
     }
     Flight& flight = bus.transfers[transfer];
     if (flight != Flight::idle) return misuse("submission of a transfer in flight");
+    if (outgoing) return submit_outgoing(*transfer, call.result);
     if (!transfer->dev_handle->device->plugged) return LIBUSB_ERROR_NO_DEVICE;
     flight = Flight::in_flight;
     lock.unlock();
@@ -517,46 +590,9 @@ int libusb_cancel_transfer(libusb_transfer* transfer) {
     return 0;
 }
 
-int libusb_bulk_transfer(libusb_device_handle* handle, unsigned char endpoint, unsigned char* data,
-                         int length, int* transferred, unsigned timeout) {
-    const Entered call(Call::bulk);
-    *transferred = 0;
-    if (call.result < 0) return call.result;
-    if (call.result == fake_usb::kNothing) return 0;
-    if (call.result != 0) length = (length + 1) / 2;
-    Lock lock(bus.mutex);
-    if (bus.handles.count(handle) == 0) return misuse("bulk transfer without a handle");
-    libusb_context* const context = handle->context;
-    if (context->handler == std::this_thread::get_id()) return LIBUSB_ERROR_BUSY;
-    Bulk step;
-    if (!bus.bulk_script.empty()) {
-        step = bus.bulk_script.front();
-        bus.bulk_script.pop_front();
-    }
-    bool done = false;
-    bool queued = false;
-    ++bus.in_bulk;
-    while (!done) {
-        if (!queued && !bus.hold_bulk) {
-            context->pending.push_back({nullptr, {}, {}, &done});
-            bus.changed.notify_all();
-            queued = true;
-        }
-        lock.unlock();
-        handle_events(context, kPatience, nullptr);
-        lock.lock();
-    }
-    --bus.in_bulk;
-    bus.sent.push_back({endpoint, {data, data + length}, timeout});
-    if (!handle->device->plugged) step = {LIBUSB_ERROR_NO_DEVICE, 0};
-    *transferred = step.transferred == Bulk::kAll ? length : step.transferred;
-    libusb_device* const device = handle->device;
-    lock.unlock();
-    if (bus.hook.sent != nullptr && step.result == 0 && *transferred > 0) {
-        bus.hook.sent(device, endpoint, {data, data + *transferred});
-    }
-    return call.result == fake_usb::kPartial && step.result == 0 ? LIBUSB_ERROR_TIMEOUT
-                                                                 : step.result;
+int libusb_event_handler_active(libusb_context* context) {
+    const Lock lock(bus.mutex);
+    return context->handler != std::thread::id() ? 1 : 0;
 }
 
 void libusb_interrupt_event_handler(libusb_context* context) {

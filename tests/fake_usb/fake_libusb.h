@@ -2,8 +2,7 @@
 /// A USB bus for tests, behind libusb's own function names. Linked in place of libusb.
 ///
 /// Threads meet as under the real one: one thread at a time handles events and runs completion
-/// callbacks; synchronous transfers handle events while they wait, and are refused as busy in a
-/// callback; closing a handle waits until nobody handles events.
+/// callbacks; closing a handle waits until no thread handles events.
 ///
 /// Every function may be called from any thread.
 #pragma once
@@ -19,8 +18,8 @@
 namespace fake_usb {
 
 // clang-format off
-/// The calls that can be scripted and are counted. `completion` is no call but the status with which
-/// a receive transfer ends.
+/// The calls that can be scripted and are counted. `bulk` is the submission of a send, `submit` of a
+/// receive transfer. `completion` is the status with which a receive transfer ends.
 enum class Call { init, list, descriptor, open, claim, release, alloc, submit, cancel,
                   handle_events, bulk, completion };
 // clang-format on
@@ -41,14 +40,14 @@ struct Step {
     std::function<void()> before;
 };
 
-/// What one synchronous bulk call does.
+/// What becomes of one send.
 struct Bulk {
     static constexpr int kAll = -1;
     int result = 0;
     int transferred = kAll;
 };
 
-/// One synchronous bulk call that has returned.
+/// One send that was submitted.
 struct Sent {
     unsigned endpoint;
     std::string bytes;
@@ -92,9 +91,9 @@ private:
 void script_bulk(const std::vector<Bulk>& steps);
 std::vector<Sent> sent();
 
-/// While bulk is held, synchronous calls stay in their middle, handling events.
+/// While bulk is held, sends stay in flight.
 void hold_bulk(bool hold);
-/// @return whether a synchronous call is in its middle now.
+/// @return whether a send is in flight now.
 bool in_bulk();
 
 /// While event waits are endless, only an event or an interrupt ends one; otherwise each is short.

@@ -252,10 +252,14 @@ TEST_F(Reception, ATransferThatNeverComesBackIsSetAsideNotFreed) {
         {
             Link link(told);
             EXPECT_TRUE(told.wait("b+1.5"));
+            fake_usb::hold_bulk(true);
+            EXPECT_EQ(test::write("x"), "Send failed - libusb error: -7");
+            EXPECT_EQ(test::write("x"), "Send failed - libusb error: -6");
             fake_usb::lose_cancellations(true);
             in_time("close", [] { JovuUsb::close(kAddress); });
             EXPECT_EQ(test::write("x"), "Send failed - Device no longer connected.");
             fake_usb::lose_cancellations(false);
+            fake_usb::hold_bulk(false);
             // It is never too late for the completion.
             EXPECT_TRUE(complete(link.device, kJobsIn, LIBUSB_TRANSFER_COMPLETED, "late"));
             EXPECT_FALSE(in_flight(link.device, kJobsIn));
@@ -264,7 +268,7 @@ TEST_F(Reception, ATransferThatNeverComesBackIsSetAsideNotFreed) {
             EXPECT_THAT(told.entries(), ElementsAre("a+1.5", "b+1.5", "a-1.5", "b-1.5"));
         }
         EXPECT_THAT(fake_usb::finish(),
-                    ElementsAre("2 left: transfers", "1 left: handles", "1 left: contexts",
+                    ElementsAre("3 left: transfers", "1 left: handles", "1 left: contexts",
                                 "1 left: device references"));
         Journal again;
         Link link(again);

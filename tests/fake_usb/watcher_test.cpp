@@ -30,6 +30,7 @@ TEST_F(Watcher, EndsInWordsWhenADeviceCannotBeOpenedAfterItsProbe) {
     } cases[] = {
         {Call::alloc, {LIBUSB_ERROR_NO_MEM}, "Failed to allocate rx transfer."},
         {Call::alloc, {0, LIBUSB_ERROR_NO_MEM}, "Failed to allocate rx transfer."},
+        {Call::alloc, {0, 0, LIBUSB_ERROR_NO_MEM}, "Failed to allocate tx transfer."},
         {Call::list, {0, LIBUSB_ERROR_NO_MEM}, "Failed to get libusb device list."},
         {Call::descriptor, {0, LIBUSB_ERROR_IO}, "Failed to get libusb device descriptor."},
         {Call::open, {0, LIBUSB_ERROR_ACCESS}, "Failed to open libusb device."},

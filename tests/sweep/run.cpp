@@ -83,6 +83,7 @@ const std::vector<Rule>& all_rules() {
         {K::claim, {"not-found", "busy", "io", "other"}, Sign::last_words, R::restart,
          "Failed to claim libusb device."},
         {K::alloc, {}, Sign::last_words, R::restart, "Failed to allocate rx transfer."},
+        {K::alloc, {}, Sign::last_words, R::restart, "Failed to allocate tx transfer."},
         // An error on the watcher or in a callback that is not a device's own ends the watcher.
         {K::memory, {}, Sign::last_words, R::restart, "std::bad_alloc"},
         // A device that a scan cannot look at counts as gone; the next scan opens it anew, and a

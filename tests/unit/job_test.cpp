@@ -8,9 +8,8 @@
 #include <random>
 
 #include "fake_usb/link_test.h"
-#include "jobs/job_requests.h"
+#include "jobs/job_messages.h"
 #include "jobs/job_stream.h"
-#include "jobs/status_report.h"
 #include "json/json.h"
 #include "support/heap.h"
 #include "support/job_file.h"

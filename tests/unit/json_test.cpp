@@ -8,7 +8,7 @@
 #include <limits>
 
 #include "core/message.h"
-#include "jobs/status_report.h"
+#include "jobs/job_messages.h"
 #include "support/recording_client.h"
 
 namespace {

@@ -1,10 +1,14 @@
 /// @file
-/// The JSON objects that go out on the job channel.
+/// The JSON objects of the job channel: requests are written, status reports are read.
 #pragma once
+
+#include <yajl/yajl_tree.h>
 
 #include <cstdint>
 #include <optional>
 #include <string>
+
+#include "jovu/job_interface.h"
 
 namespace jovu {
 
@@ -23,3 +27,8 @@ struct JobAnnouncement {
 std::string job_announcement(const JobAnnouncement& announcement);
 
 }  // namespace jovu
+
+/// Stores what a report holds; a node that is missing or of another kind leaves its field as it
+/// was.
+/// @param report the report's root object.
+void parse_status(yajl_val report, JovuJobInterface::StatusMsg& status);
