@@ -98,8 +98,9 @@ Testbed::Testbed(double time_scale, std::function<void()> wake)
     // umockdev makes the directory of the testbed in $TMPDIR.
     // NOLINTNEXTLINE(concurrency-mt-unsafe): no other thread exists yet.
     ::setenv("TMPDIR", temporary.c_str(), 1);
-    // The testbed starts a thread, which reads the environment, before it sets this variable. With
-    // the variable in place that does not move the array of variables under the thread.
+    // umockdev starts a thread, which reads the environment, before it sets this variable. When the
+    // variable exists already, setting it does not move the array that the thread reads.
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): no other thread exists yet.
     ::setenv(kTestbedVariable, "", 1);
     testbed_.reset(umockdev_testbed_new());
     const std::unique_ptr<gchar, decltype(&g_free)> root(

@@ -67,7 +67,7 @@ command "M106" -> 0; ?fan -> 255; macro "cooldown" -> 0; ?fan -> 0;
 )"
     "command \"g0x+200\rz180 E-5 F6000;\" -> 0;"
     R"( command "M114" -> 0 X:200.00 Y:0.00 Z:180.00 E:-5.00; command "G91" -> 0; command "G1 X-50 E2" -> 0;
-command "M82" -> 0; command "G1 X-50 E2" -> 0;
+command "M114" -> 0 X:150.00 Y:0.00 Z:180.00 E:-3.00; command "M82" -> 0; command "G1 X-50 E2" -> 0;
 command "M114" -> 0 X:100.00 Y:0.00 Z:180.00 E:2.00; command "G90" -> 0; command "M83" -> 0;
 command "G1 X5 E2" -> 0; command "G28 Z" -> 0;
 command "M114" -> 0 X:5.00 Y:0.00 Z:0.00 E:4.00; command "G92 X7" -> 0;
@@ -153,6 +153,7 @@ TEST(MachineTest, ConnectsToANetworkWithTheRightKeyOnly) {
     EXPECT_EQ(connect("Workshop", "filament"), -2);
     EXPECT_EQ(host.ask("start_wifi 2"), -1);
     EXPECT_EQ(host.ask("start_wifi 0"), 0);
+    EXPECT_EQ(host.ask("client_scan_get 0 0")["strength"], 0) << "before a scan";
     const int found = host.ask("client_scan_refresh 0");
     ASSERT_GT(found, 2);
     bool non_ascii = false;
