@@ -27,7 +27,7 @@ namespace {
 constexpr std::int64_t kMillisecond = 1000000;  // ns
 constexpr std::int64_t kSecond = 1000 * kMillisecond;
 
-/// Waits that are longer are those for a device's answer,
+/// Waits that are longer are those for a device's response,
 constexpr std::int64_t kLongWait = 10 * kSecond;
 /// and are cut short when none can come, after that many looks,
 constexpr int kLooks = 5;
