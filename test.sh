@@ -1,10 +1,10 @@
 #!/usr/bin/env bash
-# Checks the whole project: formatting, clang-tidy's findings, and the test suite as it is released
-# (g++), under AddressSanitizer with UBSan (clang++), and under ThreadSanitizer (g++). Installs what
-# is missing first.
+# Checks the whole project: formatting, the test suite as it is released (g++), under
+# AddressSanitizer with UBSan (clang++) and under ThreadSanitizer (g++), and clang-tidy's findings.
+# Installs what is missing first. While a suite runs, which mostly waits, the next one is built.
 #
 #   ./test.sh                     everything
-#   ./test.sh --preset NAME       one of: format, tidy, release, asan, tsan (may be repeated)
+#   ./test.sh --preset NAME       one of: format, release, asan, tsan, tidy (may be repeated)
 #   ./test.sh --tests REGEX       only the tests whose names match
 #   ./test.sh --repeat N          runs each suite N times, until one fails
 #   ./test.sh --no-install        takes the packages as they are
@@ -19,7 +19,7 @@ source scripts/steps.sh
 usage() { sed -n '2,/^set /s/^# \{0,1\}//p' test.sh; }
 wrong_usage() { echo "test.sh: $1 (see --help)" >&2; exit 2; }
 
-all=(format tidy release asan tsan)
+all=(format release asan tsan tidy)
 chosen=()
 ctest_options=()
 install=true
@@ -65,10 +65,12 @@ tidy() { configure clang && scripts/check-tidy.sh build/clang; }
 
 suites=()
 build_and_test() {
-    step "$1 build" build "$@" || return 0
+    step "$1 build" build "$@" || { step_end || true; return 0; }
+    step_end || true
     suites+=("$1")
-    step "$1 tests" suite "$@" || true
+    step_begin "$1 tests" suite "$@"
 }
+trap step_abandon EXIT
 
 if "$install"; then
     step "packages" scripts/install-packages.sh test || exit 1
@@ -81,6 +83,7 @@ for name in "${chosen[@]}"; do
         tsan) build_and_test "$name" "${tsan_runner[@]}" ;;
     esac
 done
+step_end || true
 
 for name in "${suites[@]}"; do
     printf '\n%s:\n' "$name"

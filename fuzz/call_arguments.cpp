@@ -1,5 +1,5 @@
 /// @file
-/// Arguments of `jovu call`: the number of a command, then words, each ended by a line feed.
+/// Arguments of `jovu call`: the number of a command, then arguments, each ended by a line feed.
 #include <cstdint>
 #include <nlohmann/json.hpp>
 #include <sstream>
@@ -15,12 +15,12 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     const auto& commands = jovu_cli::firmware_commands();
     const jovu_cli::FirmwareCommand& command = commands[data[0] % commands.size()];
     std::istringstream text(std::string(data + 1, data + size));
-    std::vector<std::string> words;
-    for (std::string word; std::getline(text, word);)
-        words.push_back(word);
+    std::vector<std::string> given;
+    for (std::string line; std::getline(text, line);)
+        given.push_back(line);
     try {
         const jovu_cli::Json arguments =
-            jovu_cli::read_arguments(command, words, [](const std::string& file) { return file; });
+            jovu_cli::read_arguments(command, given, [](const std::string& file) { return file; });
         REQUIRE(arguments.size() == command.arguments.size());
         for (const jovu_cli::NamedType& argument : command.arguments)
             REQUIRE(arguments.contains(std::string(argument.key)));

@@ -1,8 +1,9 @@
 /// @file
-/// Bytes that a device sends on the message channel while a command waits for its answer.
+/// Bytes that a device sends on the message channel while a command waits for its response.
 ///
 /// An input is the number of the command, a byte of modes (see Input), and what the device sends.
-/// Every '#' stands for the id of the request. Whatever came, the next answer gets through.
+/// Every '#' stands for the id of the request. Whatever was received, the next response is
+/// accepted.
 #include <algorithm>
 #include <array>
 #include <cstdint>
@@ -75,7 +76,7 @@ constexpr auto calls = calls_of(jovu::catalogue);
 
 struct Input {
     std::size_t command;
-    bool framed;        ///< What is sent is one text, and goes into a frame.
+    bool framed;        ///< What is sent is one string, and is put into a frame.
     std::size_t piece;  ///< How many bytes come at once.
     std::string bytes;
 
@@ -96,7 +97,7 @@ void receive(const std::string& bytes, std::size_t piece) {
     }
 }
 
-void answer(const Input& input, const std::string& request) {
+void respond(const Input& input, const std::string& request) {
     const std::string label = R"("id":)";
     const std::size_t begin = request.find(label) + label.size();
     const std::string id = request.substr(begin, request.find('}', begin) - begin);
@@ -115,7 +116,7 @@ void answer(const Input& input, const std::string& request) {
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     if (size < 2) return 0;
-    // The library tells of failed exchanges on standard output.
+    // The library reports failed exchanges on standard output.
     static std::FILE* const quiet = std::freopen("/dev/null", "w", stdout);
     REQUIRE(quiet != nullptr);
     const Input input(data, size);
@@ -124,7 +125,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     memory_backend::on_write(
         [&](unsigned interface, const unsigned char* bytes, std::size_t length) {
             const std::string text(bytes, bytes + length);
-            if (interface == 0 && text.front() == '{') answer(input, text);
+            if (interface == 0 && text.front() == '{') respond(input, text);
         });
     calls[input.command](client);
     const std::string error = JovuTransport::last_send_error();

@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# Runs clang-tidy over the library's sources. Every finding is an error.
+# Runs clang-tidy over the sources of library, program, simulator and tests, each as it stands alone
+# (no unity build, no precompiled headers). Every finding is an error.
 #
 #   scripts/check-tidy.sh BUILD_DIR    a folder that was configured with clang++ (preset "clang" or "asan")
 set -euo pipefail
@@ -10,12 +11,16 @@ build_dir=${1:?usage: scripts/check-tidy.sh BUILD_DIR}
     echo "check-tidy: no compile_commands.json in $build_dir" >&2
     exit 1
 }
-sources=$(find src -name '*.cpp' | wc -l)
-covered=$(jq --arg src "$PWD/src/" '[.[].file | select(startswith($src))] | unique | length' \
+# Folders whose sources are checked, each by the .clang-tidy next to it or above it.
+folders=(src tools sim tests)
+sources=$(find "${folders[@]}" -name '*.cpp' | wc -l)
+files=$(jq -r --arg root "$PWD/" --arg folders "^($(IFS='|'; echo "${folders[*]}"))/" \
+    '[.[].file | ltrimstr($root) | select(test($folders))] | unique[]' \
     "$build_dir/compile_commands.json")
+covered=$(wc -l <<<"$files")
 [[ $covered -eq $sources ]] || {
-    echo "check-tidy: the build compiles $covered of the $sources sources in src" >&2
+    echo "check-tidy: the build compiles $covered of the $sources sources in ${folders[*]}" >&2
     exit 1
 }
-run-clang-tidy-14 -quiet -p "$build_dir" -j "$(nproc)" "^$PWD/src/"
+xargs -P "$(nproc)" -n 4 clang-tidy-14 -quiet -p "$build_dir" <<<"$files"
 echo "$sources files"

@@ -8,6 +8,22 @@ step_log_dir=build/logs
 step_tail_lines=60
 declare -a step_failed=()
 
+# Prints the line of a step that has ended: LABEL LOG SECONDS STATUS. On failure also the end of the
+# log. Returns STATUS.
+step_report() {
+    local label=$1 log=$2 seconds=$3 status=$4
+    if [[ $status -eq 0 ]]; then
+        printf '%-28s ok      %4d s\n' "$label" "$seconds"
+    else
+        printf '%-28s FAILED  %4d s   (status %d, %s)\n' "$label" "$seconds" "$status" "$log"
+        # The progress of a build, and the tests that passed, are not what one looks for then.
+        grep -avE '^\[[0-9]+/[0-9]+\] |^ *Start +[0-9]+: | Passed +[0-9.]+ sec$' "$log" |
+            tail -n "$step_tail_lines" | sed 's/^/    /'
+        step_failed+=("$label")
+    fi
+    return "$status"
+}
+
 # Prints standard input line by line over itself, cut to the terminal's width, under $1.
 step_show_live() {
     local label=$1 line columns
@@ -32,15 +48,32 @@ step() {
     else
         "$@" </dev/null >"$log" 2>&1 || status=$?
     fi
-    if [[ $status -eq 0 ]]; then
-        printf '%-28s ok      %4d s\n' "$label" $((SECONDS - began))
-    else
-        printf '%-28s FAILED  %4d s   (status %d, %s)\n' \
-            "$label" $((SECONDS - began)) "$status" "$log"
-        # The progress of a build, and the tests that passed, are not what one looks for then.
-        grep -avE '^\[[0-9]+/[0-9]+\] |^ *Start +[0-9]+: | Passed +[0-9.]+ sec$' "$log" |
-            tail -n "$step_tail_lines" | sed 's/^/    /'
-        step_failed+=("$label")
-    fi
-    return "$status"
+    step_report "$label" "$log" $((SECONDS - began)) "$status"
+}
+
+# step_begin LABEL COMMAND...: the same in the background; one at a time. step_end waits for it and
+# prints its line. A process group of its own, so that an interrupt ends all of it.
+step_begun_pid=
+step_begin() {
+    step_begun_label=$1
+    step_begun_log=$step_log_dir/${1// /-}.log
+    shift
+    mkdir -p "$step_log_dir"
+    set -m
+    (began=$SECONDS status=0
+     "$@" || status=$?
+     echo $((SECONDS - began)) >"$step_begun_log.seconds"
+     exit "$status") </dev/null >"$step_begun_log" 2>&1 &
+    step_begun_pid=$!
+    set +m
+}
+step_end() {
+    [[ -n $step_begun_pid ]] || return 0
+    local status=0
+    wait "$step_begun_pid" || status=$?
+    step_begun_pid=
+    step_report "$step_begun_label" "$step_begun_log" "$(cat "$step_begun_log.seconds")" "$status"
+}
+step_abandon() {
+    [[ -z $step_begun_pid ]] || kill -- "-$step_begun_pid" 2>/dev/null || true
 }

@@ -1,5 +1,5 @@
 /// @file
-/// Every command: the bytes of its request, and how its answer is read.
+/// Every command: the bytes of its request, and how its response is read.
 #include <cmath>
 #include <sstream>
 
@@ -279,7 +279,7 @@ TEST_F(EveryCommand, IsWrittenAndReadAsTheFirmwareDoes) {
     const std::string head = R"({"transport":{"attrs":["request","twoway"],"id":#},"data":)"
                              R"({"command":{"idx":)";
     for (const Row& row : rows) {
-        // A row stands in the place of its command's index.
+        // Rows are in the order of the indices.
         std::string sent = head + std::to_string(&row - rows) + R"(,"name":")" +
                            row.expression.substr(0, row.expression.find('(')) + '"';
         if (!row.arguments.empty()) sent += R"(,"args":{)" + spelled_out(row.arguments) + '}';

@@ -62,11 +62,11 @@ TEST(Exchange, TimesOutWithoutAResponseAndTheNextOneWorks) {
     ASSERT_TRUE(client.wait_connected(device));
     sim("fault " + name(device) + " silent");
     const auto begin = std::chrono::steady_clock::now();
-    EXPECT_FALSE(client.answers(device));
+    EXPECT_FALSE(client.exchange_works(device));
     EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(14900));
     EXPECT_EQ(JovuTransport::last_send_error(),
               "Transport Error - Waiting for response to request timed out.");
-    EXPECT_TRUE(client.answers(device));
+    EXPECT_TRUE(client.exchange_works(device));
     EXPECT_EQ(test::protocol_violations(device), 0);
 }
 
@@ -125,10 +125,10 @@ TEST(InANotification, CommandsAndListingsWork) {
     std::optional<JovuScanPause> until_set(std::in_place);
     RecordingClient client;
     client.on_connected = [&](JovuDeviceAddress address) {
-        EXPECT_TRUE(client.answers(address) && client.list_connected().size() == 1);
+        EXPECT_TRUE(client.exchange_works(address) && client.list_connected().size() == 1);
     };
     client.on_disconnected = [&](JovuDeviceAddress address) {
-        EXPECT_FALSE(client.answers(address));
+        EXPECT_FALSE(client.exchange_works(address));
         EXPECT_TRUE(client.list_attached().empty() && client.list_connected().size() < 2);
     };
     until_set.reset();

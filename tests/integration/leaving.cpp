@@ -1,6 +1,6 @@
 /// @file
-/// A program that leaves without saying goodbye: its client is leaked, or a static object, and the
-/// watcher runs while static objects are destroyed, or a handler exits. It has to end with status
+/// A program that exits without a shutdown: its client is leaked, or a static object, and the
+/// watcher runs while static objects are destroyed, or a handler calls exit(). Its status has to be
 /// 0.
 #include <cstdio>
 #include <cstdlib>
@@ -27,10 +27,10 @@ int main(int argc, char** argv) {
     if (argc != 2) return 2;
     const JovuDeviceAddress device = test::plug();
     auto client = std::make_unique<test::RecordingClient>();
-    if (!client->wait_connected(device) || !client->answers(device)) return 1;
+    if (!client->wait_connected(device) || !client->exchange_works(device)) return 1;
     test::sim("fault " + test::name(device) + " flood message 100000");
     if (std::strcmp(argv[1], "leaked") == 0) {
-        // Reachable from nowhere but the link, as in an application that never deletes its client.
+        // Only the USB backend refers to it, as in an application that never deletes its client.
         static_cast<void>(client.release());
         static const SlowEnd slow_end;
         return 0;

@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <chrono>
 #include <cstdio>
@@ -11,6 +12,7 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <future>
 #include <memory>
 #include <random>
 #include <thread>
@@ -37,7 +39,7 @@ int storm_scale() {
 
 /// Makes the library that is preloaded for the simulated bus free what it keeps of an open that
 /// failed, once a call: it files the node's socket under the descriptor that open() returned,
-/// which is -1, and has room for 50 files. A device that goes while it is opened is such an open.
+/// which is -1, and has room for 50 files. An open fails so when the device is unplugged meanwhile.
 void forget_a_failed_open() {
     ::close(-1);
 }
@@ -78,14 +80,14 @@ protected:
         {
             RecordingClient client;
             ASSERT_TRUE(client.wait_connected(device));
-            ASSERT_TRUE(client.answers(device));
+            ASSERT_TRUE(client.exchange_works(device));
         }
         sim("unplug " + name(device));
         before_ = Holdings::now();
         start_ = std::chrono::steady_clock::now();
     }
 
-    /// To be called when all clients have gone.
+    /// To be called when all clients have been destroyed.
     void check_holdings(long operations) const {
         Holdings after;
         EXPECT_TRUE(eventually([&] {
@@ -101,7 +103,7 @@ protected:
 #ifndef JOVU_SANITIZED  // their own records grow with all that was ever allocated
         // Room for the heap's own ways. At the full measure a leak of a few hundred bytes an
         // operation is more in the whole.
-        EXPECT_LT(after.resident_kib, before_.resident_kib + 3 * 1024);
+        EXPECT_LT(after.resident_kib, before_.resident_kib + 3 * 1024L);
 #endif
     }
 
@@ -110,7 +112,7 @@ private:
     std::chrono::steady_clock::time_point start_;
 };
 
-/// A thread that does something again and again until it goes.
+/// A thread that does something again and again until it is destroyed.
 class Again {
 public:
     explicit Again(std::function<void()> work)
@@ -145,12 +147,12 @@ TEST_F(Storm, ADeviceThatComesAndGoesUnderCommandsAndAPush) {
         const test::TemporaryFile job("job", test::job_content(40000));
         const JovuDeviceAddress device = plug();
         RecordingClient client;
-        std::atomic<long> answered{0};
+        std::atomic<long> responses{0};
         ASSERT_TRUE(client.wait_connected(device));
         {
             const Again commands([&] {
-                if (client.answers(device)) {
-                    ++answered;
+                if (client.exchange_works(device)) {
+                    ++responses;
                 } else {
                     std::this_thread::sleep_for(std::chrono::milliseconds(1));
                 }
@@ -167,9 +169,8 @@ TEST_F(Storm, ADeviceThatComesAndGoesUnderCommandsAndAPush) {
             }
         }
         sim("replug " + name(device));
-        EXPECT_TRUE(eventually([&] { return client.answers(device); }));
-        std::printf("%ld commands answered, %zu connections\n", answered.load(),
-                    client.connects(device));
+        EXPECT_TRUE(eventually([&] { return client.exchange_works(device); }));
+        std::printf("%ld responses, %zu connections\n", responses.load(), client.connects(device));
         sim("unplug " + name(device));
         EXPECT_TRUE(eventually([&] {
             return client.list_connected().empty() &&
@@ -184,7 +185,7 @@ TEST_F(Storm, ADeviceThatComesAndGoesUnderCommandsAndAPush) {
 TEST_F(Storm, EightThreadsOnThreeDevicesWithFaults) {
     const int commands = 20 * storm_scale();
     constexpr int kThreads = 8;
-    std::atomic<long> answered{0};
+    std::atomic<long> responses{0};
     std::atomic<long> failed{0};
     {
         const std::vector<JovuDeviceAddress> devices{plug(), plug(), plug()};
@@ -192,24 +193,22 @@ TEST_F(Storm, EightThreadsOnThreeDevicesWithFaults) {
         for (const JovuDeviceAddress device : devices)
             ASSERT_TRUE(client.wait_connected(device));
         const auto on_threads = [](int times, const std::function<void(int)>& work) {
-            std::vector<std::thread> threads;
+            std::array<std::future<void>, kThreads> threads;
             for (int t = 0; t < kThreads; ++t) {
-                threads.emplace_back([=] {
+                threads.at(static_cast<std::size_t>(t)) = std::async(std::launch::async, [=] {
                     for (int i = 0; i < times; ++i)
                         work(t + i * kThreads);
                 });
             }
-            for (std::thread& thread : threads)
-                thread.join();
         };
-        // A number that no other request of the test asks for.
+        // Each request asks for the conversion of a number of its own.
         const int scale = client.servo_dc_units_client_to_native(devices[0], servo_dc_name_t{1}, 1);
         const auto exchange = [&](JovuDeviceAddress device, int number) {
             const int result = client.servo_dc_units_client_to_native(
                 device, servo_dc_name_t{1}, static_cast<float>(number + 1));
             const bool ok = JovuTransport::last_send_error().empty();
             EXPECT_EQ(result, ok ? (number + 1) * scale : 0);
-            ++(ok ? answered : failed);
+            ++(ok ? responses : failed);
         };
 
         constexpr std::chrono::milliseconds kDelay{10};
@@ -244,19 +243,19 @@ TEST_F(Storm, EightThreadsOnThreeDevicesWithFaults) {
         }
         for (const JovuDeviceAddress device : devices) {
             sim("fault " + name(device) + " clear");
-            EXPECT_TRUE(eventually([&] { return client.answers(device); }));
+            EXPECT_TRUE(eventually([&] { return client.exchange_works(device); }));
             EXPECT_TRUE(failed > 0 || test::protocol_violations(device) == 0) << "mixed frames";
         }
-        EXPECT_GT(answered, failed);
-        std::printf("%ld answered, %ld failed\n", answered.load(), failed.load());
+        EXPECT_GT(responses, failed);
+        std::printf("%ld responses, %ld failures\n", responses.load(), failed.load());
     }
-    check_holdings(kThreads * commands);
+    check_holdings(long{kThreads} * commands);
 }
 
 TEST_F(Storm, ClientsComeAndGoWhileDevicesDo) {
     const int rounds = 20 * storm_scale();
     std::atomic<long> lives{0};
-    std::atomic<long> answered{0};
+    std::atomic<long> responses{0};
     const JovuDeviceAddress device = plug();
     const JovuDeviceAddress other = plug();
     {
@@ -282,7 +281,7 @@ TEST_F(Storm, ClientsComeAndGoWhileDevicesDo) {
                         // Some go as soon as they have come, others when they have seen a device.
                         const std::chrono::milliseconds patience(random() % 2 == 0 ? 0 : 1000);
                         eventually([&] { return client.connects(device) > 0; }, patience);
-                        answered += client.answers(device) ? 1 : 0;
+                        responses += client.exchange_works(device) ? 1 : 0;
                         client.shutdown();
                         EXPECT_FALSE(client.list_attached().empty());
                         clients.erase(clients.begin() + static_cast<std::ptrdiff_t>(which));
@@ -292,13 +291,13 @@ TEST_F(Storm, ClientsComeAndGoWhileDevicesDo) {
         }
         for (std::thread& thread : threads)
             thread.join();
-        std::printf("%ld clients, %ld responses\n", lives.load(), answered.load());
+        std::printf("%ld clients, %ld responses\n", lives.load(), responses.load());
     }
-    EXPECT_GT(answered, rounds / 4);
+    EXPECT_GT(responses, rounds / 4);
     {
         RecordingClient client;
         for (const JovuDeviceAddress address : {device, other})
-            EXPECT_TRUE(client.wait_connected(address) && client.answers(address));
+            EXPECT_TRUE(client.wait_connected(address) && client.exchange_works(address));
     }
     sim("unplug " + name(device));
     sim("unplug " + name(other));

@@ -61,7 +61,7 @@ public:
         return eventually([&] { return disconnects(address) >= times; });
     }
     /// @return whether an exchange with the device works now.
-    bool answers(JovuDeviceAddress address) {
+    bool exchange_works(JovuDeviceAddress address) {
         return bio_get_version(address) != nullptr && last_send_error().empty();
     }
 

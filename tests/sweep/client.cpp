@@ -100,7 +100,7 @@ void World::start() {
     down_ = false;
     role_of_started = Role::watcher;
     call("starting", [this] { client.emplace(); });
-    role_of_started = Role::notice;
+    role_of_started = Role::notification;
 }
 
 void World::stop() {
@@ -111,14 +111,14 @@ void World::stop() {
 
 bool World::wait(const char* what, const std::function<bool(World&)>& come) {
     const auto begin = Clock::now();
-    std::optional<Clock::time_point> struck;
+    std::optional<Clock::time_point> failed_at;
     for (;;) {
         if (come(*this)) return true;
         if (client && !last_words().empty()) return false;
         const auto now = Clock::now();
-        if (fault_ != nullptr && fired && !struck) struck = now;
-        if (struck && now - *struck > (fault_->always ? kAlways : kOnce)) return false;
-        if (!struck && now - begin > kPatience) break;
+        if (fault_ != nullptr && fired && !failed_at) failed_at = now;
+        if (failed_at && now - *failed_at > (fault_->always ? kAlways : kOnce)) return false;
+        if (!failed_at && now - begin > kPatience) break;
         std::this_thread::sleep_for(milliseconds(1));
     }
     wrong(std::string(what) + " does not come about");

@@ -85,8 +85,8 @@ public:
     void shut_down();
     void stop();
 
-    /// Waits for something that the fault may have prevented; for as long as it takes if it has not
-    /// struck.
+    /// Waits for something that the fault may have prevented; for as long as it takes if its call
+    /// has not failed yet.
     bool wait(const char* what, const std::function<bool(World&)>& come);
 
     /// Makes a call of the library.

@@ -54,17 +54,17 @@ const std::array<KindRow, kKinds> kRows{{
 }};
 // clang-format on
 
-constexpr std::array<const char*, kRoles> kRoleNames{"app", "sender", "watcher", "notice"};
+constexpr std::array<const char*, kRoles> kRoleNames{"app", "sender", "watcher", "notification"};
 
 std::array<std::atomic<unsigned>, kKinds * kRoles> met{};
 
 /// The last libusb call that this thread has made.
 thread_local Kind last_call = Kind::init;
 
-bool strikes(Kind kind, const Fault& fault, unsigned position) noexcept {
+bool fails_here(Kind kind, const Fault& fault, unsigned position) noexcept {
     if (kind != fault.kind) return false;
     if (role != fault.role || position != fault.position) return fault.always && fired;
-    fired_in_reception = role == Role::watcher || JovuUsb::in_callback();
+    fired_in_receive = role == Role::watcher || JovuUsb::in_callback();
     fired = true;
     return true;
 }
@@ -104,7 +104,7 @@ int meet(Kind kind) noexcept {
     if (libusb) last_call = kind;
     const unsigned position = repeated ? 0 : ++met[slot(kind, role)];
     const Fault* const fault = fault_of_run;
-    return fault != nullptr && strikes(kind, *fault, position) ? fault->result.value : 0;
+    return fault != nullptr && fails_here(kind, *fault, position) ? fault->result.value : 0;
 }
 
 }  // namespace sweep

@@ -25,10 +25,10 @@ inline constexpr std::size_t kKinds = 19;
 /// Which thread calls. Each thread's calls come in nearly the same order in every run, those of all
 /// threads together do not.
 enum class Role {
-    app,      ///< The application's main thread.
-    sender,   ///< The application's other threads.
-    watcher,  ///< The library's watcher.
-    notice,   ///< The library's notification threads.
+    app,           ///< The application's main thread.
+    sender,        ///< The application's other threads.
+    watcher,       ///< The library's watcher.
+    notification,  ///< The library's notification threads.
 };
 inline constexpr std::size_t kRoles = 4;
 
@@ -74,7 +74,7 @@ inline const Fault* fault_of_run = nullptr;
 /// Whether the fault's call has failed.
 inline std::atomic<bool> fired{false};
 /// Whether it failed on the watcher, or while received data was being handled.
-inline std::atomic<bool> fired_in_reception{false};
+inline std::atomic<bool> fired_in_receive{false};
 /// @return whether every call of that kind fails now.
 bool always_fails(Kind kind) noexcept;
 Counts counts() noexcept;
@@ -86,7 +86,7 @@ int meet(Kind kind) noexcept;
 /// @name The calling thread's role, and that of the threads that the library starts on it
 /// @{
 inline thread_local Role role = Role::app;
-inline thread_local Role role_of_started = Role::notice;
+inline thread_local Role role_of_started = Role::notification;
 /// @}
 
 }  // namespace sweep

@@ -25,7 +25,7 @@ constexpr std::size_t kCountingRuns = 3;
 
 /// Processes at once. They mostly wait.
 std::size_t width() {
-    return 16 * std::max(1U, std::thread::hardware_concurrency());
+    return std::size_t{16} * std::max(1U, std::thread::hardware_concurrency());
 }
 
 /// What a scenario does when nothing fails.
@@ -135,6 +135,6 @@ int main(int argc, char** argv) {
         "  --every K    makes only every K-th run, always the same ones\n"
         "  --only RUNS  makes the runs whose names begin with RUNS: a scenario's name, or\n"
         "               SCENARIO:CALL@THREAD.POSITION:RESULT:once|always\n"
-        "  --self-test  shows that the sweep notices what it is there to notice\n");
+        "  --self-test  makes runs with a defect each, which the sweep has to notice\n");
     return 2;
 }

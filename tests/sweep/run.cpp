@@ -44,10 +44,10 @@ constexpr const char* kNoReport = "no status report";
 
 /// What shows that a rule applies.
 enum class Sign {
-    last_words,       ///< The watcher has ended, with that line.
-    reception_ended,  ///< A transfer of the device is not in flight.
-    frame_lost,       ///< A command got no response.
-    report_lost,      ///< A command got a response, a request for a status report did not.
+    last_words,     ///< The watcher has ended, with that line.
+    receive_ended,  ///< A transfer of the device is not in flight.
+    frame_lost,     ///< A command got no response.
+    report_lost,    ///< A command got a response, a request for a status report did not.
 };
 
 /// What makes the next exchange work.
@@ -73,8 +73,8 @@ const std::vector<Rule>& all_rules() {
     using K = Kind;
     using R = Remedy;
     static const std::vector<Rule> all{
-        // A device that answers its probe and cannot be opened right after ends the watcher, unless
-        // it is gone.
+        // A device that is opened for its probe and cannot be opened again right after ends the
+        // watcher, unless it is gone.
         {K::list, {}, Sign::last_words, R::restart, "Failed to get libusb device list."},
         {K::descriptor, {}, Sign::last_words, R::restart,
          "Failed to get libusb device descriptor."},
@@ -91,8 +91,8 @@ const std::vector<Rule>& all_rules() {
         {K::descriptor, {}, Sign::frame_lost, R::repeat},
         // Receiving that cannot be started or continued stays ended until the device is plugged in
         // anew, since only the failure of both channels removes it.
-        {K::submit, {}, Sign::reception_ended, R::replug_and_repeat},
-        {K::completion, {"stall", "no-device"}, Sign::reception_ended, R::replug_and_repeat},
+        {K::submit, {}, Sign::receive_ended, R::replug_and_repeat},
+        {K::completion, {"stall", "no-device"}, Sign::receive_ended, R::replug_and_repeat},
         // A frame with a gap is dropped, with the beginning of the next one, in either direction.
         {K::completion, {"error", "time-out"}, Sign::frame_lost, R::repeat},
         {K::bulk, {"stall", "overflow", "no-device", "invalid-param", "io", "interrupted",
@@ -110,11 +110,11 @@ bool receiving(World& world) {
     return fake_usb::in_flight(device, kMessagesIn) && fake_usb::in_flight(device, kJobsIn);
 }
 
-/// @return the rule by which the run's fault, if it has struck, may show that sign.
+/// @return the rule by which the run's fault, if its call has failed, may show that sign.
 const Rule* find_rule(World& world, Sign sign) {
     if (world.fault() == nullptr || !fired) return nullptr;
     const Fault& fault = *world.fault();
-    if (fault.kind == Kind::memory && !fired_in_reception) return nullptr;
+    if (fault.kind == Kind::memory && !fired_in_receive) return nullptr;
     for (const Rule& rule : all_rules()) {
         const auto& of = rule.results;
         if (rule.sign == sign && rule.kind == fault.kind &&
@@ -140,19 +140,19 @@ bool not_there_yet(const std::string& reason) {
 /// @param may_end whether receiving from the device may have ended permanently.
 bool exchange(World& world, std::string& reason, bool may_end = false) {
     auto received = Clock::now();
-    bool answered = false;
+    bool responded = false;
     const bool decided = test::eventually(
         [&] {
             reason = last_words();
             if (!reason.empty()) return true;
-            answered = world.command(0);
+            responded = world.command(0);
             reason = JovuTransport::last_send_error();
-            if (answered || !not_there_yet(reason)) return true;
+            if (responded || !not_there_yet(reason)) return true;
             if (receiving(world)) received = Clock::now();
             return may_end && Clock::now() - received > kReceiveGap;
         },
         kLimit);
-    if (!decided || !answered) return false;
+    if (!decided || !responded) return false;
     reason = kNoReport;
     return world.status();
 }
@@ -166,9 +166,9 @@ void replug(World& world) {
 void check_recovery(World& world, const Scenario& scenario, Report& report) {
     if (scenario.closes) replug(world);
     std::string reason;
-    if (exchange(world, reason, find_rule(world, Sign::reception_ended) != nullptr)) return;
+    if (exchange(world, reason, find_rule(world, Sign::receive_ended) != nullptr)) return;
     Sign sign = reason == kNoReport ? Sign::report_lost : Sign::frame_lost;
-    if (!receiving(world)) sign = Sign::reception_ended;
+    if (!receiving(world)) sign = Sign::receive_ended;
     if (!last_words().empty()) sign = Sign::last_words;
     const Rule* const rule = find_rule(world, sign);
     if (rule == nullptr) return world.wrong("the next exchange does not work: " + reason);

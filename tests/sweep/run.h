@@ -28,7 +28,7 @@ struct Report {
     Counts counts;
     long blocks;     ///< Left over at the end.
     bool fired;      ///< Whether the call came that was to fail.
-    bool set_aside;  ///< Whether a transfer was kept for good.
+    bool set_aside;  ///< Whether a transfer was kept permanently.
     bool by_rule;    ///< Whether it took a rule's remedy to make the next exchange work.
 };
 

@@ -145,7 +145,7 @@ void replug(World& world) {
     if (!connected(world)) return;
     world.device().unplug();
     world.plug();
-    world.wait("the second announcement",
+    world.wait("the second notification",
                [](World& w) { return w.client->connects >= 2 && w.client->disconnects >= 1; });
 }
 
@@ -156,11 +156,11 @@ void close(World& world) {
         if (!fired) world.wrong("closing fails");
         return;
     }
-    if (world.command(0)) world.wrong("a closed device answers");
-    world.wait("word of the closing", [](World& w) { return w.client->disconnects > 0; });
+    if (world.command(0)) world.wrong("a closed device responds");
+    world.wait("the notification of the close", [](World& w) { return w.client->disconnects > 0; });
 }
 
-/// A command waits, a job is being sent, events come in: and the client is shut down.
+/// The client is shut down while a command waits, a job is sent and events are received.
 void stop_at_work(World& world) {
     if (!connect(world)) return;
     DeviceModel& device = world.device();
@@ -168,7 +168,7 @@ void stop_at_work(World& world) {
     std::atomic<bool> failed{false};
     std::thread waiting([&] {
         role = Role::sender;
-        if (world.command(0)) world.wrong("a mute device answers");
+        if (world.command(0)) world.wrong("a mute device responds");
         failed = true;
     });
     std::thread sending([&] {

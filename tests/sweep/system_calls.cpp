@@ -27,7 +27,7 @@ namespace {
 constexpr std::int64_t kMillisecond = 1000000;  // ns
 constexpr std::int64_t kSecond = 1000 * kMillisecond;
 
-/// Waits that are longer are those for a device's answer,
+/// Waits that are longer are those for a device's response,
 constexpr std::int64_t kLongWait = 10 * kSecond;
 /// and are cut short when none can come, after that many looks,
 constexpr int kLooks = 5;
@@ -108,6 +108,7 @@ void* run(void* argument) {
 
 extern "C" {
 
+// NOLINTBEGIN(bugprone-reserved-identifier)
 /// AddressSanitizer's own, which has to see every thread; null without it.
 __attribute__((weak)) int __interceptor_pthread_create(pthread_t* thread,
                                                        const pthread_attr_t* attributes,
@@ -133,7 +134,6 @@ __attribute__((visibility("default"))) int pthread_create(pthread_t* thread,
 /// @}
 /// @name Files. These and the following are names of the linker's --wrap.
 /// @{
-// NOLINTBEGIN(bugprone-reserved-identifier)
 int __real_open(const char* path, int flags, ...);
 int __real_fstat(int descriptor, struct stat* info);
 std::FILE* __real_fdopen(int descriptor, const char* mode);

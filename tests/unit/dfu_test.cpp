@@ -1,4 +1,5 @@
-// JovuDfu with a stand-in for dfu-util: a script in a directory of its own.
+/// @file
+/// JovuDfu with a stand-in for dfu-util: a script in a directory of its own.
 #include "jovu/dfu.h"
 
 #include <fcntl.h>
@@ -25,7 +26,7 @@ using testing::ElementsAre;
 const JovuDfu::DfuDevice_t kDevice{"1234", "abcd", "ABC123"};
 const std::string kFailed = "Failed to update device, pipe log: ";
 
-/// What the progress callback was told, and what it does.
+/// What the progress callback received, and what it does.
 std::vector<double> reported;
 std::string reported_serial;
 void (*during)() = nullptr;

@@ -47,7 +47,7 @@ TEST_F(Message, IdsAreConsecutiveAndEveryKindTakesFromOneCounter) {
     EXPECT_EQ(second.id(), first.id() + 1);
     EXPECT_EQ(third.id(), first.id() + 2);
     EXPECT_EQ(given.id(), 7U);
-    EXPECT_EQ(JovuMessage(first).id(), first.id());
+    EXPECT_EQ(JovuMessage(third).id(), third.id());
     // Moved on to anywhere, but once.
     JovuMessage::start_ids_anywhere();
     const JovuCommand moved(client);

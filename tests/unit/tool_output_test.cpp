@@ -57,56 +57,56 @@ std::vector<double> percentages_by_regex(std::string piece) {
     return found;
 }
 
-/// Texts put together from words at random.
-class Texts {
+/// Strings put together from parts at random.
+class RandomStrings {
 public:
-    /// @param words with bars in between.
-    explicit Texts(const std::string& words) {
-        std::istringstream stream(words);
-        for (std::string word; std::getline(stream, word, '|');)
-            words_.push_back(word);
+    /// @param parts with bars in between.
+    explicit RandomStrings(const std::string& parts) {
+        std::istringstream stream(parts);
+        for (std::string part; std::getline(stream, part, '|');)
+            parts_.push_back(part);
     }
     std::string next() {
         std::string text;
         for (std::size_t left = random_() % 16; left > 0; --left)
-            text += words_[random_() % words_.size()];
+            text += parts_[random_() % parts_.size()];
         return text;
     }
 
 private:
-    std::vector<std::string> words_;
+    std::vector<std::string> parts_;
     std::mt19937 random_{1};
 };
 
-constexpr int kTexts = 20000;
+constexpr int kStrings = 20000;
 
 TEST(DfuListing, FindsWhatThePatternsFind) {
-    // Some words stand more than once, to come more often.
-    Texts texts(
+    // Some parts are listed more than once, to be chosen more often.
+    RandomStrings strings(
         "Found|Found |Found DFU: [12:ab]|Found DFU: [12:ab]|Found DFU: [12:ab]|DFU:| |[|x:Y9|:|]|"
         "Found\n DFU:\r\t[aA0:zZ9]|serial=|\"|serial=\"azAZ09\"|serial=\"A1\"| serial=\"B2\", "
         "|serial=\"\"|"
         "serial=\"C 3\"|serial=\"D|\n|\n|\n|\r|\r\n|\v|\0|\xE2\x80\xA8"s);
     std::size_t devices = 0;
-    for (int i = 0; i < kTexts; ++i) {
-        const std::string text = texts.next();
+    for (int i = 0; i < kStrings; ++i) {
+        const std::string text = strings.next();
         const auto expected = listed_by_regex(text);
         ASSERT_EQ(read_back(jovu::listed_devices(text)), read_back(expected)) << text;
         devices += expected.size();
     }
-    EXPECT_GT(devices, kTexts / 20U) << "the texts match too rarely to prove anything";
+    EXPECT_GT(devices, kStrings / 20U) << "the strings match too rarely to prove anything";
 }
 
 TEST(DfuProgress, FindsWhatThePatternFinds) {
-    Texts texts(" |\t|\n|\r|\v|0|42|100|%|% | 7%|x|-|.");
+    RandomStrings strings(" |\t|\n|\r|\v|0|42|100|%|% | 7%|x|-|.");
     std::size_t numbers = 0;
-    for (int i = 0; i < kTexts; ++i) {
-        const std::string text = texts.next();
+    for (int i = 0; i < kStrings; ++i) {
+        const std::string text = strings.next();
         const auto expected = percentages_by_regex(text);
         ASSERT_EQ(jovu::percentages(text), expected) << text;
         numbers += expected.size();
     }
-    EXPECT_GT(numbers, kTexts / 20U);
+    EXPECT_GT(numbers, kStrings / 20U);
     const std::string longest = " " + std::string(124, '9') + "% ";
     EXPECT_EQ(jovu::percentages(longest), percentages_by_regex(longest));
 }
