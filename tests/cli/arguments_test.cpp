@@ -7,9 +7,9 @@
 #include <string>
 #include <vector>
 
-#include "call_arguments.h"
-#include "failure.h"
-#include "near_names.h"
+#include "cli/failure.h"
+#include "cli/suggestions.h"
+#include "firmware/firmware_commands.h"
 
 namespace {
 
@@ -156,15 +156,15 @@ TEST(Arguments, AreRefusedWithTheKeyAndTheValue) {
 
 TEST(Names, AreSuggestedWhenOneIsMistyped) {
     const std::vector<std::string> names = jovu_cli::firmware_command_names();
-    const auto near = [&](const std::string& typed) { return jovu_cli::near_names(typed, names); };
+    const auto near = [&](const std::string& typed) { return jovu_cli::suggestions(typed, names); };
     EXPECT_THAT(near("bio_get_verison"), ElementsAre("bio_get_version"));
     EXPECT_THAT(near("ENTER_DFU_MODE"), ElementsAre("Enter_dfu_mode"));
     EXPECT_THAT(near("wifi_client_scan"),
                 ElementsAre("wifi_client_scan_get", "wifi_client_scan_refresh"));
     EXPECT_THAT(near("backlash"), ElementsAre("servo_dc_backlash_set"));
     EXPECT_THAT(near("frobnicate"), IsEmpty());
-    EXPECT_THAT(jovu_cli::near_names("satr", {"star", "stow"}), ElementsAre("star"));
-    EXPECT_THAT(jovu_cli::near_names("star", {"satr", "star"}), ElementsAre("star", "satr"));
+    EXPECT_THAT(jovu_cli::suggestions("satr", {"star", "stow"}), ElementsAre("star"));
+    EXPECT_THAT(jovu_cli::suggestions("star", {"satr", "star"}), ElementsAre("star", "satr"));
     EXPECT_THAT(near(""), IsEmpty());
     EXPECT_EQ(jovu_cli::did_you_mean("heater_turn", names),
               "did you mean heater_turn_on or heater_turn_off?");

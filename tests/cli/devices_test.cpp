@@ -6,7 +6,7 @@
 #include <sys/ioctl.h>
 
 #include "cli_test.h"
-#include "file_descriptor.h"
+#include "posix/file_descriptor.h"
 
 namespace test {
 namespace {

@@ -8,7 +8,7 @@
 #include <fstream>
 #include <string>
 
-#include "command_line.h"
+#include "commands/command_line.h"
 #include "support/job_file.h"
 
 namespace {
@@ -18,7 +18,7 @@ std::string help(const std::string& command) {
     const char* const whole[] = {"jovu", "--help"};
     const auto request = command.empty() ? jovu_cli::parse_command_line(2, whole)
                                          : jovu_cli::parse_command_line(3, argv);
-    return request.text;
+    return request.message;
 }
 
 /// Puts a help text into its place in the manual, a fenced block behind a marker.

@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "file_descriptor.h"
+#include "posix/file_descriptor.h"
 #include "support/wait.h"
 
 namespace test {

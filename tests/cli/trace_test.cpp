@@ -8,7 +8,7 @@
 #include <set>
 
 #include "cli_test.h"
-#include "file_descriptor.h"
+#include "posix/file_descriptor.h"
 
 namespace test {
 namespace {
@@ -128,7 +128,7 @@ TEST_F(Trace, IsSwitchedOffOnEveryWayOut) {
     fcntl(reader.get(), F_SETPIPE_SZ, 4096);
     const std::pair<std::string, const char*> targets[] = {
         {"/dev/full", ": No space left on device"},
-        {"/dev/stdout", " (it carries other text: name a file or a pipe)"},
+        {"/dev/stdout", " (it carries results and messages: name a file or a pipe)"},
         {pipe, ": Connection timed out"},
         {link, ": No such file or directory (it is a symbolic link that leads to no file)"},
         {loop, ": Too many levels of symbolic links\n"}};

@@ -3,16 +3,15 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "words.h"
+#include "shell/shell_words.h"
 
 #include <unistd.h>
 
 #include <filesystem>
 #include <fstream>
 
-#include "completion.h"
-#include "failure.h"
-#include "printable.h"
+#include "cli/failure.h"
+#include "terminal/printable.h"
 
 namespace {
 
@@ -59,7 +58,7 @@ TEST(Printable, ShowsWhatCannotBeSeen) {
 TEST(Completion, KnowsWhatCanFollow) {
     const std::vector<std::string> commands{".call", ".commands", ".events"};
     const auto words = [&](const std::string& line) {
-        return complete(line, commands, {"1:2", "1:3"}).words;
+        return complete(line, commands, {"1:2", "1:3"}).candidates;
     };
     EXPECT_THAT(words(".c"), ElementsAre(".call", ".commands"));
     EXPECT_THAT(words("c"), IsEmpty());
