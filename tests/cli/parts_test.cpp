@@ -35,7 +35,7 @@ TEST(Times, AreLocalForPeopleAndUtcForPrograms) {
 
 TEST(Advice, IsGivenForEachReason) {
     const std::pair<const char*, const char*> exchanges[] = {
-        {"timed out.", "does not answer"},  {"No response received.", "has reset"},
+        {"timed out.", "does not respond"}, {"No response received.", "has reset"},
         {"no longer connected.", "was un"}, {"has been disconnected.", "unplugged"},
         {"libusb error: -1", "check the"},  {"libusb error: -4", "it was unplugged"},
         {"libusb error: -7", "takes no"},   {"libusb error: -9", "has stalled"}};
@@ -43,11 +43,11 @@ TEST(Advice, IsGivenForEachReason) {
         EXPECT_THAT(exchange_hint(reason), HasSubstr(hint)) << reason;
     const std::pair<NodeState, const char*> nodes[] = {
         {{"N", EACCES, "", false, false, {}}, "no permission on N (install the udev rule pack"},
-        {{"N", ENODEV, "", false, false, {}}, "N is not there (it has just been unplugged"},
+        {{"N", ENODEV, "", false, false, {}}, "N is not there (it was unplugged"},
         {{"N", 0, "cdc_acm", false, false, {"a"}}, "driver cdc_acm uses N (unbind"},
-        {{"N", 0, "", true, false, {}}, "N is free now, but was not (try again"},
+        {{"N", 0, "", true, false, {}}, "N was in use and is free now (try again"},
         {{"N", 0, "usbfs", false, false, {}}, "N is in use by another program (end that"},
-        {{"N", 0, "usbfs", false, false, {"a", "b"}}, "N is in use by a, b (a device is held by"}};
+        {{"N", 0, "usbfs", false, false, {"a", "b"}}, "N is in use by a, b (only one program"}};
     for (const auto& [node, told] : nodes)
         EXPECT_THAT(obstacle_at(node).reason + " (" + obstacle_at(node).hint, HasSubstr(told));
 }
@@ -145,7 +145,7 @@ TEST(Output, IsDrawnOnWhatCanMoveItsCursor) {
 TEST(FirmwareImage, IsJudgedByItsContent) {
     const std::string any = "\x01\x02\xFF\xFF\xFF\xFF\xFF\xFF" + std::string("\0\x01UFD", 5);
     const std::string damaged = "its DFU suffix is damaged: it has CRC ",
-                      empty = "it is empty but for its DFU suffix";
+                      empty = "it contains only a DFU suffix";
     const std::string text = "it is plain text";
     std::string umlauts = ";";
     while (umlauts.size() < 9000)

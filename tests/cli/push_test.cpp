@@ -91,15 +91,18 @@ TEST_F(Push, IsPausedAndResumedAsItsStateAllows) {
         {"push", 0, 0, "accepted"},
         {"pause", 0, 1, "1:2  paused"},
         {"pause", 0, 1, "nothing was sent"},
-        {"abort", 0, 1, "1:2  aborted"},
+        {"abort --json", 0, 1, "{\"request\":\"abort\",\"sent\":true,\"device\":\"1:2\""},
         {"pause", 6, 1, "state aborted"},
         {"push", 0, 1, "accepted"},
         {"pause", 0, 2, "1:2  paused"},
         {"resume", 0, 3, "1:2  printing"},
+        {"resume --json", 0, 3, "{\"request\":\"resume\",\"sent\":false"},
     };
     for (const auto& [command, exit_code, requests, shown] : rows) {
-        const Ended ended =
-            command == std::string("push") ? jovu({command, file_.path()}) : jovu({command});
+        std::vector<std::string> words{command};
+        if (words[0] == "push") words.push_back(file_.path());
+        if (words[0].back() == 'n') words = {words[0].substr(0, words[0].find(' ')), "--json"};
+        const Ended ended = jovu(words);
         EXPECT_EQ(ended.status, exit_code) << command << ": " << ended.err;
         EXPECT_THAT(ended.out + ended.err, HasSubstr(shown));
         EXPECT_EQ(job()["requests"].value("pause", 0), requests) << command;
@@ -170,7 +173,7 @@ TEST_F(Push, IsCancelledByAnInterruptAndLeftAtOnceByASecondOne) {
         EXPECT_EQ(program.finish(), 130);
         if (twice) {
             EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(3));
-            EXPECT_THAT(program.err(), HasSubstr("jovu: left at once: 1:2 waits for the rest"));
+            EXPECT_THAT(program.err(), HasSubstr("jovu: ended at once: 1:2 waits for the rest"));
             return;
         }
         EXPECT_THAT(program.out(), HasSubstr("filling " + file_.path() + ": 100 %"));
@@ -194,7 +197,8 @@ TEST_F(Push, MayBeLeftBeforeTheAnnouncementIsThrough) {
         std::this_thread::sleep_for(std::chrono::milliseconds(600));  // else it is the same
         if (twice) program.signal(SIGINT);
         EXPECT_EQ(program.finish(), 130);
-        EXPECT_THAT(program.err(), HasSubstr(twice ? "left at once: 1:2 may wait" : "Send failed"));
+        EXPECT_THAT(program.err(),
+                    HasSubstr(twice ? "ended at once: 1:2 may wait" : "Send failed"));
         sim("replug " + name(device_));
     }
 }
@@ -205,7 +209,7 @@ TEST_F(Push, GoesOnOnTheDeviceWhenTheWaitIsInterrupted) {
     fault("silent always");  // the job's end cannot come before the interrupt
     program.signal(SIGINT);
     EXPECT_EQ(program.finish(), 130);
-    EXPECT_THAT(program.err(), HasSubstr("1:2 goes on with the job ('jovu abort' ends it)"));
+    EXPECT_THAT(program.err(), HasSubstr("1:2 continues the job ('jovu abort' ends it)"));
     EXPECT_TRUE(eventually([&] { return job()["finished"] == 1; }));
 }
 

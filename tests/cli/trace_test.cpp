@@ -152,11 +152,11 @@ TEST_F(Trace, KeepsWhatItHasWhenTheDeviceGoes) {
     sim("unplug " + name(device_));
     EXPECT_EQ(program.finish(), 5);
     EXPECT_THAT(program.err(),
-                HasSubstr(name(device_) + " is gone: there is no tracing to switch off"));
+                HasSubstr(name(device_) + " has disconnected: the tracing was not switched off"));
     EXPECT_EQ(content_of(csv_.path()), "old");
     ASSERT_EQ(files().size(), 3U) << "with the samples, and nothing of the image";
     const std::string part = files().back();
-    EXPECT_THAT(program.err(), HasSubstr("what was recorded until then is in " + part));
+    EXPECT_THAT(program.err(), HasSubstr("the samples recorded so far are in " + part));
     EXPECT_THAT(content_of(part), StartsWith("int_cnt,"));
     fs::remove(part);
 }

@@ -142,7 +142,7 @@ TEST_F(Update, TakesUpADeviceThatIsInDfuMode) {
     EXPECT_THAT(update(cut.path()).err, HasSubstr("'jovu update' can be run again"));
     EXPECT_THAT(jovu({"dfu"}).out, HasSubstr("  serial " + serial_ + "\n"));
     plug();
-    const TemporaryFile image("suffix.bin", with_suffix(content_, "-v 7a1c -p 00df"));
+    const TemporaryFile image("suffix.bin", with_suffix(content_, "-v ffff -p 00df"));
     const Ended ended =
         jovu({"update", image.path(), "--serial", serial_, "--json"}, "y\n", Out::dialog);
     EXPECT_EQ(ended.status, 0) << ended.out;
@@ -173,7 +173,7 @@ void PrintTo(const Judged& row, std::ostream* out) {
 const Judged kJudged[] = {
     {"", {"leave-at-reset"}, "", "2", {}, 0, "runs version 2, before it was 1.0.0", kBroken},
     {"", {"write-error 5"}, "", "2", {}, 5, "the download failed: S; dfu-util says: ", kBroken},
-    {"", {"keep-firmware"}, "", "2", {}, 5, "runs version 1.0.0 as before, and that", kDone},
+    {"", {"keep-firmware"}, "", "2", {}, 5, "runs version 1.0.0 as before, which is not", kDone},
     {"", {"keep-firmware"}, "", "2", {"--force"}, 0, "written: 1:", kDone},
     {"", {"keep-firmware"}, "", "1.0.0", {}, 0, "written: 1:", kDone},
     {"", {"keep-firmware", "unplug-at 5"}, "", "1.0.0", {}, 5, "the update failed, ", kBroken},
@@ -184,7 +184,7 @@ const Judged kJudged[] = {
     {"", {}, "serial=X", "2", {}, 0, "updated: ", kDone},
     {"", {}, "serial=S", "2", {}, 4, "several devices: in DFU mode S (7a1c:00df at 1-", "-l"},
     {"", {"serial T"}, "serial=X", "2", {}, 4, "several devices: in DFU mode ", "-l"},
-    {"product=00df", {"unplug-at 5"}, "product=2", "2", {}, 5, "has not come back: S", kBroken},
+    {"product=00df", {"unplug-at 5"}, "product=2", "2", {}, 5, "has not returned: S", kBroken},
 };
 
 class JudgedUpdate : public Update, public testing::WithParamInterface<Judged> {};
@@ -247,7 +247,11 @@ TEST_F(Update, IsNotBegunWhenItCannotEndWell) {
         {content_, "serial=" + serial_, chosen, 4, "two devices claim one serial number"},
         {content_, "serial=-\"%20serial=\"X", chosen, 4, "cannot tell the devices in DFU mode ap"},
         {content_, "name=x\",%20serial=\"B\"%0Ax", chosen, 4, "cannot tell the devices in DFU mo"},
-        {content_, "vendor=1209 serial=X", {"--serial", "X"}, 3, "maker's device: in DFU mode X "},
+        {content_,
+         "vendor=1209 serial=X",
+         {"--serial", "X"},
+         3,
+         "device of another vendor: in DFU mode X "},
         {content_, "serial=A-B", {"--serial", "A-B"}, 3, "must be of letters and digits"},
         {content_, "serial=X", {"--serial", "NONE"}, 3, "no device with serial number NONE"},
         {content_, "", {"-d", name(device_), "--serial", "X"}, 3, ", not X"},
@@ -291,7 +295,7 @@ TEST_F(Update, IsNotCutByAnInterrupt) {
     ASSERT_TRUE(program.writes("downloading"));
     program.signal(SIGINT);
     EXPECT_EQ(program.finish(), 130);
-    EXPECT_THAT(program.err(), HasSubstr("jovu: the download goes on"));
+    EXPECT_THAT(program.err(), HasSubstr("jovu: the download continues"));
     EXPECT_TRUE(eventually([] {
         const Ended info = jovu({"info", "--json"});
         return info.status == 0 && json::parse(info.out)["version"] == "2.5.0";

@@ -1,5 +1,5 @@
 /// @file
-/// The program `jovu`: wires the parts together and turns the outcome into an exit status.
+/// The program `jovu`: runs a command and turns its result into an exit status.
 
 #include <exception>
 #include <string>

@@ -1,23 +1,20 @@
 /// @file
-/// `jovu call`: makes one call of any of the firmware's commands.
+/// `jovu call`: calls one of the firmware's commands.
 
 #include <unistd.h>
 
+#include <CLI/CLI.hpp>
+#include <memory>
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "cli/failure.h"
 #include "commands/command.h"
 #include "firmware/firmware_commands.h"
 #include "firmware/value_strings.h"
 #include "terminal/line_reader.h"
-
-#include <CLI/CLI.hpp>
-
-#include <memory>
-
-#include <vector>
 
 namespace jovu_cli {
 namespace {
@@ -27,16 +24,16 @@ struct CallOptions {
     std::vector<std::string> arguments;  ///< KEY=VALUE each.
 };
 
-/// More than any argument: a frame carries 64 KiB.
+/// Bytes; more than any argument, as a frame carries 64 KiB.
 constexpr std::size_t kMaxValue = 256U << 10U;
 
-/// Reads the values that are kept in files, so that other users of the machine do not see them
-/// among the arguments of this process.
+/// Reads values from files. Other users can read the arguments of a process, but not a secret in a
+/// file.
 class ValueFiles {
 public:
     explicit ValueFiles(const Context& context) : context_(context) {}
 
-    /// @return what is in the file, without one line feed at the end.
+    /// @return the content of the file, without a line feed at its end.
     /// @throws Failure.
     std::string read(const std::string& file) {
         StreamReader source =
@@ -115,12 +112,12 @@ Run define_call(CLI::App& app) {
         "'jovu commands NAME' lists the arguments and their ranges.\n"
         "Enumerations are whole numbers (decimal, or hexadecimal with 0x), booleans are 0 or 1.\n"
         "Of a buffer, a list such as 1.5,2,3, only the first value is sent to the device.\n"
-        "A structure is given by its members (config.gains.kp=1.5), as JSON (config={...}), or by\n"
-        "both: then the members replace those of the JSON. Omitted members are zero.\n"
+        "A structure is given by its members (config.gains.kp=1.5), as JSON (config={...}), or\n"
+        "by both: then the members replace those of the JSON. Omitted members are zero.\n"
         "Bytes are decimals with dots or commas (192.168.1.7), or hexadecimals with colons.\n"
-        "@FILE reads a value from a file, @- from standard input, without a line feed at the end;\n"
-        "use them for secrets, as other users can read the arguments of a process. Write @@ for a\n"
-        "value that begins with @.");
+        "@FILE reads a value from a file, @- from standard input, without a line feed at the\n"
+        "end; use them for secrets, as other users can read the arguments of a process. Write\n"
+        "@@ for a value that begins with @.");
     return [options](const Context& context) { run_call(context, *options); };
 }
 

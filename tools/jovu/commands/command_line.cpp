@@ -30,10 +30,10 @@ void add_common_options(CLI::App& app, CommonOptions& options) {
                    throw CLI::ValidationError("not a device address BUS:ADDR: " + value);
                }
            },
-           "Use this device (bus and address, 0 to 255 each); needed only with several")
+           "Use this device, 0 to 255 each; needed with several")
         ->type_name("BUS:ADDR");
     add_seconds_option(app, "--wait-device", options.wait_device,
-                       "Wait up to this time for a device to appear, 0 to 604800");
+                       "Wait for a device to appear, 0 to 604800");
     app.add_flag("--json", options.json, "Write JSON, for programs");
 }
 
@@ -106,7 +106,7 @@ Request parse_command_line(int argc, const char* const* argv) {
         CLI::App* sub = app.add_subcommand(command.name, command.summary);
         sub->fallthrough();
         sub->group("Commands");
-        sub->footer("");  // Do not inherit the notes of the program.
+        sub->footer("");  // Otherwise it inherits the program's.
         runs[sub] = command.define(*sub);
         const std::string own = sub->get_footer();
         sub->footer((own.empty() ? "" : own + "\n\n") + kCommonOptionsNote);

@@ -1,17 +1,15 @@
 /// @file
-/// `jovu commands`: what commands the firmware has. Needs no device.
+/// `jovu commands`: lists the firmware's commands.
 
+#include <CLI/CLI.hpp>
 #include <algorithm>
+#include <memory>
 #include <nlohmann/json.hpp>
 #include <string>
 
 #include "commands/command.h"
 #include "firmware/firmware_commands.h"
 #include "firmware/value_strings.h"
-
-#include <CLI/CLI.hpp>
-
-#include <memory>
 
 namespace jovu_cli {
 namespace {
@@ -30,7 +28,7 @@ const char* kind_name(const ValueType& type) {
             return "integer";
         case Kind::number:
             return "number";
-        case Kind::text:
+        case Kind::string:
             return "text";
         case Kind::bytes:
             return type.holds_string ? "text" : "bytes";
@@ -75,19 +73,19 @@ Json described(const FirmwareCommand& command) {
             {"result", described(command.result)}};
 }
 
-std::string padded(std::string text, std::size_t width) {
-    text.resize(std::max(width, text.size()), ' ');
-    return text;
+std::string padded(std::string value, std::size_t width) {
+    value.resize(std::max(width, value.size()), ' ');
+    return value;
 }
 
 /// "gpio_output_set(pin: gpio_name_t, value: bool) -> void"
 std::string signature(const FirmwareCommand& command) {
-    std::string text = std::string(command.name) + "(";
+    std::string line = std::string(command.name) + "(";
     for (const NamedType& argument : command.arguments) {
-        text +=
-            (text.back() == '(' ? "" : ", ") + argument.key + ": " + display_type(argument.type);
+        line +=
+            (line.back() == '(' ? "" : ", ") + argument.key + ": " + display_type(argument.type);
     }
-    return text + ") -> " + display_type(command.result);
+    return line + ") -> " + display_type(command.result);
 }
 
 void print_types(Output& out, const std::vector<NamedType>& entries) {

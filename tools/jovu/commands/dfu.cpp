@@ -1,6 +1,7 @@
 /// @file
-/// `jovu dfu`: the devices that wait for a new firmware.
+/// `jovu dfu`: the devices in DFU mode.
 
+#include <CLI/CLI.hpp>
 #include <nlohmann/json.hpp>
 #include <string>
 
@@ -9,8 +10,6 @@
 #include "session/attached_devices.h"
 #include "terminal/printable.h"
 #include "update/dfu_tool.h"
-
-#include <CLI/CLI.hpp>
 
 namespace jovu_cli {
 
@@ -21,7 +20,7 @@ void run_dfu(const Context& context) {
     const DfuListing listing = tool.list();
     for (const std::string& line : listing.refused) {
         print_error(
-            "jovu: left out, as the names or the serial number of a device make it ambiguous: " +
+            "jovu: omitted, as the names or the serial number of a device make it ambiguous: " +
             printable(line));
     }
     if (context.out.json()) {
@@ -47,7 +46,7 @@ void run_dfu(const Context& context) {
         throw Failure(ExitCode::no_device,
                       "no device is in DFU mode" +
                           (listing.diagnostics.empty() ? "" : ": " + listing.diagnostics),
-                      "'jovu update' puts a controller into it");
+                      "'jovu update' puts a controller into DFU mode");
     }
 }
 

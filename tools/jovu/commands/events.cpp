@@ -1,16 +1,14 @@
 /// @file
-/// `jovu events`: what a device reports of its own accord.
+/// `jovu events`: the events that a device reports.
 
+#include <CLI/CLI.hpp>
 #include <chrono>
+#include <memory>
 #include <optional>
 #include <string>
 
 #include "commands/command.h"
 #include "session/reports.h"
-
-#include <CLI/CLI.hpp>
-
-#include <memory>
 
 namespace jovu_cli {
 namespace {
@@ -32,7 +30,7 @@ void run_events(const Context& context, const EventOptions& options) {
         }
         print_lost_events(session.notifications().take_lost());
         if (NotificationQueue::Clock::now() >= end) {
-            break;  // Events that come without a pause would keep the wait from ever timing out.
+            break;  // Without a pause between events the wait never times out.
         }
     }
     context.stop.throw_if_stopped();

@@ -1,6 +1,7 @@
 /// @file
-/// `jovu gcode`: hands lines of gcode to a device's interpreter.
+/// `jovu gcode`: sends lines of gcode to a device's interpreter.
 
+#include <CLI/CLI.hpp>
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <optional>
@@ -11,8 +12,6 @@
 #include "commands/command.h"
 #include "terminal/line_reader.h"
 
-#include <CLI/CLI.hpp>
-
 namespace jovu_cli {
 namespace {
 
@@ -22,10 +21,10 @@ struct GcodeOptions {
     bool keep_going = false;
 };
 
-/// The interpreter's verdict for a line that it has carried out; any other one is a refusal.
+/// The interpreter's result of an executed line; any other result is a refusal.
 constexpr std::uint32_t kResultOk = 0;
 
-std::unique_ptr<GcodeReader> make_source(const Context& context, const GcodeOptions& options) {
+std::unique_ptr<GcodeReader> make_reader(const Context& context, const GcodeOptions& options) {
     if (!options.file.empty()) {
         return std::make_unique<StreamReader>(StreamReader::open_file(options.file, context.stop));
     }
@@ -38,38 +37,39 @@ std::unique_ptr<GcodeReader> make_source(const Context& context, const GcodeOpti
     return std::make_unique<ArgumentReader>(options.lines);
 }
 
-std::shared_ptr<char> shared_string(const std::string& text) {
-    const auto copy = std::make_shared<std::string>(text);
+std::shared_ptr<char> shared_string(const std::string& message) {
+    const auto copy = std::make_shared<std::string>(message);
     return {copy, copy->data()};
 }
 
-/// Takes what the device has printed since the last call.
-/// @throws Failure when it has gone: another one in its place has not carried out the lines before.
+/// Takes the debug messages since the last call.
+/// @throws Failure when the device has disconnected: a device that replaces it did not execute the
+///     lines before.
 void take_debug_lines(Session& session, JovuDeviceAddress address,
-                      std::vector<std::string>& texts) {
+                      std::vector<std::string>& messages) {
     while (const std::optional<Notification> notification = session.notifications().poll()) {
         session.check_connected(address, *notification);
-        const auto* text = std::get_if<DebugMessage>(&notification->what);
-        if (text != nullptr && *text && notification->address == address) {
-            texts.push_back(**text);
+        const auto* message = std::get_if<DebugMessage>(&notification->what);
+        if (message != nullptr && *message && notification->address == address) {
+            messages.push_back(**message);
         }
     }
 }
 
 void print_result(Output& out, JovuDeviceAddress address, const GcodeLine& line,
-                  std::uint32_t result, const std::vector<std::string>& texts) {
+                  std::uint32_t result, const std::vector<std::string>& messages) {
     if (out.json()) {
         out.object({{"device", to_string(address)},
                     {"line", line.number},
                     {"command", line.code},
                     {"result", result},
                     {"accepted", result == kResultOk},
-                    {"texts", texts}});
+                    {"texts", messages}});
         return;
     }
     out.line((result == kResultOk ? "ok       " : "refused  ") + line.code);
-    for (const std::string& text : texts) {
-        out.line("         | " + text);
+    for (const std::string& message : messages) {
+        out.line("         | " + message);
     }
 }
 
@@ -80,27 +80,27 @@ Failure refusal(const GcodeLine& line, std::uint32_t result) {
 }
 
 void run_gcode(const Context& context, const GcodeOptions& options) {
-    const std::unique_ptr<GcodeReader> source = make_source(context, options);
+    const std::unique_ptr<GcodeReader> reader = make_reader(context, options);
     const SessionLease lease(context, Interest{false, true});
     Session& session = lease.session();
     const JovuDeviceAddress address = session.pick_device();
     std::size_t sent = 0;
     std::size_t refused = 0;
-    while (const std::optional<GcodeLine> line = source->next()) {
-        std::vector<std::string> texts;
-        take_debug_lines(session, address, texts);
+    while (const std::optional<GcodeLine> line = reader->next()) {
+        std::vector<std::string> messages;
+        take_debug_lines(session, address, messages);
         const std::string name = "line " + std::to_string(line->number) + " (" + line->code + ")";
         const std::uint32_t result = session.exchange(address, name, [&] {
             return session.client().gcode_process_command(address, shared_string(line->code));
         });
         ++sent;
         try {
-            take_debug_lines(session, address, texts);
+            take_debug_lines(session, address, messages);
         } catch (const Failure&) {
-            print_result(context.out, address, *line, result, texts);  // It was carried out.
+            print_result(context.out, address, *line, result, messages);  // The line was executed.
             throw;
         }
-        print_result(context.out, address, *line, result, texts);
+        print_result(context.out, address, *line, result, messages);
         if (result == kResultOk) {
             continue;
         }
@@ -125,9 +125,8 @@ Run define_gcode(CLI::App& app) {
         app.add_option("-f,--file", options->file, "Read the lines from a file")->type_name("FILE");
     app.add_flag("-k,--keep-going", options->keep_going, "Continue after a refused line");
     app.footer(
-        "Skips comments (from ; on) and blank lines. Waits for the device's result of each line; "
-        "0\n"
-        "is success. Shows what the device prints meanwhile below the line.");
+        "Skips comments (from ; on) and blank lines. Waits for the device's result of each line;\n"
+        "0 is success. Shows what the device prints meanwhile below the line.");
     app.callback([lines, file] {
         if ((lines->count() == 0) == (file->count() == 0)) {
             throw CLI::ValidationError("either LINE..., - or --file FILE is needed");

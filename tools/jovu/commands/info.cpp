@@ -1,5 +1,5 @@
 /// @file
-/// `jovu info`: what a device is.
+/// `jovu info`: the versions, serial number and model of a device.
 
 #include <nlohmann/json.hpp>
 

@@ -1,6 +1,7 @@
 /// @file
 /// `jovu pause`, `jovu resume` and `jovu abort`: requests about the job of a device.
 
+#include <CLI/CLI.hpp>
 #include <chrono>
 #include <nlohmann/json.hpp>
 #include <optional>
@@ -10,29 +11,27 @@
 #include "commands/command.h"
 #include "session/reports.h"
 
-#include <CLI/CLI.hpp>
-
 namespace jovu_cli {
 namespace {
 
 using namespace std::chrono_literals;
 
-/// How long a device may take to show the state that it was asked for.
+/// How long a device may take to show the requested state.
 constexpr auto kStateLimit = 2s;
 constexpr auto kStatePoll = 200ms;
 
-/// One request about the job of the one device.
+/// One request about a device's job.
 class JobControl {
 public:
-    /// @param name of the command, as the output shows it.
+    /// @param name of the command, for the output.
     JobControl(const Context& context, const char* name)
         : context_(context), name_(name), lease_(context, Interest{true, false}) {}
 
     void abort() { request(&Client::SendAbort, std::nullopt); }
 
-    /// The device has one request to pause and to resume, so its state decides whether that is
-    /// sent.
-    /// @param wanted the state that the job is to be in: paused or active.
+    /// Pauses or resumes the job. One request toggles both, so it is sent only when the state
+    /// differs.
+    /// @param wanted the state to reach: paused or active.
     void change_to(JobPhase wanted) {
         const StatusReport report = session_.request_status(address_);
         const JobPhase phase = state_phase(report.state);
@@ -50,8 +49,8 @@ public:
     }
 
 private:
-    /// Sends the request, which is not answered, and shows the state that the device is in then.
-    /// @param wanted the state that it is to be in; nothing for any.
+    /// Sends the request, which has no response, and shows the state after it.
+    /// @param wanted the state to reach; nothing for any.
     void request(void (Client::*call)(JovuDeviceAddress), std::optional<JobPhase> wanted) {
         session_.send(address_, name_, [&] { (session_.client().*call)(address_); });
         const auto deadline = NotificationQueue::Clock::now() + kStateLimit;
@@ -81,7 +80,7 @@ private:
             return;
         }
         context_.out.line(report_line(address_, report) +
-                          (sent ? "" : "  (already so: nothing was sent)"));
+                          (sent ? "" : "  (unchanged: nothing was sent)"));
     }
 
     const Context& context_;
@@ -105,9 +104,8 @@ void run_abort(const Context& context) {
 
 Run define_pause(CLI::App& app) {
     app.footer(
-        "Shows the state of the device after the request. A paused job stays paused. Without a "
-        "job\n"
-        "the exit code is 6.");
+        "Shows the state of the device after the request. A paused job stays paused. Without a\n"
+        "job the exit code is 6.");
     return run_pause;
 }
 

@@ -15,14 +15,14 @@
 namespace jovu_cli {
 namespace {
 
-/// What became of asking one device who it is.
+/// The identity of one device, or the failure to read it.
 struct Entry {
     JovuDeviceAddress address;
     std::optional<Identity> identity;
     std::optional<Failure> failure;
 };
 
-Entry ask(Session& session, JovuDeviceAddress address) {
+Entry read_entry(Session& session, JovuDeviceAddress address) {
     try {
         return {address, read_identity(session, address), std::nullopt};
     } catch (const Failure& failure) {
@@ -30,12 +30,12 @@ Entry ask(Session& session, JovuDeviceAddress address) {
     }
 }
 
-/// Asks all devices at the same time: one that does not answer takes its whole time limit.
-std::vector<Entry> ask_all(Session& session, const std::vector<JovuDeviceAddress>& devices) {
+/// Reads all identities in parallel: a device that does not respond takes its whole time limit.
+std::vector<Entry> read_entries(Session& session, const std::vector<JovuDeviceAddress>& devices) {
     std::vector<std::future<Entry>> pending;
     for (const JovuDeviceAddress address : devices) {
-        pending.push_back(
-            std::async(std::launch::async, [&session, address] { return ask(session, address); }));
+        pending.push_back(std::async(std::launch::async,
+                                     [&session, address] { return read_entry(session, address); }));
     }
     std::vector<Entry> entries;
     for (std::future<Entry>& entry : pending) {
@@ -44,8 +44,8 @@ std::vector<Entry> ask_all(Session& session, const std::vector<JovuDeviceAddress
     return entries;
 }
 
-/// The ports at which a kind of device is attached that is not, or not all of it, opened. The bus
-/// listing knows ports and the link knows addresses, so the two cannot be told apart one by one.
+/// A kind of device of which not all are open. The bus listing has ports and the library has
+/// addresses, so the ports include those of open devices of the kind.
 struct NotOpened {
     std::int32_t type;
     std::size_t count;
@@ -109,13 +109,13 @@ std::string not_opened_line(const NotOpened& kind) {
     for (const unsigned port : kind.ports) {
         ports += (ports.empty() ? "" : ", ") + std::to_string(port);
     }
-    std::string text = std::to_string(kind.count) + " attached of type " +
+    std::string line = std::to_string(kind.count) + " attached of type " +
                        std::to_string(kind.type) + ", not opened (";
     if (kind.count < kind.ports.size()) {
-        text += "among ";
+        line += "among ";
     }
-    text += (kind.ports.size() == 1 ? "port " : "ports ") + ports + ")";
-    return text;
+    line += (kind.ports.size() == 1 ? "port " : "ports ") + ports + ")";
+    return line;
 }
 
 void print(Output& out, const std::vector<Entry>& entries, const std::vector<NotOpened>& rest) {
@@ -125,13 +125,13 @@ void print(Output& out, const std::vector<Entry>& entries, const std::vector<Not
             out.line(address + "  serial " + printable(entry.identity->serial) + "  version " +
                      printable(entry.identity->version));
         } else {
-            out.line(address + "  no answer");
+            out.line(address + "  no response");
         }
     }
     for (const NotOpened& kind : rest) {
         out.line(not_opened_line(kind));
         for (const std::string& reason : kind.reasons) {
-            if (!entries.empty()) {  // Else the error says so.
+            if (!entries.empty()) {  // Otherwise the error contains it.
                 out.line("  " + printable(reason));
             }
         }
@@ -142,7 +142,7 @@ void run_list(const Context& context) {
     const SessionLease lease(context, Interest{});
     Session& session = lease.session();
     const std::vector<JovuDeviceAddress> devices = session.find_devices();
-    const std::vector<Entry> entries = ask_all(session, devices);
+    const std::vector<Entry> entries = read_entries(session, devices);
     context.stop.throw_if_stopped();
     const std::vector<NotOpened> rest = not_opened(session);
     if (context.out.json()) {

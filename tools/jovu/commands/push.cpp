@@ -1,10 +1,12 @@
 /// @file
-/// `jovu push`: sends a print job, sees that it is accepted, and follows it to its end.
+/// `jovu push`: sends a print job, waits until it is accepted, and can follow it to its end.
 
+#include <CLI/CLI.hpp>
 #include <chrono>
 #include <cmath>
 #include <cstdint>
 #include <exception>
+#include <memory>
 #include <optional>
 #include <string>
 
@@ -16,10 +18,6 @@
 #include "session/reports.h"
 #include "terminal/printable.h"
 
-#include <CLI/CLI.hpp>
-
-#include <memory>
-
 namespace jovu_cli {
 namespace {
 
@@ -30,7 +28,7 @@ struct PushOptions {
 
 using namespace std::chrono_literals;
 
-/// How long a device may take to check a job and to show it in its reports.
+/// How long a device may take to verify a job and to show it in its reports.
 constexpr auto kAcceptLimit = 10s;
 constexpr auto kAcceptPoll = 200ms;
 constexpr auto kFollowPoll = 500ms;
@@ -47,8 +45,9 @@ public:
           size_(size) {}
 
     /// Sends the file. A signal cancels the push.
-    /// @throws Failure that says how much the device has received; only after the whole push when
-    ///     it is about the output.
+    /// @throws Failure with the number of bytes that the device received; a failure of the output
+    /// is
+    ///     thrown after the whole push.
     void run(const std::string& path) {
         JovuPushResult result{};
         try {
@@ -68,9 +67,9 @@ public:
 
 private:
     static constexpr const char* kRestNote =
-        "it takes all requests for job data until it gives the job up, is unplugged or is switched "
+        "it reads all requests as job data until it gives the job up, is unplugged or is switched "
         "off";
-    /// Where the library holds the percentage until the end.
+    /// The largest percentage that the library reports before the end.
     static constexpr double kLastPartialPercent = 99.9;
 
     JovuPushResult send(const std::string& path) {
@@ -81,7 +80,7 @@ private:
             }
         });
         context_.stop.throw_if_stopped();
-        note_exit("may wait");  // Once the announcement is on its way.
+        note_exit("may wait");  // From now on the announcement may be sent.
         return session_.client().SendJobFile(address_, path, &Push::progress, this, false, cancel);
     }
 
@@ -90,7 +89,7 @@ private:
     }
 
     void note_exit(const std::string& waits) {
-        const std::string line = "jovu: left at once: " + to_string(address_) + " " + waits +
+        const std::string line = "jovu: ended at once: " + to_string(address_) + " " + waits +
                                  " for the rest of the job (" + kRestNote + ")\n";
         exit_note_.emplace(context_.stop, (context_.out.redraws() ? "\n" : "") + line);
     }
@@ -100,20 +99,21 @@ private:
     void advance(double percent) {
         sent_ =
             static_cast<std::uint64_t>(std::llround(percent / 100 * static_cast<double>(size_)));
-        if (!connections_) {
-            connections_ = true;
+        if (!announced_) {
+            announced_ = true;
             note_exit("waits");
         }
         if (stopped() && !cancelled_at_ && percent < kLastPartialPercent) {
             cancelled_at_ = percent;
             end_bar();
             print_error("jovu: interrupted: sending filler for the rest of the job, so that " +
-                        to_string(address_) + " does not wait for it; Ctrl-C again leaves at once");
+                        to_string(address_) + " does not wait for it; Ctrl-C again ends at once");
         }
         report([&] { reporter_.sending(percent, sent_, cancelled_at_.has_value()); });
     }
 
-    /// A reader that went away is no reason to leave the device with half a job.
+    /// Keeps a failure of the output until the push is complete: the device must not wait for the
+    /// rest.
     template <class Write>
     void report(Write write) {
         try {
@@ -125,17 +125,17 @@ private:
         }
     }
 
-    /// @throws Failure for a push that has ended without an error, but not as it should.
+    /// @throws Failure for a push that ended incomplete or interrupted, without an error.
     [[noreturn]] void throw_result(JovuPushResult result, const std::string& path) const {
         const std::string filled =
             ": " + to_string(address_) +
-            " received filler for the rest of the job, which it refuses by the checksum";
+            " received filler for the rest of the job and refuses the job by its checksum";
         switch (result) {
             case JovuPushResult::cut_short:
                 throw Failure(ExitCode::file_problem,
-                              "cannot read " + path + " to the end it had before" + filled);
+                              "cannot read " + path + ": it has become shorter" + filled);
             case JovuPushResult::cancelled:
-                if (!connections_) {
+                if (!announced_) {
                     throw Failure(ExitCode::interrupted, "interrupted: nothing was sent");
                 }
                 throw Failure(ExitCode::interrupted,
@@ -154,7 +154,7 @@ private:
     [[noreturn]] void fail(const std::string& reason) const {
         const Failure failure = exchange_failure("push to " + to_string(address_), reason);
         const ExitCode code = stopped() ? ExitCode::interrupted : failure.code();
-        if (!connections_) {
+        if (!announced_) {
             throw Failure(code, failure.what(), failure.hint());
         }
         const std::string hint = failure.hint().empty() ? kRestNote : failure.hint();
@@ -175,8 +175,8 @@ private:
     const std::uint64_t size_;
     std::uint64_t sent_ = 0;                         ///< Bytes, filler included.
     std::optional<double> cancelled_at_;             ///< Percent.
-    bool connections_ = false;                       ///< The device has received the announcement.
-    std::optional<StopSource::ExitNote> exit_note_;  ///< From before the announcement on.
+    bool announced_ = false;                         ///< The device has received the announcement.
+    std::optional<StopSource::ExitNote> exit_note_;  ///< Set before the announcement is sent.
     std::exception_ptr output_failure_;
 };
 
@@ -195,15 +195,15 @@ void check_free(JovuDeviceAddress address, const StatusReport& report) {
     }
 }
 
-/// Whether a report shows a job that the one before the push did not.
+/// Whether a report shows another job than the report before the push.
 bool shows_new_job(const StatusReport& before, const StatusReport& now) {
     const JobPhase phase = state_phase(now.state);
     return now.job_id != before.job_id || now.file != before.file || phase == JobPhase::active ||
            phase == JobPhase::paused;
 }
 
-/// Waits until the device shows that it has taken the job, or that it has not. An error that was
-/// there before the push counts only when it stays.
+/// Waits until the device shows the job or refuses it. An error from before the push counts only
+/// when it lasts until the deadline.
 StatusReport wait_accepted(Session& session, JovuDeviceAddress address,
                            const StatusReport& before) {
     const auto deadline = NotificationQueue::Clock::now() + kAcceptLimit;
@@ -219,14 +219,14 @@ StatusReport wait_accepted(Session& session, JovuDeviceAddress address,
             return now;
         }
         if (late) {
-            throw refused(address, "shows no sign of the job", now);
+            throw refused(address, "does not show the job", now);
         }
         session.wait_until(address, NotificationQueue::Clock::now() + kAcceptPoll);
     }
 }
 
 /// Follows the job until it has ended.
-/// @return the last report, of a job that is through.
+/// @return the last report, of a complete job.
 StatusReport wait_finished(Session& session, JovuDeviceAddress address, PushReporter& reporter,
                            StatusReport report) {
     for (;;) {
@@ -268,7 +268,7 @@ void follow(const Context& context, Session& session, JovuDeviceAddress address,
         reporter.end_bar();
         if (failure.code() == ExitCode::interrupted) {
             throw Failure(ExitCode::interrupted,
-                          "interrupted: " + to_string(address) + " goes on with the job",
+                          "interrupted: " + to_string(address) + " continues the job",
                           "'jovu abort' ends it");
         }
         throw;
@@ -300,10 +300,9 @@ Run define_push(CLI::App& app) {
         ->required();
     app.add_flag("--wait", options->wait, "Follow the job to its end");
     app.footer(
-        "Waits until the device has accepted the job, at most 10 seconds. Ctrl-C cancels the "
-        "push:\n"
-        "it sends filler for the rest of the job, and the device refuses the job. A second Ctrl-C\n"
-        "ends at once and leaves the device waiting for the rest.");
+        "Waits until the device has accepted the job, at most 10 seconds. Ctrl-C cancels the\n"
+        "push: it sends filler for the rest of the job, and the device refuses the job. A second\n"
+        "Ctrl-C ends at once and leaves the device waiting for the rest.");
     return [options](const Context& context) { run_push(context, *options); };
 }
 

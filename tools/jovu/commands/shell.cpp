@@ -1,8 +1,9 @@
 /// @file
-/// `jovu shell`: commands and lines of gcode at a prompt, over one link.
+/// `jovu shell`: commands and lines of gcode at a prompt, on one USB connection.
 
 #include <unistd.h>
 
+#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <array>
 #include <functional>
@@ -21,15 +22,13 @@
 #include "shell/shell_words.h"
 #include "terminal/line_reader.h"
 
-#include <CLI/CLI.hpp>
-
 namespace jovu_cli {
 namespace {
 
-/// So many events are shown between two looks at what is typed.
+/// Number of events that are shown before input is read again.
 constexpr int kMaxEventsAtOnce = 100;
 
-/// The names of the program's commands that a shell runs too; one shell in another makes no sense.
+/// Whether the shell runs a command of the program. It shows events itself.
 bool runs_in_shell(const std::string& name) {
     return name != "shell" && name != "events";
 }
@@ -55,7 +54,7 @@ public:
             if (failure.code() != ExitCode::interrupted) {
                 throw;
             }
-            go_on();  // After a Ctrl-C while a device does not say which it is.
+            resume();  // Ctrl-C while a device did not respond.
         }
         while (!quit_) {
             std::string line;
@@ -63,7 +62,7 @@ public:
                 case LineEditor::End::closed:
                     return;
                 case LineEditor::End::interrupted:
-                    go_on();
+                    resume();
                     break;
                 case LineEditor::End::line:
                     run_and_report(line);
@@ -72,12 +71,12 @@ public:
         }
     }
 
-    /// Reads from anywhere else, until the end of the input, ".quit" or the first failure.
+    /// Reads from a file or a pipe, until the end of the input, ".quit" or the first failure.
     void run_script() {
         StreamReader source = StreamReader::standard_input(context_.stop);
         source.set_side({[this] { return side_fd(); }, [this] { show_events(); }});
         read_line_ = [&source](const std::string& prompt) {
-            if (can_ask()) {  // A person types, with the output in a file or as JSON.
+            if (can_ask()) {  // The input is a terminal; the output is a file or JSON.
                 (void)!write(STDERR_FILENO, prompt.data(), prompt.size());
             }
             return source.next_raw();
@@ -102,14 +101,14 @@ public:
 private:
     using Words = std::vector<std::string>;
 
-    /// A command that the program has in its shell alone.
+    /// A command that only the shell has.
     struct OwnCommand {
         const char* name;
         const char* usage;
         const char* summary;
         void (Shell::*run)(const Words& words);
     };
-    static const std::array<OwnCommand, 4> own_commands;
+    static const std::array<OwnCommand, 4> kOwnCommands;
 
     std::optional<std::string> read_input(LineEditor& editor, const std::string& prompt) const {
         std::string line;
@@ -130,11 +129,11 @@ private:
             print_failure(Failure(ExitCode::exchange_failed, error.what()));
         }
         show_events();
-        go_on();
+        resume();
     }
 
-    /// After a Ctrl-C the shell goes on; other reasons to end are final.
-    void go_on() {
+    /// Continues after a Ctrl-C; other reasons to end are final.
+    void resume() {
         context_.stop.forgive_interrupt();
         context_.stop.throw_if_stopped();
     }
@@ -147,7 +146,7 @@ private:
         if (line.find('\0') != std::string::npos) {
             throw Failure(ExitCode::usage, "the line holds a NUL byte: " + line);
         }
-        show_events();  // Which device there is now, before it is chosen for the line.
+        show_events();  // Reports new devices before one is chosen for the line.
         if (line[begin] != '.') {
             const std::string code = line.substr(0, line.find_last_not_of('\r') + 1);
             names_device_ = false;
@@ -157,7 +156,7 @@ private:
         }
         Words words = split_words(line.substr(begin + 1));
         const std::string name = words.empty() ? "" : words.front();
-        for (const OwnCommand& own : own_commands) {
+        for (const OwnCommand& own : kOwnCommands) {
             if (name == own.name) {
                 (this->*own.run)(words);
                 return;
@@ -166,7 +165,7 @@ private:
         run_command(name, words);
     }
 
-    /// Runs one of the program's commands, on the shell's link.
+    /// Runs one of the program's commands in the shell's session.
     void run_command(const std::string& name, const Words& words) {
         const std::vector<std::string> names = command_names();
         if (std::find(names.begin(), names.end(), "." + name) == names.end()) {
@@ -213,10 +212,11 @@ private:
                 row(command.name, command.summary);
             }
         }
-        for (const OwnCommand& own : own_commands) {
+        for (const OwnCommand& own : kOwnCommands) {
             row(own.usage, own.summary);
         }
-        out_.line(".help COMMAND tells more. Words are separated by blanks; 'quote' them.");
+        out_.line(
+            ".help COMMAND shows its options. Blanks separate words; 'quote' a word with blanks.");
     }
 
     void run_quit(const Words& words) {
@@ -244,13 +244,13 @@ private:
         devices_.list(session());
     }
 
-    /// @throws Failure usage when the words of a command of the shell's own are not right.
-    void expect(const Words& words, bool right) const {
-        if (right) {
+    /// @throws Failure usage unless the arguments of a command of the shell are valid.
+    void expect(const Words& words, bool valid) const {
+        if (valid) {
             return;
         }
         const auto* const own =
-            std::find_if(own_commands.begin(), own_commands.end(),
+            std::find_if(kOwnCommands.begin(), kOwnCommands.end(),
                          [&](const OwnCommand& candidate) { return words[0] == candidate.name; });
         throw Failure(ExitCode::usage, std::string("usage: .") + own->usage);
     }
@@ -262,14 +262,14 @@ private:
                 names.push_back(std::string(".") + command.name);
             }
         }
-        for (const OwnCommand& own : own_commands) {
+        for (const OwnCommand& own : kOwnCommands) {
             names.push_back(std::string(".") + own.name);
         }
         return names;
     }
 
-    /// The link: one for the whole time, unless a device was closed to end an exchange, or the link
-    /// has ended.
+    /// @return the session. Replaces it when a device was closed to end an exchange or an error has
+    ///     ended the connection.
     Session& session() {
         if (session_ && (session_->has_closed() || session_->has_ended())) {
             session_.reset();
@@ -297,7 +297,7 @@ private:
         }
     }
 
-    /// Says something about the devices. Results alone go to the output of a script.
+    /// Shows a line about the devices. The output of a script carries results only.
     void say(const std::string& line) {
         if (interactive_) {
             out_.line(line);
@@ -330,12 +330,12 @@ private:
 
     void show_devices() {
         if (session_->has_closed() || session_->has_ended()) {
-            return;  // No connection, or one that is to be replaced: the next session looks again.
+            return;  // The next session will report the devices.
         }
         try {
             devices_.update(*session_);
         } catch (const Failure& failure) {
-            if (failure.code() != ExitCode::interrupted) {  // Whoever waits for a line finds out.
+            if (failure.code() != ExitCode::interrupted) {  // The reader of input handles it.
                 throw;
             }
         }
@@ -343,7 +343,7 @@ private:
 
     Completion complete_line(const std::string& line) {
         std::vector<std::string> devices;
-        // No reason to start a connection: that can fail, and takes its time.
+        // Do not start a connection here: that can block and fail.
         if (session_ && !session_->has_ended()) {
             for (const JovuDeviceAddress address : session_->client().list_connected()) {
                 devices.push_back(to_string(address));
@@ -357,24 +357,23 @@ private:
     Output out_;
     ShellDevices devices_;
     std::optional<Session> session_;
-    std::function<std::optional<std::string>(const std::string& prompt)> read_line_;
+    ReadLine read_line_;
     bool interactive_ = false;
-    bool names_device_ = false;  ///< Whether the line names the device that it is for.
+    bool names_device_ = false;  ///< Whether the line names its device.
     bool events_ = true;
     bool quit_ = false;
 };
 
-const std::array<Shell::OwnCommand, 4> Shell::own_commands{{
-    {"events", "events on|off", "Show what the device reports of its own accord",
-     &Shell::run_events},
-    {"device", "device [BUS:ADDR]", "Choose a device, or show them", &Shell::run_device},
-    {"help", "help [COMMAND]", "Show this list, or more of a command", &Shell::run_help},
+const std::array<Shell::OwnCommand, 4> Shell::kOwnCommands{{
+    {"events", "events on|off", "Show the events that the device reports", &Shell::run_events},
+    {"device", "device [BUS:ADDR]", "Choose a device, or list them", &Shell::run_device},
+    {"help", "help [COMMAND]", "Show this list, or the help of a command", &Shell::run_help},
     {"quit", "quit", "Leave", &Shell::run_quit},
 }};
 
 void run_shell(const Context& context) {
     if (context.session != nullptr) {
-        throw Failure(ExitCode::usage, "this is a shell already");
+        throw Failure(ExitCode::usage, "a shell cannot run in a shell");
     }
     Shell shell(context);
     if (isatty(STDIN_FILENO) != 0 && context.out.redraws()) {
@@ -389,9 +388,8 @@ Run define_shell(CLI::App& app) {
         "A line that begins with a dot is a command, such as '.status' or '.push FILE'; any other\n"
         "line is gcode. '.help' lists the commands, Ctrl-D or '.quit' leaves, Ctrl-C cancels the\n"
         "line or the command. Lines go to one device, identified by its serial number;\n"
-        "'.device BUS:ADDR' chooses another one. When standard input is not a terminal, reads "
-        "lines\n"
-        "without a prompt up to the first failure, which sets the exit code.");
+        "'.device BUS:ADDR' chooses another one. When standard input is not a terminal, reads\n"
+        "lines without a prompt up to the first failure, which sets the exit code.");
     return run_shell;
 }
 

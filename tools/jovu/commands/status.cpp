@@ -1,7 +1,9 @@
 /// @file
-/// `jovu status`: what a device is doing, once or again and again.
+/// `jovu status`: the state of a device and of its job, once or repeatedly.
 
+#include <CLI/CLI.hpp>
 #include <chrono>
+#include <memory>
 #include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
@@ -10,10 +12,6 @@
 #include "commands/command.h"
 #include "session/reports.h"
 #include "terminal/printable.h"
-
-#include <CLI/CLI.hpp>
-
-#include <memory>
 
 namespace jovu_cli {
 namespace {
@@ -27,7 +25,7 @@ struct StatusOptions {
     std::chrono::milliseconds interval{1000};
 };
 
-/// Draws a block of lines over the one drawn before.
+/// Draws a block of lines over the block before.
 class RedrawnBlock {
 public:
     explicit RedrawnBlock(Output& out) : out_(out) {}
@@ -39,7 +37,7 @@ public:
             frame = "\x1b[" + std::to_string(drawn_) + "A";
         }
         for (const std::string& line : lines) {
-            // A line that wrapped would put the next block in the wrong place.
+            // A wrapped line would shift the next block.
             frame += "\r\x1b[2K" + fit(printable(line), columns) + "\n";
         }
         out_.raw(frame);

@@ -1,7 +1,10 @@
 /// @file
-/// `jovu trace`: records what a servo's control loop does.
+/// `jovu trace`: records the control loop of a servo.
 
+#include <CLI/CLI.hpp>
 #include <chrono>
+#include <cstdint>
+#include <filesystem>
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <optional>
@@ -14,12 +17,6 @@
 #include "terminal/format.h"
 #include "terminal/printable.h"
 #include "trace/trace_recorder.h"
-
-#include <CLI/CLI.hpp>
-
-#include <cstdint>
-
-#include <filesystem>
 
 namespace jovu_cli {
 namespace {
@@ -34,13 +31,12 @@ struct TraceOptions {
 
 using namespace std::chrono_literals;
 
-/// The library gives an exchange 15 s. Who wants to leave need not wait for them.
+/// Longer than the library's limit of an exchange; short once the program is to end.
 constexpr Watchdog::Limits kStartLimits{20s, 2s, 60s};
-/// The device has just been sending samples: it answers soon, though behind those that still wait
-/// for being read, or is in trouble.
+/// The device sends samples: its response follows those that are queued, or it has failed.
 constexpr Watchdog::Limits kEndLimits{3s, 3s, 60s};
 
-/// "move_type" of a move by a distance, and the verdict on a move that was taken on.
+/// "move_type" of a move by a distance, and the result of an accepted move.
 constexpr std::uint32_t kRelativeMove = 1;
 constexpr std::uint32_t kMoveAccepted = 0;
 
@@ -55,7 +51,7 @@ struct Target {
     }
 };
 
-/// The tracing of a servo: off again when this object goes, on every way out.
+/// The tracing of a servo. The destructor switches it off.
 class Tracing {
 public:
     explicit Tracing(const Target& target) : target_(target) {}
@@ -69,10 +65,10 @@ public:
     Tracing(const Tracing&) = delete;
     Tracing& operator=(const Tracing&) = delete;
 
-    /// @throws Failure; the tracing may be on all the same.
+    /// @throws Failure; the tracing may be on even then.
     void begin() const { switch_to(true, kStartLimits); }
 
-    /// Switches the tracing off. Does nothing the second time.
+    /// Switches the tracing off. Has no effect the second time.
     /// @throws Failure when the device does not confirm it.
     void end() {
         if (ended_) {
@@ -81,7 +77,7 @@ public:
         ended_ = true;
         if (target_.session.has_closed()) {
             print_error("jovu: tracing of " + target_.name() +
-                        " may still be on: the device did not answer and was closed");
+                        " may still be on: the device did not respond and was closed");
             return;
         }
         if (!target_.session.is_connected(target_.address)) {
@@ -91,11 +87,11 @@ public:
         switch_to(false, kEndLimits);
     }
 
-    /// Nothing is switched off any more.
+    /// The device has disconnected: the tracing needs no switching off.
     void device_is_gone() {
         ended_ = true;
         print_error("jovu: " + to_string(target_.address) +
-                    " is gone: there is no tracing to switch off");
+                    " has disconnected: the tracing was not switched off");
     }
 
 private:
@@ -137,9 +133,9 @@ void take(const Target& target, TraceRecorder& recorder, const Notification& not
     }
     if (const auto* sample = std::get_if<servo_trace_msg>(&notification.what)) {
         recorder.add(*sample);
-    } else if (const auto* text = std::get_if<DebugMessage>(&notification.what)) {
+    } else if (const auto* message = std::get_if<DebugMessage>(&notification.what)) {
         print_error("jovu: " + to_string(notification.address) +
-                    " prints: " + printable(text->value_or("")));
+                    " prints: " + printable(message->value_or("")));
     }
 }
 
@@ -160,18 +156,18 @@ void record(const Target& target, TraceRecorder& recorder, const TraceOptions& o
         target.session.check_connected(target.address, *notification);
         take(target, recorder, *notification);
         if (NotificationQueue::Clock::now() >= end) {
-            break;  // Samples come without a pause.
+            break;  // Samples arrive without a pause.
         }
     }
     tracing.end();
-    // What the servo has sent up to now is here.
+    // All samples of the servo have arrived.
     while (const std::optional<Notification> notification = notifications.poll()) {
         take(target, recorder, *notification);
     }
     recorder.add_lost(notifications.take_lost());
 }
 
-/// The name that the device has for the servo.
+/// @return the device's name of the servo.
 std::string servo_name_of(const Target& target) {
     const std::shared_ptr<char> name =
         target.session.exchange(target.address, "request for the servo's name", [&] {
@@ -257,19 +253,19 @@ void report_missing(const TraceRecorder& recorder) {
     }
     print_lost_events(recorder.lost(), "recorded");
     if (statistics.restarts() > 0) {
-        print_error("jovu: the interrupt count went back or stood still: " +
+        print_error("jovu: the interrupt count decreased or repeated: " +
                     std::to_string(statistics.restarts()) + " times");
     }
 }
 
-/// A recording that has failed: what there is of it is not thrown away.
+/// @return the failure of a recording, with the path of the samples recorded so far.
 Failure broken_off(const Failure& failure, const TraceRecorder& recorder) {
     const std::string path = recorder.unfinished_path();
     if (path.empty()) {
         return failure;
     }
     return Failure(failure.code(),
-                   std::string(failure.what()) + "; what was recorded until then is in " + path,
+                   std::string(failure.what()) + "; the samples recorded so far are in " + path,
                    failure.hint());
 }
 
@@ -294,7 +290,7 @@ void run_trace(const Context& context, const TraceOptions& options) {
     try {
         recorder.finish(plot_title(target, name, statistics));
     } catch (const Failure&) {
-        context.stop.throw_if_stopped();  // A Ctrl-C ends the plotting program as well.
+        context.stop.throw_if_stopped();  // A Ctrl-C also ends gnuplot.
         throw;
     }
     report_missing(recorder);
@@ -341,9 +337,8 @@ Run define_trace(CLI::App& app) {
            "Move by this distance, in client units, when the tracing is on")
         ->type_name("DISTANCE");
     app.footer(
-        "Records until Ctrl-C without --seconds. Switches the tracing off at the end, also after "
-        "an\n"
-        "error. Counts and reports missing samples.");
+        "Records until Ctrl-C without --seconds. Switches the tracing off at the end, also after\n"
+        "an error. Counts and reports missing samples.");
     return [options](const Context& context) { run_trace(context, *options); };
 }
 

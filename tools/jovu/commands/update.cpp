@@ -1,8 +1,10 @@
 /// @file
-/// `jovu update`: writes a new firmware to a device, and sees that the device runs it.
+/// `jovu update`: writes a new firmware to a device and checks that the device runs it.
 
+#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <chrono>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -17,10 +19,6 @@
 #include "update/dfu_tool.h"
 #include "update/firmware_image.h"
 
-#include <CLI/CLI.hpp>
-
-#include <memory>
-
 namespace jovu_cli {
 namespace {
 
@@ -34,12 +32,12 @@ struct UpdateOptions {
 
 using namespace std::chrono_literals;
 
-/// A device that is still in DFU mode so long after the download will not leave it.
+/// A device that is in DFU mode this long after the download does not leave it.
 constexpr auto kLeaveLimit = 8s;
 constexpr const char* kAgainHint = "it is still in DFU mode: 'jovu update' can be run again";
-constexpr const char* kForceHint = "--force writes it all the same";
+constexpr const char* kForceHint = "--force writes it nevertheless";
 
-/// What is to be updated.
+/// The device to update.
 struct Chosen {
     std::optional<ListedDevice> dfu;              ///< A device in DFU mode, or
     std::optional<JovuDeviceAddress> controller;  ///< one that runs its firmware.
@@ -135,13 +133,13 @@ private:
             for (const ListedDevice& device : listing.devices) {
                 if (device.id.serial == options_.serial) {
                     throw Failure(ExitCode::no_device,
-                                  "another maker's device: " + dfu_device_name(device),
+                                  "device of another vendor: " + dfu_device_name(device),
                                   "only devices of vendor " + hexadecimal(kControllerVendor) +
-                                      " are written to");
+                                      " are updated");
                 }
             }
             throw Failure(ExitCode::no_device, "no device with serial number " + options_.serial,
-                          "'jovu list' and 'jovu dfu' show those that there are");
+                          "'jovu list' and 'jovu dfu' show the attached devices");
         }
         session_.throw_no_device();
     }
@@ -169,19 +167,19 @@ private:
         }
     }
 
-    /// Asks whether the device is to be written to.
-    /// @throws Failure interrupted when it is not, no_device when it has changed meanwhile.
+    /// Asks for a confirmation.
+    /// @throws Failure interrupted without it, no_device when the device has changed meanwhile.
     void confirm(const Chosen& chosen) {
         const std::string device =
             chosen.dfu ? dfu_device_name(*chosen.dfu)
                        : to_string(*chosen.controller) + ", serial " + chosen.identity.serial;
         const std::string version = chosen.dfu ? "unknown in DFU mode" : chosen.identity.version;
         const std::string release = image_.release();
-        const std::string text =
+        const std::string details =
             "device:  " + printable(device) + "\nversion: " + printable(version) +
             "\nimage:   " + printable(image_.path()) + ", " + std::to_string(image_.size()) +
             " bytes, " + (release.empty() ? "version unknown" : "release " + release) + "\n";
-        if (!ask(context_.stop, context_.read_line, text,
+        if (!ask(context_.stop, context_.read_line, details,
                  "Erase the device's firmware and write the image?")) {
             throw Failure(ExitCode::interrupted, "not updated: not confirmed");
         }
@@ -190,7 +188,7 @@ private:
                                            read_identity(session_, *chosen.controller).serial ==
                                                chosen.identity.serial;
         if (!same) {
-            throw Failure(ExitCode::no_device, "device is gone: " + device);
+            throw Failure(ExitCode::no_device, "device has disconnected: " + device);
         }
     }
 
@@ -202,22 +200,23 @@ private:
     }
 
     DfuTool::Outcome download(const ListedDevice& device) {
-        bool told = false;
+        bool reported = false;
         DfuTool::Outcome outcome = tool_.download(device, image_, [&](double percent) {
             reporter_.downloading(device.id.serial, percent);
-            if (session_.stop().state() == Stop::signal && !told) {
-                told = true;
+            if (session_.stop().state() == Stop::signal && !reported) {
+                reported = true;
                 tool_.print_line(
-                    "jovu: the download goes on, as the device would be left without firmware; "
-                    "Ctrl-C again leaves it to itself");
+                    "jovu: the download continues, as the device would have no firmware; Ctrl-C "
+                    "again "
+                    "ends jovu but not the download");
             }
         });
         reporter_.end_download();
         return outcome;
     }
 
-    /// Waits for the device as a controller. What it says then decides.
-    /// @param others the controllers that are not it.
+    /// Waits until the device returns as a controller and checks its version.
+    /// @param others the other controllers.
     void wait_for_return(const Chosen& chosen, const std::vector<JovuDeviceAddress>& others,
                          const DfuTool::Outcome& outcome) {
         const auto begin = Clock::now();
@@ -234,40 +233,40 @@ private:
                 throw Failure(ExitCode::exchange_failed,
                               (outcome.completed ? "the device does not run the image: "
                                                  : "the download failed: ") +
-                                  chosen.dfu->id.serial + said(outcome),
+                                  chosen.dfu->id.serial + diagnostics_of(outcome),
                               kAgainHint);
             }
             pause_in_change(session_);
         }
-        throw Failure(ExitCode::exchange_failed,
-                      "the device has not come back: " + chosen.dfu->id.serial + said(outcome),
-                      "unplug it and plug it in again; 'jovu list' and 'jovu dfu' show what it is");
+        throw Failure(
+            ExitCode::exchange_failed,
+            "the device has not returned: " + chosen.dfu->id.serial + diagnostics_of(outcome),
+            "unplug it and plug it in again; 'jovu list' and 'jovu dfu' show its mode");
     }
 
-    /// @throws Failure exchange_failed when the device runs the firmware from before.
+    /// @throws Failure exchange_failed when the device runs the old firmware.
     void check_version(const std::string& device, const std::string& before, const std::string& now,
                        const DfuTool::Outcome& outcome) const {
         const bool as_before = !before.empty() && now == before;
         const std::string runs = device + " runs version " + now + (as_before ? " as before" : "");
-        // Without a version from before, only dfu-util can tell whether it has worked.
+        // Without the version before, only dfu-util shows whether the download succeeded.
         if (!outcome.completed && (as_before || before.empty())) {
-            throw Failure(ExitCode::exchange_failed, "the update failed, " + runs + said(outcome));
+            throw Failure(ExitCode::exchange_failed,
+                          "the update failed, " + runs + diagnostics_of(outcome));
         }
-        // An image with the text of that version may be that version, written once more.
+        // An image that contains the version string may be the same version.
         if (as_before && !options_.force && !image_.may_be_version(now)) {
-            throw Failure(
-                ExitCode::exchange_failed,
-                "not updated: " + runs + ", and that is not the version of " + image_.path(),
-                "of an image that is packed or encrypted, --force takes it for the same "
-                "version");
+            throw Failure(ExitCode::exchange_failed,
+                          "not updated: " + runs + ", which is not the version of " + image_.path(),
+                          "if the image is packed or encrypted, --force accepts the same version");
         }
     }
 
-    /// The controller that the updated device has become.
+    /// @return the address of the updated device as a controller.
     std::optional<JovuDeviceAddress> returned(const Chosen& chosen,
                                               const std::vector<JovuDeviceAddress>& others,
                                               const DfuTool::Outcome& outcome) {
-        std::vector<JovuDeviceAddress> strangers;
+        std::vector<JovuDeviceAddress> candidates;
         for (const JovuDeviceAddress address : session_.usable_devices()) {
             if (std::find(others.begin(), others.end(), address) != others.end()) {
                 continue;
@@ -280,18 +279,18 @@ private:
                 (chosen.controller && identity->serial == chosen.identity.serial)) {
                 return address;
             }
-            strangers.push_back(address);
+            candidates.push_back(address);
         }
-        // Boot loader and controller need not have one serial number. Whoever was found in DFU mode
-        // may be the one that has come, when it can be no other.
-        const bool may_be_it = !chosen.controller && outcome.completed && strangers.size() == 1;
+        // Boot loader and firmware may have different serial numbers: accept the only new
+        // controller when the device has left DFU mode.
+        const bool may_be_it = !chosen.controller && outcome.completed && candidates.size() == 1;
         if (may_be_it && !in_dfu_mode(*chosen.dfu)) {
-            return strangers.front();
+            return candidates.front();
         }
         return std::nullopt;
     }
 
-    /// @return nothing when the device does not answer.
+    /// @return nothing when the device does not respond.
     std::optional<Identity> try_identity(JovuDeviceAddress address) {
         try {
             return read_identity(session_, address);
@@ -310,7 +309,7 @@ private:
         });
     }
 
-    static std::string said(const DfuTool::Outcome& outcome) {
+    static std::string diagnostics_of(const DfuTool::Outcome& outcome) {
         return outcome.diagnostics.empty() ? "" : "; dfu-util says: " + outcome.diagnostics;
     }
 
@@ -325,14 +324,15 @@ private:
 void run_update(const Context& context, const UpdateOptions& options) {
     if (!options.yes && !can_ask()) {
         throw Failure(ExitCode::usage, "not confirmed: an update erases the device's firmware",
-                      "--yes is needed where standard input and standard error are no terminal");
+                      "--yes is needed when standard input or standard error is not a terminal");
     }
     const FirmwareImage image(options.image);
     if (!image.fault().empty() && !options.force) {
         throw Failure(ExitCode::file_problem, "refused: " + image.path() + ": " + image.fault(),
                       kForceHint);
     }
-    DfuTool tool;  // Before the link, whose threads need not see the working directory change.
+    DfuTool
+        tool;  // Before the session: no other thread runs while it changes the working directory.
     const SessionLease lease(context, Interest{});
     UpdateOptions chosen = options;
     chosen.device = context.options.device;
@@ -352,9 +352,8 @@ Run define_update(CLI::App& app) {
     app.footer(
         "Puts a controller into DFU mode, writes the image with dfu-util, and reads the version\n"
         "when the controller has returned. Also updates a device that is in DFU mode. Erases the\n"
-        "device's firmware. Refuses files that cannot be its image: plain text, larger than 16 "
-        "MiB,\n"
-        "or with a DFU suffix that is damaged or names another device.");
+        "device's firmware. Refuses files that cannot be its image: plain text, larger than\n"
+        "16 MiB, or with a DFU suffix that is damaged or names another device.");
     return [options](const Context& context) { run_update(context, *options); };
 }
 

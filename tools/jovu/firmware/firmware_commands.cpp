@@ -16,7 +16,7 @@
 namespace jovu_cli {
 namespace {
 
-/// The commands that answer into a buffer.
+/// The commands that return their value in a buffer.
 constexpr std::string_view kCommandsWithBufferResult[] = {"heater_param_get", "heater_var_get",
                                                           "sd_mmc_read"};
 
@@ -66,12 +66,12 @@ std::vector<FirmwareCommand> make_commands(std::index_sequence<index...> /*rows*
     return commands;
 }
 
-/// One word, taken apart.
+/// One argument KEY=VALUE.
 struct Assignment {
-    std::string key;  ///< As it was given, "config.gains.kp".
+    std::string key;  ///< "config.gains.kp"
     std::vector<std::string> path;
     std::string value;
-    std::string word;  ///< The whole, for messages: they do not show what is in a file.
+    std::string argument;  ///< KEY=VALUE, for messages; names a file, not its content.
 };
 
 std::vector<std::string> split_path(const std::string& key) {
@@ -84,16 +84,16 @@ std::vector<std::string> split_path(const std::string& key) {
     return path;
 }
 
-/// The arguments of one command while they are collected.
+/// Collects the arguments of one command.
 class Collector {
 public:
     Collector(const FirmwareCommand& command, const FileReader& read_file)
         : command_(command), read_file_(read_file) {}
 
-    void take(const std::vector<std::string>& words) {
+    void take(const std::vector<std::string>& arguments) {
         std::vector<Assignment> assignments;
-        for (const std::string& word : words) {
-            Assignment assignment = split(word);
+        for (const std::string& argument : arguments) {
+            Assignment assignment = split(argument);
             const bool twice = std::any_of(
                 assignments.begin(), assignments.end(),
                 [&](const Assignment& earlier) { return earlier.key == assignment.key; });
@@ -102,7 +102,7 @@ public:
             }
             assignments.push_back(std::move(assignment));
         }
-        // Whole structures first: the members beside them replace theirs.
+        // Whole structures first: single members replace theirs.
         std::stable_sort(
             assignments.begin(), assignments.end(),
             [](const Assignment& a, const Assignment& b) { return a.path.size() < b.path.size(); });
@@ -126,7 +126,7 @@ public:
 
 private:
     [[noreturn]] void fail(const std::string& what, const std::string& hint = {}) const {
-        // Printable already here: the text of an exception ends at a NUL.
+        // Escape it here: the message of an exception ends at a NUL.
         throw Failure(ExitCode::usage, std::string(command_.name) + ": " + printable(what), hint);
     }
 
@@ -134,21 +134,21 @@ private:
         if (command_.arguments.empty()) {
             return "it takes no arguments";
         }
-        std::string text = "it takes";
+        std::string keys = "it takes";
         for (const NamedType& argument : command_.arguments) {
-            text += " " + argument.key + "=" +
+            keys += " " + argument.key + "=" +
                     (argument.type.kind == Kind::structure ? "{...}" : "VALUE");
         }
-        return text;
+        return keys;
     }
 
-    Assignment split(const std::string& word) const {
-        const std::size_t equals = word.find('=');
+    Assignment split(const std::string& argument) const {
+        const std::size_t equals = argument.find('=');
         if (equals == std::string::npos || equals == 0) {
-            fail("not of the form KEY=VALUE: " + word, usage());
+            fail("not of the form KEY=VALUE: " + argument, usage());
         }
-        const std::string key = word.substr(0, equals);
-        return {key, split_path(key), word.substr(equals + 1), word};
+        const std::string key = argument.substr(0, equals);
+        return {key, split_path(key), argument.substr(equals + 1), argument};
     }
 
     [[noreturn]] void fail_unknown(const Assignment& assignment, const std::string& step,
@@ -162,19 +162,19 @@ private:
         }
         const std::string near = did_you_mean(step, keys);
         const std::string what = owner.empty() ? "no argument " + step : owner + " has no " + step;
-        fail(what + ": " + assignment.word, !near.empty() ? near
-                                            : all.empty() ? "it takes no arguments"
-                                                          : "it has: " + all);
+        fail(what + ": " + assignment.argument, !near.empty() ? near
+                                                : all.empty() ? "it takes no arguments"
+                                                              : "it has: " + all);
     }
 
     void put(const Assignment& assignment) {
         const std::vector<NamedType>* entries = &command_.arguments;
         std::string owner;
         const ValueType* type = nullptr;
-        Json* place = &arguments_;
+        Json* element = &arguments_;
         for (const std::string& step : assignment.path) {
             if (type != nullptr && type->kind != Kind::structure) {
-                fail(owner + " has no members: " + assignment.word);
+                fail(owner + " has no members: " + assignment.argument);
             }
             const NamedType* const entry = find_key(*entries, step);
             if (entry == nullptr) {
@@ -183,13 +183,13 @@ private:
             owner += (owner.empty() ? "" : ".") + step;
             type = &entry->type;
             entries = &type->members;
-            place = &(*place)[step];
+            element = &(*element)[step];
         }
         try {
-            *place = read_value(*type, resolved(assignment));
+            *element = read_value(*type, resolved(assignment));
         } catch (const BadValue& bad) {
             const std::string member = bad.where().empty() ? "" : ": " + bad.where();
-            fail(assignment.word + member + " " + bad.what() +
+            fail(assignment.argument + member + " " + bad.what() +
                      (is_in_file(assignment) ? "" : bad.quoted()),
                  type->kind == Kind::structure && bad.where().empty() ? kStructureHint : "");
         }
@@ -200,14 +200,14 @@ private:
         return value.compare(0, 1, "@") == 0 && value.compare(0, 2, "@@") != 0;
     }
 
-    /// The value that an assignment stands for.
+    /// @return the value, read from its file when it names one.
     std::string resolved(const Assignment& assignment) const {
         const std::string& value = assignment.value;
         if (!is_in_file(assignment)) {
             return value.substr(value.compare(0, 2, "@@") == 0 ? 1 : 0);
         }
         if (value.size() == 1) {
-            fail("no file is named: " + assignment.word, "a value that begins with @ is @@...");
+            fail("no file is named: " + assignment.argument, "a value that begins with @ is @@...");
         }
         return read_file_(value.substr(1));
     }
@@ -249,10 +249,10 @@ std::vector<std::string> firmware_command_names() {
     return names;
 }
 
-Json read_arguments(const FirmwareCommand& command, const std::vector<std::string>& words,
+Json read_arguments(const FirmwareCommand& command, const std::vector<std::string>& arguments,
                     const FileReader& read_file) {
     Collector collector(command, read_file);
-    collector.take(words);
+    collector.take(arguments);
     return collector.finish();
 }
 

@@ -1,12 +1,10 @@
 /// @file
-/// The firmware's values between their C++ types and JSON. Included by firmware_commands.cpp alone,
-/// which instantiates it for every type of the catalogue.
+/// Converts the firmware's values between their C++ types and JSON. Only firmware_commands.cpp
+/// includes it, and instantiates it for every type of the catalogue.
 ///
-/// Arguments come in as read_arguments() leaves them: checked, whole numbers as integers, bytes as
-/// arrays of 0 to 255, members that were not given left out.
-///
-/// Results go out as people and programs write them: texts as strings, bytes in the form in which
-/// they can be given back.
+/// Arguments have the form that read_arguments() returns: checked, whole numbers as integers, bytes
+/// as arrays of 0 to 255, omitted members absent. Results have strings as strings, and bytes in the
+/// form of arguments.
 #pragma once
 
 #include <algorithm>
@@ -28,7 +26,7 @@
 
 namespace jovu_cli {
 
-/// The type that a pointer to structures, texts or buffers points to; void for anything else.
+/// The type that a pointer to structures, strings or buffers points to; void for other types.
 template <class T>
 struct Pointee {
     using Type = void;
@@ -74,7 +72,7 @@ void describe_structure(ValueType& type) {
     std::apply([&](const auto&... member) { (add(member), ...); }, jovu::Structure<S>::members);
 }
 
-/// What there is to know about T.
+/// @return the description of T.
 template <class T>
 ValueType describe() {
     ValueType type;
@@ -103,7 +101,7 @@ ValueType describe() {
             type.kind = Kind::number;
             describe_range_of_number<T>(type);
         } else if constexpr (is_shared_string<T>) {
-            type.kind = Kind::text;
+            type.kind = Kind::string;
         } else if constexpr (is_shared_buffer<T>) {
             using Element = typename Pointee<T>::Type;
             type.kind = Kind::buffer;
@@ -115,7 +113,7 @@ ValueType describe() {
                 describe_range_of_number<Element>(type);
             }
         } else {
-            static_assert(std::is_void_v<T>, "a type that programs do not know how to write");
+            static_assert(std::is_void_v<T>, "the program cannot read and show this type");
         }
     }
     return type;
@@ -124,7 +122,7 @@ ValueType describe() {
 template <class S>
 void read_members(const Json& json, S& value);
 
-/// The value that a checked JSON value stands for.
+/// @return the C++ value of a checked JSON value.
 template <class T>
 T value_from(const Json& json) {
     if constexpr (jovu::is_structure<T>) {
@@ -172,7 +170,7 @@ void read_members(const Json& json, S& value) {
     std::apply([&](const auto&... member) { (read(member), ...); }, jovu::Structure<S>::members);
 }
 
-/// A number in as few digits as tell it from its neighbours: 0.1, not 0.10000000149011612.
+/// @return a number with the fewest digits that identify it: 0.1 for 0.10000000149011612.
 template <class Number>
 Json json_number(Number value) {
     char digits[64];
@@ -184,7 +182,7 @@ Json json_number(Number value) {
     return shortest;
 }
 
-/// A result as it is shown.
+/// @return a result as JSON.
 template <class T>
 Json json_from(const T& value) {
     if constexpr (jovu::is_structure<T>) {

@@ -22,7 +22,7 @@ std::string range_string(const ValueType& type) {
     return std::to_string(type.lowest) + " to " + std::to_string(type.highest);
 }
 
-/// How a fixed number of bytes may be written.
+/// @return how a fixed number of bytes is written.
 std::string bytes_example(std::size_t size) {
     std::vector<unsigned char> bytes(size);
     std::iota(bytes.begin(), bytes.end(), static_cast<unsigned char>(1));
@@ -34,27 +34,27 @@ std::string bytes_example(std::size_t size) {
     throw BadValue(why + (allowed.empty() ? "" : " (" + display_type(type) + ": " + allowed + ")"));
 }
 
-/// The digits behind a sign that the standard conversions do not know.
-std::string_view without_plus(const std::string& text) {
-    std::string_view digits = text;
+/// @return the digits without a plus sign, which std::from_chars does not accept.
+std::string_view without_plus(const std::string& input) {
+    std::string_view digits = input;
     if (digits.size() > 1 && digits[0] == '+' && digits[1] != '-') {
         digits.remove_prefix(1);
     }
     return digits;
 }
 
-Json read_boolean(const ValueType& type, const std::string& text) {
-    if (text == "1" || text == "true" || text == "on") {
+Json read_boolean(const ValueType& type, const std::string& input) {
+    if (input == "1" || input == "true" || input == "on") {
         return true;
     }
-    if (text == "0" || text == "false" || text == "off") {
+    if (input == "0" || input == "false" || input == "off") {
         return false;
     }
     refuse(type, "is neither 0 nor 1");
 }
 
-Json read_integer(const ValueType& type, const std::string& text) {
-    std::string_view digits = without_plus(text);
+Json read_integer(const ValueType& type, const std::string& input) {
+    std::string_view digits = without_plus(input);
     const bool hexadecimal = digits.size() > 2 && digits.substr(0, 2) == "0x";
     if (hexadecimal) {
         digits.remove_prefix(2);
@@ -72,11 +72,11 @@ Json read_integer(const ValueType& type, const std::string& text) {
     return value;
 }
 
-/// Half a unit in the last place of a float, relative to the largest one.
+/// Half a unit in the last place of the largest float, relative to it.
 constexpr double kRounding = 0x1p-25;
 
-Json read_number(const ValueType& type, const std::string& text) {
-    const std::string_view digits = without_plus(text);
+Json read_number(const ValueType& type, const std::string& input) {
+    const std::string_view digits = without_plus(input);
     double value = 0;
     const char* const end = digits.data() + digits.size();
     const auto [stop, error] = std::from_chars(digits.data(), end, value);
@@ -84,7 +84,7 @@ Json read_number(const ValueType& type, const std::string& text) {
         refuse(type, "is not a number");
     }
     const double magnitude = std::abs(value);
-    // The usual spellings of the largest float round up.
+    // The usual decimal forms of the largest float are rounded up.
     if (magnitude > type.largest && magnitude * (1 - kRounding) <= type.largest) {
         return std::copysign(type.largest, value);
     }
@@ -95,30 +95,30 @@ Json read_number(const ValueType& type, const std::string& text) {
     return value;
 }
 
-Json read_string(const ValueType& type, const std::string& text) {
-    if (text.find('\0') != std::string::npos) {
+Json read_string(const ValueType& type, const std::string& input) {
+    if (input.find('\0') != std::string::npos) {
         refuse(type, "holds a NUL byte");
     }
-    return text;
+    return input;
 }
 
-Json pad_string(const ValueType& type, const std::string& text) {
-    read_string(type, text);
-    if (text.size() > type.size) {
-        refuse(type, "is too long, " + std::to_string(text.size()) + " bytes");
+Json pad_string(const ValueType& type, const std::string& input) {
+    read_string(type, input);
+    if (input.size() > type.size) {
+        refuse(type, "is too long, " + std::to_string(input.size()) + " bytes");
     }
     Json bytes = Json::array();
-    for (const char c : text) {
+    for (const char c : input) {
         bytes.push_back(static_cast<unsigned char>(c));
     }
     return bytes;
 }
 
-Json read_bytes(const ValueType& type, const std::string& text) {
+Json read_bytes(const ValueType& type, const std::string& input) {
     if (type.holds_string) {
-        return pad_string(type, text);
+        return pad_string(type, input);
     }
-    const auto bytes = parse_bytes(text);
+    const auto bytes = parse_bytes(input);
     if (!bytes || bytes->size() != type.size) {
         refuse(type, "is not " + std::to_string(type.size) + " bytes");
     }
@@ -131,22 +131,22 @@ ValueType element_type(const ValueType& buffer) {
     return element;
 }
 
-Json read_scalar(const ValueType& type, const std::string& text) {
-    return type.kind == Kind::number ? read_number(type, text) : read_integer(type, text);
+Json read_scalar(const ValueType& type, const std::string& input) {
+    return type.kind == Kind::number ? read_number(type, input) : read_integer(type, input);
 }
 
-Json read_buffer(const ValueType& type, const std::string& text) {
+Json read_buffer(const ValueType& type, const std::string& input) {
     const ValueType element = element_type(type);
     Json list = Json::array();
-    for (std::size_t begin = 0; begin <= text.size();) {
-        const std::size_t end = std::min(text.find(',', begin), text.size());
-        list.push_back(read_scalar(element, text.substr(begin, end - begin)));
+    for (std::size_t begin = 0; begin <= input.size();) {
+        const std::size_t end = std::min(input.find(',', begin), input.size());
+        list.push_back(read_scalar(element, input.substr(begin, end - begin)));
         begin = end + 1;
     }
     return list;
 }
 
-/// The members of an object occur once each, which the parser by itself does not see to.
+/// Refuses objects that hold a member twice; the parser accepts them.
 class KeyGuard {
 public:
     bool operator()(int /*depth*/, Json::parse_event_t event, const Json& parsed) {
@@ -167,17 +167,17 @@ private:
     std::vector<std::set<std::string>> open_;
 };
 
-Json parse_json(const std::string& text) {
+Json parse_json(const std::string& input) {
     KeyGuard guard;
     try {
-        return Json::parse(text, [&guard](int depth, Json::parse_event_t event, Json& parsed) {
+        return Json::parse(input, [&guard](int depth, Json::parse_event_t event, Json& parsed) {
             return guard(depth, event, parsed);
         });
     } catch (const Json::exception& error) {
-        // "[json.exception.parse_error.101] parse error at ...": the name is of no use to people.
+        // "[json.exception.parse_error.101] parse error at ...": remove the name.
         const std::string what = error.what();
         const std::size_t begin = std::min(what.find("] ") + 2, what.size());
-        // "...; last read: 'TEXT'", and of a number that is too large "... parsing 'TEXT'".
+        // "...; last read: 'TEXT'", and for a number that is too large "... parsing 'TEXT'".
         const std::size_t quote = std::min(
             {what.find("; last read", begin), what.find(" parsing '", begin), what.size()});
         throw BadValue("is not JSON: " + what.substr(begin, quote - begin), "", what.substr(quote));
@@ -188,13 +188,13 @@ Json checked(const ValueType& type, const Json& json);
 
 Json checked_members(const ValueType& type, const Json& json) {
     if (!json.is_object()) {
-        throw BadValue("is no JSON object");
+        throw BadValue("is not a JSON object");
     }
     Json object = Json::object();
     for (const auto& [key, value] : json.items()) {
         const NamedType* const member = find_key(type.members, key);
         if (member == nullptr) {
-            throw BadValue("holds what is no member of " + type.name, "", ": " + key);
+            throw BadValue("holds an unknown member of " + type.name, "", ": " + key);
         }
         try {
             object[key] = checked(member->type, value);
@@ -206,19 +206,19 @@ Json checked_members(const ValueType& type, const Json& json) {
     return object;
 }
 
-/// An array in JSON, element by element.
+/// Checks an array in JSON element by element.
 Json checked_elements(const ValueType& type, const Json& json) {
     ValueType element = element_type(type);
     if (type.kind == Kind::bytes) {
         element.kind = Kind::integer;
-        // Bytes of a text count from -128 on the wire, from 0 elsewhere: both are understood.
+        // Bytes of a string may be signed or unsigned.
         element.lowest = type.holds_string ? -128 : 0;
         element.highest = 255;
     }
     Json list = Json::array();
     for (const Json& entry : json) {
         if (!entry.is_number()) {
-            refuse(type, "holds something else than numbers");
+            refuse(type, "holds an element that is not a number");
         }
         list.push_back(read_scalar(element, entry.dump()));
     }
@@ -256,7 +256,7 @@ Json checked(const ValueType& type, const Json& json) {
                 return checked_elements(type, json);
             }
             [[fallthrough]];
-        case Kind::text:
+        case Kind::string:
             if (json.is_string()) {
                 return read_value(type, json.get<std::string>());
             }
@@ -304,7 +304,7 @@ std::string allowed_values(const ValueType& type) {
             return range_string(type);
         case Kind::number:
             return "a finite number";
-        case Kind::text:
+        case Kind::string:
             return "any bytes but NUL";
         case Kind::bytes:
             return type.holds_string ? "text of at most " + std::to_string(type.size) + " bytes"
@@ -316,53 +316,53 @@ std::string allowed_values(const ValueType& type) {
     return {};
 }
 
-Json read_value(const ValueType& type, const std::string& text) {
+Json read_value(const ValueType& type, const std::string& input) {
     switch (type.kind) {
         case Kind::boolean:
-            return read_boolean(type, text);
+            return read_boolean(type, input);
         case Kind::integer:
         case Kind::number:
-            return read_scalar(type, text);
-        case Kind::text:
-            return read_string(type, text);
+            return read_scalar(type, input);
+        case Kind::string:
+            return read_string(type, input);
         case Kind::bytes:
-            return read_bytes(type, text);
+            return read_bytes(type, input);
         case Kind::buffer:
-            return read_buffer(type, text);
+            return read_buffer(type, input);
         case Kind::structure:
-            return checked_members(type, parse_json(text));
+            return checked_members(type, parse_json(input));
         case Kind::nothing:
             break;
     }
-    throw BadValue("is not wanted");
+    throw BadValue("is not expected");
 }
 
 std::string bytes_string(const unsigned char* bytes, std::size_t size) {
     const bool hexadecimal = size == kHardwareAddressSize;
-    std::string text;
+    std::string list;
     for (std::size_t i = 0; i < size; ++i) {
         char part[8];
         std::snprintf(part, sizeof part, hexadecimal ? "%02x" : "%u", unsigned{bytes[i]});
-        text += (i == 0 ? "" : hexadecimal ? ":" : ".") + std::string(part);
+        list += (i == 0 ? "" : hexadecimal ? ":" : ".") + std::string(part);
     }
-    return text;
+    return list;
 }
 
 std::string padded_string(const unsigned char* bytes, std::size_t size) {
     return std::string(bytes, std::find(bytes, bytes + size, '\0'));
 }
 
-std::optional<std::vector<unsigned char>> parse_bytes(const std::string& text) {
-    const std::size_t first_separator = text.find_first_of(".,:");
-    const char separator = first_separator == std::string::npos ? ',' : text[first_separator];
+std::optional<std::vector<unsigned char>> parse_bytes(const std::string& input) {
+    const std::size_t first_separator = input.find_first_of(".,:");
+    const char separator = first_separator == std::string::npos ? ',' : input[first_separator];
     const int base = separator == ':' ? 16 : 10;
     std::vector<unsigned char> bytes;
-    for (std::size_t begin = 0; begin <= text.size();) {
-        const std::size_t end = std::min(text.find(separator, begin), text.size());
+    for (std::size_t begin = 0; begin <= input.size();) {
+        const std::size_t end = std::min(input.find(separator, begin), input.size());
         unsigned char byte = 0;
         const auto [stop, error] =
-            std::from_chars(text.data() + begin, text.data() + end, byte, base);
-        if (error != std::errc() || stop != text.data() + end) {
+            std::from_chars(input.data() + begin, input.data() + end, byte, base);
+        if (error != std::errc() || stop != input.data() + end) {
             return std::nullopt;
         }
         bytes.push_back(byte);
@@ -379,11 +379,11 @@ std::vector<std::string> value_lines(const Json& value) {
         width = std::max(width, row.first.size());
     }
     std::vector<std::string> lines;
-    for (auto& [key, text] : rows) {
+    for (auto& [key, shown] : rows) {
         if (width > 0) {
             key.resize(width + 2, ' ');
         }
-        lines.push_back(key + text);
+        lines.push_back(key + shown);
     }
     return lines;
 }

@@ -6,7 +6,7 @@ namespace jovu_cli {
 
 std::string display_type(const ValueType& type) {
     switch (type.kind) {
-        case Kind::text:
+        case Kind::string:
             return "text";
         case Kind::buffer:
             return type.element == Kind::integer ? "bytes" : "floats";

@@ -51,7 +51,7 @@ void reset_signals(posix_spawnattr_t& attributes) {
           "posix_spawnattr_setflags");
 }
 
-/// Waits for the end, at most until the limit, and kills what has not ended then.
+/// Waits for the end of a process and kills it when the limit has passed.
 int wait_for_end(pid_t pid, std::chrono::milliseconds limit) {
     const FileDescriptor process(static_cast<int>(syscall(SYS_pidfd_open, pid, 0)));
     if (process.valid()) {

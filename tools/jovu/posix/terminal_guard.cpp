@@ -17,24 +17,24 @@ namespace {
 constexpr std::array kKillingSignals{SIGABRT, SIGALRM, SIGBUS,  SIGFPE,  SIGILL, SIGSEGV,
                                      SIGSYS,  SIGTRAP, SIGUSR1, SIGUSR2, SIGXCPU};
 
-// A signal handler has no other way to them. The modes do not change while their flag is up.
+// Globals, for the signal handlers. The modes do not change while their flag is set.
 termios found_modes;
 termios changed_modes;
-std::atomic<int> guarded_fd{-1};  // Up: found_modes is valid.
+std::atomic<int> guarded_fd{-1};  // found_modes is valid unless it is -1.
 std::atomic<bool> has_changed_modes{false};
 std::atomic<bool> was_stopped{false};
 std::array<struct sigaction, kKillingSignals.size()> killing_before;
 struct sigaction stop_before;
 struct sigaction continue_before;
 
-/// Sets modes and keeps what has been typed. Another program's terminal is left alone: setting its
-/// modes would stop this process.
+/// Sets modes without discarding input. Does nothing while another process group is in the
+/// foreground: setting modes then would stop this process.
 void set_modes(const termios& modes) noexcept {
     const int error = errno;
     const int fd = guarded_fd;
     const pid_t foreground = fd < 0 ? -1 : tcgetpgrp(fd);
     if (fd >= 0 && (foreground == -1 || foreground == getpgrp())) {
-        // Without waiting for the output: a terminal that is held by Ctrl-S would never take it.
+        // Without waiting for the output: a terminal that Ctrl-S holds would block.
         tcsetattr(fd, TCSANOW, &modes);
     }
     errno = error;
@@ -68,12 +68,12 @@ void on_stop(int number) {
     pthread_sigmask(SIG_BLOCK, &only_this, nullptr);
     const struct sigaction handled = stop_action();
     sigaction(number, &handled, nullptr);
-    // No SIGCONT comes where nobody could have continued the process, and it has not stopped.
+    // An orphaned process does not stop and receives no SIGCONT.
     return_to_changed();
     errno = error;
 }
 
-/// Lets the process be killed as without a handler, or handled by whom this handler has replaced.
+/// Restores the terminal and passes the signal to the action before this handler.
 void on_kill(int number, siginfo_t* info, void* /*context*/) {
     restore_terminal();
     for (std::size_t i = 0; i < kKillingSignals.size(); ++i) {
@@ -81,7 +81,7 @@ void on_kill(int number, siginfo_t* info, void* /*context*/) {
             sigaction(number, &killing_before[i], nullptr);
         }
     }
-    // A fault comes again by itself when this handler returns. A signal that was sent does not.
+    // A fault recurs when this handler returns. A signal that was sent must be raised again.
     if (info->si_code <= 0) {
         raise(number);
     }
@@ -114,7 +114,7 @@ void handle_signals() {
     }
     const struct sigaction stopped = stop_action();
     sigaction(SIGTSTP, nullptr, &stop_before);
-    if (is_default(stop_before)) {  // Ignored where there is nobody to continue the process.
+    if (is_default(stop_before)) {  // It is ignored when no shell could continue the process.
         sigaction(SIGTSTP, &stopped, nullptr);
     }
     struct sigaction continued {};
@@ -142,7 +142,7 @@ TerminalGuard::TerminalGuard(int fd) {
 
 TerminalGuard::~TerminalGuard() {
     if (guarded_fd >= 0) {
-        has_changed_modes = false;  // First: a stop from here on must not bring them back.
+        has_changed_modes = false;  // First: a stop from here on must not set them again.
         restore_terminal();
         handle_signals_as_before();
         guarded_fd = -1;

@@ -24,18 +24,18 @@ using Kind = AttachedDevice::Kind;
 constexpr const char* kSystemDevices = "/sys/bus/usb/devices";
 constexpr const char* kRuleName = "70-jovu.rules";
 
-/// @name The descriptors that a device describes itself with
+/// @name Descriptors
 /// Each begins with its length and its type.
 /// @{
 constexpr std::size_t kDeviceDescriptorSize = 18;
-constexpr std::size_t kVendorOffset = 8;  ///< Two bytes, the low one first, as the product.
+constexpr std::size_t kVendorOffset = 8;  ///< Two bytes, little-endian, as the product.
 constexpr std::size_t kProductOffset = 10;
 constexpr unsigned kInterfaceDescriptor = 4;
 constexpr std::size_t kInterfaceClassOffset = 5;  ///< Class, subclass and protocol, a byte each.
 constexpr unsigned char kDfuInterface[] = {0xfe, 1, 2};
 /// @}
 
-/// The driver that stands for programs that use an interface.
+/// The kernel's driver of interfaces that programs use.
 constexpr const char* kDriverOfPrograms = "usbfs";
 
 std::string content(const fs::path& path) {
@@ -43,7 +43,7 @@ std::string content(const fs::path& path) {
     return {std::istreambuf_iterator<char>(file), {}};
 }
 
-/// The names in a directory; none when it cannot be read.
+/// @return the names in a directory; none when it cannot be read.
 std::vector<std::string> entries(const fs::path& directory) {
     std::vector<std::string> names;
     std::error_code error;
@@ -92,7 +92,7 @@ std::optional<AttachedDevice> read_device(const std::string& name) {
     return AttachedDevice{*address, kind, name};
 }
 
-/// Finds the kernel's driver of a device's interfaces, first of all one that is no program's.
+/// Finds the kernel's driver of a device's interfaces; prefers one other than usbfs.
 void find_driver(const std::string& name, NodeState& node) {
     for (const std::string& entry : entries(kSystemDevices)) {
         if (entry.compare(0, name.size() + 1, name + ":") != 0) {
@@ -113,7 +113,7 @@ bool has_open(const std::string& process, const struct stat& node) {
     for (const std::string& entry : entries(directory)) {
         const fs::path link = directory / entry;
         std::error_code error;
-        // Looking at other files could mean to wait for them.
+        // A stat() of other files could block.
         if (fs::read_symlink(link, error).string().compare(0, 5, "/dev/") != 0) {
             continue;
         }
@@ -146,12 +146,12 @@ void find_holders(NodeState& node) {
     }
 }
 
-std::string joined(const std::vector<std::string>& words) {
-    std::string text;
-    for (const std::string& word : words) {
-        text += (text.empty() ? "" : ", ") + word;
+std::string joined(const std::vector<std::string>& names) {
+    std::string list;
+    for (const std::string& name : names) {
+        list += (list.empty() ? "" : ", ") + name;
     }
-    return text;
+    return list;
 }
 
 }  // namespace
@@ -194,7 +194,7 @@ Obstacle obstacle_at(const NodeState& node) {
         case ENOENT:
         case ENODEV:
         case ENXIO:
-            return {node.path + " is not there", "it has just been unplugged or plugged in"};
+            return {node.path + " is not there", "it was unplugged or plugged in a moment ago"};
         default:
             return {node.path + ": " + std::generic_category().message(node.open_error), ""};
     }
@@ -203,14 +203,14 @@ Obstacle obstacle_at(const NodeState& node) {
                 "unbind the driver from the device, or unload it"};
     }
     if (node.unused) {
-        return {node.path + " is free now, but was not", "try again"};
+        return {node.path + " was in use and is free now", "try again"};
     }
     if (node.holders.empty()) {
         return {node.path + " is in use by another program",
                 "end that program; 'sudo fuser -v " + node.path + "' names it"};
     }
     return {node.path + " is in use by " + joined(node.holders),
-            "a device is held by one program at a time: end that program"};
+            "only one program at a time can use a device: end that program"};
 }
 
 std::string permission_hint() {
@@ -221,9 +221,9 @@ std::string permission_hint() {
         return std::string("install the udev rule packaging/") + kRuleName +
                " of the sources, and plug the device in again";
     }
-    // Where udev looks for rules.
-    for (const char* place : {"/usr/lib/udev/rules.d", "/usr/local/lib/udev/rules.d"}) {
-        if (rule.parent_path() == place) {
+    // The directories that udev reads.
+    for (const char* directory : {"/usr/lib/udev/rules.d", "/usr/local/lib/udev/rules.d"}) {
+        if (rule.parent_path() == directory) {
             return "plug the device in again, or join the group plugdev: see the udev rule " +
                    rule.string();
         }

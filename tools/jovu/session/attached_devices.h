@@ -1,6 +1,6 @@
 /// @file
-/// What the system knows of the devices on USB, whether the library has opened them or not: which
-/// ones are attached, and why one of them cannot be opened. From /sys, /dev and /proc.
+/// The USB devices that the system shows in /sys, /dev and /proc, open or not, and the reasons why
+/// one cannot be opened.
 #pragma once
 
 #include <cstdint>
@@ -18,11 +18,11 @@ constexpr std::uint16_t kControllerVendor = 0x7A1C;
 /// The product id of a controller that runs its firmware.
 constexpr std::uint16_t kControllerProduct = 0x0002;
 
-/// One device of the controllers' maker.
+/// One device of the controllers' vendor.
 struct AttachedDevice {
     enum class Kind {
         controller,  ///< The kind that the library opens.
-        dfu,         ///< Waits for a firmware.
+        dfu,         ///< In DFU mode.
         other,
     };
 
@@ -31,34 +31,34 @@ struct AttachedDevice {
     std::string system_name;  ///< In /sys/bus/usb/devices, such as "1-2".
 };
 
-/// The devices of the controllers' maker, in the order of their addresses. Empty as well when the
-/// system does not tell.
+/// @return the devices of the controllers' vendor in the order of their addresses; empty also when
+///     /sys is not readable.
 std::vector<AttachedDevice> attached_devices();
 
-/// What there is to be seen at the node of a device.
+/// The state of a device's node.
 struct NodeState {
     std::string path;                  ///< "/dev/bus/usb/001/002"
-    int open_error = 0;                ///< The errno of opening it; 0 when that works.
-    std::string driver;                ///< Of the kernel, that has an interface; empty for none.
-    bool unused = false;               ///< The kernel says that no driver and no program has it.
+    int open_error = 0;                ///< The errno of opening it; 0 for success.
+    std::string driver;                ///< The kernel driver of an interface; empty for none.
+    bool unused = false;               ///< No driver and no program uses an interface.
     bool ours = false;                 ///< This program has it open.
     std::vector<std::string> holders;  ///< Other programs that have it open: "name (process 12)".
 };
 
-/// Looks at the node of a device, by opening it for a moment. Programs of other users can only be
-/// seen by the superuser.
+/// Examines the node of a device, by opening it for a moment. Only the superuser sees the programs
+/// of other users.
 NodeState look_at_node(const AttachedDevice& device);
 
-/// Why something does not work, and what can be done about it.
+/// A reason why a device cannot be opened.
 struct Obstacle {
     std::string reason;  ///< Names the node.
-    std::string hint;
+    std::string hint;    ///< What the user can do about it.
 };
 
-/// Why the library could not open a device.
+/// @return the reason why the library could not open a device.
 Obstacle obstacle_at(const NodeState& node);
 
-/// How to get the permission to open devices: names the udev rule where it is installed.
+/// @return how to get the permission to open devices; names the installed udev rule.
 std::string permission_hint();
 
 }  // namespace jovu_cli

@@ -11,29 +11,28 @@ namespace {
 
 using namespace std::chrono_literals;
 
-/// How long a command waits for what is attached when nothing else is asked for. The link scans
-/// the bus twice a second; a device that is not open after this is not going to be.
+/// How long a command waits for attached devices without --wait-device. The library scans the bus
+/// twice a second; a device that is not open after this time cannot be opened.
 constexpr std::chrono::milliseconds kDefaultWait = 2s;
 
-/// A device answers in milliseconds. A report can stay behind in the receive buffer until more
-/// bytes come, so the request is repeated; only once, because a device that waits for the rest of a
-/// job takes each request for job data, and never gives up.
+/// A device responds in milliseconds. A report can stay in the device's buffer until more bytes
+/// follow, so the request is repeated; only once, because a device that waits for the rest of a job
+/// reads each request as job data.
 constexpr auto kReportRepeat = 5s;
 constexpr int kReportAttempts = 2;
 
-/// A report that an earlier request has left comes within this time: when the device is asked for
-/// the first time, since the device was opened or since the last such report; when it owes several,
-/// since the last of them.
+/// A report of an earlier request arrives within kQuietTime after the device was opened or after
+/// another such report, and within kFurtherReportLimit after a report when several are pending.
 constexpr auto kQuietTime = 50ms;
 constexpr auto kMaxQuietWait = 2s;
 constexpr auto kFurtherReportLimit = 500ms;
 
-/// How often a wait looks whether the USB connection is still there.
+/// How often a wait checks that the USB connection has not ended.
 constexpr auto kConnectionCheck = 200ms;
 
 constexpr const char* kWaitHint = "--wait-device SECONDS waits for one";
 
-/// How the library says that a device is not open.
+/// Ends of the library's messages for a device that is not open.
 constexpr const char* kNotOpen[] = {"has been disconnected.", "no longer connected."};
 
 bool ends_with(std::string_view value, std::string_view end) {
@@ -67,10 +66,10 @@ void Session::start() try {
 } catch (const JovuException& error) {
     throw Failure(ExitCode::failure,
                   std::string("cannot start the USB connection: ") + error.what(),
-                  "is USB available on this machine?");
+                  "check that this machine has USB and that /dev/bus/usb is accessible");
 }
 
-/// Starts the connection again after an error has ended it.
+/// Restarts the connection after an error has ended it.
 void Session::restart() {
     if (restarted_) {
         throw Failure(ExitCode::no_device,
@@ -114,12 +113,12 @@ std::vector<JovuDeviceAddress> Session::find_devices() {
             return devices;
         }
         if (!found && !devices.empty()) {
-            // Others may follow, but those that another program holds never will.
+            // Other devices may follow, except those that another program has open.
             found = true;
             deadline = std::min(deadline, NotificationQueue::Clock::now() + kDefaultWait);
         }
         const auto now = NotificationQueue::Clock::now();
-        // Whatever comes is reason to look again.
+        // Check again after any notification.
         if (!notifications_.next(std::min(deadline, now + kConnectionCheck)) && now >= deadline) {
             stop_.throw_if_stopped();
             return devices;
@@ -140,8 +139,8 @@ JovuDeviceAddress Session::pick_device() {
     return devices.front();
 }
 
-/// Whether a device that matters may still come.
-/// @param found whether there is already a device for the command.
+/// Whether a device for the command may still connect.
+/// @param found whether a device for the command is connected.
 bool Session::worth_waiting(const std::vector<JovuDeviceAddress>& usable, bool found) {
     if (options_.device && found) {
         return false;
@@ -153,7 +152,7 @@ bool Session::worth_waiting(const std::vector<JovuDeviceAddress>& usable, bool f
 }
 
 std::vector<JovuDeviceAddress> Session::usable_devices() {
-    // The link's list alone is not enough: a device enters it a moment before it can be talked to.
+    // A device is in the library's list a moment before it can be used.
     const std::vector<JovuDeviceAddress> reported = notifications_.connected();
     std::vector<JovuDeviceAddress> devices;
     for (const JovuDeviceAddress address : client_->list_connected()) {
@@ -215,20 +214,20 @@ void Session::throw_no_device() {
     }
     const std::vector<JovuDeviceAddress> connected = client_->list_connected();
     if (attached.empty() && attached_controllers() > connected.size()) {
-        throw failure("no device can be opened, though one is attached",
+        throw failure("no device can be opened, although one is attached",
                       "another program holds it, or you have no permission: " + permission_hint());
     }
     if (options_.device) {
         throw failure("no such device: " + to_string(*options_.device),
                       connected.empty() ? kWaitHint : "connected: " + to_string(connected));
     }
-    if (!connected.empty()) {  // Opened at this moment.
-        throw failure("no device can be talked to yet: " + to_string(connected), kWaitHint);
+    if (!connected.empty()) {  // Opened a moment ago.
+        throw failure("no device is ready yet: " + to_string(connected), kWaitHint);
     }
     const bool others = !client_->list_attached().empty();
-    throw failure(others ? "no device: what is attached is of another kind"
+    throw failure(others ? "no device: the attached devices are of another kind"
                          : "no device: nothing is attached",
-                  others ? "'jovu list' shows it" : kWaitHint);
+                  others ? "'jovu list' shows them" : kWaitHint);
 }
 
 void Session::close_on_signal(JovuDeviceAddress address, Stop reason) {
@@ -242,7 +241,7 @@ void Session::close(JovuDeviceAddress address) noexcept {
     try {
         client_->close(address);
     } catch (const JovuException&) {
-        // Gone or closed already, which ends the exchange as well.
+        // It is disconnected or closed, which ends the exchange as well.
     }
 }
 
@@ -259,7 +258,7 @@ void Session::check_exchange(JovuDeviceAddress address, const std::string& name)
     throw failure_at(address, name, reason);
 }
 
-/// The Failure for an exchange with a device. One that is not open may still be attached.
+/// @return the Failure for an exchange with a device. A device that is not open may be attached.
 Failure Session::failure_at(JovuDeviceAddress address, const std::string& name,
                             const std::string& reason) const {
     Failure failure = exchange_failure(name + " to " + to_string(address), reason);
@@ -282,8 +281,8 @@ Failure Session::failure_at(JovuDeviceAddress address, const std::string& name,
     return failure;
 }
 
-/// Waits until a device that is asked for the first time sends nothing that it still had for
-/// another program.
+/// Drops reports that earlier programs requested: before the first request, waits until the device
+/// sends none.
 void Session::drop_stale_reports(JovuDeviceAddress address) {
     if (pending_reports_.emplace(address, 0).second) {
         const auto limit = NotificationQueue::Clock::now() + kMaxQuietWait;
@@ -317,7 +316,7 @@ StatusReport Session::request_status(JovuDeviceAddress address) {
             if (--pending == 0) {
                 return *latest;
             }
-            // Possibly the answer to an earlier request. If nothing follows, that one was lost.
+            // This may be the report of an earlier request. When no other follows, one was lost.
             end = NotificationQueue::Clock::now() + kFurtherReportLimit;
         }
         stop_.throw_if_stopped();
@@ -326,10 +325,11 @@ StatusReport Session::request_status(JovuDeviceAddress address) {
             return *latest;
         }
     }
-    throw Failure(
-        ExitCode::exchange_failed, "status request to " + to_string(address) + " failed: timed out",
-        "after a push that was cut off the device may wait for the rest of the job: leave it "
-        "alone until it gives up, or unplug it");
+    throw Failure(ExitCode::exchange_failed,
+                  "status request to " + to_string(address) + " failed: timed out",
+                  "after an interrupted push the device may wait for the rest of the job: wait "
+                  "until it gives "
+                  "up, or unplug it");
 }
 
 std::optional<Notification> Session::next_notification(
@@ -346,7 +346,7 @@ std::optional<Notification> Session::next_notification(
         if (has_ended()) {
             throw Failure(ExitCode::exchange_failed,
                           "the USB connection has ended, for the reason given above",
-                          "this can happen when a device cannot be opened; start again");
+                          "this can happen when a device cannot be opened; run the command again");
         }
     }
 }
@@ -361,7 +361,7 @@ void Session::wait_until(JovuDeviceAddress address, NotificationQueue::Clock::ti
 void Session::check_connected(JovuDeviceAddress address, const Notification& notification) const {
     if (std::holds_alternative<Disconnected>(notification.what) &&
         notification.address == address) {
-        throw Failure(ExitCode::exchange_failed, "device is gone: " + to_string(address),
+        throw Failure(ExitCode::exchange_failed, "device has disconnected: " + to_string(address),
                       "it was unplugged, or has reset");
     }
 }
@@ -371,10 +371,10 @@ std::string exchange_hint(const std::string& reason) {
         const char* end;
         const char* hint;
     };
-    // The numbers are those of libusb.
+    // The numbers are libusb's error codes.
     static constexpr Row kRows[] = {
         {"timed out.",
-         "the device is attached but does not answer: unplug it and plug it in again"},
+         "the device is attached but does not respond: unplug it and plug it in again"},
         {"No response received.", "it was unplugged meanwhile, or has reset"},
         {"has been disconnected.", "it was unplugged"},
         {"no longer connected.", "it was unplugged"},

@@ -1,5 +1,5 @@
 /// @file
-/// A command's link to the devices: which of them it talks to, and exchanges that Ctrl-C ends.
+/// The USB connection of a command: device selection, and exchanges that Ctrl-C ends.
 #pragma once
 
 #include <atomic>
@@ -25,56 +25,57 @@ namespace jovu_cli {
 /// JovuUsbDevice::type of the devices that the library opens.
 constexpr int kControllerType = 1;
 
-/// What can be done about an exchange that failed.
-/// @param reason a text of the library.
-/// @return empty when there is nothing to advise.
+/// @param reason the library's message of a failed exchange.
+/// @return what the user can do about it; empty for an unknown reason.
 std::string exchange_hint(const std::string& reason);
 
-/// The Failure for an exception of the library that a call about a device ended with.
+/// @return the Failure for an exception of the library.
+/// @param reason the message of the exception.
 Failure exchange_failure(const std::string& what, const std::string& reason);
 
-/// A controller that is attached and could not be opened.
+/// A controller that is attached and cannot be opened.
 struct UnopenedController {
     JovuDeviceAddress address;
     Obstacle obstacle;
 };
 
-/// The USB connection, from construction to destruction.
+/// Owns the USB connection: the library's client and the notifications.
 class Session {
 public:
     /// Starts the connection.
     /// @throws Failure when it cannot be started.
     Session(const CommonOptions& options, StopSource& stop, Interest interest);
-    /// Begins with another command, on the same connection. What the one before left is forgotten.
+    /// Prepares for the next command on the same connection and drops queued notifications.
     void begin(const CommonOptions& options, Interest interest);
     Session(const Session&) = delete;
     Session& operator=(const Session&) = delete;
 
-    /// The library. Calls that wait for a device belong into exchange().
+    /// The library's client. Calls that wait for a device must be made in exchange().
     Client& client() noexcept { return *client_; }
     NotificationQueue& notifications() noexcept { return notifications_; }
     const StopSource& stop() const noexcept { return stop_; }
-    /// Whether a device was closed to end an exchange with it. Only a new session opens it again.
+    /// Whether a device was closed to end an exchange. Only a new session opens it again.
     bool has_closed() const noexcept { return has_closed_; }
-    /// Whether the link has ended by an error. Only a new session has another one.
+    /// Whether an error has ended the connection. find_devices() or a new session restarts it.
     bool has_ended() const noexcept { return client_ == nullptr || !Client::is_watching(); }
 
-    /// Waits until all that is attached is connected, or as long as the options say. A connection
-    /// that has ended by an error is started again, once for each command.
-    /// @return what is connected then, in the order of the addresses; only the chosen device when
+    /// Waits until all attached controllers are connected, at most for the time in the options.
+    /// Restarts a connection that an error has ended, once for each command.
+    /// @return the connected devices in the order of their addresses; only the chosen device when
     ///     one was chosen. May be empty.
     /// @throws Failure when the program is to end; no_device when the connection ends again.
     std::vector<JovuDeviceAddress> find_devices();
 
-    /// The one device that the command is for. As find_devices(), but for anything but one device:
-    /// @throws Failure no_device or several_devices.
+    /// As find_devices(), for a command that uses exactly one device.
+    /// @throws Failure also no_device or several_devices.
     JovuDeviceAddress pick_device();
 
-    /// Has each device that a command picks looked at: @p check throws when it must not be used.
+    /// Sets a check of each device that a command picks: it throws when the device must not be
+    /// used.
     void set_pick_check(std::function<void(JovuDeviceAddress)> check) {
         pick_check_ = std::move(check);
     }
-    /// As pick_device() checks what it returns, for a command that picks a device by itself.
+    /// Runs the check, for a command that does not use pick_device().
     /// @throws what the check throws.
     void check_pick(JovuDeviceAddress address) const {
         if (pick_check_) {
@@ -82,19 +83,19 @@ public:
         }
     }
 
-    /// Says why there is no device for the command, as well as it can be told.
+    /// @throws Failure no_device with the reason, as far as it can be found.
     [[noreturn]] void throw_no_device();
 
-    /// The controllers that are attached and not open, each with the reason; as far as the system
-    /// tells.
+    /// @return the controllers that are attached and not open, each with the reason, as far as the
+    ///     system shows them.
     std::vector<UnopenedController> unopened_controllers() const;
 
-    /// Makes one exchange with a device. An interrupt ends it at once, by closing the device.
-    /// Any thread.
-    /// @param name what is exchanged, for the message.
+    /// Makes one exchange with a device. A signal ends it at once, by closing the device. Any
+    /// thread.
+    /// @param name of the exchange, for messages.
     /// @param call a function without arguments that calls one command of client().
-    /// @return what @p call returned.
-    /// @throws Failure exchange_failed, or interrupted (with a text, as the device may have acted).
+    /// @return the result of @p call.
+    /// @throws Failure exchange_failed, or interrupted (with a message: the device may have acted).
     template <class Call>
     auto exchange(JovuDeviceAddress address, const std::string& name, Call call) {
         const StopSource::Action closer(
@@ -105,9 +106,8 @@ public:
         return result;
     }
 
-    /// Makes one exchange whose outcome must be known, and that is made also when the program is to
-    /// end. The device is closed when it does not answer within the limits; what it sends
-    /// otherwise is a sign of life.
+    /// Makes one exchange that must complete, also when the program is to end. Closes the device
+    /// when it does not respond within the limits; any notification is a sign of life.
     /// @throws Failure as exchange().
     template <class Call>
     void finish_exchange(JovuDeviceAddress address, const std::string& name,
@@ -120,14 +120,14 @@ public:
         check_exchange(address, name);
     }
 
-    /// The devices that can be talked to at this moment, in the order of their addresses.
+    /// @return the devices that can be used at this moment, in the order of their addresses.
     std::vector<JovuDeviceAddress> usable_devices();
 
-    /// Whether a device is there and open.
+    /// Whether a device is open.
     bool is_connected(JovuDeviceAddress address) const;
 
-    /// Makes a call that sends on the job channel, where nothing is answered.
-    /// @param name what is sent, for the message.
+    /// Makes a call that sends on the job channel, where requests have no response.
+    /// @param name of the request, for messages.
     /// @throws Failure exchange_failed when @p call threw a JovuException, or interrupted.
     template <class Call>
     void send(JovuDeviceAddress address, const std::string& name, Call call) {
@@ -135,26 +135,26 @@ public:
         try {
             call();
         } catch (const JovuException& error) {
-            stop_.throw_if_stopped();  // Whoever has pressed Ctrl-C need not hear of it.
+            stop_.throw_if_stopped();  // After Ctrl-C the error is of no interest.
             throw failure_at(address, name, error.what());
         }
     }
 
-    /// Asks a device for its status report and waits for it. Reports carry no number, so one that
-    /// was requested before, by this program or by one that was killed, is told apart by counting
-    /// and by a short wait.
-    /// @throws Failure exchange_failed, also when the device goes away, or interrupted.
+    /// Requests a status report and waits for it. Reports carry no number: counting and a short
+    /// wait separate it from reports that this program or an earlier one requested before.
+    /// @throws Failure exchange_failed, also when the device disconnects, or interrupted.
     StatusReport request_status(JovuDeviceAddress address);
 
-    /// The next notification of the notifications, as NotificationQueue::next().
-    /// @throws Failure exchange_failed when the link has ended, so that none would come.
+    /// The next notification, as NotificationQueue::next().
+    /// @throws Failure exchange_failed when the connection has ended.
     std::optional<Notification> next_notification(NotificationQueue::Clock::time_point deadline);
 
-    /// Waits for the next report's time. What comes in meanwhile is dropped.
-    /// @throws Failure exchange_failed when the device goes or the link ends, or interrupted.
+    /// Waits until @p time and drops the notifications that arrive.
+    /// @throws Failure exchange_failed when the device disconnects or the connection ends, or
+    ///     interrupted.
     void wait_until(JovuDeviceAddress address, NotificationQueue::Clock::time_point time);
 
-    /// @throws Failure exchange_failed when the notification says that this device is gone.
+    /// @throws Failure exchange_failed when the notification is the disconnect of this device.
     void check_connected(JovuDeviceAddress address, const Notification& notification) const;
 
 private:
@@ -173,21 +173,21 @@ private:
     StopSource& stop_;
     NotificationQueue notifications_;
     std::atomic<bool> has_closed_{false};
-    /// How many status requests each device has not answered; at least, as a report may have been
-    /// dropped. Has no entry for a device that was never asked.
+    /// Number of status requests without a report, by device; a dropped report makes it too large.
+    /// No entry: no request was sent to the device yet.
     std::unordered_map<JovuDeviceAddress, unsigned> pending_reports_;
-    std::unique_ptr<Client> client_;  ///< Null when it could not be started again.
+    std::unique_ptr<Client> client_;  ///< Null when the restart failed.
     bool restarted_ = false;          ///< By this command.
     std::function<void(JovuDeviceAddress)> pick_check_;
 };
 
-/// The texts that a controller identifies itself with.
+/// The strings by which a controller identifies itself.
 struct Identity {
     std::string version;
     std::string serial;
 };
 
-/// Asks a device for its version and serial number. Any thread.
+/// Reads a device's version and serial number. Any thread.
 /// @throws Failure as Session::exchange().
 Identity read_identity(Session& session, JovuDeviceAddress address);
 

@@ -26,10 +26,10 @@ namespace {
 
 constexpr const char* kPrompt = "jovu> ";
 constexpr int kHistoryLines = 1000;
-/// Stands for what may not be shown.
+/// Replaces characters that may not be shown.
 constexpr wchar_t kReplacement = 0xFFFD;
 
-/// Characters are read and counted as UTF-8, also in a locale that says nothing of it.
+/// Reads and counts characters as UTF-8 in every locale.
 void use_utf8() {
     std::setlocale(LC_CTYPE, "");
     if (std::strcmp(nl_langinfo(CODESET), "UTF-8") != 0) {
@@ -46,39 +46,39 @@ std::FILE* open_terminal(int fd) {
     return file;
 }
 
-/// Width of a text on the terminal.
-std::size_t width_of(const char* text, std::size_t length) {
+/// @return the width of a string on the terminal.
+std::size_t width_of(const char* bytes, std::size_t length) {
     std::size_t width = 0;
     std::mbstate_t state{};
     for (;;) {
         wchar_t character = 0;
-        const std::size_t size = std::mbrtowc(&character, text, length, &state);
+        const std::size_t size = std::mbrtowc(&character, bytes, length, &state);
         if (size == 0 || size > length) {  // Also at the end.
             return width;
         }
         width += static_cast<std::size_t>(std::max(wcwidth(character), 0));
-        text += size;
+        bytes += size;
         length -= size;
     }
 }
 
-/// Words in columns, each line with its end.
+/// @return the words in columns; each line ends with a line feed.
 std::string in_columns(const std::vector<std::string>& words, std::size_t width) {
     std::size_t longest = 0;
     for (const std::string& word : words) {
         longest = std::max(longest, character_count(printable(word)));
     }
     const std::size_t columns = std::max<std::size_t>(1, width / (longest + 2));
-    std::string text;
+    std::string lines;
     for (std::size_t i = 0; i < words.size(); ++i) {
         std::string cell = printable(words[i]);
         const bool last = (i + 1) % columns == 0 || i + 1 == words.size();
         if (!last) {
             cell.append(longest + 2 - character_count(cell), ' ');
         }
-        text += cell + (last ? "\n" : "");
+        lines += cell + (last ? "\n" : "");
     }
-    return text;
+    return lines;
 }
 
 }  // namespace
@@ -97,7 +97,7 @@ struct LineEditor::Library {
         try {
             return line_editor.next_character(*character);
         } catch (...) {
-            line_editor.exception_ = std::current_exception();  // read() throws it again.
+            line_editor.exception_ = std::current_exception();  // edit() rethrows it.
             return -1;
         }
     }
@@ -114,8 +114,8 @@ struct LineEditor::Library {
 };
 
 void LineEditor::EndEditor::operator()(editline* editor) const noexcept {
-    // Otherwise the library discards what has been typed for whoever reads the terminal next. The
-    // guard restores the modes.
+    // Otherwise the library discards input that the next reader of the terminal expects. The guard
+    // restores the modes.
     el_set(editor, EL_EDITMODE, 0);
     el_end(editor);
 }
@@ -150,14 +150,13 @@ LineEditor::LineEditor(Output& out, const StopSource& stop, const std::string& h
     el_set(editor, EL_EDITOR, "emacs");
     el_set(editor, EL_HIST, &::history, history_.get());
     el_set(editor, EL_GETCFN, &Library::get_character);
-    // Wide: libedit makes wide copies of other texts and never frees them.
+    // Wide: libedit converts narrow strings and never frees the copies.
     el_wset(editor, EL_ADDFN, L"jovu-complete", L"Complete the word", &Library::complete);
     el_set(editor, EL_BIND, "^I", "jovu-complete", nullptr);
     el_set(editor, EL_BIND, "^R", "em-inc-search-prev", nullptr);
-    el_source(editor, nullptr);  // What the user prefers, from ~/.editrc.
-    // In line mode the kernel consumes Ctrl-D, and what else it edits lines with, before this
-    // program sees it. The library would return to that mode behind each line, and write the next
-    // prompt in it.
+    el_source(editor, nullptr);  // The user's key bindings, from ~/.editrc.
+    // In line mode the kernel consumes Ctrl-D and other editing keys. The library would return to
+    // that mode after each line and write the next prompt in it.
     el_set(editor, EL_SETTY, "-x", "-icanon", "-echo", "-iexten", nullptr);
     el_set(editor, EL_PREP_TERM, 1);
     guard_.keep_changed();
@@ -182,7 +181,7 @@ LineEditor::End LineEditor::read_input(const std::string& prompt, std::string& l
 LineEditor::End LineEditor::edit(std::string& line) {
     interrupted_ = false;
     int length = 0;
-    const char* const text = el_gets(editor_.get(), &length);
+    const char* const typed = el_gets(editor_.get(), &length);
     if (exception_) {
         std::rethrow_exception(std::exchange(exception_, nullptr));
     }
@@ -192,11 +191,11 @@ LineEditor::End LineEditor::edit(std::string& line) {
         out_.raw("^C\n");
         return End::interrupted;
     }
-    if (text == nullptr || length <= 0) {
+    if (typed == nullptr || length <= 0) {
         out_.raw("\n");
         return End::closed;
     }
-    line.assign(text, static_cast<std::size_t>(length));
+    line.assign(typed, static_cast<std::size_t>(length));
     if (line.back() == '\n') {
         line.pop_back();
     }
@@ -213,7 +212,8 @@ int LineEditor::next_character(wchar_t& character) {
         pollfd waited[] = {
             {STDIN_FILENO, POLLIN, 0}, {stop_.fd(), POLLIN, 0}, {hooks_.side_fd(), POLLIN, 0}};
         if (poll(waited, std::size(waited), -1) == -1) {
-            if (TerminalGuard::take_stopped()) {  // Others may have written to the terminal.
+            if (TerminalGuard::take_stopped()) {  // Other programs may have written to the
+                                                  // terminal.
                 out_.raw("\r\x1b[J");
                 el_set(editor_.get(), EL_REFRESH);
             }
@@ -230,7 +230,7 @@ int LineEditor::next_character(wchar_t& character) {
         char byte = 0;
         const ssize_t count = ::read(STDIN_FILENO, &byte, 1);
         if (count == 1) {
-            el_resize(editor_.get());  // The window may have another size by now.
+            el_resize(editor_.get());  // The size of the window may have changed.
             partial_ += byte;
         } else if (count == 0 || (errno != EINTR && errno != EAGAIN)) {
             return 0;
@@ -238,7 +238,7 @@ int LineEditor::next_character(wchar_t& character) {
     }
 }
 
-/// Takes the first character off the bytes that have been read, when it is complete.
+/// Removes the first character from the bytes read so far, if it is complete.
 std::optional<wchar_t> LineEditor::take_character() {
     if (partial_.empty()) {
         return std::nullopt;
@@ -259,7 +259,7 @@ std::optional<wchar_t> LineEditor::take_character() {
     return is_key || is_shown(code) ? character : kReplacement;
 }
 
-/// Puts what there is to show above the line that is being edited.
+/// Shows the side lines above the line that is being edited.
 void LineEditor::show_side() {
     const std::size_t rows = rows_above_cursor();
     out_.raw((rows > 0 ? "\x1b[" + std::to_string(rows) + "A" : "") + "\r\x1b[J");
@@ -282,7 +282,8 @@ unsigned char LineEditor::complete_word() {
         return CC_REFRESH_BEEP;
     }
     const std::string common = common_prefix(completion.candidates).substr(completion.typed);
-    std::string rest = common_prefix({common, printable(common)});  // Up to what may not be shown.
+    std::string rest = common_prefix(
+        {common, printable(common)});  // Up to the first character that may not be shown.
     if (completion.candidates.size() == 1 && rest == common) {
         const char last = completion.candidates.front().back();
         const bool goes_on = last == '=' || last == '.' || last == '/';
@@ -301,7 +302,7 @@ void LineEditor::remember(const std::string& line) {
     HistEvent event{};
     ::history(history_.get(), &event, H_ENTER, line.c_str());
     if (!history_file_.empty()) {
-        // A history that cannot be kept is no reason to stop.
+        // An error is ignored: the history is optional.
         ::history(history_.get(), &event, H_SAVE, history_file_.c_str());
     }
 }
@@ -322,7 +323,7 @@ std::string history_path() {
     std::error_code error;
     const bool made = fs::create_directories(directory, error);
     if (made) {
-        // Lines may hold the key of a network.
+        // Lines may hold secrets.
         fs::permissions(directory, fs::perms::owner_all, error);
     }
     return error ? std::string() : (directory / "history").string();

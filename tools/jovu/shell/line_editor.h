@@ -14,51 +14,51 @@
 #include "shell/shell_words.h"
 #include "terminal/output.h"
 
-// The line-editing library's, whose header is not needed here.
+// Types of the line-editing library.
 struct editline;
 struct history;
 
 namespace jovu_cli {
 
-/// The prompt of an interactive program. Everything runs on the thread that reads. The terminal
-/// hands over each byte as it is typed for as long as this object lives, also while nobody reads:
-/// what is typed ahead of a prompt waits for the next line.
+/// The prompt of an interactive program. All hooks run on the thread that reads. The terminal stays
+/// in character mode as long as this object exists: input that is typed before a prompt is kept for
+/// the next line.
 class LineEditor {
 public:
-    /// What the editor asks of the program that it reads for.
+    /// Functions that the program provides.
     struct Hooks {
-        /// The ways to go on with a line that is typed up to here.
+        /// Completes a line up to the cursor.
         std::function<Completion(const std::string& line)> complete;
-        /// A descriptor that is readable when there is something to show meanwhile.
+        /// A descriptor that is readable when lines are to be shown above the prompt.
         std::function<int()> side_fd;
-        /// Shows it on the output, in whole lines.
+        /// Writes those lines to the output.
         std::function<void()> show_side;
     };
 
     /// How the reading of a line ended.
     enum class End {
-        line,         ///< A line is there.
-        interrupted,  ///< The program is to end; what was typed is dropped.
-        closed,       ///< There are no more lines.
+        line,         ///< A line was read.
+        interrupted,  ///< The program is to end; the input of this line is dropped.
+        closed,       ///< The end of the input.
     };
 
     /// @param out a terminal that redraws().
-    /// @param history_file where lines are kept for the next time; empty for nowhere.
+    /// @param history_file keeps lines for the next run; empty for none.
     LineEditor(Output& out, const StopSource& stop, const std::string& history_file, Hooks hooks);
     ~LineEditor();
     LineEditor(const LineEditor&) = delete;
     LineEditor& operator=(const LineEditor&) = delete;
 
-    /// Reads one line, without its end, and puts it into the history, unless it is empty or begins
-    /// with a blank. Characters that may not be shown come as U+FFFD, so that the line is what the
-    /// screen shows.
+    /// Reads one line, without its line feed, and adds it to the history, unless it is empty or
+    /// begins with a blank. Characters that may not be shown are read as U+FFFD: the line equals
+    /// the screen.
     End read(std::string& line);
 
-    /// Likewise, behind another prompt and without the history: input for a command.
+    /// As read(), with another prompt and without the history: input for a command.
     End read_input(const std::string& prompt, std::string& line);
 
 private:
-    struct Library;  ///< What the library calls back.
+    struct Library;  ///< The library's callbacks.
     struct CloseFile {
         void operator()(std::FILE* file) const noexcept { std::fclose(file); }
     };
@@ -86,14 +86,13 @@ private:
     std::unique_ptr<struct history, EndHistory> history_;
     std::unique_ptr<editline, EndEditor> editor_;
     std::string prompt_;
-    std::string partial_;           ///< Bytes of a character that is not complete.
-    bool interrupted_ = false;      ///< The reading of this line.
-    std::exception_ptr exception_;  ///< Of a hook, on its way past the library's frames.
+    std::string partial_;           ///< Bytes of an incomplete character.
+    bool interrupted_ = false;      ///< A stop ended the reading of this line.
+    std::exception_ptr exception_;  ///< Of a hook; rethrown outside of the library's frames.
 };
 
-/// The file in which a program's lines are kept, in the user's directory for state that is not
-/// worth a backup. Its directory is made when it is not there.
-/// @return empty when there is no place for it.
+/// Creates the directory of the history in $XDG_STATE_HOME or ~/.local/state.
+/// @return the path of the history; empty when the directory cannot be created.
 std::string history_path();
 
 }  // namespace jovu_cli

@@ -12,7 +12,7 @@
 namespace jovu_cli {
 namespace {
 
-/// How long the report of a disconnect may take.
+/// How long the notification of a disconnect may take.
 constexpr std::chrono::milliseconds kReportDelay{1000};
 
 bool is_usable(Session& session, JovuDeviceAddress address) {
@@ -20,7 +20,7 @@ bool is_usable(Session& session, JovuDeviceAddress address) {
     return std::find(usable.begin(), usable.end(), address) != usable.end();
 }
 
-/// @return empty when the device has no serial number or does not answer.
+/// @return empty when the device has no serial number or does not respond.
 /// @throws Failure interrupted.
 std::string try_read_serial(Session& session, JovuDeviceAddress address) {
     try {
@@ -46,38 +46,38 @@ bool ShellDevices::same(const Device& one, const Device& other) {
     return one.address == other.address && one.changes == other.changes && one.changes != 0;
 }
 
-std::string ShellDevices::text(const Device& device) {
-    if (!device.asked) {
+std::string ShellDevices::describe(const Device& device) {
+    if (!device.identified) {
         return to_string(device.address);
     }
     return to_string(device.address) +
            (device.serial.empty() ? ", serial number unknown" : ", serial " + device.serial);
 }
 
-/// Asks a device for its serial number.
+/// Reads a device's serial number.
 /// @throws Failure as Session::exchange().
-ShellDevices::Device ShellDevices::ask(Session& session, JovuDeviceAddress address) {
+ShellDevices::Device ShellDevices::identify(Session& session, JovuDeviceAddress address) {
     for (;;) {
         const std::uint64_t changes = session.notifications().changes(address);
         Device device{address, changes, read_serial(session, address)};
         if (session.notifications().changes(address) == changes) {
             return device;
         }
-        // The answer may be from the device that was there before.
+        // The response may be from the device that had the address before.
     }
 }
 
-/// As ask(), for a device that need not answer.
-/// @return nothing when it has gone, or another one has come.
+/// As identify(), for a device that may not respond.
+/// @return nothing when the device has disconnected or was replaced.
 /// @throws Failure interrupted.
-std::optional<ShellDevices::Device> ShellDevices::ask_whether(Session& session,
-                                                              JovuDeviceAddress address) {
+std::optional<ShellDevices::Device> ShellDevices::try_identify(Session& session,
+                                                               JovuDeviceAddress address) {
     const std::uint64_t changes = session.notifications().changes(address);
     const std::string serial = try_read_serial(session, address);
     if (!serial.empty() && session.notifications().changes(address) == changes) {
         return Device{address, changes, serial};
     }
-    // An exchange with a device that goes ends before the disconnect is reported.
+    // An exchange with a device that disconnects ends before the notification.
     for (const auto end = NotificationQueue::Clock::now() + kReportDelay;
          NotificationQueue::Clock::now() < end; std::this_thread::sleep_for(kReportDelay / 50)) {
         if (session.notifications().changes(address) != changes || !is_usable(session, address)) {
@@ -94,13 +94,13 @@ bool ShellDevices::is_known(Session& session, JovuDeviceAddress address) const {
            found->second.changes == session.notifications().changes(address);
 }
 
-bool ShellDevices::is_asked(Session& session, JovuDeviceAddress address) const {
-    return is_known(session, address) && present_.at(address).asked;
+bool ShellDevices::is_identified(Session& session, JovuDeviceAddress address) const {
+    return is_known(session, address) && present_.at(address).identified;
 }
 
-/// Whether a device could be the one that a line without an address is for. While that one is
-/// connected, no other is: one that does not answer must not hold up its lines.
-bool ShellDevices::may_be_wanted(Session& session, JovuDeviceAddress address) const {
+/// Whether a line without an address may be sent to a device. While the accepted device is
+/// connected, to no other: a device that does not respond must not delay the lines.
+bool ShellDevices::may_be_accepted(Session& session, JovuDeviceAddress address) const {
     if (address == chosen_) {
         return true;
     }
@@ -113,30 +113,30 @@ bool ShellDevices::may_be_wanted(Session& session, JovuDeviceAddress address) co
     });
 }
 
-/// Notes which device is at an address.
-void ShellDevices::note(const Device& device) {
+/// Records the device at an address.
+void ShellDevices::record(const Device& device) {
     present_.insert_or_assign(device.address, device);
     Device& owner = owners_.try_emplace(device.address, device).first->second;
-    if (!owner.asked && owner.changes == device.changes) {
+    if (!owner.identified && owner.changes == device.changes) {
         owner = device;
     }
 }
 
-/// Says so when a device was not known to be where it is.
-void ShellDevices::announce(const Device& device) {
+/// Reports a device that is new at its address.
+void ShellDevices::report_connected(const Device& device) {
     const auto found = present_.find(device.address);
     if (found != present_.end() && same(found->second, device)) {
         if (found->second.changes != 0) {
-            say_("connected again: " + text(device));
+            say_("connected again: " + describe(device));
         }
         return;
     }
-    const bool shown =
-        found != present_.end() && !found->second.asked && found->second.changes == device.changes;
+    const bool shown = found != present_.end() && !found->second.identified &&
+                       found->second.changes == device.changes;
     if (found != present_.end() && !shown) {
-        say_("disconnected: " + text(found->second));
+        say_("disconnected: " + describe(found->second));
     }
-    std::string line = "connected: " + text(device);
+    std::string line = "connected: " + describe(device);
     const auto before = std::find_if(accepted_.begin(), accepted_.end(),
                                      [&](const Device& other) { return same(device, other); });
     if (before == accepted_.end()) {
@@ -156,14 +156,14 @@ void ShellDevices::announce(const Device& device) {
     say_(line);
 }
 
-/// @param all also those that another session knew, and that this one has had the time to open.
+/// @param all include the devices of the session before, which this session had time to open.
 void ShellDevices::drop_disconnected(Session& session, bool all) {
     for (auto entry = present_.begin(); entry != present_.end();) {
         const Device& device = entry->second;
         if (is_usable(session, device.address) || (device.changes == 0 && !all)) {
             ++entry;
         } else {
-            say_("disconnected: " + text(device));
+            say_("disconnected: " + describe(device));
             entry = present_.erase(entry);
         }
     }
@@ -172,23 +172,24 @@ void ShellDevices::drop_disconnected(Session& session, bool all) {
 void ShellDevices::update(Session& session) {
     drop_disconnected(session, false);
     std::vector<JovuDeviceAddress> addresses = session.usable_devices();
-    // First the places of the wanted device: when it is there, the others need not be asked.
+    // First the addresses of accepted devices: when one is connected, others need no
+    // identification.
     std::stable_partition(addresses.begin(), addresses.end(), [&](JovuDeviceAddress address) {
         return address == chosen_ ||
                std::any_of(accepted_.begin(), accepted_.end(),
                            [&](const Device& device) { return device.address == address; });
     });
     for (const JovuDeviceAddress address : addresses) {
-        if (!may_be_wanted(session, address)) {
+        if (!may_be_accepted(session, address)) {
             if (!is_known(session, address)) {
                 const Device device{address, session.notifications().changes(address), "", false};
-                announce(device);
-                note(device);
+                report_connected(device);
+                record(device);
             }
-        } else if (!is_asked(session, address)) {
-            if (const std::optional<Device> device = ask_whether(session, address)) {
-                announce(*device);
-                note(*device);
+        } else if (!is_identified(session, address)) {
+            if (const std::optional<Device> device = try_identify(session, address)) {
+                report_connected(*device);
+                record(*device);
             }
         }
     }
@@ -208,7 +209,7 @@ void ShellDevices::list(Session& session) {
     for (const JovuDeviceAddress address : session.usable_devices()) {
         const auto found = present_.find(address);
         if (found != present_.end()) {
-            say_((chosen_ == address ? "chosen: " : "connected: ") + text(found->second));
+            say_((chosen_ == address ? "chosen: " : "connected: ") + describe(found->second));
         }
     }
     if (present_.empty()) {
@@ -221,17 +222,17 @@ void ShellDevices::choose(Session& session, JovuDeviceAddress address) {
     if (!is_usable(session, address)) {
         return;
     }
-    if (!is_asked(session, address)) {
-        const std::optional<Device> device = ask_whether(session, address);
+    if (!is_identified(session, address)) {
+        const std::optional<Device> device = try_identify(session, address);
         if (!device) {
             return;
         }
-        note(*device);
+        record(*device);
     }
     const Device device = present_.at(address);
     accepted_ = {device};
     owners_.insert_or_assign(address, device);
-    say_("chosen: " + text(device));
+    say_("chosen: " + describe(device));
 }
 
 void ShellDevices::clear_connections() {
@@ -240,7 +241,7 @@ void ShellDevices::clear_connections() {
     }
     for (auto entry = owners_.begin(); entry != owners_.end();) {
         entry->second.changes = 0;
-        entry = entry->second.asked ? std::next(entry) : owners_.erase(entry);
+        entry = entry->second.identified ? std::next(entry) : owners_.erase(entry);
     }
     for (Device& device : accepted_) {
         device.changes = 0;
@@ -249,13 +250,13 @@ void ShellDevices::clear_connections() {
 
 void ShellDevices::check(Session& session, JovuDeviceAddress address, bool named) {
     drop_disconnected(session, true);
-    if (!is_asked(session, address)) {
+    if (!is_identified(session, address)) {
         const bool shown = is_known(session, address);
-        const Device device = ask(session, address);
-        if (!shown && !accepted_.empty()) {  // Otherwise it is the first one of all.
-            announce(device);
+        const Device device = identify(session, address);
+        if (!shown && !accepted_.empty()) {  // Otherwise it is the first device of the shell.
+            report_connected(device);
         }
-        note(device);
+        record(device);
     }
     const Device& device = present_.at(address);
     const Devices wanted = named ? Devices{owners_.at(address)} : accepted_;
@@ -264,9 +265,10 @@ void ShellDevices::check(Session& session, JovuDeviceAddress address, bool named
     if (!wanted.empty() && !is_wanted) {
         std::string names;
         for (const Device& other : wanted) {
-            names += (names.empty() ? "" : " or ") + text(other);
+            names += (names.empty() ? "" : " or ") + describe(other);
         }
-        throw Failure(ExitCode::no_device, "not sent to " + text(device) + ": lines go to " + names,
+        throw Failure(ExitCode::no_device,
+                      "not sent to " + describe(device) + ": lines go to " + names,
                       ".device " + to_string(address) + " sends the next ones there");
     }
     if (!named) {

@@ -1,5 +1,5 @@
 /// @file
-/// The devices that the lines of a shell may go to.
+/// The devices to which the lines of a shell may be sent.
 #pragma once
 
 #include <cstdint>
@@ -15,69 +15,70 @@ namespace jovu_cli {
 
 class Session;
 
-/// Knows devices by their serial numbers, so that a line goes to the machine that its author has in
-/// mind: an address says where a machine is plugged in, and the next one there can be another.
+/// Identifies devices by their serial numbers, so that no line is sent to a wrong machine: after a
+/// replug another machine can have the same address.
 ///
-/// Lines may go to the device that the last line went to, before the first one to those that were
-/// there at the start, and to none but the one that choose() has chosen. A device without a serial
-/// number is known until it is unplugged. Not thread-safe.
+/// The accepted devices are those present at the start; after the first line, the device of that
+/// line; after choose(), the chosen device. A device without a serial number is identified until it
+/// is unplugged. Not thread-safe.
 class ShellDevices {
 public:
-    /// @param chosen the device for lines that name none; nothing for the only one that there is.
+    /// @param chosen the device for lines that name none; nothing for the only connected one.
     /// @param say shows a line to the user.
     ShellDevices(std::optional<JovuDeviceAddress> chosen,
                  std::function<void(const std::string& line)> say);
 
-    /// The device for lines that name none. Follows a machine to its next address.
+    /// The device for lines that name none. Follows a machine to its new address.
     std::optional<JovuDeviceAddress> chosen() const { return chosen_; }
 
-    /// Says which devices are there.
+    /// Lists the connected devices.
     void list(Session& session);
-    /// Says which devices are there at the start: lines may go to any of them, or to the chosen
-    /// one.
+    /// Lists the devices present at the start and accepts them, or only the chosen one.
     void accept_all(Session& session);
-    /// Lines go to this device from now on.
+    /// Accepts only this device from now on.
     void choose(Session& session, JovuDeviceAddress address);
 
-    /// Says what has connected and disconnected since the last call. Asks new devices for their
-    /// serial numbers, which takes as long as they do; but not while no line can go to them.
+    /// Reports the devices that connected and disconnected since the last call. Reads the serial
+    /// numbers of new devices to which a line could be sent; blocks until they respond.
     /// @throws Failure interrupted, as do the functions above.
     void update(Session& session);
-    /// Another session comes: devices are asked again who they are before lines go to them.
+    /// Prepares for a new session: each device is identified again before a line is sent to it.
     void clear_connections();
 
     /// @param named whether the line itself names the address.
-    /// @throws Failure no_device when the line must not go to the device that is at the address, or
-    ///     as Session::exchange() when the device does not say which it is.
+    /// @throws Failure no_device when the device at the address is not accepted, or as
+    ///     Session::exchange() when it cannot be identified.
     void check(Session& session, JovuDeviceAddress address, bool named);
 
 private:
     struct Device {
         JovuDeviceAddress address;
         std::uint64_t
-            changes;         ///< NotificationQueue::changes() of its connection; 0 for a lost one.
-        std::string serial;  ///< Empty when the device has none or does not answer.
-        bool asked = true;   ///< Whether it was asked for its serial number.
+            changes;         ///< NotificationQueue::changes() of its connection; 0 when it is lost.
+        std::string serial;  ///< Empty when the device has none or does not respond.
+        bool identified = true;  ///< Whether its serial number was requested.
     };
     using Devices = std::vector<Device>;
 
     static bool same(const Device& one, const Device& other);
-    static std::string text(const Device& device);
-    static Device ask(Session& session, JovuDeviceAddress address);
-    static std::optional<Device> ask_whether(Session& session, JovuDeviceAddress address);
+    static std::string describe(const Device& device);
+    static Device identify(Session& session, JovuDeviceAddress address);
+    static std::optional<Device> try_identify(Session& session, JovuDeviceAddress address);
 
-    bool may_be_wanted(Session& session, JovuDeviceAddress address) const;
-    bool is_asked(Session& session, JovuDeviceAddress address) const;
+    bool may_be_accepted(Session& session, JovuDeviceAddress address) const;
+    bool is_identified(Session& session, JovuDeviceAddress address) const;
     bool is_known(Session& session, JovuDeviceAddress address) const;
-    void note(const Device& device);
-    void announce(const Device& device);
+    void record(const Device& device);
+    void report_connected(const Device& device);
     void drop_disconnected(Session& session, bool all);
 
     std::optional<JovuDeviceAddress> chosen_;
     std::function<void(const std::string& line)> say_;
-    std::unordered_map<JovuDeviceAddress, Device> present_;  ///< What the user has been shown.
-    std::unordered_map<JovuDeviceAddress, Device> owners_;   ///< For lines that name an address.
-    Devices accepted_;                                       ///< For all others; empty for any.
+    std::unordered_map<JovuDeviceAddress, Device>
+        present_;  ///< The devices that were shown to the user.
+    std::unordered_map<JovuDeviceAddress, Device>
+        owners_;        ///< First devices at their addresses, for lines that name one.
+    Devices accepted_;  ///< For all other lines; empty for any device.
 };
 
 }  // namespace jovu_cli

@@ -8,21 +8,21 @@
 namespace jovu_cli {
 namespace {
 
-/// One character taken off the front of a text.
+/// The first character of a string.
 struct Decoded {
     char32_t code = 0;
     std::size_t length = 0;  ///< In bytes; 0 when the front is not well-formed UTF-8.
 };
 
-Decoded decode_front(std::string_view text) {
-    const auto byte = [&](std::size_t i) { return static_cast<std::uint8_t>(text[i]); };
+Decoded decode_front(std::string_view value) {
+    const auto byte = [&](std::size_t i) { return static_cast<std::uint8_t>(value[i]); };
     const std::uint8_t first = byte(0);
     if (first < 0x80) {
         return {first, 1};
     }
     std::size_t length = 0;
     char32_t code = 0;
-    char32_t smallest = 0;  // A longer form than needed is not UTF-8.
+    char32_t smallest = 0;  // An overlong form is not UTF-8.
     if ((first & 0xE0U) == 0xC0) {
         length = 2, code = first & 0x1FU, smallest = 0x80;
     } else if ((first & 0xF0U) == 0xE0) {
@@ -30,11 +30,11 @@ Decoded decode_front(std::string_view text) {
     } else if ((first & 0xF8U) == 0xF0) {
         length = 4, code = first & 0x07U, smallest = 0x10000;
     }
-    if (length == 0 || length > text.size()) {
+    if (length == 0 || length > value.size()) {
         return {};
     }
     for (std::size_t i = 1; i < length; ++i) {
-        if ((byte(i) & 0xC0U) != 0x80) {
+        if (!is_continuation(value[i])) {
             return {};
         }
         code = (code << 6U) | (byte(i) & 0x3FU);
@@ -46,10 +46,9 @@ Decoded decode_front(std::string_view text) {
     return {code, length};
 }
 
-/// Characters that do something in place of standing for something, that nobody can see, or that
-/// look like a blank: controls, format characters (marks of the writing direction among them),
-/// separators, fillers, variation selectors, and what has no meaning that all fonts agree on.
-/// In ascending order, up to unassigned_planes.
+/// Characters that have an effect, are invisible, or look like a blank: controls, format characters
+/// (such as marks of the writing direction), separators, fillers, variation selectors, private and
+/// unassigned characters. In ascending order, below kUnassignedPlanes.
 struct CodeRange {
     char32_t first;
     char32_t last;
@@ -65,10 +64,10 @@ constexpr CodeRange kHiddenRanges[] = {
     {0x110CD, 0x110CD}, {0x13430, 0x1343F}, {0x1BCA0, 0x1BCA3}, {0x1D159, 0x1D159},
     {0x1D173, 0x1D17A}, {0x1FFFE, 0x1FFFF}, {0x2FFFE, 0x2FFFF}, {0x3FFFE, 0x3FFFF},
 };
-/// From here on no character is assigned but tags, variation selectors and private ones.
+/// From here on only tags, variation selectors and private characters are assigned.
 constexpr char32_t kUnassignedPlanes = 0x40000;
 
-/// The escape of a character, or of a byte that is none.
+/// @return the escape of a character, or of a byte that is not part of one.
 std::string escape(char32_t code, bool is_byte) {
     switch (code) {
         case '\t':
@@ -83,9 +82,9 @@ std::string escape(char32_t code, bool is_byte) {
     const char* const format = is_byte || code < 0x80 ? "\\x%02x"
                                : code > 0xFFFF        ? "\\U%08x"
                                                       : "\\u%04x";
-    char text[12];
-    std::snprintf(text, sizeof text, format, static_cast<unsigned>(code));
-    return text;
+    char buffer[12];
+    std::snprintf(buffer, sizeof buffer, format, static_cast<unsigned>(code));
+    return buffer;
 }
 
 }  // namespace
@@ -97,51 +96,55 @@ bool is_shown(char32_t code) {
     return code < kUnassignedPlanes && (range == std::end(kHiddenRanges) || code < range->first);
 }
 
-std::string printable(std::string_view text) {
+std::string printable(std::string_view value) {
     std::string out;
-    out.reserve(text.size());
-    while (!text.empty()) {
-        const Decoded front = decode_front(text);
+    out.reserve(value.size());
+    while (!value.empty()) {
+        const Decoded front = decode_front(value);
         const std::size_t length = std::max<std::size_t>(front.length, 1);
         if (front.length == 0) {
-            out += escape(static_cast<std::uint8_t>(text.front()), true);
+            out += escape(static_cast<std::uint8_t>(value.front()), true);
         } else if (is_shown(front.code)) {
-            out += text.substr(0, length);
+            out += value.substr(0, length);
         } else {
             out += escape(front.code, false);
         }
-        text.remove_prefix(length);
+        value.remove_prefix(length);
     }
     return out;
 }
 
-bool is_utf8(std::string_view text) {
-    while (!text.empty()) {
-        const std::size_t length = decode_front(text).length;
+bool is_utf8(std::string_view value) {
+    while (!value.empty()) {
+        const std::size_t length = decode_front(value).length;
         if (length == 0) {
             return false;
         }
-        text.remove_prefix(length);
+        value.remove_prefix(length);
     }
     return true;
 }
 
-std::size_t character_count(std::string_view text) {
+bool is_continuation(char byte) {
+    return (static_cast<std::uint8_t>(byte) & 0xC0U) == 0x80;
+}
+
+std::size_t character_count(std::string_view value) {
     std::size_t count = 0;
-    for (const char c : text) {
-        count += (static_cast<std::uint8_t>(c) & 0xC0U) != 0x80 ? 1U : 0U;
+    for (const char c : value) {
+        count += is_continuation(c) ? 0U : 1U;
     }
     return count;
 }
 
-std::string fit(std::string_view text, std::size_t columns) {
+std::string fit(std::string_view value, std::size_t columns) {
     std::size_t count = 0;
-    for (std::size_t i = 0; i < text.size(); ++i) {
-        if ((static_cast<std::uint8_t>(text[i]) & 0xC0U) != 0x80 && count++ == columns) {
-            return std::string(text.substr(0, i));
+    for (std::size_t i = 0; i < value.size(); ++i) {
+        if (!is_continuation(value[i]) && count++ == columns) {
+            return std::string(value.substr(0, i));
         }
     }
-    return std::string(text);
+    return std::string(value);
 }
 
 }  // namespace jovu_cli

@@ -21,7 +21,7 @@ namespace {
 using namespace std::chrono_literals;
 
 constexpr auto kDrawingLimit = 120s;
-/// More points than this, some dozens in each column of the image, only take time.
+/// More points, dozens in each column of the image, are not visible.
 constexpr std::uint64_t kMaxPoints = 100'000;
 
 /// The descriptor that gnuplot reads the samples from, once for each curve.
@@ -32,16 +32,16 @@ constexpr int kDataDescriptor = 3;
                                               std::generic_category().message(errno));
 }
 
-/// A text as gnuplot takes it.
-std::string quoted(const std::string& text) {
+/// @return a string in gnuplot's quotes.
+std::string quoted(const std::string& value) {
     std::string result = "'";
-    for (const char c : text) {
+    for (const char c : value) {
         result += c == '\'' ? "''" : std::string(1, c);
     }
     return result + "'";
 }
 
-/// A range of an axis that leaves some room, and is never empty.
+/// @return the range of an axis, with a margin; never empty.
 std::string axis_range(const Range& range) {
     const auto lowest = static_cast<double>(range.lowest);
     const auto highest = static_cast<double>(range.highest);
@@ -89,7 +89,7 @@ TracePlot::TracePlot() {
 
 void TracePlot::add(const servo_trace_msg& sample, std::uint64_t ticks, bool follows) {
     const std::int64_t error = following_error(sample);
-    // An empty line interrupts the curves.
+    // gnuplot interrupts the curves at an empty line.
     const int written =
         std::fprintf(data_.get(), "%s%s %d %d %" PRId64 " %d\n", follows ? "" : "\n",
                      tick_string(ticks).c_str(), sample.pos_cmd, sample.pos, error, sample.pwm);
@@ -109,7 +109,7 @@ void TracePlot::draw(const Title& title, int output) {
         throw_data_problem();
     }
     const FileDescriptor commands = script_file(script(title));
-    // In this order no descriptor is replaced that is still needed.
+    // This order does not replace a descriptor that is still needed.
     const int status = run_program(gnuplot_, {"-d"},
                                    {{commands.get(), STDIN_FILENO},
                                     {output, STDOUT_FILENO},
@@ -150,7 +150,7 @@ std::string TracePlot::script(const Title& title) const {
            "set tmargin at screen 0.88\n"
            "set bmargin at screen 0.53\n"
            "set label 1 " +
-           quoted(title.text) + " at screen 0.085, screen 0.965 left font 'sans,17'\n" +
+           quoted(title.heading) + " at screen 0.085, screen 0.965 left font 'sans,17'\n" +
            "set label 2 " + quoted(title.details) +
            " at screen 0.085, screen 0.933 left textcolor rgb '#606060'\n" +
            label("Position (native units)", 0.705) + "set format x ''\n" + "set yrange " +
@@ -205,7 +205,7 @@ void TraceRecorder::add(const servo_trace_msg& sample) {
 }
 
 void TraceRecorder::finish(const TracePlot::Title& title) {
-    // The samples first: a drawing can be made again.
+    // The samples first: the drawing can be repeated.
     if (csv_) {
         csv_->finish();
     }

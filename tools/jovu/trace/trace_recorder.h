@@ -1,5 +1,5 @@
 /// @file
-/// Draws a trace of a servo, by the program gnuplot.
+/// Records a servo's trace: statistics, a CSV file, and a drawing by gnuplot.
 #pragma once
 
 #include <cstdint>
@@ -18,25 +18,25 @@ namespace jovu_cli {
 /// Collects the samples of a trace and draws them at the end.
 class TracePlot {
 public:
-    /// What stands above the drawing; printable.
+    /// The lines above the drawing; printable.
     struct Title {
-        std::string text;
+        std::string heading;
         std::string details;
     };
 
-    /// @throws Failure failure when there is no gnuplot; file_problem when there is no room for
-    ///     temporary files.
+    /// @throws Failure failure without gnuplot; file_problem when a temporary file cannot be
+    /// created.
     TracePlot();
 
-    /// Takes a sample.
-    /// @param ticks its time since the first one.
+    /// Adds a sample.
+    /// @param ticks its time since the first sample.
     /// @param follows whether there is no gap before it.
     /// @throws Failure file_problem.
     void add(const servo_trace_msg& sample, std::uint64_t ticks, bool follows);
 
-    /// Draws what has been taken, as PNG.
-    /// @param output a descriptor for the image.
-    /// @throws Failure failure when gnuplot does not succeed; file_problem.
+    /// Draws the samples as PNG.
+    /// @param output the descriptor for the image.
+    /// @throws Failure failure when gnuplot fails; file_problem.
     void draw(const Title& title, int output);
 
 private:
@@ -55,19 +55,19 @@ private:
     Range pwm_;
 };
 
-/// Takes the samples of one servo and makes of them what was asked for.
+/// Records the samples of one servo in statistics and in files.
 class TraceRecorder {
 public:
-    /// Opens the files and looks for gnuplot, so that a recording does not turn out to be in vain.
+    /// Opens the files and finds gnuplot, so that these errors occur before the recording.
     /// @param csv, plot paths; empty for none.
     /// @throws Failure.
     TraceRecorder(std::int16_t servo, const std::string& csv, const std::string& plot);
 
-    /// Takes a sample; those of other servos are left out.
+    /// Adds a sample; ignores those of other servos.
     /// @throws Failure file_problem.
     void add(const servo_trace_msg& sample);
 
-    /// Notes that samples were lost in this program, which took them too slowly.
+    /// Counts samples that arrived but were dropped, as this program was too slow.
     void add_lost(std::size_t count) { lost_ += count; }
 
     /// Completes the files.
@@ -78,7 +78,7 @@ public:
     const TraceStatistics& statistics() const noexcept { return statistics_; }
     std::size_t lost() const noexcept { return lost_; }
 
-    /// Where the samples of an unfinished recording are; empty when nowhere.
+    /// @return the path of the samples of an unfinished recording; empty for none.
     std::string unfinished_path() const;
 
 private:

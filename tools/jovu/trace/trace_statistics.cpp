@@ -31,7 +31,7 @@ bool TraceStatistics::add(const servo_trace_msg& sample) {
 }
 
 bool TraceStatistics::advance(std::uint32_t count) {
-    // The count wraps; half its range is 24 days ahead.
+    // The count wraps. A step of more than half its range, 24 days, is a step back.
     const std::uint32_t step = count - last_count_;
     if (step == 0 || step > std::numeric_limits<std::uint32_t>::max() / 2) {
         ++restarts_;

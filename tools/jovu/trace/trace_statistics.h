@@ -1,5 +1,5 @@
 /// @file
-/// What can be said of a trace of a servo, worked out sample by sample.
+/// The statistics of a servo's trace, updated with each sample.
 #pragma once
 
 #include <cstdint>
@@ -10,10 +10,10 @@
 
 namespace jovu_cli {
 
-/// Rate of the control loop, and so of the samples of a servo.
+/// Rate of the control loop and of the samples, in Hz.
 constexpr std::uint32_t kTraceRate = 1000;
 
-/// Smallest and largest of the values so far.
+/// The smallest and the largest value so far.
 struct Range {
     std::int64_t lowest = std::numeric_limits<std::int64_t>::max();
     std::int64_t highest = std::numeric_limits<std::int64_t>::min();
@@ -21,19 +21,19 @@ struct Range {
     void add(std::int64_t value);
 };
 
-/// The statistics of one servo's samples, in the order in which they came.
+/// The statistics of one servo's samples, in the order of their arrival.
 class TraceStatistics {
 public:
-    /// Takes the next sample.
-    /// @return whether it follows the one before without a gap; true for the first.
+    /// Adds the next sample.
+    /// @return whether it follows the sample before without a gap; true for the first.
     bool add(const servo_trace_msg& sample);
 
     std::uint64_t samples() const noexcept { return samples_; }
-    /// Samples that never came, by the interrupt counts, and in how many places they are missing.
+    /// Missing samples, by the interrupt counts, and the number of gaps that they leave.
     std::uint64_t missing() const noexcept { return missing_; }
     std::uint64_t gaps() const noexcept { return gaps_; }
-    /// How often the interrupt count went back or stood still, as when the device restarts its
-    /// count. The time goes on from there.
+    /// How often the interrupt count decreased or repeated, as when the device restarts it. The
+    /// time continues from there.
     std::uint64_t restarts() const noexcept { return restarts_; }
 
     /// Time of the last sample since the first one, in ticks of the control loop.
@@ -41,7 +41,7 @@ public:
 
     const Range& position() const noexcept { return position_; }
     const Range& pwm() const noexcept { return pwm_; }
-    /// The following error that is farthest from 0, commanded less actual position, and its time.
+    /// The following error of the largest magnitude, commanded less actual position, and its time.
     std::int64_t largest_error() const noexcept { return largest_error_; }
     std::uint64_t largest_error_ticks() const noexcept { return largest_error_ticks_; }
 

@@ -1,5 +1,5 @@
 /// @file
-/// Reads the listing of dfu-util, which a hostile device may have tampered with.
+/// Parses the listing of dfu-util. A hostile device can insert lines into it.
 #pragma once
 
 #include <string>
@@ -12,7 +12,7 @@ namespace jovu_cli {
 
 using DfuDevice = JovuDfu::DfuDevice_t;
 
-/// A device in DFU mode and its place on the bus.
+/// A device in DFU mode and its location on the bus.
 struct ListedDevice {
     DfuDevice id;
     unsigned number = 0;  ///< Device number on its bus.
@@ -24,27 +24,27 @@ struct ListedDevice {
     std::string kind() const { return id.vendor_id + ":" + id.product_id; }
 };
 
-/// Whether two lines are about one place on the bus.
+/// Whether two devices have the same location on the bus.
 bool same_location(const ListedDevice& a, const ListedDevice& b);
 
-/// Whether a text is of letters and digits, and not empty.
-bool is_word(std::string_view text);
+/// Whether a string consists of letters and digits and is not empty.
+bool is_word(std::string_view value);
 
-/// What dfu-util lists.
+/// The output of dfu-util.
 struct DfuListing {
-    std::vector<ListedDevice> devices;  ///< Each once, whatever number of settings it has.
-    std::vector<std::string> refused;   ///< Lines that cannot be read in one way only.
-    std::string diagnostics;            ///< What dfu-util prints on standard error.
+    std::vector<ListedDevice> devices;  ///< Each once, with any number of settings.
+    std::vector<std::string> refused;   ///< Ambiguous lines.
+    std::string diagnostics;            ///< The standard error of dfu-util.
 };
 
-/// Reads a listing.
+/// Parses a listing.
 ///
-/// dfu-util prints a device's names and serial number as they are, so a quote or a line feed in
-/// them can make one line look like another, or like two. Vendor, product, number and path come
-/// first on a line and are the kernel's. So lines of different numbers or paths are different
-/// devices, whatever else is the same. Refused are a line with a stray quote or a repeated key, one
-/// between others that is none of dfu-util's, and one that contradicts another line for its place.
-/// @param output all of its standard output. The diagnostics stay empty.
+/// dfu-util prints a device's names and serial number unescaped, so a quote or a line feed in them
+/// can forge keys and lines. Vendor, product, number and path stand first on a line and are the
+/// kernel's: lines with different numbers or paths are different devices. Refuses a line with a
+/// stray quote or a repeated key, an unknown line between others, and a line that contradicts
+/// another line of its location.
+/// @param output the standard output of dfu-util. The diagnostics stay empty.
 DfuListing parse_dfu_listing(std::string_view output);
 
 }  // namespace jovu_cli

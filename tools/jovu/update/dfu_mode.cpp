@@ -18,20 +18,19 @@ using Clock = std::chrono::steady_clock;
 constexpr auto kChangePoll = 300ms;
 /// How long to wait for a device with the controller's own serial number.
 constexpr auto kOwnSerialLimit = 2s;
-/// How long a device must have been the only candidate: a hostile one may connect before the right
-/// one.
+/// How long a device must be the only candidate: a hostile device may connect before the right one.
 constexpr auto kSettleTime = 1s;
 
-/// Whether a device was listed already, maybe under another number: a hostile one in DFU mode can
-/// leave its port and come back with a number, and a serial number, that were not listed.
+/// Whether a device was listed before, even with another number: a hostile device in DFU mode can
+/// reconnect at its port with a new number and serial number.
 bool was_listed(const std::vector<ListedDevice>& before, const ListedDevice& wanted) {
     return std::any_of(before.begin(), before.end(), [&](const ListedDevice& device) {
         return wanted.path.empty() ? same_location(device, wanted) : device.path == wanted.path;
     });
 }
 
-/// Has the controller leave its firmware.
-/// @return why the exchange failed; empty when it did not.
+/// Puts the controller into DFU mode.
+/// @return why the exchange failed; empty for success.
 std::string send_enter_dfu_mode(Session& session, JovuDeviceAddress address) {
     try {
         session.exchange(address, "Enter_dfu_mode", [&] {
@@ -42,14 +41,14 @@ std::string send_enter_dfu_mode(Session& session, JovuDeviceAddress address) {
         if (failure.code() != ExitCode::exchange_failed) {
             throw;
         }
-        return failure.what();  // It may have left before it could answer.
+        return failure.what();  // It may have disconnected before its response.
     }
     return {};
 }
 
-/// The devices that the controller may have become.
-/// @param before what was listed before the change.
-/// @param any_serial whether a device with another serial number may be it, too.
+/// @return the devices that may be the controller.
+/// @param before the devices listed before the change.
+/// @param any_serial whether a device with another serial number may match.
 std::vector<ListedDevice> candidates(const std::vector<ListedDevice>& listed,
                                      const std::vector<ListedDevice>& before,
                                      const std::string& serial, bool any_serial) {
@@ -101,11 +100,11 @@ DfuListing unambiguous_listing(DfuTool& tool) {
 
 void throw_several(const std::vector<JovuDeviceAddress>& controllers,
                    const std::vector<ListedDevice>& devices) {
-    std::string text = to_string(controllers);
+    std::string list = to_string(controllers);
     for (const ListedDevice& device : devices) {
-        text += (text.empty() ? "" : ", ") + dfu_device_name(device);
+        list += (list.empty() ? "" : ", ") + dfu_device_name(device);
     }
-    throw Failure(ExitCode::several_devices, "several devices: " + text,
+    throw Failure(ExitCode::several_devices, "several devices: " + list,
                   "choose one with -d BUS:ADDR or --serial SERIAL, or unplug the others");
 }
 
@@ -128,7 +127,7 @@ ListedDevice enter_dfu_mode(Session& session, DfuTool& tool, JovuDeviceAddress a
     while (Clock::now() < begin + kChangeLimit) {
         const DfuListing listing = unambiguous_listing(tool);
         diagnostics = listing.diagnostics;
-        // A device that is still connected is none of those in DFU mode.
+        // A controller that is still connected is not in DFU mode.
         if (!session.is_connected(address)) {
             const bool any_serial = Clock::now() > begin + kOwnSerialLimit;
             const std::vector<ListedDevice> found =
@@ -150,7 +149,7 @@ ListedDevice enter_dfu_mode(Session& session, DfuTool& tool, JovuDeviceAddress a
         throw Failure(ExitCode::no_device, "no permission on " + *node, permission_hint());
     }
     throw Failure(ExitCode::exchange_failed,
-                  to_string(address) + " did not show up in DFU mode" +
+                  to_string(address) + " did not appear in DFU mode" +
                       (trouble.empty() ? "" : ": " + trouble) +
                       (diagnostics.empty() ? "" : "; dfu-util says: " + diagnostics));
 }
@@ -161,8 +160,8 @@ void pause_in_change(Session& session) {
     }
     if (session.stop().state() == Stop::signal) {
         throw Failure(ExitCode::interrupted,
-                      "interrupted: the device is in DFU mode, or on its way there or back",
-                      "'jovu list' and 'jovu dfu' show what it is");
+                      "interrupted: the device is in DFU mode or is changing its mode",
+                      "'jovu list' and 'jovu dfu' show its mode");
     }
     session.stop().throw_if_stopped();
 }

@@ -34,9 +34,9 @@ constexpr const char* kImageName = "image";
 constexpr const char* kProgramDirectory = "bin";
 constexpr const char* kOutputName = "output";
 
-/// Stands in the place of dfu-util and keeps what it prints: the library passes percentages on, but
-/// why a download has failed stands on the same channel.
-/// @param options are added to those of the library.
+/// @return a script that runs dfu-util and keeps a copy of its output: the library passes on the
+///     percentages only, and the reason of a failure is in the same output.
+/// @param options appended to those of the library.
 std::string wrapper_script(const std::string& options) {
     return "#!/bin/sh\n"
            "here=${0%/*}\n"
@@ -44,7 +44,8 @@ std::string wrapper_script(const std::string& options) {
            options + " | tee \"$here/output\"\n";
 }
 
-/// Without these, dfu-util writes to any device in DFU mode that has the serial number.
+/// @return options for the location. Without them dfu-util writes to any device with the serial
+///     number.
 std::string only_this_device(const ListedDevice& device) {
     return " -d " + device.kind() + "," + device.kind() +
            (device.path.empty() ? "" : " -p " + device.path);
@@ -55,7 +56,7 @@ std::string only_this_device(const ListedDevice& device) {
                                          std::generic_category().message(error));
 }
 
-/// A new directory whose path has no character that means something to a shell.
+/// Creates a directory whose path needs no quotes in a shell.
 fs::path make_directory() {
     const char* const named = std::getenv("TMPDIR");
     std::string base = named != nullptr ? named : "";
@@ -70,7 +71,7 @@ fs::path make_directory() {
     return pattern;
 }
 
-/// The process's working directory while this lives; then the one before it.
+/// Changes the process's working directory for a scope.
 class WorkingDirectory {
 public:
     explicit WorkingDirectory(const fs::path& path)
@@ -96,15 +97,15 @@ void link_to(const fs::path& target, const fs::path& name) {
     }
 }
 
-/// Advice to the makers of images, which would only hide what has gone wrong.
+/// Whether a line is a warning about the DFU suffix, which is no reason of a failure.
 bool is_noise(const std::string& line) {
     return line.find("DFU suffix") != std::string::npos;
 }
 
-/// The lines of a text as one line.
-std::string joined_lines(const std::string& text) {
+/// @return the lines as one line, without blank lines and warnings.
+std::string joined_lines(const std::string& output) {
     std::string result;
-    std::istringstream lines(text);
+    std::istringstream lines(output);
     for (std::string line; std::getline(lines, line);) {
         if (line.find_first_not_of(" \t\r") != std::string::npos && !is_noise(line)) {
             result += (result.empty() ? "" : "; ") + line;
@@ -133,16 +134,16 @@ std::string read_file(const fs::path& path) {
     return {std::istreambuf_iterator<char>(file), {}};
 }
 
-/// What dfu-util has printed behind the last state of its progress bar.
+/// @return the output of dfu-util after the last state of its progress bar.
 std::string last_output(const fs::path& output) {
-    const std::string text = read_file(output);
-    const std::size_t end = text.find('\n', text.rfind("Download\t"));
-    return end == std::string::npos ? "" : joined_lines(text.substr(end));
+    const std::string content = read_file(output);
+    const std::size_t end = content.find('\n', content.rfind("Download\t"));
+    return end == std::string::npos ? "" : joined_lines(content.substr(end));
 }
 
-/// Keeps the signals that end this program from a child that is started meanwhile: at a terminal a
-/// Ctrl-C goes to all of them, and a download that is cut leaves a device without firmware. They
-/// have to be ignored, as shells let go of a mask; this program misses them as long.
+/// Ignores the signals that end this program while a child starts, and so in the child: a terminal
+/// sends Ctrl-C to both, and an interrupted download leaves a device without firmware. Blocking
+/// them is not enough, as shells reset the mask. Signals that arrive meanwhile are lost.
 class IgnoredSignals {
 public:
     IgnoredSignals() {
@@ -156,7 +157,7 @@ public:
     IgnoredSignals(const IgnoredSignals&) = delete;
     IgnoredSignals& operator=(const IgnoredSignals&) = delete;
 
-    /// The child is there. Does nothing the second time.
+    /// Handles the signals again, when the child has started. Has no effect the second time.
     void restore() {
         if (!restored_) {
             for (std::size_t i = 0; i < kSignals.size(); ++i) {
@@ -172,12 +173,12 @@ private:
     bool restored_ = false;
 };
 
-/// Whom a running download tells of its progress: the library passes nothing along. A download runs
-/// on the thread that has ordered it.
+/// The progress function of the running download: the library passes no user data. A download runs
+/// on the calling thread.
 thread_local const std::function<void(double)>* current_progress = nullptr;
 thread_local int finished_reports = 0;
 
-/// The end is not passed on here: the library reports one also when a download has failed.
+/// Does not pass on 100 %: the library reports it also for a failed download.
 void report_progress(double percent, DfuDevice /*device*/) {
     if (percent >= 100) {
         ++finished_reports;
@@ -188,14 +189,14 @@ void report_progress(double percent, DfuDevice /*device*/) {
 
 }  // namespace
 
-/// Reads what is written on standard error while this lives: dfu-util inherits it from the process.
+/// Captures standard error for a scope: dfu-util inherits it.
 class DfuTool::ErrorCapture {
 public:
     explicit ErrorCapture(DfuTool& tool)
         : tool_(tool),
           before_(fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 3)),
-          words_(memfd_create("jovu-dfu", MFD_CLOEXEC)) {
-        if (!before_.valid() || !words_.valid() || dup2(words_.get(), STDERR_FILENO) == -1) {
+          captured_(memfd_create("jovu-dfu", MFD_CLOEXEC)) {
+        if (!before_.valid() || !captured_.valid() || dup2(captured_.get(), STDERR_FILENO) == -1) {
             throw std::system_error(errno, std::generic_category(), "standard error");
         }
         tool_.saved_stderr_ = before_.get();
@@ -207,23 +208,23 @@ public:
     ErrorCapture(const ErrorCapture&) = delete;
     ErrorCapture& operator=(const ErrorCapture&) = delete;
 
-    std::string words() const {
-        std::string text;
+    std::string messages() const {
+        std::string output;
         char bytes[4096];
         for (;;) {
             const ssize_t count =
-                pread(words_.get(), bytes, sizeof bytes, static_cast<off_t>(text.size()));
+                pread(captured_.get(), bytes, sizeof bytes, static_cast<off_t>(output.size()));
             if (count <= 0) {
-                return joined_lines(text);
+                return joined_lines(output);
             }
-            text.append(bytes, static_cast<std::size_t>(count));
+            output.append(bytes, static_cast<std::size_t>(count));
         }
     }
 
 private:
     DfuTool& tool_;
     FileDescriptor before_;
-    FileDescriptor words_;
+    FileDescriptor captured_;
 };
 
 DfuTool::DfuTool() {
@@ -254,10 +255,9 @@ DfuListing DfuTool::list() {
     std::error_code ignored;
     fs::remove(output, ignored);
     const ErrorCapture errors(*this);
-    dfu_->GetDfuDevices();  // It knows no places on the bus, which are in what the tool has
-                            // printed.
+    dfu_->GetDfuDevices();  // Its result lacks the locations, which are in the output.
     DfuListing listing = parse_dfu_listing(read_file(output));
-    listing.diagnostics = errors.words();
+    listing.diagnostics = errors.messages();
     return listing;
 }
 
@@ -268,7 +268,7 @@ DfuTool::Outcome DfuTool::download(const ListedDevice& device, const FirmwareIma
     write_wrapper(directory_.path / kToolName, only_this_device(device));
     const ErrorCapture errors(*this);
     IgnoredSignals ignored;
-    // Who prints a percentage has started, and all that it was started by.
+    // The first percentage shows that dfu-util and its shells have started: restore the signals.
     const std::function<void(double)> pass_on = [&](double percent) {
         ignored.restore();
         progress(percent);
@@ -278,7 +278,7 @@ DfuTool::Outcome DfuTool::download(const ListedDevice& device, const FirmwareIma
     Outcome outcome;
     try {
         dfu_->UpdateDevice(device.id, name.string(), report_progress);
-        // The library reports 100 once by itself, at the end of every download.
+        // The library adds one report of 100 % at the end of every download.
         outcome.completed = finished_reports > 1;
         if (outcome.completed) {
             progress(100);
@@ -286,29 +286,31 @@ DfuTool::Outcome DfuTool::download(const ListedDevice& device, const FirmwareIma
     } catch (const JovuException& error) {
         outcome.diagnostics = joined_lines(error.what());
     }
-    for (const std::string& words : {last_output(directory_.path / kOutputName), errors.words()}) {
-        outcome.diagnostics += (outcome.diagnostics.empty() || words.empty() ? "" : "; ") + words;
+    for (const std::string& messages :
+         {last_output(directory_.path / kOutputName), errors.messages()}) {
+        outcome.diagnostics +=
+            (outcome.diagnostics.empty() || messages.empty() ? "" : "; ") + messages;
     }
     return outcome;
 }
 
 void DfuTool::print_line(const std::string& line) const {
-    const std::string text = printable(line) + "\n";
-    (void)!write(saved_stderr_ == -1 ? STDERR_FILENO : saved_stderr_, text.data(), text.size());
+    const std::string shown = printable(line) + "\n";
+    (void)!write(saved_stderr_ == -1 ? STDERR_FILENO : saved_stderr_, shown.data(), shown.size());
 }
 
-std::optional<std::string> refused_node(const std::string& words) {
+std::optional<std::string> refused_node(const std::string& diagnostics) {
     static const std::regex pattern(
         R"(Cannot open DFU device ([0-9a-f]{4}):([0-9a-f]{4}) found on devnum ([0-9]+) )"
         R"(\(LIBUSB_ERROR_ACCESS\))");
     std::smatch found;
-    if (!std::regex_search(words, found, pattern)) {
+    if (!std::regex_search(diagnostics, found, pattern)) {
         return std::nullopt;
     }
     const auto read = [](const fs::path& file) {
-        std::string text;
-        std::ifstream(file) >> text;
-        return text;
+        std::string value;
+        std::ifstream(file) >> value;
+        return value;
     };
     std::error_code error;
     std::string bus = "*";

@@ -1,5 +1,5 @@
 /// @file
-/// The library's firmware update, with the dfu-util that is installed.
+/// Runs the library's firmware update with the installed dfu-util.
 #pragma once
 
 #include <filesystem>
@@ -14,42 +14,43 @@
 
 namespace jovu_cli {
 
-/// The library runs the dfu-util in its working directory and has its own ideas about paths with
-/// blanks. This gives it a directory with plain names that lead to the tool and to the image, for
-/// as long as this object lives.
+/// The library runs dfu-util in its working directory and splits paths at blanks. This class
+/// creates a temporary directory with plain names for the tool and the image and removes it at its
+/// end.
 class DfuTool {
 public:
-    /// Looks for dfu-util on PATH. Changes the working directory for a moment: not while another
-    /// thread uses relative paths.
-    /// @throws Failure failure when it is not installed, or when there is no temporary directory.
+    /// Finds dfu-util on PATH. Changes the working directory for a moment: no other thread may use
+    /// relative paths meanwhile.
+    /// @throws Failure failure when it is not installed, or when the temporary
+    ///     directory cannot be created.
     DfuTool();
     ~DfuTool();
     DfuTool(const DfuTool&) = delete;
     DfuTool& operator=(const DfuTool&) = delete;
 
-    /// Runs dfu-util for its listing.
+    /// Lists the devices in DFU mode.
     /// @throws JovuException when dfu-util cannot be started.
     DfuListing list();
 
-    /// How a download went, as far as dfu-util tells.
+    /// The result of a download, as dfu-util reports it.
     struct Outcome {
-        bool completed = false;   ///< It told of the last byte.
-        std::string diagnostics;  ///< What it complained of.
+        bool completed = false;   ///< It reported the last byte.
+        std::string diagnostics;  ///< Its error messages.
     };
-    /// Writes an image to a device, and to no other one with its serial number; returns when
+    /// Writes an image to a device, not to another one with the same serial number. Returns when
     /// dfu-util has ended.
     /// @param progress called with per cent; must not throw.
     /// @throws JovuException when dfu-util cannot be started.
     Outcome download(const ListedDevice& device, const FirmwareImage& image,
                      const std::function<void(double)>& progress);
 
-    /// Prints a line on the real standard error, also while dfu-util's is being read.
+    /// Prints a line on the program's standard error, also while dfu-util's is captured.
     void print_line(const std::string& line) const;
 
 private:
     class ErrorCapture;
 
-    /// Removed with all that is in it, also when the constructor fails.
+    /// A directory that is removed with its content, also when the constructor fails.
     struct Directory {
         Directory() = default;
         ~Directory();
@@ -59,11 +60,11 @@ private:
     };
     Directory directory_;
     std::optional<JovuDfu> dfu_;
-    int saved_stderr_ = -1;  ///< While dfu-util's is being read; owned by the capture.
+    int saved_stderr_ = -1;  ///< While dfu-util's is captured; owned by the capture.
 };
 
-/// The device node that a complaint of dfu-util is about, when it says that access was refused.
-/// @return nothing when it says no such thing.
-std::optional<std::string> refused_node(const std::string& words);
+/// @return the device node that dfu-util had no permission to open; nothing when the diagnostics
+///     report no such error.
+std::optional<std::string> refused_node(const std::string& diagnostics);
 
 }  // namespace jovu_cli

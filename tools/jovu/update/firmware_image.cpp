@@ -22,8 +22,8 @@ constexpr std::size_t kSuffixSize = 16;
 constexpr std::size_t kCrcSize = 4;
 constexpr std::string_view kSignature = "UFD";
 
-/// Bytes at the start of a file that decide whether it is text. Machine code has control characters
-/// in its first words; erased memory in front of it is not UTF-8.
+/// Bytes at the start of a file that decide whether it is plain text. Machine code begins with
+/// control characters; erased memory before it is not UTF-8.
 constexpr std::size_t kSampleSize = 4096;
 constexpr int kMaxCharacterSize = 4;  // Bytes.
 
@@ -35,7 +35,7 @@ std::uint32_t number_at(const std::string& bytes, std::size_t at, std::size_t si
     return value;
 }
 
-/// CRC-32 without the final inversion, as the suffix has it.
+/// CRC-32 without the final inversion, as in the suffix.
 std::uint32_t crc_of(std::string_view bytes) {
     std::uint32_t crc = 0xFFFFFFFF;
     for (const char byte : bytes) {
@@ -45,11 +45,6 @@ std::uint32_t crc_of(std::string_view bytes) {
         }
     }
     return crc;
-}
-
-/// Whether a byte is one of a character in UTF-8, but not its first.
-bool is_continuation(char c) {
-    return (static_cast<unsigned char>(c) & 0xC0U) == 0x80;
 }
 
 bool is_text(std::string_view bytes) {
@@ -99,12 +94,12 @@ std::string FirmwareImage::find_fault() {
         suffix_ = Suffix{id_at(12), id_at(14), id_at(16)};
         content_.resize(size - length);
         if (content_.empty()) {
-            return "it is empty but for its DFU suffix";
+            return "it contains only a DFU suffix";
         }
     }
     std::size_t sample = std::min(kSampleSize, content_.size());
     for (int i = 1; i < kMaxCharacterSize && is_continuation(content_[sample]); ++i) {
-        --sample;  // Not into a character. Behind the last byte there is a NUL.
+        --sample;  // Do not split a character. A NUL follows the last byte.
     }
     if (is_text(std::string_view(content_).substr(0, sample))) {
         return "it is plain text";
@@ -116,9 +111,10 @@ std::string FirmwareImage::release() const {
     if (!suffix_ || suffix_->release == kAnyId) {
         return {};
     }
-    char text[16];
-    std::snprintf(text, sizeof text, "%x.%02x", suffix_->release >> 8U, suffix_->release & 0xFFU);
-    return text;
+    char buffer[16];
+    std::snprintf(buffer, sizeof buffer, "%x.%02x", suffix_->release >> 8U,
+                  suffix_->release & 0xFFU);
+    return buffer;
 }
 
 bool FirmwareImage::may_be_version(const std::string& version) const {

@@ -1,5 +1,5 @@
 /// @file
-/// A firmware image and the checks that are possible before it is written to a device.
+/// A firmware image, and its checks before it is written to a device.
 #pragma once
 
 #include <cstdint>
@@ -9,46 +9,44 @@
 
 namespace jovu_cli {
 
-/// The content of an image file. It is read once, so what is checked is what is written.
+/// The content of an image file. It is read once, so the checked bytes are the written ones.
 class FirmwareImage {
 public:
-    /// The end of a file that names the devices it is for, as the DFU standard defines it.
+    /// The end of a file that names its devices, as the DFU standard defines it.
     struct Suffix {
-        std::uint16_t vendor;   ///< any_id for every one
-        std::uint16_t product;  ///< any_id for every one
-        std::uint16_t release;  ///< Binary coded decimal; any_id when it is unknown.
+        std::uint16_t vendor;   ///< kAnyId for any.
+        std::uint16_t product;  ///< kAnyId for any.
+        std::uint16_t release;  ///< Binary coded decimal; kAnyId when it is unknown.
     };
     static constexpr std::uint16_t kAnyId = 0xFFFF;
 
-    /// The largest file that passes for an image, in bytes. No command and no descriptor of a
-    /// controller reports the size of its memory. This is the size of the largest serial flash
-    /// memory with addresses of three bytes.
+    /// The largest file that is accepted as an image, in bytes. A controller does not report the
+    /// size of its memory; this is the largest serial flash memory with three-byte addresses.
     static constexpr std::uint64_t kMaxSize = std::uint64_t{16} << 20U;
 
-    /// Reads a file, but no more of it than the largest image.
+    /// Reads a file of at most kMaxSize.
     /// @throws Failure file_problem when it cannot be read or is empty.
     explicit FirmwareImage(const std::string& path);
 
     const std::string& path() const noexcept { return path_; }
     /// Of the whole file, in bytes.
     std::uint64_t size() const noexcept { return size_; }
-    /// Nothing when there is none, or a damaged one.
+    /// Nothing for a missing or damaged suffix.
     const std::optional<Suffix>& suffix() const noexcept { return suffix_; }
 
-    /// The release that the suffix names, as "2.50"; empty when it names none.
+    /// @return the release in the suffix, as "2.50"; empty for none.
     std::string release() const;
 
-    /// Why the file is no image for any device: it is too large, plain text, or its DFU suffix is
-    /// damaged.
-    /// @return empty when nothing is wrong with it.
+    /// @return why the file is not an image for any device: it is too large, plain text, or its DFU
+    ///     suffix is damaged; empty for none.
     const std::string& fault() const noexcept { return fault_; }
 
-    /// Whether the firmware in it may report that version: it holds the text somewhere. A packed or
-    /// encrypted image holds no text. True for a file that was too large to be read.
+    /// Whether the firmware may report this version: the image contains the string. A packed or
+    /// encrypted image does not. True for a file that is too large to be read.
     bool may_be_version(const std::string& version) const;
 
-    /// Makes the image available under a name, without its suffix: a copy, or a link to a file that
-    /// was too large to be read.
+    /// Creates a copy of the image without its suffix, or a link to a file that is too large to be
+    /// read.
     /// @throws Failure failure.
     void put_at(const std::filesystem::path& name) const;
 
