@@ -154,6 +154,10 @@ TEST_F(Update, TakesUpADeviceThatIsInDfuMode) {
 constexpr const char* kDone = "0 -d 7a1c:00df -a 0 -S S ";
 constexpr const char* kBroken = "74 -d 7a1c:00df -a 0 -S S ";
 
+constexpr const char* kWriteError =
+    "the download failed: S; dfu-util says: DFU state(10) = dfuERROR, status(3) = Device is unable "
+    "to write memory (it is still";
+
 /// One update of a device with the serial number S.
 struct Judged {
     const char* plugged;
@@ -172,7 +176,7 @@ void PrintTo(const Judged& row, std::ostream* out) {
 
 const Judged kJudged[] = {
     {"", {"leave-at-reset"}, "", "2", {}, 0, "runs version 2, before it was 1.0.0", kBroken},
-    {"", {"write-error 5"}, "", "2", {}, 5, "the download failed: S; dfu-util says: ", kBroken},
+    {"", {"write-error 5"}, "", "2", {}, 5, kWriteError, kBroken},
     {"", {"keep-firmware"}, "", "2", {}, 5, "runs version 1.0.0 as before, which is not", kDone},
     {"", {"keep-firmware"}, "", "2", {"--force"}, 0, "written: 1:", kDone},
     {"", {"keep-firmware"}, "", "1.0.0", {}, 0, "written: 1:", kDone},

@@ -76,9 +76,14 @@ int wait_for_end(pid_t pid, std::chrono::milliseconds limit) {
 
 }  // namespace
 
+std::string environment(const char* name) {
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): no thread of the program changes the environment.
+    const char* const value = std::getenv(name);
+    return value == nullptr ? "" : value;
+}
+
 std::optional<std::string> find_program(const std::string& name) {
-    const char* const path = std::getenv("PATH");
-    std::istringstream directories(path == nullptr ? "" : path);
+    std::istringstream directories(environment("PATH"));
     for (std::string directory; std::getline(directories, directory, ':');) {
         const std::string program = (directory.empty() ? "." : directory) + "/" + name;
         if (access(program.c_str(), X_OK) == 0) {

@@ -1,5 +1,5 @@
 /// @file
-/// Runs other programs, without a shell.
+/// Runs other programs, without a shell, and reads the environment.
 #pragma once
 
 #include <sys/types.h>
@@ -10,6 +10,9 @@
 #include <vector>
 
 namespace jovu_cli {
+
+/// @return the value of an environment variable; empty when it is not set.
+std::string environment(const char* name);
 
 /// Finds a program as a shell does.
 /// @return its path; nothing when no directory of PATH holds it.

@@ -11,7 +11,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <clocale>
-#include <cstdlib>
 #include <cstring>
 #include <cwchar>
 #include <filesystem>
@@ -19,6 +18,7 @@
 #include <utility>
 #include <vector>
 
+#include "posix/child_process.h"
 #include "terminal/printable.h"
 
 namespace jovu_cli {
@@ -31,9 +31,10 @@ constexpr wchar_t kReplacement = 0xFFFD;
 
 /// Reads and counts characters as UTF-8 in every locale.
 void use_utf8() {
-    std::setlocale(LC_CTYPE, "");
+    // No other thread of the program uses the locale.
+    std::setlocale(LC_CTYPE, "");  // NOLINT(concurrency-mt-unsafe)
     if (std::strcmp(nl_langinfo(CODESET), "UTF-8") != 0) {
-        std::setlocale(LC_CTYPE, "C.UTF-8");
+        std::setlocale(LC_CTYPE, "C.UTF-8");  // NOLINT(concurrency-mt-unsafe)
     }
 }
 
@@ -309,12 +310,12 @@ void LineEditor::remember(const std::string& line) {
 
 std::string history_path() {
     namespace fs = std::filesystem;
-    const char* const state = std::getenv("XDG_STATE_HOME");
-    const char* const home = std::getenv("HOME");
+    const std::string state = environment("XDG_STATE_HOME");
+    const std::string home = environment("HOME");
     fs::path directory;
-    if (state != nullptr && *state == '/') {
+    if (!state.empty() && state.front() == '/') {
         directory = state;
-    } else if (home != nullptr && *home == '/') {
+    } else if (!home.empty() && home.front() == '/') {
         directory = fs::path(home) / ".local" / "state";
     } else {
         return {};

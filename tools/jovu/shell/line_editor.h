@@ -60,6 +60,7 @@ public:
 private:
     struct Library;  ///< The library's callbacks.
     struct CloseFile {
+        // NOLINTNEXTLINE(cppcoreguidelines-owning-memory): this is the owner.
         void operator()(std::FILE* file) const noexcept { std::fclose(file); }
     };
     struct EndEditor {

@@ -8,10 +8,10 @@
 #include <algorithm>
 #include <cerrno>
 #include <climits>
-#include <cstdlib>
 #include <nlohmann/json.hpp>
 #include <system_error>
 
+#include "posix/child_process.h"
 #include "terminal/printable.h"
 
 namespace jovu_cli {
@@ -31,8 +31,7 @@ void fill_standard_descriptors() {
 }
 
 bool can_move_cursor(int fd) {
-    const char* const given = std::getenv("TERM");
-    const std::string_view term = given == nullptr ? "" : given;
+    const std::string term = environment("TERM");
     return isatty(fd) != 0 && !term.empty() && term != "dumb";
 }
 

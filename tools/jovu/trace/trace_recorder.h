@@ -41,6 +41,7 @@ public:
 
 private:
     struct Close {
+        // NOLINTNEXTLINE(cppcoreguidelines-owning-memory): this is the owner.
         void operator()(std::FILE* file) const noexcept { std::fclose(file); }
     };
 

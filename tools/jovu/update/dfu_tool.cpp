@@ -58,8 +58,7 @@ std::string only_this_device(const ListedDevice& device) {
 
 /// Creates a directory whose path needs no quotes in a shell.
 fs::path make_directory() {
-    const char* const named = std::getenv("TMPDIR");
-    std::string base = named != nullptr ? named : "";
+    const std::string base = environment("TMPDIR");
     const bool plain = !base.empty() && base.front() == '/' &&
                        base.find_first_not_of(
                            "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ"
