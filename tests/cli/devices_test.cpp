@@ -1,5 +1,5 @@
 /// @file
-/// Which devices the program finds, and what it shows of them.
+/// Devices: found, listed, and their state, events and gcode.
 
 #include <fcntl.h>
 #include <linux/usbdevice_fs.h>
@@ -61,7 +61,7 @@ TEST(Status, StartsTheConnectionAgainOnce) {
     const std::string refusal = "fault " + name(plug()) + " claim EBUSY 1 1";
     for (const int times : {1, 2}) {
         for (int i = 0; i < times; ++i)
-            sim(refusal);  // It answers its probe, and can then not be opened.
+            sim(refusal);  // The probe succeeds, the opening fails.
         const Ended ended = jovu({"status"});
         EXPECT_EQ(ended.status, times == 1 ? 0 : 3) << ended.err;
         EXPECT_THAT(ended.err, HasSubstr(times == 1 ? ": starting it again\n" : "ended again"));
@@ -168,7 +168,7 @@ TEST(Events, EndWhenTheLinkDoes) {
     Program program({"events"});
     ASSERT_TRUE(listens(program, device));
     EXPECT_TRUE(eventually([&] {
-        // It answers its probe, unless that was over already, and can then not be opened.
+        // The opening fails, unless the device was open already.
         sim("fault " + name(plug()) + " claim EBUSY 1 1");
         return program.complains("Fatal error in hotplug thread", std::chrono::seconds(3));
     }));

@@ -1,5 +1,5 @@
 /// @file
-/// How the program ends: the exit code, and the line that says why.
+/// The end of the program: the exit code and the line of the error.
 #include <csignal>
 #include <filesystem>
 
@@ -12,7 +12,7 @@ using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::Not;
 
-/// A failure is told in one line on standard error and leaves standard output empty.
+/// A failure prints one line on standard error and nothing on standard output.
 void expect_error(const Ended& ended, int status, const std::string& what) {
     EXPECT_EQ(ended.status, status) << ended.err;
     EXPECT_THAT(ended.out, IsEmpty());
@@ -119,8 +119,7 @@ TEST(Ends, WhenTheOutputCannotBeWritten) {
     }
 }
 
-/// Interrupts a program when it is at work and expects it to be gone long before the 15 seconds of
-/// an exchange are over.
+/// Interrupts a program and expects its end long before the 15 seconds of an exchange.
 void expect_interrupted(Program& program, const std::string& what) {
     const auto start = std::chrono::steady_clock::now();
     program.signal(SIGINT);

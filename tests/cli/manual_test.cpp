@@ -1,7 +1,6 @@
 /// @file
-/// The manual shows the help texts as the program prints them.
-///
-/// With JOVU_UPDATE_MANUAL=1 in the environment, the test writes them into the manual instead.
+/// The manual contains the help texts of the program. With JOVU_UPDATE_MANUAL=1 in the environment,
+/// the test writes them into the manual.
 #include <gtest/gtest.h>
 
 #include <cstdlib>
@@ -21,7 +20,7 @@ std::string help(const std::string& command) {
     return request.message;
 }
 
-/// Puts a help text into its place in the manual, a fenced block behind a marker.
+/// Inserts a help text into the manual: a fenced block after a marker.
 void insert_help(std::string& manual, const std::string& command) {
     const std::string words = command.empty() ? "jovu --help" : "jovu " + command + " --help";
     const std::string marker = "<!-- " + words + " -->\n```text\n";

@@ -1,5 +1,5 @@
 /// @file
-/// Small parts of the program: times, rates, advice, and the queue of what the library reports.
+/// Units of the program: formats, hints, the queue of notifications, images, traces and listings.
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -52,7 +52,7 @@ TEST(Advice, IsGivenForEachReason) {
         EXPECT_THAT(obstacle_at(node).reason + " (" + obstacle_at(node).hint, HasSubstr(told));
 }
 
-/// A device can send without end, and a command may not take what it sends.
+/// A device can send faster than a command reads.
 TEST(NotificationQueue, HoldsSoMuchAndCountsTheRest) {
     StopSource stop(-1);
     StatusReport report;
@@ -69,10 +69,10 @@ TEST(NotificationQueue, HoldsSoMuchAndCountsTheRest) {
         bool told = false;
         for (; const std::optional<Notification> next = queue.poll(); ++waiting)
             told = std::holds_alternative<Disconnected>(next->what);
-        EXPECT_LE(waiting, std::min(kept + 1, 20000U)) << "the oldest makes room";
-        EXPECT_TRUE(told) << "a command learns that its device is gone";
+        EXPECT_LE(waiting, std::min(kept + 1, 20000U)) << "the oldest is replaced";
+        EXPECT_TRUE(told) << "a command receives the disconnect";
         queue.post({{1, 2}, {}, Connected{}});
-        EXPECT_TRUE(queue.connected().empty()) << "it has gone more often than come";
+        EXPECT_TRUE(queue.connected().empty()) << "more disconnects than connects";
         queue.post({{1, 2}, {}, Connected{}});
         EXPECT_EQ(queue.connected().size(), 1U);
     }
@@ -89,7 +89,7 @@ TEST(ProgressBar, ShowsTheRateOfTheLastSecondsAndTheTimeLeft) {
     meter.add(start + 13s, 6500);
     EXPECT_EQ(meter.rate(), 500) << "three seconds are not too old";
     meter.add(start + 14s, 9000);
-    EXPECT_EQ(meter.rate(), 2000) << "what is older than three seconds does not count";
+    EXPECT_EQ(meter.rate(), 2000) << "older values do not count";
 
     EXPECT_EQ(transfer_string(2000, 9000, 259000), "9.0 kB, 2.0 kB/s, 2:05 left");
     EXPECT_EQ(transfer_string(0, 9, 10), "9 B, 0 B/s");
@@ -227,7 +227,7 @@ TEST(TraceStatistics, FindTheLargestErrorOfEitherSign) {
     EXPECT_EQ(statistics.position().highest, 2147483647);
 }
 
-/// The listings of hostile devices among them.
+/// Includes listings of hostile devices.
 TEST(DfuListing, KeepsDevicesApart) {
     const std::string found = "Found DFU: [7a1c:00df] ver=0100, devnum=9, ";
     const std::string one = found + "cfg=1, intf=0, path=\"1-2\", ";

@@ -1,5 +1,5 @@
 /// @file
-/// The shell: at a pseudo-terminal, and with a script.
+/// The shell, at a pseudo-terminal and with a script.
 #include <csignal>
 #include <filesystem>
 
@@ -34,8 +34,8 @@ protected:
     static std::string who(JovuDeviceAddress device) {
         return name(device) + ", serial " + stats(device)["serial"].get<std::string>();
     }
-    /// Types something and waits for what comes of it, in what is written from then on.
-    /// @param behind what has to come behind that, at any distance.
+    /// Types something and waits for output after it.
+    /// @param behind output that must follow that, at any distance.
     testing::AssertionResult answers(const std::string& typed, const std::string& expected,
                                      const std::string& behind = "") {
         const std::size_t before = shell_->out().size();

@@ -18,7 +18,7 @@ using nlohmann::json;
 using testing::HasSubstr;
 using testing::StartsWith;
 
-/// A sample as the firmware sends it.
+/// @return a sample as the firmware sends it.
 std::string sample(int servo, unsigned count, int commanded, int position) {
     const json args = {{"msg",
                         {{"servo_name", servo},
@@ -33,14 +33,14 @@ std::string sample(int servo, unsigned count, int commanded, int position) {
         .dump();
 }
 
-/// Device, files that a trace writes, and what is known of the device's servos.
+/// A device and the files of a trace.
 class Trace : public testing::Test {
 protected:
-    /// Whether the device has been told, lastly, to trace no more.
+    /// Whether the last request switched the tracing off.
     bool switched_off() const {
         return requests(device_, "servo_dc_trace_enable") == 2 && !traced(0);
     }
-    /// What begins with the names of the files, in order.
+    /// @return the files with the names of this test, sorted.
     static std::vector<std::string> files() {
         std::set<std::string> paths;
         for (const auto& entry : fs::directory_iterator(testing::TempDir())) {
@@ -91,7 +91,7 @@ TEST_F(Trace, IsWrittenAndDrawnAndSummedUp) {
 
 TEST_F(Trace, TellsWhatIsMissing) {
     Program program({"trace", "3", "--csv", csv_.path(), "--json"});
-    // Without a move of its own the device is to send only what is told here.
+    // Without a move the device sends only the samples below.
     ASSERT_TRUE(eventually([&] { return traced(3); }));
     sim("frame " + name(device_) + " " + sample(7, 50, 0, 0));
     for (const unsigned count : {4294900000U, 4294900001U, 4294900005U, 4294900005U}) {

@@ -1,5 +1,5 @@
 /// @file
-/// Firmware updates, by the dfu-util that is installed, and by one that only says things.
+/// Firmware updates, with the installed dfu-util and with a fake one.
 #include <sys/stat.h>
 
 #include <csignal>
@@ -14,7 +14,7 @@ using nlohmann::json;
 using testing::HasSubstr;
 using testing::IsEmpty;
 
-/// What a shell command makes of the file $f.
+/// @return the file $f after a shell command.
 std::string after(const std::string& command, const std::string& content = "") {
     const TemporaryFile file("made", content);
     const std::string line = "f='" + file.path() + "'; { " + command + "; } > /dev/null 2>&1";
@@ -22,20 +22,20 @@ std::string after(const std::string& command, const std::string& content = "") {
     return content_of(file.path());
 }
 
-/// An image that the simulated controller takes.
+/// @return an image that the simulated controller accepts.
 std::string sound_image(const std::string& version, const std::string& size = "32768") {
     return after(JOVU_SIM_PROGRAM " firmware " + version + " --size " + size + " > $f");
 }
 
-/// With a DFU suffix for a device.
+/// @return the content with a DFU suffix for a device.
 std::string with_suffix(const std::string& content, const std::string& ids) {
     return after("dfu-suffix " + ids + " -a $f", content);
 }
 
-/// Puts a program called dfu-util in front of the installed one.
+/// Puts a program called dfu-util before the installed one on PATH.
 class FakeTool {
 public:
-    /// @param script none: it runs the installed one, and keeps the command lines and their ends.
+    /// @param script when empty: runs the installed one, and logs command lines and exit codes.
     explicit FakeTool(std::string script = "")
         : directory_(testing::TempDir() + std::to_string(getpid()) + " tools"),
           path_(std::getenv("PATH")) {
@@ -216,7 +216,7 @@ TEST_P(JudgedUpdate, IsThatOfTheDeviceThatWasChosen) {
 
 INSTANTIATE_TEST_SUITE_P(Each, JudgedUpdate, testing::ValuesIn(kJudged));
 
-/// A device that was in DFU mode before only takes another number, and the serial number S.
+/// A device that was in DFU mode before reconnects with another number and the serial number S.
 TEST_F(Update, TakesNoDeviceThatWasListedBefore) {
     sim("unplug " + name(device_));
     const std::string run = "PATH='" + std::string(std::getenv("PATH")) + "' dfu-util ";

@@ -1,5 +1,5 @@
 /// @file
-/// Lines of the shell: their words, how they can go on, and how they are shown.
+/// Lines of the shell: split into words, completed, and printed.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
