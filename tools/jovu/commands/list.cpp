@@ -33,11 +33,13 @@ Entry read_entry(Session& session, JovuDeviceAddress address) {
 /// Reads all identities in parallel: a device that does not respond takes its whole time limit.
 std::vector<Entry> read_entries(Session& session, const std::vector<JovuDeviceAddress>& devices) {
     std::vector<std::future<Entry>> pending;
+    pending.reserve(devices.size());
     for (const JovuDeviceAddress address : devices) {
         pending.push_back(std::async(std::launch::async,
                                      [&session, address] { return read_entry(session, address); }));
     }
     std::vector<Entry> entries;
+    entries.reserve(pending.size());
     for (std::future<Entry>& entry : pending) {
         entries.push_back(entry.get());
     }

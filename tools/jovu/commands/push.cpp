@@ -208,7 +208,7 @@ StatusReport wait_accepted(Session& session, JovuDeviceAddress address,
                            const StatusReport& before) {
     const auto deadline = NotificationQueue::Clock::now() + kAcceptLimit;
     for (;;) {
-        const StatusReport now = session.request_status(address);
+        StatusReport now = session.request_status(address);
         const JobPhase phase = job_phase(now);
         const bool new_job = shows_new_job(before, now);
         const bool late = NotificationQueue::Clock::now() >= deadline;
