@@ -33,6 +33,7 @@ constexpr wchar_t kReplacement = 0xFFFD;
 void use_utf8() {
     // No other thread of the program uses the locale.
     std::setlocale(LC_CTYPE, "");  // NOLINT(concurrency-mt-unsafe)
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): as above.
     if (std::strcmp(nl_langinfo(CODESET), "UTF-8") != 0) {
         std::setlocale(LC_CTYPE, "C.UTF-8");  // NOLINT(concurrency-mt-unsafe)
     }
@@ -53,6 +54,7 @@ std::size_t width_of(const char* bytes, std::size_t length) {
     std::mbstate_t state{};
     for (;;) {
         wchar_t character = 0;
+        // NOLINTNEXTLINE(concurrency-mt-unsafe): the state is local.
         const std::size_t size = std::mbrtowc(&character, bytes, length, &state);
         if (size == 0 || size > length) {  // Also at the end.
             return width;
@@ -246,6 +248,7 @@ std::optional<wchar_t> LineEditor::take_character() {
     }
     wchar_t character = 0;
     std::mbstate_t state{};
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): the state is local.
     const std::size_t size = std::mbrtowc(&character, partial_.data(), partial_.size(), &state);
     if (size == static_cast<std::size_t>(-2)) {
         return std::nullopt;

@@ -81,6 +81,7 @@ TracePlot::TracePlot() {
                       "Debian's package is gnuplot-nox");
     }
     gnuplot_ = *gnuplot;
+    // NOLINTNEXTLINE(cppcoreguidelines-owning-memory): data_ is the owner.
     data_.reset(std::tmpfile());
     if (!data_) {
         throw_data_problem();
