@@ -1,5 +1,5 @@
 /// @file
-/// What the tests of the program share.
+/// Helpers of the tests of the program.
 #pragma once
 
 #include <gmock/gmock.h>
@@ -17,7 +17,7 @@
 
 namespace test {
 
-/// The JSON values of an output that has one on each line.
+/// @return the JSON values of an output with one on each line.
 /// @throws nlohmann::json::parse_error when a line is not valid JSON.
 inline std::vector<nlohmann::json> json_lines(const std::string& text) {
     std::vector<nlohmann::json> values;
@@ -28,7 +28,7 @@ inline std::vector<nlohmann::json> json_lines(const std::string& text) {
     return values;
 }
 
-/// Has a device send debug texts until a program that prints events is seen to listen.
+/// Lets a device send debug messages until a program prints one.
 inline bool listens(Program& program, JovuDeviceAddress device) {
     return eventually([&] {
         sim("event " + name(device) + " listening?");
@@ -36,12 +36,12 @@ inline bool listens(Program& program, JovuDeviceAddress device) {
     });
 }
 
-/// How many status requests have reached a device.
+/// @return the number of status requests that a device received.
 inline int status_requests(JovuDeviceAddress device) {
     return stats(device)["job"]["requests"].value("status", 0);
 }
 
-/// Has a device send this status report.
+/// Lets a device send this status report.
 inline void send_report(JovuDeviceAddress device, nlohmann::json report) {
     report["metadata"] = {{"type", "status"}};
     std::ostringstream hex;
@@ -52,8 +52,8 @@ inline void send_report(JovuDeviceAddress device, nlohmann::json report) {
     sim("send " + name(device) + " job " + hex.str());
 }
 
-/// Answers a program's next status request with this report, in place of the device's own.
-inline void answer_next_request(JovuDeviceAddress device, const nlohmann::json& report) {
+/// Responds to a program's next status request with this report instead of the device's own.
+inline void respond_to_next_request(JovuDeviceAddress device, const nlohmann::json& report) {
     sim("fault " + name(device) + " silent always");
     const int before = status_requests(device);
     ASSERT_TRUE(eventually([&] { return status_requests(device) > before; }));

@@ -1,5 +1,5 @@
 /// @file
-/// How the program ends: the exit code, and the line that says why.
+/// The end of the program: the exit code and the line of the error.
 #include <csignal>
 #include <filesystem>
 
@@ -12,7 +12,7 @@ using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::Not;
 
-/// A failure is told in one line on standard error and leaves standard output empty.
+/// A failure prints one line on standard error and nothing on standard output.
 void expect_error(const Ended& ended, int status, const std::string& what) {
     EXPECT_EQ(ended.status, status) << ended.err;
     EXPECT_THAT(ended.out, IsEmpty());
@@ -64,7 +64,7 @@ TEST(Ends, WithoutADevice) {
     expect_error(jovu({"--json", "info"}), 3, "no device");
     expect_error(jovu({"--wait-device", "0.2", "status"}), 3, "no device");
     plug("1:3 product=0003");
-    expect_error(jovu({"status"}), 3, "of another kind ('jovu list' shows it)");
+    expect_error(jovu({"status"}), 3, "of another kind ('jovu list' shows them)");
     plug("1:4 product=00df");
     expect_error(jovu({"status"}), 3, "1:4 is in DFU mode ('jovu update IMAGE' writes");
     plug("1:2");
@@ -74,14 +74,10 @@ TEST(Ends, WithoutADevice) {
     sim("fault 1:2 open");
     expect_error(jovu({"status"}), 3, "cannot open 1:2: /dev/bus/usb/001/002: Is a directory");
     expect_error(jovu({"status", "-d", "9:9"}), 3, "no such device: 9:9 (--wait-device SECONDS");
-}
-
-TEST(Ends, WhenThereAreSeveralDevicesAndNoneIsChosen) {
-    plug("1:4");
-    plug("1:3");
-    expect_error(jovu({"status"}), 4, "1:3, 1:4");
-    expect_error(jovu({"gcode", "G28", "--json"}), 4, "-d BUS:ADDR");
-    EXPECT_EQ(jovu({"-d", "001:004", "status"}).status, 0);
+    plug("1:7");
+    plug("1:6");
+    expect_error(jovu({"gcode", "G28", "--json"}), 4, "1:6, 1:7 (choose one with -d BUS:ADDR)");
+    EXPECT_EQ(jovu({"-d", "001:007", "status"}).status, 0);
 }
 
 TEST(Ends, WhenTheDeviceGoesAwayInAnExchange) {
@@ -123,8 +119,7 @@ TEST(Ends, WhenTheOutputCannotBeWritten) {
     }
 }
 
-/// Interrupts a program when it is at work and expects it to be gone long before the 15 seconds of
-/// an exchange are over.
+/// Interrupts a program and expects its end long before the 15 seconds of an exchange.
 void expect_interrupted(Program& program, const std::string& what) {
     const auto start = std::chrono::steady_clock::now();
     program.signal(SIGINT);

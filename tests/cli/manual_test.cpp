@@ -1,14 +1,13 @@
 /// @file
-/// The manual shows the help texts as the program prints them.
-///
-/// With JOVU_UPDATE_MANUAL=1 in the environment, the test writes them into the manual instead.
+/// The manual contains the help texts of the program. With JOVU_UPDATE_MANUAL=1 in the environment,
+/// the test writes them into the manual.
 #include <gtest/gtest.h>
 
 #include <cstdlib>
 #include <fstream>
 #include <string>
 
-#include "command_line.h"
+#include "commands/command_line.h"
 #include "support/job_file.h"
 
 namespace {
@@ -18,10 +17,10 @@ std::string help(const std::string& command) {
     const char* const whole[] = {"jovu", "--help"};
     const auto request = command.empty() ? jovu_cli::parse_command_line(2, whole)
                                          : jovu_cli::parse_command_line(3, argv);
-    return request.text;
+    return request.message;
 }
 
-/// Puts a help text into its place in the manual, a fenced block behind a marker.
+/// Inserts a help text into the manual: a fenced block after a marker.
 void insert_help(std::string& manual, const std::string& command) {
     const std::string words = command.empty() ? "jovu --help" : "jovu " + command + " --help";
     const std::string marker = "<!-- " + words + " -->\n```text\n";

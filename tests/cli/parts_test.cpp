@@ -1,5 +1,5 @@
 /// @file
-/// Small parts of the program: times, rates, advice, and the queue of what the library reports.
+/// Units of the program: formats, hints, the queue of notifications, images, traces and listings.
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -9,15 +9,15 @@
 #include <ctime>
 #include <nlohmann/json.hpp>
 
-#include "dfu_listing.h"
-#include "firmware_image.h"
-#include "push_reporter.h"
-#include "report_text.h"
-#include "session.h"
+#include "firmware/value_strings.h"
+#include "progress/progress_reporters.h"
+#include "session/reports.h"
+#include "session/session.h"
 #include "support/job_file.h"
-#include "timestamp.h"
-#include "trace_statistics.h"
-#include "value_text.h"
+#include "terminal/format.h"
+#include "trace/trace_statistics.h"
+#include "update/dfu_listing.h"
+#include "update/firmware_image.h"
 
 namespace jovu_cli {
 namespace {
@@ -29,13 +29,13 @@ TEST(Times, AreLocalForPeopleAndUtcForPrograms) {
     setenv("TZ", "XXX-5:30", 1);
     tzset();
     const std::chrono::system_clock::time_point time(std::chrono::milliseconds(951826154007));
-    EXPECT_EQ(clock_text(time), "17:39:14.007");
-    EXPECT_EQ(utc_text(time), "2000-02-29T12:09:14.007Z");
+    EXPECT_EQ(clock_string(time), "17:39:14.007");
+    EXPECT_EQ(utc_string(time), "2000-02-29T12:09:14.007Z");
 }
 
 TEST(Advice, IsGivenForEachReason) {
     const std::pair<const char*, const char*> exchanges[] = {
-        {"timed out.", "does not answer"},  {"No response received.", "has reset"},
+        {"timed out.", "does not respond"}, {"No response received.", "has reset"},
         {"no longer connected.", "was un"}, {"has been disconnected.", "unplugged"},
         {"libusb error: -1", "check the"},  {"libusb error: -4", "it was unplugged"},
         {"libusb error: -7", "takes no"},   {"libusb error: -9", "has stalled"}};
@@ -43,38 +43,38 @@ TEST(Advice, IsGivenForEachReason) {
         EXPECT_THAT(exchange_hint(reason), HasSubstr(hint)) << reason;
     const std::pair<NodeState, const char*> nodes[] = {
         {{"N", EACCES, "", false, false, {}}, "no permission on N (install the udev rule pack"},
-        {{"N", ENODEV, "", false, false, {}}, "N is not there (it has just been unplugged"},
+        {{"N", ENODEV, "", false, false, {}}, "N is not there (it was unplugged"},
         {{"N", 0, "cdc_acm", false, false, {"a"}}, "driver cdc_acm uses N (unbind"},
-        {{"N", 0, "", true, false, {}}, "N is free now, but was not (try again"},
+        {{"N", 0, "", true, false, {}}, "N was in use and is free now (try again"},
         {{"N", 0, "usbfs", false, false, {}}, "N is in use by another program (end that"},
-        {{"N", 0, "usbfs", false, false, {"a", "b"}}, "N is in use by a, b (a device is held by"}};
+        {{"N", 0, "usbfs", false, false, {"a", "b"}}, "N is in use by a, b (only one program"}};
     for (const auto& [node, told] : nodes)
         EXPECT_THAT(obstacle_at(node).reason + " (" + obstacle_at(node).hint, HasSubstr(told));
 }
 
-/// A device can send without end, and a command may not take what it sends.
-TEST(Inbox, HoldsSoMuchAndCountsTheRest) {
+/// A device can send faster than a command reads.
+TEST(NotificationQueue, HoldsSoMuchAndCountsTheRest) {
     StopSource stop(-1);
     StatusReport report;
     report.printer.model_name = report.file = std::string(1U << 20U, 'x');
-    const std::tuple<decltype(Notice::what), unsigned, unsigned> rows[] = {
-        {servo_trace_msg{}, 20005, 20000}, {DebugText(report.file), 20, 16}, {report, 10, 8}};
+    const std::tuple<decltype(Notification::what), unsigned, unsigned> rows[] = {
+        {servo_trace_msg{}, 20005, 20000}, {DebugMessage(report.file), 20, 16}, {report, 10, 8}};
     for (const auto& [what, posted, kept] : rows) {
-        Inbox inbox(stop, {true, true});
+        NotificationQueue queue(stop, {true, true});
         for (unsigned i = 0; i < posted; ++i)
-            inbox.post({{1, 2}, {}, what});
-        EXPECT_EQ(inbox.take_lost(), posted - kept);
-        inbox.post({{1, 2}, {}, Disconnected{}});
+            queue.post({{1, 2}, {}, what});
+        EXPECT_EQ(queue.take_lost(), posted - kept);
+        queue.post({{1, 2}, {}, Disconnected{}});
         unsigned waiting = 0;
         bool told = false;
-        for (; const std::optional<Notice> next = inbox.poll(); ++waiting)
+        for (; const std::optional<Notification> next = queue.poll(); ++waiting)
             told = std::holds_alternative<Disconnected>(next->what);
-        EXPECT_LE(waiting, std::min(kept + 1, 20000U)) << "the oldest makes room";
-        EXPECT_TRUE(told) << "a command learns that its device is gone";
-        inbox.post({{1, 2}, {}, Connected{}});
-        EXPECT_TRUE(inbox.announced().empty()) << "it has gone more often than come";
-        inbox.post({{1, 2}, {}, Connected{}});
-        EXPECT_EQ(inbox.announced().size(), 1U);
+        EXPECT_LE(waiting, std::min(kept + 1, 20000U)) << "the oldest is replaced";
+        EXPECT_TRUE(told) << "a command receives the disconnect";
+        queue.post({{1, 2}, {}, Connected{}});
+        EXPECT_TRUE(queue.connected().empty()) << "more disconnects than connects";
+        queue.post({{1, 2}, {}, Connected{}});
+        EXPECT_EQ(queue.connected().size(), 1U);
     }
 }
 
@@ -89,15 +89,15 @@ TEST(ProgressBar, ShowsTheRateOfTheLastSecondsAndTheTimeLeft) {
     meter.add(start + 13s, 6500);
     EXPECT_EQ(meter.rate(), 500) << "three seconds are not too old";
     meter.add(start + 14s, 9000);
-    EXPECT_EQ(meter.rate(), 2000) << "what is older than three seconds does not count";
+    EXPECT_EQ(meter.rate(), 2000) << "older values do not count";
 
-    EXPECT_EQ(transfer_text(2000, 9000, 259000), "9.0 kB, 2.0 kB/s, 2:05 left");
-    EXPECT_EQ(transfer_text(0, 9, 10), "9 B, 0 B/s");
-    EXPECT_EQ(transfer_text(1.5e6, 2500000000, 2500000000), "2.5 GB, 1.5 MB/s");
-    EXPECT_EQ(size_text(999.95) + size_text(1e16), "1.0 kB10000.0 TB");
-    EXPECT_EQ(bar_text(50, "Sending ", "x", 40), "Sending   50.0 % [=========>        ]  x");
-    EXPECT_EQ(bar_text(100, "Sending ", "x", 32), "Sending  100.0 % [==========]  x");
-    EXPECT_EQ(bar_text(50, "Sending ", "x", 31), "Sending   50.0 %  x") << "no room for a bar";
+    EXPECT_EQ(transfer_string(2000, 9000, 259000), "9.0 kB, 2.0 kB/s, 2:05 left");
+    EXPECT_EQ(transfer_string(0, 9, 10), "9 B, 0 B/s");
+    EXPECT_EQ(transfer_string(1.5e6, 2500000000, 2500000000), "2.5 GB, 1.5 MB/s");
+    EXPECT_EQ(size_string(999.95) + size_string(1e16), "1.0 kB10000.0 TB");
+    EXPECT_EQ(bar_string(50, "Sending ", "x", 40), "Sending   50.0 % [=========>        ]  x");
+    EXPECT_EQ(bar_string(100, "Sending ", "x", 32), "Sending  100.0 % [==========]  x");
+    EXPECT_EQ(bar_string(50, "Sending ", "x", 31), "Sending   50.0 %  x") << "no room for a bar";
 }
 
 TEST(Seconds, AreReadUpToAWeek) {
@@ -145,7 +145,7 @@ TEST(Output, IsDrawnOnWhatCanMoveItsCursor) {
 TEST(FirmwareImage, IsJudgedByItsContent) {
     const std::string any = "\x01\x02\xFF\xFF\xFF\xFF\xFF\xFF" + std::string("\0\x01UFD", 5);
     const std::string damaged = "its DFU suffix is damaged: it has CRC ",
-                      empty = "it is empty but for its DFU suffix";
+                      empty = "it contains only a DFU suffix";
     const std::string text = "it is plain text";
     std::string umlauts = ";";
     while (umlauts.size() < 9000)
@@ -162,8 +162,8 @@ TEST(FirmwareImage, IsJudgedByItsContent) {
         {"G28\x7F", ""},
         {"G28\xFC", ""},
         {std::string(5000, '\xAA'), ""},
-        {std::string(FirmwareImage::largest, '\xFF'), ""},
-        {std::string(FirmwareImage::largest + 1, '\xFF'), "it has 16777217 bytes, no controller"},
+        {std::string(FirmwareImage::kMaxSize, '\xFF'), ""},
+        {std::string(FirmwareImage::kMaxSize + 1, '\xFF'), "it has 16777217 bytes, no controller"},
     };
     for (const auto& [content, fault] : rows) {
         const test::TemporaryFile file("image", content), copy("copy", "old");
@@ -172,7 +172,7 @@ TEST(FirmwareImage, IsJudgedByItsContent) {
         EXPECT_EQ(image.fault().empty(), fault.empty()) << image.fault();
         EXPECT_EQ(image.release(), "");
         image.put_at(copy.path());
-        const bool large = content.size() > FirmwareImage::largest;
+        const bool large = content.size() > FirmwareImage::kMaxSize;
         EXPECT_EQ(std::filesystem::is_symlink(copy.path()), large);
         EXPECT_EQ(image.may_be_version("1.2.3"), large);
         const std::size_t kept = image.suffix() ? 2 : content.size();
@@ -227,7 +227,7 @@ TEST(TraceStatistics, FindTheLargestErrorOfEitherSign) {
     EXPECT_EQ(statistics.position().highest, 2147483647);
 }
 
-/// The listings of hostile devices among them.
+/// Includes listings of hostile devices.
 TEST(DfuListing, KeepsDevicesApart) {
     const std::string found = "Found DFU: [7a1c:00df] ver=0100, devnum=9, ";
     const std::string one = found + "cfg=1, intf=0, path=\"1-2\", ";

@@ -51,7 +51,7 @@ Pipe make_output(Out out) {
     return {FileDescriptor(), FileDescriptor(open("/dev/full", O_WRONLY | O_CLOEXEC))};
 }
 
-/// Runs in the child, between fork and exec, where only system calls may be made.
+/// Runs in the child between fork and exec: only system calls are allowed.
 [[noreturn]] void become(char* const* argv, int in, int out, int err, bool console) {
     setsid();
     if (console) {
@@ -82,10 +82,10 @@ void take(FileDescriptor& fd, short events, std::string& text) {
 
 }  // namespace
 
-/// Takes what comes within a moment.
+/// Reads output for at most 20 ms.
 void Program::pump() {
     pollfd watched[] = {{out_.get(), POLLIN, 0}, {err_.get(), POLLIN, 0}};
-    poll(watched, 2, 20);  // Bounded: the callers look at the clock in between.
+    poll(watched, 2, 20);  // Bounded: the callers check their deadline.
     take(out_, watched[0].revents, out_text_);
     take(err_, watched[1].revents, err_text_);
 }
@@ -102,7 +102,7 @@ Program::Program(const std::vector<std::string>& args, Out out) {
         argv.push_back(word.data());
     argv.push_back(nullptr);
     setenv("TERM", "xterm", 1);
-    ::signal(SIGPIPE, SIG_IGN);  // A program may end before it has read all.
+    ::signal(SIGPIPE, SIG_IGN);  // A program may end before it has read its input.
     pid_ = fork();
     if (pid_ < 0) throw std::runtime_error("fork");
     if (pid_ == 0) {

@@ -9,23 +9,23 @@
 #include <string>
 #include <vector>
 
-#include "file_descriptor.h"
+#include "posix/file_descriptor.h"
 #include "support/wait.h"
 
 namespace test {
 
-/// What a program's standard output is connected to.
+/// The standard output of a program.
 enum class Out {
     pipe,
     terminal,   ///< A pseudo-terminal of 96 columns that can move its cursor.
-    console,    ///< Likewise, which is the standard input, too, and where Ctrl-C comes from.
-    dialog,     ///< Likewise, which is the standard error, too.
-    closed,     ///< A pipe whose reader is gone.
+    console,    ///< As terminal; it is also the standard input and the source of Ctrl-C.
+    dialog,     ///< As console; it is also the standard error.
+    closed,     ///< A pipe without a reader.
     full_disk,  ///< /dev/full
     none,       ///< Not open at all.
 };
 
-/// A running `jovu`. Killed, if it still runs, when this object goes.
+/// A running `jovu`. The destructor kills it.
 class Program {
 public:
     explicit Program(const std::vector<std::string>& args, Out out = Out::pipe);
@@ -33,30 +33,30 @@ public:
     Program(const Program&) = delete;
     Program& operator=(const Program&) = delete;
 
-    /// Writes to the program's standard input, as far as the program reads it.
+    /// Writes to the program's standard input.
     void type(const std::string& text);
     void end_input() { in_ = {}; }
-    /// To the program and what it has started, as a terminal does it.
+    /// Sends a signal to the program and its children, as a terminal does.
     void signal(int number) { kill(-pid_, number); }
     void close_reader() { out_ = {}; }
-    /// Whether a console hands over whole lines, as before the program. Also when that has ended.
+    /// Whether a console is in line mode, as before the program. Also after its end.
     bool in_line_mode() const;
 
-    /// Waits until the standard output holds a text. Returns whether it came.
+    /// Waits until the standard output contains @p text. Returns whether it does.
     bool writes(const std::string& text, std::chrono::milliseconds limit = kPatience) {
         return comes(text, false, limit);
     }
 
-    /// Likewise the standard error.
+    /// As writes(), for the standard error.
     bool complains(const std::string& text, std::chrono::milliseconds limit = kPatience) {
         return comes(text, true, limit);
     }
 
     /// Waits for the program's end.
-    /// @return its exit status, or -signal, or -1000 when it does not end.
+    /// @return its exit status, -signal, or -1000 when it does not end.
     int finish();
 
-    /// What has come so far; everything after finish().
+    /// The output so far; all of it after finish().
     const std::string& out() const { return out_text_; }
     const std::string& err() const { return err_text_; }
 
@@ -77,7 +77,7 @@ struct Ended {
     std::string err;
 };
 
-/// Runs `jovu` to its end. In a dialog the input is typed when a question has been asked.
+/// Runs `jovu` to its end. In a dialog, types the input after the question.
 Ended jovu(const std::vector<std::string>& args, const std::string& input = "",
            Out out = Out::pipe);
 

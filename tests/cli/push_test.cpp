@@ -1,5 +1,5 @@
 /// @file
-/// Print jobs: sent, followed, refused, broken off.
+/// Print jobs: sent, followed, refused, cancelled.
 
 #include <csignal>
 
@@ -62,7 +62,7 @@ TEST_F(Push, GoesOnWhenNobodyReadsAnyMore) {
 TEST_F(Push, IsNotSentToABusyDevice) {
     for (const char* const state : {"printing", "paused", "receiving", "Heating up"}) {
         Program program({"push", file_.path()});
-        answer_next_request(device_, {{"status", {{"state", state}}}});
+        respond_to_next_request(device_, {{"status", {{"state", state}}}});
         EXPECT_EQ(program.finish(), 6);
         EXPECT_THAT(program.err(),
                     HasSubstr(std::string("1:2 is busy with another job: ") + state));
@@ -73,33 +73,36 @@ TEST_F(Push, IsNotSentToABusyDevice) {
 
 TEST_F(Push, IsPausedAndResumedAsItsStateAllows) {
     Program running({"resume"});
-    answer_next_request(device_, {{"status", {{"state", "printing"}}}});
+    respond_to_next_request(device_, {{"status", {{"state", "printing"}}}});
     EXPECT_EQ(running.finish(), 0);
     EXPECT_THAT(running.out(), HasSubstr("nothing was sent"));
     fault("clear");
     Program ignored({"pause"});
-    answer_next_request(device_, {{"status", {{"state", "printing"}}}});
+    respond_to_next_request(device_, {{"status", {{"state", "printing"}}}});
     ASSERT_TRUE(eventually([&] { return job()["requests"].value("pause", 0) == 1; }));
     fault("clear");
     EXPECT_EQ(ignored.finish(), 6);
     EXPECT_THAT(ignored.err(), HasSubstr("jovu: pause was sent, but 1:2 reports the state idle"));
     sim("replug " + name(device_));
-    // The exit code, how often the device was asked so far to pause or resume, and what is shown.
+    // The exit code, the number of pause requests so far, and the output.
     const std::tuple<const char*, int, int, const char*> rows[] = {
         {"pause", 6, 0, "no job to pause: 1:2 reports the state idle"},
         {"resume", 6, 0, "no job to resume: 1:2 reports the state idle"},
         {"push", 0, 0, "accepted"},
         {"pause", 0, 1, "1:2  paused"},
         {"pause", 0, 1, "nothing was sent"},
-        {"abort", 0, 1, "1:2  aborted"},
+        {"abort --json", 0, 1, "{\"request\":\"abort\",\"sent\":true,\"device\":\"1:2\""},
         {"pause", 6, 1, "state aborted"},
         {"push", 0, 1, "accepted"},
         {"pause", 0, 2, "1:2  paused"},
         {"resume", 0, 3, "1:2  printing"},
+        {"resume --json", 0, 3, "{\"request\":\"resume\",\"sent\":false"},
     };
     for (const auto& [command, exit_code, requests, shown] : rows) {
-        const Ended ended =
-            command == std::string("push") ? jovu({command, file_.path()}) : jovu({command});
+        std::vector<std::string> words{command};
+        if (words[0] == "push") words.push_back(file_.path());
+        if (words[0].back() == 'n') words = {words[0].substr(0, words[0].find(' ')), "--json"};
+        const Ended ended = jovu(words);
         EXPECT_EQ(ended.status, exit_code) << command << ": " << ended.err;
         EXPECT_THAT(ended.out + ended.err, HasSubstr(shown));
         EXPECT_EQ(job()["requests"].value("pause", 0), requests) << command;
@@ -122,9 +125,9 @@ TEST_F(Push, TellsWhenTheJobDoesNotEndWell) {
     for (const auto& row : rows) {
         Program program({"push", file_.path(), "--wait"});
         ASSERT_TRUE(program.writes("accepted"));
-        answer_next_request(device_, {{"status", row.status},
-                                      {"job", {{"id", "x"}, {"progress", row.progress}}},
-                                      {"error", row.error}});
+        respond_to_next_request(device_, {{"status", row.status},
+                                          {"job", {{"id", "x"}, {"progress", row.progress}}},
+                                          {"error", row.error}});
         EXPECT_EQ(program.finish(), row.told == nullptr ? 0 : 6);
         EXPECT_THAT(program.err(), HasSubstr(row.told == nullptr ? "" : row.told));
         sim("replug " + name(device_));
@@ -170,7 +173,7 @@ TEST_F(Push, IsCancelledByAnInterruptAndLeftAtOnceByASecondOne) {
         EXPECT_EQ(program.finish(), 130);
         if (twice) {
             EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(3));
-            EXPECT_THAT(program.err(), HasSubstr("jovu: left at once: 1:2 waits for the rest"));
+            EXPECT_THAT(program.err(), HasSubstr("jovu: ended at once: 1:2 waits for the rest"));
             return;
         }
         EXPECT_THAT(program.out(), HasSubstr("filling " + file_.path() + ": 100 %"));
@@ -194,7 +197,8 @@ TEST_F(Push, MayBeLeftBeforeTheAnnouncementIsThrough) {
         std::this_thread::sleep_for(std::chrono::milliseconds(600));  // else it is the same
         if (twice) program.signal(SIGINT);
         EXPECT_EQ(program.finish(), 130);
-        EXPECT_THAT(program.err(), HasSubstr(twice ? "left at once: 1:2 may wait" : "Send failed"));
+        EXPECT_THAT(program.err(),
+                    HasSubstr(twice ? "ended at once: 1:2 may wait" : "Send failed"));
         sim("replug " + name(device_));
     }
 }
@@ -205,7 +209,7 @@ TEST_F(Push, GoesOnOnTheDeviceWhenTheWaitIsInterrupted) {
     fault("silent always");  // the job's end cannot come before the interrupt
     program.signal(SIGINT);
     EXPECT_EQ(program.finish(), 130);
-    EXPECT_THAT(program.err(), HasSubstr("1:2 goes on with the job ('jovu abort' ends it)"));
+    EXPECT_THAT(program.err(), HasSubstr("1:2 continues the job ('jovu abort' ends it)"));
     EXPECT_TRUE(eventually([&] { return job()["finished"] == 1; }));
 }
 
@@ -213,10 +217,10 @@ TEST(Terminal, RedrawsTheStatusAndGetsNoRawTextsFromTheDevice) {
     const JovuDeviceAddress device = plug();
     Program watch({"status", "--watch", "--interval", "0.1"}, Out::terminal);
     ASSERT_TRUE(watch.writes("\x1b[11A\r\x1b[2KDevice        1:2"));
-    answer_next_request(device, {{"status",
-                                  {{"state",
-                                    "\x1b]0;title\x07 \xC2\x9B"
-                                    "2J"}}}});
+    respond_to_next_request(device, {{"status",
+                                      {{"state",
+                                        "\x1b]0;title\x07 \xC2\x9B"
+                                        "2J"}}}});
     ASSERT_TRUE(watch.writes("\\x1b]0;title\\x07 \\u009b2J"));
     watch.signal(SIGINT);
     EXPECT_EQ(watch.finish(), 130);

@@ -1,5 +1,5 @@
 /// @file
-/// The shell: at a pseudo-terminal, and with a script.
+/// The shell, at a pseudo-terminal and with a script.
 #include <csignal>
 #include <filesystem>
 
@@ -34,8 +34,8 @@ protected:
     static std::string who(JovuDeviceAddress device) {
         return name(device) + ", serial " + stats(device)["serial"].get<std::string>();
     }
-    /// Types something and waits for what comes of it, in what is written from then on.
-    /// @param behind what has to come behind that, at any distance.
+    /// Types something and waits for output after it.
+    /// @param behind output that must follow that, at any distance.
     testing::AssertionResult answers(const std::string& typed, const std::string& expected,
                                      const std::string& behind = "") {
         const std::size_t before = shell_->out().size();
@@ -188,8 +188,14 @@ TEST_F(Shell, SendsLinesToTheMachineTheyAreMeantFor) {
     sim("replug " + name(device_));
     EXPECT_TRUE(answers("", first));
     EXPECT_TRUE(answers("G28\r", "ok       G28"));
+    plug("1:5");
+    EXPECT_TRUE(answers("", "connected: 1:5, another device"));
+    sim("fault 1:5 silent always");
     sim("unplug " + name(device_));
     EXPECT_TRUE(answers("", "disconnected: " + first));
+    EXPECT_TRUE(eventually([] { return requests({1, 5}, "bio_get_serial") == 1; }));
+    sim("unplug 1:5");  // before it has identified itself
+    EXPECT_TRUE(answers("", "disconnected: 1:5\r\n"));
     const std::string other = who(plug("1:9"));
     EXPECT_TRUE(answers("", "connected: " + other + ", another device"));
     EXPECT_TRUE(answers("G28\rG1 X10\r", kPrompt, kPrompt));
@@ -206,6 +212,7 @@ TEST_F(Shell, SendsLinesToTheMachineTheyAreMeantFor) {
     EXPECT_TRUE(answers(".call heater_turn_on -d 1:7\r", kPrompt));
     EXPECT_EQ(requests({1, 7}, "heater_turn_on"), 0);
     EXPECT_EQ(leave(), 0);
+    EXPECT_THAT(shell_->out(), Not(HasSubstr("1:5, serial")));
     EXPECT_THAT(shell_->err(), HasSubstr("jovu: not sent to " + other + ": lines go to " + first));
     EXPECT_THAT(shell_->err(), HasSubstr("jovu: not sent to " + third + ": lines go to " + moved));
 

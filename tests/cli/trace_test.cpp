@@ -8,7 +8,7 @@
 #include <set>
 
 #include "cli_test.h"
-#include "file_descriptor.h"
+#include "posix/file_descriptor.h"
 
 namespace test {
 namespace {
@@ -18,7 +18,7 @@ using nlohmann::json;
 using testing::HasSubstr;
 using testing::StartsWith;
 
-/// A sample as the firmware sends it.
+/// @return a sample as the firmware sends it.
 std::string sample(int servo, unsigned count, int commanded, int position) {
     const json args = {{"msg",
                         {{"servo_name", servo},
@@ -33,14 +33,14 @@ std::string sample(int servo, unsigned count, int commanded, int position) {
         .dump();
 }
 
-/// Device, files that a trace writes, and what is known of the device's servos.
+/// A device and the files of a trace.
 class Trace : public testing::Test {
 protected:
-    /// Whether the device has been told, lastly, to trace no more.
+    /// Whether the last request switched the tracing off.
     bool switched_off() const {
         return requests(device_, "servo_dc_trace_enable") == 2 && !traced(0);
     }
-    /// What begins with the names of the files, in order.
+    /// @return the files with the names of this test, sorted.
     static std::vector<std::string> files() {
         std::set<std::string> paths;
         for (const auto& entry : fs::directory_iterator(testing::TempDir())) {
@@ -91,7 +91,7 @@ TEST_F(Trace, IsWrittenAndDrawnAndSummedUp) {
 
 TEST_F(Trace, TellsWhatIsMissing) {
     Program program({"trace", "3", "--csv", csv_.path(), "--json"});
-    // Without a move of its own the device is to send only what is told here.
+    // Without a move the device sends only the samples below.
     ASSERT_TRUE(eventually([&] { return traced(3); }));
     sim("frame " + name(device_) + " " + sample(7, 50, 0, 0));
     for (const unsigned count : {4294900000U, 4294900001U, 4294900005U, 4294900005U}) {
@@ -128,7 +128,7 @@ TEST_F(Trace, IsSwitchedOffOnEveryWayOut) {
     fcntl(reader.get(), F_SETPIPE_SZ, 4096);
     const std::pair<std::string, const char*> targets[] = {
         {"/dev/full", ": No space left on device"},
-        {"/dev/stdout", " (it carries other text: name a file or a pipe)"},
+        {"/dev/stdout", " (it carries results and messages: name a file or a pipe)"},
         {pipe, ": Connection timed out"},
         {link, ": No such file or directory (it is a symbolic link that leads to no file)"},
         {loop, ": Too many levels of symbolic links\n"}};
@@ -152,11 +152,11 @@ TEST_F(Trace, KeepsWhatItHasWhenTheDeviceGoes) {
     sim("unplug " + name(device_));
     EXPECT_EQ(program.finish(), 5);
     EXPECT_THAT(program.err(),
-                HasSubstr(name(device_) + " is gone: there is no tracing to switch off"));
+                HasSubstr(name(device_) + " has disconnected: the tracing was not switched off"));
     EXPECT_EQ(content_of(csv_.path()), "old");
     ASSERT_EQ(files().size(), 3U) << "with the samples, and nothing of the image";
     const std::string part = files().back();
-    EXPECT_THAT(program.err(), HasSubstr("what was recorded until then is in " + part));
+    EXPECT_THAT(program.err(), HasSubstr("the samples recorded so far are in " + part));
     EXPECT_THAT(content_of(part), StartsWith("int_cnt,"));
     fs::remove(part);
 }

@@ -1,5 +1,5 @@
 /// @file
-/// Firmware updates, by the dfu-util that is installed, and by one that only says things.
+/// Firmware updates, with the installed dfu-util and with a fake one.
 #include <sys/stat.h>
 
 #include <csignal>
@@ -14,7 +14,7 @@ using nlohmann::json;
 using testing::HasSubstr;
 using testing::IsEmpty;
 
-/// What a shell command makes of the file $f.
+/// @return the file $f after a shell command.
 std::string after(const std::string& command, const std::string& content = "") {
     const TemporaryFile file("made", content);
     const std::string line = "f='" + file.path() + "'; { " + command + "; } > /dev/null 2>&1";
@@ -22,20 +22,20 @@ std::string after(const std::string& command, const std::string& content = "") {
     return content_of(file.path());
 }
 
-/// An image that the simulated controller takes.
+/// @return an image that the simulated controller accepts.
 std::string sound_image(const std::string& version, const std::string& size = "32768") {
     return after(JOVU_SIM_PROGRAM " firmware " + version + " --size " + size + " > $f");
 }
 
-/// With a DFU suffix for a device.
+/// @return the content with a DFU suffix for a device.
 std::string with_suffix(const std::string& content, const std::string& ids) {
     return after("dfu-suffix " + ids + " -a $f", content);
 }
 
-/// Puts a program called dfu-util in front of the installed one.
+/// Puts a program called dfu-util before the installed one on PATH.
 class FakeTool {
 public:
-    /// @param script none: it runs the installed one, and keeps the command lines and their ends.
+    /// @param script when empty: runs the installed one, and logs command lines and exit codes.
     explicit FakeTool(std::string script = "")
         : directory_(testing::TempDir() + std::to_string(getpid()) + " tools"),
           path_(std::getenv("PATH")) {
@@ -142,7 +142,7 @@ TEST_F(Update, TakesUpADeviceThatIsInDfuMode) {
     EXPECT_THAT(update(cut.path()).err, HasSubstr("'jovu update' can be run again"));
     EXPECT_THAT(jovu({"dfu"}).out, HasSubstr("  serial " + serial_ + "\n"));
     plug();
-    const TemporaryFile image("suffix.bin", with_suffix(content_, "-v 7a1c -p 00df"));
+    const TemporaryFile image("suffix.bin", with_suffix(content_, "-v ffff -p 00df"));
     const Ended ended =
         jovu({"update", image.path(), "--serial", serial_, "--json"}, "y\n", Out::dialog);
     EXPECT_EQ(ended.status, 0) << ended.out;
@@ -153,6 +153,10 @@ TEST_F(Update, TakesUpADeviceThatIsInDfuMode) {
 
 constexpr const char* kDone = "0 -d 7a1c:00df -a 0 -S S ";
 constexpr const char* kBroken = "74 -d 7a1c:00df -a 0 -S S ";
+
+constexpr const char* kWriteError =
+    "the download failed: S; dfu-util says: DFU state(10) = dfuERROR, status(3) = Device is unable "
+    "to write memory (it is still";
 
 /// One update of a device with the serial number S.
 struct Judged {
@@ -172,8 +176,8 @@ void PrintTo(const Judged& row, std::ostream* out) {
 
 const Judged kJudged[] = {
     {"", {"disconnect-at-reset"}, "", "2", {}, 0, "runs version 2, before it was 1.0.0", kBroken},
-    {"", {"write-error 5"}, "", "2", {}, 5, "the download failed: S; dfu-util says: ", kBroken},
-    {"", {"keep-firmware"}, "", "2", {}, 5, "runs version 1.0.0 as before, and that", kDone},
+    {"", {"write-error 5"}, "", "2", {}, 5, kWriteError, kBroken},
+    {"", {"keep-firmware"}, "", "2", {}, 5, "runs version 1.0.0 as before, which is not", kDone},
     {"", {"keep-firmware"}, "", "2", {"--force"}, 0, "written: 1:", kDone},
     {"", {"keep-firmware"}, "", "1.0.0", {}, 0, "written: 1:", kDone},
     {"", {"keep-firmware", "unplug-at 5"}, "", "1.0.0", {}, 5, "the update failed, ", kBroken},
@@ -184,7 +188,7 @@ const Judged kJudged[] = {
     {"", {}, "serial=X", "2", {}, 0, "updated: ", kDone},
     {"", {}, "serial=S", "2", {}, 4, "several devices: in DFU mode S (7a1c:00df at 1-", "-l"},
     {"", {"serial T"}, "serial=X", "2", {}, 4, "several devices: in DFU mode ", "-l"},
-    {"product=00df", {"unplug-at 5"}, "product=2", "2", {}, 5, "has not come back: S", kBroken},
+    {"product=00df", {"unplug-at 5"}, "product=2", "2", {}, 5, "has not returned: S", kBroken},
 };
 
 class JudgedUpdate : public Update, public testing::WithParamInterface<Judged> {};
@@ -212,7 +216,7 @@ TEST_P(JudgedUpdate, IsThatOfTheDeviceThatWasChosen) {
 
 INSTANTIATE_TEST_SUITE_P(Each, JudgedUpdate, testing::ValuesIn(kJudged));
 
-/// A device that was in DFU mode before only takes another number, and the serial number S.
+/// A device that was in DFU mode before reconnects with another number and the serial number S.
 TEST_F(Update, TakesNoDeviceThatWasListedBefore) {
     sim("unplug " + name(device_));
     const std::string run = "PATH='" + std::string(std::getenv("PATH")) + "' dfu-util ";
@@ -247,7 +251,11 @@ TEST_F(Update, IsNotBegunWhenItCannotEndWell) {
         {content_, "serial=" + serial_, chosen, 4, "two devices claim one serial number"},
         {content_, "serial=-\"%20serial=\"X", chosen, 4, "cannot tell the devices in DFU mode ap"},
         {content_, "name=x\",%20serial=\"B\"%0Ax", chosen, 4, "cannot tell the devices in DFU mo"},
-        {content_, "vendor=1209 serial=X", {"--serial", "X"}, 3, "maker's device: in DFU mode X "},
+        {content_,
+         "vendor=1209 serial=X",
+         {"--serial", "X"},
+         3,
+         "device of another vendor: in DFU mode X "},
         {content_, "serial=A-B", {"--serial", "A-B"}, 3, "must be of letters and digits"},
         {content_, "serial=X", {"--serial", "NONE"}, 3, "no device with serial number NONE"},
         {content_, "", {"-d", name(device_), "--serial", "X"}, 3, ", not X"},
@@ -291,7 +299,7 @@ TEST_F(Update, IsNotCutByAnInterrupt) {
     ASSERT_TRUE(program.writes("downloading"));
     program.signal(SIGINT);
     EXPECT_EQ(program.finish(), 130);
-    EXPECT_THAT(program.err(), HasSubstr("jovu: the download goes on"));
+    EXPECT_THAT(program.err(), HasSubstr("jovu: the download continues"));
     EXPECT_TRUE(eventually([] {
         const Ended info = jovu({"info", "--json"});
         return info.status == 0 && json::parse(info.out)["version"] == "2.5.0";

@@ -77,13 +77,28 @@ while IFS= read -r folder; do
     module sim "${folder#sim/}" "$(xargs <<<"${folder#sim/} ${simulator[${folder#sim/}]}")"
 done < <(find sim -name '*.cpp' -printf '%h\n' | sort -u)
 
+# What the program may use of the library's sources: the table of commands and the lists of members.
+library_door='"commands/(catalogue|structures|type_names)\.h"'
+# The folders of the program, lowest first: a folder includes itself and those before it.
+program_folders=' cli posix terminal session progress trace update firmware shell commands '
+for folder in tools/jovu/*/; do
+    name=$(basename "$folder")
+    [[ $program_folders == *" $name "* ]] || { forbid "a folder that is not in the list" "$folder"; continue; }
+    above=${program_folders#* "$name" }
+    [[ -z $above ]] || forbid "tools/jovu/$name may not include ${above% }" \
+        "$(includes "$folder" | grep -E "\"(${above// /|}-)/" | grep -vE "$library_door" || true)"
+    forbid "the files of tools/jovu/$name include one another in a circle" \
+        "$(includes "$folder" |
+            sed -nE "s#^.*/([a-z_]+)\.(h|cpp):[0-9]+:.*\"$name/([a-z_]+)\.h\".*#\1 \3#p" |
+            { tsort 2>&1 >/dev/null || true; })"
+done
+
 forbid "only src/usb may name libusb.h" \
     "$(grep -rn '\blibusb\.h' include src tools | grep -v '^src/usb/' || true)"
 forbid "only the messages and what is above them may use JSON" "$(includes src/usb src/base | grep '<yajl/' || true)"
-# The table of commands and the lists of members are the one door into the library's sources.
 forbid "the program stands on the public headers and the table of commands alone" \
     "$(from_outside tools/jovu tools/jovu include |
-        grep -vE '"commands/(catalogue|structures|type_names)\.h"' || true
+        grep -vE "$library_door" || true
        includes tools | grep -E '<(libusb|yajl)' || true)"
 forbid "the simulated controller shares nothing with the library" \
     "$(from_outside sim sim; includes sim | grep -E '<(jovu/|libusb|yajl)' || true)"

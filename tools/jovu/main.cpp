@@ -1,14 +1,14 @@
 /// @file
-/// The program `jovu`: wires the parts together and turns the outcome into an exit status.
+/// The program `jovu`: runs a command and turns its result into an exit status.
 
 #include <exception>
 #include <string>
 
-#include "command_line.h"
-#include "failure.h"
+#include "cli/failure.h"
+#include "commands/command_line.h"
 #include "jovu/exception.h"
-#include "output.h"
-#include "stop_source.h"
+#include "posix/stop_source.h"
+#include "terminal/output.h"
 
 namespace {
 
@@ -26,7 +26,7 @@ int run(int argc, const char* const* argv, const FileDescriptor& output, StopSou
         if (request.run) {
             request.run(Context{request.options, out, stop});
         } else {
-            out.raw(request.text);
+            out.raw(request.message);
         }
         return static_cast<int>(ExitCode::ok);
     } catch (const Failure& failure) {

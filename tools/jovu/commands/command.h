@@ -1,0 +1,91 @@
+/// @file
+/// What every command of the program is made of: its row in the table and what it runs with.
+#pragma once
+
+#include <functional>
+#include <optional>
+#include <string>
+
+#include "cli/options.h"
+#include "posix/stop_source.h"
+#include "session/session.h"
+#include "terminal/line_reader.h"
+#include "terminal/output.h"
+
+namespace CLI {
+class App;
+}
+
+namespace jovu_cli {
+
+/// What a command runs with.
+struct Context {
+    const CommonOptions& options;
+    Output& out;
+    StopSource& stop;
+    Session* session = nullptr;  ///< The shell's session; null outside a shell.
+    /// Reads a line of the shell's input; empty outside a shell, where commands read standard
+    /// input.
+    ReadLine read_line{};
+};
+
+/// Runs a command. Returns when the command has succeeded.
+/// @throws Failure when it has not.
+using Run = std::function<void(const Context&)>;
+
+/// One row of the table of commands. Each command's file defines one row for each of its names.
+struct Command {
+    const char* name;
+    const char* summary;  ///< One line in the imperative, for the list of commands.
+    /// Adds the command's options and help to its parser.
+    /// @return the function that runs the command; it owns the parsed values.
+    Run (*define)(CLI::App& app);
+};
+
+/// @name The rows
+/// @{
+extern const Command kListCommand;
+extern const Command kInfoCommand;
+extern const Command kStatusCommand;
+extern const Command kGcodeCommand;
+extern const Command kPushCommand;
+extern const Command kPauseCommand;
+extern const Command kResumeCommand;
+extern const Command kAbortCommand;
+extern const Command kEventsCommand;
+extern const Command kCommandsCommand;
+extern const Command kCallCommand;
+extern const Command kTraceCommand;
+extern const Command kShellCommand;
+extern const Command kDfuCommand;
+extern const Command kUpdateCommand;
+/// @}
+
+/// Sends one line of gcode, as `jovu gcode LINE`. For the shell.
+void send_gcode_line(const Context& context, const std::string& line);
+
+/// The session that one command uses: the shell's, or one of its own.
+class SessionLease {
+public:
+    /// @throws Failure when the USB connection cannot be started.
+    SessionLease(const Context& context, Interest interest)
+        : session_(context.session != nullptr
+                       ? context.session
+                       : &own_.emplace(context.options, context.stop, interest)) {
+        if (!own_) {
+            session_->begin(context.options, interest);
+        }
+    }
+    /// Drops the notifications that arrive between commands.
+    ~SessionLease() { session_->begin({}, {}); }
+    SessionLease(const SessionLease&) = delete;
+    SessionLease& operator=(const SessionLease&) = delete;
+
+    Session& session() const noexcept { return *session_; }
+
+private:
+    std::optional<Session> own_;
+    Session* session_;
+};
+
+}  // namespace jovu_cli

@@ -1,0 +1,173 @@
+/// @file
+/// `jovu list`: the devices, opened or not.
+
+#include <future>
+#include <map>
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "cli/failure.h"
+#include "commands/command.h"
+#include "terminal/printable.h"
+
+namespace jovu_cli {
+namespace {
+
+/// The identity of one device, or the failure to read it.
+struct Entry {
+    JovuDeviceAddress address;
+    std::optional<Identity> identity;
+    std::optional<Failure> failure;
+};
+
+Entry read_entry(Session& session, JovuDeviceAddress address) {
+    try {
+        return {address, read_identity(session, address), std::nullopt};
+    } catch (const Failure& failure) {
+        return {address, std::nullopt, failure};
+    }
+}
+
+/// Reads all identities in parallel: a device that does not respond takes its whole time limit.
+std::vector<Entry> read_entries(Session& session, const std::vector<JovuDeviceAddress>& devices) {
+    std::vector<std::future<Entry>> pending;
+    pending.reserve(devices.size());
+    for (const JovuDeviceAddress address : devices) {
+        pending.push_back(std::async(std::launch::async,
+                                     [&session, address] { return read_entry(session, address); }));
+    }
+    std::vector<Entry> entries;
+    entries.reserve(pending.size());
+    for (std::future<Entry>& entry : pending) {
+        entries.push_back(entry.get());
+    }
+    return entries;
+}
+
+/// A kind of device of which not all are open. The bus listing has ports and the library has
+/// addresses, so the ports include those of open devices of the kind.
+struct NotOpened {
+    std::int32_t type;
+    std::size_t count;
+    std::vector<unsigned> ports;
+    std::vector<std::string> reasons;  ///< Of controllers: "1:2: no permission on ...".
+};
+
+std::vector<std::string> reasons_of(const Session& session) {
+    const std::vector<UnopenedController> unopened = session.unopened_controllers();
+    std::vector<std::string> reasons;
+    reasons.reserve(unopened.size());
+    for (const auto& [address, obstacle] : unopened) {
+        reasons.push_back(to_string(address) + ": " + obstacle.reason +
+                          (obstacle.hint.empty() ? "" : " (" + obstacle.hint + ")"));
+    }
+    return reasons;
+}
+
+std::vector<NotOpened> not_opened(Session& session) {
+    std::map<std::int32_t, std::vector<unsigned>> ports;
+    for (const JovuUsbDevice& device : session.client().list_attached()) {
+        ports[device.type].push_back(device.port);
+    }
+    const std::size_t opened = session.client().list_connected().size();
+    std::vector<NotOpened> result;
+    for (const auto& [type, at] : ports) {
+        const bool opens = type == kControllerType;
+        const std::size_t open_here = opens ? opened : 0;
+        if (at.size() > open_here) {
+            result.push_back({type, at.size() - open_here, at,
+                              opens ? reasons_of(session) : std::vector<std::string>()});
+        }
+    }
+    return result;
+}
+
+Json list_json(const std::vector<Entry>& entries, const std::vector<NotOpened>& rest) {
+    Json devices = Json::array();
+    for (const Entry& entry : entries) {
+        Json device = {{"device", to_string(entry.address)}};
+        if (entry.identity) {
+            device["serial"] = entry.identity->serial;
+            device["version"] = entry.identity->version;
+        } else {
+            device["error"] = entry.failure->what();
+        }
+        devices.push_back(std::move(device));
+    }
+    Json others = Json::array();
+    for (const NotOpened& kind : rest) {
+        others.push_back({{"type", kind.type},
+                          {"count", kind.count},
+                          {"ports", kind.ports},
+                          {"reasons", kind.reasons}});
+    }
+    return {{"devices", std::move(devices)}, {"not_opened", std::move(others)}};
+}
+
+std::string not_opened_line(const NotOpened& kind) {
+    std::string ports;
+    for (const unsigned port : kind.ports) {
+        ports += (ports.empty() ? "" : ", ") + std::to_string(port);
+    }
+    std::string line = std::to_string(kind.count) + " attached of type " +
+                       std::to_string(kind.type) + ", not opened (";
+    if (kind.count < kind.ports.size()) {
+        line += "among ";
+    }
+    line += (kind.ports.size() == 1 ? "port " : "ports ") + ports + ")";
+    return line;
+}
+
+void print(Output& out, const std::vector<Entry>& entries, const std::vector<NotOpened>& rest) {
+    for (const Entry& entry : entries) {
+        const std::string address = to_string(entry.address);
+        if (entry.identity) {
+            out.line(address + "  serial " + printable(entry.identity->serial) + "  version " +
+                     printable(entry.identity->version));
+        } else {
+            out.line(address + "  no response");
+        }
+    }
+    for (const NotOpened& kind : rest) {
+        out.line(not_opened_line(kind));
+        for (const std::string& reason : kind.reasons) {
+            if (!entries.empty()) {  // Otherwise the error contains it.
+                out.line("  " + printable(reason));
+            }
+        }
+    }
+}
+
+void run_list(const Context& context) {
+    const SessionLease lease(context, Interest{});
+    Session& session = lease.session();
+    const std::vector<JovuDeviceAddress> devices = session.find_devices();
+    const std::vector<Entry> entries = read_entries(session, devices);
+    context.stop.throw_if_stopped();
+    const std::vector<NotOpened> rest = not_opened(session);
+    if (context.out.json()) {
+        context.out.object(list_json(entries, rest));
+    } else {
+        print(context.out, entries, rest);
+    }
+    if (devices.empty()) {
+        session.throw_no_device();
+    }
+    for (const Entry& entry : entries) {
+        if (entry.failure) {
+            throw Failure(*entry.failure);
+        }
+    }
+}
+
+Run define_list(CLI::App& /*app*/) {
+    return run_list;
+}
+
+}  // namespace
+
+const Command kListCommand{"list", "List the devices", define_list};
+
+}  // namespace jovu_cli

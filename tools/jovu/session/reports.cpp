@@ -1,0 +1,192 @@
+#include "session/reports.h"
+
+#include <algorithm>
+#include <nlohmann/json.hpp>
+#include <string>
+#include <string_view>
+
+#include "cli/options.h"
+#include "cli/suggestions.h"
+#include "terminal/format.h"
+
+namespace jovu_cli {
+namespace {
+
+/// @return a string of a device, or a dash for an empty one.
+std::string shown(const std::string& value) {
+    return value.empty() ? "-" : value;
+}
+
+std::string job_string(const StatusReport& report) {
+    if (report.file.empty() && report.job_id.empty()) {
+        return "-";
+    }
+    std::string job = report.file;
+    if (!report.job_id.empty()) {
+        job += (job.empty() ? "id " : " (id ") + report.job_id;
+        job += report.file.empty() ? "" : ")";
+    }
+    return job;
+}
+
+std::string error_string(const StatusReport& report) {
+    return report.error == 0 ? "none" : std::to_string(report.error);
+}
+
+Json trace_json(const servo_trace_msg& sample) {
+    return {{"servo_name", sample.servo_name},
+            {"servo_state", sample.servo_state},
+            {"int_cnt", sample.int_cnt},
+            {"pos_cmd", sample.pos_cmd},
+            {"pos", sample.pos},
+            {"pwm", sample.pwm},
+            {"padout_dist", sample.padout_dist}};
+}
+
+std::string trace_line(const servo_trace_msg& sample) {
+    return "servo " + std::to_string(sample.servo_name) + "  state " +
+           std::to_string(sample.servo_state) + "  count " + std::to_string(sample.int_cnt) +
+           "  commanded " + std::to_string(sample.pos_cmd) + "  at " + std::to_string(sample.pos) +
+           "  pwm " + std::to_string(sample.pwm) + "  pad-out " +
+           std::to_string(sample.padout_dist);
+}
+
+std::string without_line_end(std::string line) {
+    while (!line.empty() && (line.back() == '\n' || line.back() == '\r')) {
+        line.pop_back();
+    }
+    return line;
+}
+
+}  // namespace
+
+JobPhase state_phase(const std::string& state) {
+    struct Row {
+        std::string_view part;
+        JobPhase phase;
+    };
+    static constexpr Row kRows[] = {
+        {"error", JobPhase::error},       {"fault", JobPhase::error},
+        {"fail", JobPhase::error},        {"abort", JobPhase::aborted},
+        {"cancel", JobPhase::aborted},    {"finish", JobPhase::finished},
+        {"complete", JobPhase::finished}, {"done", JobPhase::finished},
+        {"receiv", JobPhase::receiving},  {"download", JobPhase::receiving},
+        {"verif", JobPhase::receiving},   {"idle", JobPhase::idle},
+        {"ready", JobPhase::idle},        {"paus", JobPhase::paused},
+    };
+    if (state.empty()) {
+        return JobPhase::idle;
+    }
+    const std::string name = lower_case(state);
+    for (const Row& row : kRows) {
+        if (name.find(row.part) != std::string::npos) {
+            return row.phase;
+        }
+    }
+    return JobPhase::active;
+}
+
+JobPhase job_phase(const StatusReport& report) {
+    return report.error != 0 ? JobPhase::error : state_phase(report.state);
+}
+
+std::string describe_error(const StatusReport& report) {
+    return "error " + error_string(report) + ", state " + shown(report.state);
+}
+
+Json identity_json(const StatusReport& report) {
+    return {{"model_name", report.printer.model_name},
+            {"cpu_id", report.printer.cpu_id},
+            {"firmware_name", report.printer.firmware_name},
+            {"firmware_version", report.printer.firmware_version},
+            {"accept_version", report.printer.accept_version}};
+}
+
+Json to_json(JovuDeviceAddress address, const StatusReport& report) {
+    return {{"device", to_string(address)},
+            {"printer", identity_json(report)},
+            {"state", report.state},
+            {"build_plate", report.build_plate},
+            {"filament", report.filament},
+            {"extruder_temperature", report.extruder_temperature},
+            {"job",
+             {{"id", report.job_id},
+              {"file", report.file},
+              {"progress", report.progress},
+              {"time_elapsed", report.time_elapsed}}},
+            {"boot_time", report.boot_time},
+            {"idle_time", report.idle_time},
+            {"error", report.error}};
+}
+
+std::vector<std::string> identity_block(const StatusReport& report) {
+    const auto& printer = report.printer;
+    return {
+        labelled("Model", shown(printer.model_name)),
+        labelled("Processor", shown(printer.cpu_id)),
+        labelled("Firmware", shown(printer.firmware_name) + " " + shown(printer.firmware_version)),
+        labelled("Job version", std::to_string(printer.accept_version)),
+    };
+}
+
+std::vector<std::string> report_block(JovuDeviceAddress address, const StatusReport& report) {
+    return {
+        labelled("Device", to_string(address)),
+        labelled("Model", shown(report.printer.model_name)),
+        labelled("Firmware", shown(report.printer.firmware_name) + " " +
+                                 shown(report.printer.firmware_version)),
+        labelled("State", shown(report.state)),
+        labelled("Extruder", temperature_string(report.extruder_temperature)),
+        labelled("Build plate", shown(report.build_plate)),
+        labelled("Filament", shown(report.filament)),
+        labelled("Job", job_string(report)),
+        labelled("Progress", std::to_string(report.progress) + " %, " +
+                                 duration_string(report.time_elapsed) + " elapsed"),
+        labelled("Running", duration_string(report.boot_time) + ", idle for " +
+                                duration_string(report.idle_time)),
+        labelled("Error", error_string(report)),
+    };
+}
+
+std::string report_line(JovuDeviceAddress address, const StatusReport& report) {
+    std::string line = to_string(address) + "  " + shown(report.state) + "  " +
+                       temperature_string(report.extruder_temperature) + "  " +
+                       std::to_string(report.progress) + " %  " +
+                       duration_string(report.time_elapsed) + "  job " + job_string(report);
+    if (report.error != 0) {
+        line += "  error " + std::to_string(report.error);
+    }
+    return line;
+}
+
+void print_event(Output& out, const Notification& notification) {
+    const auto* message = std::get_if<DebugMessage>(&notification.what);
+    const auto* sample = std::get_if<servo_trace_msg>(&notification.what);
+    if (message == nullptr && sample == nullptr) {
+        return;
+    }
+    if (out.json()) {
+        Json object = {{"time", utc_string(notification.time)},
+                       {"device", to_string(notification.address)},
+                       {"event", message != nullptr ? "debug_event" : "servo_dc_trace_event"}};
+        if (message != nullptr) {
+            object["text"] = *message ? Json(**message) : Json();
+        } else {
+            object["sample"] = trace_json(*sample);
+        }
+        out.object(object);
+        return;
+    }
+    const std::string line =
+        message != nullptr ? without_line_end(message->value_or("")) : trace_line(*sample);
+    out.line(clock_string(notification.time) + "  " + line);
+}
+
+void print_lost_events(std::size_t count, const char* action) {
+    if (count > 0) {
+        print_error(std::string("jovu: events lost, they arrive faster than they can be ") +
+                    action + ": " + std::to_string(count));
+    }
+}
+
+}  // namespace jovu_cli

@@ -1,0 +1,412 @@
+#include "session/session.h"
+
+#include <algorithm>
+#include <chrono>
+#include <string_view>
+
+#include "terminal/output.h"
+
+namespace jovu_cli {
+namespace {
+
+using namespace std::chrono_literals;
+
+/// How long a command waits for attached devices without --wait-device. The library scans the bus
+/// twice a second; a device that is not open after this time cannot be opened.
+constexpr std::chrono::milliseconds kDefaultWait = 2s;
+
+/// A device responds in milliseconds. A report can stay in the device's buffer until more bytes
+/// follow, so the request is repeated; only once, because a device that waits for the rest of a job
+/// reads each request as job data.
+constexpr auto kReportRepeat = 5s;
+constexpr int kReportAttempts = 2;
+
+/// A report of an earlier request arrives within kQuietTime after the device was opened or after
+/// another such report, and within kFurtherReportLimit after a report when several are pending.
+constexpr auto kQuietTime = 50ms;
+constexpr auto kMaxQuietWait = 2s;
+constexpr auto kFurtherReportLimit = 500ms;
+
+/// How often a wait checks that the USB connection has not ended.
+constexpr auto kConnectionCheck = 200ms;
+
+constexpr const char* kWaitHint = "--wait-device SECONDS waits for one";
+
+/// Ends of the library's messages for a device that is not open.
+constexpr const char* kNotOpen[] = {"has been disconnected.", "no longer connected."};
+
+bool ends_with(std::string_view value, std::string_view end) {
+    return value.size() >= end.size() && value.substr(value.size() - end.size()) == end;
+}
+
+bool contains(const std::vector<JovuDeviceAddress>& addresses, JovuDeviceAddress address) {
+    return std::find(addresses.begin(), addresses.end(), address) != addresses.end();
+}
+
+std::string without_period(std::string message) {
+    if (!message.empty() && message.back() == '.') {
+        message.pop_back();
+    }
+    return message;
+}
+
+std::string to_string(const std::shared_ptr<char>& response) {
+    return response ? response.get() : "";
+}
+
+}  // namespace
+
+Session::Session(const CommonOptions& options, StopSource& stop, Interest interest)
+    : options_(options), stop_(stop), notifications_(stop, interest) {
+    start();
+}
+
+void Session::start() try {
+    client_ = std::make_unique<Client>(notifications_);
+} catch (const JovuException& error) {
+    throw Failure(ExitCode::failure,
+                  std::string("cannot start the USB connection: ") + error.what(),
+                  "check that this machine has USB and that /dev/bus/usb is accessible");
+}
+
+/// Restarts the connection after an error has ended it.
+void Session::restart() {
+    if (restarted_) {
+        throw Failure(ExitCode::no_device,
+                      "the USB connection has ended again, for the reason given above",
+                      "a device cannot be opened, or another program opens it at the same time");
+    }
+    restarted_ = true;
+    print_error(
+        "jovu: the USB connection has ended, for the reason given above: starting it again");
+    client_.reset();
+    notifications_.clear_devices();
+    pending_reports_.clear();
+    has_closed_ = false;
+    start();
+}
+
+void Session::begin(const CommonOptions& options, Interest interest) {
+    options_ = options;
+    notifications_.begin(interest);
+    restarted_ = false;
+}
+
+std::vector<JovuDeviceAddress> Session::find_devices() {
+    auto deadline = NotificationQueue::Clock::now() + options_.wait_device.value_or(kDefaultWait);
+    bool found = false;
+    for (;;) {
+        stop_.throw_if_stopped();
+        if (has_ended()) {
+            restart();
+            deadline = std::max(deadline, NotificationQueue::Clock::now() + kDefaultWait);
+        }
+        const std::vector<JovuDeviceAddress> usable = usable_devices();
+        std::vector<JovuDeviceAddress> devices = usable;
+        if (options_.device) {
+            devices.clear();
+            if (contains(usable, *options_.device)) {
+                devices.push_back(*options_.device);
+            }
+        }
+        if (!worth_waiting(usable, !devices.empty())) {
+            return devices;
+        }
+        if (!found && !devices.empty()) {
+            // Other devices may follow, except those that another program has open.
+            found = true;
+            deadline = std::min(deadline, NotificationQueue::Clock::now() + kDefaultWait);
+        }
+        const auto now = NotificationQueue::Clock::now();
+        // Check again after any notification.
+        if (!notifications_.next(std::min(deadline, now + kConnectionCheck)) && now >= deadline) {
+            stop_.throw_if_stopped();
+            return devices;
+        }
+    }
+}
+
+JovuDeviceAddress Session::pick_device() {
+    const std::vector<JovuDeviceAddress> devices = find_devices();
+    if (devices.empty()) {
+        throw_no_device();
+    }
+    if (devices.size() > 1) {
+        throw Failure(ExitCode::several_devices, "several devices: " + to_string(devices),
+                      "choose one with -d BUS:ADDR");
+    }
+    check_pick(devices.front());
+    return devices.front();
+}
+
+/// Whether a device for the command may still connect.
+/// @param found whether a device for the command is connected.
+bool Session::worth_waiting(const std::vector<JovuDeviceAddress>& usable, bool found) {
+    if (options_.device && found) {
+        return false;
+    }
+    if (options_.wait_device && !found) {
+        return true;
+    }
+    return usable.size() < attached_controllers();
+}
+
+std::vector<JovuDeviceAddress> Session::usable_devices() {
+    // A device is in the library's list a moment before it can be used.
+    const std::vector<JovuDeviceAddress> reported = notifications_.connected();
+    std::vector<JovuDeviceAddress> devices;
+    for (const JovuDeviceAddress address : client_->list_connected()) {
+        if (contains(reported, address)) {
+            devices.push_back(address);
+        }
+    }
+    std::sort(devices.begin(), devices.end(), comes_before);
+    return devices;
+}
+
+bool Session::is_connected(JovuDeviceAddress address) const {
+    return contains(client_->list_connected(), address);
+}
+
+std::size_t Session::attached_controllers() {
+    const std::vector<JovuUsbDevice> attached = client_->list_attached();
+    const auto is_controller = [](const JovuUsbDevice& d) { return d.type == kControllerType; };
+    return static_cast<std::size_t>(std::count_if(attached.begin(), attached.end(), is_controller));
+}
+
+std::vector<UnopenedController> Session::unopened_controllers() const {
+    const std::vector<JovuDeviceAddress> connected = client_->list_connected();
+    std::vector<UnopenedController> unopened;
+    for (const AttachedDevice& device : attached_devices()) {
+        if (device.kind == AttachedDevice::Kind::controller &&
+            !contains(connected, device.address)) {
+            unopened.push_back({device.address, obstacle_at(look_at_node(device))});
+        }
+    }
+    return unopened;
+}
+
+void Session::throw_no_device() {
+    const auto failure = [](const std::string& what, const std::string& hint) {
+        return Failure(ExitCode::no_device, what, hint);
+    };
+    const auto wanted = [this](JovuDeviceAddress address) {
+        return !options_.device || address == *options_.device;
+    };
+    std::string reasons;
+    std::string hint;
+    for (const auto& [address, obstacle] : unopened_controllers()) {
+        if (wanted(address)) {
+            reasons += (reasons.empty() ? "" : "; ") + ("cannot open " + to_string(address)) +
+                       ": " + obstacle.reason;
+            hint = hint.empty() ? obstacle.hint : hint;
+        }
+    }
+    if (!reasons.empty()) {
+        throw failure(reasons, hint);
+    }
+    const std::vector<AttachedDevice> attached = attached_devices();
+    for (const AttachedDevice& device : attached) {
+        if (device.kind == AttachedDevice::Kind::dfu && wanted(device.address)) {
+            throw failure("no device: " + to_string(device.address) + " is in DFU mode",
+                          "'jovu update IMAGE' writes a firmware to it");
+        }
+    }
+    const std::vector<JovuDeviceAddress> connected = client_->list_connected();
+    if (attached.empty() && attached_controllers() > connected.size()) {
+        throw failure("no device can be opened, although one is attached",
+                      "another program holds it, or you have no permission: " + permission_hint());
+    }
+    if (options_.device) {
+        throw failure("no such device: " + to_string(*options_.device),
+                      connected.empty() ? kWaitHint : "connected: " + to_string(connected));
+    }
+    if (!connected.empty()) {  // Opened a moment ago.
+        throw failure("no device is ready yet: " + to_string(connected), kWaitHint);
+    }
+    const bool others = !client_->list_attached().empty();
+    throw failure(others ? "no device: the attached devices are of another kind"
+                         : "no device: nothing is attached",
+                  others ? "'jovu list' shows them" : kWaitHint);
+}
+
+void Session::close_on_signal(JovuDeviceAddress address, Stop reason) {
+    if (reason == Stop::signal) {
+        close(address);
+    }
+}
+
+void Session::close(JovuDeviceAddress address) noexcept {
+    has_closed_ = true;
+    try {
+        client_->close(address);
+    } catch (const JovuException&) {
+        // It is disconnected or closed, which ends the exchange as well.
+    }
+}
+
+void Session::check_exchange(JovuDeviceAddress address, const std::string& name) const {
+    const std::string reason = JovuTransport::last_send_error();
+    if (reason.empty()) {
+        return;
+    }
+    if (stop_.state() == Stop::signal) {
+        throw Failure(ExitCode::interrupted, "interrupted: " + name +
+                                                 " may or may not have been carried out by " +
+                                                 to_string(address));
+    }
+    throw failure_at(address, name, reason);
+}
+
+/// @return the Failure for an exchange with a device. A device that is not open may be attached.
+Failure Session::failure_at(JovuDeviceAddress address, const std::string& name,
+                            const std::string& reason) const {
+    Failure failure = exchange_failure(name + " to " + to_string(address), reason);
+    if (std::none_of(std::begin(kNotOpen), std::end(kNotOpen),
+                     [&](const char* end) { return ends_with(reason, end); })) {
+        return failure;
+    }
+    for (const AttachedDevice& device : attached_devices()) {
+        if (device.address != address || device.kind != AttachedDevice::Kind::controller) {
+            continue;
+        }
+        const NodeState node = look_at_node(device);
+        if (!node.ours && (!node.driver.empty() || !node.holders.empty())) {
+            const Obstacle obstacle = obstacle_at(node);
+            return Failure(failure.code(), failure.what(),
+                           "it is attached, but " + obstacle.reason + ": " + obstacle.hint);
+        }
+        return Failure(failure.code(), failure.what(), "it was unplugged meanwhile, or has reset");
+    }
+    return failure;
+}
+
+/// Drops reports that earlier programs requested: before the first request, waits until the device
+/// sends none.
+void Session::drop_stale_reports(JovuDeviceAddress address) {
+    if (pending_reports_.emplace(address, 0).second) {
+        const auto limit = NotificationQueue::Clock::now() + kMaxQuietWait;
+        auto end = NotificationQueue::Clock::now() + kQuietTime;
+        while (std::optional<Notification> notification =
+                   notifications_.next(std::min(end, limit))) {
+            check_connected(address, *notification);
+            if (std::holds_alternative<StatusReport>(notification->what)) {
+                end = NotificationQueue::Clock::now() + kQuietTime;
+            }
+        }
+    }
+    notifications_.drop_reports();
+}
+
+StatusReport Session::request_status(JovuDeviceAddress address) {
+    drop_stale_reports(address);
+    unsigned& pending = pending_reports_[address];
+    std::optional<StatusReport> latest;
+    for (int attempt = 0; attempt < kReportAttempts; ++attempt) {
+        send(address, "status request", [&] { client_->RequestStatus(address); });
+        ++pending;
+        auto end = NotificationQueue::Clock::now() + kReportRepeat;
+        while (std::optional<Notification> notification = notifications_.next(end)) {
+            check_connected(address, *notification);
+            auto* report = std::get_if<StatusReport>(&notification->what);
+            if (report == nullptr || notification->address != address) {
+                continue;
+            }
+            latest = std::move(*report);
+            if (--pending == 0) {
+                return *latest;
+            }
+            // This may be the report of an earlier request. When no other follows, one was lost.
+            end = NotificationQueue::Clock::now() + kFurtherReportLimit;
+        }
+        stop_.throw_if_stopped();
+        if (latest) {
+            pending = 0;
+            return *latest;
+        }
+    }
+    throw Failure(ExitCode::exchange_failed,
+                  "status request to " + to_string(address) + " failed: timed out",
+                  "after an interrupted push the device may wait for the rest of the job: wait "
+                  "until it gives "
+                  "up, or unplug it");
+}
+
+std::optional<Notification> Session::next_notification(
+    NotificationQueue::Clock::time_point deadline) {
+    for (;;) {
+        const auto now = NotificationQueue::Clock::now();
+        if (std::optional<Notification> notification =
+                notifications_.next(std::min(deadline, now + kConnectionCheck))) {
+            return notification;
+        }
+        if (stop_.state() != Stop::none || now >= deadline) {
+            return std::nullopt;
+        }
+        if (has_ended()) {
+            throw Failure(ExitCode::exchange_failed,
+                          "the USB connection has ended, for the reason given above",
+                          "this can happen when a device cannot be opened; run the command again");
+        }
+    }
+}
+
+void Session::wait_until(JovuDeviceAddress address, NotificationQueue::Clock::time_point time) {
+    while (const std::optional<Notification> notification = next_notification(time)) {
+        check_connected(address, *notification);
+    }
+    stop_.throw_if_stopped();
+}
+
+void Session::check_connected(JovuDeviceAddress address, const Notification& notification) const {
+    if (std::holds_alternative<Disconnected>(notification.what) &&
+        notification.address == address) {
+        throw Failure(ExitCode::exchange_failed, "device has disconnected: " + to_string(address),
+                      "it was unplugged, or has reset");
+    }
+}
+
+std::string exchange_hint(const std::string& reason) {
+    struct Row {
+        const char* end;
+        const char* hint;
+    };
+    // The numbers are libusb's error codes.
+    static constexpr Row kRows[] = {
+        {"timed out.",
+         "the device is attached but does not respond: unplug it and plug it in again"},
+        {"No response received.", "it was unplugged meanwhile, or has reset"},
+        {"has been disconnected.", "it was unplugged"},
+        {"no longer connected.", "it was unplugged"},
+        {"error: -1", "it was unplugged, or the bus is disturbed: check the cable"},
+        {"error: -4", "it was unplugged"},
+        {"error: -7", "the device takes no data: unplug it and plug it in again"},
+        {"error: -9", "the device has stalled: unplug it and plug it in again"},
+    };
+    for (const Row& row : kRows) {
+        if (ends_with(reason, row.end)) {
+            return row.hint;
+        }
+    }
+    return {};
+}
+
+Failure exchange_failure(const std::string& what, const std::string& reason) {
+    return Failure(ExitCode::exchange_failed, what + " failed: " + without_period(reason),
+                   exchange_hint(reason));
+}
+
+Identity read_identity(Session& session, JovuDeviceAddress address) {
+    Identity identity;
+    identity.version = to_string(session.exchange(
+        address, "version request", [&] { return session.client().bio_get_version(address); }));
+    identity.serial = read_serial(session, address);
+    return identity;
+}
+
+std::string read_serial(Session& session, JovuDeviceAddress address) {
+    return to_string(session.exchange(address, "serial number request",
+                                      [&] { return session.client().bio_get_serial(address); }));
+}
+
+}  // namespace jovu_cli

@@ -1,0 +1,70 @@
+/// @file
+/// The program's standard output and standard error.
+#pragma once
+
+#include <nlohmann/json_fwd.hpp>
+#include <string>
+#include <string_view>
+
+#include "cli/failure.h"
+#include "posix/file_descriptor.h"
+#include "posix/stop_source.h"
+
+namespace jovu_cli {
+
+/// JSON with its members in the order of their insertion.
+using Json = nlohmann::ordered_json;
+
+/// Reserves the standard output for the program: file descriptor 1, on which the library prints its
+/// diagnostic lines, becomes a duplicate of standard error.
+/// @return the real standard output; invalid when the program was started without one.
+FileDescriptor take_standard_output();
+
+/// Prints one line on standard error, as printable().
+void print_error(const std::string& line);
+
+/// Prints the line of a failure on standard error, if it has one.
+void print_failure(const Failure& failure);
+
+/// Writes to the program's output, unbuffered. A write that blocks ends when the program is to end.
+/// Not thread-safe.
+///
+/// Every writing method throws Failure when the output cannot be written: file_problem, or
+/// output_closed when its reader closed it.
+class Output {
+public:
+    /// @param fd must outlive this object, as must @p stop.
+    Output(const FileDescriptor& fd, const StopSource& stop, bool json);
+
+    /// The same output, for JSON or for people.
+    Output with_json(bool json) const { return Output(fd_, stop_, json); }
+
+    /// For programs that write to a terminal themselves. Owned by this object's creator.
+    int fd() const noexcept { return fd_; }
+    /// Whether everything on the output is JSON.
+    bool json() const noexcept { return json_; }
+    /// Whether lines may be redrawn: a terminal that can move its cursor, and no JSON.
+    bool redraws() const noexcept { return redraws_; }
+    /// Width of the terminal at this moment, in characters.
+    unsigned columns() const;
+
+    /// Writes a line, as printable(), and a line feed.
+    void line(std::string_view text);
+    /// Writes one JSON value on one line, in ASCII: other characters are written as \uXXXX. Bytes
+    /// in its strings that are not UTF-8 become U+FFFD.
+    void object(const Json& value);
+    /// Writes bytes as they are: the program's own strings and controls of the terminal. All other
+    /// strings must have passed printable().
+    void raw(std::string_view bytes);
+
+private:
+    Output(int fd, const StopSource& stop, bool json);
+    void wait_writable() const;
+
+    int fd_;
+    const StopSource& stop_;
+    bool json_;
+    bool redraws_;
+};
+
+}  // namespace jovu_cli
