@@ -6,8 +6,8 @@
 #include <string>
 #include <vector>
 
-#include "call_arguments.h"
-#include "failure.h"
+#include "cli/failure.h"
+#include "firmware/firmware_commands.h"
 #include "require.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {

@@ -22,5 +22,10 @@ covered=$(wc -l <<<"$files")
     echo "check-tidy: the build compiles $covered of the $sources sources in ${folders[*]}" >&2
     exit 1
 }
-xargs -P "$(nproc)" -n 4 clang-tidy-14 -quiet -p "$build_dir" <<<"$files"
+# The analyzer takes three quarters of the time, so it runs over the library alone.
+tidy() { xargs -P "$(nproc)" -n 4 clang-tidy-14 -quiet -p "$build_dir" "$@"; }
+status=0
+grep '^src/' <<<"$files" | tidy || status=1
+grep -v '^src/' <<<"$files" | tidy --checks=-clang-analyzer-* || status=1
+[[ $status -eq 0 ]] || exit "$status"
 echo "$sources files"

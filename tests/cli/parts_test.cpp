@@ -34,13 +34,15 @@ TEST(Times, AreLocalForPeopleAndUtcForPrograms) {
 }
 
 TEST(Advice, IsGivenForEachReason) {
-    const std::pair<const char*, const char*> exchanges[] = {
-        {"timed out.", "does not respond"}, {"No response received.", "has reset"},
-        {"no longer connected.", "was un"}, {"has been disconnected.", "unplugged"},
-        {"libusb error: -1", "check the"},  {"libusb error: -4", "it was unplugged"},
-        {"libusb error: -7", "takes no"},   {"libusb error: -9", "has stalled"}};
-    for (const auto& [reason, hint] : exchanges)
-        EXPECT_THAT(exchange_hint(reason), HasSubstr(hint)) << reason;
+    const std::pair<JovuError, const char*> exchanges[] = {
+        {JovuError::response_timed_out, "does not respond"},
+        {JovuError::no_response, "has reset"},
+        {JovuError::disconnected, "it was unplugged"},
+        {JovuError::transfer_failed, "check the"},
+        {JovuError::send_timed_out, "takes no"},
+        {JovuError::stalled, "has stalled"}};
+    for (const auto& [code, hint] : exchanges)
+        EXPECT_THAT(exchange_failure("x", JovuException("y.", code)).hint(), HasSubstr(hint));
     const std::pair<NodeState, const char*> nodes[] = {
         {{"N", EACCES, "", false, false, {}}, "no permission on N (install the udev rule pack"},
         {{"N", ENODEV, "", false, false, {}}, "N is not there (it was unplugged"},

@@ -19,7 +19,7 @@ struct Table : Rows... {
 template <class... Rows>
 Table(Rows...) -> Table<Rows...>;
 
-const Table members{
+const Table kMembers{
     [](const wifi_ip_config_t& c) {
         return std::tie(c.ip, c.subnet_mask, c.default_gateway, c.dhcp_server, c.dns_server,
                         c.mac_address, c.connected_ssid);
@@ -57,7 +57,7 @@ std::string shown(const T& value) {
         const auto add = [&](const auto& member) {
             out << std::exchange(separator, " ") << shown(member);
         };
-        std::apply([&](const auto&... member) { (add(member), ...); }, members(value));
+        std::apply([&](const auto&... member) { (add(member), ...); }, kMembers(value));
     } else if constexpr (std::is_array_v<T> && std::is_same_v<std::remove_extent_t<T>, char>) {
         out << std::string(value, strnlen(value, sizeof value));
     } else if constexpr (std::is_array_v<T>) {

@@ -54,7 +54,7 @@ public:
             result = send(path);
         } catch (const JovuException& error) {
             end_bar();
-            fail(error.what());
+            fail(error);
         }
         if (stopped() || result != JovuPushResult::completed) {
             end_bar();
@@ -151,8 +151,8 @@ private:
                       "'jovu status' shows it, 'jovu abort' ends it");
     }
 
-    [[noreturn]] void fail(const std::string& reason) const {
-        const Failure failure = exchange_failure("push to " + to_string(address_), reason);
+    [[noreturn]] void fail(const JovuException& error) const {
+        const Failure failure = exchange_failure("push to " + to_string(address_), error);
         const ExitCode code = stopped() ? ExitCode::interrupted : failure.code();
         if (!announced_) {
             throw Failure(code, failure.what(), failure.hint());

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <chrono>
-#include <string_view>
 
 #include "terminal/output.h"
 
@@ -31,13 +30,6 @@ constexpr auto kFurtherReportLimit = 500ms;
 constexpr auto kConnectionCheck = 200ms;
 
 constexpr const char* kWaitHint = "--wait-device SECONDS waits for one";
-
-/// Ends of the library's messages for a device that is not open.
-constexpr const char* kNotOpen[] = {"has been disconnected.", "no longer connected."};
-
-bool ends_with(std::string_view value, std::string_view end) {
-    return value.size() >= end.size() && value.substr(value.size() - end.size()) == end;
-}
 
 bool contains(const std::vector<JovuDeviceAddress>& addresses, JovuDeviceAddress address) {
     return std::find(addresses.begin(), addresses.end(), address) != addresses.end();
@@ -255,15 +247,14 @@ void Session::check_exchange(JovuDeviceAddress address, const std::string& name)
                                                  " may or may not have been carried out by " +
                                                  to_string(address));
     }
-    throw failure_at(address, name, reason);
+    throw failure_at(address, name, JovuException(reason, JovuTransport::last_send_error_code()));
 }
 
 /// @return the Failure for an exchange with a device. A device that is not open may be attached.
 Failure Session::failure_at(JovuDeviceAddress address, const std::string& name,
-                            const std::string& reason) const {
-    Failure failure = exchange_failure(name + " to " + to_string(address), reason);
-    if (std::none_of(std::begin(kNotOpen), std::end(kNotOpen),
-                     [&](const char* end) { return ends_with(reason, end); })) {
+                            const JovuException& error) const {
+    Failure failure = exchange_failure(name + " to " + to_string(address), error);
+    if (error.code() != JovuError::disconnected) {
         return failure;
     }
     for (const AttachedDevice& device : attached_devices()) {
@@ -366,34 +357,28 @@ void Session::check_connected(JovuDeviceAddress address, const Notification& not
     }
 }
 
-std::string exchange_hint(const std::string& reason) {
-    struct Row {
-        const char* end;
-        const char* hint;
-    };
-    // The numbers are libusb's error codes.
-    static constexpr Row kRows[] = {
-        {"timed out.",
-         "the device is attached but does not respond: unplug it and plug it in again"},
-        {"No response received.", "it was unplugged meanwhile, or has reset"},
-        {"has been disconnected.", "it was unplugged"},
-        {"no longer connected.", "it was unplugged"},
-        {"error: -1", "it was unplugged, or the bus is disturbed: check the cable"},
-        {"error: -4", "it was unplugged"},
-        {"error: -7", "the device takes no data: unplug it and plug it in again"},
-        {"error: -9", "the device has stalled: unplug it and plug it in again"},
-    };
-    for (const Row& row : kRows) {
-        if (ends_with(reason, row.end)) {
-            return row.hint;
+Failure exchange_failure(const std::string& what, const JovuException& error) {
+    const auto hint = [&]() -> const char* {
+        switch (error.code()) {
+            case JovuError::response_timed_out:
+                return "the device is attached but does not respond: unplug it and plug it in "
+                       "again";
+            case JovuError::no_response:
+                return "it was unplugged meanwhile, or has reset";
+            case JovuError::disconnected:
+                return "it was unplugged";
+            case JovuError::transfer_failed:
+                return "it was unplugged, or the bus is disturbed: check the cable";
+            case JovuError::send_timed_out:
+                return "the device takes no data: unplug it and plug it in again";
+            case JovuError::stalled:
+                return "the device has stalled: unplug it and plug it in again";
+            default:
+                return "";
         }
-    }
-    return {};
-}
-
-Failure exchange_failure(const std::string& what, const std::string& reason) {
-    return Failure(ExitCode::exchange_failed, what + " failed: " + without_period(reason),
-                   exchange_hint(reason));
+    };
+    return Failure(ExitCode::exchange_failed, what + " failed: " + without_period(error.what()),
+                   hint());
 }
 
 Identity read_identity(Session& session, JovuDeviceAddress address) {

@@ -25,13 +25,9 @@ namespace jovu_cli {
 /// JovuUsbDevice::type of the devices that the library opens.
 constexpr int kControllerType = 1;
 
-/// @param reason the library's message of a failed exchange.
-/// @return what the user can do about it; empty for an unknown reason.
-std::string exchange_hint(const std::string& reason);
-
-/// @return the Failure for an exception of the library.
-/// @param reason the message of the exception.
-Failure exchange_failure(const std::string& what, const std::string& reason);
+/// @param what was attempted.
+/// @return the Failure for an exception of the library, with what the user can do about it.
+Failure exchange_failure(const std::string& what, const JovuException& error);
 
 /// A controller that is attached and cannot be opened.
 struct UnopenedController {
@@ -136,7 +132,7 @@ public:
             call();
         } catch (const JovuException& error) {
             stop_.throw_if_stopped();  // After Ctrl-C the error is of no interest.
-            throw failure_at(address, name, error.what());
+            throw failure_at(address, name, error);
         }
     }
 
@@ -161,7 +157,7 @@ private:
     void start();
     void restart();
     Failure failure_at(JovuDeviceAddress address, const std::string& name,
-                       const std::string& reason) const;
+                       const JovuException& error) const;
     bool worth_waiting(const std::vector<JovuDeviceAddress>& usable, bool found);
     std::size_t attached_controllers();
     void drop_stale_reports(JovuDeviceAddress address);
