@@ -10,7 +10,6 @@ namespace {
 
 using testing::HasSubstr;
 using testing::IsEmpty;
-using testing::Not;
 
 /// A failure prints one line on standard error and nothing on standard output.
 void expect_error(const Ended& ended, int status, const std::string& what) {

@@ -2,8 +2,8 @@
 /// Runs the program `jovu` as a child process and watches what it writes.
 #pragma once
 
-#include <signal.h>
 #include <sys/types.h>
+#include <csignal>
 
 #include <chrono>
 #include <string>

@@ -83,8 +83,8 @@ TEST_F(Shell, CompletesNamesAndKeys) {
     EXPECT_TRUE(answers(".ca\tservo_dc_config_s\tservo_name=0 \tpwm_cap\t\t",
                         "config.pwm_cap=       config.pwm_cap_time=\r\n"));
     EXPECT_TRUE(answers(kCtrlC, "^C\r\njovu> "));
-    std::ofstream(state_ + "/a\x1b[2Jc");
-    std::ofstream(state_ + "/a\xE2\x80\xAEz");
+    for (const char* const file : {"/a\x1b[2Jc", "/a\xE2\x80\xAEz"})
+        std::ofstream(state_ + file).close();
     EXPECT_TRUE(answers(".push " + state_ + "/a\t", "a\\x1b[2Jc  ", "a\\u202ez\r\n"));
     EXPECT_TRUE(answers("\xE2\x80\xAE", "\xEF\xBF\xBD"));
     shell_->type(kCtrlU);

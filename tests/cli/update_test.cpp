@@ -12,7 +12,6 @@ namespace {
 
 using nlohmann::json;
 using testing::HasSubstr;
-using testing::IsEmpty;
 
 /// @return the file $f after a shell command.
 std::string after(const std::string& command, const std::string& content = "") {

@@ -89,7 +89,7 @@ TEST_F(Watcher, PassesOverWhatCannotBeHadNowAndTriesAgain) {
             const Link link(told, [&](Link& self) { device = self.device; });
             EXPECT_TRUE(told.wait(row.next));
             EXPECT_TRUE(eventually([] {
-                return test::write("x") == "" || test::write("x", {1, 6}) == "";
+                return test::write("x").empty() || test::write("x", {1, 6}).empty();
             }));
         }
         finish();

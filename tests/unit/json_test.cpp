@@ -49,16 +49,16 @@ TEST(Json, LookUpsFindTheRightTypeAtTheRightPath) {
 }
 
 TEST(Json, TheIntegerReadingIsTheWholePartWithinItsLimits) {
-    constexpr auto smallest = std::numeric_limits<long long>::min();
-    constexpr auto largest = std::numeric_limits<long long>::max();
+    constexpr auto kSmallest = std::numeric_limits<long long>::min();
+    constexpr auto kLargest = std::numeric_limits<long long>::max();
     const std::pair<long long, std::vector<const char*>> cases[] = {
         {0, {"0", "-0.9", "1e-400"}},
         {1, {"1.5"}},
         {-7, {"-7.9"}},
         {1000, {"1e3"}},
         {9007199254740993, {"9007199254740993"}},
-        {largest, {"9223372036854775807", "9223372036854775808", "1e19", "1e400"}},
-        {smallest, {"-9223372036854775808", "-9223372036854775808.0", "-1e19", "-1e400"}},
+        {kLargest, {"9223372036854775807", "9223372036854775808", "1e19", "1e400"}},
+        {kSmallest, {"-9223372036854775808", "-9223372036854775808.0", "-1e19", "-1e400"}},
     };
     for (const auto& [expected, numbers] : cases) {
         for (const char* const number : numbers) {

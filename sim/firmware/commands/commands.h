@@ -81,6 +81,7 @@ CommandRows system_commands();
 /// @}
 
 /// A request with an id, which gets a response.
+// NOLINTNEXTLINE(bugprone-exception-escape): moving a Json throws when it is damaged alone.
 struct Request {
     std::uint32_t id = 0;
     bool response_wanted = true;

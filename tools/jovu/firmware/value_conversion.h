@@ -51,7 +51,8 @@ ValueType describe();
 
 template <class Integer>
 void describe_range(ValueType& type) {
-    type.lowest = std::numeric_limits<Integer>::min();
+    type.lowest = std::int64_t{
+        std::numeric_limits<Integer>::min()};  // NOLINT(bugprone-signed-char-misuse): a number
     type.highest = std::numeric_limits<Integer>::max();
 }
 

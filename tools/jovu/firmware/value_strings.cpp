@@ -287,7 +287,7 @@ void flatten(const Json& value, const std::string& path, std::vector<Row>& rows)
         return;
     }
     for (const auto& [key, member] : value.items()) {
-        flatten(member, path.empty() ? key : path + "." + key, rows);
+        flatten(member, path.empty() ? key : std::string(path).append(".").append(key), rows);
     }
 }
 
