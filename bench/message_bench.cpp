@@ -1,10 +1,14 @@
 /// @file
 /// Exchanges and events, each as a ratio to bare yajl on the same bytes, measured in the same run.
-#include <chrono>
+#include <algorithm>
+#include <cstddef>
 #include <cstdint>
+#include <ctime>
 #include <functional>
 #include <memory>
 #include <stdexcept>
+#include <string>
+#include <vector>
 
 #include <benchmark/benchmark.h>
 
@@ -16,41 +20,51 @@
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
-
 /// Long enough for the clock not to matter, short enough for both sides to meet the same machine.
 constexpr int kBatch = 100;
 
-/// Runs what is measured and its floor by turns and tells the ratio of their times.
+/// CPU time of the calling thread for one call, in microseconds: waiting for a processor does not
+/// count. Everything that is measured happens on this thread.
+template <class Call>
+double cpu_us(Call call) {
+    const auto now = [] {
+        timespec time{};
+        clock_gettime(CLOCK_THREAD_CPUTIME_ID, &time);
+        return static_cast<double>(time.tv_sec) * 1e6 + static_cast<double>(time.tv_nsec) / 1e3;
+    };
+    const double start = now();
+    for (int i = 0; i < kBatch; ++i)
+        call();
+    return (now() - start) / kBatch;
+}
+
+double median(std::vector<double> values) {
+    const auto middle = values.begin() + static_cast<std::ptrdiff_t>(values.size() / 2);
+    std::nth_element(values.begin(), middle, values.end());
+    return *middle;
+}
+
+/// Runs what is measured and its floor by turns. Each number is the median over the batches, the
+/// ratio that of the ratios within a batch, so that a disturbed batch does not count.
 template <class Work, class Floor>
 void compare(benchmark::State& state, Work work, Floor floor) {
-    Clock::duration work_time{};
-    Clock::duration floor_time{};
-    std::int64_t batches = 0;
+    std::vector<double> work_us;
+    std::vector<double> floor_us;
+    std::vector<double> ratios;
     const std::uint64_t before = bench::allocations();
     work();
     const std::uint64_t allocated = bench::allocations() - before;
     floor();
     const std::uint64_t floor_allocated = bench::allocations() - before - allocated;
     for ([[maybe_unused]] const auto iteration : state) {
-        const Clock::time_point start = Clock::now();
-        for (int i = 0; i < kBatch; ++i)
-            work();
-        const Clock::time_point middle = Clock::now();
-        for (int i = 0; i < kBatch; ++i)
-            floor();
-        floor_time += Clock::now() - middle;
-        work_time += middle - start;
-        state.SetIterationTime(std::chrono::duration<double>(middle - start).count());
-        ++batches;
+        work_us.push_back(cpu_us(work));
+        floor_us.push_back(cpu_us(floor));
+        ratios.push_back(work_us.back() / floor_us.back());
+        state.SetIterationTime(work_us.back() * kBatch * 1e-6);
     }
-    const auto each = [&](Clock::duration time) {
-        return std::chrono::duration<double, std::micro>(time).count() /
-               static_cast<double>(batches * kBatch);
-    };
-    state.counters["us"] = each(work_time);
-    state.counters["yajl_us"] = each(floor_time);
-    state.counters["ratio"] = each(work_time) / each(floor_time);
+    state.counters["us"] = median(work_us);
+    state.counters["yajl_us"] = median(floor_us);
+    state.counters["ratio"] = median(ratios);
     state.counters["allocs"] = static_cast<double>(allocated);
     state.counters["yajl_allocs"] = static_cast<double>(floor_allocated);
 }
