@@ -19,7 +19,6 @@ namespace jovu_cli {
 namespace {
 
 namespace fs = std::filesystem;
-using Kind = AttachedDevice::Kind;
 
 constexpr const char* kSystemDevices = "/sys/bus/usb/devices";
 constexpr const char* kRuleName = "70-jovu.rules";
@@ -86,9 +85,9 @@ std::optional<AttachedDevice> read_device(const std::string& name) {
         word(kVendorOffset) != kControllerVendor) {
         return std::nullopt;
     }
-    const Kind kind = word(kProductOffset) == kControllerProduct ? Kind::controller
-                      : is_in_dfu_mode(descriptors)              ? Kind::dfu
-                                                                 : Kind::other;
+    const auto kind = word(kProductOffset) == kControllerProduct ? AttachedDevice::Kind::controller
+                      : is_in_dfu_mode(descriptors)              ? AttachedDevice::Kind::dfu
+                                                                 : AttachedDevice::Kind::other;
     return AttachedDevice{*address, kind, name};
 }
 
