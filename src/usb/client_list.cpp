@@ -91,10 +91,11 @@ void ClientList::call_each(Interface& interface, Call call) {
 bool ClientList::dispatch(std::size_t interface, unsigned char* data, unsigned int length,
                           JovuDeviceAddress address) noexcept {
     try {
+        // Before the mutex, for which it may have to wait: no other event is handled meanwhile.
+        const Count dispatch(dispatches_);
         Interface& chosen = interfaces_.at(interface);
         const ClientLock lock(chosen._registered_client_mutex);
         const Count count(calls);
-        const Count dispatch(dispatches_);
         call_each(chosen,
                   [=](JovuUsbClient& client) { client.data_received(data, length, address); });
         std::fill_n(data, length, static_cast<unsigned char>(0));

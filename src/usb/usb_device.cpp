@@ -159,13 +159,16 @@ int UsbDevice::transfer(std::uint8_t endpoint, const unsigned char* data, int si
     if (kept_by != nullptr) fail_sending(LIBUSB_ERROR_BUSY);
     const int result = send_transfer_.submit(handle_.get(), endpoint, data, size);
     if (result != 0) return result;
-    const auto limit = std::chrono::milliseconds(kSendTimeoutMs) + kDrainLimit;
-    auto deadline = Clock::now() + limit;
-    while (!send_transfer_.wait(context_)) {
-        // A client that is busy with received data delays all event handling.
+    const Clock::duration limit = std::chrono::milliseconds(kSendTimeoutMs) + kDrainLimit;
+    const Clock::duration longest_wait = kSenderReliance + kSenderEventWait;
+    auto left = limit;
+    for (auto begin = Clock::now(); !send_transfer_.wait(context_); begin = Clock::now()) {
+        // A client that is busy with received data delays all event handling. On this thread it
+        // has prolonged the wait.
+        left -= std::min(Clock::now() - begin, longest_wait);
         if (client_list().dispatching()) {
-            deadline = Clock::now() + limit;
-        } else if (Clock::now() > deadline) {
+            left = limit;
+        } else if (left < left.zero()) {
             // libusb keeps the pointer to the data but reads it no more: the kernel has copied what
             // was submitted.
             keep_until_exit(shared_from_this());

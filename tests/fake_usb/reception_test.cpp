@@ -226,6 +226,27 @@ TEST_F(Reception, ClosingOutlastsADeliveryOnAnotherThreadAlsoOneThatFails) {
     }
 }
 
+/// The watcher is in the notification. A sender handles events meanwhile, and waits in a delivery.
+TEST_F(Reception, ALongNotificationCostsNoSenderItsDevice) {
+    Link link(journal);
+    fake_usb::plug(1, 6);
+    ASSERT_TRUE(journal.wait("b+1.5") && journal.wait("b+1.6"));
+    Barrier barrier;
+    link.messages.on_connected = [&barrier] { barrier.wait(); };
+    fake_usb::plug(1, 7);
+    ASSERT_TRUE(journal.wait("a+1.7"));
+    fake_usb::hold_bulk(true);
+    auto one = std::async(std::launch::async, [] { return test::write("x"); });
+    auto other = std::async(std::launch::async, [] { return test::write("x", {1, 6}); });
+    ASSERT_TRUE(test::eventually([] { return fake_usb::sent().size() == 2; }));
+    post(link.device, kMessagesIn, LIBUSB_TRANSFER_COMPLETED, "y");
+    const std::chrono::milliseconds limit(jovu::kSendTimeoutMs);
+    std::this_thread::sleep_for(limit + jovu::kDrainLimit + std::chrono::milliseconds(200));
+    fake_usb::hold_bulk(false);
+    barrier.open();
+    EXPECT_EQ(one.get() + other.get(), "");
+}
+
 TEST_F(Reception, StoppingLetsADeliveryFinish) {
     Barrier barrier;
     Link link(journal, [&](Link& self) {
