@@ -65,10 +65,11 @@ JovuError JovuTransport::last_send_error_code() noexcept {
 void JovuTransport::send_message(JovuMessage& message, JovuDeviceAddress address) {
     const jovu::CallsInProgress::Call call(state_->exchanges);
     state_->exchanged = true;
-    set_last_error("", JovuError::none);
     try {
         if (!call) throw JovuException(kDisconnected, JovuError::shut_down);
         exchange(message, address);
+        // Afterwards: a handler that this thread has called meanwhile may have failed to send.
+        set_last_error("", JovuError::none);
     } catch (const JovuException& error) {
         print_failure(message.id(), error.what());
         set_last_error(error.what(), error.code());

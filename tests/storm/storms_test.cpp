@@ -137,7 +137,7 @@ void tolerantly(Call call) {
     try {
         call();
     } catch (const JovuException&) {
-        std::this_thread::yield();
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
 }
 
