@@ -39,7 +39,8 @@ protected:
     std::string request_of(std::function<std::string()> command) {
         const std::size_t before = fake_usb::sent().size();
         running_ = std::async(std::launch::async, std::move(command));
-        EXPECT_TRUE(eventually([&] { return fake_usb::sent().size() >= before + 2; }));
+        EXPECT_TRUE(eventually(
+            [&] { return fake_usb::sent().size() >= before + 2 && !fake_usb::untold(); }));
         const auto sent = fake_usb::sent();
         const std::string& header = sent[before].bytes;
         std::string body = sent[before + 1].bytes;

@@ -177,13 +177,13 @@ TEST_F(Exchange, KeepsTheReasonOfItsOwnThreadCutTo255Bytes) {
     EXPECT_EQ(JovuTransport::last_send_error(), std::string(255, 'x'));
 
     // A handler fails on the thread of a sender, which handles events while the watcher scans.
-    test::Barrier scan;
+    const auto scan = std::make_shared<test::Barrier>();  // The watcher leaves it at the end.
     std::string failure;
     client.on_debug = [&](JovuDeviceAddress, const std::string&) {
         failure = told(client.bio_get_version(kAddress));
     };
     const unsigned lists = fake_usb::calls(fake_usb::Call::list);
-    fake_usb::script(fake_usb::Call::list, {{0, [&scan] { scan.wait(); }}});
+    fake_usb::script(fake_usb::Call::list, {{0, [scan] { scan->wait(); }}});
     ASSERT_TRUE(test::eventually([=] { return fake_usb::calls(fake_usb::Call::list) > lists; }));
     fake_usb::hold_bulk(true);
     auto sending = std::async(std::launch::async, [this] {
@@ -194,7 +194,7 @@ TEST_F(Exchange, KeepsTheReasonOfItsOwnThreadCutTo255Bytes) {
     fake_usb::hold_bulk(false);
     EXPECT_EQ(sending.get(), "null|");
     EXPECT_EQ(failure, "null|Send failed - libusb error: -6");
-    scan.open();
+    scan->open();
 }
 
 TEST_F(Exchange, EventsReachAnApplicationWithoutRunTimeTypeInformation) {

@@ -228,10 +228,10 @@ TEST_F(Reception, ClosingOutlastsADeliveryOnAnotherThreadAlsoOneThatFails) {
 
 /// The watcher is in the notification. A sender handles events meanwhile, and waits in a delivery.
 TEST_F(Reception, ALongNotificationCostsNoSenderItsDevice) {
+    Barrier barrier;
     Link link(journal);
     fake_usb::plug(1, 6);
     ASSERT_TRUE(journal.wait("b+1.5") && journal.wait("b+1.6"));
-    Barrier barrier;
     link.messages.on_connected = [&barrier] { barrier.wait(); };
     fake_usb::plug(1, 7);
     ASSERT_TRUE(journal.wait("a+1.7"));
