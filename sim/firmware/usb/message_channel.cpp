@@ -218,7 +218,7 @@ std::string MessageChannel::trace_event(const TraceSample& sample) {
 }
 
 void MessageChannel::send_samples(const std::vector<TraceSample>& samples, Millis now) {
-    // Leaves room for the response to the command that ends the trace.
+    // The queue keeps space for the response to the command that ends the trace.
     for (const TraceSample& sample : samples)
         transmit_queue_.push_minor(trace_event(sample), now);
 }

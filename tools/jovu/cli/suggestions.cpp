@@ -11,7 +11,7 @@ namespace {
 
 constexpr std::size_t kMaxSuggestions = 5;
 
-/// Number of letters to insert, delete, replace, or swap with their neighbour.
+/// Number of characters to insert, delete, replace, or swap with their neighbour.
 std::size_t edit_distance(const std::string& a, const std::string& b) {
     const std::size_t width = b.size() + 1;
     std::vector<std::size_t> table((a.size() + 1) * width);
@@ -36,7 +36,7 @@ std::size_t edit_distance(const std::string& a, const std::string& b) {
 
 /// The distance of a name from @p typed, 0 for the closest; nothing when it is not similar.
 std::optional<std::size_t> rank(const std::string& typed, const std::string& name) {
-    // Names have about 5 to 40 letters: with a third of them wrong it is another name.
+    // Names have 5 to 40 characters. With more than a third of them wrong, another name is meant.
     const std::size_t tolerated = std::max<std::size_t>(1, typed.size() / 4);
     const std::size_t distance = edit_distance(typed, name);
     if (distance <= tolerated) {
