@@ -1,10 +1,12 @@
 #!/usr/bin/env bash
 # Checks the whole project: formatting, the test suite as it is released (g++), under
-# AddressSanitizer with UBSan (clang++) and under ThreadSanitizer (g++), and clang-tidy's findings.
+# AddressSanitizer with UBSan (clang++) and under ThreadSanitizer (g++), each source by itself, and
+# clang-tidy's findings.
 # Installs what is missing first. While a suite runs, which mostly waits, the next one is built.
 #
 #   ./test.sh                     everything
-#   ./test.sh --preset NAME       one of: format, release, asan, tsan, tidy (may be repeated)
+#   ./test.sh --preset NAME       one of: format, release, asan, tsan, standalone, tidy (may be
+#                                 repeated)
 #   ./test.sh --tests REGEX       only the tests whose names match
 #   ./test.sh --repeat N          runs each suite N times, until one fails
 #   ./test.sh --no-install        takes the packages as they are
@@ -19,7 +21,7 @@ source scripts/steps.sh
 usage() { sed -n '2,/^set /s/^# \{0,1\}//p' test.sh; }
 wrong_usage() { echo "test.sh: $1 (see --help)" >&2; exit 2; }
 
-all=(format release asan tsan tidy)
+all=(format release asan tsan standalone tidy)
 chosen=()
 ctest_options=()
 install=true
@@ -61,7 +63,8 @@ suite() {
     "${@:2}" ctest --preset "$1" --parallel "$test_jobs" --timeout "$test_timeout" \
         "${ctest_options[@]}"
 }
-tidy() { configure clang && scripts/check-tidy.sh build/clang; }
+standalone() { configure clang && scripts/check-standalone.sh build/clang; }
+tidy() { configure tidy && scripts/check-tidy.sh build/tidy; }
 
 suites=()
 build_and_test() {
@@ -78,7 +81,7 @@ fi
 for name in "${chosen[@]}"; do
     case $name in
         format) step "format" scripts/check-format.sh || true ;;
-        tidy) step "tidy" tidy || true ;;
+        standalone | tidy) step "$name" "$name" || true ;;
         release | asan) build_and_test "$name" ;;
         tsan) build_and_test "$name" "${tsan_runner[@]}" ;;
     esac

@@ -13,7 +13,7 @@
 #include <benchmark/benchmark.h>
 
 #include "allocations.h"
-#include "answering_device.h"
+#include "responding_device.h"
 #include "bare_yajl.h"
 #include "fake_usb/framed.h"
 #include "jovu/client.h"
@@ -91,15 +91,15 @@ struct TreeFree {
 };
 using Tree = std::unique_ptr<yajl_val_s, TreeFree>;
 
-/// @param call one command; it must be answered.
+/// @param call one command; it must succeed.
 void exchange(benchmark::State& state, const std::string& returned,
               const std::function<void(Client&)>& call) {
-    bench::answer_with(returned);
+    bench::respond_with(returned);
     call(client());
     const Tree request(yajl_tree_parse(bench::sample_request().c_str(), nullptr, 0));
-    const std::string answer = [] {
+    const std::string response = [] {
         // A blank is no id; any number has the same length.
-        std::string text = bench::sample_answer();
+        std::string text = bench::sample_response();
         const std::size_t blank = text.find(' ');
         return text.replace(blank, 6, "123456");
     }();
@@ -107,13 +107,13 @@ void exchange(benchmark::State& state, const std::string& returned,
         state,
         [&] {
             call(client());
-            if (!JovuTransport::last_send_error().empty()) throw std::logic_error("no answer");
+            if (!JovuTransport::last_send_error().empty()) throw std::logic_error("no response");
         },
         [&] {
             benchmark::DoNotOptimize(bench::generate(request.get()));
-            bench::parse(answer);
+            bench::parse(response);
         });
-    state.counters["bytes"] = static_cast<double>(bench::sample_request().size() + answer.size());
+    state.counters["bytes"] = static_cast<double>(bench::sample_request().size() + response.size());
 }
 
 void bio_get_version(benchmark::State& state) {

@@ -132,12 +132,12 @@ public:
         {
             const std::lock_guard<std::mutex> lock(c.mutex);
             c.expected = R"("id":)" + id + "}";
-            c.answered = false;
+            c.responded = false;
         }
         if (!write(c, header) || !write(c, body)) return false;
         std::unique_lock<std::mutex> lock(c.mutex);
-        c.changed.wait_for(lock, kLimit, [&] { return c.answered || c.closing; });
-        return c.answered;
+        c.changed.wait_for(lock, kLimit, [&] { return c.responded || c.closing; });
+        return c.responded;
     }
 
     void close(std::size_t controller) override { controllers_[controller]->close(); }
@@ -221,7 +221,7 @@ private:
                 const auto high = static_cast<unsigned char>(received[2]);
                 const std::size_t frame = kFrameHeaderSize + low + 256U * high;
                 if (received.size() < frame) return;
-                if (received.substr(0, frame).find(expected) != std::string::npos) answered = true;
+                if (received.substr(0, frame).find(expected) != std::string::npos) responded = true;
                 received.erase(0, frame);
             }
         }
@@ -236,7 +236,7 @@ private:
         int in_flight = 0;
         bool closing = false;
         bool writing = false;
-        bool answered = false;
+        bool responded = false;
         std::string expected;
         std::string received;
     };
@@ -274,7 +274,7 @@ private:
         const std::lock_guard<std::mutex> lock(c.mutex);
         if (transfer->status == LIBUSB_TRANSFER_COMPLETED) {
             c.take(transfer->buffer, transfer->actual_length);
-            if (c.answered) c.changed.notify_all();
+            if (c.responded) c.changed.notify_all();
             if (!c.closing && libusb_submit_transfer(transfer) == 0) return;
         }
         --c.in_flight;

@@ -24,7 +24,7 @@ public:
         const std::shared_ptr<char> version = bio_get_version(address);
         const std::shared_ptr<char> serial = bio_get_serial(address);
         if (version == nullptr || serial == nullptr) {
-            std::printf("%d:%d does not answer: %s\n", address.bus, address.address,
+            std::printf("%d:%d does not respond: %s\n", address.bus, address.address,
                         last_send_error().c_str());
             return;
         }

@@ -1,12 +1,13 @@
 #!/usr/bin/env bash
-# Runs clang-tidy over the sources of library, program, simulator and tests, each as it stands alone
-# (no unity build, no precompiled headers). Every finding is an error.
+# Runs clang-tidy over the sources of library, program, simulator and tests. Every finding is an
+# error.
 #
 #   scripts/check-tidy.sh [--all] BUILD_DIR
 #
-# BUILD_DIR was configured with clang++ (preset "clang"). The library gets every check. The other
-# folders get those of style, which take seconds; with --all, which takes ten minutes on two cores,
-# all but the static analyzer.
+# BUILD_DIR was configured with clang++ and unity builds (preset "tidy"). The library, whose sources
+# are compiled one by one there too, gets every check. The other folders get those of style, in
+# unity sources, since reading the headers takes most of the time. With --all they get all but the
+# static analyzer; that takes a build without unity sources, whose folders have checks of their own.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -14,9 +15,10 @@ style=(readability-identifier-naming readability-container-size-empty readabilit
     readability-delete-null-pointer readability-misleading-indentation
     readability-redundant-smartptr-get modernize-use-nullptr modernize-use-override
     modernize-make-unique modernize-make-shared modernize-deprecated-headers misc-unused-using-decls)
-rest="-*,$(IFS=,; echo "${style[*]}")"
+# Headers and sources of the folders are included files in a unity source.
+rest=("--checks=-*,$(IFS=,; echo "${style[*]}")" '--header-filter=/(src|tools|sim|tests)/')
 if [[ ${1:-} == --all ]]; then
-    rest='-clang-analyzer-*'
+    rest=('--checks=-clang-analyzer-*')
     shift
 fi
 build_dir=${1:?usage: scripts/check-tidy.sh [--all] BUILD_DIR}
@@ -24,20 +26,25 @@ build_dir=${1:?usage: scripts/check-tidy.sh [--all] BUILD_DIR}
     echo "check-tidy: no compile_commands.json in $build_dir" >&2
     exit 1
 }
-# Folders whose sources are checked, each by the .clang-tidy next to it or above it.
-folders=(src tools sim tests)
-sources=$(find "${folders[@]}" -name '*.cpp' -not -path 'tests/public_headers/*' | wc -l)
-files=$(jq -r --arg root "$PWD/" --arg folders "^($(IFS='|'; echo "${folders[*]}"))/" \
-    '[.[].file | ltrimstr($root) | select(test($folders))] | unique[]' \
+# Relative to this folder: a source, or a unity source in BUILD_DIR.
+files=$(jq -r --arg root "$PWD/" '[.[].file | ltrimstr($root)
+    | select(test("^(build/[^/]*/)?(src|tools|sim|tests)/"))] | unique[]' \
     "$build_dir/compile_commands.json")
-covered=$(wc -l <<<"$files")
-[[ $covered -eq $sources ]] || {
-    echo "check-tidy: the build compiles $covered of the $sources sources in ${folders[*]}" >&2
+# The sources of such a file.
+sources_of() {
+    if [[ $1 == build/* ]]; then sed -n 's/^#include "\(.*\)"$/\1/p' "$1"; else echo "$1"; fi
+}
+covered=$(while read -r file; do sources_of "$file"; done <<<"$files" |
+    while read -r source; do echo "${source#"$PWD/"}"; done | sort -u)
+sources=$(find src tools sim tests -name '*.cpp' -not -path 'tests/public_headers/*' | sort)
+[[ $covered == "$sources" ]] || {
+    echo "check-tidy: the build does not compile the same sources:" >&2
+    diff <(echo "$covered") <(echo "$sources") >&2 || true
     exit 1
 }
-tidy() { xargs -P "$(nproc)" -n 4 clang-tidy-14 -quiet -p "$build_dir" "$@"; }
+tidy() { xargs -P "$(nproc)" -n "$1" clang-tidy-14 -quiet -p "$build_dir" "${@:2}"; }
 status=0
-grep '^src/' <<<"$files" | tidy || status=1
-grep -v '^src/' <<<"$files" | tidy "--checks=$rest" || status=1
+grep '^src/' <<<"$files" | tidy 4 || status=1
+grep -v '^src/' <<<"$files" | tidy 1 "${rest[@]}" || status=1
 [[ $status -eq 0 ]] || exit "$status"
-echo "$sources files"
+wc -l <<<"$sources"

@@ -31,7 +31,10 @@ storms() {
     done
     return "$status"
 }
-tidy() { cmake --preset clang && scripts/check-tidy.sh --all build/clang; }
+tidy() {
+    cmake --preset tidy -B build/tidy-all -D CMAKE_UNITY_BUILD=OFF &&
+        scripts/check-tidy.sh --all build/tidy-all
+}
 
 for part in "${parts[@]}"; do
     case $part in

@@ -21,14 +21,14 @@
 /// Construction starts the USB connection; device_connected() is called for every device that is
 /// attached already, as for later ones. It is not called for a device that the process has open
 /// already, through another client: this client receives its data and can push jobs to it, but
-/// cannot send it commands before it is plugged in anew. One client per process is the rule.
+/// cannot send it commands before it is plugged in again. One client per process is the rule.
 ///
 /// Destruction unregisters the client and waits for running notification threads. When
 /// ~JovuClient() begins, the overrides and members of the application's class have been destroyed
 /// already, so that class calls shutdown() first in its own destructor.
 ///
 /// When the last client of the process is destroyed, the USB connection stops: devices are closed
-/// and libusb is left.
+/// and libusb is shut down.
 class JOVU_API JovuClient : public JovuJobInterface,
                             public JovuCommandInterface,
                             public JovuEventInterface,
@@ -43,10 +43,11 @@ public:
     /// As shutdown().
     ~JovuClient() override;
 
-    /// A device can be talked to. Empty by default. See JovuTransport::device_connected().
+    /// A device is connected and accepts commands. Empty by default. See
+    /// JovuTransport::device_connected().
     void device_connected(JovuDeviceAddress address) override;
 
-    /// A device is gone. Empty by default. See JovuTransport::device_disconnected().
+    /// A device is disconnected. Empty by default. See JovuTransport::device_disconnected().
     void device_disconnected(JovuDeviceAddress address) override;
 
     /// Unregisters the client: when it returns, no callback of this client is running (but

@@ -1,15 +1,15 @@
 /// @file
-/// How the library names a device: by its place on the bus.
+/// How the library identifies a device: by its address on the bus.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
 #include <functional>
 
-/// Names one attached device by its place on the bus. A plain value, passed by value.
+/// Identifies one attached device by its address on the bus. A plain value, passed by value.
 ///
-/// The address belongs to the place, not to the device: a controller that is unplugged and plugged
-/// in again is known by the address that it then has, and to the library it is a new device.
+/// A controller that is unplugged and plugged in again gets another address from the system, or the
+/// same one; to the library it is a new device.
 struct JovuDeviceAddress {
     std::uint8_t bus;      ///< USB bus number, 0..255.
     std::uint8_t address;  ///< Device address on that bus, 0..255 (assigned at enumeration).

@@ -12,8 +12,8 @@
 class JovuEvent;
 class JovuTransport;
 
-/// Receives the events that the firmware sends unasked. Override the handlers that matter; each is
-/// empty by default.
+/// Receives the events that the firmware sends on its own. Override the handlers that are needed;
+/// each is empty by default.
 ///
 /// Threads: handlers run on the thread that handles USB events (the watcher thread, for moments a
 /// thread that sends or closes), one at a time, and nothing is received while one runs. In a
@@ -31,7 +31,7 @@ public:
     JovuEventInterface(const JovuEventInterface&) = delete;
     JovuEventInterface& operator=(const JovuEventInterface&) = delete;
 
-    /// The firmware printed a text for people to read.
+    /// The firmware printed a message.
     /// @param address the device.
     /// @param text the bytes as sent; the firmware ends them with a NUL, and the library keeps one
     ///     more zero behind them in any case. Null when the event carried no arguments. The
@@ -45,7 +45,7 @@ public:
 
     /// The event object registered under a name.
     ///
-    /// Called on the thread that handles USB events. An unknown name is remembered with a null
+    /// Called on the thread that handles USB events. An unknown name is kept with a null
     /// entry, for a bounded number of names.
     /// @param name the event's name on the wire.
     /// @return owned by this object; null when no event has that name.

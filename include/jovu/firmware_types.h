@@ -2,19 +2,18 @@
 /// The firmware's data types as they cross the public interface.
 ///
 /// Every structure is a plain aggregate, laid out in the order of its members, and copied by value.
-/// Fixed arrays of characters are not strings: a text in one is padded with NULs by whoever fills
-/// it, and has no NUL at its end when it takes all the room. A member that a device left out of its
-/// answer, or sent as another kind of value, is zero.
+/// A string in a fixed array of characters is padded with NULs; one that fills the array has no NUL
+/// at its end. A member that a response lacks, or holds as another kind of value, is zero.
 ///
-/// What is not said here about a value (its unit, its range, its meaning) is the firmware's affair:
-/// the library passes it through unchanged.
+/// Where no unit, range or meaning is given, the firmware defines it, and the library passes the
+/// value through unchanged.
 #pragma once
 
 #include <cstdint>
 
 /// @name Enumerations
-/// The numeric values are the firmware's own and are passed through unchanged; any 32-bit value may
-/// come and go. `gpio_name_t{3}` makes one from a number.
+/// The numeric values are the firmware's own and are passed through unchanged; every
+/// 32-bit value is accepted in both directions. `gpio_name_t{3}` makes one from a number.
 /// @{
 
 enum gpio_name_t : std::uint32_t {};             ///< A pin of the controller.
@@ -28,9 +27,9 @@ enum heater_fault_t : std::uint32_t {};          ///< Why the heater has stopped
 enum HEATER_VARS_m : std::uint32_t {};           ///< A variable of the heater, such as its target.
 enum wifi_interface_t : std::uint32_t {};        ///< A Wi-Fi interface of the controller.
 enum servo_dc_name_t : std::int32_t {};          ///< A DC servo axis; the only signed enumeration.
-enum servo_move_call_result_t : std::uint32_t {};  ///< Whether a move was taken on.
+enum servo_move_call_result_t : std::uint32_t {};  ///< Whether a move was accepted.
 enum servo_dc_move_dir_t : std::uint32_t {};       ///< Direction of a move.
-enum ui_led_t : std::uint32_t {};                  ///< A light on the controller.
+enum ui_led_t : std::uint32_t {};                  ///< An LED of the controller.
 enum hbridge_name_t : std::uint32_t {};            ///< An H-bridge output.
 
 /// @}
@@ -44,7 +43,7 @@ struct wifi_client_connect_t {
     std::uint32_t timeout;  ///< How long to try, in the firmware's unit.
 };
 
-/// What a Wi-Fi interface does by itself.
+/// What a Wi-Fi interface does when the controller starts.
 struct wifi_ifc_config_t {
     bool auto_start;                    ///< Start with the controller.
     bool auto_connect;                  ///< Join a network when started.
@@ -138,7 +137,7 @@ struct servo_dc_move_config_t {
     float slave_ratio;              ///< Ratio to the servo that is followed.
 };
 
-/// A change of a move that is under way.
+/// A change of a move in progress.
 struct servo_dc_move_modifier_data_t {
     servo_dc_name_t servo_name;     ///< Which servo.
     std::uint32_t type;             ///< Kind of change.
@@ -178,13 +177,13 @@ struct servo_trace_msg {
 
 /// Outcome of writing one byte.
 struct write_byte_return_t {
-    std::int16_t success;       ///< The firmware's own verdict.
+    std::int16_t success;       ///< The firmware's own status.
     std::uint32_t timetowrite;  ///< How long it took, in the firmware's unit.
 };
 
 /// Outcome of reading one byte.
 struct read_byte_return_t {
-    std::int16_t byteread;     ///< The byte, or the firmware's own verdict.
+    std::int16_t byteread;     ///< The byte, or the firmware's own status.
     std::uint32_t timetoread;  ///< How long it took, in the firmware's unit.
 };
 

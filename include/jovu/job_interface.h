@@ -53,12 +53,12 @@ enum class JovuPushResult {
 /// for the whole process, with one line on standard output.
 ///
 /// The channel is one stream of bytes. While a push to a device runs, requests to it and raw bytes
-/// from other threads would become part of the job; keeping them apart is the caller's to ensure.
+/// from other threads would become part of the job; the caller must prevent that.
 /// The same holds after a push that has ended with an exception, from the connection, the progress
-/// callback or a shutdown(): the device still waits for the rest of the announced size and takes
-/// everything on this channel for it, requests for status or abort included. It responds again once
-/// it has received that many bytes, has timed out (each byte may restart its time limit), or is
-/// restarted. A push that may have to be ended early therefore takes a JovuPushCancel.
+/// callback or a shutdown(): the device still waits for the rest of the announced size and treats
+/// everything on this channel as job data, requests for status or abort included. It responds again
+/// once it has received that many bytes, has timed out (each byte may restart its time limit), or
+/// is restarted. A push that may have to be ended early therefore takes a JovuPushCancel.
 ///
 /// The USB connection stops when the last client of either interface unregisters: an object of this
 /// class alone stops working when the last JovuClient of the process is destroyed.
@@ -107,18 +107,19 @@ public:
     /// As shutdown(). Not in a handler that is called with received data.
     ~JovuJobInterface() override;
 
-    /// Asks a device for a status report, which arrives later through StatusReceived(). Reports
-    /// carry no number: one that was requested earlier may arrive first.
-    /// @throws JovuException "Send failed - ..." when the device is gone or does not take it, and
+    /// Requests a status report, which arrives later through StatusReceived(). Reports carry no
+    /// number: one that was requested earlier may arrive first.
+    /// @throws JovuException "Send failed - ..." when the device is disconnected or takes no data,
+    ///     and
     ///     "Send failed - The client has been shut down." after shutdown().
     void RequestStatus(JovuDeviceAddress address);
 
-    /// Asks a device to pause its job, or to resume it if it is paused: look at a status report
+    /// Requests that a device pause its job, or resume it if it is paused: look at a status report
     /// first. Devices without a job ignore it.
     /// @throws JovuException as RequestStatus().
     void SendPause(JovuDeviceAddress address);
 
-    /// Asks a device to abort its job.
+    /// Requests that a device abort its job.
     /// @throws JovuException as RequestStatus().
     void SendAbort(JovuDeviceAddress address);
 
@@ -129,8 +130,8 @@ public:
     void SendJobData(JovuDeviceAddress address, const unsigned char* data, unsigned int length);
 
     /// Pushes a job file and returns when its last byte has been taken by the device. The push
-    /// carries no acknowledgement: the outcome shows in later status reports. Only one push per
-    /// device at a time, which is the caller's to ensure.
+    /// carries no acknowledgement: the outcome shows in later status reports. The caller must
+    /// not run two pushes to one device at a time.
     ///
     /// A device that is unplugged ends the push with an exception, also when another one has taken
     /// its address meanwhile. It is "Send failed - Device no longer connected." when the library
@@ -149,17 +150,17 @@ public:
     ///
     /// A file that cannot be read to its end, or that becomes shorter meanwhile, ends the push
     /// early and still with 100.0, without an exception. The device then waits for the rest and
-    /// takes all requests for job data, as after an exception; the overload with a JovuPushCancel
-    /// fills up.
+    /// treats all requests as job data, as after an exception; the overload with a JovuPushCancel
+    /// sends filler instead.
     /// @throws JovuException "Failed to open job file." (also for a directory or a pipe),
     ///     "Compression not supported yet." or "Send failed - ...".
     void SendJobFile(JovuDeviceAddress address, std::string path, Progress progress, void* user,
                      bool compressed);
 
-    /// The same, but can be cancelled, and fills up what it cannot send, so that the device does
-    /// not wait for it: zero bytes, of which the last may be a one, up to the announced size. The
-    /// checksum of a job that has been filled up differs from the announced one in any case, so
-    /// the device refuses it. The filler takes as long as the rest of the job would; progress goes
+    /// The same, but can be cancelled, and replaces what it cannot send by filler, so that the
+    /// device does not wait for it: zero bytes, of which the last may be a one, up to the announced
+    /// size. The checksum then always differs from the announced one, so the device refuses the
+    /// job. The filler takes as long as the rest of the job would; progress goes
     /// on to 100.0 meanwhile.
     ///
     /// Cancelled while the file is still being measured, the push sends nothing and makes no

@@ -4,10 +4,10 @@
 
 #include "jovu/export.h"
 
-/// While one of these exists, no device is opened, so no connection is notified, and a client that
-/// is built meanwhile is not called at all: it receives no responses to commands either. Departures
-/// of devices are noticed late. Process-wide, may be nested; constructing one waits for an opening
-/// that is going on (milliseconds).
+/// While an object of this class exists, no device is opened and no connection is notified. A
+/// client that is constructed meanwhile is not called, so it receives no responses to commands
+/// either. Disconnections are noticed late. Process-wide, may be nested; the constructor waits for
+/// an opening in progress (milliseconds).
 ///
 /// JovuClient, JovuTransport and JovuJobInterface register themselves in their constructors, and
 /// may be called from then on, when the members of a class derived from them do not exist yet. Such

@@ -17,7 +17,7 @@ class JovuMessage;
 struct yajl_val_s;
 
 /// Carries messages to and from devices on the message channel (USB interface number 0): frames
-/// them, matches responses with the requests that wait for them, and announces devices.
+/// them, matches responses with the requests that wait for them, and notifies of devices.
 ///
 /// An application does not derive from this class but from JovuClient.
 class JOVU_API JovuTransport : private JovuUsbClient {
@@ -29,7 +29,7 @@ public:
     ~JovuTransport() override;
 
     /// Closes a device; device_disconnected() follows. It stays in list_connected(), closed, until
-    /// it is unplugged, and is not opened again before it is plugged in anew.
+    /// it is unplugged, and is not opened again before it is plugged in again.
     ///
     /// Threads: any. In a handler that is called with received data the call only orders the close,
     /// which the watcher carries out after the handler has returned.
@@ -48,26 +48,26 @@ public:
 
     /// Whether the watcher thread runs. False once an error has ended it, with one line on standard
     /// output: no connection or disconnection is notified any more, and data is received only while
-    /// something is being sent. The USB connection works again when its last
-    /// client has gone and another one is built. Threads: any; never blocks.
+    /// something is being sent. The USB connection works again once its last
+    /// client has been destroyed and another one is constructed. Threads: any; never blocks.
     static bool is_watching() noexcept;
 
     /// Why the calling thread's last exchange failed: the reason that stands in the diagnostic line
-    /// on standard output. Empty when it was answered, or (for a message that expects no answer)
-    /// sent. Each thread has its own; empty before its first exchange.
+    /// on standard output. Empty after a response, or (for a message without a response) once it
+    /// was sent. Each thread has its own; empty before its first exchange.
     static std::string last_send_error();
 
     /// The kind of that failure; JovuError::none where last_send_error() is empty.
     static JovuError last_send_error_code() noexcept;
 
-    /// A device can be talked to. Called on a notification thread, which is neither the caller's
-    /// nor the one that receives data; several notifications may share one. May send commands to
-    /// the device, and must not throw, as an exception on that thread ends the process. Such calls
-    /// may overlap with one another and with device_disconnected(), and come in any order when a
-    /// device is replugged quickly.
+    /// A device is connected and accepts commands. Called on a notification thread, which is
+    /// neither the caller's nor the one that receives data; several notifications may share one.
+    /// May send commands to the device, and must not throw, as an exception on that thread ends the
+    /// process. Such calls may overlap with one another and with device_disconnected(), and come in
+    /// any order when a device is replugged quickly.
     virtual void device_connected(JovuDeviceAddress address) = 0;
 
-    /// A device is gone: requests that waited for it have been woken and no exchange with it is
+    /// A device is disconnected: requests that waited for it have failed and no exchange with it is
     /// running any more. Called on a notification thread; must not throw.
     virtual void device_disconnected(JovuDeviceAddress address) = 0;
 
@@ -83,14 +83,13 @@ public:
 
     /// Chooses how responses are matched with the requests of this object.
     ///
-    /// By default the message id alone decides, whichever device sent the response: the protocol is
-    /// described so, and any attached device can answer a command that went to another one. With
-    /// strict matching a response must come over the connection that its request went to and, where
-    /// it names a command, name the same one. Any other response is dropped, with one line on
-    /// standard output per request, and the request goes on waiting. Message ids then begin at a
-    /// random number in each process, so that a response that an ended process left unread in the
-    /// device is not taken for a new one's, and a frame that one connection began is not completed
-    /// by the next one at its address.
+    /// By default the message id alone decides, as the protocol requires, so any attached device
+    /// can respond to a command for another one. With strict matching a response must arrive on the
+    /// connection that its request was sent to and, where it names a command, name the same one.
+    /// Any other response is dropped, with one line on standard output per request, and the request
+    /// goes on waiting. Message ids then begin at a random number in each process, so that a
+    /// response that an ended process left unread in the device is not taken for a new one's, and a
+    /// frame that one connection began is not completed by the next one at its address.
     ///
     /// Choose strict matching unless devices are known to send responses through one another or
     /// under other names. Call it before devices connect: first thing in the constructor of a class
@@ -99,13 +98,13 @@ public:
     ///     random numbers.
     void set_strict_matching(bool strict);
 
-    /// Sends a message and, if it expects an answer, waits for it. Used by the library's own
+    /// Sends a message and, if it expects a response, waits for it. Used by the library's own
     /// messages. Throws nothing: a failure is printed as one line on standard output, is returned
     /// by last_send_error(), and leaves the message without a response.
     /// @param message stays the caller's.
     void send_message(JovuMessage& message, JovuDeviceAddress address);
 
-    /// The words of a set of message attributes, in the order in which they stand in an envelope.
+    /// The names of a set of message attributes, in the order of an envelope.
     /// @param flags bits 1 "request", 2 "response", 4 "oneway", 8 "twoway", 16 "ack".
     static std::vector<std::string> attrs(unsigned flags);
 

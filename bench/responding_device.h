@@ -1,5 +1,5 @@
 /// @file
-/// A device that answers every command at once, on the calling thread.
+/// A device that responds to every command at once, on the calling thread.
 #pragma once
 
 #include <string>
@@ -13,16 +13,16 @@ inline constexpr JovuDeviceAddress kAddress{1, 2};
 /// Connects a device to the client that has registered for the message channel.
 void connect_device();
 
-/// Answers every command from now on with this text as the value of "__return__".
-void answer_with(const std::string& returned);
+/// Responds to every command from now on with this value of "__return__".
+void respond_with(const std::string& returned);
 
 /// Hands bytes to the client in packets.
 void receive(std::string& bytes);
 
-/// The text of the first request since answer_with(), without its frame.
+/// The text of the first request since respond_with(), without its frame.
 const std::string& sample_request();
 
-/// The text of the answer to it, with blanks for its id.
-const std::string& sample_answer();
+/// The text of the response to it, with blanks for its id.
+const std::string& sample_response();
 
 }  // namespace bench

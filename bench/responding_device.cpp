@@ -1,4 +1,4 @@
-#include "answering_device.h"
+#include "responding_device.h"
 
 #include <algorithm>
 #include <string_view>
@@ -12,42 +12,42 @@ constexpr std::size_t kFrameHeader = 5;
 
 std::string returned;
 std::string request;
-std::string answer;
-std::string answer_frame;
+std::string response;
+std::string response_frame;
 
-/// Where the id stands in a request, and in an answer.
+/// Where the id stands in a request, and in a response.
 constexpr std::string_view kRequestHead = R"({"transport":{"attrs":["request","twoway"],"id":)";
-constexpr std::string_view kAnswerHead = R"({"transport":{"attrs":["response"],"id":)";
+constexpr std::string_view kResponseHead = R"({"transport":{"attrs":["response"],"id":)";
 constexpr std::size_t kIdWidth = 10;  ///< Digits of the largest id; blanks stand in for the rest.
 
-/// Makes the answer to a request, all but its id. As a device does, it sends the command back as it
+/// Makes the response to a request, all but its id. As a device does, it sends the command back as it
 /// came, with the result behind it.
-void prepare_answer() {
+void prepare_response() {
     const std::size_t body = request.find('}', kRequestHead.size());
-    answer = kAnswerHead;
-    answer.append(kIdWidth, ' ').append(request, body, request.size() - 3 - body);
-    answer += R"(,"__return__":)" + returned + "}}}";
-    answer_frame = test::framed(answer);
+    response = kResponseHead;
+    response.append(kIdWidth, ' ').append(request, body, request.size() - 3 - body);
+    response += R"(,"__return__":)" + returned + "}}}";
+    response_frame = test::framed(response);
 }
 
-/// Puts the id of a request into the prepared answer.
+/// Puts the id of a request into the prepared response.
 void copy_id(const char* text) {
-    constexpr std::size_t at = kFrameHeader + kAnswerHead.size();
+    constexpr std::size_t at = kFrameHeader + kResponseHead.size();
     const char* const digits = text + kRequestHead.size();
     for (std::size_t i = 0, blank = 0; i < kIdWidth; ++i) {
         blank = blank != 0 || digits[i] == '}' ? 1 : 0;
-        answer_frame[at + i] = blank != 0 ? ' ' : digits[i];
+        response_frame[at + i] = blank != 0 ? ' ' : digits[i];
     }
 }
 
 /// Takes the payload and terminator of a frame.
-void answer_request(const char* text, std::size_t size) {
-    if (answer_frame.empty()) {
+void respond_to(const char* text, std::size_t size) {
+    if (response_frame.empty()) {
         request.assign(text, size - 1);
-        prepare_answer();
+        prepare_response();
     }
     copy_id(text);
-    bench::receive(answer_frame);
+    bench::receive(response_frame);
 }
 
 }  // namespace
@@ -58,14 +58,14 @@ void connect_device() {
     memory_backend::on_write(
         [](unsigned /*interface*/, const unsigned char* data, std::size_t size) {
             if (size == kFrameHeader && *data == '$') return;
-            answer_request(reinterpret_cast<const char*>(data), size);
+            respond_to(reinterpret_cast<const char*>(data), size);
         });
     memory_backend::connect(kAddress);
 }
 
-void answer_with(const std::string& value) {
+void respond_with(const std::string& value) {
     returned = value;
-    answer_frame.clear();
+    response_frame.clear();
 }
 
 void receive(std::string& bytes) {
@@ -80,8 +80,8 @@ const std::string& sample_request() {
     return request;
 }
 
-const std::string& sample_answer() {
-    return answer;
+const std::string& sample_response() {
+    return response;
 }
 
 }  // namespace bench

@@ -1,0 +1,23 @@
+#!/usr/bin/env bash
+# Compiles each source of program, simulator and tests by itself, up to the code generation: in a
+# unity build a source may lack an include that one before it has.
+#
+#   scripts/check-standalone.sh BUILD_DIR
+#
+# BUILD_DIR was configured with clang++ and without unity builds (preset "clang"). The release build
+# compiles the sources of the library by themselves.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+build_dir=${1:?usage: scripts/check-standalone.sh BUILD_DIR}
+# The commands of the files whose names, relative to this folder, match the regular expression $1;
+# each is ended by a null byte.
+commands() {
+    jq -j --arg root "$PWD/" --arg files "$1" '.[] | select(.file | ltrimstr($root) | test($files))
+        | "cd \(.directory) && \(.command)\u0000"' "$build_dir/compile_commands.json"
+}
+run() { xargs -0 -P "$(nproc)" -n 1 bash -c; }
+
+commands '^build/.*/cmake_pch.hxx.cxx$' | run
+commands '^(tools|sim|tests)/' | sed -z 's| -o [^ ]* -c | -fsyntax-only |' | run
+echo "$(commands '^(tools|sim|tests)/' | tr -cd '\0' | wc -c) files"
