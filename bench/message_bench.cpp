@@ -13,10 +13,10 @@
 #include <benchmark/benchmark.h>
 
 #include "allocations.h"
-#include "responding_device.h"
 #include "bare_yajl.h"
 #include "fake_usb/framed.h"
 #include "jovu/client.h"
+#include "responding_device.h"
 
 namespace {
 

@@ -20,8 +20,8 @@ constexpr std::string_view kRequestHead = R"({"transport":{"attrs":["request","t
 constexpr std::string_view kResponseHead = R"({"transport":{"attrs":["response"],"id":)";
 constexpr std::size_t kIdWidth = 10;  ///< Digits of the largest id; blanks stand in for the rest.
 
-/// Makes the response to a request, all but its id. As a device does, it sends the command back as it
-/// came, with the result behind it.
+/// Makes the response to a request, all but its id. As a device does, it sends the command back as
+/// it came, with the result behind it.
 void prepare_response() {
     const std::size_t body = request.find('}', kRequestHead.size());
     response = kResponseHead;
