@@ -26,16 +26,17 @@ build_dir=${1:?usage: scripts/check-tidy.sh [--all] BUILD_DIR}
     echo "check-tidy: no compile_commands.json in $build_dir" >&2
     exit 1
 }
-# Relative to this folder: a source, or a unity source in BUILD_DIR.
-files=$(jq -r --arg root "$PWD/" '[.[].file | ltrimstr($root)
-    | select(test("^(build/[^/]*/)?(src|tools|sim|tests)/"))] | unique[]' \
-    "$build_dir/compile_commands.json")
-# The sources of such a file.
+# A file of the build is a source or a unity source, which includes several.
 sources_of() {
-    if [[ $1 == build/* ]]; then sed -n 's/^#include "\(.*\)"$/\1/p' "$1"; else echo "$1"; fi
+    if [[ $1 == build/*/unity_* ]]; then sed -n "s|^#include \"$PWD/\(.*\)\"$|\1|p" "$1"; else echo "$1"; fi
 }
-covered=$(while read -r file; do sources_of "$file"; done <<<"$files" |
-    while read -r source; do echo "${source#"$PWD/"}"; done | sort -u)
+files= covered=
+while read -r file; do
+    sources=$(sources_of "$file" | grep -E '^(src|tools|sim|tests)/') || continue
+    files+=$file$'\n' covered+=$sources$'\n'
+done < <(jq -r --arg root "$PWD/" '[.[].file | ltrimstr($root)] | unique[]' \
+    "$build_dir/compile_commands.json")
+covered=$(sort -u <<<"${covered%$'\n'}")
 sources=$(find src tools sim tests -name '*.cpp' -not -path 'tests/public_headers/*' | sort)
 [[ $covered == "$sources" ]] || {
     echo "check-tidy: the build does not compile the same sources:" >&2
@@ -45,6 +46,6 @@ sources=$(find src tools sim tests -name '*.cpp' -not -path 'tests/public_header
 tidy() { xargs -P "$(nproc)" -n "$1" clang-tidy-14 -quiet -p "$build_dir" "${@:2}"; }
 status=0
 grep '^src/' <<<"$files" | tidy 4 || status=1
-grep -v '^src/' <<<"$files" | tidy 1 "${rest[@]}" || status=1
+grep -v '^src/\|^$' <<<"$files" | tidy 1 "${rest[@]}" || status=1
 [[ $status -eq 0 ]] || exit "$status"
-wc -l <<<"$sources"
+echo "$(wc -l <<<"$sources") sources"
