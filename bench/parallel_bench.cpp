@@ -50,17 +50,19 @@ std::minstd_rand random_numbers{std::random_device{}()};
 struct Options {
     int rounds = 5;
     double seconds = 2;
+    std::size_t controllers = 2;
     std::string only;
 };
 
 constexpr const char* kHelp =
-    R"(Usage: jovu-sim run -- parallel_bench [--rounds N] [--seconds S] [--only TABLE]
+    R"(Usage: jovu-sim run -- parallel_bench [OPTION...]
 
 Shows how far controllers delay one another, with libjovu and with bare libusb.
 
-  --rounds N    repeat each measurement, libjovu and bare by turns (1 to 1000, usually 5)
-  --seconds S   time of exchanges in a round (0.1 to 600, usually 2)
-  --only TABLE  latency, rates or calls; usually all three
+  --rounds N       repeat each measurement, libjovu and bare by turns (1 to 1000, usually 5)
+  --seconds S      time of exchanges in a round (0.1 to 600, usually 2)
+  --controllers N  number for the latency table, the stuck one included (2 to 16, usually 2)
+  --only TABLE     latency, rates or calls; usually all three
 
 It replaces the controllers on the bus by its own. A measurement that hangs is ended after a minute;
 its time shows as inf, and what would have followed as nan.
@@ -221,13 +223,21 @@ void measure_latency(const Options& options, Name name, bool stuck, Results& res
     const auto work = [&](Program& program, const Report& report) {
         if (stuck) make_stuck(program);
         const auto end = Clock::now() + std::chrono::duration<double>(options.seconds);
-        while (Clock::now() < end) {
-            bool done = false;
-            report(kLatency, timed([&] { done = program.exchange(kHealthy); }));
-            if (!done) report(kFailures, 1);
+        std::vector<std::thread> senders;
+        for (std::size_t i = 0; i < options.controllers; ++i) {
+            if (i == kStuck) continue;
+            senders.emplace_back([&, i] {
+                while (Clock::now() < end) {
+                    bool done = false;
+                    report(kLatency, timed([&] { done = program.exchange(i); }));
+                    if (!done) report(kFailures, 1);
+                }
+            });
         }
+        for (std::thread& sender : senders)
+            sender.join();
     };
-    if (!in_child(options, results, {name, Writes::synchronous, 2, work})) {
+    if (!in_child(options, results, {name, Writes::synchronous, options.controllers, work})) {
         results[kLatency].push_back(kEndless);
     }
 }
@@ -334,8 +344,9 @@ void print_latency(const Options& options) {
     Table<2> table(options, [&](Name name, std::size_t stuck, Results& results) {
         measure_latency(options, name, stuck != 0, results);
     });
-    std::printf("\nExchanges with a healthy controller, ms\n%-8s %-14s %9s %7s %9s %9s %9s\n",
-                "program", "other one", "exchanges", "failed", "median", "99 %", "max");
+    std::printf("\nExchanges with healthy controllers (%zu), ms\n%-8s %-14s %9s %7s %9s %9s %9s\n",
+                options.controllers - 1, "program", "other one", "exchanges", "failed", "median",
+                "99 %", "max");
     for (const Name name : {kJovu, kBare}) {
         for (const bool stuck : {false, true}) {
             Results& results = table.all[name][stuck];
@@ -411,6 +422,8 @@ Options parse(char** arguments) {
             options.rounds = static_cast<int>(number(flag, value, 1, 1000));
         } else if (flag == "--seconds") {
             options.seconds = number(flag, value, 0.1, 600);
+        } else if (flag == "--controllers") {
+            options.controllers = static_cast<std::size_t>(number(flag, value, 2, 16));
         } else if (flag == "--only" && value != nullptr) {
             options.only = value;
         } else {
