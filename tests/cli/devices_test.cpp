@@ -6,7 +6,7 @@
 #include <sys/ioctl.h>
 
 #include "cli_test.h"
-#include "posix/file_descriptor.h"
+#include "posix/files.h"
 
 namespace test {
 namespace {

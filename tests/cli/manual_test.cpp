@@ -7,7 +7,7 @@
 #include <fstream>
 #include <string>
 
-#include "commands/command_line.h"
+#include "commands/command.h"
 #include "support/job_file.h"
 
 namespace {

@@ -15,7 +15,7 @@
 #include "session/session.h"
 #include "support/job_file.h"
 #include "terminal/format.h"
-#include "trace/trace_statistics.h"
+#include "trace/trace_recorder.h"
 #include "update/dfu_listing.h"
 #include "update/firmware_image.h"
 

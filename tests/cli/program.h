@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "posix/file_descriptor.h"
+#include "posix/files.h"
 #include "support/wait.h"
 
 namespace test {

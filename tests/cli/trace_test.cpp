@@ -8,7 +8,7 @@
 #include <set>
 
 #include "cli_test.h"
-#include "posix/file_descriptor.h"
+#include "posix/files.h"
 
 namespace test {
 namespace {

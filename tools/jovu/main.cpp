@@ -5,7 +5,7 @@
 #include <string>
 
 #include "cli/failure.h"
-#include "commands/command_line.h"
+#include "commands/command.h"
 #include "jovu/exception.h"
 #include "posix/stop_source.h"
 #include "terminal/output.h"

@@ -1,5 +1,5 @@
 /// @file
-/// RequestReader that every part of the simulated firmware uses.
+/// Types that every part of the simulated firmware uses.
 #pragma once
 
 #include <cstdint>

@@ -1,10 +1,12 @@
 /// @file
-/// What every command of the program is made of: its row in the table and what it runs with.
+/// The commands of the program: their table, the parser of the command line, and what a command
+/// runs with.
 #pragma once
 
 #include <functional>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "cli/options.h"
 #include "posix/stop_source.h"
@@ -60,6 +62,20 @@ extern const Command kShellCommand;
 extern const Command kDfuCommand;
 extern const Command kUpdateCommand;
 /// @}
+
+/// Every command, in the order in which the help lists them.
+const std::vector<Command>& command_table();
+
+/// A parsed command line.
+struct Request {
+    CommonOptions options;
+    Run run;              ///< Empty for --help and --version.
+    std::string message;  ///< The help or the version.
+};
+
+/// Parses a command line.
+/// @throws Failure usage.
+Request parse_command_line(int argc, const char* const* argv);
 
 /// Sends one line of gcode, as `jovu gcode LINE`. For the shell.
 void send_gcode_line(const Context& context, const std::string& line);

@@ -1,4 +1,4 @@
-#include "commands/command_line.h"
+#include "commands/command.h"
 
 #include <CLI/CLI.hpp>
 #include <algorithm>

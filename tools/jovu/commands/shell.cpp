@@ -14,7 +14,6 @@
 #include "cli/failure.h"
 #include "cli/suggestions.h"
 #include "commands/command.h"
-#include "commands/command_line.h"
 #include "jovu/exception.h"
 #include "session/reports.h"
 #include "shell/line_editor.h"

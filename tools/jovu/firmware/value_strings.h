@@ -41,7 +41,6 @@ Json read_value(const ValueType& type, const std::string& input);
 std::string allowed_values(const ValueType& type);
 
 /// @return bytes in a form that parse_bytes() reads: six as a hardware address in hexadecimal
-/// digits
 ///     ("02:4a:00:00:00:01"), any other number as decimals with dots ("192.168.1.7").
 std::string bytes_string(const unsigned char* bytes, std::size_t size);
 
@@ -52,8 +51,7 @@ std::string padded_string(const unsigned char* bytes, std::size_t size);
 /// @return a byte for each part of the string; nothing when a part is not a byte.
 std::optional<std::vector<unsigned char>> parse_bytes(const std::string& input);
 
-/// @return a result as lines. A structure has a line for each member, with the member's key as in
-/// an
+/// @return a result as lines. A structure has one for each member, with the member's key as in an
 ///     argument.
 std::vector<std::string> value_lines(const Json& value);
 

@@ -13,7 +13,7 @@
 #include <sstream>
 #include <system_error>
 
-#include "posix/file_descriptor.h"
+#include "posix/files.h"
 
 namespace jovu_cli {
 namespace {

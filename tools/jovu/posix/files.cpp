@@ -14,7 +14,6 @@
 #include <system_error>
 
 #include "cli/failure.h"
-#include "posix/file_descriptor.h"
 
 namespace jovu_cli {
 namespace {

@@ -1,16 +1,40 @@
 /// @file
-/// Files that are used as a whole: input files, and output files that are complete or absent.
+/// Owner of a file descriptor, and files that are used as a whole: input files, and output files
+/// that are complete or absent.
 #pragma once
 
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cstdint>
 #include <string>
 #include <string_view>
-
-#include "posix/file_descriptor.h"
+#include <utility>
 
 namespace jovu_cli {
+
+/// Owns one file descriptor, or none (-1), and closes it.
+class FileDescriptor {
+public:
+    FileDescriptor() = default;
+    explicit FileDescriptor(int fd) noexcept : fd_(fd) {}
+    FileDescriptor(FileDescriptor&& other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
+    FileDescriptor& operator=(FileDescriptor&& other) noexcept {
+        std::swap(fd_, other.fd_);
+        return *this;
+    }
+    ~FileDescriptor() {
+        if (fd_ != -1) {
+            ::close(fd_);
+        }
+    }
+
+    int get() const noexcept { return fd_; }
+    bool valid() const noexcept { return fd_ != -1; }
+
+private:
+    int fd_ = -1;
+};
 
 /// Opens a file for reading, without waiting for the writer of a named pipe.
 /// @return an invalid descriptor when it cannot be opened; errno says why.

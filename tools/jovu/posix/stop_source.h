@@ -11,7 +11,7 @@
 #include <thread>
 #include <vector>
 
-#include "posix/file_descriptor.h"
+#include "posix/files.h"
 #include "posix/mutex.h"
 
 namespace jovu_cli {

@@ -13,7 +13,7 @@
 #include <system_error>
 
 #include "cli/options.h"
-#include "posix/file_descriptor.h"
+#include "posix/files.h"
 
 namespace jovu_cli {
 namespace {

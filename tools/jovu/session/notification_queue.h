@@ -19,7 +19,7 @@
 #include "jovu/device_address.h"
 #include "jovu/firmware_types.h"
 #include "jovu/job_interface.h"
-#include "posix/file_descriptor.h"
+#include "posix/files.h"
 #include "posix/mutex.h"
 #include "posix/stop_source.h"
 

@@ -9,7 +9,7 @@
 #include <utility>
 #include <vector>
 
-#include "posix/file_descriptor.h"
+#include "posix/files.h"
 #include "posix/stop_source.h"
 
 namespace jovu_cli {

@@ -7,7 +7,7 @@
 #include <string_view>
 
 #include "cli/failure.h"
-#include "posix/file_descriptor.h"
+#include "posix/files.h"
 #include "posix/stop_source.h"
 
 namespace jovu_cli {

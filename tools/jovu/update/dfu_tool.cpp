@@ -20,7 +20,7 @@
 #include "cli/failure.h"
 #include "jovu/exception.h"
 #include "posix/child_process.h"
-#include "posix/file_descriptor.h"
+#include "posix/files.h"
 #include "terminal/output.h"
 #include "terminal/printable.h"
 
