@@ -27,24 +27,18 @@ struct Pipe {
     FileDescriptor write;
 };
 
-Pipe make_pipe() {
+Pipe make_pipe(bool terminal = false) {
     int ends[2];
-    if (pipe2(ends, O_CLOEXEC) != 0) throw std::runtime_error("pipe2");
+    winsize size{24, 96, 0, 0};
+    if ((terminal ? openpty(&ends[0], &ends[1], nullptr, nullptr, &size) : pipe(ends)) != 0)
+        throw std::runtime_error("no pipe or terminal");
+    for (const int end : ends)
+        fcntl(end, F_SETFD, FD_CLOEXEC);
     return {FileDescriptor(ends[0]), FileDescriptor(ends[1])};
 }
 
-Pipe make_terminal() {
-    int ours = -1;
-    int theirs = -1;
-    winsize size{24, 96, 0, 0};
-    if (openpty(&ours, &theirs, nullptr, nullptr, &size) != 0) throw std::runtime_error("openpty");
-    fcntl(ours, F_SETFD, FD_CLOEXEC);
-    fcntl(theirs, F_SETFD, FD_CLOEXEC);
-    return {FileDescriptor(ours), FileDescriptor(theirs)};
-}
-
 Pipe make_output(Out out) {
-    if (out == Out::terminal || out == Out::console || out == Out::dialog) return make_terminal();
+    if (out == Out::terminal || out == Out::console || out == Out::dialog) return make_pipe(true);
     if (out == Out::pipe) return make_pipe();
     if (out == Out::closed) return {FileDescriptor(), make_pipe().write};
     if (out == Out::none) return {};

@@ -10,8 +10,6 @@ namespace {
 
 constexpr const char* kCtrlC = "\x03";
 constexpr const char* kCtrlD = "\x04";
-constexpr const char* kCtrlU = "\x15";
-constexpr const char* kUp = "\x1b[A";
 const std::string kPrompt = "\r\njovu> ";
 
 /// A shell at a terminal, with a history of its own.
@@ -62,7 +60,7 @@ TEST_F(Shell, CompletesNamesAndKeys) {
         std::ofstream(state_ + file).close();
     EXPECT_TRUE(answers(".push " + state_ + "/a\t", "a\\x1b[2Jc  ", "a\\u202ez\r\n"));
     EXPECT_TRUE(answers("\xE2\x80\xAE", "\xEF\xBF\xBD"));
-    shell_->type(kCtrlU);
+    shell_->type("\x15");  // Ctrl-U
     EXPECT_THAT(leave(), Exits(0, ""));
     EXPECT_THAT(shell_->out(), Not(AnyOf(HasSubstr("\x1b[2J"), HasSubstr("\xE2\x80\xAE"))));
 }
@@ -129,7 +127,7 @@ TEST_F(Shell, KeepsItsHistory) {
     EXPECT_TRUE(answers(" M117 secret\r", kPrompt));
     EXPECT_THAT(leave(), Exits(0, ""));
     start();
-    EXPECT_TRUE(answers(kUp, "M117 one"));
+    EXPECT_TRUE(answers("\x1b[A", "M117 one"));
     EXPECT_TRUE(answers("-two\r", "ok       M117 one-two"));
     EXPECT_TRUE(answers(".quit\r", ".quit"));
     EXPECT_THAT(shell_->finish(), Exits(0, ""));

@@ -36,7 +36,7 @@ TEST(FaultTable, CountsTheBytesUntilTheUnplug) {
     EXPECT_FALSE(table.count_out(kMessageOut, 1000)) << "another endpoint";
     EXPECT_FALSE(table.count_out(kJobOut, 5));
     EXPECT_EQ(table.count_out(kJobOut, 6), 6U);
-    EXPECT_FALSE(table.count_out(kJobOut, 5)) << "once";
+    EXPECT_FALSE(table.count_out(kJobOut, 6)) << "once";
     table.unplug_after(kJobOut, 3);
     EXPECT_EQ(table.count_out(kJobOut, 5), 3U);
     table.unplug_after(kJobOut, 0);

@@ -107,7 +107,7 @@ TEST(Dfu, DoesNotBootWhatIsNotSound) {
         host.device.bus_reset(host.now);
         EXPECT_FALSE(host.device.disconnect_due(host.now + 1000)) << "there is nothing to boot";
         host.device.dfu_faults() = {};
-        EXPECT_EQ(host.state(), DfuHost::kIdle) << status;
+        EXPECT_EQ(host.status(), (DfuHost::Status{DfuHost::kIdle, 0, 0})) << status;
         EXPECT_EQ(host.download_all(good)[0], DfuHost::kWaitReset) << status;
     }
 }

@@ -108,7 +108,7 @@ wifi_set_auto_connect_ssid_configuration_item 0 "Workshop-Guest" -> 0;
 wifi_set_auto_connect_configuration_item 0 1 -> 0; start_wifi 1 -> 0; check_store_connection -> 0;
 start_wifi 0 -> 0; check_store_connection -> 1; stop_wifi 1 -> 0; stop_wifi 1 -> -2;
 check_store_connection -> 1; stop_wifi 0 -> 0; check_store_connection -> 0; stop_wifi 2 -> -1;
-client_configure 1 0 {} -> -1; client_configure 0 2 {} -> -5;
+client_scan_get 0 0 @/strength -> 0; client_configure 1 0 {} -> -1; client_configure 0 2 {} -> -5;
 client_configure 0 0 {"ifc_config":{"auto_connect_timeout":7}} -> 0; ?wifi/settings/timeout -> 7;
 Reset_printer -> 0; ?wifi/settings/timeout -> 10000;
 client_configure 0 1 {"ifc_config":{"auto_connect_timeout":7}} -> 0; Reset_printer -> 0;

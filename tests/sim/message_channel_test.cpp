@@ -122,7 +122,7 @@ std::string payload_of(std::string request) {
         {"$200", Json(std::vector<int>(32, 200)).dump()},
         {"$[64", nested(64)},
         {"$[65", nested(65)},
-        {"$O", Json(std::vector<Json>(99, Json::object())).dump()},
+        {"$O", Json(std::vector<Json>(99, {Json::object(), Json::array()})).dump()},
     };
     for (const auto& [token, value] : tokens) {
         const std::size_t at = request.find(token);
