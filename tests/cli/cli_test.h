@@ -1,31 +1,96 @@
 /// @file
-/// Helpers of the tests of the program.
+/// Runs the program `jovu` as a child process and watches what it writes; what its tests share.
 #pragma once
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <csignal>
 #include <nlohmann/json.hpp>
-#include <sstream>
 #include <string>
-#include <vector>
 
-#include "program.h"
+#include "posix/files.h"
 #include "support/job_file.h"
 #include "support/sim_control.h"
 #include "support/wait.h"
 
 namespace test {
 
-/// @return the JSON values of an output with one on each line.
-/// @throws nlohmann::json::parse_error when a line is not valid JSON.
-inline std::vector<nlohmann::json> json_lines(const std::string& text) {
-    std::vector<nlohmann::json> values;
-    std::istringstream lines(text);
-    for (std::string line; std::getline(lines, line);) {
-        values.push_back(nlohmann::json::parse(line));
-    }
-    return values;
+using nlohmann::json;
+using testing::AnyOf;
+using testing::ContainsRegex;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::MatchesRegex;
+using testing::Not;
+using testing::StartsWith;
+
+/// The standard output of a program.
+enum class Out {
+    pipe,
+    terminal,   ///< A pseudo-terminal of 96 columns that can move its cursor.
+    console,    ///< As terminal; it is also the standard input and the source of Ctrl-C.
+    dialog,     ///< As console; it is also the standard error.
+    closed,     ///< A pipe without a reader.
+    full_disk,  ///< /dev/full
+    none,       ///< Not open at all.
+};
+
+/// A program that has ended.
+struct Ended {
+    int status;  ///< The exit status, -signal, or -1000 when it does not end.
+    std::string out;
+    std::string err;
+};
+
+/// A running `jovu`. The destructor kills it.
+class Program {
+public:
+    /// @param line arguments, separated by blanks; double quotes enclose one that contains blanks.
+    explicit Program(const std::string& line, Out out = Out::pipe);
+    ~Program();
+    Program(const Program&) = delete;
+    Program& operator=(const Program&) = delete;
+
+    /// Writes to the program's standard input.
+    void type(const std::string& text);
+    void end_input() { in_ = {}; }
+    /// Sends a signal to the program and its children, as a terminal does.
+    void signal(int number) { kill(-pid_, number); }
+    void close_reader() { out_ = {}; }
+    /// Whether a console is in line mode, as before the program. Also after its end.
+    bool in_line_mode() const;
+
+    /// Waits until the output or the standard error contains @p text. Returns whether it does.
+    bool writes(const std::string& text, std::chrono::milliseconds limit = kPatience);
+
+    /// Waits for the program's end.
+    Ended finish();
+
+    /// The output so far; all of it after finish().
+    const std::string& out() const { return out_text_; }
+    const std::string& err() const { return err_text_; }
+
+private:
+    void pump();
+
+    jovu_cli::FileDescriptor in_, out_, err_;
+    std::string out_text_, err_text_;
+    pid_t pid_ = -1;
+};
+
+/// Runs `jovu` to its end. In a dialog, types the input after the question.
+Ended jovu(const std::string& line, const std::string& input = "", Out out = Out::pipe);
+
+/// Matches a program that has ended with a status and has written a text: to standard error, or to
+/// standard output when the status is 0.
+MATCHER_P2(Exits, status, text, "has the status " + std::to_string(status) + " and says " + text) {
+    const std::string& written = status == 0 ? arg.out : arg.err;
+    return arg.status == status && written.find(text) != std::string::npos;
+}
+
+inline void PrintTo(const Ended& ended, std::ostream* out) {
+    *out << ended.status << '\n' << ended.out << ended.err;
 }
 
 /// Lets a device send debug messages until a program prints one.
@@ -42,18 +107,17 @@ inline int status_requests(JovuDeviceAddress device) {
 }
 
 /// Lets a device send this status report.
-inline void send_report(JovuDeviceAddress device, nlohmann::json report) {
+inline void send_report(JovuDeviceAddress device, json report) {
     report["metadata"] = {{"type", "status"}};
-    std::ostringstream hex;
-    for (const char c : report.dump()) {
-        const auto byte = static_cast<unsigned char>(c);
-        hex << "0123456789abcdef"[byte >> 4U] << "0123456789abcdef"[byte & 15U];
-    }
-    sim("send " + name(device) + " job " + hex.str());
+    std::string hex;
+    for (const char c : report.dump())
+        for (const unsigned digit : {c >> 4U & 15U, c & 15U})
+            hex += "0123456789abcdef"[digit];
+    sim("send " + name(device) + " job " + hex);
 }
 
 /// Responds to a program's next status request with this report instead of the device's own.
-inline void respond_to_next_request(JovuDeviceAddress device, const nlohmann::json& report) {
+inline void respond_to_next_request(JovuDeviceAddress device, const json& report) {
     sim("fault " + name(device) + " silent always");
     const int before = status_requests(device);
     ASSERT_TRUE(eventually([&] { return status_requests(device) > before; }));

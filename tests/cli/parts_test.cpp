@@ -1,20 +1,28 @@
 /// @file
-/// Units of the program: formats, hints, the queue of notifications, images, traces and listings.
+/// Units of the program: formats, hints, the queue of notifications, images, traces and listings,
+/// lines of the shell, and the help texts in the manual.
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstdlib>
 #include <ctime>
+#include <filesystem>
+#include <fstream>
 #include <nlohmann/json.hpp>
 
+#include "cli/failure.h"
+#include "commands/command.h"
 #include "firmware/value_strings.h"
 #include "progress/progress_reporters.h"
 #include "session/reports.h"
 #include "session/session.h"
+#include "shell/shell_words.h"
 #include "support/job_file.h"
 #include "terminal/format.h"
+#include "terminal/printable.h"
 #include "trace/trace_recorder.h"
 #include "update/dfu_listing.h"
 #include "update/firmware_image.h"
@@ -23,15 +31,9 @@ namespace jovu_cli {
 namespace {
 
 using namespace std::chrono_literals;
+using testing::ElementsAre;
 using testing::HasSubstr;
-
-TEST(Times, AreLocalForPeopleAndUtcForPrograms) {
-    setenv("TZ", "XXX-5:30", 1);
-    tzset();
-    const std::chrono::system_clock::time_point time(std::chrono::milliseconds(951826154007));
-    EXPECT_EQ(clock_string(time), "17:39:14.007");
-    EXPECT_EQ(utc_string(time), "2000-02-29T12:09:14.007Z");
-}
+using testing::IsEmpty;
 
 TEST(Advice, IsGivenForEachReason) {
     const std::pair<JovuError, const char*> exchanges[] = {
@@ -102,14 +104,12 @@ TEST(ProgressBar, ShowsTheRateOfTheLastSecondsAndTheTimeLeft) {
     EXPECT_EQ(bar_string(50, "Sending ", "x", 31), "Sending   50.0 %  x") << "no room for a bar";
 }
 
-TEST(Seconds, AreReadUpToAWeek) {
-    const std::pair<const char*, std::optional<std::chrono::milliseconds>> rows[] = {
-        {"0", 0ms}, {"604800", 168h}, {"604801", {}}, {"-1", {}}, {"nan", {}}};
-    for (const auto& [text, time] : rows)
-        EXPECT_EQ(parse_seconds(text), time) << text;
-}
-
-TEST(Report, IsShownOnALine) {
+TEST(Formats, AreForPeopleOrForPrograms) {
+    setenv("TZ", "XXX-5:30", 1);
+    tzset();
+    const std::chrono::system_clock::time_point time(std::chrono::milliseconds(951826154007));
+    EXPECT_EQ(clock_string(time), "17:39:14.007");
+    EXPECT_EQ(utc_string(time), "2000-02-29T12:09:14.007Z");
     StatusReport report;
     report.job_id = "J";
     report.time_elapsed = 3723;
@@ -117,8 +117,8 @@ TEST(Report, IsShownOnALine) {
     EXPECT_EQ(report_line({1, 2}, report), "1:2  -  0.0 C  0 %  1:02:03  job id J  error 7");
     EXPECT_EQ(labelled("As wide as that", "x"), "As wide as that x");
     EXPECT_THAT(value_lines(Json::parse(R"({"a":{"bc":null},"d":"e\n"})")),
-                testing::ElementsAre("a.bc  -", "d     e\\n"));
-    EXPECT_THAT(value_lines(7), testing::ElementsAre("7"));
+                ElementsAre("a.bc  -", "d     e\\n"));
+    EXPECT_THAT(value_lines(7), ElementsAre("7"));
     Tenths tenths;
     for (const auto& [percent, new_tenth] : {std::pair(0, true), {9, false}, {10, true}})
         EXPECT_EQ(tenths.reached(percent), new_tenth) << percent;
@@ -183,50 +183,38 @@ TEST(FirmwareImage, IsJudgedByItsContent) {
     }
 }
 
-servo_trace_msg sample(std::uint32_t count, std::int32_t commanded = 0, std::int32_t position = 0) {
-    servo_trace_msg message{};
-    message.int_cnt = count;
-    message.pos_cmd = commanded;
-    message.pos = position;
-    return message;
-}
-
-TEST(TraceStatistics, CountWhatIsMissing) {
+TEST(TraceStatistics, CountWhatIsMissingAndFindTheLargestError) {
+    constexpr std::int32_t kLowest = -2147483647 - 1, kHighest = 2147483647;
     TraceStatistics statistics;
-    const struct {
-        std::uint32_t count;
-        bool follows;
-        std::uint64_t ticks, gaps, missing, restarts;
-    } rows[] = {
-        {4294967290, true, 0, 0, 0, 0},
-        {4294967291, true, 1, 0, 0, 0},
-        {4294967295, false, 5, 1, 3, 0},
-        {0, true, 6, 1, 3, 0},
-        {2, false, 8, 2, 4, 0},
-        {2, false, 9, 2, 4, 1},
-        {1, false, 10, 2, 4, 2},
-        {2, true, 11, 2, 4, 2},
-        {2147483649, false, 2147483658, 3, 2147483650, 2},
-    };
-    for (const auto& row : rows) {
-        EXPECT_EQ(statistics.add(sample(row.count)), row.follows) << row.count;
-        EXPECT_EQ(statistics.ticks(), row.ticks) << row.count;
-        EXPECT_EQ(statistics.gaps(), row.gaps) << row.count;
-        EXPECT_EQ(statistics.missing(), row.missing) << row.count;
-        EXPECT_EQ(statistics.restarts(), row.restarts) << row.count;
+    // A sample: its count, the commanded position and the position. Then whether it follows the
+    // sample before, and the ticks, gaps, missing samples and restarts so far.
+    const std::tuple<std::uint32_t, std::int32_t, std::int32_t, std::vector<std::uint64_t>> rows[] =
+        {
+            {4294967290, 0, 0, {1, 0, 0, 0, 0}},
+            {4294967291, 10, 4, {1, 1, 0, 0, 0}},
+            {4294967295, kLowest, kHighest, {0, 5, 1, 3, 0}},
+            {0, kHighest, kLowest, {1, 6, 1, 3, 0}},
+            {2, 0, 0, {0, 8, 2, 4, 0}},
+            {2, 0, 0, {0, 9, 2, 4, 1}},
+            {1, 0, 0, {0, 10, 2, 4, 2}},
+            {2, 0, 0, {1, 11, 2, 4, 2}},
+            {2147483649, 0, 0, {0, 2147483658, 3, 2147483650, 2}},
+        };
+    for (const auto& [count, commanded, position, expected] : rows) {
+        servo_trace_msg sample{};
+        sample.int_cnt = count;
+        sample.pos_cmd = commanded;
+        sample.pos = position;
+        const bool follows = statistics.add(sample);
+        EXPECT_EQ((std::vector<std::uint64_t>{follows, statistics.ticks(), statistics.gaps(),
+                                              statistics.missing(), statistics.restarts()}),
+                  expected);
     }
     EXPECT_EQ(statistics.samples(), 9U);
-}
-
-TEST(TraceStatistics, FindTheLargestErrorOfEitherSign) {
-    TraceStatistics statistics;
-    statistics.add(sample(1, 10, 4));
-    statistics.add(sample(2, -2147483647 - 1, 2147483647));
-    statistics.add(sample(3, 2147483647, -2147483647 - 1));
     EXPECT_EQ(statistics.largest_error(), -4294967295);
-    EXPECT_EQ(statistics.largest_error_ticks(), 1U);
-    EXPECT_EQ(statistics.position().lowest, -2147483647 - 1);
-    EXPECT_EQ(statistics.position().highest, 2147483647);
+    EXPECT_EQ(statistics.largest_error_ticks(), 5U);
+    EXPECT_EQ(statistics.position().lowest, kLowest);
+    EXPECT_EQ(statistics.position().highest, kHighest);
 }
 
 /// Includes listings of hostile devices.
@@ -234,10 +222,7 @@ TEST(DfuListing, KeepsDevicesApart) {
     const std::string found = "Found DFU: [7a1c:00df] ver=0100, devnum=9, ";
     const std::string one = found + "cfg=1, intf=0, path=\"1-2\", ";
     const std::string whole = one + "alt=0, name=\"a, b\", serial=\"A\"\n";
-    const struct {
-        std::string listing;
-        std::size_t devices, refused;
-    } cases[] = {
+    const std::tuple<std::string, std::size_t, std::size_t> rows[] = {
         {"dfu-util 0.11\n\nhello\n\n" + whole, 1, 0},
         {whole + one + "alt=1, name=\"c\", serial=\"A\"\n", 1, 0},
         {whole + whole, 1, 1},
@@ -254,11 +239,106 @@ TEST(DfuListing, KeepsDevicesApart) {
         {one + "serial=A\x1b\n", 0, 1},
         {"Found DFU: [7a1c:00df] serial=\"A\"\n", 0, 1},
     };
-    for (const auto& row : cases) {
-        const DfuListing listing = parse_dfu_listing(row.listing);
-        EXPECT_EQ(listing.devices.size(), row.devices) << row.listing;
-        EXPECT_EQ(listing.refused.size(), row.refused) << row.listing;
+    for (const auto& [output, devices, refused] : rows) {
+        const DfuListing listing = parse_dfu_listing(output);
+        EXPECT_EQ(listing.devices.size(), devices) << output;
+        EXPECT_EQ(listing.refused.size(), refused) << output;
     }
+}
+
+TEST(Words, AreSplitAsInAShell) {
+    EXPECT_THAT(split_words("  push  my\\ file 'a b' \"c \\\"d\\\" 'e'\" x''y"),
+                ElementsAre("push", "my file", "a b", "c \"d\" 'e'", "xy"));
+    EXPECT_THAT(split_words("call x config='{\"a\": 1}' t=''"),
+                ElementsAre("call", "x", "config={\"a\": 1}", "t="));
+    EXPECT_THAT(split_words("'' \"\""), ElementsAre("", ""));
+    EXPECT_THAT(split_words(" \t\r"), IsEmpty());
+    for (const char* line : {"a 'b", "a \"b'", "a\\"}) {
+        EXPECT_THROW(split_words(line), Failure) << line;
+    }
+}
+
+TEST(Printable, ShowsWhatCannotBeSeen) {
+    const std::pair<std::string_view, const char*> rows[] = {
+        {"caf\u00E9 \u4E2D \U0001F600 ~", "caf\u00E9 \u4E2D \U0001F600 ~"},
+        {{"\0\t\n\r\x1b\x7F\xC2\x9B", 8}, R"(\x00\t\n\r\x1b\x7f\u009b)"},
+        {"\u061C\u200B\u200E\u2028\u202E\u2066\u2069",
+         R"(\u061c\u200b\u200e\u2028\u202e\u2066\u2069)"},
+        {"\u00A0\u00AD\u034F\u2060\u3164\uFE0F\uFEFF",
+         R"(\u00a0\u00ad\u034f\u2060\u3164\ufe0f\ufeff)"},
+        {"\uE000\uFDD0\U0001FFFE\U000E0041", R"(\ue000\ufdd0\U0001fffe\U000e0041)"},
+        {"\xC1\x9B\xE0\x80\x9B\xF0\x80\x80\x9B", R"(\xc1\x9b\xe0\x80\x9b\xf0\x80\x80\x9b)"},
+        {"\xC2\x80\xED\xBF\xBF\uFFFF\xF1\x80\x80\x80\xF4\x8F\xBF\xBF\u0800\U00010000",
+         R"(\u0080\xed\xbf\xbf\uffff\U00040000\U0010ffff)"
+         "\u0800\U00010000"},
+        {"\xED\xA0\x80\xF4\x90\x80\x80\xE2\x80", R"(\xed\xa0\x80\xf4\x90\x80\x80\xe2\x80)"},
+    };
+    for (const auto& [text, shown] : rows) {
+        EXPECT_EQ(printable(text), shown);
+        EXPECT_EQ(printable(shown), shown);
+    }
+    EXPECT_EQ(fit("\u00E9b", 1) + fit("\u00E9b", 9), "\u00E9\u00E9b");
+}
+
+TEST(Completion, KnowsWhatCanFollow) {
+    const std::vector<std::string> commands{".call", ".commands", ".events"};
+    const auto words = [&](const std::string& line) {
+        return complete(line, commands, {"1:2", "1:3"}).candidates;
+    };
+    EXPECT_THAT(words(".c"), ElementsAre(".call", ".commands"));
+    EXPECT_THAT(words("c"), IsEmpty());
+    EXPECT_THAT(words(".commands bio_"), ElementsAre("bio_get_version", "bio_get_serial"));
+    EXPECT_THAT(words(".call gpio_input_get "), ElementsAre("pin=", "debounce="));
+    EXPECT_THAT(words(".call gpio_input_get pin=1 "), ElementsAre("debounce="));
+    EXPECT_THAT(words(".call wifi_client_configure con"), ElementsAre("config."));
+    EXPECT_THAT(words(".call wifi_client_configure config."),
+                ElementsAre("config.ifc_config.", "config.hdw_config.", "config.ip_config."));
+    EXPECT_THAT(words(".call wifi_client_configure config.hdw_config.m"),
+                ElementsAre("config.hdw_config.mac_address="));
+    EXPECT_THAT(words(".call nonsense "), IsEmpty());
+    EXPECT_THAT(words(".device 1"), ElementsAre("1:2", "1:3"));
+    EXPECT_THAT(words(".events o"), ElementsAre("on", "off"));
+    EXPECT_EQ(complete(".call gpio_input_get de", commands, {}).typed, 2U);
+
+    const std::string folder = testing::TempDir() + std::to_string(getpid()) + "-folder/";
+    std::filesystem::create_directories(folder + "sub");
+    for (const char* const file : {"b", "a", ".hidden"})
+        std::ofstream(folder + file);
+    EXPECT_THAT(words(".push " + folder), ElementsAre(folder + "a", folder + "b", folder + "sub/"));
+    EXPECT_THAT(words(".push " + folder + "."), ElementsAre(folder + ".hidden"));
+    EXPECT_THAT(words("G28 " + folder), IsEmpty());
+    std::filesystem::remove_all(folder);
+}
+
+std::string help(const std::string& command) {
+    const char* const argv[] = {"jovu", command.empty() ? "--help" : command.c_str(), "--help"};
+    return parse_command_line(3, argv).message;
+}
+
+/// Inserts a help text into the manual: a fenced block after a marker.
+void insert_help(std::string& manual, const std::string& command) {
+    const std::string words = command.empty() ? "jovu --help" : "jovu " + command + " --help";
+    const std::string marker = "<!-- " + words + " -->\n```text\n";
+    const std::size_t begin = manual.find(marker);
+    ASSERT_NE(begin, std::string::npos) << "the manual lacks the place for: " << words;
+    const std::size_t text = begin + marker.size();
+    const std::size_t end = manual.find("```\n", text);
+    ASSERT_NE(end, std::string::npos);
+    std::string shown = help(command);
+    shown.erase(0, shown.find_first_not_of('\n'));
+    manual.replace(text, end - text, shown);
+}
+
+/// With JOVU_UPDATE_MANUAL=1 in the environment, writes the help texts into the manual.
+TEST(Manual, ShowsTheHelpTextsAsTheyAre) {
+    const std::string written = test::content_of(JOVU_MANUAL);
+    std::string expected = written;
+    insert_help(expected, "");
+    for (const Command& command : command_table())
+        insert_help(expected, command.name);
+    if (std::getenv("JOVU_UPDATE_MANUAL") != nullptr)
+        std::ofstream(JOVU_MANUAL, std::ios::binary) << expected;
+    EXPECT_EQ(written, expected) << "run this test with JOVU_UPDATE_MANUAL=1 to write it anew";
 }
 
 }  // namespace

@@ -8,15 +8,9 @@
 namespace test {
 namespace {
 
-using testing::AnyOf;
-using testing::HasSubstr;
-using testing::Not;
-
 constexpr const char* kCtrlC = "\x03";
 constexpr const char* kCtrlD = "\x04";
-constexpr const char* kCtrlU = "\x15";
-constexpr const char* kUp = "\x1b[A";
-constexpr const char* kPrompt = "\r\njovu> ";
+const std::string kPrompt = "\r\njovu> ";
 
 /// A shell at a terminal, with a history of its own.
 class Shell : public testing::Test {
@@ -28,55 +22,34 @@ protected:
     ~Shell() override { std::filesystem::remove_all(state_); }
 
     void start() {
-        shell_.emplace(std::vector<std::string>{"shell"}, Out::console);
-        ASSERT_TRUE(shell_->writes("connected: " + who(device_) + kPrompt)) << shell_->out();
-    }
-    static std::string who(JovuDeviceAddress device) {
-        return name(device) + ", serial " + stats(device)["serial"].get<std::string>();
+        shell_.emplace("shell", Out::console);
+        ASSERT_TRUE(shell_->writes("connected: 1:2, serial JVS001002" + kPrompt)) << shell_->out();
     }
     /// Types something and waits for output after it.
+    /// @param typed  after "sim ", a request to the simulator instead.
     /// @param behind output that must follow that, at any distance.
     testing::AssertionResult answers(const std::string& typed, const std::string& expected,
                                      const std::string& behind = "") {
         const std::size_t before = shell_->out().size();
-        shell_->type(typed);
+        typed.find("sim ") == 0 ? (void)sim(typed.substr(4)) : shell_->type(typed);
         const bool came = eventually([&] {
             shell_->writes("never written", std::chrono::milliseconds(1));
             const std::size_t found = shell_->out().find(expected, before);
-            return found != std::string::npos &&
-                   shell_->out().find(behind, found) != std::string::npos;
+            return shell_->out().find(behind, found) != std::string::npos;
         });
         if (came) return testing::AssertionSuccess();
         return testing::AssertionFailure()
                << "not written: " << expected << "\nbut: " << shell_->out().substr(before);
     }
-    int leave() {
+    Ended leave() {
         shell_->type(kCtrlD);
         return shell_->finish();
     }
 
-    const JovuDeviceAddress device_ = plug();
+    const JovuDeviceAddress device_ = plug("1:2");
     const std::string state_ = testing::TempDir() + std::to_string(getpid()) + "-state";
     std::optional<Program> shell_;
 };
-
-TEST_F(Shell, SendsGcodeAndRunsCommandsOverOneLink) {
-    start();
-    const int opens = stats(device_)["opens"];
-    EXPECT_TRUE(answers("M114\r", std::string("X:0.00 Y:0.00 Z:0.00 E:0.00") + kPrompt));
-    EXPECT_TRUE(answers(".call bio_get_serial\r", "JVS"));
-    EXPECT_TRUE(answers(".device\r", "connected: " + who(device_) + kPrompt));
-    EXPECT_TRUE(answers(".device 7:7\r", kPrompt));
-    EXPECT_TRUE(answers("G28\r", kPrompt));
-    EXPECT_TRUE(answers(".device " + name(device_) + "\r", "chosen: " + who(device_) + kPrompt));
-    EXPECT_TRUE(answers(".call gcode_process_command 'command=M117 a \"b\"'\r",
-                        std::string("0") + kPrompt));
-    EXPECT_EQ(stats(device_)["opens"], opens);
-    EXPECT_EQ(stats(device_)["message"]["display"], "a \"b\"");
-    EXPECT_EQ(leave(), 0);
-    EXPECT_THAT(shell_->err(), HasSubstr("jovu: no such device: 7:7"));
-    EXPECT_EQ(protocol_violations(device_), 0);
-}
 
 TEST_F(Shell, CompletesNamesAndKeys) {
     start();
@@ -87,59 +60,64 @@ TEST_F(Shell, CompletesNamesAndKeys) {
         std::ofstream(state_ + file).close();
     EXPECT_TRUE(answers(".push " + state_ + "/a\t", "a\\x1b[2Jc  ", "a\\u202ez\r\n"));
     EXPECT_TRUE(answers("\xE2\x80\xAE", "\xEF\xBF\xBD"));
-    shell_->type(kCtrlU);
-    EXPECT_EQ(leave(), 0);
+    shell_->type("\x15");  // Ctrl-U
+    EXPECT_THAT(leave(), Exits(0, ""));
     EXPECT_THAT(shell_->out(), Not(AnyOf(HasSubstr("\x1b[2J"), HasSubstr("\xE2\x80\xAE"))));
 }
 
-TEST_F(Shell, GoesOnAfterErrorsAndInterrupts) {
+TEST_F(Shell, RunsCommandsOverOneLinkAndGoesOnAfterErrorsAndInterrupts) {
     start();
-    EXPECT_TRUE(answers("G999\r", kPrompt));
-    EXPECT_TRUE(answers(".frobnicate\r", kPrompt));
-    EXPECT_TRUE(answers(".call gpio_get_raw 'gpio=1\r", kPrompt));
+    const int opens = stats(device_)["opens"];
+    EXPECT_TRUE(answers("M114\r", "X:0.00 Y:0.00 Z:0.00 E:0.00" + kPrompt));
+    EXPECT_TRUE(answers(".device\r", "connected: 1:2, serial JVS001002" + kPrompt));
+    EXPECT_TRUE(answers(".device 7:7\r", kPrompt));
+    EXPECT_TRUE(answers("G28\r", kPrompt));
+    EXPECT_TRUE(answers(".device 1:2\r", "chosen: 1:2, serial JVS001002" + kPrompt));
+    for (const char* typed : {"G999\r", ".frobnicate\r", ".call gpio_get_raw 'gpio=1\r"})
+        EXPECT_TRUE(answers(typed, kPrompt));
+    EXPECT_TRUE(answers(".call gcode_process_command 'command=M117 a \"b\"'\r", "0" + kPrompt));
     EXPECT_TRUE(answers("M117 abandoned", "abandoned"));
     EXPECT_TRUE(answers(kCtrlC, "^C\r\njovu> "));
     std::this_thread::sleep_for(std::chrono::milliseconds(600));  // else it is the same Ctrl-C
 
-    sim("fault " + name(device_) + " silent always");
+    EXPECT_EQ(stats(device_)["opens"], opens);
+    sim("fault 1:2 silent always");
     shell_->type(".call heater_turn_on\r");
     ASSERT_TRUE(eventually([&] { return requests(device_, "heater_turn_on") == 1; }));
     EXPECT_TRUE(answers(kCtrlC, "^C\r\njovu> "));
-    sim("fault " + name(device_) + " clear");
-    EXPECT_TRUE(answers(".call bio_get_version\r", std::string("1.0.0") + kPrompt));
-    EXPECT_EQ(stats(device_)["message"]["display"], "");
+    sim("fault 1:2 clear");
+    EXPECT_TRUE(answers(".call bio_get_version\r", "1.0.0" + kPrompt));
+    EXPECT_EQ(stats(device_)["message"]["display"], "a \"b\"");
+    EXPECT_EQ(protocol_violations(device_), 0);
 
     shell_->signal(SIGTERM);
-    EXPECT_EQ(shell_->finish(), 130);
+    const Ended ended = shell_->finish();
     for (const char* told :
          {"jovu: device refused line 1 with result 2: G999", "jovu: no such command: .frobnicate",
-          "jovu: a quote is not closed",
-          "jovu: interrupted: heater_turn_on may or may not have been carried out"}) {
-        EXPECT_THAT(shell_->err(), HasSubstr(told));
-    }
+          "jovu: a quote is not closed", "jovu: no such device: 7:7",
+          "jovu: interrupted: heater_turn_on may or may not have been carried out"})
+        EXPECT_THAT(ended, Exits(130, told));
 }
 
 TEST_F(Shell, ShowsEventsWithoutHarmToTheLine) {
     start();
     EXPECT_TRUE(answers("M117 caf\xC3\xA9", "caf\xC3\xA9"));
-    sim("event " + name(device_) + " something happened");
-    EXPECT_TRUE(answers("", "  something happened\r\njovu> M117 caf\xC3\xA9"));
+    EXPECT_TRUE(answers("sim event 1:2 something happened",
+                        "  something happened\r\njovu> M117 caf\xC3\xA9"));
     EXPECT_THAT(shell_->out(), Not(HasSubstr("\x1b[0A")));
-    EXPECT_TRUE(answers("\r", std::string("ok       M117 caf\xC3\xA9") + kPrompt));
+    EXPECT_TRUE(answers("\r", "ok       M117 caf\xC3\xA9" + kPrompt));
     EXPECT_TRUE(answers(std::string(90, ';'), ";;;"));  // To the last column.
-    sim("event " + name(device_) + " above two rows");
-    EXPECT_TRUE(answers("", "\x1b[1A\r\x1b[J", "above two rows\r\n"));
+    EXPECT_TRUE(answers("sim event 1:2 above two rows", "\x1b[1A\r\x1b[J", "above two rows\r\n"));
     EXPECT_TRUE(answers("\r", kPrompt));
     EXPECT_TRUE(answers(".events off\r", kPrompt));
-    sim("event " + name(device_) + " unheard");
-    EXPECT_TRUE(answers(".call bio_get_version\r", std::string("1.0.0") + kPrompt));
+    sim("event 1:2 unheard");
+    EXPECT_TRUE(answers(".call bio_get_version\r", "1.0.0" + kPrompt));
     EXPECT_TRUE(answers("M115\r", kPrompt)) << "what a line prints is shown all the same";
     EXPECT_TRUE(answers(".events on\r", kPrompt));
-    sim("event " + name(device_) + " heard again");
-    EXPECT_TRUE(answers("", "heard again\r\n"));
-    EXPECT_EQ(leave(), 0);
+    EXPECT_TRUE(answers("sim event 1:2 heard again", "heard again\r\n"));
+    EXPECT_THAT(leave(), Exits(0, ""));
     EXPECT_THAT(shell_->out(), Not(HasSubstr("unheard")));
-    EXPECT_THAT(shell_->out(), testing::ContainsRegex("\r.\\[J[0-9:.]+  something happened"));
+    EXPECT_THAT(shell_->out(), ContainsRegex("\r.\\[J[0-9:.]+  something happened"));
     EXPECT_EQ(stats(device_)["message"]["display"], "caf\xC3\xA9");
 }
 
@@ -147,25 +125,25 @@ TEST_F(Shell, KeepsItsHistory) {
     start();
     EXPECT_TRUE(answers("M117 one\r", kPrompt));
     EXPECT_TRUE(answers(" M117 secret\r", kPrompt));
-    EXPECT_EQ(leave(), 0);
+    EXPECT_THAT(leave(), Exits(0, ""));
     start();
-    EXPECT_TRUE(answers(kUp, "M117 one"));
+    EXPECT_TRUE(answers("\x1b[A", "M117 one"));
     EXPECT_TRUE(answers("-two\r", "ok       M117 one-two"));
     EXPECT_TRUE(answers(".quit\r", ".quit"));
-    EXPECT_EQ(shell_->finish(), 0);
+    EXPECT_THAT(shell_->finish(), Exits(0, ""));
     const auto permissions = std::filesystem::status(state_ + "/jovu/history").permissions();
     EXPECT_EQ(permissions, std::filesystem::perms(0600));
 }
 
 TEST_F(Shell, KeepsWhatIsTypedAheadOfItsPrompt) {
-    sim("fault " + name(device_) + " delay 300");
-    shell_.emplace(std::vector<std::string>{"shell", "-d", name(device_)}, Out::console);
+    sim("fault 1:2 delay 300");
+    shell_.emplace("shell -d 1:2", Out::console);
     ASSERT_TRUE(shell_->writes("Ctrl-D leaves."));
     EXPECT_FALSE(shell_->in_line_mode());
     shell_->type("M117 one\r");
     ASSERT_TRUE(eventually([&] { return requests(device_, "gcode_process_command") == 1; }));
     shell_->type(std::string("M117 two\r.gcode -\rM117 three\r") + kCtrlD + "M117 four\r" + kCtrlD);
-    EXPECT_EQ(shell_->finish(), 0);
+    EXPECT_THAT(shell_->finish(), Exits(0, ""));
     EXPECT_THAT(stats(device_)["message"]["gcode"],
                 testing::ElementsAre("M117 one", "M117 two", "M117 three", "M117 four"));
     EXPECT_TRUE(shell_->in_line_mode());
@@ -177,46 +155,41 @@ TEST_F(Shell, KeepsWhatIsTypedAheadOfItsPrompt) {
         }));
         EXPECT_FALSE(shell_->in_line_mode());
         shell_->signal(number);
-        EXPECT_EQ(shell_->finish(), number == SIGQUIT ? 130 : -number);
+        EXPECT_EQ(shell_->finish().status, number == SIGQUIT ? 130 : -number);
         EXPECT_TRUE(shell_->in_line_mode()) << number;
     }
 }
 
 TEST_F(Shell, SendsLinesToTheMachineTheyAreMeantFor) {
     start();
-    const std::string first = who(device_);
-    sim("replug " + name(device_));
-    EXPECT_TRUE(answers("", first));
+    EXPECT_TRUE(answers("sim replug 1:2", "1:2, serial JVS001002"));
     EXPECT_TRUE(answers("G28\r", "ok       G28"));
-    plug("1:5");
-    EXPECT_TRUE(answers("", "connected: 1:5, another device"));
+    EXPECT_TRUE(answers("sim plug 1:5", "connected: 1:5, another device"));
     sim("fault 1:5 silent always");
-    sim("unplug " + name(device_));
-    EXPECT_TRUE(answers("", "disconnected: " + first));
+    EXPECT_TRUE(answers("sim unplug 1:2", "disconnected: 1:2, serial JVS001002"));
     EXPECT_TRUE(eventually([] { return requests({1, 5}, "bio_get_serial") == 1; }));
-    sim("unplug 1:5");  // before it has identified itself
-    EXPECT_TRUE(answers("", "disconnected: 1:5\r\n"));
-    const std::string other = who(plug("1:9"));
-    EXPECT_TRUE(answers("", "connected: " + other + ", another device"));
+    EXPECT_TRUE(answers("sim unplug 1:5", "disconnected: 1:5\r\n"));  // not identified yet
+    EXPECT_TRUE(answers("sim plug 1:9", "connected: 1:9, serial JVS001009, another device"));
     EXPECT_TRUE(answers("G28\rG1 X10\r", kPrompt, kPrompt));
-    const std::string moved = who(plug("1:7 serial=JVS001002"));
-    EXPECT_TRUE(answers("", "connected: " + moved + ", the device that was at 1:2"));
-    EXPECT_TRUE(answers(".device 1:9\r", "chosen: " + other + kPrompt));
+    EXPECT_TRUE(answers("sim plug 1:7 serial=JVS001002",
+                        "connected: 1:7, serial JVS001002, the device that was at 1:2"));
+    EXPECT_TRUE(answers(".device 1:9\r", "chosen: 1:9, serial JVS001009" + kPrompt));
     EXPECT_EQ(requests({1, 9}, "gcode_process_command"), 0);
     EXPECT_TRUE(answers("G28\r", "ok       G28"));
     sim("unplug 1:7");
-    const std::string third = who(plug("1:7 serial=THIRD"));
-    EXPECT_TRUE(answers("", "connected: 1:7, another device"));
+    EXPECT_TRUE(answers("sim plug 1:7 serial=THIRD", "connected: 1:7, another device"));
     EXPECT_TRUE(answers("G28\r", "ok       G28"));
     EXPECT_EQ(requests({1, 7}, "bio_get_serial"), 0) << "no line is for it";
     EXPECT_TRUE(answers(".call heater_turn_on -d 1:7\r", kPrompt));
     EXPECT_EQ(requests({1, 7}, "heater_turn_on"), 0);
-    EXPECT_EQ(leave(), 0);
-    EXPECT_THAT(shell_->out(), Not(HasSubstr("1:5, serial")));
-    EXPECT_THAT(shell_->err(), HasSubstr("jovu: not sent to " + other + ": lines go to " + first));
-    EXPECT_THAT(shell_->err(), HasSubstr("jovu: not sent to " + third + ": lines go to " + moved));
+    const Ended ended = leave();
+    EXPECT_EQ(ended.status, 0);
+    EXPECT_THAT(ended.out, Not(HasSubstr("1:5, serial")));
+    for (const char* const told : {"1:9, serial JVS001009: lines go to 1:2, serial JVS001002",
+                                   "1:7, serial THIRD: lines go to 1:7, serial JVS001002"})
+        EXPECT_THAT(ended.err, HasSubstr(std::string("jovu: not sent to ") + told));
 
-    Program script({"shell", "-d", "1:9"});
+    Program script("shell -d 1:9");
     script.type("G28\n");
     sim("fault 1:7 delay 1000");  // keeps the shell from looking while the device is swapped
     script.type(".call -d 1:7 bio_get_version\n");
@@ -224,30 +197,29 @@ TEST_F(Shell, SendsLinesToTheMachineTheyAreMeantFor) {
     sim("unplug 1:9");
     plug("1:9 serial=FOURTH");
     script.type("G28\n");
-    EXPECT_EQ(script.finish(), 3);
-    EXPECT_THAT(script.err(), HasSubstr("line 3: not sent to 1:9, serial FOURTH: lines go to"));
+    EXPECT_THAT(script.finish(), Exits(3, "line 3: not sent to 1:9, serial FOURTH: lines go to"));
 }
 
 TEST_F(Shell, ReadsAScriptUpToTheFirstFailure) {
-    const Ended good = jovu({"shell", "--json"}, "G28 ; home\r\n\n.call bio_get_version\n.status");
+    const Ended good = jovu("shell --json", "G28 ; home\r\n\n.call bio_get_version\n.status");
     EXPECT_EQ(good.status, 0) << good.err;
-    EXPECT_EQ(json_lines(good.out).size(), 3U) << good.out;
-    EXPECT_THAT(good.out, Not(HasSubstr("jovu>")));
+    EXPECT_THAT(good.out, MatchesRegex("(\\{[^\n]*\\}\n){3}"));
     EXPECT_EQ(good.err, "");
-    const std::string help = jovu({"shell"}, ".help\n").out;
+    const std::string help = jovu("shell", ".help\n").out;
     EXPECT_THAT(help, HasSubstr("\n  .list                  List"));
     EXPECT_THAT(help, HasSubstr("\n  .events on|off         Show"));
     EXPECT_THAT(help, Not(AnyOf(HasSubstr("  .shell"), HasSubstr(".events  "))));
-
-    const Ended bad = jovu({"shell"}, "G28\nG999\nG28\n");
-    EXPECT_EQ(bad.status, 6);
-    EXPECT_THAT(bad.err, HasSubstr("jovu: line 2: device refused line 1 with result 2: G999\n"));
-    EXPECT_EQ(jovu({"shell"}, "G28\n.call gpio_get_raw gpio=x\n.quit\n").status, 2);
-    EXPECT_EQ(jovu({"shell"}, "G28\rG28\n").status, 2);
-    EXPECT_EQ(jovu({"shell"}, ".shell\n").status, 2);
-    EXPECT_EQ(jovu({"shell"}, ".help .\n").status, 2);
-    EXPECT_EQ(jovu({"shell"}, ".quit\nG999\n").status, 0);
-    EXPECT_EQ(jovu({"shell"}, ".gcode -\nG28\nG999\n").status, 6);
+    const std::tuple<const char*, int, const char*> rows[] = {
+        {"G28\nG999\nG28\n", 6, "jovu: line 2: device refused line 1 with result 2: G999\n"},
+        {"G28\n.call gpio_get_raw gpio=x\n.quit\n", 2, ""},
+        {"G28\rG28\n", 2, ""},
+        {".shell\n", 2, ""},
+        {".help .\n", 2, ""},
+        {".quit\nG999\n", 0, ""},
+        {".gcode -\nG28\nG999\n", 6, ""},
+    };
+    for (const auto& [input, status, told] : rows)
+        EXPECT_THAT(jovu("shell", input), Exits(status, told)) << input;
     EXPECT_EQ(requests(device_, "gcode_process_command"), 6);
 }
 

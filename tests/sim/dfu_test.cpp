@@ -1,6 +1,8 @@
 // The boot loader: downloads, and the ways between it and the application.
 #include <gtest/gtest.h>
 
+#include <array>
+
 #include "firmware/usb/dfu_device.h"
 #include "firmware/usb/firmware_image.h"
 #include "firmware_host.h"
@@ -23,31 +25,24 @@ public:
     Response in(std::uint8_t request, std::uint16_t length) {
         return device.control({0xA1, request, 0, 0, length}, "", now);
     }
-
     Response download(std::uint16_t block, const std::string& data) { return out(1, block, data); }
 
-    struct Status {
-        int status;
-        int wait;
-        int state;
-    };
+    /// State, status and the time to wait.
+    using Status = std::array<int, 3>;
     Status status() {
-        const Response response = in(3, 6);
-        if (!response || response->size() != 6) return {-1, -1, -1};
-        const auto byte = [&response](std::size_t i) {
-            return static_cast<int>(static_cast<unsigned char>((*response)[i]));
-        };
-        return {byte(0), byte(1) | byte(2) << 8 | byte(3) << 16, byte(4)};
+        const std::string got = in(3, 6).value();
+        return {got.at(4), got[0], got[1] | got[2] << 8 | got[3] << 16};
     }
+    int state() { return status()[0]; }
 
-    /// Waits as long as the device asks for. Returns how it is then.
+    /// Waits as long as the device asks for. Returns the status after that.
     Status settled() {
-        for (int i = 0; i < 10; ++i) {
-            const Status got = status();
-            if (got.state != kBusy && got.state != kManifest) return got;
-            now += got.wait;
+        Status got = status();
+        for (int i = 0; i < 10 && (got[0] == kBusy || got[0] == kManifest); ++i) {
+            now += got[2];
+            got = status();
         }
-        return {-1, -1, -1};
+        return got;
     }
 
     /// As dfu-util does: returns the status at the first error or at the end.
@@ -56,7 +51,7 @@ public:
         for (std::size_t at = 0; at < image.size(); at += 1024, ++block) {
             if (!download(block, image.substr(at, 1024))) return status();
             const Status got = settled();
-            if (got.state != kDownloadIdle) return got;
+            if (got[0] != kDownloadIdle) return got;
         }
         download(block, "");
         return settled();
@@ -79,9 +74,8 @@ TEST(FirmwareImage, IsCheckedAsAWhole) {
         EXPECT_EQ(check_firmware_image(image.substr(0, 13)), ImageError::incomplete);
         EXPECT_EQ(check_firmware_image(image.substr(0, 12)), ImageError::foreign);
         const auto with = [image = image](std::size_t at, int byte) {
-            std::string changed = image;
-            changed[at] = static_cast<char>(byte);
-            return check_firmware_image(changed);
+            return check_firmware_image(
+                std::string(image).replace(at, 1, 1, static_cast<char>(byte)));
         };
         EXPECT_EQ(with(12, 65), ImageError::foreign);
         EXPECT_EQ(with(12, 0), ImageError::foreign);
@@ -97,31 +91,24 @@ TEST(FirmwareImage, IsCheckedAsAWhole) {
 
 TEST(Dfu, DoesNotBootWhatIsNotSound) {
     const std::string good = make_firmware_image("2.0.1", 5000);
-    std::string damaged = good;
-    damaged[4500] = static_cast<char>(damaged[4500] ^ 1);
+    const std::string damaged = std::string(good).replace(4500, 1, good[4500] == 'x' ? "y" : "x");
     DfuFaults write_error;
     write_error.write_error = 2;
-    const struct {
-        std::string image;
-        DfuFaults faults;
-        int status;
-    } cases[] = {
+    const std::tuple<std::string, DfuFaults, int> cases[] = {
         {std::string(3000, 'x'), {}, 0x0A},
         {damaged, {}, 0x07},
         {good.substr(0, 2500), {}, 0x09},
         {good, write_error, 0x03},
     };
-    for (const auto& c : cases) {
-        DfuHost host(c.faults);
-        const auto end = host.download_all(c.image);
-        EXPECT_EQ(end.state, DfuHost::kError) << c.status;
-        EXPECT_EQ(end.status, c.status) << c.status;
-        EXPECT_FALSE(host.download(0, "x")) << c.status;
+    for (const auto& [image, faults, status] : cases) {
+        DfuHost host(faults);
+        EXPECT_EQ(host.download_all(image), (DfuHost::Status{DfuHost::kError, status, 0}));
+        EXPECT_FALSE(host.download(0, "x")) << status;
         host.device.bus_reset(host.now);
-        EXPECT_FALSE(host.device.next_tick()) << c.status << ": there is nothing to boot";
+        EXPECT_FALSE(host.device.disconnect_due(host.now + 1000)) << "there is nothing to boot";
         host.device.dfu_faults() = {};
-        EXPECT_EQ(host.status().state, DfuHost::kIdle) << c.status;
-        EXPECT_EQ(host.download_all(good).state, DfuHost::kWaitReset) << c.status;
+        EXPECT_EQ(host.status(), (DfuHost::Status{DfuHost::kIdle, 0, 0})) << status;
+        EXPECT_EQ(host.download_all(good)[0], DfuHost::kWaitReset) << status;
     }
 }
 
@@ -140,12 +127,8 @@ void bring(DfuHost& host, const std::string& way) {
 
 TEST(Dfu, StallsWhatDoesNotFitItsState) {
     const char* const ways[] = {"", "u", "0", "0s", "0w", "0w1", "0w1s", "0w1w", "e"};
-    const struct {
-        std::uint8_t request;
-        std::uint16_t value;
-        std::string data;
-        const char* taken;  ///< y for each of the ways
-    } cases[] = {
+    // A request with its value and data; y for each of the ways after which it is carried out.
+    const std::tuple<std::uint8_t, std::uint16_t, std::string, std::string> cases[] = {
         {0, 1000, "", "y------y-"},                   // detach
         {1, 1, "", "----y----"},                      // a download without data
         {1, 0, std::string(1024, 'x'), "y--------"},  // a block
@@ -155,22 +138,21 @@ TEST(Dfu, StallsWhatDoesNotFitItsState) {
         {6, 0, "", "yyyyyy---"},                      // abort
         {7, 0, "", "---------"},                      // unknown
     };
-    for (const auto& c : cases) {
+    for (const auto& [request, value, data, expected] : cases) {
         std::string taken;
         for (const char* const way : ways) {
             DfuHost host;
             bring(host, way);
             host.device.take_violations();
-            const bool fits = host.out(c.request, c.value, c.data).has_value();
+            const bool fits = host.out(request, value, data).has_value();
             taken += fits ? 'y' : '-';
             EXPECT_EQ(host.device.take_violations().size(), fits ? 0U : 1U) << way;
             if (fits) continue;
-            EXPECT_EQ(host.status().state, DfuHost::kError) << way;
-            EXPECT_EQ(host.status().status, 0x0F) << way;
+            EXPECT_EQ(host.status(), (DfuHost::Status{DfuHost::kError, 0x0F, 0})) << way;
             EXPECT_TRUE(host.out(4)) << way;
-            EXPECT_EQ(host.status().state, DfuHost::kIdle) << way;
+            EXPECT_EQ(host.status(), (DfuHost::Status{DfuHost::kIdle, 0, 0})) << way;
         }
-        EXPECT_EQ(taken, c.taken) << &c - cases;
+        EXPECT_EQ(taken, expected) << int{request};
     }
 }
 
@@ -179,17 +161,15 @@ TEST(Dfu, KeepsItsTimes) {
     EXPECT_EQ(host.device.identity().interfaces.at(0).extra,
               std::string("\x09\x21\x0B\xE8\x03\x00\x04\x10\x01", 9));
     host.download(0, make_firmware_image("2.5", 1024));
-    const Millis begin = host.now;
-    const int states[] = {DfuHost::kBusy, DfuHost::kBusy, DfuHost::kDownloadIdle};
-    for (const int state : states) {
-        const DfuHost::Status got = host.status();
-        EXPECT_EQ(got.state, state);
-        EXPECT_EQ(got.wait, begin + 2 - host.now++);
+    for (const int left : {2, 1, 0}) {
+        const int state = left > 0 ? DfuHost::kBusy : DfuHost::kDownloadIdle;
+        EXPECT_EQ(host.status(), (DfuHost::Status{state, 0, left}));
+        ++host.now;
     }
     host.download(1, "");
-    EXPECT_EQ(host.status().wait, 100);
+    EXPECT_EQ(host.status(), (DfuHost::Status{DfuHost::kManifest, 0, 100}));
     host.now += 100;
-    EXPECT_EQ(host.status().state, DfuHost::kWaitReset);
+    EXPECT_EQ(host.state(), DfuHost::kWaitReset);
     EXPECT_TRUE(host.out(0));
     EXPECT_FALSE(host.in(5, 1)) << "it starts anew";
     EXPECT_FALSE(host.device.disconnect_due(host.now + 149));
@@ -200,14 +180,13 @@ TEST(Dfu, KeepsItsTimes) {
 TEST(Dfu, UploadsTheFirmwareThatItHas) {
     DfuHost host;
     std::string image;
-    for (;;) {
-        const Response part = host.in(2, 1000);
-        ASSERT_TRUE(part);
-        image += *part;
-        if (part->size() < 1000) break;
+    for (std::size_t got = 1000; got == 1000;) {
+        const std::string part = host.in(2, 1000).value();
+        image += part;
+        got = part.size();
     }
     EXPECT_TRUE(image == make_firmware_image("1.0.0"));
-    EXPECT_EQ(host.status().state, DfuHost::kIdle);
+    EXPECT_EQ(host.state(), DfuHost::kIdle);
 }
 
 }  // namespace

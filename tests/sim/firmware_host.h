@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <cstdio>
 #include <iomanip>
 #include <sstream>
 #include <stdexcept>
@@ -48,15 +49,10 @@ public:
         return messages(read(kMessageIn));
     }
 
-    /// The result of a command with these arguments, valid or not; null when it was refused.
-    Json result(const std::string& name, const std::string& args) {
-        const auto messages = exchange(command(1, find_command(name)->idx, name, args));
-        return messages.back()["data"]["command"].value("__return__", Json());
-    }
-
     /// Carries out one command, such as "gpio_get_raw 5", and returns its result. Prefixes of
-    /// families may be left out. An argument is JSON or a string in quotes; for a structure, it is
-    /// an object with the members that differ from the defaults below.
+    /// families may be left out. An argument is JSON or a string in quotes. A structure is an
+    /// object with the members that differ from the defaults below or from the present
+    /// configuration; for a network, it is an array of SSID and key.
     /// @param more what else came back: arguments that the device has changed, debug events
     Json ask(const std::string& step, std::string* more = nullptr) {
         std::istringstream words(step);
@@ -72,8 +68,14 @@ public:
             words >> std::quoted(word);
             Json value = Json::parse(is_string ? bytes_of(word) : word);
             const std::string key = row->arguments.at(i).key;
-            if (key == "config" && value.is_object())
+            if (key == "config" && args.contains("servo_name"))
                 value = changed(ask("config_get " + args["servo_name"].dump()), value);
+            if (key == "config" && args.contains("cmd"))
+                value = Json::array({changed(ask("client_get_configuration 0"), value)});
+            if (key == "connect_t")
+                value = {{"ssid", signed_field(value[0], 32)},
+                         {"key", signed_field(value[1], 64)},
+                         {"timeout", 1000}};
             if (key == "move_config") value = Json::array({changed(Json::parse(kMove), value)});
             if (key == "modifer_data" || key == "modifier_data")
                 value = Json::array({changed(Json::parse(kModifier), value)});
@@ -94,8 +96,10 @@ public:
     }
 
     /// Plays a conversation: steps that end with ";". "+20" waits, "?heater/state" is a member of
-    /// the machine's stats, and any other step is for ask(). Returns the steps with what came back,
-    /// as "gpio_get_raw 5 -> 1;", so that a whole script can be compared.
+    /// the machine's stats, "!input 0 1" and "!heater 0" drive an input and plug the heater in or
+    /// out, and any other step is for ask(); " @/ip" selects a member of the result. Returns the
+    /// steps with what came back, as "gpio_get_raw 5 -> 1;", so that a whole script can be
+    /// compared.
     std::string play(const std::string& script) {
         std::string out;
         std::string step;
@@ -110,12 +114,21 @@ public:
             out += step;
             const std::string words = step.substr(step.find_first_not_of("\n "));
             std::string more;
+            unsigned number = 0;
+            unsigned level = 0;
             if (words[0] == '+') {
                 wait(std::stol(words));
             } else if (words[0] == '?') {
                 out += " -> " + machine().at(Json::json_pointer("/" + words.substr(1))).dump();
+            } else if (std::sscanf(words.c_str(), "!input %u %u", &number, &level) == 2) {
+                controller.machine().gpio().drive_input(number, level != 0, now);
+            } else if (std::sscanf(words.c_str(), "!heater %u", &level) == 1) {
+                controller.machine().heater().set_plugged(level != 0);
             } else {
-                out += " -> " + ask(words, &more).dump();
+                const std::size_t member = std::min(words.find(" @"), words.size());
+                const Json result = ask(words.substr(0, member), &more);
+                const std::string path = words.substr(std::min(member + 2, words.size()));
+                out += " -> " + result.at(Json::json_pointer(path)).dump();
             }
             out += more + ";";
             step.clear();
@@ -141,15 +154,25 @@ public:
     static std::string framed(const std::string& payload) {
         const std::size_t length = payload.size() + 1;
         std::string out = "$";
-        for (const std::size_t word : {length, ~length}) {
-            out += static_cast<char>(word & 0xFFU);
-            out += static_cast<char>((word >> 8U) & 0xFFU);
-        }
+        for (const std::size_t byte : {length, length >> 8U, ~length, ~length >> 8U})
+            out += static_cast<char>(byte & 0xFFU);
         return out + payload + ";";
     }
 
     /// Takes a string of frames apart. Anything that is no frame is an error.
-    static std::vector<Json> messages(const std::string& bytes);
+    static std::vector<Json> messages(const std::string& bytes) {
+        std::vector<Json> out;
+        for (std::size_t at = 0; at < bytes.size();) {
+            const auto low = static_cast<unsigned char>(bytes.at(at + 1));
+            const auto high = static_cast<unsigned char>(bytes.at(at + 2));
+            const std::string payload = bytes.substr(at + 5, low + high * 256U - 1U);
+            if (bytes.compare(at, payload.size() + 6, framed(payload)) != 0)
+                throw std::runtime_error("no frame at byte " + std::to_string(at));
+            out.push_back(Json::parse(payload));
+            at += payload.size() + 6;
+        }
+        return out;
+    }
 
     static std::string command(std::uint32_t id, int idx, const std::string& name,
                                const std::string& args = "") {
@@ -165,14 +188,13 @@ public:
     /// A text as an array of numbers that ends with 0.
     static std::string bytes_of(const std::string& text) {
         std::string out = "[";
-        for (const char c : text) {
-            out += std::to_string(static_cast<int>(static_cast<signed char>(c))) + ",";
-        }
+        for (const char c : text)
+            out += std::to_string(static_cast<signed char>(c)) + ",";
         return out + "0]";
     }
 
     static Json changed(Json value, const Json& changes) {
-        value.update(changes);
+        value.merge_patch(changes);
         return value;
     }
     static constexpr const char* kMove =
@@ -186,22 +208,5 @@ public:
     Controller controller;
     Millis now = 1'000'000;
 };
-
-inline std::vector<Json> FirmwareHost::messages(const std::string& bytes) {
-    std::vector<Json> out;
-    const auto byte = [&bytes](std::size_t at) {
-        return static_cast<std::size_t>(static_cast<unsigned char>(bytes.at(at)));
-    };
-    for (std::size_t at = 0; at < bytes.size();) {
-        const std::size_t length = byte(at + 1) + (byte(at + 2) << 8U);
-        const std::size_t check = byte(at + 3) + (byte(at + 4) << 8U);
-        if (bytes[at] != '$' || (length ^ check) != 0xFFFFU || bytes.at(at + 4 + length) != ';') {
-            throw std::runtime_error("no frame at byte " + std::to_string(at));
-        }
-        out.push_back(Json::parse(bytes.substr(at + 5, length - 1)));
-        at += 5 + length;
-    }
-    return out;
-}
 
 }  // namespace jovusim::test

@@ -1,6 +1,9 @@
-// The machine: that what is commanded happens, and shows. Each script is a conversation.
+// The machine and its servos: that what is commanded happens, and shows. Each script is a
+// conversation with a new machine.
 #include <gtest/gtest.h>
-#include <zlib.h>
+
+#include <cmath>
+#include <set>
 
 #include "firmware_host.h"
 
@@ -29,6 +32,15 @@ heater_var_get 2 [1.0] -> 0 [0.0]; heater_param_set 4 0.0 -> 0; Reset_printer ->
 heater_param_get 4 [0.0] -> 0 [300.0]; heater_var_get 0 [0.0] -> 0 [210.0];
 heater_var_get 3 [0.0] -> 0 [23.5]; +20000; heater_param_set 4 18.5 -> 0;
 heater_turn_on -> 0; heater_param_set 4 18.25 -> 0; heater_turn_on -> -1;)";
+
+constexpr const char* kUnplugged =
+    R"(!heater 0; turn_on -> -1; state_get -> 4; fault_get -> 1; !heater 1; turn_on -> 0;
+fault_get -> 0; !heater 0; +20; fault_get -> 1;)";
+
+constexpr const char* kInputs =
+    R"(!input 0 1; gpio_get_raw 16 -> 1; gpio_input_get 0 0 -> 1; gpio_input_get 0 1 -> 0; +19;
+gpio_input_get 0 1 -> 0; +1; gpio_input_get 0 1 -> 1; !input 0 0; gpio_input_get 0 0 -> 0;
+gpio_input_get 0 1 -> 1; +19; gpio_input_get 0 1 -> 1; +1; gpio_input_get 0 1 -> 0;)";
 
 constexpr const char* kCard =
     R"(sd_mmc_get_storage_info -> {"total_size":4194304,"block_count":8192,"block_size":512};
@@ -83,12 +95,24 @@ command "G1 X10" -> 0; +2000; ?leds/1 -> {"on":5,"off":6}; ?hbridges -> [0,-40];
 ?leds/1/on -> 0; ?hbridges -> [0,0]; ?network_tasks -> true; ?servos/0/client -> 0.0;
 ?sd/writes -> 1;)";
 
-constexpr const char* kConnected =
-    R"(check_store_connection -> 1; wifi_disconnect 0 -> 0; wifi_disconnect 0 -> -6;
+constexpr const char* kNetworks =
+    R"(client_connect 0 ["Workshop","filament"] -> -2; start_wifi 2 -> -1; start_wifi 0 -> 0;
+client_scan_get 0 0 @/strength -> 0; client_scan_refresh 0 -> 4;
+client_scan_get 0 2 -> {"ssid":[67,97,102,-61,-87,32,77,-61,-68,108,108,101,114,0,0,0,0,0,0,0,0,0,0,0,0,0,0,0,0,0,0,0],"encryption":3,"strength":-72};
+client_scan_get 0 3 @/strength -> -88; client_scan_get 0 4 @/strength -> 0;
+client_connect 0 ["Nowhere",""] -> -3; client_connect 0 ["Workshop","wrong"] -> -4;
+check_store_connection -> 0; client_connect 0 ["Workshop","filament"] -> 0;
+client_get_status 0 -> {"connected":1,"ip_config":{"ip":[192,168,7,48],"subnet_mask":[255,255,255,0],"default_gateway":[192,168,7,1],"dhcp_server":[192,168,7,1],"dns_server":[192,168,7,1],"mac_address":[2,74,23,221,231,28],"connected_ssid":[87,111,114,107,115,104,111,112,0,0,0,0,0,0,0,0,0,0,0,0,0,0,0,0,0,0,0,0,0,0,0,0]}};
+check_store_connection -> 1; wifi_disconnect 0 -> 0; wifi_disconnect 0 -> -6;
 wifi_set_auto_connect_ssid_configuration_item 0 "Workshop-Guest" -> 0;
 wifi_set_auto_connect_configuration_item 0 1 -> 0; start_wifi 1 -> 0; check_store_connection -> 0;
 start_wifi 0 -> 0; check_store_connection -> 1; stop_wifi 1 -> 0; stop_wifi 1 -> -2;
-check_store_connection -> 1; stop_wifi 0 -> 0; check_store_connection -> 0; stop_wifi 2 -> -1;)";
+check_store_connection -> 1; stop_wifi 0 -> 0; check_store_connection -> 0; stop_wifi 2 -> -1;
+client_scan_get 0 0 @/strength -> 0; client_configure 1 0 {} -> -1; client_configure 0 2 {} -> -5;
+client_configure 0 0 {"ifc_config":{"auto_connect_timeout":7}} -> 0; ?wifi/settings/timeout -> 7;
+Reset_printer -> 0; ?wifi/settings/timeout -> 10000;
+client_configure 0 1 {"ifc_config":{"auto_connect_timeout":7}} -> 0; Reset_printer -> 0;
+?wifi/settings/timeout -> 7;)";
 
 constexpr const char* kSaved =
     R"(wifi_set_auto_start_configuration_item 0 1 -> 0; wifi_set_auto_connect_configuration_item 0 1 -> 0;
@@ -98,7 +122,8 @@ save_configuration 0 -> 0; wifi_set_auto_start_configuration_item 0 0 -> 0; Rese
 ?wifi/settings/auto_start -> 1; ?wifi/ssid -> "Workshop-Guest";)";
 
 TEST(MachineTest, Conversations) {
-    for (const std::string script : {kHeater, kCard, kPanel, kGcode, kReset, kSaved})
+    for (const std::string script :
+         {kHeater, kUnplugged, kInputs, kCard, kPanel, kGcode, kReset, kNetworks, kSaved})
         EXPECT_EQ(Host().play(script), script);
     Host host;
     std::string echo;
@@ -113,88 +138,6 @@ TEST(MachineTest, Conversations) {
     EXPECT_EQ(host.stats()["message"]["gcode"].size(), 8U);
     host.ask("Reset_printer");
     EXPECT_EQ(host.stats()["message"]["display"], "");
-}
-
-TEST(MachineTest, FaultsWithoutAHeater) {
-    Host host;
-    const auto step = [&host](bool plugged, const std::string& script) {
-        host.controller.machine().heater().set_plugged(plugged);
-        EXPECT_EQ(host.play(script), script);
-    };
-    step(false, "state_get -> 0;turn_on -> -1;state_get -> 4;fault_get -> 1;");
-    step(true, "turn_on -> 0;fault_get -> 0;");
-    step(false, "+20;fault_get -> 1;");
-}
-
-TEST(MachineTest, DebouncesInputs) {
-    Host host;
-    Gpio& gpio = host.controller.machine().gpio();
-    gpio.drive_input(0, true, host.now);
-    EXPECT_EQ(host.ask("gpio_get_raw 16"), 1);
-    const std::string high = "gpio_input_get 0 0 -> 1;gpio_input_get 0 1 -> ";
-    const std::string low = "gpio_input_get 0 0 -> 0;gpio_input_get 0 1 -> ";
-    for (const bool level : {true, false}) {
-        gpio.drive_input(0, level, host.now);
-        const std::string now = level ? high : low;
-        const std::string script = now + (level ? "0;+19;" : "1;+19;") + now +
-                                   (level ? "0;+1;" : "1;+1;") + now + (level ? "1;" : "0;");
-        EXPECT_EQ(host.play(script), script);
-    }
-}
-
-TEST(MachineTest, ConnectsToANetworkWithTheRightKeyOnly) {
-    Host host;
-    const auto connect = [&host](const char* ssid, const char* key) {
-        return host.ask("client_connect 0 " + Json({{"ssid", signed_field(ssid, 32)},
-                                                    {"key", signed_field(key, 64)},
-                                                    {"timeout", 1000}})
-                                                  .dump());
-    };
-    EXPECT_EQ(connect("Workshop", "filament"), -2);
-    EXPECT_EQ(host.ask("start_wifi 2"), -1);
-    EXPECT_EQ(host.ask("start_wifi 0"), 0);
-    EXPECT_EQ(host.ask("client_scan_get 0 0")["strength"], 0) << "before a scan";
-    const int found = host.ask("client_scan_refresh 0");
-    ASSERT_GT(found, 2);
-    bool non_ascii = false;
-    for (int i = 0; i < found; ++i) {
-        const Json network = host.ask("client_scan_get 0 " + std::to_string(i));
-        EXPECT_EQ(network["ssid"].size(), 32U);
-        EXPECT_LT(network["strength"], 0);
-        for (const Json& byte : network["ssid"])
-            non_ascii = non_ascii || byte < 0;
-    }
-    EXPECT_TRUE(non_ascii);
-    EXPECT_EQ(host.ask("client_scan_get 0 " + std::to_string(found))["strength"], 0);
-    EXPECT_EQ(connect("Nowhere", ""), -3);
-    EXPECT_EQ(connect("Workshop", "wrong"), -4);
-    EXPECT_EQ(host.ask("check_store_connection"), 0);
-    EXPECT_EQ(connect("Workshop", "filament"), 0);
-    const Json status = host.ask("client_get_status 0");
-    EXPECT_EQ(status["connected"], 1);
-    EXPECT_EQ(status["ip_config"]["ip"].at(0), 192);
-    EXPECT_EQ(string_of_field(status["ip_config"]["connected_ssid"]), "Workshop");
-    const auto sum =
-        static_cast<std::uint32_t>(crc32(0, reinterpret_cast<const Bytef*>("JVSTEST"), 7));
-    EXPECT_EQ(status["ip_config"]["mac_address"],
-              Json({2, 74, sum >> 24U, sum >> 16U & 255U, sum >> 8U & 255U, sum & 255U}));
-    EXPECT_EQ(host.play(kConnected), kConnected);
-    Json config = host.ask("client_get_configuration 0");
-    config["ifc_config"]["auto_connect_timeout"] = 7;
-    const auto configure = [&](const char* interface_and_cmd) {
-        return host.ask(std::string("client_configure ") + interface_and_cmd + " " +
-                        Json::array({config}).dump());
-    };
-    const auto timeout = [&] { return host.machine()["wifi"]["settings"]["timeout"].get<int>(); };
-    EXPECT_EQ(configure("1 0"), -1);
-    EXPECT_EQ(configure("0 2"), -5);
-    EXPECT_EQ(configure("0 0"), 0);
-    EXPECT_EQ(timeout(), 7);
-    host.ask("Reset_printer");
-    EXPECT_NE(timeout(), 7) << "it was not saved";
-    configure("0 1");
-    host.ask("Reset_printer");
-    EXPECT_EQ(timeout(), 7);
 }
 
 TEST(MachineTest, IsDueAtItsMoments) {
@@ -215,6 +158,207 @@ TEST(MachineTest, IsDueAtItsMoments) {
     EXPECT_EQ(controller.next_tick(), host.now + 1);
     EXPECT_FALSE(controller.disconnect_due(leaving - 1));
     EXPECT_TRUE(controller.disconnect_due(leaving));
+}
+
+/// Waits for the end of a move. Returns how long it took, in ms.
+Millis finish(Host& host, const char* active = "move_active 0") {
+    const Millis begin = host.now;
+    while (host.ask(active) == 1 && host.now - begin < 60000)
+        host.wait(10);
+    return host.now - begin;
+}
+
+constexpr const char* kServoConversations[] = {
+    // A move ends exactly at its target, in its time; there is one at a time.
+    R"(move 0 {"target":33.335} -> 0; move 0 {} -> 4; move_dir_get 0 -> 1; +660; move_active 0 -> 1;
++1000; move_active 0 -> 0; move_dir_get 0 -> 0; position_get 0 -> 6667;
+position_get_client 0 -> 33.334999084472656; move 0 {"target":33.33,"speed_f":25} -> 0; +1000;
+position_get 0 -> 6666; move 0 {"target":200,"speed_f":300} -> 0; +550; move_active 0 -> 1; +1000;
+move_active 0 -> 0; position_get 0 -> 40000;)",
+    R"(move 4 {"target":10} -> 1; move_active 4 -> 0; target_get_client 4 -> 0.0;)",
+    R"(move -1 {"target":10} -> 1; move 0 {"move_type":2} -> 2; move 0 {"speed_f":0} -> 2;
+move 0 {"accel_f":0} -> 2; move 0 {"decel_f":0} -> 2; move 0 {"speed_f":300.5} -> 3;
+move 0 {"accel_f":8000.5} -> 3; move 0 {"decel_f":8000.5} -> 3; move 0 {"target":200.5} -> 3;
+move 0 {"target":-0.5} -> 3; move 3 {"target":1e300} -> 3; move_active 0 -> 0;
+target_get_client 0 -> 0.0; move 0 {"target":0} -> 0; move_active 0 -> 1;)",
+    R"(move 0 {"target":200,"speed_f":300,"accel_f":8000,"decel_f":8000} -> 0;
+target_get_client 0 -> 200.0; move 3 {"target":-500,"speed_f":300} -> 0;
+target_get_client 3 -> -500.0;
+move 1 {"move_type":1,"distance":5,"slave_ratio":2} -> 0; target_get_client 1 -> 5.0;
+move 2 {"move_type":1,"distance":5,"slave_ratio":2,"slaved":1} -> 0; target_get_client 2 -> 10.0;)",
+    // Synchronous moves: an idle command or a trace does not start them, and each is made once.
+    R"(position_set_client 0 20.0 -> 0; move 0 {"move_type":1,"distance":-5,"start_sync":1} -> 0;
+move 1 {"target":30,"start_sync":1} -> 0; move 2 {"target":30,"start_sync":1} -> 0;
+trace_enable 1 1 -> 0; trace_enable 1 0 -> 0; put_idle 2 -> 1; +200; move_active 0 -> 0;
+move_active 1 -> 0; target_get_client 0 -> 15.0; move_start_sync -> 0; move_active 0 -> 1;
+move_active 2 -> 0; move_dir_get 0 -> 2; move_dir_get 1 -> 1; +2000; position_get 0 -> 3000;
+position_get 1 -> 6000; move_start_sync -> 0; move_active 0 -> 0; move 0 {"target":100} -> 0;
++100; position_set 0 -7 -> 0; +100; position_get 0 -> -7; move_active 0 -> 0;)",
+    // Changing a move: refused without one, validated, then faster, elsewhere, stopped.
+    R"(move_modify {"vel":20} 1 1 -> 2; trace_enable 0 1 -> 0; +50; move_modify {"vel":20} 1 1 -> 2;
+trace_enable 0 0 -> 0; position_set 0 0 -> 0; move 0 {"target":100} -> 0; move_modify {} 1 1 -> 0;
+move_modify {"servo_name":4} 1 1 -> 1; move_modify {"type":3} 1 1 -> 3;
+move_modify {"type":3,"active":0} 1 1 -> 0; move_modify {"type":3} 0 1 -> 0;
+move_modify {"vel":300.5} 1 1 -> 3; move_modify {"vel":-1} 1 1 -> 3;
+move_modify {"accel":8000.5} 1 1 -> 3; move_modify {"accel":-1} 1 1 -> 3;
+move_modify {"decel":8000.5} 1 1 -> 3; move_modify {"decel":-1} 1 1 -> 3;
+move_modifier_validate {"decel":-1} 1 -> 0; move_modifier_validate {} 1 -> 1;
+move_modify {"type":1,"pos":60,"use_validation_pos":1} 1 1 -> 4; +500;
+move_modify {"type":1,"pos":60,"use_validation_pos":1} 1 1 -> 4;
+move_modify {"type":1,"pos":500} 1 1 -> 3;
+move_modify {"vel":300,"accel":8000,"decel":8000} 1 1 -> 0;
+move_modify {"type":1,"pos":60,"use_validation_pos":1,"validation_pos":50} 1 1 -> 0; +890;
+position_get 0 -> 12000; move_active 0 -> 0; move 0 {"target":160} -> 0; +300;
+move_modify {"type":1,"pos":90,"use_validation_pos":1} 1 0 -> 0; target_get_client 0 -> 90.0;
+move_modify {"type":2} 1 1 -> 0; +500; move_active 0 -> 0;)",
+    // Configurations: refused ones change nothing, bad ones stall or do not arrive.
+    R"(config_set 0 {"interrupt_frequency":0} -> 0 servo: configuration refused;
+config_set 0 {"pwm_cap":0} -> 0 servo: configuration refused;
+config_set 0 {"pos_res_eu_per_mm":0} -> 0 servo: configuration refused;
+config_set 0 {"speed_max":0} -> 0 servo: configuration refused;
+config_set 0 {"accel_max":0} -> 0 servo: configuration refused; config_set 0 {"pwm_cap_time":0} -> 0;
+move 0 {"target":1} -> 0; +1990; position_get 0 -> 200; target_get_client 0 -> 1.0;
+?servos/0/state -> 0; config_set 0 {"pwm_cap":1} -> 0; move 0 {"target":2} -> 0; +1990;
+position_get 0 -> 200; target_get_client 0 -> 1.0; ?servos/0/state -> 6;
+move 0 {"target":2,"ignore_stalls":1} -> 0; +1990; position_get 0 -> 200; ?servos/0/state -> 0;)",
+    R"(config_set 0 {"gains":{"kp":0,"ki":0,"kd":0,"ka":0,"kv":0,"kf":0}} -> 0; move 0 {"target":1} -> 0;
++1990; position_get 0 -> 0; target_get_client 0 -> 0.0; ?servos/0/state -> 0;)",
+    R"(move 0 {"target":20} -> 0; +200; move_dir_get 0 -> 1; ?servos/0/state -> 2;)",
+    R"(units_client_to_native 2 1.5 -> 1200; units_native_to_client 2 -400 -> -0.5;
+units_client_to_native 0 1e9 -> 2147483647; position_set 1 -123456789 -> 0;
+position_get 1 -> -123456789; name_str_get 3 -> [69,0];)",
+};
+
+TEST(ServoTest, Conversations) {
+    for (const std::string script : kServoConversations)
+        EXPECT_EQ(Host().play(script), script);
+    const char* const cut_short[] = {
+        R"(move 0 {"target":160};+300;move_modify {"type":2} 1 1;+1000;)",
+        R"(move 0 {"target":100,"max_cycles":100};+1000;)",
+    };
+    for (const char* const script : cut_short) {
+        Host host;
+        host.play(script);
+        EXPECT_EQ(host.ask("move_active 0"), 0) << script;
+        EXPECT_LT(host.ask("position_get_client 0"), 20.0) << script;
+    }
+}
+
+TEST(ServoTest, MeasuresAMove) {
+    int all = 0;
+    for (const int skip : {0, 1, 40}) {
+        Host host;
+        host.ask("move 0 " + Json({{"target", 20}, {"metric_skip", skip}}).dump());
+        finish(host);
+        const Json metrics = host.ask("move_metrics_get 0");
+        if (skip == 0) all = metrics["n"];
+        EXPECT_EQ(metrics["n"], all - skip);
+        EXPECT_GT(metrics["M2"], 0);
+    }
+}
+
+/// The samples among what the device has sent.
+std::vector<Json> samples(Host& host) {
+    std::vector<Json> out;
+    for (const Json& message : Host::messages(host.read(kMessageIn))) {
+        if (!message["data"].contains("event")) continue;
+        EXPECT_EQ(message["data"]["event"]["name"], "servo_dc_trace_event");
+        out.push_back(message["data"]["event"]["args"]["msg"]);
+    }
+    return out;
+}
+
+TEST(TraceTest, HasOneSampleForEachMillisecondAtAnyTimeScale) {
+    for (const double time_scale : {1.0, 100.0}) {
+        Host host(time_scale);
+        host.play("position_set_client 1 50.0;trace_enable 1 1;");
+        std::vector<Json> all;
+        for (const Millis step : {1, 1, 7, 991, 0, 2000}) {
+            host.now += step;
+            host.controller.tick(host.now);
+            for (const Json& sample : samples(host))
+                all.push_back(sample);
+        }
+        ASSERT_EQ(all.size(), 3000U);
+        int idle = 0;
+        double error = 0;
+        std::set<int> positions;
+        std::set<int> states;
+        for (std::size_t i = 0; i < all.size(); ++i) {
+            EXPECT_EQ(all[i]["int_cnt"], all[0]["int_cnt"].get<unsigned>() + i);
+            positions.insert(all[i]["pos"].get<int>());
+            states.insert(all[i]["servo_state"].get<int>());
+            if (i < 1000) idle += int{all[i]["servo_state"] == 0};
+            error = std::max(
+                error, std::fabs(all[i]["pos_cmd"].get<double>() - all[i]["pos"].get<double>()));
+        }
+        EXPECT_LT(*positions.begin(), 50 * 200 - 1000) << "the cycle goes to one side";
+        EXPECT_GT(*positions.rbegin(), 50 * 200 + 1000) << "and to the other";
+        EXPECT_EQ(states, (std::set<int>{0, 1, 2, 3, 4}));
+        EXPECT_NE(all[20]["servo_state"], 0) << "it begins at once";
+        EXPECT_TRUE(200 < idle && idle < 500) << "it pauses after each leg: " << idle;
+        EXPECT_TRUE(2 < error && error < 100) << "the axis follows with an error: " << error;
+        host.ask("trace_enable 1 0");
+        finish(host, "move_active 1");
+        EXPECT_EQ(host.ask("position_get 1"), 10000) << "it returns to its position";
+        EXPECT_EQ(samples(host).size(), 0U);
+    }
+}
+
+TEST(TraceTest, ACommandedMoveEndsTheCycle) {
+    for (const Millis delay : {137, 280}) {  // on a leg, and in the pause after it
+        Host host;
+        host.play("position_set_client 0 50.0;trace_enable 0 1;");
+        host.wait(delay);
+        const std::string move =
+            R"(move 0 {"move_type":1,"distance":5} -> 0;trace_enable 0 0 -> 0;)"
+            "+10;trace_enable 0 1 -> 0;+3000;position_get 0 -> 11000;";
+        EXPECT_EQ(host.play(move), move) << "from where the cycle began: " << delay;
+        samples(host);
+        host.controller.host_closed();
+        host.wait(50);
+        host.controller.host_opened();
+        host.wait(10);
+        EXPECT_EQ(samples(host).size(), 10U) << "none while no program has the device open";
+    }
+}
+
+TEST(TraceTest, PlayIsTakenUpAfterEachTurn) {
+    for (const bool flush : {false, true}) {
+        Host host;
+        host.play("backlash_set 0 100 0;position_set 0 9999;trace_enable 0 1;");
+        std::vector<Json> seen;
+        for (const bool turned : {false, true}) {
+            do {
+                host.wait(1);
+                seen = samples(host);
+            } while ((seen.back()["padout_dist"] > 0) != turned);
+        }
+        EXPECT_GT(seen.back()["padout_dist"], 90);
+        const int stands = seen.back()["pos"];
+        host.ask(flush ? "backlash_set 0 100 1" : "backlash_set 0 100 0");
+        host.wait(4);
+        seen = samples(host);
+        EXPECT_EQ(seen.back()["padout_dist"] == 0, flush);
+        EXPECT_TRUE(flush || seen.back()["pos"] == stands);
+    }
+}
+
+TEST(TraceTest, LossesAreCountedAndShow) {
+    Host host;
+    const std::string endless =
+        "trace_enable 3 0 -> 0;move_active 3 -> 0;trace_enable 3 1 -> 0;"
+        "+100;trace_enable 3 0 -> 0;";
+    EXPECT_EQ(host.play(endless), endless);
+    EXPECT_NE(host.ask("position_get 3"), 0) << "an axis without an end has room";
+    finish(host, "move_active 3");
+    samples(host);
+    host.play("trace_enable 0 1;+10000;");
+    const std::uint64_t dropped = host.stats()["message"]["dropped"];
+    EXPECT_GT(dropped, 0U);
+    host.send(kMessageOut, Host::framed(Host::command(2, 0, "bio_get_version")));
+    EXPECT_EQ(host.stats()["message"]["dropped"], dropped) << "there is room for responses";
+    EXPECT_EQ(samples(host).size() + dropped, 10000U);
 }
 
 }  // namespace

@@ -1,4 +1,4 @@
-#include "program.h"
+#include "cli_test.h"
 
 #include <fcntl.h>
 #include <poll.h>
@@ -7,12 +7,12 @@
 #include <sys/wait.h>
 #include <termios.h>
 #include <unistd.h>
-#include <csignal>
 
 #include <cerrno>
-#include <chrono>
-#include <cstdlib>
+#include <iomanip>
+#include <sstream>
 #include <stdexcept>
+#include <vector>
 
 namespace test {
 namespace {
@@ -27,46 +27,22 @@ struct Pipe {
     FileDescriptor write;
 };
 
-Pipe make_pipe() {
+Pipe make_pipe(bool terminal = false) {
     int ends[2];
-    if (pipe2(ends, O_CLOEXEC) != 0) throw std::runtime_error("pipe2");
+    winsize size{24, 96, 0, 0};
+    if ((terminal ? openpty(&ends[0], &ends[1], nullptr, nullptr, &size) : pipe(ends)) != 0)
+        throw std::runtime_error("no pipe or terminal");
+    for (const int end : ends)
+        fcntl(end, F_SETFD, FD_CLOEXEC);
     return {FileDescriptor(ends[0]), FileDescriptor(ends[1])};
 }
 
-Pipe make_terminal() {
-    int ours = -1;
-    int theirs = -1;
-    winsize size{24, 96, 0, 0};
-    if (openpty(&ours, &theirs, nullptr, nullptr, &size) != 0) throw std::runtime_error("openpty");
-    fcntl(ours, F_SETFD, FD_CLOEXEC);
-    fcntl(theirs, F_SETFD, FD_CLOEXEC);
-    return {FileDescriptor(ours), FileDescriptor(theirs)};
-}
-
 Pipe make_output(Out out) {
-    if (out == Out::terminal || out == Out::console || out == Out::dialog) return make_terminal();
+    if (out == Out::terminal || out == Out::console || out == Out::dialog) return make_pipe(true);
     if (out == Out::pipe) return make_pipe();
     if (out == Out::closed) return {FileDescriptor(), make_pipe().write};
     if (out == Out::none) return {};
     return {FileDescriptor(), FileDescriptor(open("/dev/full", O_WRONLY | O_CLOEXEC))};
-}
-
-/// Runs in the child between fork and exec: only system calls are allowed.
-[[noreturn]] void become(char* const* argv, int in, int out, int err, bool console) {
-    setsid();
-    if (console) {
-        ioctl(out, TIOCSCTTY, 0);
-        in = out;
-    }
-    dup2(in, STDIN_FILENO);
-    if (out >= 0) {
-        dup2(out, STDOUT_FILENO);
-    } else {
-        close(STDOUT_FILENO);
-    }
-    dup2(err, STDERR_FILENO);
-    execv(argv[0], argv);
-    _exit(127);
 }
 
 void take(FileDescriptor& fd, short events, std::string& text) {
@@ -90,15 +66,16 @@ void Program::pump() {
     take(err_, watched[1].revents, err_text_);
 }
 
-Program::Program(const std::vector<std::string>& args, Out out) {
+Program::Program(const std::string& line, Out out) {
     Pipe input = make_pipe();
     Pipe output = make_output(out);
     Pipe errors = make_pipe();
     const bool console = out == Out::console || out == Out::dialog;
     std::vector<std::string> words{JOVU_PROGRAM};
-    words.insert(words.end(), args.begin(), args.end());
+    std::istringstream stream(line);
+    for (std::string word; stream >> std::quoted(word);)
+        words.push_back(word);
     std::vector<char*> argv;
-    argv.reserve(words.size() + 1);
     for (std::string& word : words)
         argv.push_back(word.data());
     argv.push_back(nullptr);
@@ -106,9 +83,15 @@ Program::Program(const std::vector<std::string>& args, Out out) {
     ::signal(SIGPIPE, SIG_IGN);  // A program may end before it has read its input.
     pid_ = fork();
     if (pid_ < 0) throw std::runtime_error("fork");
-    if (pid_ == 0) {
-        become(argv.data(), input.read.get(), output.write.get(),
-               (out == Out::dialog ? output : errors).write.get(), console);
+    if (pid_ == 0) {  // Only system calls are allowed until the program runs.
+        setsid();
+        if (console) ioctl(output.write.get(), TIOCSCTTY, 0);
+        dup2((console ? output.write : input.read).get(), STDIN_FILENO);
+        close(STDOUT_FILENO);
+        dup2(output.write.get(), STDOUT_FILENO);  // There may be none.
+        dup2((out == Out::dialog ? output : errors).write.get(), STDERR_FILENO);
+        execv(argv[0], argv.data());
+        _exit(127);
     }
     in_ = console ? FileDescriptor(fcntl(output.read.get(), F_DUPFD_CLOEXEC, 0))
                   : std::move(input.write);
@@ -134,37 +117,35 @@ bool Program::in_line_mode() const {
     return (modes.c_lflag & ICANON) != 0 && (modes.c_lflag & ECHO) != 0;
 }
 
-bool Program::comes(const std::string& text, bool on_error, std::chrono::milliseconds limit) {
+bool Program::writes(const std::string& text, std::chrono::milliseconds limit) {
     const auto deadline = Clock::now() + limit;
-    const std::string& written = on_error ? err_text_ : out_text_;
-    const FileDescriptor& stream = on_error ? err_ : out_;
-    while (written.find(text) == std::string::npos) {
-        if (!stream.valid() || Clock::now() > deadline) return false;
+    const auto contains = [&](const std::string& written) {
+        return written.find(text) != std::string::npos;
+    };
+    while (!contains(out_text_) && !contains(err_text_)) {
+        if ((!out_.valid() && !err_.valid()) || Clock::now() > deadline) return false;
         pump();
     }
     return true;
 }
 
-int Program::finish() {
-    const auto deadline = Clock::now() + kPatience;
+Ended Program::finish() {
     int status = 0;
-    while (out_.valid() || err_.valid()) {
-        if (Clock::now() > deadline) return kNeverEnded;
-        pump();
-    }
-    const bool ended = eventually([&] { return waitpid(pid_, &status, WNOHANG) == pid_; });
-    if (!ended) return kNeverEnded;
-    pid_ = -1;
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
+    const bool ended = eventually([&] {
+        if (out_.valid() || err_.valid()) pump();
+        return !out_.valid() && !err_.valid() && waitpid(pid_, &status, WNOHANG) == pid_;
+    });
+    if (ended) pid_ = -1;
+    const int code = WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
+    return {ended ? code : kNeverEnded, out_text_, err_text_};
 }
 
-Ended jovu(const std::vector<std::string>& args, const std::string& input, Out out) {
-    Program program(args, out);
+Ended jovu(const std::string& line, const std::string& input, Out out) {
+    Program program(line, out);
     if (out == Out::dialog && !input.empty()) program.writes("[y/N] ");
     program.type(input);
     program.end_input();
-    const int status = program.finish();
-    return {status, program.out(), program.err()};
+    return program.finish();
 }
 
 }  // namespace test
