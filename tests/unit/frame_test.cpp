@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "fake_usb/framed.h"
-#include "jovu/exception.h"
+#include "support/recording_client.h"
 
 namespace {
 
@@ -43,9 +43,7 @@ TEST(Frame, IsFoundHoweverItsBytesAreSplit) {
         {"garbage around", "x;;y" + ab + "\0z"s + ab, {"ab", "ab"}},
         {"a start in garbage", "$$$$$" + ab, {"ab"}},
         {"bad check, frame right behind", bad_check + ab, {"ab"}},
-        {"bad check, its own bytes are not looked at again",
-         "$" + ab.substr(0, 4) + "ab;" + ab,
-         {"ab"}},
+        {"bad check with a start", "$" + ab.substr(0, 4) + "ab;" + ab, {"ab"}},
         {"wrong terminator", framed("ab").substr(0, 7) + "x" + ab, {"ab"}},
         {"wrong terminator that starts a frame", framed("ab").substr(0, 7) + ab, {"ab"}},
         {"empty payload", framed("") + ab, {"", "ab"}},
@@ -75,12 +73,8 @@ TEST(Frame, IsMadeUpToTheLongestPayload) {
         EXPECT_EQ(bytes + frame.body, framed(payload)) << size;
         EXPECT_EQ(decoded(bytes + frame.body, 64), Payloads{payload}) << size;
     }
-    try {
-        jovu::make_frame(std::string(65535, 'p'));
-        ADD_FAILURE() << "the length would wrap";
-    } catch (const JovuException& error) {
-        EXPECT_STREQ(error.what(), "Send failed - message of 65535 bytes is too long.");
-    }
+    EXPECT_EQ(test::error_of([] { jovu::make_frame(std::string(65535, 'p')); }),
+              "Send failed - message of 65535 bytes is too long.");
 }
 
 TEST(Frame, DecoderIsReadyForTheNextOneWhenItsReaderThrows) {

@@ -5,10 +5,10 @@
 #include <algorithm>
 #include <random>
 
-#include "fake_usb/link_test.h"
+#include "fake_usb/backend_fixture.h"
 #include "support/heap.h"
-#include "support/recording_client.h"
 
+namespace test {
 namespace {
 
 std::optional<std::string> append(jovu::JobStream& stream, const std::string& bytes) {
@@ -35,14 +35,13 @@ std::optional<std::string> cut_simply(std::string& waiting, const std::string& b
 TEST(JobStream, CutsOneObjectPerCallByItsBracesAsTheSimplestWayDoes) {
     for (unsigned seed = 0; seed < 300; ++seed) {
         std::mt19937 random(seed);
-        const auto below = [&random](std::size_t limit) { return random() % limit; };
         const std::string alphabet = seed % 2 == 0 ? "{}a" : "{}{}\"\\ \n1";
         jovu::JobStream stream;
         std::string waiting;
         for (int call = 0; call < 60; ++call) {
             std::string bytes;
-            for (std::size_t size = below(seed % 3 == 0 ? 3 : 20); size > 0; --size)
-                bytes.push_back(alphabet[below(alphabet.size())]);
+            for (std::size_t size = random() % (seed % 20 + 1); size > 0; --size)
+                bytes.push_back(alphabet[random() % alphabet.size()]);
             ASSERT_EQ(append(stream, bytes), cut_simply(waiting, bytes)) << "seed " << seed;
             ASSERT_EQ(stream.size(), waiting.size()) << "seed " << seed;
         }
@@ -72,40 +71,39 @@ TEST(JobStream, KeepsABacklogUpToItsLimitAndThenStartsAfresh) {
     EXPECT_EQ(append(stream, "{2}"), "{2}");
 }
 
-using JobInterface = test::LinkTest;
+using JobInterface = ExchangeTest;
 
 TEST_F(JobInterface, ReceivesWhateverComesAndFreesItWhenTheDeviceLeaves) {
-    libusb_device* const device = fake_usb::plug(1, 5);
-    test::RecordingClient client;
-    ASSERT_TRUE(test::eventually([&] { return fake_usb::in_flight(device, test::kJobsIn); }));
-    const auto send = [&](const std::string& bytes) {
-        return fake_usb::complete(device, test::kJobsIn, LIBUSB_TRANSFER_COMPLETED, bytes);
+    const auto send = [this](const std::string& bytes) {
+        ASSERT_TRUE(eventually([this] { return fake_usb::in_flight(device, kJobsIn); }));
+        ASSERT_TRUE(fake_usb::complete(device, kJobsIn, LIBUSB_TRANSFER_COMPLETED, bytes));
     };
-    for (const char* const bytes :
-         {"}", R"({"metadata":{"type":"other"}})", R"({"metadata":{"type":7}})", "not json {}",
-          R"({"metadata":{"type":"status"},"status":{"state":"on"}})"})
-        ASSERT_TRUE(send(bytes));
-    EXPECT_EQ(client.job_texts().size(), 4U) << "all but the stray brace";
-    EXPECT_EQ(client.job_texts().at(2), "not json {}");
+    const std::vector<std::string> objects{
+        R"({"metadata":{"type":"other"}})", R"({"metadata":{"type":7}})", "not json {}",
+        R"({"metadata":{"type":"status"},"status":{"state":"on"}})"};
+    send("}");
+    for (const std::string& object : objects)
+        send(object);
+    EXPECT_EQ(client.job_texts(), objects);
     ASSERT_EQ(client.statuses().size(), 1U);
     EXPECT_EQ(client.statuses()[0].state, "on");
 
-    const std::size_t before_data = test::heap_in_use();
+    const std::size_t before_data = heap_in_use();
     for (int i = 0; i < 2000; ++i)
-        ASSERT_TRUE(send("{" + std::string(63, 'x')));
-    EXPECT_GT(test::heap_in_use(), before_data + 100000);
+        send("{" + std::string(63, 'x'));
+    EXPECT_GT(heap_in_use(), before_data + 100000);
     // What comes behind the notification is no part of what the next device sends.
-    test::LinkClient last(journal, "c", 1);
-    last.on_disconnected = [&] {
-        EXPECT_TRUE(fake_usb::post(device, test::kJobsIn, LIBUSB_TRANSFER_COMPLETED, "{late"));
+    BackendClient last(journal, "c", 1);
+    last.then = [this](char what, unsigned char*) {
+        if (what == '-') fake_usb::post(device, kJobsIn, LIBUSB_TRANSFER_COMPLETED, "{late");
     };
     fake_usb::unplug(device, true);
-    ASSERT_TRUE(test::eventually([] { return JovuUsb::list_connected().empty(); }));
-    EXPECT_LT(test::heap_in_use(), before_data + 50000);
-    libusb_device* const next = fake_usb::plug(1, 5);
-    ASSERT_TRUE(test::eventually([&] { return fake_usb::in_flight(next, test::kJobsIn); }));
-    ASSERT_TRUE(fake_usb::complete(next, test::kJobsIn, LIBUSB_TRANSFER_COMPLETED, "{1}"));
+    ASSERT_TRUE(eventually([] { return JovuUsb::list_connected().empty(); }));
+    EXPECT_LT(heap_in_use(), before_data + 50000);
+    device = fake_usb::plug(1, 5);
+    send("{1}");
     EXPECT_EQ(client.job_texts().back(), "{1}");
 }
 
 }  // namespace
+}  // namespace test
