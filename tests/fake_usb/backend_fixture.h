@@ -86,22 +86,17 @@ private:
 };
 
 /// The backend, running with a device at 1.5 and a client on each interface: "a" on 0, "b" on 1.
-class Backend {
-public:
+struct Backend {
     /// @param prepare called before the device is opened; without it the device is connected.
     explicit Backend(Journal& journal, const std::function<void(Backend&)>& prepare = nullptr)
         : messages(journal, "a", 0), jobs(std::in_place, journal, "b", 1) {
         if (prepare) prepare(*this);
-        pause_.reset();
+        pause.reset();
         EXPECT_TRUE(prepare || journal.wait("b+1.5"));
     }
 
     libusb_device* device = fake_usb::plug(1, 5);
-
-private:
-    std::optional<JovuScanPause> pause_{std::in_place};
-
-public:
+    std::optional<JovuScanPause> pause{std::in_place};
     BackendClient messages;
     std::optional<BackendClient> jobs;
 };

@@ -240,7 +240,6 @@ TEST_F(Exchange, AndNotificationsAreWaitedFor) {
     };
     JovuDeviceAddress address{1, 5};
     for (const auto& [exchange, shutdown] : {std::pair(true, true), {true, false}, {false, true}}) {
-        SCOPED_TRACE(testing::Message() << "exchange " << exchange << ", shutdown " << shutdown);
         std::promise<void> barrier;
         std::atomic<bool> begun{false};
         const auto last_long = [&] {

@@ -1,6 +1,7 @@
 /// @file
 /// Sending: every result that a bulk call can have.
 #include "fake_usb/backend_fixture.h"
+#include "support/job_file.h"
 
 namespace {
 
@@ -61,9 +62,7 @@ TEST_F(Write, RetriesGivesUpAndAdvances) {
     for (const unsigned interface : {0U, 1U}) {
         for (const auto& row : cases) {
             SCOPED_TRACE(std::string(row.what) + ", interface " + std::to_string(interface));
-            std::string bytes;
-            for (std::size_t i = 0; i < row.length; ++i)
-                bytes.push_back(static_cast<char>(i));
+            const std::string bytes = test::job_content(row.length);
             const std::size_t before = fake_usb::sent().size();
             fake_usb::script(fake_usb::Call::bulk, row.script);
             EXPECT_EQ(write(bytes, kAddress, interface), row.failure);

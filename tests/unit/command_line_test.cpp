@@ -12,14 +12,9 @@ using namespace std::string_literals;
 using Device = JovuDfu::DfuDevice_t;
 
 TEST(EscapeSpaces, PutsASlashBeforeEveryRunOfWhitespace) {
-    const std::pair<const char*, const char*> cases[] = {
-        {"/tmp/my dir", "/tmp/my/ dir"},
-        {" a\t\n\v\f\r b ", "/ a/\t\n\v\f\r b/ "},
-        {"/\\$&a\xC2\xA0", "/\\$&a\xC2\xA0"},
-        {"", ""},
-    };
-    for (const auto& [path, escaped] : cases)
-        EXPECT_EQ(escape_spaces(path), escaped);
+    EXPECT_EQ(escape_spaces("/tmp/my dir"), "/tmp/my/ dir");
+    EXPECT_EQ(escape_spaces(" a\t\n\v\f\r b "), "/ a/\t\n\v\f\r b/ ");
+    EXPECT_EQ(escape_spaces("/\\$&a\xC2\xA0"), "/\\$&a\xC2\xA0");
 }
 
 TEST(DfuCommandLine, IsPlainUnlessTheShellWouldMakeSomethingElseOfIt) {

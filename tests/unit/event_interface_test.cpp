@@ -20,11 +20,9 @@ struct Client : JovuClient {
     }
     void servo_dc_trace_event(JovuDeviceAddress address, servo_trace_msg sample) override {
         EXPECT_EQ(address.address, 5);
-        for (const long long field :
-             {sample.servo_name + 0LL, sample.servo_state + 0LL, sample.int_cnt + 0LL,
-              sample.pos_cmd + 0LL, sample.pos + 0LL, sample.pwm + 0LL, sample.padout_dist + 0LL})
-            calls << field << ' ';
-        calls << '|';
+        calls << sample.servo_name << ' ' << sample.servo_state << ' ' << sample.int_cnt << ' '
+              << sample.pos_cmd << ' ' << sample.pos << ' ' << sample.pwm << ' '
+              << sample.padout_dist << '|';
     }
     std::ostringstream calls;
 };
@@ -52,9 +50,9 @@ TEST(EventInterface, CallsTheHandlerOfTheNameWithWhatCanBeReadOrNone) {
         {debug(R"(,"args":{"x":[72,"i"]})"), ""},
         {debug(R"(,"args":{"x":[[72]]})"), ""},
         {trace(R"(,"args":{"any":{)" + six + R"(,"pwm":70000}})"),
-         "2 -2 4294967295 -7 1 4464 -2147483648 |"},
-        {trace(""), "0 0 0 0 0 0 0 |"},
-        {trace(R"(,"args":{})"), "0 0 0 0 0 0 0 |"},
+         "2 -2 4294967295 -7 1 4464 -2147483648|"},
+        {trace(""), "0 0 0 0 0 0 0|"},
+        {trace(R"(,"args":{})"), "0 0 0 0 0 0 0|"},
         {trace(R"(,"args":{"any":{)" + six + "}}"), ""},
         {trace(R"(,"args":{"any":{)" + six + R"(,"pwm":"1"}})"), ""},
         {trace(R"(,"args":{"any":[1,2,3,4,5,6,7]})"), ""},

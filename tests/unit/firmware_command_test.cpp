@@ -81,7 +81,6 @@ TEST(FirmwareCommand, ReadsItsResultAndTakesABrokenResponseForNone) {
         // One more than there are.
         {read<Networks, 3>, value(R"([{"strength":-7},{"ssid":[98]}])"), ":0:-7 b:0:0 :0:0 "},
         {read<Floats>, value("[]"), ""},
-        {read<Bytes>, value("[]"), ""},
         {read<Networks>, value("[]"), ""},
         {read<String>, value("[72,105]"), "Hi "},
         {read<String>, value("[]"), " "},

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -14,18 +15,21 @@ namespace {
 using test::framed;
 using Payloads = std::vector<std::string>;
 
+void feed(jovu::FrameDecoder& decoder, const std::string& bytes,
+          const std::function<void(const std::string&)>& reader) {
+    decoder.feed(reinterpret_cast<const unsigned char*>(bytes.data()), bytes.size(),
+                 [&](const unsigned char* payload, unsigned length) {
+                     reader(std::string(payload, payload + length));
+                 });
+}
+
 /// Decodes bytes that arrive in two pieces, the first of @p head bytes.
 Payloads decoded(const std::string& bytes, std::size_t head) {
     Payloads payloads;
     jovu::FrameDecoder decoder;
-    const auto feed = [&](const std::string& piece) {
-        decoder.feed(reinterpret_cast<const unsigned char*>(piece.data()), piece.size(),
-                     [&](const unsigned char* payload, unsigned length) {
-                         payloads.emplace_back(payload, payload + length);
-                     });
-    };
-    feed(bytes.substr(0, head));
-    if (head < bytes.size()) feed(bytes.substr(head));
+    for (const std::string& piece :
+         {bytes.substr(0, head), bytes.substr(std::min(head, bytes.size()))})
+        feed(decoder, piece, [&](const std::string& payload) { payloads.push_back(payload); });
     return payloads;
 }
 
@@ -79,14 +83,11 @@ TEST(Frame, IsMadeUpToTheLongestPayload) {
 
 TEST(Frame, DecoderIsReadyForTheNextOneWhenItsReaderThrows) {
     jovu::FrameDecoder decoder;
-    const std::string bytes = framed("ab");
-    const auto* const data = reinterpret_cast<const unsigned char*>(bytes.data());
-    EXPECT_THROW(decoder.feed(data, bytes.size(),
-                              [](unsigned char*, unsigned) { throw std::runtime_error("no"); }),
-                 std::runtime_error);
-    unsigned read = 0;
-    decoder.feed(data, bytes.size(), [&read](unsigned char*, unsigned length) { read = length; });
-    EXPECT_EQ(read, 2U);
+    const auto refuse = [](const std::string&) { throw std::runtime_error("no"); };
+    EXPECT_THROW(feed(decoder, framed("ab"), refuse), std::runtime_error);
+    std::string read;
+    feed(decoder, framed("cd"), [&read](const std::string& payload) { read = payload; });
+    EXPECT_EQ(read, "cd");
 }
 
 }  // namespace

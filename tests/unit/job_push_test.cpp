@@ -39,9 +39,6 @@ protected:
             [&] { result = jobs.SendJobFile(kAddress, file.path(), note, this, false, cancel); });
         return error.empty() ? results[static_cast<int>(result)] : error;
     }
-    void fill_file(const std::string& content) const {
-        std::ofstream(file.path(), std::ios::binary) << content;
-    }
 
     const TemporaryFile file{"job", ""};
     std::vector<double> progress;
@@ -57,7 +54,7 @@ TEST_F(JobPush, ReportsItsProgressAndNeedsAFileThatCanBeReadTwice) {
         {12000, {0.0, 5120 * 100.0 / 12000, 10240 * 100.0 / 12000, 99.9, 100.0}},
     };
     for (const auto& [size, expected] : rows) {
-        fill_file(std::string(size, 'x'));
+        std::ofstream(file.path(), std::ios::binary) << std::string(size, 'x');
         EXPECT_EQ(push(client), "completed");
         EXPECT_EQ(progress, expected) << size;
         EXPECT_EQ(fake_usb::sent().at(before).bytes.find("compression"), std::string::npos);
@@ -94,7 +91,7 @@ TEST_F(JobPush, FillsUpWhatItDoesNotSendSoThatTheChecksumIsWrong) {
     for (const std::string& job :
          {std::string(5121, '\0'), std::string(5120, '\0') + "\1",
           std::string(10238, '\0') + std::string("\1\0", 2), job_content(12000)}) {
-        fill_file(job);
+        std::ofstream(file.path(), std::ios::binary) << job;
         EXPECT_EQ(push(
                       client, [](std::size_t) {}, Cancelled()),
                   "cancelled");
@@ -103,7 +100,7 @@ TEST_F(JobPush, FillsUpWhatItDoesNotSendSoThatTheChecksumIsWrong) {
         // Cancelled in each call; and the file shrinks, and grows.
         for (std::size_t row = 0; row < calls + 2; ++row) {
             SCOPED_TRACE(testing::Message() << job.size() << " bytes, row " << row);
-            fill_file(job);
+            std::ofstream(file.path(), std::ios::binary) << job;
             const bool shrinks = row == calls, grows = row == calls + 1;
             JovuPushCancel cancel;
             const auto then = [&](std::size_t call) {
@@ -135,7 +132,7 @@ TEST_F(JobPush, FillsUpWhatItDoesNotSendSoThatTheChecksumIsWrong) {
 }
 
 TEST_F(JobPush, NeverReachesTheNextDeviceAfterAnUnplug) {
-    fill_file(std::string(20000, 'x'));
+    std::ofstream(file.path(), std::ios::binary) << std::string(20000, 'x');
     const auto replug = [&](std::size_t call) {
         if (call != 2) return;
         const auto first = JovuUsb::connection(kAddress);
@@ -152,7 +149,7 @@ TEST_F(JobPush, NeverReachesTheNextDeviceAfterAnUnplug) {
 
 TEST_F(JobPush, EndsWithItsClient) {
     const std::string ended = "Send failed - The client has been shut down.";
-    fill_file(std::string(2000000, 'x'));
+    std::ofstream(file.path(), std::ios::binary) << std::string(2000000, 'x');
     for (const auto& [last, inside] :
          {std::pair(false, false), {false, true}, {true, false}, {true, true}}) {
         SCOPED_TRACE(testing::Message() << "last " << last << ", in the callback " << inside);

@@ -17,43 +17,29 @@ struct NoDevice : jovu::Connection {
     void write(std::initializer_list<Piece> /*pieces*/, std::uint32_t /*interface*/) override {}
 };
 
-class WaitingRequests : public testing::Test {
-protected:
+TEST(WaitingRequests, AreWokenByWhatIsTheirsWhileOthersComeAndGo) {
     using Entry = jovu::WaitingRequests::Entry;
-
-    std::shared_ptr<JovuMessage> respond(unsigned id) {
-        auto response = std::make_shared<JovuMessage>(client, 2, id, body.get());
-        table.respond(response, {connection.address(), &connection, ""}, false);
-        return response;
-    }
-    bool signalled() { return signal.wait(std::chrono::milliseconds(0)); }
-
     test::RecordingClient client;
     const NoDevice connection;
     const jovu::JsonTree body = jovu::parse_json("{}");
     jovu::WaitingRequests table;
+    const auto respond = [&](unsigned id) {
+        auto response = std::make_shared<JovuMessage>(client, 2, id, body.get());
+        table.respond(response, {connection.address(), &connection, ""}, false);
+        return response;
+    };
     jovu::ResponseSignal signal, unheard;
-    JovuMessage request{client, 0, 7, nullptr};
-};
-
-TEST_F(WaitingRequests, OutliveOlderOnesWithTheirId) {
-    JovuMessage older(client, 0, 7, nullptr);
+    const auto woken = [&signal] { return signal.wait(std::chrono::milliseconds(0)); };
+    JovuMessage older(client, 0, 7, nullptr), request(client, 0, 7, nullptr);
     std::optional<Entry> first(std::in_place, table, older, unheard, connection);
     std::optional<Entry> second(std::in_place, table, request, signal, connection);
     first.reset();
-    EXPECT_FALSE(respond(7)->is_parsed()) << "its tree is freed now";
-    EXPECT_TRUE(signalled());
-    EXPECT_TRUE(request.response_available() && !older.response_available());
-    second.reset();
-    table.wake_all();
-    EXPECT_FALSE(signalled());
-}
-
-TEST_F(WaitingRequests, ComeAndGoWhileOthersReceiveResponsesAndAreWoken) {
-    const Entry entry(table, request, signal, connection);
     table.wake({1, 6});
     respond(8);
-    EXPECT_FALSE(signalled());
+    EXPECT_FALSE(woken());
+    EXPECT_FALSE(respond(7)->is_parsed()) << "its tree is freed now";
+    EXPECT_TRUE(woken() && request.response_available() && !older.response_available());
+
     constexpr int kTimes = 3000;
     JovuMessage another(client, 0, 9, nullptr);
     // Nothing orders the two threads but the table.
@@ -68,8 +54,10 @@ TEST_F(WaitingRequests, ComeAndGoWhileOthersReceiveResponsesAndAreWoken) {
     }
     other.join();
     for (int i = 0; i < 3 * kTimes; ++i)
-        EXPECT_TRUE(signalled());
-    EXPECT_FALSE(signalled());
+        EXPECT_TRUE(woken());
+    second.reset();
+    table.wake_all();
+    EXPECT_FALSE(woken());
 }
 
 }  // namespace

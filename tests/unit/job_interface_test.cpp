@@ -1,11 +1,14 @@
 /// @file
-/// The stream of the job channel, and what becomes of it.
-#include "jobs/job_stream.h"
+/// What comes on the job channel: the stream, the objects in it, and status reports.
+#include "jovu/job_interface.h"
 
-#include <algorithm>
 #include <random>
+#include <sstream>
 
 #include "fake_usb/backend_fixture.h"
+#include "jobs/job_messages.h"
+#include "jobs/job_stream.h"
+#include "json/json.h"
 #include "support/heap.h"
 
 namespace test {
@@ -54,21 +57,52 @@ TEST(JobStream, KeepsABacklogUpToItsLimitAndThenStartsAfresh) {
     const std::string most(jovu::kMaxJobBacklog - 2, 'x');
     for (std::size_t at = 0; at < most.size(); at += 64)
         ASSERT_FALSE(append(stream, most.substr(at, 64)));
-    const auto whole = append(stream, "}");
-    ASSERT_TRUE(whole);
-    EXPECT_EQ(whole->size(), jovu::kMaxJobBacklog);
+    EXPECT_EQ(append(stream, "}"), "{" + most + "}");
     EXPECT_EQ(stream.size(), 0U);
 
     EXPECT_FALSE(append(stream, "{" + most + "x"));
     EXPECT_EQ(append(stream, "{1}"), "{1}") << "one byte too many drops what waits";
-    std::size_t largest = 0;
     for (int i = 0; i < 50000; ++i) {
         EXPECT_EQ(append(stream, "{1}{1}{1}{1}{1}{1}{1}{1}{1}{1}"), "{1}");
-        largest = std::max(largest, stream.size());
+        ASSERT_LE(stream.size(), jovu::kMaxJobBacklog) << "also when it is all complete objects";
     }
-    EXPECT_LE(largest, jovu::kMaxJobBacklog) << "also when it is all complete objects";
     stream.clear();
     EXPECT_EQ(append(stream, "{2}"), "{2}");
+}
+
+std::string read_back(const JovuJobInterface::StatusMsg& status) {
+    const auto& [model, cpu, firmware, version, accepted] = status.printer;
+    std::ostringstream text;
+    text << model << '|' << cpu << '|' << firmware << '|' << version << '|' << accepted << '|'
+         << status.state << '|' << status.build_plate << '|' << status.filament << '|'
+         << status.extruder_temperature << '|' << status.job_id << '|' << status.progress << '|'
+         << status.file << '|' << status.time_elapsed << '|' << status.boot_time << '|'
+         << status.idle_time << '|' << status.error;
+    return text.str();
+}
+
+TEST(StatusReport, ReadsWhatIsThereAndOfTheRightKind) {
+    const std::pair<const char*, const char*> cases[] = {
+        {R"({"printer":{"model_name":"m","cpu_id":"c","firmware":{"name":"n","version":"v"},)"
+         R"("accept_version":2},"status":{"state":"s","build_plate":"b","filament":"f",)"
+         R"("extruder_temperature":215.5},"job":{"id":"i","progress":50,"file":"j",)"
+         R"("time_elapsed":60},"time":{"boot":70,"idle":-1},"error":4294967295})",
+         "m|c|n|v|2|s|b|f|215.5|i|50|j|60|70|-1|-1"},
+        {R"({"error":3,"errors":4})", "||||0||||0||0||0|0|0|3"},
+        {R"({"errors":4})", "||||0||||0||0||0|0|0|4"},
+        {R"({"error":"3","errors":4})", "||||0||||0||0||0|0|0|4"},
+        {R"({"job":{"progress":"50","id":7,"file":null},"printer":[],"time":{"boot":{}}})",
+         "||||0||||0||0||0|0|0|0"},
+        {R"({"status":{"extruder_temperature":215,"state":{}},"printer":{"firmware":"x"}})",
+         "||||0||||215||0||0|0|0|0"},
+        {"[]", "||||0||||0||0||0|0|0|0"},
+    };
+    for (const auto& [report, expected] : cases) {
+        const jovu::JsonTree tree = jovu::parse_json(report);
+        JovuJobInterface::StatusMsg status;
+        parse_status(tree.get(), status);
+        EXPECT_EQ(read_back(status), expected) << report;
+    }
 }
 
 using JobInterface = ExchangeTest;
