@@ -280,8 +280,7 @@ TEST_F(Exchange, AHandlerMayEndAnotherClientAtOnce) {
 TEST_F(Exchange, SeveralNotificationsMayEndTheirClient) {
     libusb_device* const second = fake_usb::plug(1, 6);
     ASSERT_TRUE(client.wait_connected({1, 6}));
-    std::atomic<int> inside{0};
-    std::atomic<int> ended{0};
+    std::atomic<int> inside{0}, ended{0};
     client.on_disconnected = [&](JovuDeviceAddress) {
         ++inside;
         eventually([&] { return inside == 2; });

@@ -52,8 +52,9 @@ TEST_F(Receive, EveryCompletionIsDispatchedAndResubmittedAsItsStatusSays) {
                     const auto begin = std::chrono::steady_clock::now();
                     ASSERT_TRUE(complete(backend.device, endpoint, row.status, row.data));
                     fastest = std::min(fastest, std::chrono::steady_clock::now() - begin);
-                    const std::string client = endpoint == kMessagesIn ? "a" : "b";
-                    if (row.dispatched) expected.push_back(client + "<1.5 " + row.data);
+                    if (row.dispatched)
+                        expected.push_back((endpoint == kMessagesIn ? "a<1.5 " : "b<1.5 ") +
+                                           row.data);
                     // A busy machine may be slow, but not every time.
                     if (!row.resubmitted || (!pauses && fastest < jovu::kReceiveErrorPause)) break;
                 }
@@ -169,8 +170,8 @@ TEST_F(Receive, ALongNotificationCostsNoSenderItsDevice) {
     auto other = std::async(std::launch::async, [] { return write("x", {1, 6}); });
     ASSERT_TRUE(eventually([] { return fake_usb::sent().size() == 2; }));
     post(backend.device, kMessagesIn, LIBUSB_TRANSFER_COMPLETED, "y");
-    const std::chrono::milliseconds limit(jovu::kSendTimeoutMs);
-    std::this_thread::sleep_for(limit + jovu::kDrainLimit + std::chrono::milliseconds(200));
+    const std::chrono::milliseconds limit(jovu::kSendTimeoutMs + 200);
+    std::this_thread::sleep_for(limit + jovu::kDrainLimit);
     fake_usb::hold_bulk(false);
     barrier.set_value();
     EXPECT_EQ(one.get() + other.get(), "");

@@ -219,28 +219,37 @@ TEST_F(Watcher, EndsWithWhatAClientThrowsAndNotifiesTheOthersOfADisconnection) {
     }
 }
 
-TEST_F(Watcher, OpensNothingDuringAScanPauseEvenOneThatBeginsInTheMiddleOfAScan) {
-    std::optional<JovuScanPause> pause;
-    std::vector<std::string> before;
-    std::future<void> pausing;
-    fake_usb::script(Call::list, {{0, [&] {
-                                       pausing = std::async(std::launch::async, [&] {
-                                           pause.emplace();
-                                           before = journal.entries();
-                                       });
-                                       waits(pausing);
-                                   }}});
-    fake_usb::plug(1, 5);
-    const BackendClient client(journal, "a", 0);
-    ASSERT_TRUE(eventually([] { return fake_usb::calls(Call::handle_events) > 5; }));
-    pausing.get();
-    const unsigned scans = fake_usb::calls(Call::list);
-    const unsigned events = fake_usb::calls(Call::handle_events);
-    ASSERT_TRUE(eventually([&] { return fake_usb::calls(Call::handle_events) > events + 50; }));
-    EXPECT_EQ(fake_usb::calls(Call::list), scans);
-    EXPECT_EQ(journal.entries(), before);
-    pause.reset();
-    EXPECT_TRUE(journal.wait("a+1.5"));
+/// The pause begins in the middle of a scan; or of an opening, which it waits for.
+TEST_F(Watcher, OpensNothingDuringAScanPause) {
+    for (const Call call : {Call::list, Call::claim}) {
+        Journal seen;
+        std::optional<JovuScanPause> pause;
+        std::vector<std::string> before;
+        std::future<void> pausing;
+        const auto begin_pause = [&] {
+            pausing = std::async(std::launch::async, [&] {
+                pause.emplace();
+                before = seen.entries();
+            });
+            if (call == Call::list) return pausing.wait();
+            EXPECT_TRUE(waits(pausing));
+        };
+        std::vector<Step> steps{0, {0, begin_pause}};
+        if (call == Call::list) steps.erase(steps.begin());
+        fake_usb::script(call, steps);
+        fake_usb::plug(1, 5);
+        std::optional<BackendClient> client(std::in_place, seen, "a", 0);
+        ASSERT_TRUE(eventually([] { return fake_usb::calls(Call::handle_events) > 5; }));
+        pausing.get();
+        const unsigned scans = fake_usb::calls(Call::list);
+        ASSERT_TRUE(eventually([] { return fake_usb::calls(Call::handle_events) > 50; }));
+        EXPECT_EQ(fake_usb::calls(Call::list), scans);
+        EXPECT_EQ(seen.entries(), before);
+        pause.reset();
+        EXPECT_TRUE(seen.wait("a+1.5"));
+        client.reset();
+        finish();
+    }
 }
 
 TEST_F(Watcher, IsWokenFromAnEventWaitToStop) {

@@ -47,7 +47,6 @@ TEST_F(Write, RetriesGivesUpAndAdvances) {
         {"nothing to send", {}, {}, kNone, 0},
         {"three time-outs", {kTimeout, kTimeout, kTimeout, 0}, {0, 0, 0, 0}},
         {"four", {kTimeout, kTimeout, kTimeout, kTimeout}, {0, 0, 0, 0}, kTimedOut},
-        {"three times busy", {kBusy, kBusy, kBusy, 0}, {0, 0, 0, 0}},
         {"busy last", {kTimeout, kBusy, kTimeout, kBusy}, {0, 0, 0, 0}, kIsBusy},
         {"a partial call restores the retries",
          {kTimeout, kTimeout, kTimeout, {0, 4}, kTimeout, kTimeout, kTimeout, {0, 4}, kBusy, 0},

@@ -18,12 +18,9 @@ TEST(EscapeSpaces, PutsASlashBeforeEveryRunOfWhitespace) {
 }
 
 TEST(DfuCommandLine, IsPlainUnlessTheShellWouldMakeSomethingElseOfIt) {
-    const auto listing = [](const std::string& directory) {
-        return jovu::listing_command(jovu::path_on_command_line(directory));
-    };
-    EXPECT_EQ(listing("/opt/fw"), "/opt/fw/dfu-util -l");
-    EXPECT_EQ(listing("/Users/a b"), "/Users/a/ b/dfu-util -l");
-    EXPECT_EQ(listing("/Users/a b (2)"), "'/Users/a b (2)'/dfu-util -l");
+    EXPECT_EQ(jovu::path_on_command_line("/Users/a b"), "/Users/a/ b");
+    EXPECT_EQ(jovu::path_on_command_line("/Users/a b (2)"), "'/Users/a b (2)'");
+    EXPECT_EQ(jovu::listing_command("/opt/fw"), "/opt/fw/dfu-util -l");
     EXPECT_EQ(jovu::listing_command(""), "/dfu-util -l");
     // Also what means something to some shells only.
     for (const char c : ";|&$<>()'\"`*?[]#~!{}^\\\n"s)

@@ -21,8 +21,7 @@ std::optional<std::string> append(jovu::JobStream& stream, const std::string& by
 /// Counts all braces that wait, every time; @return what one call of JobStream::append() gives.
 std::optional<std::string> cut_simply(std::string& waiting, const std::string& bytes) {
     waiting += bytes;
-    int opened = 0;
-    int closed = 0;
+    int opened = 0, closed = 0;
     for (std::size_t i = 0; i < waiting.size(); ++i) {
         opened += waiting[i] == '{' ? 1 : 0;
         closed += waiting[i] == '}' ? 1 : 0;
