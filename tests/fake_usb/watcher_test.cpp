@@ -152,7 +152,7 @@ TEST_F(Watcher, AClosingThreadWaitsForTheConnectedNotifications) {
     EXPECT_THAT(journal.entries(), ElementsAre("a+1.5", "b+1.5", "a-1.5", "b-1.5"));
 }
 
-TEST_F(Watcher, ADeviceThatTakesNoDataIsSilentOnceItsCloseIsNotified) {
+TEST_F(Watcher, ADeviceThatTakesNoDataIsSilentOnceItsCloseIsNotifiedAndDelaysNoOther) {
     Backend backend(journal);
     backend.messages.then = [](char what, unsigned char*) {
         if (what == '<') JovuUsb::close(kAddress);
@@ -160,10 +160,10 @@ TEST_F(Watcher, ADeviceThatTakesNoDataIsSilentOnceItsCloseIsNotified) {
     fake_usb::hold_bulk(true);
     auto stuck = std::async(std::launch::async, [] { return write("x"); });
     ASSERT_TRUE(eventually([] { return !fake_usb::sent().empty(); }));
-    libusb_device* const healthy = fake_usb::plug(1, 6);
-    ASSERT_TRUE(journal.wait("b+1.6"));
     ASSERT_TRUE(complete(backend.device, kMessagesIn, LIBUSB_TRANSFER_COMPLETED, "close"));
     ASSERT_TRUE(journal.wait("b-1.5"));
+    libusb_device* const healthy = fake_usb::plug(1, 6);
+    ASSERT_TRUE(journal.wait("b+1.6"));
     EXPECT_TRUE(eventually([&] { return !in_flight(backend.device, kMessagesIn); }));
     EXPECT_TRUE(in_flight(healthy, kMessagesIn));
     EXPECT_TRUE(waits(stuck));
