@@ -60,8 +60,7 @@ public:
     }
     ~BackendClient() override { JovuUsb::client_unregister(*this, interface_); }
 
-    /// Called, if set, in each callback, after its entry in the journal. To be set before there is
-    /// a callback.
+    /// Called, if set before, in each callback, after its entry in the journal.
     /// @param what '+', '-' or '<', as in the journal.
     std::function<void(char what, unsigned char* data)> then;
 
@@ -75,9 +74,10 @@ public:
 private:
     void note(char what, JovuDeviceAddress address, const std::string& rest = "",
               unsigned char* data = nullptr) {
+        const auto call = then;  // A test may set it once it has seen the entry.
         journal_.add(name_ + what + std::to_string(address.bus) + "." +
                      std::to_string(address.address) + rest);
-        if (then) then(what, data);
+        if (call) call(what, data);
     }
 
     Journal& journal_;
