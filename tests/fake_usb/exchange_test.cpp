@@ -81,7 +81,6 @@ TEST_F(Exchange, SendsAFrameWholeWhateverEndsItsConnection) {
     };
     std::size_t connects = 0;
     for (const auto& end : ends) {
-        SCOPED_TRACE(connects);
         ASSERT_TRUE(client.wait_connected(kAddress, ++connects));
         const std::size_t before = fake_usb::sent().size();
         fake_usb::hold_bulk(true);

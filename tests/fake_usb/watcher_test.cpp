@@ -92,7 +92,6 @@ TEST_F(Watcher, KeepsADeviceThatCannotReceiveClosed) {
             EXPECT_TRUE(eventually(
                 [] { return write("x") == "Send failed - Device no longer connected."; }));
             EXPECT_FALSE(in_flight(backend.device, kMessagesIn));
-            EXPECT_EQ(JovuUsb::list_connected().size(), 1U);
             if (first) fake_usb::unplug(backend.device);
             EXPECT_TRUE(eventually([&] { return JovuUsb::list_connected().empty() == first; }));
         }

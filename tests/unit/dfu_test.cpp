@@ -22,8 +22,6 @@ namespace {
 
 namespace fs = std::filesystem;
 
-using testing::ElementsAre;
-
 const JovuDfu::DfuDevice_t kDevice{"1234", "abcd", "ABC123"};
 const std::string kFailed = "100 Failed to update device, pipe log: ";
 
@@ -88,7 +86,7 @@ exit 1)");
     std::vector<std::string> serials;
     for (const auto& device : JovuDfu().GetDfuDevices())
         serials.push_back(device.vendor_id + device.product_id + device.serial);
-    EXPECT_THAT(serials, ElementsAre("1234abcdABC123", "12LONG"));
+    EXPECT_THAT(serials, testing::ElementsAre("1234abcdABC123", "12LONG"));
 }
 
 TEST_F(Dfu, ReportsEveryPercentageAndThenTheEnd) {

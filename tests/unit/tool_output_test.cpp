@@ -89,7 +89,6 @@ TEST(DfuListing, TakesTimeInProportionToItsLength) {
         {"", header + "serial=\"\" ", "\n"},
         {"", line, "", 300000},
         {"", "Found ", ""},
-        {"", "Found", " DFU: ["},
         {"Found", "\n", ""},
         {"Found DFU: [", "a", ""},
         {header, "serial=\"", "\n"},
