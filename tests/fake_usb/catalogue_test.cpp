@@ -4,73 +4,28 @@
 #include <sstream>
 
 #include "commands/catalogue.h"
-#include "fake_usb/exchange_fixture.h"
+#include "commands/structure_codec.h"
+#include "fake_usb/backend_fixture.h"
 
+namespace test {
 namespace {
 
-using test::kAddress;
-
-/// @name Results as text: the members of a structure one after another.
-/// @{
-template <class... Rows>
-struct Table : Rows... {
-    using Rows::operator()...;
-};
-template <class... Rows>
-Table(Rows...) -> Table<Rows...>;
-
-const Table kMembers{
-    [](const wifi_ip_config_t& c) {
-        return std::tie(c.ip, c.subnet_mask, c.default_gateway, c.dhcp_server, c.dns_server,
-                        c.mac_address, c.connected_ssid);
-    },
-    [](const wifi_status_t& s) { return std::tie(s.connected, s.ip_config); },
-    [](const wifi_config_t& c) {
-        const auto& [start, connect, ssid, key, timeout] = c.ifc_config;
-        const auto& [mac, patch] = c.hdw_config;
-        return std::tie(start, connect, ssid, key, timeout, mac, patch, c.ip_config);
-    },
-    [](const wifi_scan_network_t& n) { return std::tie(n.ssid, n.encryption, n.strength); },
-    [](const servo_dc_client_config_t& c) {
-        const auto& [kp, ki, kd, ka, kv, kf] = c.gains;
-        return std::tie(c.interrupt_frequency, kp, ki, kd, ka, kv, kf, c.pwm_cap, c.pwm_cap_time,
-                        c.units, c.pos_res_eu_per_mm, c.vel_res_mm_per_sec, c.speed_max,
-                        c.accel_max, c.move_dist_min_static, c.move_dist_min_dynamic, c.trace);
-    },
-    [](const servo_dc_move_config_t& c) {
-        return std::tie(c.move_type, c.start_sync, c.target, c.distance, c.speed_f, c.accel_f,
-                        c.decel_f, c.max_cycles, c.metric_skip, c.speed_offset_upramp_f,
-                        c.speed_offset_downramp_f, c.ignore_stalls, c.slaved, c.slave_ratio);
-    },
-    [](const servo_dc_move_metrics_t& m) { return std::tie(m.n, m.mean, m.M2); },
-    [](const write_byte_return_t& r) { return std::tie(r.success, r.timetowrite); },
-    [](const read_byte_return_t& r) { return std::tie(r.byteread, r.timetoread); },
-    [](const storage_info_t& s) { return std::tie(s.total_size, s.block_count, s.block_size); }};
-
+/// @return a result as text; a structure as it is sent.
 template <class T>
 std::string shown(const T& value) {
     std::ostringstream out;
-    const char* separator = "";
     if constexpr (std::is_same_v<T, std::shared_ptr<char>>) {
         out << (value == nullptr ? "null" : value.get());
-    } else if constexpr (std::is_class_v<T>) {
-        const auto add = [&](const auto& member) {
-            out << std::exchange(separator, " ") << shown(member);
-        };
-        std::apply([&](const auto&... member) { (add(member), ...); }, kMembers(value));
-    } else if constexpr (std::is_array_v<T> && std::is_same_v<std::remove_extent_t<T>, char>) {
-        out << std::string(value, strnlen(value, sizeof value));
-    } else if constexpr (std::is_array_v<T>) {
-        for (const unsigned char byte : value)
-            out << std::exchange(separator, ".") << +byte;
-    } else if constexpr (std::is_enum_v<T>) {
-        out << static_cast<std::underlying_type_t<T>>(value);
+    } else if constexpr (jovu::is_structure<T>) {
+        const jovu::JsonGenerator generator;
+        T copy = value;
+        jovu::write_structure(generator.get(), copy);
+        out << generator.text();
     } else {
         out << +value;
     }
     return out.str();
 }
-/// @}
 
 /// @return the text with "0*3" spelled out as "0,0,0".
 std::string spelled_out(std::string text) {
@@ -85,59 +40,70 @@ std::string spelled_out(std::string text) {
     return text;
 }
 
-/// As much memory as two values need, the first filled by @p fill.
-template <class T, class Fill>
-std::shared_ptr<T> two(Fill fill) {
-    auto owner = std::make_shared<std::array<T, 2>>();
-    fill((*owner)[0]);
+template <class S>
+S parsed(const std::string& text) {
+    S value{};
+    const jovu::JsonTree tree = jovu::parse_json(text);
+    jovu::read_structure(tree.get(), value);
+    return value;
+}
+
+/// As much memory as two values need, the first one given.
+template <class T>
+std::shared_ptr<T> two(const T& first) {
+    auto owner = std::make_shared<std::array<T, 2>>(std::array<T, 2>{first});
     return {owner, owner->data()};
 }
 
-class EveryCommand : public test::ExchangeTest {
+class EveryCommand : public ExchangeTest {
 protected:
     template <class Call>
     std::string run(Call call) {
+        std::string result = "void";
         if constexpr (std::is_void_v<decltype(call(client, kAddress))>) {
             call(client, kAddress);
-            return "void" + JovuTransport::last_send_error();
         } else {
-            const std::string result = shown(call(client, kAddress));
-            return result + JovuTransport::last_send_error();
+            result = shown(call(client, kAddress));
         }
+        return result + JovuTransport::last_send_error();
     }
 };
 
 /// One row a command: the call, what comes back, what the caller gets, the arguments sent.
 TEST_F(EveryCommand, IsWrittenAndReadAsTheFirmwareDoes) {
-    const auto floats = two<float>([](float& value) { value = 1.5F; });
-    const auto bytes = two<unsigned char>([](unsigned char& value) { value = 200; });
+    const auto byte = two<unsigned char>(200);
     const wifi_client_connect_t network{{'n', '\xE9'}, {'k'}, 4294967295U};
-    const auto configs = two<wifi_config_t>([](wifi_config_t& config) {
-        config = {{true, false, {'n', 'e', 't'}, {'\xFF'}, -2},
-                  {{255, 0, 0, 0, 0, 1}, {2, 200}},
-                  {{192, 168, 0, 1},
-                   {255, 255, 0, 0},
-                   {0, 0, 0, 1},
-                   {0, 0, 0, 2},
-                   {0, 0, 0, 3},
-                   {0, 0, 0, 0, 0, 4},
-                   {'\xE9'}}};
-    });
-    const servo_dc_client_config_t servo{
-        65535, {1.5F, 2, 3, 4, 5, 6}, -7, 4294967295U, 8, 9, 10, 11, 12, 13, 14, 15};
-    const auto moves = two<servo_dc_move_config_t>([](servo_dc_move_config_t& move) {
-        move = {4294967295U, true, 0.1, 2, 3, 4, 5, 6, 7, 8, 9, false, true, 10};
-    });
-    const auto changes = two<servo_dc_move_modifier_data_t>([](auto& change) {
-        change = {servo_dc_name_t{-1}, 4294967295U, 1.5F, 2, 3, 4, 5, true, 255, -6, 200};
-    });
+    // Structures that are both arguments and results, as they are sent.
+    const std::string config = spelled_out(
+        R"({"ifc_config":{"auto_start":1,"auto_connect":0,"auto_connect_ssid":[110,101,0*30],)"
+        R"("auto_connect_key":[-1,0*63],"auto_connect_timeout":-2},"hdw_config":{)"
+        R"("mac_address":[255,0,0,0,0,1],"patch_version":[2,200]},"ip_config":{)"
+        R"("ip":[192,168,0,1],"subnet_mask":[255,255,0,0],"default_gateway":[0,0,0,1],)"
+        R"("dhcp_server":[0,0,0,2],"dns_server":[0,0,0,3],"mac_address":[0,0,0,0,0,4],)"
+        R"("connected_ssid":[233,0*31]}})");
+    const std::string servo =
+        R"({"interrupt_frequency":65535,"gains":{"kp":1.5,"ki":2.0,"kd":3.0,"ka":4.0,"kv":5.0,)"
+        R"("kf":-6.0},"pwm_cap":-7,"pwm_cap_time":4294967295,"units":8,"pos_res_eu_per_mm":9.5,)"
+        R"("vel_res_mm_per_sec":10.0,"speed_max":11.0,"accel_max":12.0,)"
+        R"("move_dist_min_static":13,"move_dist_min_dynamic":14,"trace":15})";
+    const std::string move =
+        R"({"move_type":4294967295,"start_sync":1,"target":0.10000000000000000555,)"
+        R"("distance":2.0,"speed_f":3.0,"accel_f":4.0,"decel_f":5.0,"max_cycles":6,)"
+        R"("metric_skip":7,"speed_offset_upramp_f":8.0,"speed_offset_downramp_f":9.0,)"
+        R"("ignore_stalls":0,"slaved":1,"slave_ratio":10.0})";
+    const std::string change =
+        R"({"servo_name":-1,"type":4294967295,"pos":1.5,"vel":2.0,"accel":3.0,"decel":4.0,)"
+        R"("validation_pos":5.0,"use_validation_pos":1,"decel_ramp_skip":255,"data":-6,)"
+        R"("active":200})";
+    const auto changes = two(parsed<servo_dc_move_modifier_data_t>(change));
 
     const wifi_interface_t wifi{1};
     const servo_dc_name_t axis{2};
     struct Row {
         std::string expression;
         std::function<std::string()> call;
-        std::string returned, result;
+        std::string returned;
+        std::string result;          ///< A structure shows as what was returned.
         std::string arguments = {};  ///< As they are sent.
     };
 #define CALL(...) #__VA_ARGS__, [&] { return run([&](auto& c, auto a) { return c.__VA_ARGS__; }); }
@@ -149,12 +115,12 @@ TEST_F(EveryCommand, IsWrittenAndReadAsTheFirmwareDoes) {
         {CALL(gpio_input_get(a, gpio_input_name_t{3}, true)), "4294967295", "4294967295",
          R"("pin":3,"debounce":1)"},
         {CALL(gpio_output_set(a, gpio_name_t{3}, true)), "null", "void", R"("pin":3,"value":1)"},
-        {CALL(gcode_process_command(a, test::string("G1 \xE9"))), "7", "7",
+        {CALL(gcode_process_command(a, string("G1 \xE9"))), "7", "7",
          R"("command":[71,49,32,-23,0])"},
-        {CALL(gcode_process_macro(a, test::string(""))), "0", "0", R"("macro":[0])"},
+        {CALL(gcode_process_macro(a, string(""))), "0", "0", R"("macro":[0])"},
         {CALL(heater_param_set(a, heater_params_t{2}, 0.1F)), "-1", "-1",
          R"("param_num":2,"param_val":0.10000000149011611938)"},
-        {CALL(heater_param_get(a, heater_params_t{2}, floats)), "65535", "-1",
+        {CALL(heater_param_get(a, heater_params_t{2}, two(1.5F))), "65535", "-1",
          R"("param_num":2,"param_val":[1.5])"},
         {CALL(heater_param_set_defaults(a)), "0", "void"},
         {CALL(heater_var_set_defaults(a)), "0", "void"},
@@ -165,7 +131,7 @@ TEST_F(EveryCommand, IsWrittenAndReadAsTheFirmwareDoes) {
         {CALL(heater_fault_get(a)), "4", "4"},
         {CALL(heater_var_set(a, HEATER_VARS_m{1}, -210.0F)), "0", "0",
          R"("var_num":1,"var_val":-210.0)"},
-        {CALL(heater_var_get(a, HEATER_VARS_m{1}, floats)), "5", "5",
+        {CALL(heater_var_get(a, HEATER_VARS_m{1}, two(1.5F))), "5", "5",
          R"("var_num":1,"var_val":[1.5])"},
         {CALL(wifi_start_wifi(a, wifi)), "2147483648", "-2147483648", R"("interface_t":1)"},
         {CALL(wifi_stop_wifi(a, wifi)), "-1", "-1", R"("interface_t":1)"},
@@ -174,64 +140,35 @@ TEST_F(EveryCommand, IsWrittenAndReadAsTheFirmwareDoes) {
         {CALL(wifi_disconnect(a, wifi)), "0", "0", R"("interface_t":1)"},
         {CALL(wifi_client_get_status(a, wifi)), R"({"connected":1,"ip_config":{"ip":[192,168,1,)"
          R"(7],"subnet_mask":[255,255,255,0],"default_gateway":[1,2,3,4],"dhcp_server":[5,6,7,8],)"
-         R"("dns_server":[9,10,11,12],"mac_address":[1,2,3,4,5,255],"connected_ssid":[110,233]}})",
-         "1 192.168.1.7 255.255.255.0 1.2.3.4 5.6.7.8 9.10.11.12 1.2.3.4.5.255 n\xE9",
-         R"("interface_t":1)"},
-        {CALL(wifi_client_get_configuration(a, wifi)), R"({"ifc_config":{"auto_start":1,)"
-         R"("auto_connect":0,"auto_connect_ssid":[110],"auto_connect_key":[-23],)"
-         R"("auto_connect_timeout":-5},"hdw_config":{"mac_address":[6,5,4,3,2,1],)"
-         R"("patch_version":[1,200]},"ip_config":{"ip":[1,2,3,4]}})",
-         "1 0 n \xE9" " -5 6.5.4.3.2.1 1.200 1.2.3.4 0.0.0.0 0.0.0.0 0.0.0.0 0.0.0.0 0.0.0.0.0.0 ",
-         R"("interface_t":1)"},
+         R"("dns_server":[9,10,11,12],"mac_address":[1,2,3,4,5,255],"connected_ssid":[110,233,)"
+         R"(0*30]}})", "", R"("interface_t":1)"},
+        {CALL(wifi_client_get_configuration(a, wifi)), config, "", R"("interface_t":1)"},
         {CALL(wifi_save_configuration(a, wifi)), "1", "1", R"("interface_t":1)"},
         {CALL(wifi_set_auto_start_configuration_item(a, wifi, true)), "2", "2",
          R"("interface_t":1,"auto_start":1)"},
         {CALL(wifi_set_auto_connect_configuration_item(a, wifi, false)), "3", "3",
          R"("interface_t":1,"auto_connect":0)"},
-        {CALL(wifi_set_auto_connect_ssid_configuration_item(a, wifi, test::string("ab"))), "4",
+        {CALL(wifi_set_auto_connect_ssid_configuration_item(a, wifi, string("ab"))), "4",
          "4", R"("interface_t":1,"auto_connect_ssid":[97,98,0])"},
-        {CALL(wifi_set_auto_connect_key_configuration_item(a, wifi, test::string("k"))), "5", "5",
+        {CALL(wifi_set_auto_connect_key_configuration_item(a, wifi, string("k"))), "5", "5",
          R"("interface_t":1,"auto_connect_key":[107,0])"},
-        {CALL(wifi_client_configure(a, wifi, -3, configs)), "6", "6", R"("interface_t":1,)"
-         R"("cmd":-3,"config":[{"ifc_config":{"auto_start":1,"auto_connect":0,)"
-         R"("auto_connect_ssid":[110,101,116,0*29],"auto_connect_key":[-1,0*63],)"
-         R"("auto_connect_timeout":-2},"hdw_config":{"mac_address":[255,0,0,0,0,1],)"
-         R"("patch_version":[2,200]},"ip_config":{"ip":[192,168,0,1],"subnet_mask":[255,255,0,)"
-         R"(0],"default_gateway":[0,0,0,1],"dhcp_server":[0,0,0,2],"dns_server":[0,0,0,3],)"
-         R"("mac_address":[0,0,0,0,0,4],"connected_ssid":[233,0*31]}}])"},
-        {CALL(servo_dc_config_get(a, servo_dc_name_t{-1})), R"({"interrupt_frequency":65535,)"
-         R"("gains":{"kp":1,"ki":2.5,"kd":3,"ka":4,"kv":5,"kf":-6},"pwm_cap":-7,)"
-         R"("pwm_cap_time":4294967295,"units":8,"pos_res_eu_per_mm":9.5,"vel_res_mm_per_sec":10,)"
-         R"("speed_max":11,"accel_max":12,"move_dist_min_static":13,"move_dist_min_dynamic":14,)"
-         R"("trace":15})", "65535 1 2.5 3 4 5 -6 -7 4294967295 8 9.5 10 11 12 13 14 15",
-         R"("servo_name":-1)"},
-        {CALL(servo_dc_config_set(a, axis, servo)), "0", "void", R"("servo_name":2,)"
-         R"("config":{"interrupt_frequency":65535,"gains":{"kp":1.5,"ki":2.0,"kd":3.0,"ka":4.0,)"
-         R"("kv":5.0,"kf":6.0},"pwm_cap":-7,"pwm_cap_time":4294967295,"units":8,)"
-         R"("pos_res_eu_per_mm":9.0,"vel_res_mm_per_sec":10.0,"speed_max":11.0,"accel_max":12.0,)"
-         R"("move_dist_min_static":13,"move_dist_min_dynamic":14,"trace":15})"},
-        {CALL(servo_dc_move_default(a)), R"({"move_type":1,"start_sync":1,"target":0.1,)"
-         R"("distance":2.5,"speed_f":3,"accel_f":4,"decel_f":5,"max_cycles":6,"metric_skip":7,)"
-         R"("speed_offset_upramp_f":8,"speed_offset_downramp_f":9,"ignore_stalls":0,"slaved":1,)"
-         R"("slave_ratio":10})", "1 1 0.1 2.5 3 4 5 6 7 8 9 0 1 10"},
-        {CALL(servo_dc_move(a, axis, moves)), "2", "2", R"("servo_name":2,)"
-         R"("move_config":[{"move_type":4294967295,"start_sync":1,)"
-         R"("target":0.10000000000000000555,"distance":2.0,"speed_f":3.0,"accel_f":4.0,)"
-         R"("decel_f":5.0,"max_cycles":6,"metric_skip":7,"speed_offset_upramp_f":8.0,)"
-         R"("speed_offset_downramp_f":9.0,"ignore_stalls":0,"slaved":1,"slave_ratio":10.0}])"},
+        {CALL(wifi_client_configure(a, wifi, -3, two(parsed<wifi_config_t>(config)))), "6", "6",
+         R"("interface_t":1,"cmd":-3,"config":[)" + config + "]"},
+        {CALL(servo_dc_config_get(a, servo_dc_name_t{-1})), servo, "", R"("servo_name":-1)"},
+        {CALL(servo_dc_config_set(a, axis, parsed<servo_dc_client_config_t>(servo))), "0", "void",
+         R"("servo_name":2,"config":)" + servo},
+        {CALL(servo_dc_move_default(a)), move, ""},
+        {CALL(servo_dc_move(a, axis, two(parsed<servo_dc_move_config_t>(move)))), "2", "2",
+         R"("servo_name":2,"move_config":[)" + move + "]"},
         {CALL(servo_dc_move_start_sync(a)), "0", "void"},
         {CALL(servo_dc_move_active(a, axis)), "1", "1", R"("servo_name":2)"},
         {CALL(servo_dc_put_idle(a, axis)), "0", "0", R"("servo_name":2)"},
         {CALL(servo_dc_move_modify(a, changes, 3, true)), "300", "44",
-         R"("modifer_data":[{"servo_name":-1,"type":4294967295,"pos":1.5,"vel":2.0,"accel":3.0,)"
-         R"("decel":4.0,"validation_pos":5.0,"use_validation_pos":1,"decel_ramp_skip":255,)"
-         R"("data":-6,"active":200}],"count":3,"validate":1)"},
+         R"("modifer_data":[)" + change + R"(],"count":3,"validate":1)"},
         {CALL(servo_dc_move_modifier_validate(a, changes, 2)), "-1", "1",
-         R"("modifier_data":[{"servo_name":-1,"type":4294967295,"pos":1.5,"vel":2.0,"accel":3.0,)"
-         R"("decel":4.0,"validation_pos":5.0,"use_validation_pos":1,"decel_ramp_skip":255,)"
-         R"("data":-6,"active":200}],"count":2)"},
+         R"("modifier_data":[)" + change + R"(],"count":2)"},
         {CALL(servo_dc_move_metrics_get(a, axis)), R"({"n":-1,"mean":0.5,"M2":1.25})",
-         "-1 0.5 1.25", R"("servo_name":2)"},
+         "", R"("servo_name":2)"},
         {CALL(servo_dc_move_dir_get(a, axis)), "1", "1", R"("servo_name":2)"},
         {CALL(servo_dc_position_get(a, axis)), "-40000", "-40000", R"("servo_name":2)"},
         {CALL(servo_dc_position_get_client(a, axis)), "-12.5", "-12.5", R"("servo_name":2)"},
@@ -252,21 +189,18 @@ TEST_F(EveryCommand, IsWrittenAndReadAsTheFirmwareDoes) {
         {CALL(Enter_dfu_mode(a)), "0", "void"},
         {CALL(ui_led(a, ui_led_t{1}, 32767, -32768)), "0", "void",
          R"("led":1,"on_count":32767,"off_count":-32768)"},
-        {CALL(sd_mmc_write(a, 512, bytes, 64)), "1", "1", R"("offset":512,"buf":[200],)"
-         R"("length":64)"},
+        {CALL(sd_mmc_write(a, 512, byte, 64)), "1", "1", R"("offset":512,"buf":[200],"length":64)"},
         {CALL(sd_mmc_write_byte(a, 4294967295, 255)), R"({"success":-1,"timetowrite":4294967295})",
-         "-1 4294967295", R"("offset":4294967295,"write_buf":255)"},
-        {CALL(sd_mmc_read_byte(a, 7)), R"({"byteread":200,"timetoread":3})", "200 3",
-         R"("offset":7)"},
-        {CALL(sd_mmc_read(a, 0, bytes, 2)), "-1", "-1", R"("offset":0,"read_buf":[200],)"
-         R"("length":2)"},
+         "", R"("offset":4294967295,"write_buf":255)"},
+        {CALL(sd_mmc_read_byte(a, 7)), R"({"byteread":200,"timetoread":3})", "", R"("offset":7)"},
+        {CALL(sd_mmc_read(a, 0, byte, 2)), "-1", "-1", R"("offset":0,"read_buf":[200],"length":2)"},
         {CALL(sd_mmc_get_storage_info(a)), R"({"total_size":4294967295,"block_count":2,)"
-         R"("block_size":512})", "4294967295 2 512"},
+         R"("block_size":512})", ""},
         {CALL(hbridge_duty_set(a, hbridge_name_t{1}, -100)), "0", "void",
          R"("hbridge":1,"duty":-100)"},
         {CALL(wifi_client_scan_refresh(a, wifi)), "12", "12", R"("interface_t":1)"},
-        {CALL(wifi_client_scan_get(a, wifi, 255)), R"({"ssid":[110,101,116],"encryption":-4,)"
-         R"("strength":-70})", "net -4 -70", R"("interface_t":1,"index":255)"},
+        {CALL(wifi_client_scan_get(a, wifi, 255)), R"({"ssid":[110,101,116,0*29],)"
+         R"("encryption":-4,"strength":-70})", "", R"("interface_t":1,"index":255)"},
         {CALL(jm_disable_network_tasks(a)), "1", "1"},
         {CALL(jm_enable_network_tasks(a)), "0", "void"},
         {CALL(jm_are_network_tasks_enabled(a)), "0", "0"},
@@ -284,40 +218,9 @@ TEST_F(EveryCommand, IsWrittenAndReadAsTheFirmwareDoes) {
                            row.expression.substr(0, row.expression.find('(')) + '"';
         if (!row.arguments.empty()) sent += R"(,"args":{)" + spelled_out(row.arguments) + '}';
         EXPECT_EQ(request_of(row.call), sent + "}}}");
-        answer(test::kResponse + (R"({"command":{"__return__":)" + row.returned + "}}}"));
-        EXPECT_EQ(result(), row.result) << row.expression;
-    }
-}
-
-/// What a device gets wrong in a structure costs that member, never memory.
-TEST_F(EveryCommand, ReadsOfAStructureWhatCanBeRead) {
-    const std::string endless = "[" + spelled_out("0*5000") + "]";
-    const std::string full(sizeof(wifi_scan_network_t::ssid), 'a');
-    std::string letters = "97";
-    for (std::size_t i = 1; i < full.size(); ++i)
-        letters += ",97";
-    const struct {
-        std::string returned, result;
-    } rows[] = {
-        {R"({})", " 0 0"},
-        {R"({"ssid":)" + endless + R"(,"encryption":1e99,"strength":128})", " -1 -128"},
-        {R"({"ssid":[)" + letters + "]}", full + " 0 0"},
-        {R"({"ssid":[)" + letters + ",98]}", full + " 0 0"},
-        {R"({"ssid":[110,"e"],"encryption":true,"strength":[5]})", " 0 0"},
-        {R"({"ssid":"net","encryption":{"n":1},"strength":-1.9})", " 0 -1"},
-        {R"({"ssid":{"0":1},"strength":5,"strength":6})", " 0 5"},
-    };
-    for (const auto& row : rows) {
-        request_of([this] { return shown(client.wifi_client_scan_get(kAddress, {}, 0)); });
-        answer(test::kResponse + (R"({"command":{"__return__":)" + row.returned + "}}}"));
-        EXPECT_EQ(result(), row.result) << row.returned.substr(0, 80);
-    }
-    for (const char* const no_structure : {"5", "[]", "[{}]", "null", "\"x\""}) {
-        request_of(
-            [this] { return run([](auto& c, auto a) { return c.sd_mmc_get_storage_info(a); }); });
-        answer(std::string(test::kResponse) + R"({"command":{"__return__":)" + no_structure +
-               "}}}");
-        EXPECT_EQ(result(), "0 0 0Transport Error - No response received.") << no_structure;
+        const std::string returned = spelled_out(row.returned);
+        respond_with(R"({"__return__":)" + returned + "}");
+        EXPECT_EQ(result(), returned[0] == '{' ? returned : row.result) << row.expression;
     }
 }
 
@@ -326,20 +229,20 @@ TEST_F(EveryCommand, IsNotSentWithAValueThatHasNoForm) {
     const float nan = std::nanf("");
     servo_dc_client_config_t servo{};
     servo.gains.kd = nan;
-    const auto move = two<servo_dc_move_config_t>([](auto& m) { m.target = -HUGE_VAL; });
-    const auto nan_buffer = std::make_shared<float>(nan);
-    const auto endless = test::string(std::string(30000, 'G'));
+    servo_dc_move_config_t far{};
+    far.target = -HUGE_VAL;
     const std::pair<std::function<void()>, const char*> rows[] = {
         {[&] { client.heater_var_set(kAddress, {}, nan); }, "\"var_val\" is not a finite number: "},
         {[&] { client.servo_dc_config_set(kAddress, {}, servo); }, "\"kd\" is not a finite number"},
-        {[&] { client.servo_dc_move(kAddress, {}, move); },
+        {[&] { client.servo_dc_move(kAddress, {}, two(far)); },
          "\"target\" is not a finite number: -inf"},
         {[&] { client.servo_dc_move(kAddress, {}, nullptr); }, "\"move_config\" is null"},
-        {[&] { client.heater_var_get(kAddress, {}, nan_buffer); }, "\"var_val\" is not a finite"},
+        {[&] { client.heater_var_get(kAddress, {}, two(nan)); }, "\"var_val\" is not a finite"},
         {[&] { client.heater_var_get(kAddress, {}, nullptr); }, "\"var_val\" is null"},
         {[&] { client.sd_mmc_write(kAddress, 0, nullptr, 1); }, "\"buf\" is null"},
         {[&] { client.gcode_process_macro(kAddress, nullptr); }, "\"macro\" is null"},
-        {[&] { client.gcode_process_macro(kAddress, endless); }, "is too long"},
+        {[&] { client.gcode_process_macro(kAddress, string(std::string(30000, 'G'))); },
+         "is too long"},
     };
     for (const auto& [call, reason] : rows) {
         call();
@@ -349,3 +252,4 @@ TEST_F(EveryCommand, IsNotSentWithAValueThatHasNoForm) {
 }
 
 }  // namespace
+}  // namespace test

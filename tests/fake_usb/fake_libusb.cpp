@@ -7,11 +7,9 @@
 #include <map>
 #include <memory>
 #include <mutex>
-#include <optional>
 #include <thread>
 #include <utility>
 
-using fake_usb::Bulk;
 using fake_usb::Call;
 using fake_usb::Sent;
 using fake_usb::Shield;
@@ -60,7 +58,15 @@ constexpr std::chrono::seconds kPatience{30};
 template <class T>
 using Owned = std::map<T*, std::unique_ptr<T>>;
 
-struct Bus {
+/// What ends with a test.
+struct Test {
+    std::map<Call, std::deque<Step>> script;
+    std::map<Call, unsigned> calls;
+    std::vector<Sent> sent;
+    bool hold_bulk = false;
+};
+
+struct Bus : Test {
     std::mutex mutex;
     std::condition_variable changed;
     Owned<libusb_context> contexts;
@@ -68,18 +74,19 @@ struct Bus {
     Owned<libusb_device_handle> handles;
     std::map<libusb_device**, std::vector<libusb_device*>> lists;
     std::map<libusb_transfer*, Flight> transfers;
-    std::map<libusb_transfer*, Bulk> outgoing;  ///< What becomes of a send in flight.
     fake_usb::Hook hook{};
-    std::map<Call, std::deque<Step>> script;
-    std::map<Call, unsigned> calls;
-    std::deque<Bulk> bulk_script;
-    std::vector<Sent> sent;
     std::vector<std::string> misuses;
-    bool hold_bulk = false;
-    bool lose_cancellations = false;
-    bool endless_event_waits = false;
     unsigned queued = 0;   ///< Completions so far,
-    unsigned handled = 0;  ///< and how many of them have been told. They are told in order.
+    unsigned handled = 0;  ///< and how many of their callbacks have returned, in order.
+    /// The status of a transfer that ends with one of libusb's errors.
+    const std::map<int, libusb_transfer_status> status_of{
+        {0, LIBUSB_TRANSFER_COMPLETED},
+        {LIBUSB_ERROR_TIMEOUT, LIBUSB_TRANSFER_TIMED_OUT},
+        {LIBUSB_ERROR_PIPE, LIBUSB_TRANSFER_STALL},
+        {LIBUSB_ERROR_OVERFLOW, LIBUSB_TRANSFER_OVERFLOW},
+        {LIBUSB_ERROR_NO_DEVICE, LIBUSB_TRANSFER_NO_DEVICE},
+        {LIBUSB_ERROR_IO, LIBUSB_TRANSFER_ERROR},
+    };
 };
 
 /// Never destroyed: a process may leave with the library's thread running.
@@ -102,7 +109,7 @@ void drop_reference(libusb_device* device) {
     if (--device->references == 0) bus.devices.erase(device);
 }
 
-int take_step(Call call) {
+Step take_step(Call call) {
     if (bus.hook.enter != nullptr) {
         if (const int result = bus.hook.enter(call)) return result;
     }
@@ -117,14 +124,16 @@ int take_step(Call call) {
         }
     }
     if (step.before) step.before();
-    return step.result;
+    return step;
 }
 
-/// The scope of a call.
+/// The scope of a call; holds the lock.
 struct Entered {
-    explicit Entered(Call call) : result(take_step(call)) {}
+    explicit Entered(Call call) : step(take_step(call)) {}
     const Shield shield;
-    const int result;
+    const Step step;
+    const int result = step.result;
+    Lock lock{bus.mutex};
 };
 
 libusb_transfer* find_in_flight(libusb_device* device, unsigned endpoint) {
@@ -157,65 +166,38 @@ bool is_outgoing(const libusb_transfer& transfer) {
     return (transfer.endpoint & LIBUSB_ENDPOINT_IN) == 0;
 }
 
-/// The status of a transfer that ends with one of libusb's errors, if there is one.
-std::optional<libusb_transfer_status> status_of(int error) {
-    switch (error) {
-        case 0:
-            return LIBUSB_TRANSFER_COMPLETED;
-        case LIBUSB_ERROR_TIMEOUT:
-            return LIBUSB_TRANSFER_TIMED_OUT;
-        case LIBUSB_ERROR_PIPE:
-            return LIBUSB_TRANSFER_STALL;
-        case LIBUSB_ERROR_OVERFLOW:
-            return LIBUSB_TRANSFER_OVERFLOW;
-        case LIBUSB_ERROR_NO_DEVICE:
-            return LIBUSB_TRANSFER_NO_DEVICE;
-        case LIBUSB_ERROR_IO:
-            return LIBUSB_TRANSFER_ERROR;
-        default:
-            return std::nullopt;
-    }
-}
-
 /// Releases the lock: a device may respond to what it has received.
 void end_sending(Lock& lock, libusb_transfer& transfer) {
-    const Bulk outcome = bus.outgoing.extract(&transfer).mapped();
     libusb_device* const device = transfer.dev_handle->device;
-    const int taken = outcome.transferred == Bulk::kAll ? transfer.length : outcome.transferred;
-    transfer.actual_length = device->plugged ? taken : 0;
-    if (!device->plugged) transfer.status = LIBUSB_TRANSFER_NO_DEVICE;
+    if (!device->plugged) {
+        transfer.actual_length = 0;
+        transfer.status = LIBUSB_TRANSFER_NO_DEVICE;
+    }
     lock.unlock();
-    if (bus.hook.sent != nullptr && transfer.actual_length > 0 && outcome.result == 0) {
+    if (bus.hook.sent != nullptr && transfer.status == LIBUSB_TRANSFER_COMPLETED &&
+        transfer.actual_length > 0) {
         const auto* const bytes = reinterpret_cast<const char*>(transfer.buffer);
         bus.hook.sent(device, transfer.endpoint,
                       {bytes, static_cast<std::size_t>(transfer.actual_length)});
     }
 }
 
-void queue_outgoing(libusb_transfer* transfer) {
-    queue(transfer, *status_of(bus.outgoing[transfer].result), "");
-}
-
-/// @param injected 0, or one of the results that only a step of Call::bulk has.
-int submit_outgoing(libusb_transfer& transfer, int injected) {
-    Bulk outcome;
-    if (!bus.bulk_script.empty()) {
-        outcome = bus.bulk_script.front();
-        bus.bulk_script.pop_front();
-    }
-    if (injected == fake_usb::kNothing) {
-        outcome.transferred = 0;
-    } else if (injected != 0) {
-        outcome = {injected == fake_usb::kPartial ? LIBUSB_ERROR_TIMEOUT : 0,
-                   (transfer.length + 1) / 2};
+int submit_outgoing(libusb_transfer& transfer, const Step& step) {
+    int result = step.result;
+    // As it will be when the transfer ends.
+    transfer.actual_length = step.transferred.value_or(result == 0 ? transfer.length : 0);
+    if (result > 0) {
+        if (result != fake_usb::kNothing) transfer.actual_length = (transfer.length + 1) / 2;
+        result = result == fake_usb::kPartial ? LIBUSB_ERROR_TIMEOUT : 0;
     }
     const auto* const bytes = reinterpret_cast<const char*>(transfer.buffer);
     bus.sent.push_back(
         {transfer.endpoint, {bytes, static_cast<std::size_t>(transfer.length)}, transfer.timeout});
-    if (!status_of(outcome.result)) return outcome.result;
-    bus.outgoing[&transfer] = outcome;
+    const auto status = bus.status_of.find(result);
+    if (status == bus.status_of.end()) return result;
+    transfer.status = status->second;
     bus.transfers[&transfer] = Flight::in_flight;
-    if (!bus.hold_bulk) queue_outgoing(&transfer);
+    if (!bus.hold_bulk) queue(&transfer, transfer.status, "");
     return 0;
 }
 
@@ -230,7 +212,7 @@ void run_callback(Lock& lock, const Completion& done) {
         done.transfer->actual_length = static_cast<int>(done.data.size());
         std::copy(done.data.begin(), done.data.end(), done.transfer->buffer);
         lock.unlock();
-        if (const int status = take_step(Call::completion)) fail(*done.transfer, status);
+        if (const int status = take_step(Call::completion).result) fail(*done.transfer, status);
     }
     bool thrown = false;
     try {
@@ -246,35 +228,6 @@ void run_callback(Lock& lock, const Completion& done) {
 /// libusb reads the flag that its caller gave it without a lock of the caller's.
 __attribute__((no_sanitize("thread"))) bool is_set(const int* flag) {
     return flag != nullptr && *static_cast<const volatile int*>(flag) != 0;
-}
-
-int handle_events(libusb_context* context, std::chrono::milliseconds limit, const int* completed) {
-    Lock lock(bus.mutex);
-    if (bus.contexts.count(context) == 0) return misuse("events of a context that is not there");
-    const std::thread::id nobody;
-    if (context->handler == std::this_thread::get_id()) return LIBUSB_ERROR_BUSY;
-    const bool endless = bus.endless_event_waits && limit.count() > 0;
-    const auto wait = endless ? std::chrono::hours(1) : std::min(limit, kLongestEventWait);
-    if (context->handler != nobody || context->closing > 0) {
-        bus.changed.wait_for(lock, wait);
-        return 0;
-    }
-    if (is_set(completed)) return 0;
-    context->handler = std::this_thread::get_id();
-    bus.changed.wait_for(lock, wait, [&] {
-        return !context->pending.empty() || context->closing > 0 || context->interrupted;
-    });
-    context->interrupted = false;
-    for (std::size_t left = context->pending.size(); left > 0; --left) {
-        const Completion done = std::move(context->pending.front());
-        context->pending.pop_front();
-        run_callback(lock, done);
-        ++bus.handled;
-        bus.changed.notify_all();
-    }
-    context->handler = nobody;
-    bus.changed.notify_all();
-    return 0;
 }
 
 }  // namespace
@@ -311,11 +264,6 @@ void set_hook(const Hook& hook) {
     bus.hook = hook;
 }
 
-void script_bulk(const std::vector<Bulk>& steps) {
-    const Lock lock(bus.mutex);
-    bus.bulk_script.assign(steps.begin(), steps.end());
-}
-
 std::vector<Sent> sent() {
     const Lock lock(bus.mutex);
     return bus.sent;
@@ -326,25 +274,9 @@ void hold_bulk(bool hold) {
     bus.hold_bulk = hold;
     if (hold) return;
     for (const auto& [transfer, flight] : bus.transfers) {
-        if (flight == Flight::in_flight && is_outgoing(*transfer)) queue_outgoing(transfer);
+        if (flight == Flight::in_flight && is_outgoing(*transfer))
+            queue(transfer, transfer->status, "");
     }
-}
-
-bool in_bulk() {
-    const Lock lock(bus.mutex);
-    return std::any_of(bus.transfers.begin(), bus.transfers.end(), [](const auto& entry) {
-        return entry.second == Flight::in_flight && is_outgoing(*entry.first);
-    });
-}
-
-void wait_for_events_endlessly(bool endlessly) {
-    const Lock lock(bus.mutex);
-    bus.endless_event_waits = endlessly;
-}
-
-void lose_cancellations(bool lose) {
-    const Lock lock(bus.mutex);
-    bus.lose_cancellations = lose;
 }
 
 bool post(libusb_device* device, unsigned endpoint, libusb_transfer_status status,
@@ -387,13 +319,9 @@ std::vector<std::string> finish() {
         left(entry.first->references - (entry.first->plugged ? 1U : 0U), "device references");
     for (const auto& entry : bus.script)
         left(entry.second.size(), "steps of a script");
-    left(bus.bulk_script.size(), "steps of the bulk script");
     bus.devices.clear();
-    bus.script.clear();
-    bus.calls.clear();
-    bus.bulk_script.clear();
-    bus.sent.clear();
-    bus.hold_bulk = bus.lose_cancellations = bus.endless_event_waits = false;
+    static_cast<Test&>(bus) = {};
+    lose_cancellations = endless_event_waits = false;
     return wrong;
 }
 
@@ -402,7 +330,6 @@ std::vector<std::string> finish() {
 int libusb_init(libusb_context** context) {
     const Entered call(Call::init);
     if (call.result != 0) return call.result;
-    const Lock lock(bus.mutex);
     *context = create(bus.contexts);
     return 0;
 }
@@ -418,7 +345,6 @@ void libusb_exit(libusb_context* context) {
 ssize_t libusb_get_device_list(libusb_context* context, libusb_device*** list) {
     const Entered call(Call::list);
     if (call.result != 0) return call.result;
-    const Lock lock(bus.mutex);
     if (bus.contexts.count(context) == 0) return misuse("list of a context that is not there");
     std::vector<libusb_device*> found;
     for (const auto& entry : bus.devices) {
@@ -456,7 +382,7 @@ libusb_device* libusb_ref_device(libusb_device* device) {
 void libusb_unref_device(libusb_device* device) {
     const Lock lock(bus.mutex);
     if (bus.devices.count(device) == 0) {
-        misuse("reference to a device let go twice");
+        misuse("device released twice");
     } else {
         drop_reference(device);
     }
@@ -486,7 +412,6 @@ std::uint8_t libusb_get_port_number(libusb_device* device) {
 int libusb_open(libusb_device* device, libusb_device_handle** handle) {
     const Entered call(Call::open);
     if (call.result != 0) return call.result;
-    const Lock lock(bus.mutex);
     if (!device->plugged) return LIBUSB_ERROR_NO_DEVICE;
     ++device->references;
     *handle = create(bus.handles, device, device->context);
@@ -519,7 +444,6 @@ void libusb_close(libusb_device_handle* handle) {
 int libusb_claim_interface(libusb_device_handle* handle, int interface) {
     const Entered call(Call::claim);
     if (call.result != 0) return call.result;
-    const Lock lock(bus.mutex);
     if (!handle->device->plugged) return LIBUSB_ERROR_NO_DEVICE;
     if (interface != 0 || handle->claimed) misuse("claim of another interface or twice");
     handle->claimed = true;
@@ -529,7 +453,6 @@ int libusb_claim_interface(libusb_device_handle* handle, int interface) {
 int libusb_release_interface(libusb_device_handle* handle, int interface) {
     // Whatever the result, the interface is free once the handle is closed.
     const Entered call(Call::release);
-    const Lock lock(bus.mutex);
     if (interface != 0 || !handle->claimed) misuse("release of what is not claimed");
     handle->claimed = false;
     return call.result;
@@ -538,7 +461,6 @@ int libusb_release_interface(libusb_device_handle* handle, int interface) {
 libusb_transfer* libusb_alloc_transfer(int /*iso_packets*/) {
     const Entered call(Call::alloc);
     if (call.result != 0) return nullptr;
-    const Lock lock(bus.mutex);
     auto* const transfer = new libusb_transfer{};
     bus.transfers[transfer] = Flight::idle;
     return transfer;
@@ -562,9 +484,8 @@ void libusb_free_transfer(libusb_transfer* transfer) {
 
 int libusb_submit_transfer(libusb_transfer* transfer) {
     const bool outgoing = is_outgoing(*transfer);
-    const Entered call(outgoing ? Call::bulk : Call::submit);
-    if (call.result < 0 || (call.result != 0 && !outgoing)) return call.result;
-    Lock lock(bus.mutex);
+    Entered call(outgoing ? Call::bulk : Call::submit);
+    if (call.result != 0 && !outgoing) return call.result;
     if (bus.handles.count(transfer->dev_handle) == 0) return misuse("submission without a handle");
     if (transfer->type != LIBUSB_TRANSFER_TYPE_BULK) misuse("a transfer that is not bulk");
     if (!outgoing && (transfer->timeout != 0 || transfer->length != 64)) {
@@ -572,10 +493,10 @@ int libusb_submit_transfer(libusb_transfer* transfer) {
     }
     Flight& flight = bus.transfers[transfer];
     if (flight != Flight::idle) return misuse("submission of a transfer in flight");
-    if (outgoing) return submit_outgoing(*transfer, call.result);
+    if (outgoing) return submit_outgoing(*transfer, call.step);
     if (!transfer->dev_handle->device->plugged) return LIBUSB_ERROR_NO_DEVICE;
     flight = Flight::in_flight;
-    lock.unlock();
+    call.lock.unlock();
     if (bus.hook.submitted != nullptr) bus.hook.submitted();
     return 0;
 }
@@ -583,10 +504,9 @@ int libusb_submit_transfer(libusb_transfer* transfer) {
 int libusb_cancel_transfer(libusb_transfer* transfer) {
     const Entered call(Call::cancel);
     if (call.result != 0) return call.result;
-    const Lock lock(bus.mutex);
     if (bus.transfers.count(transfer) == 0) return misuse("cancellation of a freed transfer");
     if (bus.transfers[transfer] != Flight::in_flight) return LIBUSB_ERROR_NOT_FOUND;
-    if (!bus.lose_cancellations) queue(transfer, LIBUSB_TRANSFER_CANCELLED, "");
+    if (!fake_usb::lose_cancellations) queue(transfer, LIBUSB_TRANSFER_CANCELLED, "");
     return 0;
 }
 
@@ -603,8 +523,32 @@ void libusb_interrupt_event_handler(libusb_context* context) {
 
 int libusb_handle_events_timeout_completed(libusb_context* context, timeval* limit,
                                            int* completed) {
-    const Entered call(Call::handle_events);
+    Entered call(Call::handle_events);
     if (call.result != 0) return call.result;
-    const std::chrono::milliseconds wait(limit->tv_sec * 1000 + limit->tv_usec / 1000);
-    return handle_events(context, wait, completed);
+    if (bus.contexts.count(context) == 0) return misuse("events of a context that is not there");
+    if (context->handler == std::this_thread::get_id()) return LIBUSB_ERROR_BUSY;
+    std::chrono::milliseconds wait(limit->tv_sec * 1000 + limit->tv_usec / 1000);
+    const bool endless = fake_usb::endless_event_waits && wait.count() > 0;
+    wait = endless ? std::chrono::hours(1) : std::min(wait, kLongestEventWait);
+    const std::thread::id nobody;
+    if (context->handler != nobody || context->closing > 0) {
+        bus.changed.wait_for(call.lock, wait);
+        return 0;
+    }
+    if (is_set(completed)) return 0;
+    context->handler = std::this_thread::get_id();
+    bus.changed.wait_for(call.lock, wait, [context] {
+        return !context->pending.empty() || context->closing > 0 || context->interrupted;
+    });
+    context->interrupted = false;
+    for (std::size_t left = context->pending.size(); left > 0; --left) {
+        const Completion done = std::move(context->pending.front());
+        context->pending.pop_front();
+        run_callback(call.lock, done);
+        ++bus.handled;
+        bus.changed.notify_all();
+    }
+    context->handler = nobody;
+    bus.changed.notify_all();
+    return 0;
 }

@@ -9,8 +9,10 @@
 
 #include <libusb.h>
 
+#include <atomic>
 #include <cstdint>
 #include <functional>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -32,19 +34,15 @@ inline constexpr int kNothing = 3;  ///< Success, no data moved.
 /// @}
 
 /// What one call does: runs `before` on the calling thread with no lock held, then returns a result
-/// (other than 0: without having done anything; for an allocation: null).
+/// (other than 0: without having done anything; for an allocation: null). With Call::bulk, the
+/// transfer ends with the result if a transfer can.
 struct Step {
     Step(int value, std::function<void()> first = nullptr)  // NOLINT(google-explicit-constructor)
         : result(value), before(std::move(first)) {}
+    Step(int value, int bytes) : result(value), transferred(bytes) {}
     int result;
     std::function<void()> before;
-};
-
-/// What becomes of one send.
-struct Bulk {
-    static constexpr int kAll = -1;
-    int result = 0;
-    int transferred = kAll;
+    std::optional<int> transferred;  ///< Bytes of a send; otherwise all if it succeeds.
 };
 
 /// One send that was submitted.
@@ -88,19 +86,16 @@ private:
     const bool before_;
 };
 
-void script_bulk(const std::vector<Bulk>& steps);
 std::vector<Sent> sent();
 
 /// While bulk is held, sends stay in flight.
 void hold_bulk(bool hold);
-/// @return whether a send is in flight now.
-bool in_bulk();
 
-/// While event waits are endless, only an event or an interrupt ends one; otherwise each is short.
-void wait_for_events_endlessly(bool endlessly);
+/// Whether only an event or an interrupt ends an event wait; otherwise each is short.
+inline std::atomic<bool> endless_event_waits{false};
 
-/// While cancellations are lost, cancelling says yes and nothing comes of it.
-void lose_cancellations(bool lose);
+/// Whether a cancellation succeeds without any effect.
+inline std::atomic<bool> lose_cancellations{false};
 
 /// Completes the transfer that is in flight on an endpoint; its callback runs on the next thread
 /// that handles events.

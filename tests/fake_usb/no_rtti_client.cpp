@@ -1,25 +1,25 @@
-#include "fake_usb/no_rtti_client.h"
+#include <atomic>
 
 #include "jovu/client.h"
 
+namespace test {
 namespace {
 
-class Quiet : private JovuClient {
-public:
-    explicit Quiet(std::atomic<int>& events, const JovuScanPause& /*until_built*/ = {})
-        : events_(events) {}
+struct Quiet : private JovuClient {
+    explicit Quiet(std::atomic<int>& counter, const JovuScanPause& /*until_built*/ = {})
+        : events(counter) {}
     ~Quiet() override { shutdown(); }
-
-private:
     void debug_event(JovuDeviceAddress /*address*/, std::shared_ptr<char> /*text*/) override {
-        ++events_;
+        ++events;
     }
 
-    std::atomic<int>& events_;
+    std::atomic<int>& events;
 };
 
 }  // namespace
 
-std::shared_ptr<void> test::make_client_without_rtti(std::atomic<int>& events) {
+std::shared_ptr<void> make_client_without_rtti(std::atomic<int>& events) {
     return std::make_shared<Quiet>(events);
 }
+
+}  // namespace test

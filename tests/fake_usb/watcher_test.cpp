@@ -1,59 +1,29 @@
 /// @file
 /// The watcher: what goes wrong when devices are opened, and starting and stopping.
-#include "fake_usb/link_test.h"
-#include "support/recording_client.h"
+#include <map>
+#include <stdexcept>
 
+#include "fake_usb/backend_fixture.h"
+
+namespace test {
 namespace {
 
 using fake_usb::Call;
 using fake_usb::complete;
 using fake_usb::in_flight;
 using fake_usb::Step;
-using test::error_of;
-using test::eventually;
-using test::in_time;
-using test::Journal;
-using test::kAddress;
-using test::kJobsIn;
-using test::kMessagesIn;
-using test::Link;
-using test::LinkClient;
 using testing::ElementsAre;
 
-using Watcher = test::LinkTest;
+using Watcher = BackendTest;
 
-TEST_F(Watcher, EndsInWordsWhenADeviceCannotBeOpenedAfterItsProbe) {
-    const struct {
-        Call call;
-        std::vector<Step> steps;
-        const char* message;
-    } cases[] = {
-        {Call::alloc, {LIBUSB_ERROR_NO_MEM}, "Failed to allocate rx transfer."},
-        {Call::alloc, {0, LIBUSB_ERROR_NO_MEM}, "Failed to allocate rx transfer."},
-        {Call::alloc, {0, 0, LIBUSB_ERROR_NO_MEM}, "Failed to allocate tx transfer."},
-        {Call::list, {0, LIBUSB_ERROR_NO_MEM}, "Failed to get libusb device list."},
-        {Call::descriptor, {0, LIBUSB_ERROR_IO}, "Failed to get libusb device descriptor."},
-        {Call::open, {0, LIBUSB_ERROR_ACCESS}, "Failed to open libusb device."},
-        {Call::claim, {0, LIBUSB_ERROR_BUSY}, "Failed to claim libusb device."},
-    };
-    for (const auto& row : cases) {
-        testing::internal::CaptureStdout();
-        fake_usb::script(row.call, row.steps);
-        {
-            const Link link(journal);
-            EXPECT_TRUE(watcher_ends());
-            EXPECT_TRUE(JovuUsb::list_connected().empty());
-        }
-        EXPECT_EQ(testing::internal::GetCapturedStdout(),
-                  std::string("Fatal error in hotplug thread - ") + row.message + ".\n");
-        finish();
-    }
-    EXPECT_TRUE(journal.entries().empty());
-    const Link link(journal);
-    EXPECT_TRUE(journal.wait("b+1.5")) << "a later registration starts anew";
+constexpr int kIo = LIBUSB_ERROR_IO, kAccess = LIBUSB_ERROR_ACCESS, kBusy = LIBUSB_ERROR_BUSY,
+              kNoMemory = LIBUSB_ERROR_NO_MEM;
+
+std::string fatal(const std::string& reason) {
+    return "Fatal error in hotplug thread - " + reason + ".\n";
 }
 
-TEST_F(Watcher, PassesOverWhatCannotBeHadNowAndTriesAgain) {
+TEST_F(Watcher, PassesOverWhatCannotBeOpenedNowAndEndsWhenItCannotBeAfterItsProbe) {
     libusb_device* device = nullptr;
     const auto leave = [&device] {
         fake_usb::unplug(device);
@@ -67,58 +37,65 @@ TEST_F(Watcher, PassesOverWhatCannotBeHadNowAndTriesAgain) {
         const char* what;
         Call call;
         std::vector<Step> steps;
-        const char* next;
+        std::string next;        ///< Connection, if any.
+        std::string error = {};  ///< What ends the watcher, if anything: it failed to do this.
     } cases[] = {
-        {"no list", Call::list, {LIBUSB_ERROR_NO_MEM}, "b+1.5"},
-        {"no descriptor", Call::descriptor, {LIBUSB_ERROR_IO}, "b+1.5"},
-        {"not to be opened", Call::open, {LIBUSB_ERROR_ACCESS, LIBUSB_ERROR_ACCESS}, "b+1.5"},
-        {"in use", Call::claim, {LIBUSB_ERROR_BUSY, LIBUSB_ERROR_BUSY}, "b+1.5"},
+        {"no list", Call::list, {kNoMemory}, "b+1.5"},
+        {"no descriptor", Call::descriptor, {kIo}, "b+1.5"},
+        {"not to be opened", Call::open, {kAccess, kAccess}, "b+1.5"},
+        {"in use", Call::claim, {kBusy, kBusy}, "b+1.5"},
         {"left before the opening", Call::open, {0, LIBUSB_ERROR_NO_DEVICE}, "b+1.5"},
         {"left before the claim", Call::claim, {0, LIBUSB_ERROR_NO_DEVICE}, "b+1.5"},
         {"left before the look for it", Call::alloc, {{0, leave_for_good}}, "b+1.6"},
         {"left while it is opened", Call::claim, {0, {0, leave_for_good}}, "b+1.6"},
-        {"left before reception", Call::submit, {{0, leave}}, "b+1.5"},
-        {"left before the notices", Call::submit, {0, {0, leave}}, "b+1.5"},
+        {"left before it receives", Call::submit, {{0, leave}}, "b+1.5"},
+        {"left before the notifications", Call::submit, {0, {0, leave}}, "b+1.5"},
+        {"1st transfer", Call::alloc, {kNoMemory}, "", "allocate rx transfer"},
+        {"2nd transfer", Call::alloc, {0, kNoMemory}, "", "allocate rx transfer"},
+        {"3rd transfer", Call::alloc, {0, 0, kNoMemory}, "", "allocate tx transfer"},
+        {"list after the probe", Call::list, {0, kNoMemory}, "", "get libusb device list"},
+        {"descriptor", Call::descriptor, {0, kIo}, "", "get libusb device descriptor"},
+        {"open after the probe", Call::open, {0, kAccess}, "", "open libusb device"},
+        {"claim after the probe", Call::claim, {0, kBusy}, "", "claim libusb device"},
     };
-    testing::internal::CaptureStdout();
     for (const auto& row : cases) {
         SCOPED_TRACE(row.what);
-        Journal told;
+        Journal seen;
+        testing::internal::CaptureStdout();
         fake_usb::script(row.call, row.steps);
         {
-            const Link link(told, [&](Link& self) { device = self.device; });
-            EXPECT_TRUE(told.wait(row.next));
-            EXPECT_TRUE(eventually([] {
-                return test::write("x").empty() || test::write("x", {1, 6}).empty();
-            }));
+            const Backend backend(seen, [&](Backend& self) { device = self.device; });
+            if (row.next.empty()) {
+                EXPECT_TRUE(watcher_ends());
+                EXPECT_TRUE(JovuUsb::list_connected().empty() && seen.entries().empty());
+            } else {
+                EXPECT_TRUE(seen.wait(row.next));
+                EXPECT_TRUE(eventually([] {
+                    return write("x").empty() || write("x", {1, 6}).empty();
+                }));
+            }
         }
+        EXPECT_EQ(testing::internal::GetCapturedStdout(),
+                  row.error.empty() ? "" : fatal("Failed to " + row.error + "."));
         finish();
     }
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
 }
 
-TEST_F(Watcher, KeepsADeviceWhoseReceptionCannotStartClosed) {
-    const std::pair<std::vector<Step>, std::vector<Step>> submissions_and_cancellations[] = {
-        {{LIBUSB_ERROR_IO}, {}},
-        {{0, LIBUSB_ERROR_NO_MEM}, {}},
-        {{0, LIBUSB_ERROR_IO}, {LIBUSB_ERROR_OTHER, LIBUSB_ERROR_OTHER}},
-    };
-    for (const auto& [submissions, cancellations] : submissions_and_cancellations) {
-        Journal told;
-        fake_usb::script(Call::submit, submissions);
-        fake_usb::script(Call::cancel, cancellations);
+TEST_F(Watcher, KeepsADeviceThatCannotReceiveClosed) {
+    for (const bool first : {true, false}) {
+        Journal seen;
+        fake_usb::script(Call::submit, first ? std::vector<Step>{kIo} : std::vector<Step>{0, kIo});
+        if (!first) fake_usb::script(Call::cancel, {LIBUSB_ERROR_OTHER, LIBUSB_ERROR_OTHER});
         {
-            const Link link(told);
-            ASSERT_TRUE(told.wait("b+1.5"));
-            EXPECT_TRUE(eventually([&] {
-                return !in_flight(link.device, kMessagesIn) && !in_flight(link.device, kJobsIn);
-            }));
-            EXPECT_EQ(JovuUsb::list_connected().size(), 1U);
-            EXPECT_EQ(test::write("x"), "Send failed - Device no longer connected.");
-            fake_usb::unplug(link.device);
-            EXPECT_TRUE(eventually([] { return JovuUsb::list_connected().empty(); }));
+            const Backend backend(seen);
+            // Last of all, writes are rejected.
+            EXPECT_TRUE(eventually(
+                [] { return write("x") == "Send failed - Device no longer connected."; }));
+            EXPECT_FALSE(in_flight(backend.device, kMessagesIn));
+            if (first) fake_usb::unplug(backend.device);
+            EXPECT_TRUE(eventually([&] { return JovuUsb::list_connected().empty() == first; }));
         }
-        EXPECT_THAT(told.entries(), ElementsAre("a+1.5", "b+1.5"));
+        EXPECT_THAT(seen.entries(), ElementsAre("a+1.5", "b+1.5"));
         finish();
     }
 }
@@ -128,14 +105,13 @@ TEST_F(Watcher, OpensOneKindOnceAndListsAll) {
     fake_usb::plug(1, 7, 0x0099, 0x7A1C, 3);
     fake_usb::plug(1, 8, 0x0002, 0x7A1D, 4);
     {
-        const Link link(journal);
-        ASSERT_TRUE(journal.wait("b+1.5"));
+        const Backend backend(journal);
         EXPECT_EQ(fake_usb::calls(Call::open), 2U) << "the probe and the opening";
         JovuUsb::close(kAddress);
         const unsigned scans = fake_usb::calls(Call::list);
         ASSERT_TRUE(eventually([&] { return fake_usb::calls(Call::list) >= scans + 2; }));
         EXPECT_EQ(JovuUsb::list_connected().size(), 1U);
-        fake_usb::unplug(link.device);
+        fake_usb::unplug(backend.device);
         ASSERT_TRUE(eventually([] { return JovuUsb::list_connected().empty(); }));
         fake_usb::plug(1, 5);
         ASSERT_TRUE(journal.wait("b+1.5", 2));
@@ -149,26 +125,9 @@ TEST_F(Watcher, OpensOneKindOnceAndListsAll) {
                 testing::UnorderedElementsAre(std::pair(1, 1), std::pair(2, 2), std::pair(0, 3)));
 }
 
-TEST_F(Watcher, FindsArrivalsWhileOthersSendAllTheTime) {
-    const Link link(journal);
-    ASSERT_TRUE(journal.wait("b+1.5"));
-    std::atomic<bool> stop{false};
-    std::vector<std::future<void>> senders(3);
-    for (auto& sender : senders) {
-        sender = std::async(std::launch::async, [&] {
-            while (!stop)
-                test::write("x");
-        });
-    }
-    fake_usb::plug(1, 6);
-    EXPECT_TRUE(journal.wait("b+1.6"));
-    stop = true;
-}
-
-TEST_F(Watcher, TellsOfTheOldDeviceBeforeTheNewOneAtItsAddress) {
-    const Link link(journal);
-    ASSERT_TRUE(journal.wait("b+1.5"));
-    fake_usb::unplug(link.device, true);
+TEST_F(Watcher, ReportsTheOldDeviceBeforeTheNewOneAtItsAddress) {
+    const Backend backend(journal);
+    fake_usb::unplug(backend.device, true);
     fake_usb::plug(1, 5);
     ASSERT_TRUE(journal.wait("b+1.5", 2));
     EXPECT_THAT(journal.entries(),
@@ -178,161 +137,157 @@ TEST_F(Watcher, TellsOfTheOldDeviceBeforeTheNewOneAtItsAddress) {
 TEST_F(Watcher, AClosingThreadWaitsForTheConnectedNotifications) {
     std::future<void> closing;
     {
-        const Link link(journal, [&](Link& self) {
-            self.messages.on_connected = [&] {
+        const Backend backend(journal, [&](Backend& self) {
+            self.messages.then = [&](char what, unsigned char*) {
+                if (what != '+') return;
                 closing = std::async(std::launch::async, [] { JovuUsb::close(kAddress); });
-                closing.wait_for(std::chrono::milliseconds(20));
+                EXPECT_TRUE(waits(closing));
             };
         });
         ASSERT_TRUE(journal.wait("b-1.5"));
         closing.get();
-        EXPECT_FALSE(in_flight(link.device, kMessagesIn));
+        EXPECT_FALSE(in_flight(backend.device, kMessagesIn));
     }
     EXPECT_THAT(journal.entries(), ElementsAre("a+1.5", "b+1.5", "a-1.5", "b-1.5"));
 }
 
-TEST_F(Watcher, ADeviceThatTakesNoDataIsSilentOnceItsCloseIsNotified) {
-    libusb_device* const healthy = fake_usb::plug(1, 6);
-    Link link(journal);
-    ASSERT_TRUE(journal.wait("b+1.5") && journal.wait("b+1.6"));
-    link.messages.on_data = [](unsigned char*) { error_of([] { JovuUsb::close(kAddress); }); };
+TEST_F(Watcher, ADeviceThatTakesNoDataIsSilentOnceItsCloseIsNotifiedAndDelaysNoOther) {
+    Backend backend(journal);
+    backend.messages.then = [](char what, unsigned char*) {
+        if (what == '<') JovuUsb::close(kAddress);
+    };
     fake_usb::hold_bulk(true);
-    auto stuck = std::async(std::launch::async, [] { return test::write("x"); });
-    ASSERT_TRUE(eventually(fake_usb::in_bulk));
-    ASSERT_TRUE(complete(link.device, kMessagesIn, LIBUSB_TRANSFER_COMPLETED, "close"));
+    auto stuck = std::async(std::launch::async, [] { return write("x"); });
+    ASSERT_TRUE(eventually([] { return !fake_usb::sent().empty(); }));
+    ASSERT_TRUE(complete(backend.device, kMessagesIn, LIBUSB_TRANSFER_COMPLETED, "close"));
     ASSERT_TRUE(journal.wait("b-1.5"));
-    EXPECT_TRUE(eventually([&] { return !in_flight(link.device, kMessagesIn); }));
+    libusb_device* const healthy = fake_usb::plug(1, 6);
+    ASSERT_TRUE(journal.wait("b+1.6"));
+    EXPECT_TRUE(eventually([&] { return !in_flight(backend.device, kMessagesIn); }));
     EXPECT_TRUE(in_flight(healthy, kMessagesIn));
-    EXPECT_EQ(stuck.wait_for(std::chrono::seconds(0)), std::future_status::timeout);
-    EXPECT_EQ(test::write("y"), "Send failed - Device no longer connected.");
+    EXPECT_TRUE(waits(stuck));
+    EXPECT_EQ(write("y"), "Send failed - Device no longer connected.");
     JovuUsb::close({1, 6});
     fake_usb::hold_bulk(false);
     EXPECT_EQ(stuck.get(), "");
 }
 
-TEST_F(Watcher, WhatAClientThrowsAtANoticeTakesTheDeviceBack) {
-    testing::internal::CaptureStdout();
-    {
-        const Link link(journal, [](Link& self) {
-            self.messages.on_connected = [] {
-                Journal other;
-                throw JovuException(error_of([&other] { LinkClient(other, "c", 0); }));
-            };
-        });
-        EXPECT_TRUE(watcher_ends());
-        EXPECT_TRUE(JovuUsb::list_connected().empty());
-    }
-    EXPECT_EQ(testing::internal::GetCapturedStdout(),
-              "Fatal error in hotplug thread - "
-              "Register failed - called from inside a notice or delivery..\n");
-}
-
-TEST_F(Watcher, WhatAClientThrowsAtADepartureKeepsItFromNoOther) {
-    testing::internal::CaptureStdout();
-    {
-        const Link link(journal, [](Link& self) {
-            self.messages.on_disconnected = [] { throw JovuException("not now"); };
-        });
-        const LinkClient another(journal, "c", 0);
-        ASSERT_TRUE(journal.wait("b+1.5"));
-        fake_usb::unplug(link.device);
-        EXPECT_TRUE(journal.wait("c-1.5") && journal.wait("b-1.5"));
-        EXPECT_TRUE(watcher_ends());
-    }
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), "Fatal error in hotplug thread - not now.\n");
-}
-
-TEST_F(Watcher, OpensNothingWhileScansAreHeld) {
-    fake_usb::plug(1, 5);
-    std::optional<JovuScanPause> hold(std::in_place);
-    const LinkClient client(journal, "a", 0);
-    ASSERT_TRUE(eventually([] { return fake_usb::calls(Call::handle_events) > 50; }));
-    EXPECT_EQ(fake_usb::calls(Call::list), 0U);
-    hold.reset();
-    EXPECT_TRUE(journal.wait("a+1.5"));
-}
-
-TEST_F(Watcher, OpensNothingOnceAHoldIsTakenEvenInTheMiddleOfAScan) {
-    std::optional<JovuScanPause> hold;
-    std::vector<std::string> told_before;
-    std::future<void> holding;
-    fake_usb::script(Call::list, {{0, [&] {
-                                       holding = std::async(std::launch::async, [&] {
-                                           hold.emplace();
-                                           told_before = journal.entries();
-                                       });
-                                       holding.wait_for(std::chrono::milliseconds(30));
-                                   }}});
-    fake_usb::plug(1, 5);
-    const LinkClient client(journal, "a", 0);
-    ASSERT_TRUE(eventually([&] { return fake_usb::calls(Call::handle_events) > 5; }));
-    in_time("hold", [&] { holding.get(); });
-    const unsigned before = fake_usb::calls(Call::handle_events);
-    ASSERT_TRUE(eventually([&] { return fake_usb::calls(Call::handle_events) > before + 5; }));
-    EXPECT_EQ(journal.entries(), told_before);
-    hold.reset();
-    EXPECT_TRUE(journal.wait("a+1.5"));
-}
-
-TEST_F(Watcher, IsWokenFromAnEventWaitToStop) {
-    for (const bool with_device : {false, true}) {
-        fake_usb::wait_for_events_endlessly(true);
-        if (with_device) fake_usb::plug(1, 5);
-        std::optional<LinkClient> client(std::in_place, journal, "a", 0);
-        EXPECT_TRUE(!with_device || journal.wait("a+1.5"));
-        in_time("stop", [&] { client.reset(); });
+TEST_F(Watcher, EndsWithWhatAClientThrowsAndNotifiesTheOthersOfADisconnection) {
+    const struct {
+        char callback;  ///< As in the journal.
+        std::function<void()> thrower;
+        const char* error;
+    } rows[] = {
+        {'<', [] { throw std::runtime_error(write("x")); }, "Send failed - libusb error: -6"},
+        {'<', [] { throw JovuException(write("") + "not now"); }, "not now"},
+        {'<', [] { throw 42; }, "UNKNOWN"},
+        {'-', [] { throw JovuException(); }, "Unknown JoVu Error"},
+        {'+',
+         [] {
+             Journal other;
+             throw JovuException(error_of([&other] { BackendClient(other, "d", 0); }));
+         },
+         "Register failed - called from inside a notice or delivery."},
+    };
+    std::map<char, std::vector<std::string>> entries{
+        {'<', {"a+1.5", "c+1.5", "b+1.5", "a<1.5 x", "a-1.5", "c-1.5"}},
+        {'-', {"a+1.5", "c+1.5", "b+1.5", "a-1.5", "c-1.5", "b-1.5"}},
+        {'+', {"a+1.5", "a-1.5", "c-1.5", "b-1.5"}},
+    };
+    for (const auto& [callback, thrower, error] : rows) {
+        Journal seen;
+        testing::internal::CaptureStdout();
+        {
+            std::optional<BackendClient> another;
+            const Backend backend(seen, [&, callback = callback, thrower = thrower](Backend& self) {
+                self.messages.then = [=](char what, unsigned char*) {
+                    if (what == callback) thrower();
+                };
+                another.emplace(seen, "c", 0);
+            });
+            EXPECT_TRUE(callback == '+' || seen.wait("b+1.5"));
+            if (callback == '-') fake_usb::unplug(backend.device);
+            complete(backend.device, kMessagesIn, LIBUSB_TRANSFER_COMPLETED, "x");
+            EXPECT_TRUE(watcher_ends());
+            EXPECT_FALSE(in_flight(backend.device, kMessagesIn)) << "not resubmitted";
+            EXPECT_EQ(JovuUsb::list_connected().size(), callback == '<' ? 1U : 0U);
+        }
+        EXPECT_EQ(testing::internal::GetCapturedStdout(), fatal(error));
+        EXPECT_EQ(seen.entries(), entries[callback]);
         finish();
     }
 }
 
-TEST_F(Watcher, CallsNoJobClientBeforeItIsBuilt) {
-    Link link(journal);
-    ASSERT_TRUE(journal.wait("b+1.5"));
-    struct Jobs : JovuJobInterface {
-        explicit Jobs(libusb_device* device, const JovuScanPause& /*until_built*/ = {}) {
-            complete(device, kJobsIn, LIBUSB_TRANSFER_COMPLETED, "{}");
-            calls_while_built = calls;
-        }
-        ~Jobs() override { shutdown(); }
-        void JobDataReceived(JovuDeviceAddress, const unsigned char*, unsigned) override {
-            ++calls;
-        }
-        std::atomic<int> calls{0};
-        int calls_while_built = 0;
-    } jobs(link.device);
-    ASSERT_TRUE(complete(link.device, kJobsIn, LIBUSB_TRANSFER_COMPLETED, "{}"));
-    EXPECT_EQ(jobs.calls_while_built, 0);
-    EXPECT_EQ(jobs.calls, 1);
+/// The pause begins in the middle of a scan; or of an opening, which it waits for.
+TEST_F(Watcher, OpensNothingDuringAScanPause) {
+    for (const Call call : {Call::list, Call::claim}) {
+        Journal seen;
+        std::optional<JovuScanPause> pause;
+        std::vector<std::string> before;
+        std::future<void> pausing;
+        const auto begin_pause = [&] {
+            pausing = std::async(std::launch::async, [&] {
+                pause.emplace();
+                before = seen.entries();
+            });
+            if (call == Call::list) return pausing.wait();
+            EXPECT_TRUE(waits(pausing));
+        };
+        std::vector<Step> steps{0, {0, begin_pause}};
+        if (call == Call::list) steps.erase(steps.begin());
+        fake_usb::script(call, steps);
+        fake_usb::plug(1, 5);
+        std::optional<BackendClient> client(std::in_place, seen, "a", 0);
+        ASSERT_TRUE(eventually([] { return fake_usb::calls(Call::handle_events) > 5; }));
+        pausing.get();
+        const unsigned scans = fake_usb::calls(Call::list);
+        ASSERT_TRUE(eventually([] { return fake_usb::calls(Call::handle_events) > 50; }));
+        EXPECT_EQ(fake_usb::calls(Call::list), scans);
+        EXPECT_EQ(seen.entries(), before);
+        pause.reset();
+        EXPECT_TRUE(seen.wait("a+1.5"));
+        client.reset();
+        finish();
+    }
+}
+
+TEST_F(Watcher, IsWokenFromAnEventWaitToStop) {
+    for (const bool with_device : {false, true}) {
+        fake_usb::endless_event_waits = true;
+        if (with_device) fake_usb::plug(1, 5);
+        std::optional<BackendClient> client(std::in_place, journal, "a", 0);
+        EXPECT_TRUE(!with_device || journal.wait("a+1.5"));
+        client.reset();
+        finish();
+    }
 }
 
 TEST_F(Watcher, DoesNotSpinWhenEventHandlingFails) {
-    fake_usb::script(Call::handle_events, std::vector<Step>(4, LIBUSB_ERROR_IO));
+    fake_usb::script(Call::handle_events, std::vector<Step>(4, kIo));
     const auto begin = std::chrono::steady_clock::now();
-    const LinkClient client(journal, "a", 0);
+    const BackendClient client(journal, "a", 0);
     EXPECT_TRUE(eventually([] { return fake_usb::calls(Call::handle_events) > 4; }));
     EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(150));
 }
 
 TEST_F(Watcher, MayStopInTheMiddleOfAListing) {
-    Link link(journal);
-    ASSERT_TRUE(journal.wait("b+1.5"));
-    { const LinkClient another(journal, "c", 1); }
-    EXPECT_EQ(test::write("x"), "") << "it is the last client of an interface that stops it";
-    const auto stop = [&link, lister = std::this_thread::get_id()] {
-        if (std::this_thread::get_id() == lister) link.jobs.reset();
+    Backend backend(journal);
+    { const BackendClient another(journal, "c", 1); }
+    EXPECT_EQ(write("x"), "") << "it is the last client of an interface that stops it";
+    const auto stop = [&backend, lister = std::this_thread::get_id()] {
+        if (std::this_thread::get_id() == lister) backend.jobs.reset();
     };
     fake_usb::script(Call::list, {{0, stop}});
     EXPECT_EQ(JovuUsb::list_attached().size(), 1U);
 }
 
-TEST_F(Watcher, AClientThatCannotStartTheLinkLeavesNothingBehind) {
+TEST_F(Watcher, AClientThatCannotStartTheBackendLeavesNothingBehind) {
     fake_usb::script(Call::init, {LIBUSB_ERROR_OTHER});
-    EXPECT_EQ(error_of([] { test::RecordingClient client; }), "Failed to initialize libusb");
+    EXPECT_EQ(error_of([&] { BackendClient(journal, "a", 0); }), "Failed to initialize libusb");
     EXPECT_TRUE(JovuUsb::list_connected().empty());
-    finish();
-    fake_usb::plug(1, 5);
-    const test::RecordingClient client;
-    EXPECT_TRUE(client.wait_connected(kAddress));
+    const Backend backend(journal);
+    EXPECT_THAT(journal.entries(), ElementsAre("a+1.5", "b+1.5"));
 }
 
 }  // namespace
+}  // namespace test

@@ -4,13 +4,9 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <atomic>
-#include <fstream>
-#include <iterator>
 #include <memory>
-#include <string>
 #include <thread>
 #include <vector>
 
@@ -19,26 +15,19 @@
 
 namespace {
 
-bool sleeps(pid_t task) {
-    std::ifstream file("/proc/self/task/" + std::to_string(task) + "/stat");
-    const std::string stat(std::istreambuf_iterator<char>(file), {});
-    return stat.find(") S ") != std::string::npos;
-}
-
 TEST(FairLock, GoesToTheThreadThatHasWaitedLongest) {
     jovu::FairLock lock;
-    std::vector<int> turns;
+    std::vector<unsigned> turns;
     std::vector<std::thread> others;
+    std::atomic<unsigned> waiting{0};  ///< A bit for each.
     lock.lock();
-    for (int i = 1; i <= 3; ++i) {
-        std::atomic<pid_t> task{0};
+    for (unsigned i = 1; i <= 3; ++i) {
         others.emplace_back([&, i] {
-            task = gettid();
-            lock.lock();
+            lock.lock_while([&] { return (waiting |= 1U << i) != 0; });
             turns.push_back(i);
             lock.unlock();
         });
-        ASSERT_TRUE(test::eventually([&] { return task != 0 && sleeps(task); }));
+        ASSERT_TRUE(test::eventually([&] { return (waiting & 1U << i) != 0; }));
     }
     EXPECT_FALSE(lock.try_lock());
     lock.unlock();

@@ -14,7 +14,8 @@ namespace {
 using String = std::shared_ptr<char>;
 
 void show(std::ostream& out, const wifi_scan_network_t& network) {
-    out << network.ssid << ':' << +network.strength << ' ';
+    out << std::string(network.ssid, strnlen(network.ssid, sizeof network.ssid)) << ':'
+        << +network.encryption << ':' << +network.strength << ' ';
 }
 template <class T>
 void show(std::ostream& out, T element) {
@@ -33,7 +34,7 @@ std::string read(JovuTransport& transport, const std::string& response) {
     std::ostringstream out;
     out.precision(std::numeric_limits<float>::max_digits10);
     const R& result = command.result();
-    if constexpr (std::is_arithmetic_v<R>) {
+    if constexpr (std::is_arithmetic_v<R> || jovu::is_structure<R>) {
         show(out, result);
     } else if (result == nullptr) {
         out << "null ";
@@ -49,21 +50,27 @@ std::string read(JovuTransport& transport, const std::string& response) {
 TEST(FirmwareCommand, ReadsItsResultAndTakesABrokenResponseForNone) {
     using Floats = std::shared_ptr<float>;
     using Bytes = std::shared_ptr<unsigned char>;
-    using Networks = std::shared_ptr<wifi_scan_network_t>;
+    using Network = wifi_scan_network_t;
+    using Networks = std::shared_ptr<Network>;
     const auto value = [](const std::string& text) { return R"({"__return__":)" + text + "}"; };
+    constexpr std::size_t kLongest = sizeof(Network::ssid);
+    const std::string full_ssid = std::string(kLongest, 'a') + ":0:0 ";
+    std::string full = "97";
+    for (std::size_t i = 1; i < kLongest; ++i)
+        full += ",97";
     struct Row {
         std::string (*read)(JovuTransport&, const std::string&);
         std::string response;
-        const char* result;
+        std::string result;
     };
     std::vector<Row> rows{
-        {read<short>, R"({"idx":1,"name":"n","__return__":-5})", "-5 "},
         {read<short>, R"({"__return__":70000,"args":{}})", "4464 "},
         {read<short>, R"({"idx":1,"name":"n"})", "0 "},
+        {read<short>, R"({"idx":"1","name":1,"args":[1]})", "0 "},
+        {read<short>, R"({"idx":true,"name":null,"args":null})", "0 "},
         {read<short>, "{}", "0 "},
         {read<short>, "[]", "0 "},
         {read<float>, value("-0.5"), "-0.5 "},
-        {read<double>, value("7"), "7 "},
         {read<float>, value("-1e39"), "-inf "},
         {read<float>, value("3.4028235e38"), "3.40282347e+38 "},
         {read<float>, value("-3.40282356779733e38"), "-3.40282347e+38 "},
@@ -72,19 +79,26 @@ TEST(FirmwareCommand, ReadsItsResultAndTakesABrokenResponseForNone) {
         {read<Floats, 3>, value("[1.5,-2,1e39]"), "1.5 -2 inf "},
         {read<Bytes, 4>, value("[255,256,-1]"), "255 0 255 0 "},
         // One more than there are.
-        {read<Networks, 3>, value(R"([{"strength":-7},{"ssid":[98]}])"), ":-7 b:0 :0 "},
+        {read<Networks, 3>, value(R"([{"strength":-7},{"ssid":[98]}])"), ":0:-7 b:0:0 :0:0 "},
         {read<Floats>, value("[]"), ""},
-        {read<Bytes>, value("[]"), ""},
         {read<Networks>, value("[]"), ""},
-        {read<String>, value("[72,105,0]"), "Hi "},
         {read<String>, value("[72,105]"), "Hi "},
         {read<String>, value("[]"), " "},
         {read<String>, value("[-23,489]"), "\xE9\xE9 "},
         {read<String>, value(R"([72,"i"])"), "null none"},
         {read<String>, value(R"("Hi")"), "null none"},
+        // What is wrong in a structure costs that member alone.
+        {read<Network>, value("{}"), ":0:0 "},
+        {read<Network>, value(R"({"ssid":[)" + full + "]}"), full_ssid},
+        {read<Network>, value(R"({"ssid":[)" + full + ",98]}"), full_ssid},
+        {read<Network>, value(R"({"ssid":[1,"e"],"encryption":1e99,"strength":[5]})"), ":-1:0 "},
+        {read<Network>, value(R"({"ssid":"net","encryption":true,"strength":-1.9})"), ":0:-1 "},
+        {read<Network>, value(R"({"ssid":{"0":1},"strength":133,"strength":6})"), ":0:-123 "},
     };
-    for (const char* const broken : {"\"5\"", "null", "true", "[5]"})
+    for (const char* const broken : {"\"5\"", "null", "true", "[5]"}) {
         rows.push_back({read<short>, value(broken), "0 none"});
+        rows.push_back({read<Network>, value(broken), ":0:0 none"});
+    }
     for (const char* const broken : {"1.5", "[1,\"2\"]", "[[1]]", "null", "[{},1]"}) {
         for (const auto reader : {read<Floats>, read<Bytes>, read<Networks>})
             rows.push_back({reader, value(broken), "null none"});

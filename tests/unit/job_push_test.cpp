@@ -4,23 +4,27 @@
 #include <unistd.h>
 #include <zlib.h>
 
-#include <algorithm>
 #include <filesystem>
 #include <fstream>
 
-#include "fake_usb/link_test.h"
+#include "fake_usb/backend_fixture.h"
 #include "json/json.h"
 #include "support/job_file.h"
-#include "support/recording_client.h"
 
+namespace test {
 namespace {
 
-class JobPush : public test::LinkTest {
+struct Cancelled : JovuPushCancel {
+    Cancelled() { cancel(); }
+};
+
+class JobPush : public ExchangeTest {
 protected:
     /// @param then called in each progress call, with its number.
     /// @return the error, or the name of the result.
-    std::string push(JovuJobInterface& client, std::function<void(std::size_t)> then,
-                     const JovuPushCancel& cancel) {
+    std::string push(
+        JovuJobInterface& jobs, std::function<void(std::size_t)> then = [](std::size_t) {},
+        const JovuPushCancel& cancel = {}) {
         progress.clear();
         before = fake_usb::sent().size();
         on_progress = std::move(then);
@@ -30,27 +34,19 @@ protected:
             self.on_progress(self.progress.size() - 1);
         };
         static const char* const results[] = {"completed", "cancelled", "cut short"};
-        try {
-            return results[static_cast<int>(
-                client.SendJobFile(test::kAddress, file.path(), note, this, false, cancel))];
-        } catch (const JovuException& error) {
-            return error.what();
-        }
-    }
-    bool connected() const {
-        return test::eventually([this] { return fake_usb::in_flight(device, test::kJobsIn); });
+        JovuPushResult result{};
+        const std::string error = error_of(
+            [&] { result = jobs.SendJobFile(kAddress, file.path(), note, this, false, cancel); });
+        return error.empty() ? results[static_cast<int>(result)] : error;
     }
 
-    libusb_device* const device = fake_usb::plug(1, 5);
-    const test::TemporaryFile file{"job", ""};
+    const TemporaryFile file{"job", ""};
     std::vector<double> progress;
     std::function<void(std::size_t)> on_progress;
     std::size_t before = 0;  ///< Transfers before the push.
 };
 
 TEST_F(JobPush, ReportsItsProgressAndNeedsAFileThatCanBeReadTwice) {
-    JovuJobInterface client;
-    ASSERT_TRUE(connected());
     const std::pair<std::size_t, std::vector<double>> rows[] = {
         {0, {0.0, 99.9, 100.0}},
         {1, {0.0, 99.9, 100.0}},
@@ -58,23 +54,22 @@ TEST_F(JobPush, ReportsItsProgressAndNeedsAFileThatCanBeReadTwice) {
         {12000, {0.0, 5120 * 100.0 / 12000, 10240 * 100.0 / 12000, 99.9, 100.0}},
     };
     for (const auto& [size, expected] : rows) {
-        std::ofstream(file.path()) << std::string(size, 'x');
-        EXPECT_EQ(push(client, [](std::size_t) {}, {}), "completed");
+        std::ofstream(file.path(), std::ios::binary) << std::string(size, 'x');
+        EXPECT_EQ(push(client), "completed");
         EXPECT_EQ(progress, expected) << size;
         EXPECT_EQ(fake_usb::sent().at(before).bytes.find("compression"), std::string::npos);
     }
-    const auto error = [&client](const std::string& path, bool compressed = false) {
-        return test::error_of(
-            [&] { client.SendJobFile(test::kAddress, path, nullptr, nullptr, compressed); });
+    const auto error = [this](const std::string& path, bool compressed = false) {
+        return error_of([&] { client.SendJobFile(kAddress, path, nullptr, nullptr, compressed); });
     };
     const std::string fifo = file.path() + ".fifo";
     ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
     for (const char* const path : {"/nonexistent/job", "/tmp", fifo.c_str()})
         EXPECT_EQ(error(path), "Failed to open job file.");
+    ::unlink(fifo.c_str());
     EXPECT_EQ(error("/nonexistent/job", true), "Failed to open job file.");
     EXPECT_EQ(error(file.path(), true), "Compression not supported yet.");
     EXPECT_EQ(error(file.path()), "");
-    ::unlink(fifo.c_str());
 
     // A stream is read from its start, wherever it is.
     struct : JovuJobInterface {
@@ -83,7 +78,7 @@ TEST_F(JobPush, ReportsItsProgressAndNeedsAFileThatCanBeReadTwice) {
     before = fake_usb::sent().size();
     const std::unique_ptr<std::FILE, int (*)(std::FILE*)> stream(::tmpfile(), ::fclose);
     ASSERT_NE(std::fputs("job", stream.get()), EOF);
-    jobs.send_job(test::kAddress, stream.get(), nullptr, nullptr, "i\"d", true, 9);
+    jobs.send_job(kAddress, stream.get(), nullptr, nullptr, "i\"d", true, 9);
     EXPECT_EQ(fake_usb::sent().at(before).bytes,
               R"({"metadata":{"version":1,"type":"file_push"},"file_push":{"size":3,)"
               R"("adler32":41812283,"job_id":"i\"d","compression":{"algorithm":"deflate",)"
@@ -92,41 +87,40 @@ TEST_F(JobPush, ReportsItsProgressAndNeedsAFileThatCanBeReadTwice) {
 }
 
 TEST_F(JobPush, FillsUpWhatItDoesNotSendSoThatTheChecksumIsWrong) {
-    JovuJobInterface client;
-    ASSERT_TRUE(connected());
     // Filler of zeros alone, or of a last 1 alone, would be the very job.
     for (const std::string& job :
          {std::string(5121, '\0'), std::string(5120, '\0') + "\1",
-          std::string(10238, '\0') + std::string("\1\0", 2), test::job_content(12000)}) {
+          std::string(10238, '\0') + std::string("\1\0", 2), job_content(12000)}) {
+        std::ofstream(file.path(), std::ios::binary) << job;
+        EXPECT_EQ(push(
+                      client, [](std::size_t) {}, Cancelled()),
+                  "cancelled");
+        EXPECT_EQ(fake_usb::sent().size() + progress.size(), before) << "nothing was sent";
         const std::size_t calls = job.size() / 5120 + 3;
-        // Cancelled in each call; before it has begun; and the file shrinks, and grows.
-        for (std::size_t row = 0; row < calls + 3; ++row) {
+        // Cancelled in each call; and the file shrinks, and grows.
+        for (std::size_t row = 0; row < calls + 2; ++row) {
             SCOPED_TRACE(testing::Message() << job.size() << " bytes, row " << row);
             std::ofstream(file.path(), std::ios::binary) << job;
+            const bool shrinks = row == calls, grows = row == calls + 1;
             JovuPushCancel cancel;
-            if (row == calls) cancel.cancel();
             const auto then = [&](std::size_t call) {
                 if (call == row) cancel.cancel();
-                if (row == calls + 1) std::filesystem::resize_file(file.path(), job.size() - 1);
-                if (row == calls + 2) std::filesystem::resize_file(file.path(), job.size() + 9000);
+                if (shrinks) std::filesystem::resize_file(file.path(), job.size() - 1);
+                if (grows) std::filesystem::resize_file(file.path(), job.size() + 9000);
             };
-            const bool all = row < calls ? row * 5120 >= job.size() : row == calls + 2;
-            EXPECT_EQ(push(client, then, cancel), all                ? "completed"
-                                                  : row == calls + 1 ? "cut short"
-                                                                     : "cancelled");
+            const bool all = grows || (!shrinks && row * 5120 >= job.size());
+            EXPECT_EQ(push(client, then, cancel), all       ? "completed"
+                                                  : shrinks ? "cut short"
+                                                            : "cancelled");
             const auto sent = fake_usb::sent();
-            if (row == calls) {
-                EXPECT_EQ(sent.size() + progress.size(), before) << "nothing was sent";
-                continue;
-            }
             std::string data;
             for (std::size_t i = before + 1; i < sent.size(); ++i)
                 data += sent[i].bytes;
+            EXPECT_EQ(data.size(), job.size());
+            const std::size_t own = std::min((shrinks || grows ? 1 : row) * 5120, job.size());
+            EXPECT_EQ(data.substr(0, own), job.substr(0, own));
             const jovu::JsonTree announced = jovu::parse_json(sent[before].bytes);
             const auto* const bytes = reinterpret_cast<const Bytef*>(data.data());
-            EXPECT_EQ(data.size(), job.size());
-            const std::size_t own = row < calls ? std::min(row * 5120, job.size()) : 5120;
-            EXPECT_EQ(data.substr(0, own), job.substr(0, own));
             EXPECT_EQ(jovu::find_integer(announced.get(), {"file_push", "adler32"}) ==
                           static_cast<long long>(adler32_z(0, bytes, data.size())),
                       all);
@@ -138,70 +132,62 @@ TEST_F(JobPush, FillsUpWhatItDoesNotSendSoThatTheChecksumIsWrong) {
 }
 
 TEST_F(JobPush, NeverReachesTheNextDeviceAfterAnUnplug) {
-    JovuJobInterface client;
-    ASSERT_TRUE(connected());
-    std::ofstream(file.path()) << std::string(20000, 'x');
+    std::ofstream(file.path(), std::ios::binary) << std::string(20000, 'x');
     const auto replug = [&](std::size_t call) {
         if (call != 2) return;
-        const auto first = JovuUsb::connection(test::kAddress);
+        const auto first = JovuUsb::connection(kAddress);
         fake_usb::unplug(device);
         fake_usb::plug(1, 5);
-        EXPECT_TRUE(test::eventually([&] {
-            const auto now = JovuUsb::connection(test::kAddress);
+        EXPECT_TRUE(eventually([&] {
+            const auto now = JovuUsb::connection(kAddress);
             return now != first && now != nullptr;
         }));
     };
-    EXPECT_EQ(push(client, replug, {}), "Send failed - Device no longer connected.");
+    EXPECT_EQ(push(client, replug), "Send failed - Device no longer connected.");
     EXPECT_EQ(fake_usb::sent().size(), before + 3) << "the announcement and two pieces";
 }
 
 TEST_F(JobPush, EndsWithItsClient) {
     const std::string ended = "Send failed - The client has been shut down.";
-    std::ofstream(file.path()) << std::string(2000000, 'x');
-    for (const bool last : {false, true}) {
-        for (const bool inside : {false, true}) {
-            SCOPED_TRACE(testing::Message() << "last " << last << ", in the callback " << inside);
-            std::optional<test::RecordingClient> other;
-            if (!last) other.emplace();
-            std::atomic<std::size_t> calls{0};
-            std::atomic<bool> returned{inside};
-            std::optional<JovuScanPause> pause(std::in_place);
-            test::RecordingClient client;
-            // Keeps shutdown() from going on to the job interface before the push has returned.
-            client.on_connected = [&](JovuDeviceAddress) {
-                test::eventually([&] { return returned.load(); });
+    std::ofstream(file.path(), std::ios::binary) << std::string(2000000, 'x');
+    for (const auto& [last, inside] :
+         {std::pair(false, false), {false, true}, {true, false}, {true, true}}) {
+        SCOPED_TRACE(testing::Message() << "last " << last << ", in the callback " << inside);
+        if (last) client.shutdown();
+        std::atomic<std::size_t> calls{0};
+        std::atomic<bool> returned{inside};
+        std::optional<JovuScanPause> pause(std::in_place);
+        RecordingClient another;
+        // Keeps shutdown() from going on to the job interface before the push has returned.
+        another.on_connected = [&](JovuDeviceAddress) {
+            eventually([&] { return returned.load(); });
+        };
+        pause.reset();
+        ASSERT_TRUE(eventually([this] { return fake_usb::in_flight(device, kJobsIn); }));
+        auto pushing = std::async(std::launch::async, [&, inside = inside] {
+            const auto then = [&](std::size_t) {
+                std::this_thread::sleep_for(std::chrono::milliseconds(5));
+                if (++calls == 3 && inside) another.shutdown();
             };
-            pause.reset();
-            ASSERT_TRUE(connected());
-            auto pushing = std::async(std::launch::async, [&] {
-                const auto then = [&](std::size_t) {
-                    std::this_thread::sleep_for(std::chrono::milliseconds(5));
-                    if (++calls == 3 && inside) client.shutdown();
-                };
-                EXPECT_EQ(push(client, then, {}), ended);
-                returned = true;
-            });
-            ASSERT_TRUE(test::eventually([&] { return calls >= 2; }));
-            test::in_time("shutdown", [&] { client.shutdown(); });
-            const std::size_t by_then = calls;
-            pushing.get();
-            EXPECT_EQ(calls, by_then);
-            EXPECT_EQ(test::error_of([&] { client.SendPause(test::kAddress); }), ended);
-            JovuPushCancel cancel;
-            cancel.cancel();
-            EXPECT_EQ(push(
-                          client, [](std::size_t) {}, cancel),
-                      ended);
-        }
+            EXPECT_EQ(push(another, then), ended);
+            returned = true;
+        });
+        ASSERT_TRUE(eventually([&] { return calls >= 2; }));
+        another.shutdown();
+        const std::size_t by_then = calls;
+        pushing.get();
+        EXPECT_EQ(calls, by_then);
+        EXPECT_EQ(error_of([&] { another.SendPause(kAddress); }), ended);
+        EXPECT_EQ(push(another, {}, Cancelled()), ended);
     }
     // In the middle of the first pass, which takes minutes here.
     std::filesystem::resize_file(file.path(), std::uintmax_t{1} << 36U);
-    test::RecordingClient client;
-    auto measuring =
-        std::async(std::launch::async, [&] { return push(client, [](std::size_t) {}, {}); });
-    std::this_thread::sleep_for(std::chrono::milliseconds(30));
-    test::in_time("shutdown", [&] { client.shutdown(); });
+    RecordingClient another;
+    auto measuring = std::async(std::launch::async, [&] { return push(another); });
+    EXPECT_TRUE(waits(measuring));
+    another.shutdown();
     EXPECT_EQ(measuring.get(), ended);
 }
 
 }  // namespace
+}  // namespace test

@@ -13,61 +13,51 @@ namespace {
 
 /// A connection without a device.
 struct NoDevice : jovu::Connection {
-    explicit NoDevice(JovuDeviceAddress at = {1, 5}) : Connection(at) {}
+    NoDevice() : Connection({1, 5}) {}
     void write(std::initializer_list<Piece> /*pieces*/, std::uint32_t /*interface*/) override {}
 };
 
-TEST(WaitingRequests, OutliveOlderOnesWithTheirId) {
-    const NoDevice connection;
+TEST(WaitingRequests, AreWokenByWhatIsTheirsWhileOthersComeAndGo) {
+    using Entry = jovu::WaitingRequests::Entry;
     test::RecordingClient client;
-    jovu::WaitingRequests table;
-    JovuMessage older(client, 0, 7, nullptr), newer(client, 0, 7, nullptr);
-    jovu::ResponseSignal unheard, signal;
-    std::optional<jovu::WaitingRequests::Entry> first, second;
-    first.emplace(table, older, unheard, connection);
-    second.emplace(table, newer, signal, connection);
-    first.reset();
+    const NoDevice connection;
     const jovu::JsonTree body = jovu::parse_json("{}");
-    auto response = std::make_shared<JovuMessage>(client, 2, 7, body.get());
-    table.respond(response, {connection.address(), &connection, ""}, false);
-    EXPECT_TRUE(signal.wait(std::chrono::milliseconds(0)));
-    EXPECT_TRUE(newer.response_available() && !older.response_available());
-    EXPECT_FALSE(response->is_parsed()) << "its tree is freed now";
-    second.reset();
-    table.wake_all();
-    EXPECT_FALSE(signal.wait(std::chrono::milliseconds(0)));
-}
-
-TEST(WaitingRequests, ComeAndGoWhileOthersReceiveResponsesAndAreWoken) {
-    test::RecordingClient client;
     jovu::WaitingRequests table;
-    const NoDevice connection;
-    JovuMessage request(client, 0, nullptr);
-    auto response = std::make_shared<JovuMessage>(client, 0, request.id(), nullptr);
-    auto late_response = std::make_shared<JovuMessage>(client, 0, nullptr);
-    jovu::ResponseSignal signal;
-    const jovu::WaitingRequests::Entry entry(table, request, signal, connection);
+    const auto respond = [&](unsigned id) {
+        auto response = std::make_shared<JovuMessage>(client, 2, id, body.get());
+        table.respond(response, {connection.address(), &connection, ""}, false);
+        return response;
+    };
+    jovu::ResponseSignal signal, unheard;
+    const auto woken = [&signal] { return signal.wait(std::chrono::milliseconds(0)); };
+    JovuMessage older(client, 0, 7, nullptr), request(client, 0, 7, nullptr);
+    std::optional<Entry> first(std::in_place, table, older, unheard, connection);
+    std::optional<Entry> second(std::in_place, table, request, signal, connection);
+    first.reset();
     table.wake({1, 6});
-    table.respond(late_response, {connection.address(), &connection, ""}, false);
-    EXPECT_FALSE(signal.wait(std::chrono::milliseconds(0)));
+    respond(8);
+    EXPECT_FALSE(woken());
+    EXPECT_FALSE(respond(7)->is_parsed()) << "its tree is freed now";
+    EXPECT_TRUE(woken() && request.response_available() && !older.response_available());
+
     constexpr int kTimes = 3000;
-    JovuMessage another(client, 0, nullptr);
+    JovuMessage another(client, 0, 9, nullptr);
     // Nothing orders the two threads but the table.
     std::thread other([&] {
-        for (int i = 0; i < kTimes; ++i) {
-            jovu::ResponseSignal unheard;
-            const jovu::WaitingRequests::Entry one(table, another, unheard, connection);
-        }
+        for (int i = 0; i < kTimes; ++i)
+            const Entry one(table, another, unheard, connection);
     });
     for (int i = 0; i < kTimes; ++i) {
-        table.respond(response, {connection.address(), &connection, ""}, false);
+        respond(7);
         table.wake(connection.address());
         table.wake_all();
     }
     other.join();
     for (int i = 0; i < 3 * kTimes; ++i)
-        EXPECT_TRUE(signal.wait(std::chrono::milliseconds(0)));
-    EXPECT_FALSE(signal.wait(std::chrono::milliseconds(0)));
+        EXPECT_TRUE(woken());
+    second.reset();
+    table.wake_all();
+    EXPECT_FALSE(woken());
 }
 
 }  // namespace
