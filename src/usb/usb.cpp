@@ -38,7 +38,7 @@ void stop(UsbBackend& backend) JOVU_REQUIRES(backend.lifecycle_mutex) {
 void refuse_in_callback(const char* what) {
     if (JovuUsb::in_callback()) {
         throw JovuException(
-            std::string(what) + " failed - called from inside a notice or delivery.",
+            std::string(what) + " failed - called from inside a callback.",
             JovuError::in_callback);
     }
 }

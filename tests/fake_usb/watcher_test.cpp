@@ -187,7 +187,7 @@ TEST_F(Watcher, EndsWithWhatAClientThrowsAndNotifiesTheOthersOfADisconnection) {
              Journal other;
              throw JovuException(error_of([&other] { BackendClient(other, "d", 0); }));
          },
-         "Register failed - called from inside a notice or delivery."},
+         "Register failed - called from inside a callback."},
     };
     std::map<char, std::vector<std::string>> entries{
         {'<', {"a+1.5", "c+1.5", "b+1.5", "a<1.5 x", "a-1.5", "c-1.5"}},
