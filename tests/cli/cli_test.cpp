@@ -76,6 +76,7 @@ Program::Program(const std::string& line, Out out) {
     for (std::string word; stream >> std::quoted(word);)
         words.push_back(word);
     std::vector<char*> argv;
+    argv.reserve(words.size() + 1);
     for (std::string& word : words)
         argv.push_back(word.data());
     argv.push_back(nullptr);

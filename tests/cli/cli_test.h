@@ -110,9 +110,10 @@ inline int status_requests(JovuDeviceAddress device) {
 inline void send_report(JovuDeviceAddress device, json report) {
     report["metadata"] = {{"type", "status"}};
     std::string hex;
-    for (const char c : report.dump())
-        for (const unsigned digit : {c >> 4U & 15U, c & 15U})
-            hex += "0123456789abcdef"[digit];
+    for (const char c : report.dump()) {
+        const auto byte = static_cast<unsigned char>(c);
+        hex += {"0123456789abcdef"[byte >> 4U], "0123456789abcdef"[byte & 15U]};
+    }
     sim("send " + name(device) + " job " + hex);
 }
 

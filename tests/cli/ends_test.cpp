@@ -23,7 +23,7 @@ TEST(Ends, WrongUsageNamesWhatIsWrong) {
         {"status --device", "--device"},
         {"list --wait-device soon", "soon"},
         {"list --wait-device 604801", "604801"},
-        {"list --wait-device nan", "nan"},
+        {"list --wait-device nan", "not a time in seconds: nan"},
         {"status --interval 1", "--watch"},
         {"status --watch --interval -1", "not a time in seconds: -1"},
         {"status --watch --interval 0.09", "--interval takes at least 100 ms: 0.09"},
@@ -123,7 +123,7 @@ TEST(Ends, WhenTheOutputCannotBeWritten) {
 Ended expect_interrupted(Program& program, const std::string& what) {
     const auto start = std::chrono::steady_clock::now();
     program.signal(SIGINT);
-    const Ended ended = program.finish();
+    Ended ended = program.finish();
     EXPECT_THAT(ended, Exits(130, what));
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(12));
     EXPECT_EQ(ended.err.empty(), what.empty()) << ended.err;

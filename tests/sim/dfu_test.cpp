@@ -30,7 +30,8 @@ public:
     /// State, status and the time to wait.
     using Status = std::array<int, 3>;
     Status status() {
-        const std::string got = in(3, 6).value();
+        const Response response = in(3, 6);
+        const std::string& got = response.value();
         return {got.at(4), got[0], got[1] | got[2] << 8 | got[3] << 16};
     }
     int state() { return status()[0]; }

@@ -47,7 +47,7 @@ TEST(JobChannel, ReportsEveryField) {
               R"("time":{"boot":1,"idle":0},"error":0})");
     EXPECT_EQ(host.violations(), 0U);
     for (const int seconds : {5, 2}) {
-        host.now += seconds * 1000;
+        host.now += Millis{1000} * seconds;
         EXPECT_EQ(report(host)["time"]["idle"], seconds) << "since the request before";
     }
     host.now += 1000;
