@@ -37,9 +37,8 @@ void stop(UsbBackend& backend) JOVU_REQUIRES(backend.lifecycle_mutex) {
 /// Starting and stopping wait for the watcher, and so for every callback.
 void refuse_in_callback(const char* what) {
     if (JovuUsb::in_callback()) {
-        throw JovuException(
-            std::string(what) + " failed - called from inside a callback.",
-            JovuError::in_callback);
+        throw JovuException(std::string(what) + " failed - called from inside a callback.",
+                            JovuError::in_callback);
     }
 }
 

@@ -80,7 +80,7 @@ TEST_F(Push, IsPausedAndResumedAsItsStateAllows) {
         {"pause", 6, 0, "no job to pause: 1:2 reports the state idle"},
         {"resume", 6, 0, "no job to resume: 1:2 reports the state idle"},
         {push_, 0, 0, "accepted"},
-        {"pause", 0, 1, "1:2  paused"},
+        {"pause --json", 0, 1, "{\"request\":\"pause\",\"sent\":true,\"device\":\"1:2\""},
         {"pause", 0, 1, "nothing was sent"},
         {"abort --json", 0, 1, "{\"request\":\"abort\",\"sent\":true,\"device\":\"1:2\""},
         {"pause", 6, 1, "state aborted"},
