@@ -46,7 +46,7 @@ Stage = collections.namedtuple("Stage", "targets program ctest on_bus")
 FAKE_USB = Stage(["fake_usb_tests"], None, ["--label-regex", "^fake_usb$"], False)
 INTEGRATION = Stage(["integration_tests", "leaving", "jovu-sim"], None,
                     ["--label-regex", "^integration$"], True)
-CLI = Stage(["cli_parts_tests", "cli_tests", "jovu-cli", "jovu-sim"], None,
+CLI = Stage(["cli_parts_tests", "cli_tests", "jovu-cli", "jovu-sim", "announce"], None,
             ["--label-regex", "^cli$"], True)
 STAGES = {
     "src": [Stage(["unit_tests"], "unit_tests", None, False), FAKE_USB, INTEGRATION, CLI],
