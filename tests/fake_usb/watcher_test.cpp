@@ -11,6 +11,7 @@ namespace {
 using fake_usb::Call;
 using fake_usb::complete;
 using fake_usb::in_flight;
+using fake_usb::post;
 using fake_usb::Step;
 using testing::ElementsAre;
 
@@ -251,12 +252,20 @@ TEST_F(Watcher, OpensNothingDuringAScanPause) {
     }
 }
 
-TEST_F(Watcher, IsWokenFromAnEventWaitToStop) {
+TEST_F(Watcher, IsWokenFromAnEventWaitToCloseAndToStop) {
     for (const bool with_device : {false, true}) {
         fake_usb::endless_event_waits = true;
-        if (with_device) fake_usb::plug(1, 5);
+        libusb_device* const device = with_device ? fake_usb::plug(1, 5) : nullptr;
         std::optional<BackendClient> client(std::in_place, journal, "a", 0);
-        EXPECT_TRUE(!with_device || journal.wait("a+1.5"));
+        if (with_device) {
+            EXPECT_TRUE(journal.wait("a+1.5"));
+            client->then = [](char what, unsigned char*) {
+                if (what == '<') JovuUsb::close(kAddress);
+            };
+            EXPECT_TRUE(eventually(
+                [&] { return post(device, kMessagesIn, LIBUSB_TRANSFER_COMPLETED, "x"); }));
+            EXPECT_TRUE(journal.wait("a-1.5")) << "not at the next scan only";
+        }
         client.reset();
         finish();
     }
