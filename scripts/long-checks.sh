@@ -14,20 +14,30 @@ source scripts/steps.sh
 
 parts=("$@")
 [[ $# -gt 0 ]] || parts=(sweep storms tidy)
+for part in "${parts[@]}"; do
+    [[ " sweep storms tidy " == *" $part "* ]] || {
+        echo "long-checks.sh: unknown part: $part (sweep, storms, tidy)" >&2
+        exit 2
+    }
+done
+# As in the test suite.
+export ASAN_OPTIONS=detect_stack_use_after_return=1 UBSAN_OPTIONS=print_stacktrace=1
+export TSAN_OPTIONS=second_deadlock_stack=1:suppressions=tests/tsan.supp
 cores=$(nproc)
 tsan_runner=()
 if setarch -R true 2>/dev/null; then tsan_runner=(setarch -R); fi
 
 # PRESET TARGET...
 build() { cmake --preset "$1" && cmake --build "build/$1" --parallel "$cores" --target "${@:2}"; }
-# PRESET RUNNER... Each storm in a process, and on a bus, of its own.
+# PRESET RUNNER... Each storm in a process, and on a bus, of its own; ended after an hour.
 storms() {
-    local bin=build/$1/bin storm status=0
+    local bin=build/$1/bin list storm status=1
     export JOVU_STORM_SCALE=${JOVU_STORM_SCALE:-50}
-    export TSAN_OPTIONS="suppressions=$PWD/tests/tsan.supp"
-    for storm in $("$bin/storm_tests" --gtest_list_tests | sed -n 's/^  //p'); do
-        "${@:2}" "$bin/jovu-sim" run --empty --time-scale 20 -- \
-            "$bin/storm_tests" "--gtest_filter=*.$storm" || status=1
+    list=$("${@:2}" "$bin/storm_tests" --gtest_list_tests) || return 1
+    for storm in $(sed -n 's/^  //p' <<<"$list"); do
+        [[ $status -ne 1 ]] || status=0
+        "${@:2}" timeout 3600 "$bin/jovu-sim" run --empty --time-scale 20 -- \
+            "$bin/storm_tests" "--gtest_filter=*.$storm" || status=2
     done
     return "$status"
 }
@@ -51,7 +61,6 @@ for part in "${parts[@]}"; do
                     step "$preset storms" storms "$preset" "${runner[@]}" || true
             done ;;
         tidy) step "tidy" tidy || true ;;
-        *) echo "long-checks.sh: unknown part: $part (sweep, storms, tidy)" >&2; exit 2 ;;
     esac
 done
 [[ ${#step_failed[@]} -eq 0 ]]

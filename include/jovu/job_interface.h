@@ -109,8 +109,7 @@ public:
 
     /// Requests a status report, which arrives later through StatusReceived(). Reports carry no
     /// number: one that was requested earlier may arrive first.
-    /// @throws JovuException "Send failed - ..." when the device is disconnected or takes no data,
-    ///     and
+    /// @throws JovuException "Send failed - ..." when the device is disconnected or takes no data;
     ///     "Send failed - The client has been shut down." after shutdown().
     void RequestStatus(JovuDeviceAddress address);
 

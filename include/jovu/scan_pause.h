@@ -4,7 +4,8 @@
 
 #include "jovu/export.h"
 
-/// While an object of this class exists, no device is opened and no connection is notified. A
+/// While an object of this class exists, no device is opened; a notification that is queued already
+/// may still run. A
 /// client that is constructed meanwhile is not called, so it receives no responses to commands
 /// either. Disconnections are noticed late. Process-wide, may be nested; the constructor waits for
 /// an opening in progress (milliseconds).

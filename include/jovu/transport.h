@@ -83,8 +83,8 @@ public:
 
     /// Chooses how responses are matched with the requests of this object.
     ///
-    /// By default the message id alone decides, as the protocol requires, so any attached device
-    /// can respond to a command for another one. With strict matching a response must arrive on the
+    /// By default the message id alone decides, so any attached device can respond to a command
+    /// for another one. With strict matching a response must arrive on the
     /// connection that its request was sent to and, where it names a command, name the same one.
     /// Any other response is dropped, with one line on standard output per request, and the request
     /// goes on waiting. Message ids then begin at a random number in each process, so that a

@@ -156,6 +156,10 @@ TEST(Interrupt, EndsWhatGoesOnForEver) {
     Program waiting("status -d 9:9 --wait-device 1000");
     ASSERT_TRUE(eventually([&] { return stats(device)["opens"] >= 8; }));
     expect_interrupted(waiting, "");
+
+    Program plain("status --watch --interval 0.1");
+    ASSERT_TRUE(plain.writes("idle"));
+    expect_interrupted(plain, "");
 }
 
 TEST(Interrupt, EndsAnExchangeThatIsNotAnsweredAsAnUnplugDoes) {

@@ -259,8 +259,12 @@ TEST_F(Exchange, AndNotificationsAreWaitedFor) {
         auto ending = std::async(std::launch::async, [&, shutdown = shutdown] {
             if (shutdown) return another.shutdown();
             fake_usb::unplug(device);
-            another.wait_disconnected(address);
+            EXPECT_TRUE(another.wait_disconnected(address));
         });
+        ASSERT_TRUE(shutdown || eventually([&] {
+                        const auto left = JovuUsb::list_connected();
+                        return std::count(left.begin(), left.end(), address) == 0;
+                    }));
         EXPECT_TRUE(waits(ending));
         barrier.set_value();
         ending.get();

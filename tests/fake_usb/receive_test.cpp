@@ -133,7 +133,8 @@ TEST_F(Receive, ACloseOutlastsADispatchOnAnotherThreadAlsoOneThatFails) {
             Backend backend(seen);
             std::promise<void> barrier;
             backend.jobs->then = [&](char what, unsigned char*) {
-                if (what == '<') barrier.get_future().wait();
+                if (what != '<') return;
+                barrier.get_future().wait();
                 if (fails) throw std::runtime_error("odd");
             };
             const auto dispatch_meanwhile = [&] {

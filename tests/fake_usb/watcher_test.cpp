@@ -242,7 +242,10 @@ TEST_F(Watcher, OpensNothingDuringAScanPause) {
         ASSERT_TRUE(eventually([] { return fake_usb::calls(Call::handle_events) > 5; }));
         pausing.get();
         const unsigned scans = fake_usb::calls(Call::list);
-        ASSERT_TRUE(eventually([] { return fake_usb::calls(Call::handle_events) > 50; }));
+        // Waits of 2 ms, for longer than the time between two scans.
+        const unsigned waits_so_far = fake_usb::calls(Call::handle_events);
+        ASSERT_TRUE(
+            eventually([&] { return fake_usb::calls(Call::handle_events) > waits_so_far + 300; }));
         EXPECT_EQ(fake_usb::calls(Call::list), scans);
         EXPECT_EQ(seen.entries(), before);
         pause.reset();
@@ -250,6 +253,21 @@ TEST_F(Watcher, OpensNothingDuringAScanPause) {
         client.reset();
         finish();
     }
+}
+
+TEST_F(Watcher, FindsArrivalsWhileOthersSendAllTheTime) {
+    const Backend backend(journal);
+    std::atomic<bool> stop{false};
+    std::vector<std::future<void>> senders(3);
+    for (auto& sender : senders) {
+        sender = std::async(std::launch::async, [&] {
+            while (!stop)
+                write("x");
+        });
+    }
+    fake_usb::plug(1, 6);
+    EXPECT_TRUE(journal.wait("b+1.6"));
+    stop = true;
 }
 
 TEST_F(Watcher, IsWokenFromAnEventWaitToCloseAndToStop) {

@@ -151,8 +151,9 @@ TEST(CutPush, EndsAtOnceInOneError) {
     for (JovuDeviceAddress& device : devices)
         device = plug();
     RecordingClient client;
+    for (const JovuDeviceAddress device : devices)
+        ASSERT_TRUE(client.wait_connected(device));
     const auto push = [&](JovuDeviceAddress device) {
-        EXPECT_TRUE(client.wait_connected(device));
         return error_of([&] { client.SendJobFile(device, file.path(), nullptr, nullptr, false); });
     };
     EXPECT_EQ(push(devices.back()), "");

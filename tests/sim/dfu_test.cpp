@@ -32,7 +32,8 @@ public:
     Status status() {
         const Response response = in(3, 6);
         const std::string& got = response.value();
-        return {got.at(4), got[0], got[1] | got[2] << 8 | got[3] << 16};
+        const auto byte = [&](std::size_t i) { return static_cast<unsigned char>(got.at(i)); };
+        return {byte(4), byte(0), byte(1) | byte(2) << 8 | byte(3) << 16};
     }
     int state() { return status()[0]; }
 

@@ -128,7 +128,8 @@ TEST_F(JobInterface, ReceivesWhateverComesAndFreesItWhenTheDeviceLeaves) {
     // What comes behind the notification is no part of what the next device sends.
     BackendClient last(journal, "c", 1);
     last.then = [this](char what, unsigned char*) {
-        if (what == '-') fake_usb::post(device, kJobsIn, LIBUSB_TRANSFER_COMPLETED, "{late");
+        if (what != '-') return;
+        EXPECT_TRUE(fake_usb::post(device, kJobsIn, LIBUSB_TRANSFER_COMPLETED, "{late"));
     };
     fake_usb::unplug(device, true);
     ASSERT_TRUE(eventually([] { return JovuUsb::list_connected().empty(); }));
