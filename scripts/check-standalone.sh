@@ -1,12 +1,12 @@
 #!/usr/bin/env bash
-# Compiles each source of program, simulator and tests by itself, up to the code generation: in a
+# Compiles each source of program, simulator and tests on its own, up to the code generation: in a
 # unity build a source may lack an include that one before it has. What a precompiled header includes
 # is there for all; scripts/long-checks.sh tidy reads the sources without any.
 #
 #   scripts/check-standalone.sh BUILD_DIR
 #
 # BUILD_DIR was configured with clang++ and without unity builds (preset "clang"). The release build
-# compiles the sources of the library by themselves.
+# compiles the sources of the library one by one.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
