@@ -110,7 +110,8 @@ TEST_F(Update, IsNotBegunUnlessItIsConfirmed) {
     plug(name(device_) + " serial=OTHER");
     EXPECT_TRUE(eventually([&] { return stats(device_)["clients"] == 1; }));
     program.type("y\n");
-    EXPECT_EQ(program.finish().status, 3) << program.out();
+    // The library may not have taken up the new connection yet; the exchange fails then.
+    EXPECT_THAT(program.finish().status, AnyOf(3, 5)) << program.out();
     EXPECT_EQ(requests(device_, "Enter_dfu_mode"), 0) << "another one has come to its place";
 }
 
