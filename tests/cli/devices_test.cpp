@@ -71,7 +71,8 @@ TEST(List, GoesOnWhenOneDeviceDoesNotAnswer) {
     const Ended ended = program.finish();
     EXPECT_EQ(ended.status, 5);
     const json devices = json::parse(ended.out)["devices"];
-    EXPECT_TRUE(devices[0].contains("error"));
+    EXPECT_EQ(devices[0]["error"],
+              "version request to 1:2 failed: Transport Error - No response received");
     EXPECT_EQ(devices[1]["serial"], "JVS001003");
 }
 
@@ -94,10 +95,12 @@ TEST(Status, ShowsTheReportAndRepeatsIt) {
     EXPECT_NEAR(report["extruder_temperature"], 25.0, 5.0);
     EXPECT_THAT(jovu("status"), Exits(0, "State         idle\n"));
 
+    const JovuDeviceAddress other = plug();
     sim("fault " + name(device) + " silent always");
     const int before = status_requests(device);
-    Program program("status");
+    Program program("status -d " + name(device));
     ASSERT_TRUE(eventually([&] { return status_requests(device) == before + 2; }));
+    send_report(other, {{"status", {{"state", "of another device"}}}});
     for (const char* const state : {"at the first request", "at the second"})
         send_report(device, {{"status", {{"state", state}}}});
     EXPECT_THAT(program.finish(), Exits(0, "State         at the second\n"));

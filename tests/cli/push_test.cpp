@@ -24,6 +24,7 @@ protected:
 TEST_F(Push, IsFollowedToItsEnd) {
     const Ended ended = jovu(push_ + " --wait");
     EXPECT_THAT(ended, Exits(0, ": 100 %, 123456 of 123456 bytes\naccepted by 1:2: job job-1"));
+    EXPECT_THAT(ended.out, ContainsRegex("(\njob [0-9]+ %: printing [^\n]*){2}"));
     EXPECT_THAT(ended, Exits(0, "\nfinished after "));
     EXPECT_THAT(ended.out, StartsWith("sending " + file_.path() + ": 0 %, 0 of 123456 bytes\n"));
     EXPECT_LT(std::count(ended.out.begin(), ended.out.end(), '\n'), 40);

@@ -147,10 +147,11 @@ TEST_F(Shell, KeepsWhatIsTypedAheadOfItsPrompt) {
     EXPECT_THAT(stats(device_)["message"]["gcode"],
                 testing::ElementsAre("M117 one", "M117 two", "M117 three", "M117 four"));
     EXPECT_TRUE(shell_->in_line_mode());
-    for (const int number : {SIGQUIT, SIGUSR1}) {
+    // Nobody could continue it: SIGTSTP does not stop it.
+    for (const auto& [stop, number] : {std::pair{SIGTSTP, SIGQUIT}, {SIGCONT, SIGUSR1}}) {
         start();
-        EXPECT_TRUE(eventually([&] {
-            shell_->signal(SIGTSTP);  // Nobody could continue it: it does not stop.
+        EXPECT_TRUE(eventually([&, stop = stop] {
+            shell_->signal(stop);
             return shell_->writes("\r\x1b[Jjovu> ", std::chrono::milliseconds(50));
         }));
         EXPECT_FALSE(shell_->in_line_mode());

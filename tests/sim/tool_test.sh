@@ -104,7 +104,7 @@ error unknown dfu fault "x" <= fault 1:2 dfu x
 error unknown fault "x" <= fault 1:2 x
 error FAULT is missing <= fault 1:2
 error unknown request "x" <= x
-ok <= gpio 1:2 7 1 | heater 1:2 unplug | fault 1:2 claim EHWPOISON always 4294967295 | fault 1:2 clear | fault 1:3 clear
+ok <= event 1:2 | gpio 1:2 7 1 | heater 1:2 unplug | fault 1:2 claim EHWPOISON always 4294967295 | fault 1:2 clear | fault 1:3 clear
 ok 1:2 product=0002 serial=JVS001002 clients=0, 1:3 product=00df serial=JVS001003A clients=0, 1:4 product=0002 serial=A~ b clients=0, 1:5 product=0002 serial=JVS001003 clients=0, 1:6 product=ffff serial=JVS001006 clients=0, 127:127 product=0002 serial=JVS127127 clients=0 <= list
 ok <= unplug 1:5 | replug 1:4 | replug 1:6 | unplug 127:127
 ok 1:2 product=0002 serial=JVS001002 clients=0, 1:3 product=00df serial=JVS001003A clients=0, 1:4 product=0002 serial=JVS001004 clients=0, 1:6 product=ffff serial=JVS001006 clients=0 <= list
