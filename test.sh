@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Checks the whole project: formatting, the test suite as it is released (g++), under
-# AddressSanitizer with UBSan (clang++) and under ThreadSanitizer (g++), each source on its own, and
+# AddressSanitizer with UBSan and under ThreadSanitizer (clang++), each source on its own, and
 # clang-tidy's findings.
 # Installs what is missing first. While a suite runs, which mostly waits, the next one is built.
 #

@@ -1,4 +1,4 @@
-# Most of the time that a build takes goes into reading two large headers of other projects, over and
+# Most of the time that a build takes goes into reading a few large headers of other projects, over and
 # over. With JOVU_PRECOMPILE they are read once per target, and a unity build's targets that are one
 # or two units read them there. Whether each file includes what it uses then shows in builds without
 # either only; the preset "fuzz" is one, and the library never has any.
@@ -8,6 +8,9 @@ if(JOVU_PRECOMPILE)
     list(APPEND json_users jovu_sim_bus jovu-sim)
     set(json_testers integration_tests storm_tests cli_tests cli_parts_tests sim_tests)
     set(testers ${json_testers} unit_tests fake_usb_tests)
+    if(TARGET jovu_cli_parts)
+      target_precompile_headers(jovu_cli_parts PRIVATE <CLI/CLI.hpp>)
+    endif()
   endif()
   foreach(target ${json_users} ${json_testers})
     if(TARGET ${target})
@@ -16,7 +19,7 @@ if(JOVU_PRECOMPILE)
   endforeach()
   foreach(target ${testers})
     if(TARGET ${target})
-      target_precompile_headers(${target} PRIVATE <gtest/gtest.h>)
+      target_precompile_headers(${target} PRIVATE <gmock/gmock.h>)
     endif()
   endforeach()
 endif()

@@ -24,6 +24,7 @@ TEST(Ends, WrongUsageNamesWhatIsWrong) {
         {"list --wait-device soon", "soon"},
         {"list --wait-device 604801", "604801"},
         {"list --wait-device nan", "not a time in seconds: nan"},
+        {"list --wait-device 5s", "not a time in seconds: 5s"},
         {"status --interval 1", "--watch"},
         {"status --watch --interval -1", "not a time in seconds: -1"},
         {"status --watch --interval 0.09", "--interval takes at least 100 ms: 0.09"},

@@ -111,10 +111,14 @@ TEST_F(Trace, IsSwitchedOffOnEveryWayOut) {
     fs::create_symlink(loop, loop);
     const jovu_cli::FileDescriptor reader(open(pipe.c_str(), O_RDONLY | O_NONBLOCK));
     fcntl(reader.get(), F_SETPIPE_SZ, 4096);
+    Program blocked("trace 3 --csv " + pipe);
+    ASSERT_TRUE(eventually([&] { return traced(3); }));
+    for (unsigned count = 0; count < 200; ++count)  // Without a move the device sends only these.
+        send_sample(3, count, 0, 0);
+    EXPECT_THAT(blocked.finish(), Exits(7, pipe + ": Connection timed out"));
     const std::tuple<std::string, int, std::string> rows[] = {
         {"--csv /dev/full", 7, "/dev/full: No space left on device"},
         {"--csv /dev/stdout", 7, " (it carries results and messages: name a file or a pipe)"},
-        {"--csv " + pipe, 7, pipe + ": Connection timed out"},
         {"--csv " + link, 7,
          ": No such file or directory (it is a symbolic link that leads to no file)"},
         {"--csv " + loop, 7, loop + ": Too many levels of symbolic links\n"},

@@ -16,7 +16,7 @@ bool eventually(Condition condition, std::chrono::milliseconds limit = kPatience
     const auto deadline = std::chrono::steady_clock::now() + limit;
     while (!condition()) {
         if (std::chrono::steady_clock::now() > deadline) return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        std::this_thread::sleep_for(std::chrono::milliseconds(4));
     }
     return true;
 }
