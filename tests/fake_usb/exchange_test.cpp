@@ -4,10 +4,6 @@
 #include "fake_usb/backend_fixture.h"
 
 namespace test {
-/// @return a client of an application that is compiled without run-time type information; it
-///     derives privately from JovuClient and counts debug events.
-std::shared_ptr<void> make_client_without_rtti(std::atomic<int>& events);
-
 namespace {
 
 constexpr const char* kNoResponse = "null|Transport Error - No response received.";
@@ -169,13 +165,6 @@ TEST_F(Exchange, KeepsTheReasonOfItsOwnThreadCutTo255Bytes) {
     EXPECT_TRUE(watcher_ends());
     EXPECT_THAT(testing::internal::GetCapturedStdout(),
                 testing::HasSubstr("Fatal error in hotplug thread - odd.\n"));
-}
-
-TEST_F(Exchange, EventsReachAnApplicationWithoutRunTimeTypeInformation) {
-    std::atomic<int> events{0};
-    const auto quiet = make_client_without_rtti(events);
-    send_event(device);
-    EXPECT_EQ(events, 1);
 }
 
 TEST_F(Exchange, FailsInOneLineThatNamesTheReason) {

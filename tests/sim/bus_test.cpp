@@ -220,14 +220,14 @@ TEST(Bus, InterfacesAndTransfersBelongToOneProgram) {
     EXPECT_EQ(first.discard(stuck), 0);
     EXPECT_EQ(first.reap()->handle, stuck);
     first.begin(kMessageIn, buffers[3]);
-    first.send(kMessageOut, Host::framed(Host::command(1, 0, "bio_get_version")));
+    first.send(kMessageOut, framed(Host::command(1, 0, "bio_get_version")));
     const Urb cut = first.reap().value();
     EXPECT_EQ(cut.status, -EOVERFLOW);
     EXPECT_EQ(cut.actual, 10U);
 }
 
 TEST(Bus, WhatADeviceHasNotSentOutlivesTheProgramButNoReset) {
-    const std::string command = Host::framed(Host::command(1, 0, "bio_get_version"));
+    const std::string command = framed(Host::command(1, 0, "bio_get_version"));
     const std::string status = R"({"metadata":{"version":1,"type":"status"}})";
     const std::string push = R"({"metadata":{"version":1,"type":"file_push"},)"
                              R"("file_push":{"size":300,"adler32":1,"job_id":""}})";

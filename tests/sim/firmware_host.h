@@ -11,10 +11,13 @@
 #include <string>
 #include <vector>
 
+#include "fake_usb/framed.h"
 #include "firmware/base/values.h"
 #include "firmware/usb/controller.h"
 
 namespace jovusim::test {
+
+using ::test::framed;
 
 /// Speaks to a controller without any bus.
 class FirmwareHost {
@@ -149,15 +152,6 @@ public:
 
     Json stats() { return controller.stats(now); }
     std::uint64_t violations() { return stats()["protocol_violations"]["count"]; }
-
-    /// A frame, made here and not by the code under test.
-    static std::string framed(const std::string& payload) {
-        const std::size_t length = payload.size() + 1;
-        std::string out = "$";
-        for (const std::size_t byte : {length, length >> 8U, ~length, ~length >> 8U})
-            out += static_cast<char>(byte & 0xFFU);
-        return out + payload + ";";
-    }
 
     /// Takes a string of frames apart. Anything that is no frame is an error.
     static std::vector<Json> messages(const std::string& bytes) {

@@ -356,7 +356,7 @@ TEST(TraceTest, LossesAreCountedAndShow) {
     host.play("trace_enable 0 1;+10000;");
     const std::uint64_t dropped = host.stats()["message"]["dropped"];
     EXPECT_GT(dropped, 0U);
-    host.send(kMessageOut, Host::framed(Host::command(2, 0, "bio_get_version")));
+    host.send(kMessageOut, framed(Host::command(2, 0, "bio_get_version")));
     EXPECT_EQ(host.stats()["message"]["dropped"], dropped) << "there is room for responses";
     EXPECT_EQ(samples(host).size() + dropped, 10000U);
 }
