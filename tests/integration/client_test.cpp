@@ -1,8 +1,7 @@
 /// @file
-/// Clients over the real libusb: what may be called from inside a callback, time-outs, cut pushes.
+/// Clients over the real libusb: what may be called from inside a callback, and time-outs.
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <cstdlib>
 #include <future>
 #include <new>
@@ -10,7 +9,6 @@
 #include <thread>
 #include <vector>
 
-#include "support/job_file.h"
 #include "support/recording_client.h"
 #include "support/sim_control.h"
 
@@ -140,43 +138,6 @@ TEST(InANotification, CommandsAndListingsWork) {
     ASSERT_TRUE(client.wait_connected(device));
     sim("unplug " + name(device));
     ASSERT_TRUE(client.wait_disconnected(device));
-}
-
-/// Unplugged at the edges of the announcement and of pieces, and in between.
-TEST(CutPush, EndsAtOnceInOneError) {
-    using std::chrono::steady_clock;
-    constexpr std::size_t kSize = 12000, kPiece = 5120;
-    const test::TemporaryFile file("job", test::job_content(kSize));
-    std::vector<JovuDeviceAddress> devices(12);
-    for (JovuDeviceAddress& device : devices)
-        device = plug();
-    RecordingClient client;
-    for (const JovuDeviceAddress device : devices)
-        ASSERT_TRUE(client.wait_connected(device));
-    const auto push = [&](JovuDeviceAddress device) {
-        return error_of([&] { client.SendJobFile(device, file.path(), nullptr, nullptr, false); });
-    };
-    EXPECT_EQ(push(devices.back()), "");
-    const std::size_t whole = test::stats(devices.back())["endpoints"]["04"]["bytes"];
-    const std::size_t begin = whole - kSize;
-    std::vector<steady_clock::duration> times;
-    for (const std::size_t cut :
-         {std::size_t{0}, std::size_t{1}, begin - 1, begin, begin + 1, begin + kPiece - 1,
-          begin + kPiece, begin + kPiece + 1, begin + kPiece + 3000, whole - 1, whole}) {
-        const JovuDeviceAddress device = devices[times.size()];
-        sim("fault " + name(device) + " unplug-at 04 " + std::to_string(cut));
-        const auto start = steady_clock::now();
-        const std::string error = push(device);
-        times.push_back(steady_clock::now() - start);
-        EXPECT_TRUE(error == "Send failed - libusb error: -4" ||
-                    error == "Send failed - Device no longer connected.")
-            << error << ", cut at " << cut;
-    }
-    std::sort(times.begin(), times.end());
-    // Even on a loaded machine most take a few milliseconds, and none the 1.5 s of a time-out.
-    EXPECT_LT(times[times.size() / 2], std::chrono::milliseconds(100));
-    EXPECT_LT(times.back(), std::chrono::milliseconds(1400));
-    EXPECT_EQ(push(devices.back()), "");
 }
 
 }  // namespace

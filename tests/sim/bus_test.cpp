@@ -224,6 +224,11 @@ TEST(Bus, InterfacesAndTransfersBelongToOneProgram) {
     const Urb cut = first.reap().value();
     EXPECT_EQ(cut.status, -EOVERFLOW);
     EXPECT_EQ(cut.actual, 10U);
+    device.with_faults([](FaultTable& faults) { faults.unplug_after(kJobOut, 3); });
+    second.begin(kJobOut, buffers[0]);
+    const Urb last = second.reap().value();
+    EXPECT_EQ(last.status, -ESHUTDOWN) << "it ends at the unplug, not later";
+    EXPECT_EQ(last.actual, 3U);
 }
 
 TEST(Bus, WhatADeviceHasNotSentOutlivesTheProgramButNoReset) {
