@@ -260,6 +260,38 @@ TEST_F(Exchange, AndNotificationsAreWaitedFor) {
     }
 }
 
+/// While another thread is in the middle of an exchange, and while none is: the callback's calls
+/// return at once either way.
+TEST_F(Exchange, InACallbackNothingBlocks) {
+    const std::string busy = "Send failed - libusb error: -6";
+    const std::string gone = "Send failed - Device no longer connected.";
+    const std::string not_closed = "Close failed - Device no longer connected.";
+    constexpr JovuDeviceAddress kNowhere{9, 9};
+    for (const bool sending : {false, true}) {
+        std::vector<std::string> seen;
+        client.on_debug = [&](JovuDeviceAddress address, const std::string&) {
+            for (const JovuDeviceAddress to : {address, kNowhere}) {
+                seen.push_back(version(client, to));
+                seen.push_back(error_of([&] { client.RequestStatus(to); }));
+            }
+            EXPECT_TRUE(client.list_connected().size() == 1 && client.list_attached().size() == 1);
+            for (const JovuDeviceAddress to : {kNowhere, address, address})
+                seen.push_back(error_of([&] { client.close(to); }));
+            seen.push_back(error_of([&] { client.RequestStatus(address); }));
+        };
+        ASSERT_TRUE(client.wait_connected(kAddress, sending ? 2 : 1));
+        if (sending) request(client);
+        send_event(device);
+        EXPECT_THAT(
+            seen, testing::ElementsAre("null|" + busy, busy,
+                                       "null|Transport Error - Device has been disconnected.", gone,
+                                       not_closed, "", not_closed, gone));
+        EXPECT_TRUE(client.wait_disconnected(kAddress, sending ? 2 : 1)) << "the watcher closes it";
+        EXPECT_EQ(sending ? result() : kNoResponse, kNoResponse);
+        replug();
+    }
+}
+
 TEST_F(Exchange, AHandlerMayEndAnotherClientAtOnce) {
     RecordingClient another;
     client.on_debug = [&](JovuDeviceAddress, const std::string&) { another.shutdown(); };

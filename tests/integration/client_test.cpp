@@ -1,26 +1,22 @@
 /// @file
-/// Clients over the real libusb: what may be called from inside a callback, and time-outs.
+/// Clients over the real libusb: construction, time-outs and what may be called in a notification.
 #include <gtest/gtest.h>
 
 #include <cstdlib>
-#include <future>
 #include <new>
 #include <optional>
 #include <thread>
-#include <vector>
 
 #include "support/recording_client.h"
 #include "support/sim_control.h"
 
 namespace {
 
-using test::error_of;
 using test::eventually;
 using test::name;
 using test::plug;
 using test::RecordingClient;
 using test::sim;
-using test::string;
 
 /// How many ms longer each allocation of this thread takes.
 thread_local int allocation_delay = 0;
@@ -69,56 +65,6 @@ TEST(Exchange, TimesOutWithoutAResponseAndTheNextOneWorks) {
               "Transport Error - Waiting for response to request timed out.");
     EXPECT_TRUE(client.exchange_works(device));
     EXPECT_EQ(test::protocol_violations(device), 0);
-}
-
-/// While another thread is in the middle of an exchange, and while none is: the callback's calls
-/// return at once either way.
-TEST(InACallback, NothingBlocks) {
-    const std::string busy = "Send failed - libusb error: -6";
-    const std::string gone = "Send failed - Device no longer connected.";
-    const std::string not_closed = "Close failed - Device no longer connected.";
-    const JovuDeviceAddress nowhere{9, 9};
-    for (const bool sending : {false, true}) {
-        const JovuDeviceAddress device = plug();
-        RecordingClient client;
-        std::promise<void> done;
-        std::vector<std::string> seen;
-        client.on_debug = [&](JovuDeviceAddress address, const std::string& message) {
-            if (message != "now") return;
-            for (const JovuDeviceAddress to : {address, nowhere}) {
-                client.bio_get_version(to);
-                seen.push_back(JovuTransport::last_send_error());
-                seen.push_back(error_of([&] { client.RequestStatus(to); }));
-            }
-            EXPECT_TRUE(client.list_connected().size() == 1 && client.list_attached().size() == 1);
-            for (const JovuDeviceAddress to : {nowhere, address, address})
-                seen.push_back(error_of([&] { client.close(to); }));
-            seen.push_back(error_of([&] { client.RequestStatus(address); }));
-            done.set_value();
-        };
-        ASSERT_TRUE(client.wait_connected(device));
-        std::future<std::string> sender;
-        if (sending) {
-            sim("fault " + name(device) + " silent");
-            sender = std::async(std::launch::async, [&] {
-                client.gcode_process_command(device, string("G28"));
-                return JovuTransport::last_send_error();
-            });
-            ASSERT_TRUE(
-                eventually([&] { return test::requests(device, "gcode_process_command") == 1; }));
-        }
-        const auto begin = std::chrono::steady_clock::now();
-        sim("event " + name(device) + " now");
-        ASSERT_EQ(done.get_future().wait_for(test::kPatience), std::future_status::ready);
-        EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(5));
-        EXPECT_EQ(seen, (std::vector<std::string>{busy, busy,
-                                                  "Transport Error - Device has been disconnected.",
-                                                  gone, not_closed, "", not_closed, gone}));
-        EXPECT_TRUE(client.wait_disconnected(device)) << "the watcher completes the close";
-        EXPECT_EQ(sending ? sender.get() : "",
-                  sending ? "Transport Error - No response received." : "");
-        sim("unplug " + name(device));
-    }
 }
 
 TEST(InANotification, CommandsAndListingsWork) {
