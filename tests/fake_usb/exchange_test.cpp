@@ -64,6 +64,16 @@ TEST_F(Exchange, OnlyTheRightResponseEndsIt) {
     EXPECT_EQ(result(), "1|");
 }
 
+TEST_F(Exchange, TimesOutWithoutAResponseAndTheNextOneWorks) {
+    const auto begin = std::chrono::steady_clock::now();
+    request(client);
+    EXPECT_EQ(result(), "null|Transport Error - Waiting for response to request timed out.");
+    EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(14900));
+    request(client);
+    respond_with(R"({"__return__":[49]})");
+    EXPECT_EQ(result(), "1|");
+}
+
 /// One bulk call is in its middle; what ends the connection has to wait for the rest of the frame.
 TEST_F(Exchange, SendsAFrameWholeWhateverEndsItsConnection) {
     client.on_debug = [this](JovuDeviceAddress address, const std::string&) {
