@@ -26,6 +26,8 @@ TEST(FaultTable, FaultsHappenInTheirOrderAndNumber) {
     EXPECT_EQ(table.take(BusFault::status, kJobOut), 0) << "another endpoint";
     EXPECT_EQ(table.take(BusFault::submit, kMessageOut), 0) << "no time";
     EXPECT_EQ(table.take(BusFault::never, kMessageOut), 1);
+    table.unplug_after(kJobOut, 5);
+    EXPECT_EQ(table.count_out(kJobOut, 5), 5U);
     table.unplug_after(kJobOut, 0);
     table.clear();
     EXPECT_EQ(table.take(BusFault::status, kMessageOut), 0);
