@@ -4,10 +4,6 @@
 #include "fake_usb/backend_fixture.h"
 
 namespace test {
-/// @return a client of an application that is compiled without run-time type information; it
-///     derives privately from JovuClient and counts debug events.
-std::shared_ptr<void> make_client_without_rtti(std::atomic<int>& events);
-
 namespace {
 
 constexpr const char* kNoResponse = "null|Transport Error - No response received.";
@@ -63,6 +59,16 @@ TEST_F(Exchange, OnlyTheRightResponseEndsIt) {
     respond_with(R"({"__return__":[50]})");
     EXPECT_EQ(result(), "2|");
     respond_with(R"({"__return__":[51]})");  // No request waits for it any more.
+    request(client);
+    respond_with(R"({"__return__":[49]})");
+    EXPECT_EQ(result(), "1|");
+}
+
+TEST_F(Exchange, TimesOutWithoutAResponseAndTheNextOneWorks) {
+    const auto begin = std::chrono::steady_clock::now();
+    request(client);
+    EXPECT_EQ(result(), "null|Transport Error - Waiting for response to request timed out.");
+    EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(14900));
     request(client);
     respond_with(R"({"__return__":[49]})");
     EXPECT_EQ(result(), "1|");
@@ -171,13 +177,6 @@ TEST_F(Exchange, KeepsTheReasonOfItsOwnThreadCutTo255Bytes) {
                 testing::HasSubstr("Fatal error in hotplug thread - odd.\n"));
 }
 
-TEST_F(Exchange, EventsReachAnApplicationWithoutRunTimeTypeInformation) {
-    std::atomic<int> events{0};
-    const auto quiet = make_client_without_rtti(events);
-    send_event(device);
-    EXPECT_EQ(events, 1);
-}
-
 TEST_F(Exchange, FailsInOneLineThatNamesTheReason) {
     testing::internal::CaptureStdout();
     EXPECT_EQ(version(client, {1, 6}), "null|Transport Error - Device has been disconnected.");
@@ -268,6 +267,38 @@ TEST_F(Exchange, AndNotificationsAreWaitedFor) {
         EXPECT_TRUE(waits(ending));
         barrier.set_value();
         ending.get();
+    }
+}
+
+/// While another thread is in the middle of an exchange, and while none is: the callback's calls
+/// return at once either way.
+TEST_F(Exchange, InACallbackNothingBlocks) {
+    const std::string busy = "Send failed - libusb error: -6";
+    const std::string gone = "Send failed - Device no longer connected.";
+    const std::string not_closed = "Close failed - Device no longer connected.";
+    constexpr JovuDeviceAddress kNowhere{9, 9};
+    for (const bool sending : {false, true}) {
+        std::vector<std::string> seen;
+        client.on_debug = [&](JovuDeviceAddress address, const std::string&) {
+            for (const JovuDeviceAddress to : {address, kNowhere}) {
+                seen.push_back(version(client, to));
+                seen.push_back(error_of([&] { client.RequestStatus(to); }));
+            }
+            EXPECT_TRUE(client.list_connected().size() == 1 && client.list_attached().size() == 1);
+            for (const JovuDeviceAddress to : {kNowhere, address, address})
+                seen.push_back(error_of([&] { client.close(to); }));
+            seen.push_back(error_of([&] { client.RequestStatus(address); }));
+        };
+        ASSERT_TRUE(client.wait_connected(kAddress, sending ? 2 : 1));
+        if (sending) request(client);
+        send_event(device);
+        EXPECT_THAT(
+            seen, testing::ElementsAre("null|" + busy, busy,
+                                       "null|Transport Error - Device has been disconnected.", gone,
+                                       not_closed, "", not_closed, gone));
+        EXPECT_TRUE(client.wait_disconnected(kAddress, sending ? 2 : 1)) << "the watcher closes it";
+        EXPECT_EQ(sending ? result() : kNoResponse, kNoResponse);
+        replug();
     }
 }
 

@@ -114,25 +114,20 @@ TEST_F(Watcher, OpensOneKindOnceAndListsAll) {
         EXPECT_EQ(JovuUsb::list_connected().size(), 1U);
         fake_usb::unplug(backend.device);
         ASSERT_TRUE(eventually([] { return JovuUsb::list_connected().empty(); }));
-        fake_usb::plug(1, 5);
+        libusb_device* const second = fake_usb::plug(1, 5);
         ASSERT_TRUE(journal.wait("b+1.5", 2));
+        // One that left unnoticed is reported before the one that has come to its address.
+        fake_usb::unplug(second, true);
+        fake_usb::plug(1, 5);
+        ASSERT_TRUE(journal.wait("b+1.5", 3));
     }
-    EXPECT_THAT(journal.entries(),
-                ElementsAre("a+1.5", "b+1.5", "a-1.5", "b-1.5", "a+1.5", "b+1.5", "a-1.5"));
+    EXPECT_THAT(journal.entries(), ElementsAre("a+1.5", "b+1.5", "a-1.5", "b-1.5", "a+1.5", "b+1.5",
+                                               "a-1.5", "b-1.5", "a+1.5", "b+1.5", "a-1.5"));
     std::vector<std::pair<int, int>> kinds;
     for (const JovuUsbDevice& device : JovuUsb::list_attached())
         kinds.emplace_back(device.type, device.port);
     EXPECT_THAT(kinds,
                 testing::UnorderedElementsAre(std::pair(1, 1), std::pair(2, 2), std::pair(0, 3)));
-}
-
-TEST_F(Watcher, ReportsTheOldDeviceBeforeTheNewOneAtItsAddress) {
-    const Backend backend(journal);
-    fake_usb::unplug(backend.device, true);
-    fake_usb::plug(1, 5);
-    ASSERT_TRUE(journal.wait("b+1.5", 2));
-    EXPECT_THAT(journal.entries(),
-                ElementsAre("a+1.5", "b+1.5", "a-1.5", "b-1.5", "a+1.5", "b+1.5"));
 }
 
 TEST_F(Watcher, AClosingThreadWaitsForTheConnectedNotifications) {
@@ -253,21 +248,6 @@ TEST_F(Watcher, OpensNothingDuringAScanPause) {
         client.reset();
         finish();
     }
-}
-
-TEST_F(Watcher, FindsArrivalsWhileOthersSendAllTheTime) {
-    const Backend backend(journal);
-    std::atomic<bool> stop{false};
-    std::vector<std::future<void>> senders(3);
-    for (auto& sender : senders) {
-        sender = std::async(std::launch::async, [&] {
-            while (!stop)
-                write("x");
-        });
-    }
-    fake_usb::plug(1, 6);
-    EXPECT_TRUE(journal.wait("b+1.6"));
-    stop = true;
 }
 
 TEST_F(Watcher, IsWokenFromAnEventWaitToCloseAndToStop) {

@@ -1,132 +1,19 @@
 /// @file
-/// Clients over the real libusb: what may be called from inside a callback, time-outs, cut pushes.
+/// What a notification may call, over the real libusb.
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <cstdlib>
-#include <future>
-#include <new>
 #include <optional>
-#include <thread>
-#include <vector>
 
-#include "support/job_file.h"
 #include "support/recording_client.h"
 #include "support/sim_control.h"
 
 namespace {
 
-using test::error_of;
 using test::eventually;
 using test::name;
 using test::plug;
 using test::RecordingClient;
 using test::sim;
-using test::string;
-
-#ifndef JOVU_SANITIZE_THREAD  // Its own operator new cannot be replaced in a program.
-
-
-/// How many ms longer each allocation of this thread takes.
-thread_local int allocation_delay = 0;
-
-}  // namespace
-
-void* operator new(std::size_t size) {
-    if (allocation_delay > 0) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(allocation_delay));
-    }
-    void* const memory = std::malloc(size == 0 ? 1 : size);
-    if (memory == nullptr) throw std::bad_alloc();
-    return memory;
-}
-
-void operator delete(void* memory) noexcept {
-    std::free(memory);
-}
-
-void operator delete(void* memory, std::size_t /*size*/) noexcept {
-    std::free(memory);
-}
-
-namespace {
-
-TEST(SlowConstruction, DoesNotLoseADeviceThatIsAttached) {
-    const JovuDeviceAddress device = plug();
-    // The parts of a client register one after the other. If a device were opened in between, only
-    // the first part would be notified, and no command could be sent to it.
-    allocation_delay = 100;
-    JovuClient client;
-    allocation_delay = 0;
-    EXPECT_TRUE(eventually([&] { return client.bio_get_version(device) != nullptr; },
-                           std::chrono::seconds(20)));
-}
-
-#endif
-
-TEST(Exchange, TimesOutWithoutAResponseAndTheNextOneWorks) {
-    const JovuDeviceAddress device = plug();
-    RecordingClient client;
-    ASSERT_TRUE(client.wait_connected(device));
-    sim("fault " + name(device) + " silent");
-    const auto begin = std::chrono::steady_clock::now();
-    EXPECT_FALSE(client.exchange_works(device));
-    EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(14900));
-    EXPECT_EQ(JovuTransport::last_send_error(),
-              "Transport Error - Waiting for response to request timed out.");
-    EXPECT_TRUE(client.exchange_works(device));
-    EXPECT_EQ(test::protocol_violations(device), 0);
-}
-
-/// While another thread is in the middle of an exchange, and while none is: the callback's calls
-/// return at once either way.
-TEST(InACallback, NothingBlocks) {
-    const std::string busy = "Send failed - libusb error: -6";
-    const std::string gone = "Send failed - Device no longer connected.";
-    const std::string not_closed = "Close failed - Device no longer connected.";
-    const JovuDeviceAddress nowhere{9, 9};
-    for (const bool sending : {false, true}) {
-        const JovuDeviceAddress device = plug();
-        RecordingClient client;
-        std::promise<void> done;
-        std::vector<std::string> seen;
-        client.on_debug = [&](JovuDeviceAddress address, const std::string& message) {
-            if (message != "now") return;
-            for (const JovuDeviceAddress to : {address, nowhere}) {
-                client.bio_get_version(to);
-                seen.push_back(JovuTransport::last_send_error());
-                seen.push_back(error_of([&] { client.RequestStatus(to); }));
-            }
-            EXPECT_TRUE(client.list_connected().size() == 1 && client.list_attached().size() == 1);
-            for (const JovuDeviceAddress to : {nowhere, address, address})
-                seen.push_back(error_of([&] { client.close(to); }));
-            seen.push_back(error_of([&] { client.RequestStatus(address); }));
-            done.set_value();
-        };
-        ASSERT_TRUE(client.wait_connected(device));
-        std::future<std::string> sender;
-        if (sending) {
-            sim("fault " + name(device) + " silent");
-            sender = std::async(std::launch::async, [&] {
-                client.gcode_process_command(device, string("G28"));
-                return JovuTransport::last_send_error();
-            });
-            ASSERT_TRUE(
-                eventually([&] { return test::requests(device, "gcode_process_command") == 1; }));
-        }
-        const auto begin = std::chrono::steady_clock::now();
-        sim("event " + name(device) + " now");
-        ASSERT_EQ(done.get_future().wait_for(test::kPatience), std::future_status::ready);
-        EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(5));
-        EXPECT_EQ(seen, (std::vector<std::string>{busy, busy,
-                                                  "Transport Error - Device has been disconnected.",
-                                                  gone, not_closed, "", not_closed, gone}));
-        EXPECT_TRUE(client.wait_disconnected(device)) << "the watcher completes the close";
-        EXPECT_EQ(sending ? sender.get() : "",
-                  sending ? "Transport Error - No response received." : "");
-        sim("unplug " + name(device));
-    }
-}
 
 TEST(InANotification, CommandsAndListingsWork) {
     const JovuDeviceAddress device = plug();
@@ -145,43 +32,6 @@ TEST(InANotification, CommandsAndListingsWork) {
     ASSERT_TRUE(client.wait_connected(device));
     sim("unplug " + name(device));
     ASSERT_TRUE(client.wait_disconnected(device));
-}
-
-/// Unplugged at the edges of the announcement and of pieces, and in between.
-TEST(CutPush, EndsAtOnceInOneError) {
-    using std::chrono::steady_clock;
-    constexpr std::size_t kSize = 12000, kPiece = 5120;
-    const test::TemporaryFile file("job", test::job_content(kSize));
-    std::vector<JovuDeviceAddress> devices(12);
-    for (JovuDeviceAddress& device : devices)
-        device = plug();
-    RecordingClient client;
-    for (const JovuDeviceAddress device : devices)
-        ASSERT_TRUE(client.wait_connected(device));
-    const auto push = [&](JovuDeviceAddress device) {
-        return error_of([&] { client.SendJobFile(device, file.path(), nullptr, nullptr, false); });
-    };
-    EXPECT_EQ(push(devices.back()), "");
-    const std::size_t whole = test::stats(devices.back())["endpoints"]["04"]["bytes"];
-    const std::size_t begin = whole - kSize;
-    std::vector<steady_clock::duration> times;
-    for (const std::size_t cut :
-         {std::size_t{0}, std::size_t{1}, begin - 1, begin, begin + 1, begin + kPiece - 1,
-          begin + kPiece, begin + kPiece + 1, begin + kPiece + 3000, whole - 1, whole}) {
-        const JovuDeviceAddress device = devices[times.size()];
-        sim("fault " + name(device) + " unplug-at 04 " + std::to_string(cut));
-        const auto start = steady_clock::now();
-        const std::string error = push(device);
-        times.push_back(steady_clock::now() - start);
-        EXPECT_TRUE(error == "Send failed - libusb error: -4" ||
-                    error == "Send failed - Device no longer connected.")
-            << error << ", cut at " << cut;
-    }
-    std::sort(times.begin(), times.end());
-    // Even on a loaded machine most take a few milliseconds, and none the 1.5 s of a time-out.
-    EXPECT_LT(times[times.size() / 2], std::chrono::milliseconds(100));
-    EXPECT_LT(times.back(), std::chrono::milliseconds(1400));
-    EXPECT_EQ(push(devices.back()), "");
 }
 
 }  // namespace

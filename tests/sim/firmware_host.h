@@ -11,10 +11,13 @@
 #include <string>
 #include <vector>
 
+#include "fake_usb/framed.h"
 #include "firmware/base/values.h"
 #include "firmware/usb/controller.h"
 
 namespace jovusim::test {
+
+using ::test::framed;
 
 /// Speaks to a controller without any bus.
 class FirmwareHost {
@@ -97,9 +100,9 @@ public:
 
     /// Plays a conversation: steps that end with ";". "+20" waits, "?heater/state" is a member of
     /// the machine's stats, "!input 0 1" and "!heater 0" drive an input and plug the heater in or
-    /// out, and any other step is for ask(); " @/ip" selects a member of the result. Returns the
-    /// steps with what came back, as "gpio_get_raw 5 -> 1;", so that a whole script can be
-    /// compared.
+    /// out, "!host 0" closes the device for the host, and any other step is for ask(); " @/ip"
+    /// selects a member of the result. Returns the steps with what came back, as "gpio_get_raw 5 ->
+    /// 1;", so that a whole script can be compared.
     std::string play(const std::string& script) {
         std::string out;
         std::string step;
@@ -124,6 +127,8 @@ public:
                 controller.machine().gpio().drive_input(number, level != 0, now);
             } else if (std::sscanf(words.c_str(), "!heater %u", &level) == 1) {
                 controller.machine().heater().set_plugged(level != 0);
+            } else if (std::sscanf(words.c_str(), "!host %u", &level) == 1) {
+                level != 0 ? controller.host_opened() : controller.host_closed();
             } else {
                 const std::size_t member = std::min(words.find(" @"), words.size());
                 const Json result = ask(words.substr(0, member), &more);
@@ -149,15 +154,6 @@ public:
 
     Json stats() { return controller.stats(now); }
     std::uint64_t violations() { return stats()["protocol_violations"]["count"]; }
-
-    /// A frame, made here and not by the code under test.
-    static std::string framed(const std::string& payload) {
-        const std::size_t length = payload.size() + 1;
-        std::string out = "$";
-        for (const std::size_t byte : {length, length >> 8U, ~length, ~length >> 8U})
-            out += static_cast<char>(byte & 0xFFU);
-        return out + payload + ";";
-    }
 
     /// Takes a string of frames apart. Anything that is no frame is an error.
     static std::vector<Json> messages(const std::string& bytes) {

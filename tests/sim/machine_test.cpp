@@ -224,6 +224,15 @@ move 0 {"target":2,"ignore_stalls":1} -> 0; +1990; position_get 0 -> 200; ?servo
     R"(config_set 0 {"gains":{"kp":0,"ki":0,"kd":0,"ka":0,"kv":0,"kf":0}} -> 0; move 0 {"target":1} -> 0;
 +1990; position_get 0 -> 0; target_get_client 0 -> 0.0; ?servos/0/state -> 0;)",
     R"(move 0 {"target":20} -> 0; +200; move_dir_get 0 -> 1; ?servos/0/state -> 2;)",
+    // Cut short: stopped, and after its number of cycles.
+    R"(move 0 {"target":160} -> 0; +300; move_modify {"type":2} 1 1 -> 0; +1000; move_active 0 -> 0;
+position_get 0 -> 3000;)",
+    R"(move 0 {"target":100,"max_cycles":100} -> 0; +1000; move_active 0 -> 0;
+position_get 0 -> 990;)",
+    // Measured from its first cycle, or from a later one.
+    R"(move 0 {"target":20} -> 0; +2000; move_metrics_get 0 @/n -> 536;)",
+    R"(move 0 {"target":20,"metric_skip":1} -> 0; +2000; move_metrics_get 0 @/n -> 535;)",
+    R"(move 0 {"target":20,"metric_skip":40} -> 0; +2000; move_metrics_get 0 @/n -> 496;)",
     R"(units_client_to_native 2 1.5 -> 1200; units_native_to_client 2 -400 -> -0.5;
 units_client_to_native 0 1e9 -> 2147483647; position_set 1 -123456789 -> 0;
 position_get 1 -> -123456789; name_str_get 3 -> [69,0];)",
@@ -232,29 +241,9 @@ position_get 1 -> -123456789; name_str_get 3 -> [69,0];)",
 TEST(ServoTest, Conversations) {
     for (const std::string script : kServoConversations)
         EXPECT_EQ(Host().play(script), script);
-    const char* const cut_short[] = {
-        R"(move 0 {"target":160};+300;move_modify {"type":2} 1 1;+1000;)",
-        R"(move 0 {"target":100,"max_cycles":100};+1000;)",
-    };
-    for (const char* const script : cut_short) {
-        Host host;
-        host.play(script);
-        EXPECT_EQ(host.ask("move_active 0"), 0) << script;
-        EXPECT_LT(host.ask("position_get_client 0"), 20.0) << script;
-    }
-}
-
-TEST(ServoTest, MeasuresAMove) {
-    int all = 0;
-    for (const int skip : {0, 1, 40}) {
-        Host host;
-        host.ask("move 0 " + Json({{"target", 20}, {"metric_skip", skip}}).dump());
-        finish(host);
-        const Json metrics = host.ask("move_metrics_get 0");
-        if (skip == 0) all = metrics["n"];
-        EXPECT_EQ(metrics["n"], all - skip);
-        EXPECT_GT(metrics["M2"], 0);
-    }
+    Host host;
+    host.play("move 0 {\"target\":20};+2000;");
+    EXPECT_GT(host.ask("move_metrics_get 0")["M2"], 0);
 }
 
 /// The samples among what the device has sent.
@@ -306,19 +295,13 @@ TEST(TraceTest, HasOneSampleForEachMillisecondAtAnyTimeScale) {
 }
 
 TEST(TraceTest, ACommandedMoveEndsTheCycle) {
-    for (const Millis delay : {137, 280}) {  // on a leg, and in the pause after it
+    for (const char* const delay : {"+137", "+280"}) {  // on a leg, and in the pause after it
+        const std::string script =
+            "position_set_client 0 50.0 -> 0;trace_enable 0 1 -> 0;" + std::string(delay) +
+            R"(;move 0 {"move_type":1,"distance":5} -> 0;trace_enable 0 0 -> 0;+10;)"
+            "trace_enable 0 1 -> 0;+3000;position_get 0 -> 11000;!host 0;+50;!host 1;+10;";
         Host host;
-        host.play("position_set_client 0 50.0;trace_enable 0 1;");
-        host.wait(delay);
-        const std::string move =
-            R"(move 0 {"move_type":1,"distance":5} -> 0;trace_enable 0 0 -> 0;)"
-            "+10;trace_enable 0 1 -> 0;+3000;position_get 0 -> 11000;";
-        EXPECT_EQ(host.play(move), move) << "from where the cycle began: " << delay;
-        samples(host);
-        host.controller.host_closed();
-        host.wait(50);
-        host.controller.host_opened();
-        host.wait(10);
+        EXPECT_EQ(host.play(script), script) << "from where the cycle began";
         EXPECT_EQ(samples(host).size(), 10U) << "none while no program has the device open";
     }
 }
@@ -356,7 +339,7 @@ TEST(TraceTest, LossesAreCountedAndShow) {
     host.play("trace_enable 0 1;+10000;");
     const std::uint64_t dropped = host.stats()["message"]["dropped"];
     EXPECT_GT(dropped, 0U);
-    host.send(kMessageOut, Host::framed(Host::command(2, 0, "bio_get_version")));
+    host.send(kMessageOut, framed(Host::command(2, 0, "bio_get_version")));
     EXPECT_EQ(host.stats()["message"]["dropped"], dropped) << "there is room for responses";
     EXPECT_EQ(samples(host).size() + dropped, 10000U);
 }

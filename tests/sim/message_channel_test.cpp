@@ -12,8 +12,8 @@ using Host = FirmwareHost;
 const std::string kVersionRequest = Host::command(1, 0, "bio_get_version");
 
 TEST(MessageChannel, FindsTheFramesInAnyStream) {
-    const std::string good = Host::framed(kVersionRequest);
-    const std::string both = good + Host::framed(Host::command(2, 1, "bio_get_serial"));
+    const std::string good = framed(kVersionRequest);
+    const std::string both = good + framed(Host::command(2, 1, "bio_get_serial"));
     const std::string streams[] = {
         both,
         "abc" + good,                                            // stray bytes
@@ -35,7 +35,7 @@ TEST(MessageChannel, FindsTheFramesInAnyStream) {
 
 TEST(MessageChannel, DropsAnIncompleteFrame) {
     Host host;
-    host.send(kMessageOut, Host::framed(kVersionRequest).substr(0, 20));
+    host.send(kMessageOut, framed(kVersionRequest).substr(0, 20));
     host.now += 5000;
     EXPECT_TRUE(host.exchange("").empty()) << "it belongs to the frame";
     host.now += 5001;
@@ -183,10 +183,10 @@ TEST(MessageChannel, SendsEventsWithIdsOfTheirOwn) {
     std::string events;
     unsigned id = 1U << 30U;
     for (const char* const text : {"h\xE9", "", "flood 0", "flood 1"})
-        events += Host::framed(R"({"transport":{"attrs":["request","oneway"],"id":)" +
-                               std::to_string(id++) +
-                               R"(},"data":{"event":{"name":"debug_event","args":{"text":)" +
-                               Host::bytes_of(text) + "}}}}");
+        events +=
+            framed(R"({"transport":{"attrs":["request","oneway"],"id":)" + std::to_string(id++) +
+                   R"(},"data":{"event":{"name":"debug_event","args":{"text":)" +
+                   Host::bytes_of(text) + "}}}}");
     EXPECT_EQ(host.read(kMessageIn), events);
 }
 
@@ -205,19 +205,19 @@ TEST(MessageChannel, BoundsWhatItSends) {
 }
 
 TEST(MessageChannel, RespondsUnderTheIdUnlessAFaultDamagesTheResponse) {
-    const std::string request = Host::framed(Host::gcode(3000000000U, "G28"));
+    const std::string request = framed(Host::gcode(3000000000U, "G28"));
     const std::string text =
         R"("id":3000000000},"data":{"command":{"idx":5,"name":"gcode_process_command",)"
         R"("args":{"command":[71,50,56,0]},"__return__":0}}})";
     const std::string envelope = R"({"transport":{"attrs":["response"],)";
-    const std::string good = Host::framed(envelope + text);
+    const std::string good = framed(envelope + text);
     // What is sent instead of the good response; whether a status report is damaged as well.
     const std::tuple<const char*, std::string, bool> cases[] = {
         {"check", std::string(good).replace(3, 1, 1, static_cast<char>(~good[3])), false},
         {"terminator", good.substr(0, good.size() - 1) + "!", false},
-        {"json", Host::framed(envelope + text.substr(0, text.size() - 1)), true},
-        {"attrs", Host::framed(R"({"transport":{)" + text), false},
-        {"id", Host::framed(envelope + R"("id":3536870912)" + text.substr(15)), false},
+        {"json", framed(envelope + text.substr(0, text.size() - 1)), true},
+        {"attrs", framed(R"({"transport":{)" + text), false},
+        {"id", framed(envelope + R"("id":3536870912)" + text.substr(15)), false},
         {"truncate", good.substr(0, good.size() / 2), true},
     };
     for (const auto& [name, damaged, strikes_reports] : cases) {

@@ -4,7 +4,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
 #include <atomic>
 #include <chrono>
 #include <cstdio>
@@ -86,11 +85,10 @@ protected:
         }
         sim("unplug " + name(device));
         before_ = Holdings::now();
-        start_ = std::chrono::steady_clock::now();
     }
 
     /// To be called when all clients have been destroyed.
-    void check_holdings(long operations) const {
+    void check_holdings() const {
         Holdings after;
         EXPECT_TRUE(eventually([&] {
             forget_a_failed_open();
@@ -99,9 +97,8 @@ protected:
         })) << after.threads
             << " threads, " << before_.threads << " before; " << before_.files
             << " files before, now " << testing::PrintToString(open_files());
-        const std::chrono::duration<double> took = std::chrono::steady_clock::now() - start_;
-        std::printf("%ld operations in %.1f s; resident %ld KiB before, %ld KiB after\n",
-                    operations, took.count(), before_.resident_kib, after.resident_kib);
+        std::printf("resident %ld KiB before, %ld KiB after\n", before_.resident_kib,
+                    after.resident_kib);
 #ifndef JOVU_SANITIZED  // their own records grow with all that was ever allocated
         // Room for the heap's own ways. At the full measure a leak of a few hundred bytes an
         // operation is more in the whole.
@@ -111,7 +108,6 @@ protected:
 
 private:
     Holdings before_;
-    std::chrono::steady_clock::time_point start_;
 };
 
 /// A thread that does something again and again until it is destroyed.
@@ -186,11 +182,10 @@ TEST_F(Storm, ADeviceThatComesAndGoesUnderCommandsAndAPush) {
                    client.connects(device) == client.disconnects(device);
         }));
     }
-    check_holdings(replugs);
+    check_holdings();
 }
 
-/// Each response must be the one to its own request, and each request come when the exchange before
-/// it is over.
+/// Each response must be the one to its own request.
 TEST_F(Storm, EightThreadsOnThreeDevicesWithFaults) {
     const int commands = 20 * storm_scale();
     constexpr int kThreads = 8;
@@ -201,15 +196,6 @@ TEST_F(Storm, EightThreadsOnThreeDevicesWithFaults) {
         RecordingClient client;
         for (const JovuDeviceAddress device : devices)
             ASSERT_TRUE(client.wait_connected(device));
-        const auto on_threads = [](int times, const std::function<void(int)>& work) {
-            std::array<std::future<void>, kThreads> threads;
-            for (int t = 0; t < kThreads; ++t) {
-                threads.at(static_cast<std::size_t>(t)) = std::async(std::launch::async, [=] {
-                    for (int i = 0; i < times; ++i)
-                        work(t + i * kThreads);
-                });
-            }
-        };
         // Each request asks for the conversion of a number of its own.
         const int scale = client.servo_dc_units_client_to_native(devices[0], servo_dc_name_t{1}, 1);
         const auto exchange = [&](JovuDeviceAddress device, int number) {
@@ -219,15 +205,6 @@ TEST_F(Storm, EightThreadsOnThreeDevicesWithFaults) {
             EXPECT_EQ(result, ok ? (number + 1) * scale : 0);
             ++(ok ? responses : failed);
         };
-
-        constexpr std::chrono::milliseconds kDelay{10};
-        constexpr int kDelayed = 4;
-        sim("fault " + name(devices[0]) + " delay " + std::to_string(kDelay.count()));
-        const auto begin = std::chrono::steady_clock::now();
-        on_threads(kDelayed, [&](int number) { exchange(devices[0], number); });
-        EXPECT_GE(std::chrono::steady_clock::now() - begin, kDelay * kThreads * kDelayed)
-            << "exchanges with one device overlapped";
-        sim("fault " + name(devices[0]) + " clear");
         {
             std::mt19937 random(1);
             const std::vector<std::string> faults{
@@ -246,9 +223,14 @@ TEST_F(Storm, EightThreadsOnThreeDevicesWithFaults) {
                     kind[random() % kind.size()]);
                 std::this_thread::sleep_for(std::chrono::milliseconds(20));
             });
-            on_threads(commands, [&](int number) {
-                exchange(devices[static_cast<std::size_t>(number) % devices.size()], number);
-            });
+            std::vector<std::future<void>> threads;
+            for (int t = 0; t < kThreads; ++t) {
+                threads.push_back(std::async(std::launch::async, [&, t] {
+                    for (int number = t; number < commands * kThreads; number += kThreads)
+                        exchange(devices[static_cast<std::size_t>(number) % devices.size()],
+                                 number);
+                }));
+            }
         }
         for (const JovuDeviceAddress device : devices) {
             sim("fault " + name(device) + " clear");
@@ -258,12 +240,11 @@ TEST_F(Storm, EightThreadsOnThreeDevicesWithFaults) {
         EXPECT_GT(responses, failed);
         std::printf("%ld responses, %ld failures\n", responses.load(), failed.load());
     }
-    check_holdings(long{kThreads} * commands);
+    check_holdings();
 }
 
 TEST_F(Storm, ClientsComeAndGoWhileDevicesDo) {
     const int rounds = 20 * storm_scale();
-    std::atomic<long> lives{0};
     std::atomic<long> responses{0};
     const JovuDeviceAddress device = plug();
     const JovuDeviceAddress other = plug();
@@ -283,7 +264,6 @@ TEST_F(Storm, ClientsComeAndGoWhileDevicesDo) {
                     // In any order: a client may outlive those that came before it.
                     if (clients.size() < 3 && random() % 2 == 0) {
                         clients.push_back(std::make_unique<RecordingClient>());
-                        ++lives;
                     } else if (!clients.empty()) {
                         const auto which = random() % clients.size();
                         RecordingClient& client = *clients[which];
@@ -300,7 +280,6 @@ TEST_F(Storm, ClientsComeAndGoWhileDevicesDo) {
         }
         for (std::thread& thread : threads)
             thread.join();
-        std::printf("%ld clients, %ld responses\n", lives.load(), responses.load());
     }
     EXPECT_GT(responses, rounds / 4);
     {
@@ -310,7 +289,7 @@ TEST_F(Storm, ClientsComeAndGoWhileDevicesDo) {
     }
     sim("unplug " + name(device));
     sim("unplug " + name(other));
-    check_holdings(lives);
+    check_holdings();
 }
 
 }  // namespace

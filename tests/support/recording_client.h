@@ -2,6 +2,7 @@
 /// A client that records what it receives.
 #pragma once
 
+#include <algorithm>
 #include <functional>
 #include <mutex>
 #include <string>
@@ -100,10 +101,7 @@ private:
     }
     std::size_t count(const std::vector<JovuDeviceAddress>& list, JovuDeviceAddress address) const {
         const std::lock_guard<std::mutex> lock(mutex_);
-        std::size_t found = 0;
-        for (const JovuDeviceAddress entry : list)
-            found += entry == address ? 1 : 0;
-        return found;
+        return static_cast<std::size_t>(std::count(list.begin(), list.end(), address));
     }
 
     mutable std::mutex mutex_;

@@ -1,47 +1,22 @@
 #include "support/sim_control.h"
 
-#include <sys/socket.h>
-#include <sys/un.h>
-#include <unistd.h>
-
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <stdexcept>
 
+#include "bus/file_descriptor.h"
+
 namespace test {
-namespace {
-
-class Socket {
-public:
-    explicit Socket(const char* path)
-        : descriptor_(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-        sockaddr_un address{};
-        address.sun_family = AF_UNIX;
-        std::strncpy(address.sun_path, path, sizeof address.sun_path - 1);
-        connected_ = ::connect(descriptor_, reinterpret_cast<const sockaddr*>(&address),
-                               sizeof address) == 0;
-    }
-    ~Socket() { ::close(descriptor_); }
-    Socket(const Socket&) = delete;
-    Socket& operator=(const Socket&) = delete;
-    int get() const noexcept { return descriptor_; }
-    bool connected() const noexcept { return connected_; }
-
-private:
-    int descriptor_;
-    bool connected_;
-};
-
-}  // namespace
 
 std::string sim(const std::string& request) {
     const char* const path = std::getenv("JOVU_SIM_CONTROL");
     if (path == nullptr) throw std::runtime_error("not running under jovu-sim");
-    thread_local const Socket socket(path);  // one connection carries all requests of a thread
-    if (!socket.connected()) {
-        throw std::runtime_error(std::string("cannot reach jovu-sim at ") + path);
-    }
+    // One connection carries all requests of a thread.
+    thread_local const jovusim::UniqueFd socket = jovusim::local_socket(0);
+    thread_local const sockaddr_un address = jovusim::local_address(path);
+    thread_local const int refused =
+        ::connect(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address);
+    if (refused != 0) throw std::runtime_error(std::string("cannot reach jovu-sim at ") + path);
     const std::string line = request + "\n";
     if (::send(socket.get(), line.data(), line.size(), MSG_NOSIGNAL) !=
         static_cast<ssize_t>(line.size())) {

@@ -1,8 +1,6 @@
 /// @file
 /// What is done while a call fails.
 
-#include <unistd.h>
-
 #include <algorithm>
 #include <array>
 #include <atomic>
@@ -10,8 +8,8 @@
 #include <thread>
 
 #include "fake_usb/framed.h"
+#include "support/job_file.h"
 #include "sweep/client.h"
-#include "sweep/system_calls.h"
 #include "usb/usb.h"
 
 namespace sweep {
@@ -96,29 +94,14 @@ void events(World& world) {
     check_events(world);
 }
 
-/// A job file. The file system has no name for it.
-struct JobFile {
-    static constexpr std::size_t kSize = 12000;
-
-    JobFile() {
-        for (std::size_t i = 0; i < kSize; ++i)
-            content.push_back(static_cast<char>('a' + i % 23));
-        const auto written = ::write(fileno(file.get()), content.data(), kSize);
-        if (written != static_cast<ssize_t>(kSize)) std::abort();
-    }
-
-    const File file = make_file();
-    const std::string path = "/proc/self/fd/" + std::to_string(fileno(file.get()));
-    std::string content;
-};
-
 void push(World& world) {
     if (!connect(world)) return;
-    const JobFile file;
+    const std::string job = test::job_content(12000);
+    const test::TemporaryFile file("sweep-job", job);
     double percent = -1;
     const bool sent = world.call("a push", [&] {
         world.client->SendJobFile(
-            kAddress, file.path,
+            kAddress, file.path(),
             [](double now, std::string /*job*/, void* user) { *static_cast<double*>(user) = now; },
             &percent, false);
     });
@@ -132,8 +115,8 @@ void push(World& world) {
     if (repeated || world.faulty(Kind::file_read)) return;
     const std::string bytes = world.device().job_bytes();
     const std::string announced = R"("size":12000)";
-    if (bytes.find(announced) == std::string::npos || bytes.size() < JobFile::kSize ||
-        bytes.compare(bytes.size() - JobFile::kSize, JobFile::kSize, file.content) != 0) {
+    if (bytes.find(announced) == std::string::npos || bytes.size() < job.size() ||
+        bytes.compare(bytes.size() - job.size(), job.size(), job) != 0) {
         world.wrong("a push that did not throw did not arrive");
     }
 }

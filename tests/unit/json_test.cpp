@@ -31,20 +31,6 @@ TEST(Json, NestingIsBoundedBeforeATreeIsBuilt) {
         EXPECT_FALSE(jovu::nests_within(text, 2)) << text;
 }
 
-TEST(Json, LookUpsFindTheRightTypeAtTheRightPath) {
-    const jovu::JsonTree tree = jovu::parse_json(R"({"a":{"b":{"n":-7,"s":"t"}},"big":1e30})");
-    EXPECT_EQ(jovu::find_integer(tree.get(), {"a", "b", "n"}), -7);
-    EXPECT_EQ(jovu::find_double(tree.get(), {"a", "b", "n"}), -7.0);
-    EXPECT_STREQ(jovu::find_string(tree.get(), {"a", "b", "s"}), "t");
-    EXPECT_EQ(jovu::find_double(tree.get(), {"big"}), 1e30);
-    EXPECT_EQ(jovu::find_integer(tree.get(), {"a", "b", "s"}), std::nullopt);
-    EXPECT_EQ(jovu::find_double(tree.get(), {"a", "b"}), std::nullopt);
-    EXPECT_EQ(jovu::find_string(tree.get(), {"a", "b", "n"}), nullptr);
-    EXPECT_EQ(jovu::find_string(tree.get(), {"big", "s"}), nullptr);
-    EXPECT_EQ(jovu::find(tree.get(), {"a", "b", "n", "x"}, yajl_t_any), nullptr);
-    EXPECT_EQ(jovu::find(nullptr, {"a"}, yajl_t_any), nullptr);
-}
-
 TEST(Json, TheIntegerReadingIsTheWholePartWithinItsLimits) {
     constexpr auto kSmallest = std::numeric_limits<long long>::min();
     constexpr auto kLargest = std::numeric_limits<long long>::max();

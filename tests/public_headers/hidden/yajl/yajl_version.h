@@ -1,1 +1,0 @@
-#error "a public header must not need <yajl/yajl_version.h>"

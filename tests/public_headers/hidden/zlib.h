@@ -1,1 +1,0 @@
-#error "a public header must not need <zlib.h>"
