@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "jovu/device_address.h"
+#include "jovu/devices.h"
 #include "jovu/exception.h"
 #include "jovu/export.h"
 #include "jovu/scan_pause.h"
@@ -46,6 +47,25 @@ public:
     /// @throws JovuException "Failed to get libusb device list."
     std::vector<JovuUsbDevice> list_attached() const;
 
+    /// Opens a device again that close() has closed, as if it had been plugged in anew:
+    /// device_connected() follows. Threads: any, in a callback too.
+    /// @throws JovuException "Reopen failed - Device is open." or, for an unknown device,
+    ///     "Reopen failed - Device no longer connected."
+    void reopen(JovuDeviceAddress address);
+
+    /// Chooses the devices that this process opens, for all of its clients. The others are neither
+    /// opened nor probed, so that other programs can use them. Open devices that the new filter
+    /// leaves out are closed; device_disconnected() follows.
+    ///
+    /// Best called before the first client is constructed. Threads: any; returns at once, the
+    /// watcher thread carries it out.
+    static void set_device_filter(JovuDeviceFilter filter);
+
+    /// Every device of the accepted vendor that is on the bus now, with its state in this process, in
+    /// the order of the bus enumeration. Threads: any; opens nothing.
+    /// @throws JovuException "Failed to get libusb device list."
+    static std::vector<JovuDeviceInfo> list_devices();
+
     /// Whether the watcher thread runs. False once an error has ended it, with one line on standard
     /// output: no connection or disconnection is notified any more, and data is received only while
     /// something is being sent. The USB connection works again once its last
@@ -70,6 +90,11 @@ public:
     /// A device is disconnected: requests that waited for it have failed and no exchange with it is
     /// running any more. Called on a notification thread; must not throw.
     virtual void device_disconnected(JovuDeviceAddress address) = 0;
+
+    /// A controller is attached and cannot be opened: not_permitted, in_use or failed. Called once
+    /// for each reason, on a notification thread; must not throw. The library tries again with every
+    /// scan; device_connected() follows when the reason has ended. Empty by default.
+    virtual void device_unavailable(const JovuDeviceInfo& device);
 
     /// Unregisters this object. When it returns, no notification thread and no handler of
     /// this object is running (but one that made the call), none will follow, requests that waited
@@ -126,6 +151,7 @@ private:
     void connection_opened(const std::shared_ptr<jovu::Connection>& connection) override;
     void usb_device_connected(JovuDeviceAddress address) override;
     void usb_device_disconnected(JovuDeviceAddress address) override;
+    void usb_device_unavailable(const JovuDeviceInfo& device) override;
     void data_received(unsigned char* data, unsigned int length,
                        JovuDeviceAddress address) override;
 

@@ -5,6 +5,7 @@
 #include <memory>
 
 #include "jovu/device_address.h"
+#include "jovu/devices.h"
 #include "jovu/export.h"
 
 namespace jovu {
@@ -41,6 +42,10 @@ public:
     /// @param address the device that sent them.
     virtual void data_received(unsigned char* data, unsigned int length,
                                JovuDeviceAddress address) = 0;
+
+    /// A controller is attached and cannot be opened. Called for interface 0 only, once for each
+    /// reason. The default does nothing.
+    virtual void usb_device_unavailable(const JovuDeviceInfo& device);
 
 protected:
     JovuUsbClient() = default;

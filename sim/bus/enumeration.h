@@ -1,5 +1,5 @@
 /// @file
-/// How programs find a device: USB descriptors, its entry in sysfs, hot-plug messages.
+/// How a device presents itself: USB descriptors, and its entry in sysfs.
 #pragma once
 
 #include <cstdint>
@@ -28,21 +28,5 @@ std::string sysfs_descriptors(const UsbIdentity& identity);
 /// Returns the device in the notation of umockdev's testbed, which makes the sysfs entry from it.
 /// The record has no device node; Testbed makes that.
 std::string testbed_record(const UsbIdentity& identity, BusAddress address);
-
-/// Sends hot-plug messages to the programs that watch a testbed. umockdev's own sender aborts the
-/// process when a listener closes its socket during the call; this one ignores that error. Main
-/// thread only.
-class UeventSender {
-public:
-    /// @param root the testbed's directory, which contains the sockets of the listeners
-    explicit UeventSender(std::string root) : root_(std::move(root)) {}
-
-    /// @param action "add" or "remove"
-    void send(const std::string& action, BusAddress address);
-
-private:
-    std::string root_;
-    unsigned sequence_ = 0;
-};
 
 }  // namespace jovusim

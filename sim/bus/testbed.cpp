@@ -107,6 +107,7 @@ Testbed::Testbed(double time_scale, std::function<void()> wake)
         umockdev_testbed_get_root_dir(testbed_.get()), g_free);
     root_ = root.get();
     ownership_.emplace(root_);
+    listeners_.emplace(root_);
     uevents_.emplace(root_);
 }
 

@@ -12,7 +12,7 @@
 #include <string>
 #include <vector>
 
-#include "bus/enumeration.h"
+#include "bus/uevents.h"
 #include "bus/file_descriptor.h"
 #include "bus/sim_device.h"
 #include "bus/types.h"
@@ -117,6 +117,7 @@ private:
     std::optional<DirectoryOwnership> ownership_;  // outlives testbed_
     std::unique_ptr<UMockdevTestbed, TestbedDeleter> testbed_;
     std::string root_;
+    std::optional<ListenerSockets> listeners_;
     std::optional<UeventSender> uevents_;
     std::map<BusAddress, std::unique_ptr<UsbfsNode>> nodes_;
     std::map<BusAddress, std::shared_ptr<SimDevice>> devices_;

@@ -4,6 +4,8 @@
 
 JovuUsbClient::~JovuUsbClient() = default;
 
+void JovuUsbClient::usb_device_unavailable(const JovuDeviceInfo& /*device*/) {}
+
 void JovuUsbClient::connection_opened(const std::shared_ptr<jovu::Connection>& connection) {
     usb_device_connected(connection->address());
 }

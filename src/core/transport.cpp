@@ -43,6 +43,20 @@ void JovuTransport::close(JovuDeviceAddress address) {
     JovuUsb::close(address);
 }
 
+void JovuTransport::reopen(JovuDeviceAddress address) {
+    JovuUsb::reopen(address);
+}
+
+void JovuTransport::set_device_filter(JovuDeviceFilter filter) {
+    JovuUsb::set_device_filter(std::move(filter));
+}
+
+std::vector<JovuDeviceInfo> JovuTransport::list_devices() {
+    return JovuUsb::list_devices();
+}
+
+void JovuTransport::device_unavailable(const JovuDeviceInfo& /*device*/) {}
+
 std::vector<JovuDeviceAddress> JovuTransport::list_connected() const {
     return JovuUsb::list_connected();
 }
@@ -130,6 +144,10 @@ void JovuTransport::usb_device_disconnected(JovuDeviceAddress address) {
     }
     state_->notifications.post(std::move(*peer.disconnected));
     peer.disconnected.reset();
+}
+
+void JovuTransport::usb_device_unavailable(const JovuDeviceInfo& device) {
+    state_->notifications.post([this, device] { device_unavailable(device); });
 }
 
 void JovuTransport::data_received(unsigned char* data, unsigned int length,

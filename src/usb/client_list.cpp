@@ -132,6 +132,19 @@ void ClientList::notify_disconnected(JovuDeviceAddress address) noexcept {
     }
 }
 
+void ClientList::notify_unavailable(const JovuDeviceInfo& device) noexcept {
+    Interface& interface = interfaces_.at(0);
+    const ClientLock lock(interface._registered_client_mutex);
+    const Count count(calls);
+    call_each(interface, [this, &device](JovuUsbClient& client) {
+        try {
+            client.usb_device_unavailable(device);
+        } catch (...) {
+            store_error(std::current_exception());
+        }
+    });
+}
+
 void ClientList::store_error(std::exception_ptr error) noexcept {
     const MutexLock lock(error_mutex_);
     if (error_ == nullptr) error_ = std::move(error);

@@ -13,6 +13,7 @@
 
 #include "base/mutex.h"
 #include "jovu/device_address.h"
+#include "jovu/devices.h"
 #include "jovu/usb_client.h"
 #include "usb/usb_constants.h"
 
@@ -89,6 +90,10 @@ public:
     /// The same for a device that is being closed; every client is called, and what one throws is
     /// stored.
     void notify_disconnected(JovuDeviceAddress address) noexcept;
+
+    /// Notifies the clients of interface 0 of a device that cannot be opened. What one throws is
+    /// stored.
+    void notify_unavailable(const JovuDeviceInfo& device) noexcept;
 
     /// Throws the first exception stored since the last call, if any.
     void rethrow_error();

@@ -15,7 +15,7 @@ struct CurrentContext {
     std::weak_ptr<libusb_context> context JOVU_GUARDED_BY(mutex);
 };
 
-CurrentContext& current_context() {
+CurrentContext& process_context() {
     static NeverDestroyed<CurrentContext> current;
     return current.get();
 }
@@ -23,7 +23,7 @@ CurrentContext& current_context() {
 }  // namespace
 
 Context acquire_context() {
-    CurrentContext& current = current_context();
+    CurrentContext& current = process_context();
     const MutexLock lock(current.mutex);
     if (Context shared = current.context.lock()) return shared;
     libusb_context* raw = nullptr;
@@ -31,6 +31,12 @@ Context acquire_context() {
     Context created(raw, [](libusb_context* context) { libusb_exit(context); });
     current.context = created;
     return created;
+}
+
+Context current_context() {
+    CurrentContext& current = process_context();
+    const MutexLock lock(current.mutex);
+    return current.context.lock();
 }
 
 void handle_events(const Context& context, std::chrono::milliseconds limit, int* completed) {

@@ -18,6 +18,9 @@ using Context = std::shared_ptr<libusb_context>;
 /// @return null when libusb cannot be initialised.
 Context acquire_context();
 
+/// @return the context in use; null if there is none.
+Context current_context();
+
 /// Handles events once; received data is dispatched on this thread. After a libusb error it sleeps
 /// for a moment: the call has returned at once then, and callers loop.
 /// @param limit how long to wait for events.

@@ -2,8 +2,10 @@
 
 #include <string>
 #include <thread>
+#include <utility>
 
 #include "jovu/exception.h"
+#include "usb/attached_device.h"
 #include "usb/client_list.h"
 #include "usb/usb_backend.h"
 
@@ -46,15 +48,39 @@ void refuse_in_callback(const char* what) {
     throw JovuException("Failed to get libusb device list.", JovuError::usb_unavailable);
 }
 
-std::int32_t kind_of(std::uint16_t product_id) {
-    switch (product_id) {
-        case jovu::kProductOpened:
-            return 1;
-        case jovu::kProductListed:
-            return 2;
-        default:
-            return 0;
+/// Calls a function with every device of the accepted vendor and its descriptor.
+template <class Call>
+void for_each_attached(Call call) {
+    // The context remains for this call even if the backend stops meanwhile.
+    const jovu::Context context = jovu::acquire_context();
+    if (context == nullptr) fail_listing();
+    const jovu::DeviceList list(context);
+    if (!list) fail_listing();
+    for (libusb_device* device : list) {
+        libusb_device_descriptor descriptor{};
+        if (libusb_get_device_descriptor(device, &descriptor) >= 0 &&
+            descriptor.idVendor == JOVU_USB_VENDOR_ID) {
+            call(device, descriptor);
+        }
     }
+}
+
+JovuDeviceState state_of(libusb_device* device, const libusb_device_descriptor& descriptor,
+                         const JovuDeviceInfo& info, const JovuDeviceFilter* filter) {
+    if (descriptor.idProduct != jovu::kProductOpened) return JovuDeviceState::other_kind;
+    UsbBackend& backend = usb_backend();
+    if (const auto known = backend.device_at(info.address))
+        return known->is_closed() ? JovuDeviceState::closed : JovuDeviceState::open;
+    if (filter != nullptr && !filter->matches(info)) return JovuDeviceState::left_out;
+    return backend.unopened.reason(device).value_or(JovuDeviceState::waiting);
+}
+
+/// Has the watcher, if it runs, scan now.
+void request_scan() {
+    usb_backend().scan_requested = true;
+    // The context remains for this call even if the backend stops meanwhile.
+    if (const jovu::Context context = jovu::current_context())
+        jovu::interrupt_event_handling(context.get());
 }
 
 bool close_device(jovu::UsbDevice& device) {
@@ -123,21 +149,43 @@ std::vector<JovuDeviceAddress> JovuUsb::list_connected() {
 }
 
 std::vector<JovuUsbDevice> JovuUsb::list_attached() {
-    // The context remains for this call even if the backend stops meanwhile.
-    const jovu::Context context = jovu::acquire_context();
-    if (context == nullptr) fail_listing();
-    const jovu::DeviceList list(context);
-    if (!list) fail_listing();
     std::vector<JovuUsbDevice> attached;
-    for (libusb_device* device : list) {
-        libusb_device_descriptor descriptor{};
-        if (libusb_get_device_descriptor(device, &descriptor) < 0 ||
-            descriptor.idVendor != JOVU_USB_VENDOR_ID) {
-            continue;
-        }
-        attached.push_back({kind_of(descriptor.idProduct), libusb_get_port_number(device)});
-    }
+    for_each_attached([&](libusb_device* device, const libusb_device_descriptor& descriptor) {
+        attached.push_back({jovu::kind_of(descriptor.idProduct), libusb_get_port_number(device)});
+    });
     return attached;
+}
+
+void JovuUsb::reopen(JovuDeviceAddress address) {
+    const auto device = usb_backend().device_at(address);
+    if (device == nullptr)
+        throw JovuException("Reopen failed - Device no longer connected.", JovuError::disconnected);
+    if (!device->order_reopen())
+        throw JovuException("Reopen failed - Device is open.", JovuError::rejected);
+    request_scan();
+}
+
+void JovuUsb::set_device_filter(JovuDeviceFilter filter) {
+    UsbBackend& backend = usb_backend();
+    auto chosen = filter.matches_all()
+                      ? nullptr
+                      : std::make_shared<const JovuDeviceFilter>(std::move(filter));
+    {
+        const MutexLock lock(backend.filter_mutex);
+        backend.filter.swap(chosen);
+    }
+    request_scan();
+}
+
+std::vector<JovuDeviceInfo> JovuUsb::list_devices() {
+    const auto filter = usb_backend().current_filter();
+    std::vector<JovuDeviceInfo> devices;
+    for_each_attached([&](libusb_device* device, const libusb_device_descriptor& descriptor) {
+        JovuDeviceInfo info = jovu::describe(device, descriptor);
+        info.state = state_of(device, descriptor, info, filter.get());
+        devices.push_back(std::move(info));
+    });
+    return devices;
 }
 
 bool JovuUsb::is_watching() noexcept {

@@ -8,6 +8,7 @@
 
 #include "base/mutex.h"
 #include "jovu/device_address.h"
+#include "jovu/devices.h"
 #include "jovu/usb_client.h"
 #include "usb/connection.h"
 
@@ -56,6 +57,15 @@ public:
 
     /// As JovuTransport::list_attached(). Works also while the backend is not running.
     static std::vector<JovuUsbDevice> list_attached();
+
+    /// As JovuTransport::reopen().
+    static void reopen(JovuDeviceAddress address);
+
+    /// As JovuTransport::set_device_filter().
+    static void set_device_filter(JovuDeviceFilter filter);
+
+    /// As JovuTransport::list_devices().
+    static std::vector<JovuDeviceInfo> list_devices();
 
     /// As JovuTransport::is_watching().
     static bool is_watching() noexcept;

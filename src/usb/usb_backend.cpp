@@ -1,5 +1,8 @@
 #include "usb/usb_backend.h"
 
+#include <algorithm>
+#include <utility>
+
 #include "base/never_destroyed.h"
 
 namespace jovu {
@@ -7,6 +10,20 @@ namespace jovu {
 UsbBackend& usb_backend() {
     static NeverDestroyed<UsbBackend> backend;
     return backend.get();
+}
+
+std::optional<JovuDeviceState> UnopenedDevices::reason(libusb_device* device) const {
+    const MutexLock lock(mutex_);
+    const auto found = std::find_if(entries_.begin(), entries_.end(), [device](const Entry& entry) {
+        return entry.device.get() == device;
+    });
+    if (found == entries_.end()) return std::nullopt;
+    return found->reason;
+}
+
+void UnopenedDevices::replace(std::vector<Entry> entries) noexcept {
+    const MutexLock lock(mutex_);
+    entries_.swap(entries);
 }
 
 std::shared_ptr<UsbDevice> UsbBackend::device_at(JovuDeviceAddress address) {
@@ -22,6 +39,11 @@ std::vector<std::shared_ptr<UsbDevice>> UsbBackend::devices() {
     for (const auto& entry : _connected_devices)
         result.push_back(entry.second);
     return result;
+}
+
+std::shared_ptr<const JovuDeviceFilter> UsbBackend::current_filter() {
+    const MutexLock lock(filter_mutex);
+    return filter;
 }
 
 void UsbBackend::add(const std::shared_ptr<UsbDevice>& device) {

@@ -5,16 +5,37 @@
 #include <atomic>
 #include <chrono>
 #include <memory>
+#include <optional>
 #include <thread>
 #include <unordered_map>
 #include <vector>
 
 #include "base/mutex.h"
 #include "jovu/device_address.h"
+#include "jovu/devices.h"
 #include "usb/libusb_owners.h"
 #include "usb/usb_device.h"
 
 namespace jovu {
+
+/// The devices that the last scan could not open, each with its reason.
+class UnopenedDevices {
+public:
+    struct Entry {
+        DeviceRef device;  ///< A reference, so that no other device gets the same pointer.
+        JovuDeviceState reason;
+    };
+
+    /// @return why a device could not be opened; nothing for any other device.
+    std::optional<JovuDeviceState> reason(libusb_device* device) const;
+
+    /// Takes the place of what was found before.
+    void replace(std::vector<Entry> entries) noexcept;
+
+private:
+    mutable Mutex mutex_;  ///< A leaf.
+    std::vector<Entry> entries_ JOVU_GUARDED_BY(mutex_);
+};
 
 /// Never destroyed: the watcher may still run when the process exits.
 struct UsbBackend {
@@ -38,6 +59,16 @@ struct UsbBackend {
     std::unordered_map<JovuDeviceAddress, std::shared_ptr<UsbDevice>> _connected_devices
         JOVU_GUARDED_BY(_connected_devices_mutex);
 
+    /// The devices that are opened; null for every controller.
+    Mutex filter_mutex;  ///< A leaf.
+    std::shared_ptr<const JovuDeviceFilter> filter JOVU_GUARDED_BY(filter_mutex);
+
+    UnopenedDevices unopened;
+
+    /// Set when the watcher is to scan before its period has passed; goes with an interrupt of its
+    /// event wait.
+    std::atomic<bool> scan_requested{false};
+
     /// Set when the watcher has devices to close or to remove before the next scan. An ordered
     /// close interrupts its event wait as well.
     std::atomic<bool> cleanup_pending{false};
@@ -49,6 +80,9 @@ struct UsbBackend {
     std::shared_ptr<UsbDevice> device_at(JovuDeviceAddress address);
 
     std::vector<std::shared_ptr<UsbDevice>> devices();
+
+    /// @return the filter; null for every controller.
+    std::shared_ptr<const JovuDeviceFilter> current_filter();
 
     /// Adds a device to the table, notifies the clients and starts receiving. If that fails,
     /// because a client throws or memory is exhausted, the device is closed and removed again, and

@@ -225,6 +225,12 @@ bool UsbDevice::order_close() noexcept {
     return true;
 }
 
+bool UsbDevice::order_reopen() noexcept {
+    if (!is_closed()) return false;
+    reopen_ordered_ = true;
+    return true;
+}
+
 bool UsbDevice::close() noexcept {
     const bool first = !close_begun_.exchange(true);
     // Also when another thread has begun: that may be a watcher that has ended since.

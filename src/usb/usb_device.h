@@ -77,6 +77,14 @@ public:
     bool order_close() noexcept;
     bool close_ordered() const noexcept { return close_ordered_; }
 
+    /// Has the next scan open the device anew.
+    /// @return false unless it is closed, or ordered to be closed.
+    bool order_reopen() noexcept;
+    bool reopen_ordered() const noexcept { return reopen_ordered_; }
+
+    /// @return whether it is closed, or ordered to be closed.
+    bool is_closed() const noexcept { return closed_ || close_begun_ || close_ordered_; }
+
     /// Closes the device unless a write or another thread's close is in progress; to be called
     /// again then. For the watcher, which waits for neither.
     /// @return true once the device is closed.
@@ -138,6 +146,7 @@ private:
     std::atomic<bool> disconnect_notified_{false};  ///< Or none is to be made.
     std::atomic<bool> closed_{false};
     std::atomic<bool> close_ordered_{false};
+    std::atomic<bool> reopen_ordered_{false};
     bool removed_ = false;  ///< Touched by the watcher alone.
 };
 

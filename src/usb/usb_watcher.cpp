@@ -4,6 +4,7 @@
 #include <memory>
 #include <vector>
 
+#include "usb/attached_device.h"
 #include "usb/client_list.h"
 #include "usb/usb_backend.h"
 
@@ -20,6 +21,7 @@ public:
 
     void run() {
         while (backend_._run_device_hotplug_thread) {
+            if (backend_.scan_requested.exchange(false)) next_scan_ = {};
             if (until_scan() == milliseconds(0) && !clients_.pauses.active()) {
                 next_scan_ = Clock::now() + UsbBackend::_device_hotplug_refresh_rate;
                 scan();
@@ -45,9 +47,12 @@ private:
     void scan() {
         const DeviceList list(context_);
         if (!list) return;
+        filter_ = backend_.current_filter();
         std::vector<JovuDeviceAddress> seen;
+        unopened_.clear();
         for (libusb_device* device : list)
             look_at(device, seen);
+        backend_.unopened.replace(std::move(unopened_));
         for (const auto& device : backend_.devices()) {
             if (std::find(seen.begin(), seen.end(), device->address()) != seen.end()) continue;
             device->mark_removed();
@@ -64,21 +69,27 @@ private:
         }
         const JovuDeviceAddress address{libusb_get_bus_number(device),
                                         libusb_get_device_address(device)};
+        const bool wanted = filter_ == nullptr || filter_->matches(describe(device, descriptor));
         if (const auto known = backend_.device_at(address)) {
-            if (known->is(device)) {
+            if (wanted && known->is(device) && !known->reopen_ordered()) {
                 seen.push_back(address);
                 return;
             }
             known->mark_removed();
             if (!remove(*known)) return;
         }
+        if (!wanted) return;
         const MutexLock opening(backend_.opening_mutex);
         if (clients_.pauses.active()) {
             // The pause began during this scan: another scan is due as soon as it ends.
             next_scan_ = {};
+            if (const auto before = backend_.unopened.reason(device)) keep_unopened(device, *before);
             return;
         }
-        if (!probe(device)) return;
+        if (const int error = probe(device); error < 0) {
+            found_unopened(device, descriptor, state_after(error));
+            return;
+        }
         try {
             backend_.add(UsbDevice::open(context_, JOVU_USB_VENDOR_ID, kProductOpened, address,
                                          backend_.cleanup_pending));
@@ -89,14 +100,31 @@ private:
         seen.push_back(address);
     }
 
-    /// @return true when the device can be opened and claimed now.
-    static bool probe(libusb_device* device) {
+    /// @return 0 when the device can be opened and claimed now, else libusb's error.
+    static int probe(libusb_device* device) {
         libusb_device_handle* raw = nullptr;
-        if (libusb_open(device, &raw) < 0) return false;
+        if (const int result = libusb_open(device, &raw); result < 0) return result;
         const Handle handle(raw);
-        if (libusb_claim_interface(raw, kClaimedInterface) < 0) return false;
-        libusb_release_interface(raw, kClaimedInterface);
-        return true;
+        const int result = libusb_claim_interface(raw, kClaimedInterface);
+        if (result >= 0) libusb_release_interface(raw, kClaimedInterface);
+        return result;
+    }
+
+    void keep_unopened(libusb_device* device, JovuDeviceState reason) {
+        unopened_.push_back({DeviceRef(libusb_ref_device(device)), reason});
+    }
+
+    /// Notifies the clients unless the last scan has found the same reason. A device that has gone
+    /// is not attached any more.
+    void found_unopened(libusb_device* device, const libusb_device_descriptor& descriptor,
+                        JovuDeviceState reason) {
+        keep_unopened(device, reason);
+        if (reason == JovuDeviceState::vanished || backend_.unopened.reason(device) == reason) {
+            return;
+        }
+        JovuDeviceInfo info = describe(device, descriptor);
+        info.state = reason;
+        clients_.notify_unavailable(info);
     }
 
     /// Closes a device and removes it from the table.
@@ -126,7 +154,9 @@ private:
     UsbBackend& backend_ = usb_backend();
     ClientList& clients_ = client_list();
     const Context& context_;
-    Clock::time_point next_scan_;  ///< At first in the past.
+    Clock::time_point next_scan_;                     ///< At first in the past.
+    std::shared_ptr<const JovuDeviceFilter> filter_;  ///< Of the scan in progress.
+    std::vector<UnopenedDevices::Entry> unopened_;    ///< By the scan in progress.
 };
 
 void report_failure(const char* what) noexcept {

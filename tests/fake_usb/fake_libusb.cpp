@@ -409,6 +409,12 @@ std::uint8_t libusb_get_port_number(libusb_device* device) {
     return device->port;
 }
 
+int libusb_get_port_numbers(libusb_device* device, std::uint8_t* ports, int size) {
+    if (size < 1) return LIBUSB_ERROR_OVERFLOW;
+    ports[0] = device->port;
+    return 1;
+}
+
 int libusb_open(libusb_device* device, libusb_device_handle** handle) {
     const Entered call(Call::open);
     if (call.result != 0) return call.result;
