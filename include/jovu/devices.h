@@ -28,19 +28,20 @@ JOVU_API const char* jovu_state_name(JovuDeviceState state) noexcept;
 /// One attached device of the accepted vendor.
 struct JovuDeviceInfo {
     JovuDeviceAddress address{};
-    /// Where it is plugged in: the bus and the ports on the way to it, such as "1-2.3". A device that
-    /// is plugged in there anew has the same one.
+    /// Where it is plugged in: the bus and the ports on the way to it, such as "1-2.3". A device
+    /// that is plugged in there anew has the same one.
     std::string port;
     std::int32_t type = 0;  ///< As JovuUsbDevice::type.
     std::string serial;     ///< The serial number; empty when the system does not show it.
     JovuDeviceState state = JovuDeviceState::waiting;
 };
 
-/// Chooses controllers: all of them, or those that match any of its rules. A value, for one thread at
-/// a time.
+/// Chooses controllers: all of them, or those that match any of its rules. A value, for one thread
+/// at a time.
 ///
-/// Serial numbers are read from the system (on Linux from /sys), since a device that is left out must
-/// not be opened. A rule for a serial number matches no device whose number the system does not show.
+/// Serial numbers are read from the system (on Linux from /sys), since a device that is left out
+/// must not be opened. A rule for a serial number matches no device whose number the system does
+/// not show.
 class JOVU_API JovuDeviceFilter {
 public:
     /// Matches every controller.

@@ -61,8 +61,8 @@ public:
     /// watcher thread carries it out.
     static void set_device_filter(JovuDeviceFilter filter);
 
-    /// Every device of the accepted vendor that is on the bus now, with its state in this process, in
-    /// the order of the bus enumeration. Threads: any; opens nothing.
+    /// Every device of the accepted vendor that is on the bus now, with its state in this process,
+    /// in the order of the bus enumeration. Threads: any; opens nothing.
     /// @throws JovuException "Failed to get libusb device list."
     static std::vector<JovuDeviceInfo> list_devices();
 
@@ -92,8 +92,8 @@ public:
     virtual void device_disconnected(JovuDeviceAddress address) = 0;
 
     /// A controller is attached and cannot be opened: not_permitted, in_use or failed. Called once
-    /// for each reason, on a notification thread; must not throw. The library tries again with every
-    /// scan; device_connected() follows when the reason has ended. Empty by default.
+    /// for each reason, on a notification thread; must not throw. The library tries again with
+    /// every scan; device_connected() follows when the reason has ended. Empty by default.
     virtual void device_unavailable(const JovuDeviceInfo& device);
 
     /// Unregisters this object. When it returns, no notification thread and no handler of

@@ -12,10 +12,10 @@
 #include <string>
 #include <vector>
 
-#include "bus/uevents.h"
 #include "bus/file_descriptor.h"
 #include "bus/sim_device.h"
 #include "bus/types.h"
+#include "bus/uevents.h"
 #include "bus/usbfs_node.h"
 
 namespace jovusim {

@@ -151,6 +151,6 @@ JovuDeviceFilter& JovuDeviceFilter::add_address(JovuDeviceAddress address) {
 }
 
 bool JovuDeviceFilter::matches(const JovuDeviceInfo& device) const {
-    return all_ || jovu::contains(serials_, device.serial) ||
-           jovu::contains(ports_, device.port) || jovu::contains(addresses_, device.address);
+    return all_ || jovu::contains(serials_, device.serial) || jovu::contains(ports_, device.port) ||
+           jovu::contains(addresses_, device.address);
 }

@@ -83,7 +83,8 @@ private:
         if (clients_.pauses.active()) {
             // The pause began during this scan: another scan is due as soon as it ends.
             next_scan_ = {};
-            if (const auto before = backend_.unopened.reason(device)) keep_unopened(device, *before);
+            if (const auto before = backend_.unopened.reason(device))
+                keep_unopened(device, *before);
             return;
         }
         if (const int error = probe(device); error < 0) {

@@ -50,6 +50,27 @@ TEST(List, NamesWhatHasADeviceOpen) {
     EXPECT_THAT(jovu("--wait-device 1000 info"), Exits(0, "")) << "waits for what cannot come";
 }
 
+TEST(Programs, ShareTheDevicesOfABus) {
+    const JovuDeviceAddress one{1, 2};
+    const JovuDeviceAddress other{1, 3};
+    plug("1:2");
+    plug("1:3");
+    Program first("events -d 1:2");
+    ASSERT_TRUE(listens(first, one));
+    Program second("events --port 1-3");
+    ASSERT_TRUE(listens(second, other));
+    EXPECT_THAT(jovu("info -s JVS001002"), Exits(3, "cannot open 1:2: "));
+    EXPECT_THAT(jovu("info -s JVS001002").err, HasSubstr("jovu (process "));
+    setenv("JOVU_DEVICE", "NONE", 1);
+    EXPECT_THAT(jovu("info"), Exits(3, "no such device: serial number NONE (attached: 1:"));
+    unsetenv("JOVU_DEVICE");
+    EXPECT_EQ(requests(one, "bio_get_version") + requests(other, "bio_get_version"), 0);
+    for (const char* const device : {"1:2", "1:3"})
+        sim(std::string("replug ") + device);
+    EXPECT_TRUE(listens(first, one)) << "the second program has taken its hot-plug events";
+    EXPECT_TRUE(listens(second, other));
+}
+
 TEST(Status, StartsTheConnectionAgainOnce) {
     const std::string refusal = "fault " + name(plug()) + " claim EBUSY 1 1";
     sim(refusal);  // The probe succeeds, the opening fails.
@@ -81,10 +102,14 @@ TEST(WaitDevice, WaitsForOneToAppear) {
     plug("1:8");
     EXPECT_THAT(any.finish(), Exits(0, "JVS001008"));
 
-    Program chosen("--wait-device 60 -d 1:9 status --json");
-    ASSERT_TRUE(eventually([] { return stats({1, 8})["clients"] == 1; }));
-    plug("1:9");
-    EXPECT_THAT(chosen.finish(), Exits(0, "\"device\":\"1:9\""));
+    const json opens = stats({1, 8})["opens"];
+    for (const char* const options : {"-d 1:9", "-s JVS001009", "--port 1-9"}) {
+        Program chosen(std::string("--wait-device 60 status --json ") + options);
+        plug("1:9");
+        EXPECT_THAT(chosen.finish(), Exits(0, "\"device\":\"1:9\""));
+        sim("unplug 1:9");
+    }
+    EXPECT_EQ(stats({1, 8})["opens"], opens) << "another device is not even probed";
 }
 
 TEST(Status, ShowsTheReportAndRepeatsIt) {

@@ -62,13 +62,13 @@ TEST(Ends, WithoutADevice) {
         {"", "--wait-device 0.2 status", 3, "no device"},
         {"plug 1:3 product=0003", "status", 3, "of another kind ('jovu list' shows them)"},
         {"plug 1:4 product=00df", "status", 3, "1:4 is in DFU mode ('jovu update IMAGE' writes"},
-        {"plug 1:2", "status -d 9:9", 3, "no such device: 9:9 (connected: 1:2)"},
+        {"plug 1:2", "status -d 9:9", 3, "no such device: 9:9 (attached: 1:2 serial JVS001002)"},
         {"", "status -d 1:4", 3, "1:4 is in DFU mode"},
         {"", "--wait-device 0.2 -d 7:7 status", 3, "no such device: 7:7"},
         {"fault 1:2 open", "status", 3, "cannot open 1:2: /dev/bus/usb/001/002: Is a directory"},
-        {"", "status -d 9:9", 3, "no such device: 9:9 (--wait-device SECONDS"},
         {"plug 1:7", "-d 9:9 info", 3, "no such device: 9:9"},
-        {"plug 1:6", "gcode G28 --json", 4, "1:6, 1:7 (choose one with -d BUS:ADDR)"},
+        {"plug 1:6", "gcode G28 --json", 4,
+         "1:6 serial JVS001006, 1:7 serial JVS001007 (choose one with -d, -s or --port)"},
     };
     for (const auto& [request, line, status, told] : rows) {
         if (*request != 0) sim(request);
@@ -154,9 +154,11 @@ TEST(Interrupt, EndsWhatGoesOnForEver) {
     std::this_thread::sleep_for(std::chrono::milliseconds(300));
     expect_interrupted(measuring, "nothing was sent");
 
-    Program waiting("status -d 9:9 --wait-device 1000");
-    ASSERT_TRUE(eventually([&] { return stats(device)["opens"] >= 8; }));
+    sim("fault " + name(device) + " claim EBUSY always");
+    Program waiting("status --wait-device 1000");
+    ASSERT_TRUE(eventually([&] { return stats(device)["refused_claims"] > 0; }));
     expect_interrupted(waiting, "");
+    sim("fault " + name(device) + " clear");
 
     Program plain("status --watch --interval 0.1");
     ASSERT_TRUE(plain.writes("idle"));

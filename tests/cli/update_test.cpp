@@ -218,7 +218,7 @@ TEST_F(Update, IsNotBegunWhenItCannotEndWell) {
         {content_, "vendor=1209 serial=X", "--serial X", 3, "of another vendor: in DFU mode X "},
         {content_, "serial=A-B", "--serial A-B", 3, "must be of letters and digits"},
         {content_, "serial=X", "--serial NONE", 3, "no device with serial number NONE"},
-        {content_, "", chosen + " --serial X", 3, ", not X"},
+        {content_, "", chosen + " --serial X", 2, "--device excludes --serial"},
         {content_, "serial=X", "-d 7:7", 3, "no such device: 7:7"},
         {content_, "serial=X", "", 4, ", in DFU mode X (7a1c:00df at 1-"},
     };

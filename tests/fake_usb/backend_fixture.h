@@ -25,7 +25,7 @@ inline constexpr JovuDeviceAddress kAddress{1, 5};
 inline constexpr unsigned kMessagesIn = 0x81, kJobsIn = 0x83;
 
 /// The callbacks of clients, in order: "a+1.5" (client a: device 1.5 connected), "a-1.5"
-/// (disconnected), "a<1.5 abc" (sent abc).
+/// (disconnected), "a<1.5 abc" (sent abc), "a!1.5 in_use" (cannot be opened).
 class Journal {
 public:
     void add(std::string entry) {
@@ -69,6 +69,10 @@ public:
     void data_received(unsigned char* data, unsigned int length,
                        JovuDeviceAddress address) override {
         note('<', address, " " + std::string(data, data + length), data);
+    }
+
+    void usb_device_unavailable(const JovuDeviceInfo& device) override {
+        note('!', device.address, std::string(" ") + jovu_state_name(device.state));
     }
 
 private:

@@ -82,6 +82,55 @@ TEST_F(Watcher, PassesOverWhatCannotBeOpenedNowAndEndsWhenItCannotBeAfterItsProb
     }
 }
 
+/// @return the state of each attached device, in the order of the bus: "1-1 open".
+std::vector<std::string> states() {
+    std::vector<std::string> states;
+    for (const JovuDeviceInfo& device : JovuUsb::list_devices())
+        states.push_back(device.port + " " + jovu_state_name(device.state));
+    return states;
+}
+
+TEST_F(Watcher, OpensWhatTheFilterMatchesAndTellsWhatItCannotOpen) {
+    fake_usb::plug(1, 6, 0x0002, 0x7A1C, 2);
+    fake_usb::plug(1, 7, 0x0003, 0x7A1C, 3);
+    const auto filter = [] { return JovuDeviceFilter(); };
+    {
+        EXPECT_THAT(states(), ElementsAre("1-2 waiting", "1-3 other_kind"));
+        JovuUsb::set_device_filter(filter().add_port("1-1").add_serial("S"));
+        const Backend backend(journal);
+        EXPECT_THAT(states(), ElementsAre("1-2 left_out", "1-3 other_kind", "1-1 open"));
+        EXPECT_EQ(fake_usb::calls(Call::open), 2U) << "neither opened nor probed";
+
+        // At once: the watcher is woken. A reason is told again only after another one.
+        fake_usb::script(Call::open, {kAccess, kAccess, 0, kIo});
+        fake_usb::script(Call::claim, {kBusy});
+        JovuUsb::set_device_filter(filter().add_address({1, 6}));
+        EXPECT_TRUE(journal.wait("b-1.5") && journal.wait("a!1.6 not_permitted"));
+        EXPECT_THAT(states(), ElementsAre("1-2 not_permitted", "1-3 other_kind", "1-1 left_out"));
+        EXPECT_TRUE(journal.wait("b+1.6"));
+
+        EXPECT_EQ(error_of([] { JovuUsb::reopen({1, 6}); }), "Reopen failed - Device is open.");
+        JovuUsb::close({1, 6});
+        EXPECT_EQ(states()[0], "1-2 closed");
+        JovuUsb::reopen({1, 6});
+        EXPECT_TRUE(journal.wait("b+1.6", 2));
+        EXPECT_EQ(error_of([] { JovuUsb::reopen(kAddress); }),
+                  "Reopen failed - Device no longer connected.");
+        JovuUsb::set_device_filter(JovuDeviceFilter::none());
+        EXPECT_TRUE(journal.wait("b-1.6", 2));
+        JovuUsb::set_device_filter({});
+        EXPECT_TRUE(journal.wait("b+1.6", 3) && journal.wait("b+1.5", 2));
+    }
+    const auto all = journal.entries();
+    EXPECT_EQ(std::count(all.begin(), all.end(), "a!1.6 not_permitted"), 1);
+    EXPECT_EQ(std::count(all.begin(), all.end(), "a!1.6 in_use"), 1);
+    EXPECT_EQ(std::count(all.begin(), all.end(), "a!1.6 failed"), 1);
+    for (const char* const port :
+         {"", "1", "1-", "-1", "1-2.", "1-2..3", "1-2-3", "1-1000", "a-1", "1-1.1.1.1.1.1.1.1"}) {
+        EXPECT_EQ(error_of([=] { filter().add_port(port); }), std::string("Not a port: ") + port);
+    }
+}
+
 TEST_F(Watcher, KeepsADeviceThatCannotReceiveClosed) {
     for (const bool first : {true, false}) {
         Journal seen;

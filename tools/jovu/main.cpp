@@ -1,6 +1,7 @@
 /// @file
 /// The program `jovu`: runs a command and turns its result into an exit status.
 
+#include <cstdlib>
 #include <exception>
 #include <string>
 
@@ -21,7 +22,12 @@ int finish(const Failure& failure) {
 
 int run(int argc, const char* const* argv, const FileDescriptor& output, StopSource& stop) {
     try {
-        const Request request = parse_command_line(argc, argv);
+        Request request = parse_command_line(argc, argv);
+        // NOLINTNEXTLINE(concurrency-mt-unsafe): nothing in the program changes the environment.
+        const char* const chosen = std::getenv("JOVU_DEVICE");
+        if (!request.options.chooses_device() && chosen != nullptr && *chosen != 0) {
+            choose_device(request.options, chosen);
+        }
         Output out(output, stop, request.options.json);
         if (request.run) {
             request.run(Context{request.options, out, stop});

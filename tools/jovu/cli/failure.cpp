@@ -11,7 +11,7 @@ const std::array<ExitCodeRow, 10> kExitCodes{{
     {ExitCode::usage, "wrong usage: unknown command or option, or an invalid value"},
     {ExitCode::no_device,
      "no device: none attached, none that can be opened, or not the one chosen"},
-    {ExitCode::several_devices, "several devices are connected and none was chosen with -d"},
+    {ExitCode::several_devices, "several devices are connected and none was chosen"},
     {ExitCode::exchange_failed,
      "an exchange with the device failed or timed out, or it was unplugged"},
     {ExitCode::device_refused, "the device refused the request"},

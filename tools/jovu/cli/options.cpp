@@ -7,6 +7,8 @@
 #include <tuple>
 #include <utility>
 
+#include "jovu/exception.h"
+
 namespace jovu_cli {
 namespace {
 
@@ -35,6 +37,36 @@ std::optional<JovuDeviceAddress> parse_address(const std::string& value) {
         return std::nullopt;
     }
     return JovuDeviceAddress{*bus, *address};
+}
+
+JovuDeviceFilter CommonOptions::filter() const {
+    JovuDeviceFilter filter;
+    if (device) {
+        filter.add_address(*device);
+    }
+    if (!serial.empty()) {
+        filter.add_serial(serial);
+    }
+    if (!port.empty()) {
+        filter.add_port(port);
+    }
+    return filter;
+}
+
+void choose_device(CommonOptions& options, const std::string& value) {
+    options.device = parse_address(value);
+    if (!options.device) {
+        (is_port(value) ? options.port : options.serial) = value;
+    }
+}
+
+bool is_port(const std::string& value) {
+    try {
+        JovuDeviceFilter().add_port(value);
+        return true;
+    } catch (const JovuException&) {
+        return false;
+    }
 }
 
 std::string to_string(JovuDeviceAddress address) {

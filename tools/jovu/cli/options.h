@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "jovu/device_address.h"
+#include "jovu/devices.h"
 
 namespace CLI {
 class App;
@@ -22,15 +23,31 @@ constexpr int kMaxSeconds = 7 * 24 * 60 * 60;
 
 /// The options of every command; they may stand before or after its name.
 struct CommonOptions {
+    /// @name The chosen device: by one of these or none of them.
+    /// @{
     std::optional<JovuDeviceAddress> device;
+    std::string serial;
+    std::string port;  ///< As JovuDeviceInfo::port.
+    /// @}
     /// How long to wait for a device to appear; without a value, only for attached devices.
     std::optional<std::chrono::milliseconds> wait_device;
     bool json = false;
+
+    bool chooses_device() const { return device || !serial.empty() || !port.empty(); }
+    /// @return a filter for the chosen device; for every device when none is chosen.
+    JovuDeviceFilter filter() const;
 };
+
+/// Chooses a device by the value of the environment variable JOVU_DEVICE: an address, a port or a
+/// serial number.
+void choose_device(CommonOptions& options, const std::string& value);
 
 /// Reads "BUS:ADDR", two decimal numbers 0 to 255; leading zeros are allowed, as in `lsusb`.
 /// @return nothing for any other string.
 std::optional<JovuDeviceAddress> parse_address(const std::string& value);
+
+/// @return whether this is where a device can be plugged in, such as "1-2.3".
+bool is_port(const std::string& value);
 
 /// @return "BUS:ADDR".
 std::string to_string(JovuDeviceAddress address);

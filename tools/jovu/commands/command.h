@@ -85,9 +85,7 @@ class SessionLease {
 public:
     /// @throws Failure when the USB connection cannot be started.
     SessionLease(const Context& context, Interest interest)
-        : session_(context.session != nullptr
-                       ? context.session
-                       : &own_.emplace(context.options, context.stop, interest)) {
+        : session_(context.session != nullptr ? context.session : &own(context, interest)) {
         if (!own_) {
             session_->begin(context.options, interest);
         }
@@ -100,6 +98,12 @@ public:
     Session& session() const noexcept { return *session_; }
 
 private:
+    /// The devices that the command is not for stay free for other programs.
+    Session& own(const Context& context, Interest interest) {
+        Client::set_device_filter(context.options.filter());
+        return own_.emplace(context.options, context.stop, interest);
+    }
+
     std::optional<Session> own_;
     Session* session_;
 };

@@ -16,22 +16,50 @@ constexpr const char* kPurpose =
 
 constexpr const char* kNotes =
     "With --json, standard output carries JSON only; commands that report repeatedly write one\n"
-    "object per line. Errors and diagnostics go to standard error.\n";
+    "object per line. Errors and diagnostics go to standard error.\n"
+    "With several devices attached, -d, -s or --port chooses one; without them JOVU_DEVICE does, "
+    "if\n"
+    "it is set: an address, a port or a serial number. The others are left to other programs.\n";
 
 constexpr const char* kCommonOptionsNote =
     "Options of every command, such as -d and --json: see jovu --help.";
 
 void add_common_options(CLI::App& app, CommonOptions& options) {
+    CLI::Option* const device =
+        app.add_option_function<std::string>(
+               "-d,--device",
+               [&options](const std::string& value) {
+                   options.device = parse_address(value);
+                   if (!options.device) {
+                       throw CLI::ValidationError("not a device address BUS:ADDR: " + value);
+                   }
+               },
+               "Use the device at this address, 0 to 255 each")
+            ->type_name("BUS:ADDR");
+    CLI::Option* const serial =
+        app.add_option_function<std::string>(
+               "-s,--serial",
+               [&options](const std::string& value) {
+                   if (value.empty()) {
+                       throw CLI::ValidationError("a serial number must not be empty");
+                   }
+                   options.serial = value;
+               },
+               "Use the device with this serial number")
+            ->type_name("SERIAL")
+            ->excludes(device);
     app.add_option_function<std::string>(
-           "-d,--device",
+           "--port",
            [&options](const std::string& value) {
-               options.device = parse_address(value);
-               if (!options.device) {
-                   throw CLI::ValidationError("not a device address BUS:ADDR: " + value);
+               if (!is_port(value)) {
+                   throw CLI::ValidationError("not a port BUS-PORT[.PORT...]: " + value);
                }
+               options.port = value;
            },
-           "Use this device, 0 to 255 each; needed with several")
-        ->type_name("BUS:ADDR");
+           "Use the device that is plugged in there, such as 1-2.3")
+        ->type_name("PORT")
+        ->excludes(device)
+        ->excludes(serial);
     add_seconds_option(app, "--wait-device", options.wait_device,
                        "Wait for a device to appear, 0 to 604800");
     app.add_flag("--json", options.json, "Write JSON, for programs");

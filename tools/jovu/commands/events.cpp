@@ -39,7 +39,7 @@ void run_events(const Context& context, const EventOptions& options) {
 Run define_events(CLI::App& app) {
     const auto options = std::make_shared<EventOptions>();
     app.footer("Prints debug messages and servo trace samples as they arrive, until Ctrl-C.");
-    add_seconds_option(app, "-s,--seconds", options->limit, "Stop after this time, 0 to 604800");
+    add_seconds_option(app, "--seconds", options->limit, "Stop after this time, 0 to 604800");
     return [options](const Context& context) { run_events(context, *options); };
 }
 

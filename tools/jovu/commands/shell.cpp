@@ -182,7 +182,7 @@ private:
             return;
         }
         CommonOptions& options = request.options;
-        names_device_ = options.device.has_value();
+        names_device_ = options.chooses_device();
         options.device = names_device_ ? options.device : devices_.chosen();
         options.wait_device = options.wait_device ? options.wait_device : options_.wait_device;
         options.json = options.json || options_.json;
@@ -275,6 +275,9 @@ private:
         }
         if (!session_) {
             devices_.clear_connections();
+            // A device that was chosen by its address is followed to its next one.
+            const CommonOptions& chosen = context_.options;
+            Client::set_device_filter(chosen.device ? JovuDeviceFilter() : chosen.filter());
             session_.emplace(options_, context_.stop, Interest{});
             session_->notifications().fill_side_queue(events_);
             session_->set_pick_check([this](JovuDeviceAddress address) {

@@ -307,7 +307,7 @@ Run define_trace(CLI::App& app) {
     app.add_option("SERVO", options->servo, "The servo's number, -32768 to 32767")
         ->type_name("")
         ->required();
-    add_seconds_option(app, "-s,--seconds", options->limit, "Stop after this time, 0 to 604800");
+    add_seconds_option(app, "--seconds", options->limit, "Stop after this time, 0 to 604800");
     CLI::Option* csv =
         app.add_option("--csv", options->csv, "Write the samples to a file")->type_name("FILE");
     CLI::Option* plot =

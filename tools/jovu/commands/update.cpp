@@ -25,6 +25,7 @@ namespace {
 struct UpdateOptions {
     std::string image;
     std::string serial;                       ///< Of the device to update; empty for any.
+    std::string port;                         ///< Likewise, where it is plugged in.
     bool yes = false;                         ///< Do not ask.
     bool force = false;                       ///< Write also an image that the checks refuse.
     std::optional<JovuDeviceAddress> device;  ///< Likewise, by its address.
@@ -98,7 +99,8 @@ private:
         std::vector<ListedDevice> devices = listing.devices;
         const auto unwanted = [&](const ListedDevice& device) {
             return !is_controller(device) ||
-                   (!options_.serial.empty() && device.id.serial != options_.serial);
+                   (!options_.serial.empty() && device.id.serial != options_.serial) ||
+                   (!options_.port.empty() && device.path != options_.port);
         };
         devices.erase(std::remove_if(devices.begin(), devices.end(), unwanted), devices.end());
         if (!options_.serial.empty()) {
@@ -334,8 +336,12 @@ void run_update(const Context& context, const UpdateOptions& options) {
     DfuTool
         tool;  // Before the session: no other thread runs while it changes the working directory.
     const SessionLease lease(context, Interest{});
+    // The device may come back with another address and another serial number.
+    Client::set_device_filter(JovuDeviceFilter());
     UpdateOptions chosen = options;
     chosen.device = context.options.device;
+    chosen.serial = context.options.serial;
+    chosen.port = context.options.port;
     Update(context, lease.session(), tool, image, chosen).run();
     context.stop.throw_if_stopped();
 }
@@ -345,8 +351,6 @@ Run define_update(CLI::App& app) {
     app.add_option("IMAGE", options->image, "The firmware image, at most 16 MiB")
         ->type_name("")
         ->required();
-    app.add_option("--serial", options->serial, "Update the device with this serial number")
-        ->type_name("SERIAL");
     app.add_flag("-y,--yes", options->yes, "Do not ask; needed without a terminal");
     app.add_flag("--force", options->force, "Write an image that the checks refuse");
     app.footer(

@@ -4,6 +4,7 @@
 #include <chrono>
 
 #include "terminal/output.h"
+#include "terminal/printable.h"
 
 namespace jovu_cli {
 namespace {
@@ -33,6 +34,45 @@ constexpr const char* kWaitHint = "--wait-device SECONDS waits for one";
 
 bool contains(const std::vector<JovuDeviceAddress>& addresses, JovuDeviceAddress address) {
     return std::find(addresses.begin(), addresses.end(), address) != addresses.end();
+}
+
+bool contains(const std::vector<JovuDeviceInfo>& devices, JovuDeviceAddress address) {
+    return std::any_of(devices.begin(), devices.end(), [address](const JovuDeviceInfo& device) {
+        return device.address == address;
+    });
+}
+
+std::vector<JovuDeviceInfo> controllers(std::vector<JovuDeviceInfo> devices) {
+    const auto is_other = [](const JovuDeviceInfo& device) {
+        return device.type != kControllerType;
+    };
+    devices.erase(std::remove_if(devices.begin(), devices.end(), is_other), devices.end());
+    return devices;
+}
+
+/// @return what is known of the devices at these addresses.
+std::vector<JovuDeviceInfo> look_up(const std::vector<JovuDeviceAddress>& addresses) {
+    std::vector<JovuDeviceInfo> devices = JovuClient::list_devices();
+    const auto is_other = [&](const JovuDeviceInfo& device) {
+        return !contains(addresses, device.address);
+    };
+    devices.erase(std::remove_if(devices.begin(), devices.end(), is_other), devices.end());
+    return devices;
+}
+
+/// @return the devices with their serial numbers, separated by ", ".
+std::string describe(std::vector<JovuDeviceInfo> devices) {
+    std::sort(devices.begin(), devices.end(), [](const auto& one, const auto& another) {
+        return comes_before(one.address, another.address);
+    });
+    std::string list;
+    for (const JovuDeviceInfo& device : devices) {
+        list += (list.empty() ? "" : ", ") + to_string(device.address);
+        if (!device.serial.empty()) {
+            list += " serial " + printable(device.serial);
+        }
+    }
+    return list;
 }
 
 std::string without_period(std::string message) {
@@ -95,11 +135,12 @@ std::vector<JovuDeviceAddress> Session::find_devices() {
         }
         const std::vector<JovuDeviceAddress> usable = usable_devices();
         std::vector<JovuDeviceAddress> devices = usable;
-        if (options_.device) {
-            devices.clear();
-            if (contains(usable, *options_.device)) {
-                devices.push_back(*options_.device);
-            }
+        if (options_.chooses_device()) {
+            const std::vector<JovuDeviceInfo> chosen = chosen_devices();
+            const auto is_other = [&](JovuDeviceAddress address) {
+                return !contains(chosen, address);
+            };
+            devices.erase(std::remove_if(devices.begin(), devices.end(), is_other), devices.end());
         }
         if (!worth_waiting(usable, !devices.empty())) {
             return devices;
@@ -124,8 +165,8 @@ JovuDeviceAddress Session::pick_device() {
         throw_no_device();
     }
     if (devices.size() > 1) {
-        throw Failure(ExitCode::several_devices, "several devices: " + to_string(devices),
-                      "choose one with -d BUS:ADDR");
+        throw Failure(ExitCode::several_devices, "several devices: " + describe(look_up(devices)),
+                      "choose one with -d, -s or --port");
     }
     check_pick(devices.front());
     return devices.front();
@@ -134,7 +175,7 @@ JovuDeviceAddress Session::pick_device() {
 /// Whether a device for the command may still connect.
 /// @param found whether a device for the command is connected.
 bool Session::worth_waiting(const std::vector<JovuDeviceAddress>& usable, bool found) {
-    if (options_.device && found) {
+    if (options_.chooses_device() && found) {
         return false;
     }
     if (options_.wait_device && !found) {
@@ -161,9 +202,19 @@ bool Session::is_connected(JovuDeviceAddress address) const {
 }
 
 std::size_t Session::attached_controllers() {
-    const std::vector<JovuUsbDevice> attached = client_->list_attached();
-    const auto is_controller = [](const JovuUsbDevice& d) { return d.type == kControllerType; };
-    return static_cast<std::size_t>(std::count_if(attached.begin(), attached.end(), is_controller));
+    const std::vector<JovuDeviceInfo> attached = Client::list_devices();
+    const auto is_opened = [](const JovuDeviceInfo& device) {
+        return device.type == kControllerType && device.state != JovuDeviceState::left_out;
+    };
+    return static_cast<std::size_t>(std::count_if(attached.begin(), attached.end(), is_opened));
+}
+
+std::vector<JovuDeviceInfo> Session::chosen_devices() const {
+    const JovuDeviceFilter filter = options_.filter();
+    std::vector<JovuDeviceInfo> devices = Client::list_devices();
+    const auto is_other = [&](const JovuDeviceInfo& device) { return !filter.matches(device); };
+    devices.erase(std::remove_if(devices.begin(), devices.end(), is_other), devices.end());
+    return devices;
 }
 
 std::vector<UnopenedController> Session::unopened_controllers() const {
@@ -182,9 +233,8 @@ void Session::throw_no_device() {
     const auto failure = [](const std::string& what, const std::string& hint) {
         return Failure(ExitCode::no_device, what, hint);
     };
-    const auto wanted = [this](JovuDeviceAddress address) {
-        return !options_.device || address == *options_.device;
-    };
+    const std::vector<JovuDeviceInfo> chosen = chosen_devices();
+    const auto wanted = [&](JovuDeviceAddress address) { return contains(chosen, address); };
     std::string reasons;
     std::string hint;
     for (const auto& [address, obstacle] : unopened_controllers()) {
@@ -209,9 +259,13 @@ void Session::throw_no_device() {
         throw failure("no device can be opened, although one is attached",
                       "another program holds it, or you have no permission: " + permission_hint());
     }
-    if (options_.device) {
-        throw failure("no such device: " + to_string(*options_.device),
-                      connected.empty() ? kWaitHint : "connected: " + to_string(connected));
+    if (options_.chooses_device()) {
+        const std::string name = options_.device          ? to_string(*options_.device)
+                                 : !options_.port.empty() ? "port " + options_.port
+                                                          : "serial number " + options_.serial;
+        const std::string others = describe(controllers(Client::list_devices()));
+        throw failure("no such device: " + name,
+                      others.empty() ? kWaitHint : "attached: " + others);
     }
     if (!connected.empty()) {  // Opened a moment ago.
         throw failure("no device is ready yet: " + to_string(connected), kWaitHint);

@@ -160,6 +160,8 @@ private:
                        const JovuException& error) const;
     bool worth_waiting(const std::vector<JovuDeviceAddress>& usable, bool found);
     std::size_t attached_controllers();
+    /// @return the attached devices that match the options; all when none is chosen.
+    std::vector<JovuDeviceInfo> chosen_devices() const;
     void drop_stale_reports(JovuDeviceAddress address);
     void close_on_signal(JovuDeviceAddress address, Stop reason);
     void close(JovuDeviceAddress address) noexcept;
