@@ -29,9 +29,10 @@ class JovuTransport;
 /// first element is sent, however long it is.
 ///
 /// Threads: any, also several at once; exchanges with one device are serialised. An exchange takes
-/// at most 15 s when the device does not respond. In a handler that is called with received data
-/// (events, job-channel callbacks) every command fails at once, since its response could not be
-/// received while that handler runs.
+/// at most 15 s when the device does not respond (see JovuTransport::set_response_timeout(),
+/// JovuResponseTimeout and JovuTransport::cancel_exchanges()). In a handler that is called with
+/// received data (events, job-channel callbacks) every command fails at once, since its response
+/// could not be received while that handler runs.
 class JOVU_API JovuCommandInterface {
 public:
     /// @param transport sends the commands; must outlive this object.
