@@ -60,6 +60,14 @@ TEST(WaitingRequests, AreWokenByWhatIsTheirsWhileOthersComeAndGo) {
     second.reset();
     table.wake_all();
     EXPECT_FALSE(woken());
+
+    jovu::CancellableExchanges::Ticket cancelled(exchanges);
+    const Entry third(table, another, signal, connection, cancelled);
+    EXPECT_EQ(exchanges.cancel_all(), 1U) << "the first ticket's exchange has its response";
+    respond(9);
+    EXPECT_FALSE(woken() || another.response_available());
+    table.wake_cancelled();
+    EXPECT_TRUE(woken());
 }
 
 }  // namespace
