@@ -7,6 +7,7 @@
 #include "jovu/device_address.h"
 #include "jovu/export.h"
 #include "jovu/firmware_types.h"
+#include "jovu/text.h"
 
 class JovuTransport;
 
@@ -21,17 +22,20 @@ class JovuTransport;
 /// or null and last_send_error() is empty.
 ///
 /// Arguments: values are passed through unchanged, units and ranges are the firmware's where
-/// nothing else is said. Refused before anything is sent, as a failed exchange: a null pointer, and
-/// NaN and infinity, which cannot be represented in JSON.
+/// nothing else is said. Refused before anything is sent, as a failed exchange: a null pointer,
+/// NaN and infinity, which cannot be represented in JSON, and a zero byte in a string that carries
+/// its length. Every command with a string has an overload that takes what converts to a
+/// `std::string_view` in place of the `std::shared_ptr<char>`.
 ///
 /// Buffers and structures behind a `std::shared_ptr` are read, never written: whatever a device
 /// sends back under an argument's name is not copied into the caller's memory. Of a buffer only the
 /// first element is sent, however long it is.
 ///
 /// Threads: any, also several at once; exchanges with one device are serialised. An exchange takes
-/// at most 15 s when the device does not respond. In a handler that is called with received data
-/// (events, job-channel callbacks) every command fails at once, since its response could not be
-/// received while that handler runs.
+/// at most 15 s when the device does not respond (see JovuTransport::set_response_timeout(),
+/// JovuResponseTimeout and JovuTransport::cancel_exchanges()). In a handler that is called with
+/// received data (events, job-channel callbacks) every command fails at once, since its response
+/// could not be received while that handler runs.
 class JOVU_API JovuCommandInterface {
 public:
     /// @param transport sends the commands; must outlive this object.
@@ -70,11 +74,14 @@ public:
     /// @param command the line, a non-null NUL-terminated string.
     gcode_process_result_t gcode_process_command(JovuDeviceAddress address,
                                                  std::shared_ptr<char> command);
+    gcode_process_result_t gcode_process_command(JovuDeviceAddress address,
+                                                 JovuTextArgument command);
 
     /// Run a macro stored in the controller.
     /// @param macro its name, a non-null NUL-terminated string.
     gcode_process_result_t gcode_process_macro(JovuDeviceAddress address,
                                                std::shared_ptr<char> macro);
+    gcode_process_result_t gcode_process_macro(JovuDeviceAddress address, JovuTextArgument macro);
 
     /// @}
     /// @name Heater
@@ -159,12 +166,18 @@ public:
     int wifi_set_auto_connect_ssid_configuration_item(JovuDeviceAddress address,
                                                       wifi_interface_t interface_t,
                                                       std::shared_ptr<char> auto_connect_ssid);
+    int wifi_set_auto_connect_ssid_configuration_item(JovuDeviceAddress address,
+                                                      wifi_interface_t interface_t,
+                                                      JovuTextArgument auto_connect_ssid);
 
     /// Set the key of the network that the interface joins automatically.
     /// @param auto_connect_key a non-null NUL-terminated string.
     int wifi_set_auto_connect_key_configuration_item(JovuDeviceAddress address,
                                                      wifi_interface_t interface_t,
                                                      std::shared_ptr<char> auto_connect_key);
+    int wifi_set_auto_connect_key_configuration_item(JovuDeviceAddress address,
+                                                     wifi_interface_t interface_t,
+                                                     JovuTextArgument auto_connect_key);
 
     /// Set the whole configuration of a Wi-Fi interface.
     /// @param cmd which part of the configuration counts, the firmware's own value.

@@ -13,7 +13,7 @@ enum class JovuError {
     unspecified,         ///< A failure that the text alone describes.
     rejected,            ///< Refused before anything was sent: an argument, a size, the wrong time.
     in_callback,         ///< Not possible on a thread that is in a callback of the library.
-    disconnected,        ///< The device is not open: unplugged, closed, or never opened.
+    disconnected,        ///< The device is not open: unplugged, or never opened.
     shut_down,           ///< The client's shutdown() has begun.
     send_timed_out,      ///< The device takes no data. It may have taken a part.
     stalled,             ///< The device has stalled the endpoint.
@@ -24,7 +24,14 @@ enum class JovuError {
     not_permitted,       ///< The system denies access to the device.
     file_unreadable,     ///< A file cannot be opened or read.
     tool_failed,         ///< dfu-util cannot be run, or failed.
+    closed,              ///< close() has closed the device, which is still attached.
+    busy,                ///< The system or libusb reports that the device is busy.
+    cancelled,           ///< JovuTransport::cancel_exchanges() has ended the exchange.
 };
+
+/// The name of a code, as the enumeration spells it, for logs. Threads: any.
+/// @return a string that is never freed; "unknown" for a value that is not in the enumeration.
+JOVU_API const char* jovu_error_name(JovuError code) noexcept;
 
 /// The only exception type that the library throws of its own accord. Carries one fixed English
 /// sentence, followed by the offending value where there is one.

@@ -3,8 +3,10 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <cstdio>
+#include <functional>
 #include <memory>
 #include <string>
 
@@ -31,6 +33,15 @@ public:
 private:
     std::atomic<bool> cancelled_{false};
     static_assert(std::atomic<bool>::is_always_lock_free, "cancel() is called in signal handlers");
+};
+
+/// How far a push has come.
+struct JovuPushProgress {
+    std::uint64_t sent = 0;   ///< Bytes that the device has taken, filler included.
+    std::uint64_t total = 0;  ///< Bytes announced: the size of the job.
+    double percent = 0;       ///< 0.0 at the start, capped at 99.9 meanwhile, 100.0 at the end.
+    std::string job_id;       ///< Of the push; empty from JovuJobInterface::SendJobFile().
+    bool filler = false;      ///< The rest is filler: the push has been cancelled or cut short.
 };
 
 /// How a push that can be cancelled has ended. In each case the device waits for no more job data.
@@ -113,6 +124,21 @@ public:
     ///     "Send failed - The client has been shut down." after shutdown().
     void RequestStatus(JovuDeviceAddress address);
 
+    /// Requests a status report and waits for it. Reports carry no number, so the one returned is
+    /// the first that arrives after the call has begun, also when an earlier request asked for it.
+    /// StatusReceived() is called with it as well.
+    ///
+    /// Threads: any but one in a callback with received data; several may wait for one device. The
+    /// wait ends at once when the device is disconnected or closed, and on shutdown().
+    /// @param limit 10 ms to 24 h. A device that takes no data may prolong the call by the time
+    /// that
+    ///     RequestStatus() takes to fail, some seconds.
+    /// @throws JovuException as RequestStatus(); "Status failed - ..." with
+    ///     JovuError::response_timed_out when no report arrives in time, JovuError::disconnected or
+    ///     JovuError::closed when the device leaves meanwhile, JovuError::in_callback at once in a
+    ///     callback; JovuError::rejected for a limit out of range.
+    StatusMsg wait_for_status(JovuDeviceAddress address, std::chrono::milliseconds limit);
+
     /// Requests that a device pause its job, or resume it if it is paused: look at a status report
     /// first. Devices without a job ignore it.
     /// @throws JovuException as RequestStatus().
@@ -169,6 +195,15 @@ public:
     [[nodiscard]] JovuPushResult SendJobFile(JovuDeviceAddress address, std::string path,
                                              Progress progress, void* user, bool compressed,
                                              const JovuPushCancel& cancel);
+
+    /// The same with a function object as the callback, which is called as often.
+    /// @param progress called on this thread; may be empty. An exception that it throws ends the
+    ///     push and passes on. It may call shutdown(), but must not destroy this object.
+    /// @param cancel outlives the call.
+    /// @throws JovuException as the other overloads; the device then waits for the rest of the job.
+    [[nodiscard]] JovuPushResult SendJobFile(
+        JovuDeviceAddress address, const std::string& path,
+        const std::function<void(const JovuPushProgress&)>& progress, const JovuPushCancel& cancel);
 
     /// The push itself, on an open file that stays the caller's and open.
     /// @param file a stream that can be sought; is read twice from its start. Read errors as in

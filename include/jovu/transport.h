@@ -2,6 +2,8 @@
 /// The message channel: what an application sees of it.
 #pragma once
 
+#include <chrono>
+#include <cstddef>
 #include <memory>
 #include <string>
 #include <vector>
@@ -30,7 +32,8 @@ public:
     ~JovuTransport() override;
 
     /// Closes a device; device_disconnected() follows. It stays in list_connected(), closed, until
-    /// it is unplugged, and is not opened again before it is plugged in again.
+    /// it is unplugged, and is not opened again before it is plugged in again. Until then exchanges
+    /// with it fail with JovuError::closed.
     ///
     /// Threads: any. In a handler that is called with received data the call only orders the close,
     /// which the watcher carries out after the handler has returned.
@@ -122,6 +125,22 @@ public:
     /// @throws JovuException once an exchange of this object has begun, or when the system has no
     ///     random numbers.
     void set_strict_matching(bool strict);
+
+    /// Sets how long the exchanges of this object that begin from now on wait for their response;
+    /// 15 s at first. A thread's JovuResponseTimeout takes precedence. Threads: any.
+    /// @param limit 10 ms to 24 h.
+    /// @throws JovuException with JovuError::rejected when it is not; its message names the value.
+    void set_response_timeout(std::chrono::milliseconds limit);
+
+    /// Cancels the exchanges of this object with a device that wait for their turn or for their
+    /// response. They fail with "Transport Error - Cancelled." and JovuError::cancelled; the device
+    /// stays open, and exchanges that begin after this call work. A request that has been sent may
+    /// be carried out nevertheless; its response is dropped when it arrives. One that is just being
+    /// sent is sent to its end first.
+    ///
+    /// Threads: any, in a callback too. The call does not wait for the exchanges to return.
+    /// @return how many exchanges it has cancelled.
+    std::size_t cancel_exchanges(JovuDeviceAddress address);
 
     /// Sends a message and, if it expects a response, waits for it. Used by the library's own
     /// messages. Throws nothing: a failure is printed as one line on standard output, is returned

@@ -7,6 +7,7 @@
 
 #include <array>
 #include <cstddef>
+#include <memory>
 #include <string_view>
 #include <tuple>
 
@@ -23,6 +24,26 @@ struct CommandTypes<R (JovuCommandInterface::*)(JovuDeviceAddress, A...)> {
     using Result = R;
     using Arguments = std::tuple<A...>;
 };
+
+/// @name The method that a row stands for
+/// A method with a string, its last argument, is overloaded: the row's is the one whose string is
+/// a std::shared_ptr<char>. The first of these functions takes no overloaded method, the others do.
+/// @{
+template <class R, class... A>
+constexpr auto row_method(R (JovuCommandInterface::*method)(JovuDeviceAddress, A...)) {
+    return method;
+}
+template <class R>
+constexpr auto row_method(R (JovuCommandInterface::*method)(JovuDeviceAddress,
+                                                            std::shared_ptr<char>)) {
+    return method;
+}
+template <class R, class A>
+constexpr auto row_method(R (JovuCommandInterface::*method)(JovuDeviceAddress, A,
+                                                            std::shared_ptr<char>)) {
+    return method;
+}
+/// @}
 
 /// One command. The types of its arguments and its result are those of its method.
 template <auto M>
@@ -48,7 +69,7 @@ constexpr CommandRow<method> command(int idx, std::string_view name, std::string
 
 /// A row; a macro, so that the name on the wire and the method's cannot differ.
 #define JOVU_COMMAND(idx, name, ...) \
-    ::jovu::command<&JovuCommandInterface::name>(idx, #name, __VA_ARGS__)
+    ::jovu::command<::jovu::row_method(&JovuCommandInterface::name)>(idx, #name, __VA_ARGS__)
 
 /// Every command, in the order of the firmware's indices.
 inline constexpr auto catalogue = std::make_tuple(

@@ -61,13 +61,26 @@ void JovuCommandInterface::gpio_output_set(JovuDeviceAddress address, gpio_name_
 
 gcode_process_result_t JovuCommandInterface::gcode_process_command(JovuDeviceAddress address,
                                                                    std::shared_ptr<char> command) {
-    return call<&JovuCommandInterface::gcode_process_command>(transport_, address,
-                                                              std::move(command));
+    return call<jovu::row_method(&JovuCommandInterface::gcode_process_command)>(transport_, address,
+                                                                                std::move(command));
+}
+
+gcode_process_result_t JovuCommandInterface::gcode_process_command(JovuDeviceAddress address,
+                                                                   JovuTextArgument command) {
+    return call<jovu::row_method(&JovuCommandInterface::gcode_process_command)>(transport_, address,
+                                                                                command.view());
 }
 
 gcode_process_result_t JovuCommandInterface::gcode_process_macro(JovuDeviceAddress address,
                                                                  std::shared_ptr<char> macro) {
-    return call<&JovuCommandInterface::gcode_process_macro>(transport_, address, std::move(macro));
+    return call<jovu::row_method(&JovuCommandInterface::gcode_process_macro)>(transport_, address,
+                                                                              std::move(macro));
+}
+
+gcode_process_result_t JovuCommandInterface::gcode_process_macro(JovuDeviceAddress address,
+                                                                 JovuTextArgument macro) {
+    return call<jovu::row_method(&JovuCommandInterface::gcode_process_macro)>(transport_, address,
+                                                                              macro.view());
 }
 
 short JovuCommandInterface::heater_param_set(JovuDeviceAddress address, heater_params_t param_num,
@@ -172,15 +185,31 @@ int JovuCommandInterface::wifi_set_auto_connect_configuration_item(JovuDeviceAdd
 int JovuCommandInterface::wifi_set_auto_connect_ssid_configuration_item(
     JovuDeviceAddress address, wifi_interface_t interface_t,
     std::shared_ptr<char> auto_connect_ssid) {
-    return call<&JovuCommandInterface::wifi_set_auto_connect_ssid_configuration_item>(
-        transport_, address, interface_t, std::move(auto_connect_ssid));
+    constexpr auto kMethod =
+        jovu::row_method(&JovuCommandInterface::wifi_set_auto_connect_ssid_configuration_item);
+    return call<kMethod>(transport_, address, interface_t, std::move(auto_connect_ssid));
+}
+
+int JovuCommandInterface::wifi_set_auto_connect_ssid_configuration_item(
+    JovuDeviceAddress address, wifi_interface_t interface_t, JovuTextArgument auto_connect_ssid) {
+    constexpr auto kMethod =
+        jovu::row_method(&JovuCommandInterface::wifi_set_auto_connect_ssid_configuration_item);
+    return call<kMethod>(transport_, address, interface_t, auto_connect_ssid.view());
 }
 
 int JovuCommandInterface::wifi_set_auto_connect_key_configuration_item(
     JovuDeviceAddress address, wifi_interface_t interface_t,
     std::shared_ptr<char> auto_connect_key) {
-    return call<&JovuCommandInterface::wifi_set_auto_connect_key_configuration_item>(
-        transport_, address, interface_t, std::move(auto_connect_key));
+    constexpr auto kMethod =
+        jovu::row_method(&JovuCommandInterface::wifi_set_auto_connect_key_configuration_item);
+    return call<kMethod>(transport_, address, interface_t, std::move(auto_connect_key));
+}
+
+int JovuCommandInterface::wifi_set_auto_connect_key_configuration_item(
+    JovuDeviceAddress address, wifi_interface_t interface_t, JovuTextArgument auto_connect_key) {
+    constexpr auto kMethod =
+        jovu::row_method(&JovuCommandInterface::wifi_set_auto_connect_key_configuration_item);
+    return call<kMethod>(transport_, address, interface_t, auto_connect_key.view());
 }
 
 int JovuCommandInterface::wifi_client_configure(JovuDeviceAddress address,

@@ -108,12 +108,20 @@ bool cmd_ifc_deserialize_type(yajl_val object, const char* key,
 
 void cmd_ifc_serialize_type(yajl_gen gen, const char* key, std::shared_ptr<char>& value) {
     jovu::refuse_null(key, value.get());
+    std::string_view text(value.get());
+    cmd_ifc_serialize_type(gen, key, text);
+}
+
+void cmd_ifc_serialize_type(yajl_gen gen, const char* key, std::string_view& value) {
+    jovu::refuse_null(key, value.data());
+    const std::size_t zero = value.find('\0');
+    if (zero != std::string_view::npos)
+        refuse(key, "cut by a zero byte at position " + std::to_string(zero));
     JovuMessage::gen_string(gen, key);
     JovuMessage::gen_array_open(gen);
-    const std::size_t length = std::strlen(value.get()) + 1;
-    for (std::size_t i = 0; i < length; ++i) {
-        JovuMessage::gen_integer(gen, static_cast<signed char>(value.get()[i]));
-    }
+    for (const char c : value)
+        JovuMessage::gen_integer(gen, static_cast<signed char>(c));
+    JovuMessage::gen_integer(gen, 0);
     JovuMessage::gen_array_close(gen);
 }
 

@@ -12,6 +12,7 @@
 #include <cstddef>
 #include <cstring>
 #include <memory>
+#include <string_view>
 #include <type_traits>
 
 #include "core/message.h"
@@ -73,6 +74,16 @@ bool cmd_ifc_deserialize_type(yajl_val object, const char* key,
 /// A text: an array of its bytes as signed values, the final NUL included.
 /// @throws JovuException for a null text.
 void cmd_ifc_serialize_type(yajl_gen gen, const char* key, std::shared_ptr<char>& value);
+
+/// The same of a view, which needs no NUL behind it.
+/// @throws JovuException also for a text with a zero byte, where the device would take it to end.
+void cmd_ifc_serialize_type(yajl_gen gen, const char* key, std::string_view& value);
+
+/// A view owns nothing: the text that a device echoes is not kept.
+inline bool cmd_ifc_deserialize_type(yajl_val /*object*/, const char* /*key*/,
+                                     std::string_view& /*value*/) {
+    return false;
+}
 
 /// A text: an array of numbers, the low 8 bits of each. One more zero is kept behind it.
 bool cmd_ifc_deserialize_type(yajl_val object, const char* key, std::shared_ptr<char>& value);

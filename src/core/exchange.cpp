@@ -8,11 +8,13 @@
 #include <string>
 #include <string_view>
 
+#include "base/time_limit.h"
 #include "core/frame.h"
 #include "core/message.h"
 #include "core/transport_state.h"
 #include "core/waiting_requests.h"
 #include "jovu/exception.h"
+#include "jovu/response_timeout.h"
 #include "jovu/transport.h"
 #include "usb/usb.h"
 
@@ -37,6 +39,17 @@ void set_last_error(std::string_view reason, JovuError code) noexcept {
     std::copy_n(reason.begin(), last_error.length, last_error.text.begin());
 }
 
+/// Of the calling thread's innermost JovuResponseTimeout; 0 without one.
+thread_local std::chrono::milliseconds scoped_timeout{0};
+
+constexpr const char* kTimeoutName = "Response time-out";
+
+/// @return why a device that a client has no connection with cannot be used.
+JovuError not_connected_error(JovuDeviceAddress address) {
+    const auto connection = JovuUsb::connection(address);
+    return connection == nullptr ? JovuError::disconnected : connection->not_open_error();
+}
+
 void print_failure(unsigned id, const char* what) noexcept {
     std::fprintf(stdout, "JovuMessage: %u -- %s\n", id, what);
     std::fflush(stdout);
@@ -53,6 +66,29 @@ void write_frame(jovu::Connection& connection, std::string json) {
 }
 
 }  // namespace
+
+JovuResponseTimeout::JovuResponseTimeout(std::chrono::milliseconds limit) : outer_(scoped_timeout) {
+    jovu::check_time_limit(kTimeoutName, limit);
+    scoped_timeout = limit;
+}
+
+JovuResponseTimeout::~JovuResponseTimeout() {
+    scoped_timeout = outer_;
+}
+
+void JovuTransport::set_response_timeout(std::chrono::milliseconds limit) {
+    jovu::check_time_limit(kTimeoutName, limit);
+    state_->response_timeout = limit;
+}
+
+std::size_t JovuTransport::cancel_exchanges(JovuDeviceAddress address) {
+    const State::Route route = state_->route(address);
+    if (route.cancellable == nullptr) return 0;
+    const std::size_t cancelled = route.cancellable->cancel_all();
+    if (route.connection != nullptr) route.connection->exchange_lock().wake();
+    state_->waiting.wake_cancelled();
+    return cancelled;
+}
 
 std::string JovuTransport::last_send_error() {
     return {last_error.text.data(), last_error.length};
@@ -79,38 +115,53 @@ void JovuTransport::send_message(JovuMessage& message, JovuDeviceAddress address
 }
 
 void JovuTransport::exchange(JovuMessage& message, JovuDeviceAddress address) {
-    const std::shared_ptr<jovu::Connection> connection = state_->connection(address);
-    if (connection == nullptr) throw JovuException(kDisconnected, JovuError::disconnected);
+    const State::Route route = state_->route(address);
+    if (route.connection == nullptr)
+        throw JovuException(kDisconnected, not_connected_error(address));
     if (JovuUsb::in_callback()) {
         // Another thread may hold the exchange lock and wait for a response that only this thread
         // can dispatch. The write fails at once, with the reason.
-        write_frame(*connection, message.compile());
+        write_frame(*route.connection, message.compile());
         return;
     }
+    jovu::CancellableExchanges::Ticket ticket(*route.cancellable);
+    try {
+        state_->exchange(message, *route.connection, ticket);
+    } catch (const JovuException&) {
+        // Whatever else ends a cancelled exchange, it has been counted as cancelled.
+        if (ticket.finish()) throw;
+        throw JovuException("Transport Error - Cancelled.", JovuError::cancelled);
+    }
+}
 
+void JovuTransport::State::exchange(JovuMessage& message, jovu::Connection& connection,
+                                    jovu::CancellableExchanges::Ticket& ticket) {
     // One exchange at a time with a device, whichever client of the process makes it.
-    const auto usable = [&] { return !connection->closing() && !state_->exchanges.closed(); };
-    const auto fail_unusable = [&] {
-        throw JovuException(kDisconnected, state_->exchanges.closed() ? JovuError::shut_down
-                                                                      : JovuError::disconnected);
+    const auto usable = [&] {
+        return !connection.closing() && !exchanges.closed() && !ticket.cancelled();
     };
-    jovu::FairLock& exchange_lock = connection->exchange_lock();
+    const auto fail_unusable = [&] {
+        throw JovuException(
+            kDisconnected, exchanges.closed() ? JovuError::shut_down : connection.not_open_error());
+    };
+    jovu::FairLock& exchange_lock = connection.exchange_lock();
     if (!exchange_lock.lock_while(usable)) fail_unusable();
     const std::unique_lock<jovu::FairLock> lock(exchange_lock, std::adopt_lock);
     if (!message.twoway()) {
-        write_frame(*connection, message.compile());
+        if (!ticket.finish()) fail_unusable();
+        write_frame(connection, message.compile());
         return;
     }
 
     bool woken = false;
     {
-        // Waiting before the request is sent: the response may arrive at once. A close or shutdown
-        // from here on wakes the request; one before it is seen by the check.
+        // Waiting before the request is sent: the response may arrive at once. A close, a shutdown
+        // or a cancellation from here on wakes the request; one before it is seen by the check.
         jovu::ResponseSignal signal;
-        const jovu::WaitingRequests::Entry entry(state_->waiting, message, signal, *connection);
+        const jovu::WaitingRequests::Entry entry(waiting, message, signal, connection, ticket);
         if (!usable()) fail_unusable();
-        write_frame(*connection, message.compile());
-        woken = signal.wait(jovu::kResponseTimeout);
+        write_frame(connection, message.compile());
+        woken = signal.wait(scoped_timeout.count() != 0 ? scoped_timeout : response_timeout.load());
     }
 
     // The entry is gone, so no other thread touches the message any more.

@@ -77,10 +77,11 @@ std::vector<std::string> JovuTransport::attrs(unsigned flags) {
     return words;
 }
 
-std::shared_ptr<jovu::Connection> JovuTransport::State::connection(JovuDeviceAddress address) {
+JovuTransport::State::Route JovuTransport::State::route(JovuDeviceAddress address) {
     const jovu::MutexLock lock(peers_mutex);
     const auto found = peers.find(address);
-    return found == peers.end() ? nullptr : found->second.connection;
+    if (found == peers.end()) return {nullptr, nullptr};
+    return {found->second.connection, &found->second.cancellable};
 }
 
 JovuTransport::State::Peer& JovuTransport::State::peer(JovuDeviceAddress address) {

@@ -3,12 +3,14 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <memory>
 #include <optional>
 #include <unordered_map>
 
 #include "base/calls_in_progress.h"
 #include "base/mutex.h"
+#include "core/cancellable_exchanges.h"
 #include "core/frame.h"
 #include "core/notification_threads.h"
 #include "core/waiting_requests.h"
@@ -34,16 +36,28 @@ struct JovuTransport::State {
         /// Written by the same calls, with peers_mutex held; other threads read it with that held.
         /// Null while no device is connected.
         std::shared_ptr<jovu::Connection> connection;
+
+        /// Any thread.
+        jovu::CancellableExchanges cancellable;
     };
 
-    /// @return the connection that commands to an address use; null if there is none.
-    std::shared_ptr<jovu::Connection> connection(JovuDeviceAddress address);
+    /// What an exchange with an address uses.
+    struct Route {
+        std::shared_ptr<jovu::Connection> connection;  ///< Null if there is none.
+        jovu::CancellableExchanges* cancellable;       ///< Null for an address never seen.
+    };
+    Route route(JovuDeviceAddress address);
 
     Peer& peer(JovuDeviceAddress address);
 
     /// Has every exchange in progress, waiting for its turn or for a response, look whether the
     /// transport still accepts exchanges.
     void wake_exchanges();
+
+    /// Waits for its turn, sends a message and waits for its response.
+    /// @throws JovuException when one of the three fails, also because of a cancellation.
+    void exchange(JovuMessage& message, jovu::Connection& connection,
+                  jovu::CancellableExchanges::Ticket& ticket);
 
     /// Null for a transport that is no part of a client.
     JovuEventInterface* const events;
@@ -53,6 +67,9 @@ struct JovuTransport::State {
 
     std::atomic<bool> strict{false};     ///< Match responses by connection and command too.
     std::atomic<bool> exchanged{false};  ///< An exchange has begun.
+
+    /// How long a response is awaited, where the thread's JovuResponseTimeout does not say.
+    std::atomic<std::chrono::milliseconds> response_timeout{std::chrono::seconds(15)};
 
     jovu::Mutex peers_mutex;  ///< A leaf.
     /// Elements are never removed, so a reference to one stays valid.

@@ -25,10 +25,10 @@ bool ResponseSignal::wait(std::chrono::milliseconds limit) {
 }
 
 WaitingRequests::Entry::Entry(WaitingRequests& table, JovuMessage& request, ResponseSignal& signal,
-                              const Connection& connection)
+                              const Connection& connection, CancellableExchanges::Ticket& ticket)
     : table_(table), id_(request.id()), signal_(&signal) {
     const MutexLock lock(table_.mutex_);
-    table_.waiting_[id_] = {&request, &signal, &connection};
+    table_.waiting_[id_] = {&request, &signal, &connection, &ticket};
 }
 
 WaitingRequests::Entry::~Entry() {
@@ -57,6 +57,7 @@ void WaitingRequests::respond(std::shared_ptr<JovuMessage>& response, const Send
         Waiting& waiting = found->second;
         if (strict) reason = mismatch(waiting, sender);
         if (reason == nullptr) {
+            if (!waiting.ticket->finish()) return;
             waiting.request->set_response(response);
             // The tree ends with this dispatch, the response may live on with the woken sender.
             response->forget_data();
@@ -76,6 +77,13 @@ void WaitingRequests::wake(JovuDeviceAddress address) {
     const MutexLock lock(mutex_);
     for (const auto& [id, waiting] : waiting_) {
         if (waiting.connection->address() == address) waiting.signal->post();
+    }
+}
+
+void WaitingRequests::wake_cancelled() {
+    const MutexLock lock(mutex_);
+    for (const auto& [id, waiting] : waiting_) {
+        if (waiting.ticket->cancelled()) waiting.signal->post();
     }
 }
 

@@ -8,15 +8,13 @@
 #include <string>
 
 #include "base/mutex.h"
+#include "core/cancellable_exchanges.h"
 #include "jovu/device_address.h"
 #include "usb/connection.h"
 
 class JovuMessage;
 
 namespace jovu {
-
-/// How long a sender waits for a sign from the device.
-inline constexpr std::chrono::seconds kResponseTimeout{15};
 
 /// Wakes one sender; lives on its stack for one exchange. Counts, so that a wake-up that comes
 /// before the wait is not lost.
@@ -42,8 +40,9 @@ public:
     public:
         /// An entry that already holds the id is overwritten.
         /// @param connection what the request is sent to; must outlive the entry.
+        /// @param ticket the exchange's; must outlive the entry, and is finished by a response.
         Entry(WaitingRequests& table, JovuMessage& request, ResponseSignal& signal,
-              const Connection& connection);
+              const Connection& connection, CancellableExchanges::Ticket& ticket);
         ~Entry();
         Entry(const Entry&) = delete;
         Entry& operator=(const Entry&) = delete;
@@ -62,7 +61,7 @@ public:
     };
 
     /// Hands a response to the request with its id and wakes the sender of the request. A response
-    /// that no request waits for is dropped.
+    /// that no request waits for, or whose exchange has been cancelled, is dropped.
     /// @param strict also drops, with one line on standard output per request, a response that
     ///     came over another connection than the request went to, or that names another command.
     ///     Otherwise the id alone decides, whichever device sent the response.
@@ -70,6 +69,9 @@ public:
 
     /// Wakes, without a response, the senders that wait for a device.
     void wake(JovuDeviceAddress address);
+
+    /// Wakes, without a response, the senders whose exchange has been cancelled.
+    void wake_cancelled();
 
     /// Wakes every sender, without a response.
     void wake_all();
@@ -79,6 +81,7 @@ private:
         JovuMessage* request;
         ResponseSignal* signal;
         const Connection* connection;
+        CancellableExchanges::Ticket* ticket;
         bool mismatch_printed = false;
     };
 

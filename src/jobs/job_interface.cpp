@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "base/never_destroyed.h"
+#include "base/time_limit.h"
 #include "jobs/job_interface_state.h"
 #include "jobs/job_messages.h"
 #include "jovu/exception.h"
@@ -35,10 +36,43 @@ void JovuJobInterface::shutdown() {
 
 void JovuJobInterface::reject_calls() {
     state_->calls.close();
+    state_->status_waiters.close();
 }
 
 void JovuJobInterface::RequestStatus(JovuDeviceAddress address) {
     send_request("status", address);
+}
+
+JovuJobInterface::StatusMsg JovuJobInterface::wait_for_status(JovuDeviceAddress address,
+                                                              std::chrono::milliseconds limit) {
+    if (JovuUsb::in_callback()) {
+        throw JovuException("Status failed - called from inside a callback.",
+                            JovuError::in_callback);
+    }
+    jovu::check_time_limit("Status time-out", limit);
+    const auto deadline = jovu::StatusWaiters::Clock::now() + limit;
+    const jovu::CallsInProgress::Call call(state_->calls);
+    const std::shared_ptr<jovu::Connection> connection = JovuUsb::connection(address);
+    // Waiting before the request is sent: the report may arrive at once. A disconnection that is
+    // notified from here on ends the wait; one before it is seen by the check.
+    jovu::StatusWaiters::Waiter waiter(state_->status_waiters, address);
+    RequestStatus(address);
+    StatusMsg report;
+    JovuError error = JovuError::disconnected;
+    if (connection == nullptr || !connection->closing()) error = waiter.wait(deadline, report);
+    switch (error) {
+        case JovuError::none:
+            return report;
+        case JovuError::shut_down:
+            throw JovuException(jovu::kJobClientShutDown, error);
+        case JovuError::response_timed_out:
+            throw JovuException(
+                "Status failed - no report within " + std::to_string(limit.count()) + " ms.",
+                error);
+        default:
+            throw JovuException("Status failed - Device no longer connected.",
+                                connection == nullptr ? error : connection->not_open_error());
+    }
 }
 
 void JovuJobInterface::SendPause(JovuDeviceAddress address) {
@@ -73,6 +107,7 @@ void JovuJobInterface::usb_device_connected(JovuDeviceAddress address) {
 
 void JovuJobInterface::usb_device_disconnected(JovuDeviceAddress address) {
     state_->streams.erase(address);
+    state_->status_waiters.end(address);
 }
 
 void JovuJobInterface::data_received(unsigned char* data, unsigned int length,
@@ -86,5 +121,6 @@ void JovuJobInterface::data_received(unsigned char* data, unsigned int length,
     if (type == nullptr || std::string(type) != "status") return;
     StatusMsg status;
     parse_status(tree.get(), status);
+    state_->status_waiters.deliver(address, status);
     StatusReceived(address, std::move(status));
 }

@@ -7,6 +7,7 @@
 
 #include "base/calls_in_progress.h"
 #include "jobs/job_stream.h"
+#include "jobs/status_waiters.h"
 #include "jovu/device_address.h"
 #include "jovu/job_interface.h"
 #include "usb/usb.h"
@@ -23,7 +24,9 @@ struct JovuJobInterface::State {
     /// overlap. Created with the first data, erased when the device disconnects.
     std::unordered_map<JovuDeviceAddress, jovu::JobStream> streams;
 
-    /// Requests and pushes.
+    jovu::StatusWaiters status_waiters;
+
+    /// Requests, waits for a report and pushes.
     jovu::CallsInProgress calls;
     jovu::Registration registration;
 

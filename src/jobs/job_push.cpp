@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <array>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -38,6 +39,14 @@ struct FileClose {
 };
 using File = std::unique_ptr<std::FILE, FileClose>;
 using Piece = std::array<unsigned char, kPieceSize>;
+using ProgressFunction = std::function<void(const JovuPushProgress&)>;
+
+/// The plain callback as a function object.
+ProgressFunction function_of(JovuJobInterface::Progress progress, void* user) {
+    if (progress == nullptr) return nullptr;
+    return
+        [progress, user](const JovuPushProgress& now) { progress(now.percent, now.job_id, user); };
+}
 
 [[noreturn]] void fail_reading(const char* message) {
     throw JovuException(message, JovuError::file_unreadable);
@@ -67,26 +76,25 @@ void rewind_file(std::FILE* file) {
 /// One push: measures the file, announces it and streams it.
 class Push {
 public:
-    /// @param cancel null for a push that cannot be cancelled; outlives this object, as @p calls.
-    Push(jovu::CallsInProgress& calls, JovuDeviceAddress address,
-         JovuJobInterface::Progress progress, void* user, std::string job_id,
-         const JovuPushCancel* cancel)
+    /// @param report may be empty; outlives this object, as @p calls and @p cancel.
+    /// @param cancel null for a push that cannot be cancelled.
+    Push(jovu::CallsInProgress& calls, JovuDeviceAddress address, const ProgressFunction& report,
+         std::string job_id, const JovuPushCancel* cancel)
         : calls_(calls),
           call_(calls),
           connection_(JovuUsb::connection(address)),
-          progress_(progress),
-          user_(user),
+          report_(report),
           cancel_(cancel) {
-        announcement_.job_id = std::move(job_id);
+        progress_.job_id = std::move(job_id);
     }
 
     /// @param file a stream that can be sought.
     JovuPushResult run(std::FILE* file, std::optional<unsigned long> decompressed_length) {
         check_open();
-        announcement_.decompressed_length = decompressed_length;
         if (!measure(file)) return JovuPushResult::cancelled;
         rewind_file(file);
-        const std::string text = jovu::job_announcement(announcement_);
+        const std::string text = jovu::job_announcement(
+            {progress_.total, announced_checksum_, progress_.job_id, decompressed_length});
         write(text.data(), text.size());
         report(0.0);
         const JovuPushResult result = stream(file);
@@ -103,8 +111,9 @@ private:
             throw JovuException(jovu::kJobClientShutDown, JovuError::shut_down);
     }
 
-    void report(double percent) const {
-        if (progress_ != nullptr) progress_(percent, announcement_.job_id, user_);
+    void report(double percent) {
+        progress_.percent = percent;
+        if (report_) report_(progress_);
     }
 
     /// All of it goes to one connection: pieces that reached another device at the same address
@@ -135,28 +144,27 @@ private:
             check_open();
             const std::size_t count = std::fread(piece_->data(), 1, piece_->size(), file);
             checksum = ::adler32(checksum, piece_->data(), static_cast<uInt>(count));
-            announcement_.size += count;
+            progress_.total += count;
         }
-        announcement_.adler32 = static_cast<std::uint32_t>(checksum);
+        announced_checksum_ = static_cast<std::uint32_t>(checksum);
         return !cancelled();
     }
 
     /// Second pass.
     JovuPushResult stream(std::FILE* file) {
         while (std::ferror(file) == 0 && std::feof(file) == 0) {
-            if (cancelled() && sent_ < announcement_.size) {
+            if (cancelled() && unsent() > 0) {
                 fill();
                 return JovuPushResult::cancelled;
             }
             const std::size_t count = std::fread(piece_->data(), 1, piece_->size(), file);
             // Nothing past the announced size: in a file that grows meanwhile, the device would
             // take the rest for requests.
-            const auto wanted = static_cast<std::size_t>(
-                std::min<std::uint64_t>(count, announcement_.size - sent_));
+            const auto wanted = static_cast<std::size_t>(std::min<std::uint64_t>(count, unsent()));
             send(wanted);
             if (wanted < count) break;
         }
-        if (cancel_ == nullptr || sent_ == announcement_.size) return JovuPushResult::completed;
+        if (cancel_ == nullptr || unsent() == 0) return JovuPushResult::completed;
         fill();
         return JovuPushResult::cut_short;
     }
@@ -169,9 +177,9 @@ private:
     /// one. The whole checksum then differs from the announced one, whatever its high half is. At
     /// least one byte is left to be sent, so there is a last byte.
     void fill() {
-        const bool same_sum = (checksum_ & kByteSum) == (announcement_.adler32 & kByteSum);
-        while (sent_ < announcement_.size) {
-            const std::uint64_t left = announcement_.size - sent_;
+        const bool same_sum = (checksum_ & kByteSum) == (announced_checksum_ & kByteSum);
+        progress_.filler = true;
+        while (const std::uint64_t left = unsent()) {
             const auto count = static_cast<std::size_t>(std::min<std::uint64_t>(left, kPieceSize));
             piece_->fill(0);
             if (same_sum && count == left) (*piece_)[count - 1] = 1;
@@ -183,21 +191,22 @@ private:
     void send(std::size_t count) {
         write(piece_->data(), count);
         checksum_ = ::adler32(checksum_, piece_->data(), static_cast<uInt>(count));
-        sent_ += count;
+        progress_.sent += count;
         // In this order the 0 / 0 of an empty file comes out as the cap.
-        report(std::min(kMaxPartialPercent, static_cast<double>(sent_) * 100.0 /
-                                                static_cast<double>(announcement_.size)));
+        report(std::min(kMaxPartialPercent, static_cast<double>(progress_.sent) * 100.0 /
+                                                static_cast<double>(progress_.total)));
     }
+
+    std::uint64_t unsent() const noexcept { return progress_.total - progress_.sent; }
 
     jovu::CallsInProgress& calls_;
     const jovu::CallsInProgress::Call call_;
     const std::shared_ptr<jovu::Connection> connection_;  ///< Null: there was no device.
-    const JovuJobInterface::Progress progress_;
-    void* const user_;
+    const ProgressFunction& report_;
     const JovuPushCancel* const cancel_;
-    jovu::JobAnnouncement announcement_;
+    JovuPushProgress progress_;
+    std::uint32_t announced_checksum_ = 0;
     const std::unique_ptr<Piece> piece_ = std::make_unique<Piece>();
-    std::uint64_t sent_ = 0;       ///< Bytes behind the announcement.
     uLong checksum_ = kAdlerSeed;  ///< Of what has been sent.
 };
 
@@ -215,12 +224,20 @@ JovuPushResult JovuJobInterface::SendJobFile(JovuDeviceAddress address, std::str
                                              const JovuPushCancel& cancel) {
     const File file = open_job_file(path);
     if (compressed) throw JovuException("Compression not supported yet.", JovuError::rejected);
-    return Push(state_->calls, address, progress, user, "", &cancel).run(file.get(), std::nullopt);
+    return Push(state_->calls, address, function_of(progress, user), "", &cancel)
+        .run(file.get(), std::nullopt);
+}
+
+JovuPushResult JovuJobInterface::SendJobFile(
+    JovuDeviceAddress address, const std::string& path,
+    const std::function<void(const JovuPushProgress&)>& progress, const JovuPushCancel& cancel) {
+    const File file = open_job_file(path);
+    return Push(state_->calls, address, progress, "", &cancel).run(file.get(), std::nullopt);
 }
 
 void JovuJobInterface::send_job(JovuDeviceAddress address, std::FILE* file, Progress progress,
                                 void* user, std::string job_id, bool compressed,
                                 unsigned long decompressed_length) {
-    Push(state_->calls, address, progress, user, std::move(job_id), nullptr)
+    Push(state_->calls, address, function_of(progress, user), std::move(job_id), nullptr)
         .run(file, compressed ? std::optional(decompressed_length) : std::nullopt);
 }

@@ -8,6 +8,7 @@
 
 #include "base/fair_lock.h"
 #include "jovu/device_address.h"
+#include "jovu/exception.h"
 
 namespace jovu {
 
@@ -37,6 +38,11 @@ public:
     ///     exchange lock are woken then.
     bool closing() const noexcept { return closing_; }
 
+    /// Why a device that is not open is not: the code of what fails because of it.
+    JovuError not_open_error() const noexcept {
+        return closed_by_call_ ? JovuError::closed : JovuError::disconnected;
+    }
+
     /// Sends the pieces one after the other, with no other write to the device and no close between
     /// them, and returns when the device has taken them all. Writes to other devices go on
     /// meanwhile. Fails at once, as busy, on a thread that is in a callback of the backend.
@@ -46,6 +52,10 @@ public:
 
 protected:
     explicit Connection(JovuDeviceAddress address) : address_(address) {}
+
+    /// Whether JovuTransport::close() has closed the device, or ordered that, and it is attached
+    /// still. Set before writes and exchanges fail because of the close.
+    void set_closed_by_call(bool closed) noexcept { closed_by_call_ = closed; }
 
     /// Ends the acceptance of exchanges.
     void begin_closing() noexcept {
@@ -57,6 +67,7 @@ private:
     const JovuDeviceAddress address_;
     FairLock exchange_lock_;
     std::atomic<bool> closing_{false};
+    std::atomic<bool> closed_by_call_{false};
 };
 
 }  // namespace jovu

@@ -8,7 +8,8 @@ namespace jovu {
 
 ReceiveTransfer::ReceiveTransfer(std::size_t interface, ReceiveSink& sink)
     : interface_(interface), sink_(sink), transfer_(libusb_alloc_transfer(0)) {
-    if (transfer_ == nullptr) throw JovuException("Failed to allocate rx transfer.");
+    if (transfer_ == nullptr)
+        throw JovuException("Failed to allocate rx transfer.", JovuError::usb_unavailable);
 }
 
 int ReceiveTransfer::submit(libusb_device_handle* handle) {

@@ -7,7 +7,8 @@
 
 namespace jovu {
 SendTransfer::SendTransfer() : transfer_(libusb_alloc_transfer(0)) {
-    if (transfer_ == nullptr) throw JovuException("Failed to allocate tx transfer.");
+    if (transfer_ == nullptr)
+        throw JovuException("Failed to allocate tx transfer.", JovuError::usb_unavailable);
 }
 
 int SendTransfer::submit(libusb_device_handle* handle, std::uint8_t endpoint,

@@ -134,7 +134,8 @@ void JovuUsb::write(const unsigned char* data, unsigned int length, JovuDeviceAd
 void JovuUsb::close(JovuDeviceAddress address) {
     const auto device = usb_backend().device_at(address);
     if (device == nullptr || !close_device(*device)) {
-        throw JovuException("Close failed - Device no longer connected.", JovuError::disconnected);
+        throw JovuException("Close failed - Device no longer connected.",
+                            device == nullptr ? JovuError::disconnected : device->not_open_error());
     }
 }
 

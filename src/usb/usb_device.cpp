@@ -19,11 +19,8 @@ using Clock = std::chrono::steady_clock;
 [[noreturn]] void fail_opening(int result, const char* message) {
     if (result == LIBUSB_ERROR_NO_DEVICE) throw DeviceGone(message, JovuError::disconnected);
     throw JovuException(message, result == LIBUSB_ERROR_ACCESS ? JovuError::not_permitted
+                                 : result == LIBUSB_ERROR_BUSY ? JovuError::busy
                                                                : JovuError::usb_unavailable);
-}
-
-[[noreturn]] void fail_disconnected() {
-    throw JovuException("Send failed - Device no longer connected.", JovuError::disconnected);
 }
 
 JovuError error_of(int libusb_error) noexcept {
@@ -36,8 +33,10 @@ JovuError error_of(int libusb_error) noexcept {
             return JovuError::stalled;
         case LIBUSB_ERROR_ACCESS:
             return JovuError::not_permitted;
+        case LIBUSB_ERROR_BUSY:
+            return ClientList::in_callback() ? JovuError::in_callback : JovuError::busy;
         default:
-            return ClientList::in_callback() ? JovuError::in_callback : JovuError::transfer_failed;
+            return JovuError::transfer_failed;
     }
 }
 
@@ -104,8 +103,12 @@ bool UsbDevice::to_be_removed() const noexcept {
                                    [](const auto& transfer) { return transfer.rx_failed(); });
 }
 
+void UsbDevice::fail_not_open() const {
+    throw JovuException("Send failed - Device no longer connected.", not_open_error());
+}
+
 void UsbDevice::check_writable(std::uint32_t interface) const {
-    if (!open_ || close_ordered_) fail_disconnected();
+    if (!open_ || close_ordered_) fail_not_open();
     if (interface >= kInterfaceCount)
         throw JovuException("Send failed - interface invalid.", JovuError::rejected);
 }
@@ -120,7 +123,7 @@ void UsbDevice::write(std::initializer_list<Piece> pieces, std::uint32_t interfa
         }
         return;
     }
-    if (!write_lock_.lock_while([this] { return open_.load(); })) fail_disconnected();
+    if (!write_lock_.lock_while([this] { return open_.load(); })) fail_not_open();
     const std::unique_lock<FairLock> lock(write_lock_, std::adopt_lock);
     check_writable(interface);
     // A close that a callback orders meanwhile is carried out after the last piece.
@@ -219,7 +222,9 @@ void UsbDevice::notify_disconnected() noexcept {
 }
 
 bool UsbDevice::order_close() noexcept {
-    if (close_begun_ || close_ordered_.exchange(true)) return false;
+    if (close_begun_ || close_ordered_) return false;
+    set_closed_by_call(true);
+    if (close_ordered_.exchange(true)) return false;
     cleanup_pending_ = true;
     interrupt_event_handling(raw_context_);
     return true;
@@ -233,6 +238,7 @@ bool UsbDevice::order_reopen() noexcept {
 
 bool UsbDevice::close() noexcept {
     const bool first = !close_begun_.exchange(true);
+    if (first) set_closed_by_call(true);
     // Also when another thread has begun: that may be a watcher that has ended since.
     finish_close();
     return first;

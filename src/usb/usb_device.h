@@ -98,7 +98,10 @@ public:
     bool is(libusb_device* device) const noexcept { return device_.get() == device; }
 
     /// Marks a device that is to be closed and removed from the table.
-    void mark_removed() noexcept { removed_ = true; }
+    void mark_removed() noexcept {
+        removed_ = true;
+        set_closed_by_call(false);
+    }
 
     /// @return true when the device is to be removed: it is marked, or no channel receives.
     bool to_be_removed() const noexcept;
@@ -123,6 +126,7 @@ private:
     void cancel_transfers() noexcept;
     void notify_disconnected() noexcept;
     void close_handle() noexcept;
+    [[noreturn]] void fail_not_open() const;
     void check_writable(std::uint32_t interface) const;
     void send(std::uint8_t endpoint, const Piece& piece);
     int transfer(std::uint8_t endpoint, const unsigned char* data, int size, int& transferred);

@@ -101,12 +101,19 @@ TEST_F(EveryCommand, IsWrittenAndReadAsTheFirmwareDoes) {
     const servo_dc_name_t axis{2};
     struct Row {
         std::string expression;
-        std::function<std::string()> call;
+        std::function<std::string(bool view)> call;  ///< Strings as views, or in shared pointers.
         std::string returned;
         std::string result;          ///< A structure shows as what was returned.
         std::string arguments = {};  ///< As they are sent.
     };
-#define CALL(...) #__VA_ARGS__, [&] { return run([&](auto& c, auto a) { return c.__VA_ARGS__; }); }
+    const auto as_view = [](std::string_view s) { return s.empty() ? std::string_view() : s; };
+#define CALL(...) \
+#__VA_ARGS__, [&](bool view) { \
+    const auto with = [&]([[maybe_unused]] auto string) { \
+        return run([&](auto& c, auto a) { return c.__VA_ARGS__; }); \
+    }; \
+    return view ? with(as_view) : with(test::string); \
+}
     // clang-format off
     const Row rows[] = {
         {CALL(bio_get_version(a)), "[49,46,48,0]", "1.0"},
@@ -217,10 +224,12 @@ TEST_F(EveryCommand, IsWrittenAndReadAsTheFirmwareDoes) {
         std::string sent = head + std::to_string(&row - rows) + R"(,"name":")" +
                            row.expression.substr(0, row.expression.find('(')) + '"';
         if (!row.arguments.empty()) sent += R"(,"args":{)" + spelled_out(row.arguments) + '}';
-        EXPECT_EQ(request_of(row.call), sent + "}}}");
         const std::string returned = spelled_out(row.returned);
-        respond_with(R"({"__return__":)" + returned + "}");
-        EXPECT_EQ(result(), returned[0] == '{' ? returned : row.result) << row.expression;
+        for (const bool view : {false, true}) {
+            EXPECT_EQ(request_of([&row, view] { return row.call(view); }), sent + "}}}");
+            respond_with(R"({"__return__":)" + returned + "}");
+            EXPECT_EQ(result(), returned[0] == '{' ? returned : row.result) << row.expression;
+        }
     }
 }
 
@@ -243,12 +252,19 @@ TEST_F(EveryCommand, IsNotSentWithAValueThatHasNoForm) {
         {[&] { client.gcode_process_macro(kAddress, nullptr); }, "\"macro\" is null"},
         {[&] { client.gcode_process_macro(kAddress, string(std::string(30000, 'G'))); },
          "is too long"},
+        {[&] { client.gcode_process_macro(kAddress, static_cast<const char*>(nullptr)); },
+         "\"macro\" is null"},
+        {[&] { client.gcode_process_macro(kAddress, std::string(3, '\0')); },
+         "\"macro\" is cut by a zero byte at position 0."},
     };
     for (const auto& [call, reason] : rows) {
         call();
         EXPECT_THAT(JovuTransport::last_send_error(), testing::HasSubstr(reason));
     }
     EXPECT_TRUE(fake_usb::sent().empty());
+    EXPECT_EQ(jovu_string(jovu_text(std::string_view("abc", 2))) + jovu_string(nullptr), "ab");
+    EXPECT_EQ(error_of([] { jovu_text(std::string_view("ab\0c", 4)); }),
+              "String refused - zero byte at position 2: remove it.");
 }
 
 }  // namespace

@@ -2,11 +2,18 @@
 /// Exchanges with a device, byte by byte.
 #include "core/message.h"
 #include "fake_usb/backend_fixture.h"
+#include "jovu/response_timeout.h"
 
 namespace test {
 namespace {
 
+using std::chrono::milliseconds;
+
 constexpr const char* kNoResponse = "null|Transport Error - No response received.";
+constexpr const char* kTimedOut =
+    "null|Transport Error - Waiting for response to request timed out.";
+constexpr const char* kCancelled = "null|Transport Error - Cancelled.";
+constexpr const char* kDisconnected = "null|Transport Error - Device has been disconnected.";
 
 class Exchange : public ExchangeTest {
 protected:
@@ -15,9 +22,12 @@ protected:
         const std::string reason = JovuTransport::last_send_error();
         const JovuError code = JovuTransport::last_send_error_code();
         EXPECT_EQ(reason.empty(), code == JovuError::none);
-        EXPECT_EQ(reason == "Transport Error - No response received.",
-                  code == JovuError::no_response);
-        return (text == nullptr ? std::string("null") : text.get()) + "|" + reason;
+        const std::string told =
+            (text == nullptr ? std::string("null") : text.get()) + "|" + reason;
+        EXPECT_EQ(told == kNoResponse, code == JovuError::no_response);
+        EXPECT_EQ(told == kTimedOut, code == JovuError::response_timed_out);
+        EXPECT_EQ(told == kCancelled, code == JovuError::cancelled);
+        return told;
     }
     static std::string version(RecordingClient& from, JovuDeviceAddress address = kAddress) {
         return told(from.bio_get_version(address));
@@ -65,10 +75,34 @@ TEST_F(Exchange, OnlyTheRightResponseEndsIt) {
 }
 
 TEST_F(Exchange, TimesOutWithoutAResponseAndTheNextOneWorks) {
-    const auto begin = std::chrono::steady_clock::now();
-    request(client);
-    EXPECT_EQ(result(), "null|Transport Error - Waiting for response to request timed out.");
-    EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(14900));
+    const milliseconds longest = std::chrono::hours(24);
+    const auto scoped = [this](milliseconds first, milliseconds second, bool nested) {
+        const JovuResponseTimeout outer(first);
+        std::optional<JovuResponseTimeout> inner(std::in_place, second);
+        if (!nested) inner.reset();
+        return version(client);
+    };
+    const milliseconds brief(60);
+    const std::pair<std::function<std::string()>, milliseconds> rows[] = {
+        {[this] { return version(client); }, milliseconds(14900)},
+        {[&] { return client.set_response_timeout(brief), version(client); }, brief},
+        {[&] { return scoped(longest, 2 * brief, true); }, 2 * brief},
+        {[&] { return scoped(2 * brief, longest, false); }, 2 * brief},
+    };
+    for (const auto& [command, least] : rows) {
+        const auto begin = std::chrono::steady_clock::now();
+        request_of(command);
+        EXPECT_EQ(result(), kTimedOut);
+        const auto taken = std::chrono::steady_clock::now() - begin;
+        EXPECT_TRUE(taken >= least && taken < least + std::chrono::seconds(9)) << least.count();
+    }
+    client.set_response_timeout(longest);
+    for (const milliseconds bad : {milliseconds(9), milliseconds(-1), longest + milliseconds(1)}) {
+        const std::string refused = "Response time-out of " + std::to_string(bad.count()) +
+                                    " ms refused - choose 10 ms to 24 h.";
+        EXPECT_EQ(error_of([&] { client.set_response_timeout(bad); }), refused);
+        EXPECT_EQ(error_of([&] { const JovuResponseTimeout scope(bad); }), refused);
+    }
     request(client);
     respond_with(R"({"__return__":[49]})");
     EXPECT_EQ(result(), "1|");
@@ -102,6 +136,64 @@ TEST_F(Exchange, SendsAFrameWholeWhateverEndsItsConnection) {
         EXPECT_EQ(sent[before + 1].bytes.back(), ';');
         replug();
     }
+}
+
+/// Those of one client, by another thread and in a callback.
+TEST_F(Exchange, IsCancelledWhileItWaitsAndTheDeviceStays) {
+    RecordingClient another;
+    replug();
+    ASSERT_TRUE(another.wait_connected(kAddress) && client.wait_connected(kAddress, 2));
+    std::size_t cancelled = 0;
+    const std::function<void()> ways[] = {
+        [&] { cancelled = client.cancel_exchanges(kAddress); },
+        [this] { send_event(device); },
+    };
+    client.on_debug = [&](JovuDeviceAddress, const std::string&) { ways[0](); };
+    for (const auto& way : ways) {
+        for (const bool own : {true, false}) {
+            request(own ? client : another);
+            auto behind = std::async(std::launch::async, [this] { return version(client); });
+            EXPECT_TRUE(waits(behind));
+            way();
+            EXPECT_EQ(cancelled, own ? 2U : 1U);
+            EXPECT_EQ(behind.get(), kCancelled);
+            respond_with(R"({"__return__":[49]})");
+            EXPECT_EQ(result(), own ? kCancelled : "1|");
+        }
+    }
+    // In the middle of a frame: it is sent whole, and without a response it has not failed.
+    for (const bool twoway : {true, false}) {
+        const std::size_t before = fake_usb::sent().size();
+        fake_usb::hold_bulk(true);
+        auto sending = std::async(std::launch::async, [&] {
+            if (twoway) return version(client);
+            JovuMessage(client, jovu::kEventFlags, nullptr).send(kAddress);
+            return told(nullptr);
+        });
+        ASSERT_TRUE(eventually([=] { return fake_usb::sent().size() > before; }));
+        EXPECT_EQ(client.cancel_exchanges(kAddress), twoway ? 1U : 0U);
+        fake_usb::hold_bulk(false);
+        EXPECT_EQ(sending.get(), twoway ? kCancelled : "null|");
+        EXPECT_EQ(fake_usb::sent().size(), before + 2);
+    }
+    request(client);
+    respond_with(R"({"__return__":[49]})");
+    EXPECT_EQ(result(), "1|");
+    EXPECT_EQ(client.cancel_exchanges(kAddress) + client.cancel_exchanges({9, 9}), 0U);
+}
+
+TEST_F(Exchange, ADeviceThatIsClosedIsToldFromOneThatHasLeft) {
+    const auto expect = [this](const std::string& code) {
+        EXPECT_EQ(version(client), kDisconnected);
+        EXPECT_EQ(jovu_error_name(JovuTransport::last_send_error_code()), code);
+        EXPECT_EQ(code_of([this] { client.RequestStatus(kAddress); }), code);
+        EXPECT_EQ(code_of([this] { client.close(kAddress); }), code);
+    };
+    client.close(kAddress);
+    expect("closed");
+    fake_usb::unplug(device);
+    ASSERT_TRUE(eventually([this] { return client.list_connected().empty(); }));
+    expect("disconnected");
 }
 
 TEST_F(Exchange, MatchesByIdAloneUnlessStrict) {

@@ -14,8 +14,7 @@ constexpr int kTimeout = LIBUSB_ERROR_TIMEOUT, kBusy = LIBUSB_ERROR_BUSY;
 using Failure = std::pair<std::string, JovuError>;
 const std::string kError = "Send failed - libusb error: ";
 const Failure kNone{"", JovuError::none}, kTimedOut{kError + "-7", JovuError::send_timed_out},
-    kIsBusy{kError + "-6", JovuError::transfer_failed},
-    kOverflow{kError + "-8", JovuError::transfer_failed},
+    kIsBusy{kError + "-6", JovuError::busy}, kOverflow{kError + "-8", JovuError::transfer_failed},
     kStalled{kError + "-9", JovuError::stalled}, kLost{kError + "-4", JovuError::disconnected},
     kStuck{"Send failed - device takes no data.", JovuError::send_timed_out};
 
@@ -85,7 +84,7 @@ TEST_F(Write, ChecksTheDeviceThenTheInterfaceThenTheLength) {
         EXPECT_EQ(write(bytes, kAddress, 2), invalid);
     }
     JovuUsb::close(kAddress);
-    EXPECT_EQ(write("x", kAddress, 2), gone);
+    EXPECT_EQ(write("x", kAddress, 2), Failure(gone.first, JovuError::closed));
     EXPECT_TRUE(fake_usb::sent().empty());
 }
 

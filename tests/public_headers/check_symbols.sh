@@ -17,7 +17,8 @@ soname=$(objdump -p "$library" | awk '$1 == "SONAME" {print $2}')
 # the standard library's own wish.
 classes=
 for class in JovuClient JovuScanPause JovuCommandInterface JovuEventInterface JovuJobInterface \
-    JovuTransport JovuUsbClient JovuException JovuDfu escape_spaces; do
+    JovuTransport JovuUsbClient JovuException JovuDfu JovuResponseTimeout jovu_error_name \
+    escape_spaces; do
     classes+="${classes:+|}${#class}$class"
 done
 # Lines of "TYPE NAME".

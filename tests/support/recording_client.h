@@ -122,6 +122,16 @@ inline std::string error_of(const std::function<void()>& call) {
     return "";
 }
 
+/// @return the name of the code of that exception, or "none".
+inline std::string code_of(const std::function<void()>& call) {
+    try {
+        call();
+    } catch (const JovuException& error) {
+        return jovu_error_name(error.code());
+    }
+    return jovu_error_name(JovuError::none);
+}
+
 /// A string as the commands take it.
 inline std::shared_ptr<char> string(const std::string& value) {
     auto owner = std::make_shared<std::string>(value);

@@ -139,5 +139,48 @@ TEST_F(JobInterface, ReceivesWhateverComesAndFreesItWhenTheDeviceLeaves) {
     EXPECT_EQ(client.job_texts().back(), "{1}");
 }
 
+TEST_F(JobInterface, WaitsForAReportUntilNoneCanCome) {
+    using std::chrono::milliseconds;
+    JovuDeviceAddress address = kAddress;
+    libusb_device* mine = nullptr;
+    const auto awaited = [&](milliseconds limit) -> std::string {
+        try {
+            return client.wait_for_status(address, limit).state;
+        } catch (const JovuException& error) {
+            return jovu_error_name(error.code()) + std::string(": ") + error.what();
+        }
+    };
+    const auto report = [](libusb_device* from, const std::string& state) {
+        ASSERT_TRUE(eventually([=] { return fake_usb::in_flight(from, kJobsIn); }));
+        const std::string text =
+            R"({"metadata":{"type":"status"},"status":{"state":")" + state + "\"}}";
+        EXPECT_TRUE(fake_usb::complete(from, kJobsIn, LIBUSB_TRANSFER_COMPLETED, text));
+    };
+    std::string inside;
+    client.on_status = [&](JovuDeviceAddress) { inside = awaited(milliseconds(10)); };
+    const std::pair<std::function<void()>, std::string> rows[] = {
+        {[&] { report(device, "no"), report(mine, "on"), report(mine, "late"); }, "on"},
+        {[] {}, "response_timed_out: Status failed - no report within 50 ms."},
+        {[&] { client.close(address); }, "closed: Status failed - Device no longer connected."},
+        {[&] { fake_usb::unplug(mine); },
+         "disconnected: Status failed - Device no longer connected."},
+        {[&] { client.shutdown(); }, "shut_down: Send failed - The client has been shut down."},
+    };
+    for (const auto& [meanwhile, expected] : rows) {
+        ++address.address;
+        mine = fake_usb::plug(address.bus, address.address);
+        ASSERT_TRUE(client.wait_connected(address));
+        const std::size_t before = fake_usb::sent().size();
+        const bool brief = expected.find("50 ms") != std::string::npos;
+        auto waiting = std::async(std::launch::async, awaited, milliseconds(brief ? 50 : 60000));
+        ASSERT_TRUE(eventually([=] { return fake_usb::sent().size() > before; }));
+        meanwhile();
+        EXPECT_EQ(waiting.get(), expected);
+    }
+    EXPECT_EQ(client.statuses().size(), 3U);
+    EXPECT_EQ(inside, "in_callback: Status failed - called from inside a callback.");
+    EXPECT_THAT(awaited(milliseconds(9)), testing::StartsWith("rejected: Status time-out of 9 ms"));
+}
+
 }  // namespace
 }  // namespace test

@@ -28,20 +28,30 @@ protected:
         progress.clear();
         before = fake_usb::sent().size();
         on_progress = std::move(then);
-        const auto note = [](double percent, std::string, void* user) {
+        const auto note = [this](const JovuPushProgress& now) {
+            latest = now;
+            progress.push_back(now.percent);
+            on_progress(progress.size() - 1);
+        };
+        const auto note_percent = [](double percent, std::string, void* user) {
             auto& self = *static_cast<JobPush*>(user);
             self.progress.push_back(percent);
             self.on_progress(self.progress.size() - 1);
         };
         static const char* const results[] = {"completed", "cancelled", "cut short"};
         JovuPushResult result{};
-        const std::string error = error_of(
-            [&] { result = jobs.SendJobFile(kAddress, file.path(), note, this, false, cancel); });
+        const std::string error = error_of([&] {
+            result = plain_callback ? jobs.SendJobFile(kAddress, file.path(), note_percent, this,
+                                                       false, cancel)
+                                    : jobs.SendJobFile(kAddress, file.path(), note, cancel);
+        });
         return error.empty() ? results[static_cast<int>(result)] : error;
     }
 
     const TemporaryFile file{"job", ""};
+    bool plain_callback = false;
     std::vector<double> progress;
+    JovuPushProgress latest;  ///< What the function object was called with.
     std::function<void(std::size_t)> on_progress;
     std::size_t before = 0;  ///< Transfers before the push.
 };
@@ -55,9 +65,13 @@ TEST_F(JobPush, ReportsItsProgressAndNeedsAFileThatCanBeReadTwice) {
     };
     for (const auto& [size, expected] : rows) {
         std::ofstream(file.path(), std::ios::binary) << std::string(size, 'x');
-        EXPECT_EQ(push(client), "completed");
-        EXPECT_EQ(progress, expected) << size;
-        EXPECT_EQ(fake_usb::sent().at(before).bytes.find("compression"), std::string::npos);
+        for (const bool plain : {true, false}) {
+            plain_callback = plain;
+            EXPECT_EQ(push(client), "completed");
+            EXPECT_EQ(progress, expected) << size;
+            EXPECT_EQ(fake_usb::sent().at(before).bytes.find("compression"), std::string::npos);
+        }
+        EXPECT_EQ(push(client, [](std::size_t) { throw JovuException("odd"); }), "odd");
     }
     const auto error = [this](const std::string& path, bool compressed = false) {
         return error_of([&] { client.SendJobFile(kAddress, path, nullptr, nullptr, compressed); });
@@ -126,6 +140,8 @@ TEST_F(JobPush, FillsUpWhatItDoesNotSendSoThatTheChecksumIsWrong) {
                       all);
             EXPECT_TRUE(std::is_sorted(progress.begin(), progress.end()));
             EXPECT_EQ(progress.back(), 100.0);
+            EXPECT_TRUE(latest.sent == job.size() && latest.total == job.size() &&
+                        latest.filler == !all);
             EXPECT_LE(progress.size(), calls + 1) << "a file that grows for ever has an end";
         }
     }

@@ -31,8 +31,10 @@ TEST(WaitingRequests, AreWokenByWhatIsTheirsWhileOthersComeAndGo) {
     jovu::ResponseSignal signal, unheard;
     const auto woken = [&signal] { return signal.wait(std::chrono::milliseconds(0)); };
     JovuMessage older(client, 0, 7, nullptr), request(client, 0, 7, nullptr);
-    std::optional<Entry> first(std::in_place, table, older, unheard, connection);
-    std::optional<Entry> second(std::in_place, table, request, signal, connection);
+    jovu::CancellableExchanges exchanges;
+    jovu::CancellableExchanges::Ticket ticket(exchanges);
+    std::optional<Entry> first(std::in_place, table, older, unheard, connection, ticket);
+    std::optional<Entry> second(std::in_place, table, request, signal, connection, ticket);
     first.reset();
     table.wake({1, 6});
     respond(8);
@@ -45,7 +47,7 @@ TEST(WaitingRequests, AreWokenByWhatIsTheirsWhileOthersComeAndGo) {
     // Nothing orders the two threads but the table.
     std::thread other([&] {
         for (int i = 0; i < kTimes; ++i)
-            const Entry one(table, another, unheard, connection);
+            const Entry one(table, another, unheard, connection, ticket);
     });
     for (int i = 0; i < kTimes; ++i) {
         respond(7);
@@ -58,6 +60,14 @@ TEST(WaitingRequests, AreWokenByWhatIsTheirsWhileOthersComeAndGo) {
     second.reset();
     table.wake_all();
     EXPECT_FALSE(woken());
+
+    jovu::CancellableExchanges::Ticket cancelled(exchanges);
+    const Entry third(table, another, signal, connection, cancelled);
+    EXPECT_EQ(exchanges.cancel_all(), 1U) << "the first ticket's exchange has its response";
+    respond(9);
+    EXPECT_FALSE(woken() || another.response_available());
+    table.wake_cancelled();
+    EXPECT_TRUE(woken());
 }
 
 }  // namespace

@@ -422,6 +422,7 @@ Failure exchange_failure(const std::string& what, const JovuException& error) {
             case JovuError::disconnected:
                 return "it was unplugged";
             case JovuError::transfer_failed:
+            case JovuError::busy:
                 return "it was unplugged, or the bus is disturbed: check the cable";
             case JovuError::send_timed_out:
                 return "the device takes no data: unplug it and plug it in again";
