@@ -2,12 +2,12 @@
 /// An exchange: a request is sent and its response awaited.
 #include <algorithm>
 #include <array>
-#include <cstdio>
 #include <memory>
 #include <mutex>
 #include <string>
 #include <string_view>
 
+#include "base/log.h"
 #include "core/frame.h"
 #include "core/message.h"
 #include "core/transport_state.h"
@@ -35,11 +35,6 @@ void set_last_error(std::string_view reason, JovuError code) noexcept {
     last_error.code = code;
     last_error.length = std::min(reason.size(), last_error.text.size());
     std::copy_n(reason.begin(), last_error.length, last_error.text.begin());
-}
-
-void print_failure(unsigned id, const char* what) noexcept {
-    std::fprintf(stdout, "JovuMessage: %u -- %s\n", id, what);
-    std::fflush(stdout);
 }
 
 /// A header whose body does not follow would have the device take the next frame for the body, so
@@ -71,7 +66,8 @@ void JovuTransport::send_message(JovuMessage& message, JovuDeviceAddress address
         // Afterwards: a handler that this thread has called meanwhile may have failed to send.
         set_last_error("", JovuError::none);
     } catch (const JovuException& error) {
-        print_failure(message.id(), error.what());
+        jovu::log(JovuLogLevel::error, address, "JovuMessage: %u -- %s", message.id(),
+                  error.what());
         set_last_error(error.what(), error.code());
     } catch (const std::exception& error) {
         set_last_error(error.what(), JovuError::unspecified);

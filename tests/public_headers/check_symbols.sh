@@ -17,7 +17,8 @@ soname=$(objdump -p "$library" | awk '$1 == "SONAME" {print $2}')
 # the standard library's own wish.
 classes=
 for class in JovuClient JovuScanPause JovuCommandInterface JovuEventInterface JovuJobInterface \
-    JovuTransport JovuUsbClient JovuException JovuDfu escape_spaces; do
+    JovuTransport JovuUsbClient JovuException JovuDfu escape_spaces JovuCallbackClient \
+    jovu_set_log_handler jovu_version; do
     classes+="${classes:+|}${#class}$class"
 done
 # Lines of "TYPE NAME".
