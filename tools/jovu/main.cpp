@@ -22,7 +22,8 @@ int finish(const Failure& failure) {
 int run(int argc, const char* const* argv, const FileDescriptor& output, StopSource& stop) {
     try {
         const Request request = parse_command_line(argc, argv);
-        Output out(output, stop, request.options.json);
+        show_diagnostics(request.options.verbose);
+        Output out(output, stop, request.options.json, request.options.quiet);
         if (request.run) {
             request.run(Context{request.options, out, stop});
         } else {

@@ -25,7 +25,11 @@ struct CommonOptions {
     std::optional<JovuDeviceAddress> device;
     /// How long to wait for a device to appear; without a value, only for attached devices.
     std::optional<std::chrono::milliseconds> wait_device;
+    /// How long to wait for a response; without a value, as long as the library does.
+    std::optional<std::chrono::milliseconds> timeout;
     bool json = false;
+    bool verbose = false;  ///< Show the library's diagnostic lines.
+    bool quiet = false;    ///< Show no progress.
 };
 
 /// Reads "BUS:ADDR", two decimal numbers 0 to 255; leading zeros are allowed, as in `lsusb`.
