@@ -11,7 +11,7 @@ namespace {
 using CallbackClientTest = BackendTest;
 
 TEST_F(CallbackClientTest, CallsFromItsStartToItsStopAndGoesOnWhenACallbackThrows) {
-    libusb_device* const device = fake_usb::plug(1, 5);
+    RecordingClient other;
     const auto log = [this](JovuLogLevel level, std::optional<JovuDeviceAddress> about,
                             const std::string& text) {
         journal.add(std::to_string(static_cast<int>(level)) + (about == kAddress ? "! " : "- ") +
@@ -42,6 +42,7 @@ TEST_F(CallbackClientTest, CallsFromItsStartToItsStopAndGoesOnWhenACallbackThrow
     EXPECT_EQ(error_of([&] { client.client(); }), "The client has not been started.");
     client.start(calls);
     EXPECT_EQ(error_of([&] { client.start(calls); }), "The client has been started already.");
+    libusb_device* const device = fake_usb::plug(1, 5);
     ASSERT_TRUE(
         journal.wait("1! JovuCallbackClient: The callback connected has thrown - UNKNOWN."));
     const auto event = [&](const std::string& name, const std::string& argument) {
@@ -55,7 +56,9 @@ TEST_F(CallbackClientTest, CallsFromItsStartToItsStopAndGoesOnWhenACallbackThrow
     const std::string report = R"({"metadata":{"type":"status"},"status":{"state":"idle"}})";
     EXPECT_TRUE(fake_usb::complete(device, kJobsIn, LIBUSB_TRANSFER_COMPLETED, report));
     client.stop();
+    send_event(device);
     fake_usb::unplug(device);
+    EXPECT_TRUE(other.wait_disconnected(kAddress));
     EXPECT_THAT(journal.entries(),
                 testing::ElementsAre(
                     "+1", "1! JovuCallbackClient: The callback connected has thrown - UNKNOWN.",
