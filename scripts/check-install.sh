@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Installs a build into a folder of its own, moves that, builds the example against it by CMake and
-# by pkg-config, and runs both on a simulated controller, and the installed program.
+# Installs a build into a folder of its own, moves that, builds the examples against it by CMake and
+# one by pkg-config, runs them on a simulated controller, and the installed program.
 #
 #   scripts/check-install.sh BUILD_DIR COMPILER JOVU_SIM
 set -euo pipefail
@@ -43,3 +43,5 @@ for way in by-cmake by-pkg-config; do
     echo "$way: $said"
     [[ $said == *"1:2 is here: serial "* ]] || fail "the example $way found no controller"
 done
+said=$("$jovu_sim" run -- "$work/by-cmake/status" 1)
+[[ $said == "libjovu "*": 1:2 "*" C" ]] || fail "status found no controller: $said"

@@ -1,6 +1,11 @@
 #include "jovu/client.h"
 
+#include "jovu/version.h"
 #include "usb/usb.h"
+
+const char* jovu_version() noexcept {
+    return JOVU_VERSION;
+}
 
 JovuUsbClient::~JovuUsbClient() = default;
 

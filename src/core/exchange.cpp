@@ -2,12 +2,12 @@
 /// An exchange: a request is sent and its response awaited.
 #include <algorithm>
 #include <array>
-#include <cstdio>
 #include <memory>
 #include <mutex>
 #include <string>
 #include <string_view>
 
+#include "base/log.h"
 #include "base/time_limit.h"
 #include "core/frame.h"
 #include "core/message.h"
@@ -48,11 +48,6 @@ constexpr const char* kTimeoutName = "Response time-out";
 JovuError not_connected_error(JovuDeviceAddress address) {
     const auto connection = JovuUsb::connection(address);
     return connection == nullptr ? JovuError::disconnected : connection->not_open_error();
-}
-
-void print_failure(unsigned id, const char* what) noexcept {
-    std::fprintf(stdout, "JovuMessage: %u -- %s\n", id, what);
-    std::fflush(stdout);
 }
 
 /// A header whose body does not follow would have the device take the next frame for the body, so
@@ -107,7 +102,8 @@ void JovuTransport::send_message(JovuMessage& message, JovuDeviceAddress address
         // Afterwards: a handler that this thread has called meanwhile may have failed to send.
         set_last_error("", JovuError::none);
     } catch (const JovuException& error) {
-        print_failure(message.id(), error.what());
+        jovu::log(JovuLogLevel::error, address, "JovuMessage: %u -- %s", message.id(),
+                  error.what());
         set_last_error(error.what(), error.code());
     } catch (const std::exception& error) {
         set_last_error(error.what(), JovuError::unspecified);

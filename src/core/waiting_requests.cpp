@@ -1,9 +1,9 @@
 #include "core/waiting_requests.h"
 
-#include <cstdio>
 #include <string_view>
 #include <utility>
 
+#include "base/log.h"
 #include "core/message.h"
 
 namespace jovu {
@@ -67,10 +67,10 @@ void WaitingRequests::respond(std::shared_ptr<JovuMessage>& response, const Send
         // Once per request: a device that sends many must not fill the application's output.
         if (std::exchange(waiting.mismatch_printed, true)) return;
     }
-    std::fprintf(stdout, "JovuMessage: %u -- Response of %u:%u dropped - it %s.\n", response->id(),
-                 static_cast<unsigned>(sender.address.bus),
-                 static_cast<unsigned>(sender.address.address), reason);
-    std::fflush(stdout);
+    log(JovuLogLevel::warning, sender.address,
+        "JovuMessage: %u -- Response of %u:%u dropped - it %s.", response->id(),
+        static_cast<unsigned>(sender.address.bus), static_cast<unsigned>(sender.address.address),
+        reason);
 }
 
 void WaitingRequests::wake(JovuDeviceAddress address) {

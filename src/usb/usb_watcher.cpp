@@ -1,9 +1,10 @@
 #include <algorithm>
 #include <chrono>
-#include <cstdio>
 #include <memory>
+#include <optional>
 #include <vector>
 
+#include "base/log.h"
 #include "usb/attached_device.h"
 #include "usb/client_list.h"
 #include "usb/usb_backend.h"
@@ -161,8 +162,7 @@ private:
 };
 
 void report_failure(const char* what) noexcept {
-    std::fprintf(stdout, "Fatal error in hotplug thread - %s.\n", what);
-    std::fflush(stdout);
+    log(JovuLogLevel::fatal, std::nullopt, "Fatal error in hotplug thread - %s.", what);
     usb_backend().watcher_failed = true;
 }
 

@@ -17,8 +17,10 @@
 namespace test {
 
 using nlohmann::json;
+using testing::AllOf;
 using testing::AnyOf;
 using testing::ContainsRegex;
+using testing::Field;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::MatchesRegex;

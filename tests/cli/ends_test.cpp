@@ -28,7 +28,13 @@ TEST(Ends, WrongUsageNamesWhatIsWrong) {
         {"status --interval 1", "--watch"},
         {"status --watch --interval -1", "not a time in seconds: -1"},
         {"status --watch --interval 0.09", "--interval takes at least 100 ms: 0.09"},
-        {"push", "FILE"},
+        {"push", "FILE or --attach is needed (see 'jovu help push')"},
+        {"push --attach file", "FILE or --attach"},
+        {"help pus", "no such command: pus (did you mean push?)"},
+        {"wait temperature", "wait temperature needs a value"},
+        {"wait temperature 1x", "not a temperature: 1x"},
+        {"wait device 1:2", "takes no value"},
+        {"-v -q status", "--verbose and --quiet exclude"},
         {"update", "IMAGE"},
         {"gcode", "LINE"},
         {"gcode -f file G28", "--file"},
@@ -38,7 +44,7 @@ TEST(Ends, WrongUsageNamesWhatIsWrong) {
         {"call gpio_get_rww gpio=1", "gpio_get_rww"},
         {"commands gpio", "gpio"},
         {"trace 99999", "99999"},
-        {"trace 0 --move inf", "not a distance: inf"},
+        {"trace 0 --move inf", "not a distance: inf (see 'jovu help trace')"},
     };
     const JovuDeviceAddress device = plug();
     for (const auto& [line, named] : rows)
@@ -47,6 +53,7 @@ TEST(Ends, WrongUsageNamesWhatIsWrong) {
     EXPECT_EQ(jovu("commands gpio_output_set").out,
               "gpio_output_set(pin: gpio_name_t, value: bool) -> void\nSet an output; index 4.\n\n"
               "Arguments:\n  pin    gpio_name_t  0 to 4294967295\n  value  bool         0 or 1\n");
+    EXPECT_EQ(jovu("help push").out, jovu("push --help").out);
     EXPECT_THAT(jovu("commands sd_mmc_get_storage_info"),
                 Exits(0,
                       "index 59.\n\nResult:\n"
@@ -66,6 +73,7 @@ TEST(Ends, WithoutADevice) {
         {"", "status -d 1:4", 3, "1:4 is in DFU mode"},
         {"", "--wait-device 0.2 -d 7:7 status", 3, "no such device: 7:7"},
         {"fault 1:2 open", "status", 3, "cannot open 1:2: /dev/bus/usb/001/002: Is a directory"},
+        {"", "wait -d 9:9 --timeout 0.2 device", 8, "timed out waiting for a device: no such"},
         {"plug 1:7", "-d 9:9 info", 3, "no such device: 9:9"},
         {"plug 1:6", "gcode G28 --json", 4,
          "1:6 serial JVS001006, 1:7 serial JVS001007 (choose one with -d, -s or --port)"},
@@ -106,6 +114,19 @@ TEST(Ends, WhenAFileOrAProgramIsOfNoUse) {
     expect_error(update, 1, "needs dfu-util, which is not installed");
     expect_error(trace, 1, "--plot needs gnuplot, which is not installed");
     EXPECT_EQ(requests(device, "servo_dc_trace_enable") + requests(device, "Enter_dfu_mode"), 0);
+}
+
+TEST(Ends, WhenTheTimeIsOver) {
+    const JovuDeviceAddress device = plug();
+    expect_error(jovu("wait state printing --timeout 0.2"), 8, "the state printing: 1:2  idle");
+    sim("fault " + name(device) + " silent always");
+    const std::tuple<const char*, int, const char*> rows[] = {
+        {"info --timeout 0.3", 5, "version request to 1:2 failed: no response within 300 ms"},
+        {"status --timeout 0.3", 5, "status request to 1:2 failed: timed out"},
+        {"wait state idle --timeout 0.3", 8, "the state idle: 1:2 has sent no status report"},
+    };
+    for (const auto& [line, status, told] : rows)
+        expect_error(jovu(line), status, told);
 }
 
 TEST(Ends, WhenTheOutputCannotBeWritten) {
@@ -182,7 +203,7 @@ TEST(Interrupt, EndsAnExchangeThatIsNotAnsweredAsAnUnplugDoes) {
     ASSERT_TRUE(eventually([&] { return status_requests(device) == 1; }));
     expect_interrupted(status, "");
 
-    Program cut_off("gcode G28");
+    Program cut_off("gcode -v G28");
     ASSERT_TRUE(eventually([&] { return requests(device, "gcode_process_command") == 2; }));
     sim("unplug " + name(device));
     const Ended ended = cut_off.finish();

@@ -258,6 +258,15 @@ TEST(Words, AreSplitAsInAShell) {
     }
 }
 
+TEST(Secrets, AreFoundInALine) {
+    for (const char* const line :
+         {".call x auto_connect_key=a", ".call x connect_t.key=a", "call x 'key=@@a",
+          ".call x c={\"key\":\"a\"}", ".call x key=@f config.ifc_config.auto_connect_key=a"})
+        EXPECT_TRUE(holds_secret(line)) << line;
+    for (const char* const line : {".call x auto_connect_key=@a", ".call x keys=1", "M117 key", ""})
+        EXPECT_FALSE(holds_secret(line)) << line;
+}
+
 TEST(Printable, ShowsWhatCannotBeSeen) {
     const std::pair<std::string_view, const char*> rows[] = {
         {"caf\u00E9 \u4E2D \U0001F600 ~", "caf\u00E9 \u4E2D \U0001F600 ~"},
@@ -296,6 +305,7 @@ TEST(Completion, KnowsWhatCanFollow) {
     EXPECT_THAT(words(".call wifi_client_configure config.hdw_config.m"),
                 ElementsAre("config.hdw_config.mac_address="));
     EXPECT_THAT(words(".call nonsense "), IsEmpty());
+    EXPECT_THAT(words(".wait s"), ElementsAre("state"));
     EXPECT_THAT(words(".device 1"), ElementsAre("1:2", "1:3"));
     EXPECT_THAT(words(".events o"), ElementsAre("on", "off"));
     EXPECT_EQ(complete(".call gpio_input_get de", commands, {}).typed, 2U);

@@ -42,6 +42,20 @@ TEST_F(Push, IsFollowedToItsEnd) {
     for (const char* const part : {"\r\x1b[2KSending    0.0 % [>", "Sending  100.0 % [==",
                                    "Printing 100.0 % [==", "\r\nfinished after "})
         EXPECT_THAT(drawn, Exits(0, part));
+
+    EXPECT_THAT(jovu("push --attach"),
+                Exits(6, "no job to follow: 1:2 reports the state finished"));
+    const std::tuple<std::string, const char*> rows[] = {
+        {"-q " + push_, "^accepted by 1:2: job job-4, [a-z]+\n$"},
+        {"wait temperature 90", "^1:2  [a-z]+  (89|9.|[1-9]..)\\.. C  "},
+        {"push --attach",
+         "^job [0-9]+ %: [^\n]*\n(job [^\n]*\n)*finished after [^\n]*: job job-4\n$"},
+        {"wait state Finished", "^1:2  finished"},
+        {"gcode \"M104 S50\"", "^ok"},
+        {"wait temperature 60 --timeout 60", "^1:2  finished  (6[01]|5.)\\.. C  "},
+    };
+    for (const auto& [line, told] : rows)
+        EXPECT_THAT(jovu(line), AllOf(Exits(0, ""), Field(&Ended::out, ContainsRegex(told))));
     EXPECT_EQ(protocol_violations(device_), 0);
 }
 
@@ -62,6 +76,7 @@ TEST_F(Push, DependsOnTheStateThatTheDeviceReports) {
         {push_, "receiving", 6, "1:2 is busy with another job: receiving"},
         {push_, "Heating up", 6, "1:2 is busy with another job: Heating up"},
         {"resume", "printing", 0, "nothing was sent"},
+        {"wait state idle", "fault", 6, "1:2 does not reach the state idle: error 0, state fault"},
         {"pause", "printing", 6, "jovu: pause was sent, but 1:2 reports the state idle"},
     };
     for (const auto& [line, state, status, told] : rows) {

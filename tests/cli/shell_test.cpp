@@ -125,6 +125,7 @@ TEST_F(Shell, KeepsItsHistory) {
     start();
     EXPECT_TRUE(answers("M117 one\r", kPrompt));
     EXPECT_TRUE(answers(" M117 secret\r", kPrompt));
+    EXPECT_TRUE(answers(".call none auto_connect_key=secret\r", kPrompt));
     EXPECT_THAT(leave(), Exits(0, ""));
     start();
     EXPECT_TRUE(answers("\x1b[A", "M117 one"));
@@ -215,13 +216,18 @@ TEST_F(Shell, ReadsAScriptUpToTheFirstFailure) {
         {"G28\n.call gpio_get_raw gpio=x\n.quit\n", 2, ""},
         {"G28\rG28\n", 2, ""},
         {".shell\n", 2, ""},
+        {"quit\n", 2, "jovu: line 1: not sent: quit (did you mean .quit? A leading blank sends it"},
+        {"exit\n", 2, "not sent: exit (did you mean .quit?"},
+        {"shell G28\n", 2, "not sent: shell (.help"},
+        {" status\n", 6, "refused"},
+        {".push\n", 2, "(see '.help push')"},
         {".help .\n", 2, ""},
         {".quit\nG999\n", 0, ""},
         {".gcode -\nG28\nG999\n", 6, ""},
     };
     for (const auto& [input, status, told] : rows)
         EXPECT_THAT(jovu("shell", input), Exits(status, told)) << input;
-    EXPECT_EQ(requests(device_, "gcode_process_command"), 6);
+    EXPECT_EQ(requests(device_, "gcode_process_command"), 7);
 }
 
 }  // namespace

@@ -18,7 +18,8 @@ soname=$(objdump -p "$library" | awk '$1 == "SONAME" {print $2}')
 classes=
 for class in JovuClient JovuScanPause JovuCommandInterface JovuEventInterface JovuJobInterface \
     JovuTransport JovuUsbClient JovuException JovuDfu JovuResponseTimeout jovu_error_name \
-    escape_spaces; do
+    escape_spaces JovuCallbackClient jovu_set_log_handler jovu_version JovuDeviceFilter \
+    jovu_state_name; do
     classes+="${classes:+|}${#class}$class"
 done
 # Lines of "TYPE NAME".

@@ -57,6 +57,14 @@ std::vector<JovuDeviceAddress> JovuUsb::list_connected() {
     return {};
 }
 
+void JovuUsb::reopen(JovuDeviceAddress /*address*/) {}
+
+void JovuUsb::set_device_filter(JovuDeviceFilter /*filter*/) {}
+
+std::vector<JovuDeviceInfo> JovuUsb::list_devices() {
+    return {};
+}
+
 std::vector<JovuUsbDevice> JovuUsb::list_attached() {
     return {};
 }

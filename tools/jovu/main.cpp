@@ -28,7 +28,8 @@ int run(int argc, const char* const* argv, const FileDescriptor& output, StopSou
         if (!request.options.chooses_device() && chosen != nullptr && *chosen != 0) {
             choose_device(request.options, chosen);
         }
-        Output out(output, stop, request.options.json);
+        show_diagnostics(request.options.verbose);
+        Output out(output, stop, request.options.json, request.options.quiet);
         if (request.run) {
             request.run(Context{request.options, out, stop});
         } else {

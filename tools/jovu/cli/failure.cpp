@@ -4,7 +4,7 @@
 
 namespace jovu_cli {
 
-const std::array<ExitCodeRow, 10> kExitCodes{{
+const std::array<ExitCodeRow, 11> kExitCodes{{
     {ExitCode::ok, "success"},
     {ExitCode::failure,
      "the USB connection or a required program cannot be started, or an internal error"},
@@ -16,6 +16,7 @@ const std::array<ExitCodeRow, 10> kExitCodes{{
      "an exchange with the device failed or timed out, or it was unplugged"},
     {ExitCode::device_refused, "the device refused the request"},
     {ExitCode::file_problem, "a file cannot be read, or the output cannot be written"},
+    {ExitCode::timed_out, "the time-out of 'jovu wait' has passed"},
     {ExitCode::interrupted, "interrupted by Ctrl-C or a request to terminate"},
     {ExitCode::output_closed, "the reader of the output closed it"},
 }};

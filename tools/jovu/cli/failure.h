@@ -19,6 +19,7 @@ enum class ExitCode : int {
     exchange_failed = 5,
     device_refused = 6,
     file_problem = 7,
+    timed_out = 8,
     interrupted = 130,    ///< 128 + SIGINT, as a shell reports it.
     output_closed = 141,  ///< 128 + SIGPIPE, as a shell reports it.
 };
@@ -30,7 +31,7 @@ struct ExitCodeRow {
 };
 
 /// Every ExitCode once, in ascending order.
-extern const std::array<ExitCodeRow, 10> kExitCodes;
+extern const std::array<ExitCodeRow, 11> kExitCodes;
 
 /// @return the table as a section of the help, one row a line.
 std::string exit_code_help();

@@ -31,7 +31,11 @@ struct CommonOptions {
     /// @}
     /// How long to wait for a device to appear; without a value, only for attached devices.
     std::optional<std::chrono::milliseconds> wait_device;
+    /// How long to wait for a response; without a value, as long as the library does.
+    std::optional<std::chrono::milliseconds> timeout;
     bool json = false;
+    bool verbose = false;  ///< Show the library's diagnostic lines.
+    bool quiet = false;    ///< Show no progress.
 
     bool chooses_device() const { return device || !serial.empty() || !port.empty(); }
     /// @return a filter for the chosen device; for every device when none is chosen.

@@ -54,6 +54,7 @@ extern const Command kPushCommand;
 extern const Command kPauseCommand;
 extern const Command kResumeCommand;
 extern const Command kAbortCommand;
+extern const Command kWaitCommand;
 extern const Command kEventsCommand;
 extern const Command kCommandsCommand;
 extern const Command kCallCommand;
@@ -61,10 +62,14 @@ extern const Command kTraceCommand;
 extern const Command kShellCommand;
 extern const Command kDfuCommand;
 extern const Command kUpdateCommand;
+extern const Command kHelpCommand;
 /// @}
 
 /// Every command, in the order in which the help lists them.
 const std::vector<Command>& command_table();
+
+/// @return the names of all commands, in the same order.
+std::vector<std::string> command_names();
 
 /// A parsed command line.
 struct Request {
@@ -74,8 +79,10 @@ struct Request {
 };
 
 /// Parses a command line.
+/// @param help the command that shows the help of another one, for errors.
 /// @throws Failure usage.
-Request parse_command_line(int argc, const char* const* argv);
+Request parse_command_line(int argc, const char* const* argv,
+                           const std::string& help = "jovu help");
 
 /// Sends one line of gcode, as `jovu gcode LINE`. For the shell.
 void send_gcode_line(const Context& context, const std::string& line);

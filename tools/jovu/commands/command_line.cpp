@@ -7,6 +7,7 @@
 
 #include "cli/failure.h"
 #include "cli/suggestions.h"
+#include "jovu/version.h"
 
 namespace jovu_cli {
 namespace {
@@ -62,20 +63,38 @@ void add_common_options(CLI::App& app, CommonOptions& options) {
         ->excludes(serial);
     add_seconds_option(app, "--wait-device", options.wait_device,
                        "Wait for a device to appear, 0 to 604800");
+    add_seconds_option(app, "--timeout", options.timeout,
+                       "Wait this long for a response, 0.01 to 604800",
+                       std::chrono::milliseconds(10));
     app.add_flag("--json", options.json, "Write JSON, for programs");
+    app.add_flag("-v,--verbose", options.verbose, "Show the library's diagnostic lines");
+    app.add_flag("-q,--quiet", options.quiet, "Show results and errors, no progress");
 }
 
-std::vector<std::string> command_names() {
-    std::vector<std::string> names;
-    for (const Command& command : command_table()) {
-        names.emplace_back(command.name);
-    }
-    return names;
+/// @return where the help of a command is, for the end of an error.
+std::string see_help(const std::string& help, const std::string& command) {
+    return "see '" + help + " " + command + "'";
 }
 
-Failure usage_failure(const CLI::App& app, const CLI::ParseError& error) {
+/// Adds the pointer to the command's help to an error of its arguments that has no hint.
+Run with_help_hint(Run run, const std::string& hint) {
+    return [run = std::move(run), hint](const Context& context) {
+        try {
+            run(context);
+        } catch (const Failure& failure) {
+            if (failure.code() != ExitCode::usage || !failure.hint().empty()) {
+                throw;
+            }
+            throw Failure(ExitCode::usage, failure.what(), hint);
+        }
+    };
+}
+
+Failure usage_failure(const CLI::App& app, const CLI::ParseError& error, const std::string& help) {
     std::string hint = "see jovu --help";
-    if (app.get_subcommands().empty()) {
+    if (!app.get_subcommands().empty()) {
+        hint = see_help(help, app.get_subcommands().front()->get_name());
+    } else {
         // The parser's own message for these does not name the argument.
         const std::vector<std::string> arguments = app.remaining();
         if (!arguments.empty()) {
@@ -110,16 +129,25 @@ std::vector<std::string> protected_arguments(int argc, const char* const* argv) 
 
 }  // namespace
 
+std::vector<std::string> command_names() {
+    std::vector<std::string> names;
+    for (const Command& command : command_table()) {
+        names.emplace_back(command.name);
+    }
+    return names;
+}
+
 const std::vector<Command>& command_table() {
     static const std::vector<Command> table = {
-        kListCommand,  kInfoCommand,   kStatusCommand, kGcodeCommand,  kPushCommand,
-        kPauseCommand, kResumeCommand, kAbortCommand,  kEventsCommand, kCommandsCommand,
-        kCallCommand,  kTraceCommand,  kShellCommand,  kDfuCommand,    kUpdateCommand,
+        kListCommand,     kInfoCommand,   kStatusCommand, kGcodeCommand, kPushCommand,
+        kPauseCommand,    kResumeCommand, kAbortCommand,  kWaitCommand,  kEventsCommand,
+        kCommandsCommand, kCallCommand,   kTraceCommand,  kShellCommand, kDfuCommand,
+        kUpdateCommand,   kHelpCommand,
     };
     return table;
 }
 
-Request parse_command_line(int argc, const char* const* argv) {
+Request parse_command_line(int argc, const char* const* argv, const std::string& help) {
     Request request;
     CLI::App app(kPurpose, "jovu");
     app.set_version_flag("--version", "jovu " JOVU_VERSION, "Print the version and exit");
@@ -143,13 +171,18 @@ Request parse_command_line(int argc, const char* const* argv) {
         std::vector<std::string> arguments = protected_arguments(argc, argv);
         std::reverse(arguments.begin(), arguments.end());  // The parser takes them from the end.
         app.parse(std::move(arguments));
-        request.run = runs.at(app.get_subcommands().front());
+        const CLI::App* const sub = app.get_subcommands().front();
+        const std::string hint = see_help(help, sub->get_name());
+        if (request.options.verbose && request.options.quiet) {
+            throw Failure(ExitCode::usage, "--verbose and --quiet exclude each other", hint);
+        }
+        request.run = with_help_hint(runs.at(sub), hint);
     } catch (const CLI::CallForHelp&) {
         request.message = app.help();
     } catch (const CLI::CallForVersion& version) {
         request.message = std::string(version.what()) + "\n";
     } catch (const CLI::ParseError& error) {
-        throw usage_failure(app, error);
+        throw usage_failure(app, error, help);
     }
     return request;
 }

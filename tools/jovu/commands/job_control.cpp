@@ -68,10 +68,6 @@ private:
         }
     }
 
-    static std::string state_string(const StatusReport& report) {
-        return report.state.empty() ? "-" : report.state;
-    }
-
     void show(const StatusReport& report, bool sent) {
         if (context_.out.json()) {
             Json object = {{"request", name_}, {"sent", sent}};

@@ -24,6 +24,7 @@ namespace {
 struct PushOptions {
     std::string file;
     bool wait = false;
+    bool attach = false;
 };
 
 using namespace std::chrono_literals;
@@ -185,9 +186,13 @@ Failure refused(JovuDeviceAddress address, const std::string& what, const Status
                    to_string(address) + " " + what + ": " + describe_error(report));
 }
 
-void check_free(JovuDeviceAddress address, const StatusReport& report) {
+bool has_job(const StatusReport& report) {
     const JobPhase phase = state_phase(report.state);
-    if (phase == JobPhase::active || phase == JobPhase::paused || phase == JobPhase::receiving) {
+    return phase == JobPhase::active || phase == JobPhase::paused || phase == JobPhase::receiving;
+}
+
+void check_free(JovuDeviceAddress address, const StatusReport& report) {
+    if (has_job(report)) {
         throw Failure(ExitCode::device_refused,
                       to_string(address) + " is busy with another job: " + report.state + ", " +
                           std::to_string(report.progress) + " %",
@@ -276,7 +281,25 @@ void follow(const Context& context, Session& session, JovuDeviceAddress address,
     context.stop.throw_if_stopped();
 }
 
+/// Follows the job that a device has.
+void attach(const Context& context) {
+    const SessionLease lease(context, Interest{true, false});
+    Session& session = lease.session();
+    const JovuDeviceAddress address = session.pick_device();
+    const StatusReport report = session.request_status(address);
+    if (!has_job(report)) {
+        throw Failure(ExitCode::device_refused, "no job to follow: " + to_string(address) +
+                                                    " reports the state " + state_string(report));
+    }
+    PushReporter reporter(context.out, address, report.file, 0);
+    follow(context, session, address, reporter, report);
+}
+
 void run_push(const Context& context, const PushOptions& options) {
+    if (options.attach) {
+        attach(context);
+        return;
+    }
     const std::uint64_t size = check_input_file(options.file, "push");
     const SessionLease lease(context, Interest{true, false});
     Session& session = lease.session();
@@ -295,10 +318,16 @@ void run_push(const Context& context, const PushOptions& options) {
 
 Run define_push(CLI::App& app) {
     const auto options = std::make_shared<PushOptions>();
-    app.add_option("FILE", options->file, "The job file; must not be empty")
-        ->type_name("")
-        ->required();
+    const CLI::Option* file =
+        app.add_option("FILE", options->file, "The job file; must not be empty")->type_name("");
     app.add_flag("--wait", options->wait, "Follow the job to its end");
+    const CLI::Option* attaches =
+        app.add_flag("--attach", options->attach, "Send nothing; follow the job that runs already");
+    app.callback([file, attaches] {
+        if ((file->count() == 0) == (attaches->count() == 0)) {
+            throw CLI::ValidationError("either FILE or --attach is needed");
+        }
+    });
     app.footer(
         "Waits until the device has accepted the job, at most 10 seconds. Ctrl-C cancels the\n"
         "push: it sends filler for the rest of the job, and the device refuses the job. A second\n"

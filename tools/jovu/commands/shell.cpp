@@ -27,9 +27,9 @@ namespace {
 /// Number of events that are shown before input is read again.
 constexpr int kMaxEventsAtOnce = 100;
 
-/// Whether the shell runs a command of the program. It shows events itself.
+/// Whether the shell runs a command of the program. It shows events and help itself.
 bool runs_in_shell(const std::string& name) {
-    return name != "shell" && name != "events";
+    return name != "shell" && name != "events" && name != "help";
 }
 
 class Shell {
@@ -145,8 +145,12 @@ private:
         if (line.find('\0') != std::string::npos) {
             throw Failure(ExitCode::usage, "the line holds a NUL byte: " + line);
         }
+        show_diagnostics(options_.verbose);
         show_events();  // Reports new devices before one is chosen for the line.
         if (line[begin] != '.') {
+            if (begin == 0) {
+                refuse_command(line.substr(0, line.find_first_of(" \t\r")));
+            }
             const std::string code = line.substr(0, line.find_last_not_of('\r') + 1);
             names_device_ = false;
             options_.device = devices_.chosen();
@@ -164,6 +168,20 @@ private:
         run_command(name, words);
     }
 
+    /// A command without its dot is no gcode, whose words are a letter and a number.
+    /// @throws Failure usage for the name of a command.
+    static void refuse_command(const std::string& word) {
+        const std::vector<std::string> names = jovu_cli::command_names();
+        const std::vector<std::string> own = command_names();
+        const std::string command = "." + (word == "exit" ? "quit" : word);
+        const bool runs = std::find(own.begin(), own.end(), command) != own.end();
+        if (runs || std::find(names.begin(), names.end(), word) != names.end()) {
+            throw Failure(ExitCode::usage, "not sent: " + word,
+                          (runs ? "did you mean " + command + "? A" : ".help lists commands; a") +
+                              " leading blank sends it as gcode");
+        }
+    }
+
     /// Runs one of the program's commands in the shell's session.
     void run_command(const std::string& name, const Words& words) {
         const std::vector<std::string> names = command_names();
@@ -176,7 +194,8 @@ private:
         for (const std::string& word : words) {
             arguments.push_back(word.c_str());
         }
-        Request request = parse_command_line(static_cast<int>(arguments.size()), arguments.data());
+        Request request =
+            parse_command_line(static_cast<int>(arguments.size()), arguments.data(), ".help");
         if (!request.run) {
             out_.raw(request.message);
             return;
@@ -185,8 +204,11 @@ private:
         names_device_ = options.chooses_device();
         options.device = names_device_ ? options.device : devices_.chosen();
         options.wait_device = options.wait_device ? options.wait_device : options_.wait_device;
+        options.timeout = options.timeout ? options.timeout : options_.timeout;
         options.json = options.json || options_.json;
-        Output out = out_.with_json(options.json);
+        options.quiet = options.quiet || options_.quiet;
+        show_diagnostics(options.verbose || options_.verbose);
+        Output out = out_.in_form(options.json, options.quiet);
         request.run(context(options, out));
     }
 
@@ -288,7 +310,10 @@ private:
     }
 
     void greet() {
-        out_.line("A line is gcode, a command begins with a dot: .help lists them. Ctrl-D leaves.");
+        if (!out_.quiet()) {
+            out_.line(
+                "A line is gcode, a command begins with a dot: .help lists them. Ctrl-D leaves.");
+        }
         const std::vector<JovuDeviceAddress> devices = session().find_devices();
         devices_.accept_all(session());
         show_events();
@@ -388,7 +413,8 @@ void run_shell(const Context& context) {
 Run define_shell(CLI::App& app) {
     app.footer(
         "A line that begins with a dot is a command, such as '.status' or '.push FILE'; any other\n"
-        "line is gcode. '.help' lists the commands, Ctrl-D or '.quit' leaves, Ctrl-C cancels the\n"
+        "line is gcode; the name of a command without its dot is sent behind a blank only.\n"
+        "'.help' lists the commands, Ctrl-D or '.quit' leaves, Ctrl-C cancels the\n"
         "line or the command. Lines go to one device, identified by its serial number;\n"
         "'.device BUS:ADDR' chooses another one. When standard input is not a terminal, reads\n"
         "lines without a prompt up to the first failure, which sets the exit code.");

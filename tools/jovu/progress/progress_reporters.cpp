@@ -26,12 +26,15 @@ std::string printing_tail(const StatusReport& report) {
 PushReporter::PushReporter(Output& out, JovuDeviceAddress device, const std::string& file,
                            std::uint64_t size)
     : out_(out), device_(device), file_(printable(file)), size_(size) {
-    if (out_.redraws()) {
+    if (out_.redraws() && !out_.quiet()) {
         bar_.emplace(out_);
     }
 }
 
 void PushReporter::sending(double percent, std::uint64_t sent, bool filler) {
+    if (out_.quiet()) {
+        return;
+    }
     meter_.add(RateMeter::Clock::now(), sent);
     if (bar_) {
         bar_->draw(percent, filler ? "Filling " : "Sending ",
@@ -66,6 +69,9 @@ void PushReporter::accepted(const StatusReport& report) {
 
 void PushReporter::printing(const StatusReport& report) {
     const double percent = report.progress;
+    if (out_.quiet()) {
+        return;
+    }
     if (out_.json()) {
         object("job", report);
         return;
@@ -105,6 +111,9 @@ void PushReporter::object(const char* event, const StatusReport& report) {
 }
 
 void UpdateReporter::step(const char* event, const std::string& serial, const std::string& line) {
+    if (out_.quiet()) {
+        return;
+    }
     if (out_.json()) {
         out_.object({{"event", event}, {"serial", serial}});
     } else {
@@ -113,7 +122,7 @@ void UpdateReporter::step(const char* event, const std::string& serial, const st
 }
 
 void UpdateReporter::downloading(const std::string& serial, double percent) noexcept {
-    if (output_failure_) {
+    if (output_failure_ || out_.quiet()) {
         return;
     }
     try {

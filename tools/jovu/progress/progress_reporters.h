@@ -1,6 +1,6 @@
 /// @file
 /// Show the progress of a push and of a firmware update: as a bar on a terminal, as lines
-/// elsewhere, or as JSON.
+/// elsewhere, or as JSON. A quiet output shows the outcome alone.
 #pragma once
 
 #include <cstdint>
@@ -53,7 +53,7 @@ private:
 class UpdateReporter {
 public:
     explicit UpdateReporter(Output& out) : out_(out) {
-        if (out.redraws()) {
+        if (out.redraws() && !out.quiet()) {
             bar_.emplace(out);
         }
     }

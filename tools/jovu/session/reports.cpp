@@ -90,6 +90,10 @@ JobPhase job_phase(const StatusReport& report) {
     return report.error != 0 ? JobPhase::error : state_phase(report.state);
 }
 
+std::string state_string(const StatusReport& report) {
+    return report.state.empty() ? "-" : report.state;
+}
+
 std::string describe_error(const StatusReport& report) {
     return "error " + error_string(report) + ", state " + shown(report.state);
 }

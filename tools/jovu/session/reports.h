@@ -29,6 +29,9 @@ JobPhase state_phase(const std::string& state);
 /// Classifies a report: by its error number first, then by its state.
 JobPhase job_phase(const StatusReport& report);
 
+/// @return the state, "-" for none.
+std::string state_string(const StatusReport& report);
+
 /// @return "error 12, state fault", for messages.
 std::string describe_error(const StatusReport& report);
 

@@ -291,7 +291,23 @@ void Session::close(JovuDeviceAddress address) noexcept {
     }
 }
 
-void Session::check_exchange(JovuDeviceAddress address, const std::string& name) const {
+/// @return closes the device when the time-out in the options has passed; null without a time-out.
+/// @param late set before that.
+std::unique_ptr<Watchdog> Session::limit_exchange(JovuDeviceAddress address,
+                                                  std::atomic<bool>& late) {
+    if (!options_.timeout) {
+        return nullptr;
+    }
+    const std::chrono::milliseconds limit = *options_.timeout;
+    return std::make_unique<Watchdog>(
+        stop_, Watchdog::Limits{limit, limit, limit}, [] { return false; },
+        [this, address, &late] {
+            late = true;
+            close(address);
+        });
+}
+
+void Session::check_exchange(JovuDeviceAddress address, const std::string& name, bool late) const {
     const std::string reason = JovuTransport::last_send_error();
     if (reason.empty()) {
         return;
@@ -300,6 +316,12 @@ void Session::check_exchange(JovuDeviceAddress address, const std::string& name)
         throw Failure(ExitCode::interrupted, "interrupted: " + name +
                                                  " may or may not have been carried out by " +
                                                  to_string(address));
+    }
+    if (late) {
+        throw Failure(ExitCode::exchange_failed,
+                      name + " to " + to_string(address) + " failed: no response within " +
+                          std::to_string(options_.timeout.value_or(0ms).count()) + " ms",
+                      "--timeout gives it more time");
     }
     throw failure_at(address, name, JovuException(reason, JovuTransport::last_send_error_code()));
 }
@@ -343,14 +365,18 @@ void Session::drop_stale_reports(JovuDeviceAddress address) {
     notifications_.drop_reports();
 }
 
-StatusReport Session::request_status(JovuDeviceAddress address) {
+StatusReport Session::request_status(JovuDeviceAddress address,
+                                     NotificationQueue::Clock::time_point deadline) {
     drop_stale_reports(address);
+    if (options_.timeout) {
+        deadline = std::min(deadline, NotificationQueue::Clock::now() + *options_.timeout);
+    }
     unsigned& pending = pending_reports_[address];
     std::optional<StatusReport> latest;
     for (int attempt = 0; attempt < kReportAttempts; ++attempt) {
         send(address, "status request", [&] { client_->RequestStatus(address); });
         ++pending;
-        auto end = NotificationQueue::Clock::now() + kReportRepeat;
+        auto end = std::min(NotificationQueue::Clock::now() + kReportRepeat, deadline);
         while (std::optional<Notification> notification = notifications_.next(end)) {
             check_connected(address, *notification);
             auto* report = std::get_if<StatusReport>(&notification->what);
@@ -368,6 +394,9 @@ StatusReport Session::request_status(JovuDeviceAddress address) {
         if (latest) {
             pending = 0;
             return *latest;
+        }
+        if (NotificationQueue::Clock::now() >= deadline) {
+            break;
         }
     }
     throw Failure(ExitCode::exchange_failed,

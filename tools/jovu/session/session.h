@@ -86,8 +86,8 @@ public:
     ///     system shows them.
     std::vector<UnopenedController> unopened_controllers() const;
 
-    /// Makes one exchange with a device. A signal ends it at once, by closing the device. Any
-    /// thread.
+    /// Makes one exchange with a device. A signal ends it at once, and the time-out in the options
+    /// as well, by closing the device. Any thread.
     /// @param name of the exchange, for messages.
     /// @param call a function without arguments that calls one command of client().
     /// @return the result of @p call.
@@ -97,8 +97,12 @@ public:
         const StopSource::Action closer(
             stop_, [this, address](Stop reason) { close_on_signal(address, reason); });
         stop_.throw_if_stopped();
-        auto result = call();
-        check_exchange(address, name);
+        std::atomic<bool> late{false};
+        auto result = [&] {
+            const std::unique_ptr<Watchdog> watchdog = limit_exchange(address, late);
+            return call();
+        }();
+        check_exchange(address, name, late);
         return result;
     }
 
@@ -138,8 +142,11 @@ public:
 
     /// Requests a status report and waits for it. Reports carry no number: counting and a short
     /// wait separate it from reports that this program or an earlier one requested before.
+    /// @param deadline when to give up, at the latest.
     /// @throws Failure exchange_failed, also when the device disconnects, or interrupted.
-    StatusReport request_status(JovuDeviceAddress address);
+    StatusReport request_status(JovuDeviceAddress address,
+                                NotificationQueue::Clock::time_point deadline =
+                                    NotificationQueue::Clock::time_point::max());
 
     /// The next notification, as NotificationQueue::next().
     /// @throws Failure exchange_failed when the connection has ended.
@@ -165,7 +172,9 @@ private:
     void drop_stale_reports(JovuDeviceAddress address);
     void close_on_signal(JovuDeviceAddress address, Stop reason);
     void close(JovuDeviceAddress address) noexcept;
-    void check_exchange(JovuDeviceAddress address, const std::string& name) const;
+    std::unique_ptr<Watchdog> limit_exchange(JovuDeviceAddress address, std::atomic<bool>& late);
+    void check_exchange(JovuDeviceAddress address, const std::string& name,
+                        bool late = false) const;
 
     CommonOptions options_;
     StopSource& stop_;

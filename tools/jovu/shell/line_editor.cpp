@@ -300,7 +300,7 @@ unsigned char LineEditor::complete_word() {
 }
 
 void LineEditor::remember(const std::string& line) {
-    if (line.empty() || line.front() == ' ') {
+    if (line.empty() || line.front() == ' ' || holds_secret(line)) {
         return;
     }
     HistEvent event{};

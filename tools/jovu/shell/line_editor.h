@@ -49,9 +49,9 @@ public:
     LineEditor(const LineEditor&) = delete;
     LineEditor& operator=(const LineEditor&) = delete;
 
-    /// Reads one line, without its line feed, and adds it to the history, unless it is empty or
-    /// begins with a blank. Characters that may not be shown are read as U+FFFD: the line equals
-    /// the screen.
+    /// Reads one line, without its line feed, and adds it to the history, unless it is empty,
+    /// begins with a blank or holds a secret. Characters that may not be shown are read as U+FFFD:
+    /// the line equals the screen.
     End read(std::string& line);
 
     /// As read(), with another prompt and without the history: input for a command.

@@ -58,6 +58,30 @@ std::vector<std::string> keys(const std::string& name, const std::vector<std::st
     return words;
 }
 
+bool is_secret(const std::string& name) {
+    for (const char* const end : {"key", "password"}) {
+        const std::size_t at = name.rfind(end);
+        if (at != std::string::npos && at + std::string(end).size() == name.size()) {
+            return true;
+        }
+    }
+    return false;
+}
+
+/// The last components of all keys of arguments that hold a secret.
+std::vector<std::string> secret_names() {
+    std::vector<std::string> names;
+    for (const FirmwareCommand& command : firmware_commands()) {
+        for (const auto& [path, type] : key_paths(command.arguments)) {
+            const std::string name = path.substr(path.rfind('.') + 1);
+            if (is_secret(name)) {
+                add(names, name, "");
+            }
+        }
+    }
+    return names;
+}
+
 std::vector<std::string> file_names(const std::string& typed) {
     namespace fs = std::filesystem;
     const std::size_t slash = typed.rfind('/');
@@ -93,6 +117,9 @@ std::vector<std::string> candidates(const std::vector<std::string>& before,
     }
     if (command == ".help") {
         return matching(commands, typed);
+    }
+    if (command == ".wait" && before.size() == 1) {
+        return matching({"device", "state", "temperature"}, typed);
     }
     if (command == ".device") {
         return matching(devices, typed);
@@ -143,6 +170,22 @@ std::vector<std::string> split_words(const std::string& line) {
         words.push_back(word);
     }
     return words;
+}
+
+bool holds_secret(const std::string& line) {
+    static const std::vector<std::string> names = secret_names();
+    // The line is searched as it is: one that cannot be parsed may hold a secret as well.
+    return std::any_of(names.begin(), names.end(), [&](const std::string& name) {
+        for (std::size_t at = line.find(name); at != std::string::npos; at = line.find(name, at)) {
+            at += name.size();
+            const std::string next = line.substr(at, 3);
+            const bool file = begins_with(next, "=@") && next != "=@@";
+            if (!file && (begins_with(next, "=") || begins_with(next, "\""))) {
+                return true;
+            }
+        }
+        return false;
+    });
 }
 
 Completion complete(const std::string& line, const std::vector<std::string>& commands,

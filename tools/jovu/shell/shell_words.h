@@ -13,6 +13,10 @@ namespace jovu_cli {
 /// @throws Failure usage for an open quote or a backslash at the end.
 std::vector<std::string> split_words(const std::string& line);
 
+/// Whether a line assigns a key or password of the firmware's commands: KEY=VALUE, also a member or
+/// within JSON. A value that is read from a file is none (KEY=@FILE).
+bool holds_secret(const std::string& line);
+
 /// The possible continuations of the last word of a line.
 struct Completion {
     std::size_t typed = 0;                ///< Length of the word so far.

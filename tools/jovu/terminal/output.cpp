@@ -9,8 +9,10 @@
 #include <cerrno>
 #include <climits>
 #include <nlohmann/json.hpp>
+#include <optional>
 #include <system_error>
 
+#include "jovu/log.h"
 #include "posix/child_process.h"
 #include "terminal/printable.h"
 
@@ -53,6 +55,15 @@ FileDescriptor take_standard_output() {
     return output;
 }
 
+void show_diagnostics(bool all) {
+    jovu_set_log_handler([all](JovuLogLevel level, std::optional<JovuDeviceAddress> /*device*/,
+                               const std::string& text) {
+        if (all || level == JovuLogLevel::fatal) {
+            print_error(text);
+        }
+    });
+}
+
 void print_error(const std::string& line) {
     const std::string shown = printable(line) + "\n";
     // A failure cannot be reported anywhere.
@@ -68,11 +79,11 @@ void print_failure(const Failure& failure) {
     print_error("jovu: " + what + hint);
 }
 
-Output::Output(const FileDescriptor& fd, const StopSource& stop, bool json)
-    : Output(fd.get(), stop, json) {}
+Output::Output(const FileDescriptor& fd, const StopSource& stop, bool json, bool quiet)
+    : Output(fd.get(), stop, json, quiet) {}
 
-Output::Output(int fd, const StopSource& stop, bool json)
-    : fd_(fd), stop_(stop), json_(json), redraws_(!json && can_move_cursor(fd_)) {}
+Output::Output(int fd, const StopSource& stop, bool json, bool quiet)
+    : fd_(fd), stop_(stop), json_(json), quiet_(quiet), redraws_(!json && can_move_cursor(fd_)) {}
 
 unsigned Output::columns() const {
     winsize size{};

@@ -15,10 +15,14 @@ namespace jovu_cli {
 /// JSON with its members in the order of their insertion.
 using Json = nlohmann::ordered_json;
 
-/// Reserves the standard output for the program: file descriptor 1, on which the library prints its
-/// diagnostic lines, becomes a duplicate of standard error.
+/// Reserves the standard output for the program: file descriptor 1, on which a library may print,
+/// becomes a duplicate of standard error.
 /// @return the real standard output; invalid when the program was started without one.
 FileDescriptor take_standard_output();
+
+/// Chooses which diagnostic lines of the library go to standard error.
+/// @param all false for those alone that tell why the USB connection has ended.
+void show_diagnostics(bool all);
 
 /// Prints one line on standard error, as printable().
 void print_error(const std::string& line);
@@ -34,15 +38,18 @@ void print_failure(const Failure& failure);
 class Output {
 public:
     /// @param fd must outlive this object, as must @p stop.
-    Output(const FileDescriptor& fd, const StopSource& stop, bool json);
+    /// @param json whether everything on the output is JSON.
+    /// @param quiet whether progress is left out.
+    Output(const FileDescriptor& fd, const StopSource& stop, bool json, bool quiet = false);
 
-    /// The same output, for JSON or for people.
-    Output with_json(bool json) const { return Output(fd_, stop_, json); }
+    /// The same output in another form.
+    Output in_form(bool json, bool quiet) const { return Output(fd_, stop_, json, quiet); }
 
     /// For programs that write to a terminal themselves. Owned by this object's creator.
     int fd() const noexcept { return fd_; }
     /// Whether everything on the output is JSON.
     bool json() const noexcept { return json_; }
+    bool quiet() const noexcept { return quiet_; }
     /// Whether lines may be redrawn: a terminal that can move its cursor, and no JSON.
     bool redraws() const noexcept { return redraws_; }
     /// Width of the terminal at this moment, in characters.
@@ -58,12 +65,13 @@ public:
     void raw(std::string_view bytes);
 
 private:
-    Output(int fd, const StopSource& stop, bool json);
+    Output(int fd, const StopSource& stop, bool json, bool quiet);
     void wait_writable() const;
 
     int fd_;
     const StopSource& stop_;
     bool json_;
+    bool quiet_;
     bool redraws_;
 };
 
