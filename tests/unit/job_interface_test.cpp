@@ -166,6 +166,15 @@ TEST_F(JobInterface, WaitsForAReportUntilNoneCanCome) {
          "disconnected: Status failed - Device no longer connected."},
         {[&] { client.shutdown(); }, "shut_down: Send failed - The client has been shut down."},
     };
+    // Between the notification of a disconnection and its end, a device takes requests still.
+    std::future<std::string> late;
+    BackendClient last(journal, "c", 1);
+    last.then = [&](char what, unsigned char*) {
+        if (what != '-' || late.valid()) return;
+        const std::size_t before = fake_usb::sent().size();
+        late = std::async(std::launch::async, awaited, milliseconds(60000));
+        EXPECT_TRUE(eventually([=] { return fake_usb::sent().size() > before; }));
+    };
     for (const auto& [meanwhile, expected] : rows) {
         ++address.address;
         mine = fake_usb::plug(address.bus, address.address);
@@ -177,6 +186,7 @@ TEST_F(JobInterface, WaitsForAReportUntilNoneCanCome) {
         meanwhile();
         EXPECT_EQ(waiting.get(), expected);
     }
+    EXPECT_EQ(late.get(), rows[2].second);
     EXPECT_EQ(client.statuses().size(), 3U);
     EXPECT_EQ(inside, "in_callback: Status failed - called from inside a callback.");
     EXPECT_THAT(awaited(milliseconds(9)), testing::StartsWith("rejected: Status time-out of 9 ms"));

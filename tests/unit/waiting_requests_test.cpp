@@ -63,6 +63,8 @@ TEST(WaitingRequests, AreWokenByWhatIsTheirsWhileOthersComeAndGo) {
 
     jovu::CancellableExchanges::Ticket cancelled(exchanges);
     const Entry third(table, another, signal, connection, cancelled);
+    table.wake_cancelled();
+    EXPECT_FALSE(woken());
     EXPECT_EQ(exchanges.cancel_all(), 1U) << "the first ticket's exchange has its response";
     respond(9);
     EXPECT_FALSE(woken() || another.response_available());
