@@ -53,7 +53,7 @@ TEST_F(Push, IsFollowedToItsEnd) {
         {"gcode \"M104 S100\"", "^ok"},
         {"wait temperature 100 --timeout 60", "^1:2  finished  (99|10.)\\.. C  "},
         {"gcode \"M104 S0\"", "^ok"},
-        {"wait temperature 70 --timeout 60", "^1:2  finished  [2-7].\\.. C  "},
+        {"wait temperature 40 --timeout 60", "^1:2  finished  (2.|3.|4[01])\\.. C  "},
     };
     for (const auto& [line, told] : rows)
         EXPECT_THAT(jovu(line), AllOf(Exits(0, ""), Field(&Ended::out, ContainsRegex(told))));
