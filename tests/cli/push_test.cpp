@@ -47,12 +47,13 @@ TEST_F(Push, IsFollowedToItsEnd) {
                 Exits(6, "no job to follow: 1:2 reports the state finished"));
     const std::tuple<std::string, const char*> rows[] = {
         {"-q " + push_, "^accepted by 1:2: job job-4, [a-z]+\n$"},
-        {"wait temperature 90", "^1:2  [a-z]+  (89|9.|[1-9]..)\\.. C  "},
         {"push --attach",
          "^job [0-9]+ %: [^\n]*\n(job [^\n]*\n)*finished after [^\n]*: job job-4\n$"},
         {"wait state Finished", "^1:2  finished"},
-        {"gcode \"M104 S50\"", "^ok"},
-        {"wait temperature 60 --timeout 60", "^1:2  finished  (6[01]|5.)\\.. C  "},
+        {"gcode \"M104 S100\"", "^ok"},
+        {"wait temperature 100 --timeout 60", "^1:2  finished  (99|10.)\\.. C  "},
+        {"gcode \"M104 S0\"", "^ok"},
+        {"wait temperature 40 --timeout 60", "^1:2  finished  (2.|3.|4[01])\\.. C  "},
     };
     for (const auto& [line, told] : rows)
         EXPECT_THAT(jovu(line), AllOf(Exits(0, ""), Field(&Ended::out, ContainsRegex(told))));
