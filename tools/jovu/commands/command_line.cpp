@@ -84,9 +84,10 @@ std::vector<std::string> protected_arguments(int argc, const char* const* argv) 
 
 const std::vector<Command>& command_table() {
     static const std::vector<Command> table = {
-        kListCommand,  kInfoCommand,   kStatusCommand, kGcodeCommand,  kPushCommand,
-        kPauseCommand, kResumeCommand, kAbortCommand,  kEventsCommand, kCommandsCommand,
-        kCallCommand,  kTraceCommand,  kShellCommand,  kDfuCommand,    kUpdateCommand,
+        kListCommand,  kInfoCommand,   kStatusCommand,   kMonitorCommand,
+        kGcodeCommand, kPushCommand,   kPauseCommand,    kResumeCommand,
+        kAbortCommand, kEventsCommand, kCommandsCommand, kCallCommand,
+        kTraceCommand, kShellCommand,  kDfuCommand,      kUpdateCommand,
     };
     return table;
 }

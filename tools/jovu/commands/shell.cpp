@@ -29,7 +29,7 @@ constexpr int kMaxEventsAtOnce = 100;
 
 /// Whether the shell runs a command of the program. It shows events itself.
 bool runs_in_shell(const std::string& name) {
-    return name != "shell" && name != "events";
+    return name != "shell" && name != "events" && name != "monitor";
 }
 
 class Shell {
