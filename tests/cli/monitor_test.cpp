@@ -11,6 +11,7 @@ TEST(Monitor, ShowsAllControllersAndSendsOnlyWhatIsConfirmed) {
     const JovuDeviceAddress device = plug("1:2");
     const JovuDeviceAddress silent = plug("1:3");
     sim("fault 1:3 silent always");
+    const auto start = std::chrono::steady_clock::now();
     Program monitor("monitor", Out::console);
     const auto answers = [&](const char* keys, const std::string& expected) {
         const std::size_t before = monitor.out().size();
@@ -40,9 +41,10 @@ TEST(Monitor, ShowsAllControllersAndSendsOnlyWhatIsConfirmed) {
         return monitor.writes("was sent to 1:2 (JVS001002)", std::chrono::milliseconds(50));
     }));
     EXPECT_EQ(sent(device, "pause"), 1);
-    // While the exchange for its serial number waits for a response.
     EXPECT_TRUE(answers("\x1bOBa", "abort the job of 1:3 (serial number unknown)? y/n"));
     EXPECT_TRUE(answers("y", "abort was sent to 1:3"));
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(14))
+        << "the exchange for its serial number, which takes 15 s, delayed the others";
     EXPECT_EQ(sent(silent, "abort"), 1);
     EXPECT_TRUE(answers("a", "abort the job of 1:3"));
     sim("unplug 1:3");

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cmath>
 #include <variant>
 
 #include "cli/options.h"
@@ -98,7 +99,7 @@ std::string TemperatureHistory::curve(std::size_t count, Time now) const {
             continue;
         }
         const double height = (next->value - low->value) / range * (kBars.size() - 1);
-        curve += kBars[static_cast<std::size_t>(height + 0.5)];
+        curve += kBars[static_cast<std::size_t>(std::lround(height))];
         ++next;
     }
     return curve;
@@ -158,14 +159,14 @@ void MonitorModel::take(const MonitorOutcome& outcome, Time now) {
         take_serial(*controller, outcome, now);
         return;
     }
-    controller->requesting = false;
+    controller->requesting_ = false;
     controller->failure = outcome.failure;
-    if (outcome.request.kind == Kind::status || !controller->confirmed) {
+    if (outcome.request.kind == Kind::status || !controller->confirmed_) {
         return;
     }
-    const std::string name = action_name(controller->confirmed->action);
-    controller->confirmed.reset();
-    controller->asked = {};  // Show the state after it soon.
+    const std::string name = action_name(controller->confirmed_->action);
+    controller->confirmed_.reset();
+    controller->asked_ = {};  // Show the state after it soon.
     say(outcome.failure.empty() ? name + " was sent to " + monitor_name(*controller)
                                 : outcome.failure,
         now);
@@ -246,14 +247,14 @@ std::vector<MonitorRequest> MonitorModel::due(Time now) {
         const auto add = [&](Kind kind) {
             requests.push_back({kind, controller.address, controller.connection});
         };
-        if (!controller.serial && !controller.identifying && now >= controller.next_identify) {
-            controller.identifying = true;
+        if (!controller.serial && !controller.identifying_ && now >= controller.next_identify_) {
+            controller.identifying_ = true;
             add(Kind::identify);
         }
-        if (controller.requesting) {
+        if (controller.requesting_) {
             continue;
         }
-        std::optional<Confirmed>& confirmed = controller.confirmed;
+        std::optional<Confirmed>& confirmed = controller.confirmed_;
         if (confirmed && !confirmed->checked && now - confirmed->since > kConfirmedLimit) {
             say(std::string(action_name(confirmed->action)) +
                     " was not sent: " + monitor_name(controller) + " does not respond",
@@ -261,13 +262,13 @@ std::vector<MonitorRequest> MonitorModel::due(Time now) {
             confirmed.reset();
         }
         if (confirmed && confirmed->checked) {
-            controller.requesting = true;
+            controller.requesting_ = true;
             add(confirmed->action == Action::abort ? Kind::abort : Kind::toggle_pause);
         } else if (needs_report(controller, now)) {
-            controller.requesting = true;
-            controller.asked = now;
+            controller.requesting_ = true;
+            controller.asked_ = now;
             controller.asked_since = controller.asked_since.value_or(now);
-            ++controller.unanswered;
+            ++controller.unanswered_;
             add(Kind::status);
         }
     }
@@ -354,35 +355,35 @@ void MonitorModel::disconnect(Controller& controller, Time now) {
     if (question_ && question_->id == controller.id) {
         question_.reset();
         say(monitor_name(controller) + " was unplugged: nothing was sent", now);
-    } else if (controller.confirmed) {
-        say(std::string(action_name(controller.confirmed->action)) +
-                (controller.confirmed->checked && controller.requesting
+    } else if (controller.confirmed_) {
+        say(std::string(action_name(controller.confirmed_->action)) +
+                (controller.confirmed_->checked && controller.requesting_
                      ? " may or may not have been sent: "
                      : " was not sent: ") +
                 monitor_name(controller) + " was unplugged",
             now);
     }
-    controller.confirmed.reset();
+    controller.confirmed_.reset();
     controller.presence = Presence::unplugged;
     controller.since = now;
 }
 
 void MonitorModel::take_report(Controller& controller, const StatusReport& report, Time now) {
     if (controller.silence(now)) {
-        controller.next_identify = now;
+        controller.next_identify_ = now;
     }
     controller.report = report;
     controller.temperatures.add(now, report.extruder_temperature);
     controller.asked_since.reset();
-    controller.unanswered = 0;
+    controller.unanswered_ = 0;
     controller.failure.clear();
     check(controller, now);
 }
 
 void MonitorModel::take_serial(Controller& controller, const MonitorOutcome& outcome, Time now) {
-    controller.identifying = false;
+    controller.identifying_ = false;
     if (!outcome.failure.empty()) {
-        controller.next_identify = now + kIdentifyRepeat;
+        controller.next_identify_ = now + kIdentifyRepeat;
         return;
     }
     controller.serial = outcome.serial;
@@ -441,8 +442,8 @@ void MonitorModel::ask(Action action, Time now) {
         say("no controller to " + name, now);
     } else if (controller->presence != Presence::connected) {
         say("cannot " + name + ": " + monitor_name(*controller) + " is not connected", now);
-    } else if (controller->confirmed) {
-        say(std::string(action_name(controller->confirmed->action)) + " is being sent to " +
+    } else if (controller->confirmed_) {
+        say(std::string(action_name(controller->confirmed_->action)) + " is being sent to " +
                 monitor_name(*controller),
             now);
     } else if (controller->report && !controller->silence(now) &&
@@ -463,7 +464,7 @@ void MonitorModel::confirm(Time now) {
     message_.clear();  // It is about an earlier question.
     for (Controller& controller : controllers_) {
         if (controller.id == question.id && controller.connection == question.connection) {
-            controller.confirmed =
+            controller.confirmed_ =
                 Confirmed{question.action, now, question.action == Action::abort};
         }
     }
@@ -471,8 +472,8 @@ void MonitorModel::confirm(Time now) {
 
 /// Decides on a confirmed pause or resume by a report that was requested after the confirmation.
 void MonitorModel::check(Controller& controller, Time now) {
-    std::optional<Confirmed>& confirmed = controller.confirmed;
-    if (!confirmed || confirmed->checked || controller.asked < confirmed->since) {
+    std::optional<Confirmed>& confirmed = controller.confirmed_;
+    if (!confirmed || confirmed->checked || controller.asked_ < confirmed->since) {
         return;
     }
     if (has_job_for(confirmed->action, *controller.report)) {
@@ -486,12 +487,12 @@ void MonitorModel::check(Controller& controller, Time now) {
 }
 
 bool MonitorModel::needs_report(const Controller& controller, Time now) const {
-    if (controller.confirmed && controller.asked < controller.confirmed->since) {
+    if (controller.confirmed_ && controller.asked_ < controller.confirmed_->since) {
         return true;
     }
-    return now - controller.asked >= (controller.unanswered == 0   ? kReportInterval
-                                      : controller.unanswered == 1 ? kFirstRepeat
-                                                                   : kLaterRepeat);
+    return now - controller.asked_ >= (controller.unanswered_ == 0   ? kReportInterval
+                                       : controller.unanswered_ == 1 ? kFirstRepeat
+                                                                     : kLaterRepeat);
 }
 
 void MonitorModel::say(std::string message, Time now) {

@@ -105,12 +105,12 @@ public:
 
     private:
         friend class MonitorModel;
-        bool identifying = false;
-        bool requesting = false;
-        Time next_identify;
-        Time asked;
-        unsigned unanswered = 0;  ///< Requests since the last report.
-        std::optional<Confirmed> confirmed;
+        bool identifying_ = false;
+        bool requesting_ = false;
+        Time next_identify_;
+        Time asked_;
+        unsigned unanswered_ = 0;  ///< Requests since the last report.
+        std::optional<Confirmed> confirmed_;
     };
 
     /// @param chosen the only controller to show; all when empty.

@@ -158,13 +158,14 @@ MonitorKey key_of(wint_t character) {
 
 struct Screen::Library {
     struct EndScreen {
-        void operator()(SCREEN* screen) const noexcept {
+        void operator()(SCREEN* owned) const noexcept {
             // A terminal that Ctrl-S holds would block the next call, and the program's end. TCOON
             // only ends what TCOOFF has begun.
             tcflow(fd, TCOOFF);
             tcflow(fd, TCOON);
+            // One thread uses the library. NOLINTNEXTLINE(concurrency-mt-unsafe)
             endwin();
-            delscreen(screen);
+            delscreen(owned);  // NOLINT(concurrency-mt-unsafe)
         }
         int fd;
     };
