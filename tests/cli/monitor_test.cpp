@@ -28,9 +28,11 @@ TEST(Monitor, ShowsAllControllersAndSendsOnlyWhatIsConfirmed) {
     EXPECT_TRUE(monitor.writes("does not respond"));
     EXPECT_FALSE(monitor.in_line_mode());
     sim("fault 1:2 silent always");  // The reports below are its only ones.
-    const json printing = {{"status", {{"state", "pr\x1b]0;int"}}}, {"job", {{"file", "a.gcode"}}}};
+    const json printing = {{"status", {{"state", "printing"}}}, {"job", {{"file", "a.gcode"}}}};
     send_report(device, printing);
     EXPECT_TRUE(monitor.writes("a.gcode"));
+    sim("event 1:2 \x1b]0;evil");
+    EXPECT_TRUE(monitor.writes("\\x1b]0;evil"));
 
     EXPECT_TRUE(answers("p", "pause the job of 1:2 (JVS001002)? y/n"));
     EXPECT_TRUE(answers("n", "pause: nothing was sent"));
@@ -54,7 +56,6 @@ TEST(Monitor, ShowsAllControllersAndSendsOnlyWhatIsConfirmed) {
     monitor.type("q");
     EXPECT_THAT(monitor.finish(), Exits(0, "\x1b[?1049l"));
     EXPECT_THAT(monitor.out(), Not(HasSubstr("\x1b]0;")));
-    EXPECT_THAT(monitor.out(), HasSubstr("pr\\x1b]0;int"));
     EXPECT_TRUE(monitor.in_line_mode());
 }
 
@@ -62,7 +63,7 @@ TEST(Monitor, LeavesTheTerminalAsItWas) {
     EXPECT_THAT(jovu("monitor"), Exits(2, "'jovu status --watch --json'"));
     // What is typed, a signal, the exit code, and how often the screen is left.
     const std::tuple<const char*, int, int, std::size_t> rows[] = {
-        {"\x03", 0, 130, 1},   {"\x13q", 0, 0, 1},  // Ctrl-S stops the output.
+        {"\x03", 0, 130, 1},   {"\x13q", 0, 0, 1},  // Ctrl-S does not hold the terminal.
         {"", SIGTERM, 130, 1}, {"", SIGUSR1, -SIGUSR1, 1}, {"", SIGABRT, -SIGABRT, 1},
         {"", SIGTSTP, 0, 2}};  // Nobody could continue it: it does not stop.
     for (const auto& [keys, number, status, times] : rows) {

@@ -159,25 +159,16 @@ MonitorKey key_of(wint_t character) {
 struct Screen::Library {
     struct EndScreen {
         void operator()(SCREEN* owned) const noexcept {
-            // A terminal that Ctrl-S holds would block the next call, and the program's end. TCOON
-            // only ends what TCOOFF has begun.
-            tcflow(fd, TCOOFF);
-            tcflow(fd, TCOON);
             // One thread uses the library. NOLINTNEXTLINE(concurrency-mt-unsafe)
             endwin();
             delscreen(owned);  // NOLINT(concurrency-mt-unsafe)
         }
-        int fd;
     };
     struct EndWindow {
         void operator()(WINDOW* window) const noexcept { delwin(window); }
     };
 
-    explicit Library(const Output& out)
-        : fd(out.fd()),
-          guard(out.fd()),
-          stream(out.open_stream()),
-          screen(nullptr, EndScreen{out.fd()}) {
+    explicit Library(const Output& out) : fd(out.fd()), guard(out.fd()), stream(out.open_stream()) {
         use_utf8();
         use_tioctl(TRUE);  // The size of the window, before LINES and COLUMNS.
         screen.reset(newterm(nullptr, stream.get(), stdin));
@@ -187,6 +178,7 @@ struct Screen::Library {
         }
         set_escdelay(kEscapeDelay);
         cbreak();
+        ignore_flow_control();
         noecho();
         curs_set(0);
         // Reading from a window with changes would draw it; a pad is not drawn.
@@ -210,6 +202,16 @@ struct Screen::Library {
     ~Library() { guard.set_strings({}, {}); }
     Library(const Library&) = delete;
     Library& operator=(const Library&) = delete;
+
+    /// Makes Ctrl-S a key like any other: a terminal that it holds would block the drawing thread.
+    void ignore_flow_control() const {
+        termios modes{};
+        if (tcgetattr(fd, &modes) == 0) {
+            modes.c_iflag &= ~static_cast<tcflag_t>(IXON);
+            tcsetattr(fd, TCSANOW, &modes);
+            def_prog_mode();
+        }
+    }
 
     static attr_t attributes(Style style) {
         const auto color =
