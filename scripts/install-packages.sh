@@ -11,7 +11,8 @@ demo_packages=(
     g++ cmake ninja-build pkg-config
     libusb-1.0-0-dev libyajl-dev zlib1g-dev   # the library
     libcli11-dev nlohmann-json3-dev           # the jovu program
-    libedit-dev gnuplot-nox dfu-util          # its prompt, its plots, its firmware updates
+    libedit-dev libncurses-dev                # its prompt, its monitor
+    gnuplot-nox dfu-util                      # its plots, its firmware updates
     libumockdev-dev umockdev                  # the simulated controller
     jq                                        # reads JSON in the demo
 )

@@ -49,6 +49,7 @@ struct Command {
 extern const Command kListCommand;
 extern const Command kInfoCommand;
 extern const Command kStatusCommand;
+extern const Command kMonitorCommand;
 extern const Command kGcodeCommand;
 extern const Command kPushCommand;
 extern const Command kPauseCommand;

@@ -139,10 +139,10 @@ std::vector<std::string> command_names() {
 
 const std::vector<Command>& command_table() {
     static const std::vector<Command> table = {
-        kListCommand,     kInfoCommand,   kStatusCommand, kGcodeCommand, kPushCommand,
-        kPauseCommand,    kResumeCommand, kAbortCommand,  kWaitCommand,  kEventsCommand,
-        kCommandsCommand, kCallCommand,   kTraceCommand,  kShellCommand, kDfuCommand,
-        kUpdateCommand,   kHelpCommand,
+        kListCommand,   kInfoCommand,     kStatusCommand, kMonitorCommand, kGcodeCommand,
+        kPushCommand,   kPauseCommand,    kResumeCommand, kAbortCommand,   kWaitCommand,
+        kEventsCommand, kCommandsCommand, kCallCommand,   kTraceCommand,   kShellCommand,
+        kDfuCommand,    kUpdateCommand,   kHelpCommand,
     };
     return table;
 }

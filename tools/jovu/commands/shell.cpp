@@ -29,7 +29,7 @@ constexpr int kMaxEventsAtOnce = 100;
 
 /// Whether the shell runs a command of the program. It shows events and help itself.
 bool runs_in_shell(const std::string& name) {
-    return name != "shell" && name != "events" && name != "help";
+    return name != "shell" && name != "events" && name != "monitor" && name != "help";
 }
 
 class Shell {

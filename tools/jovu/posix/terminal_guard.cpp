@@ -1,14 +1,17 @@
 #include "posix/terminal_guard.h"
 
+#include <poll.h>
 #include <pthread.h>
 #include <termios.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <cerrno>
 #include <csignal>
 #include <cstddef>
+#include <stdexcept>
 
 namespace jovu_cli {
 namespace {
@@ -27,13 +30,43 @@ std::array<struct sigaction, kKillingSignals.size()> killing_before;
 struct sigaction stop_before;
 struct sigaction continue_before;
 
-/// Sets modes without discarding input. Does nothing while another process group is in the
-/// foreground: setting modes then would stop this process.
-void set_modes(const termios& modes) noexcept {
+/// Bytes that a signal handler writes. The size is 0 while they change.
+struct TerminalString {
+    std::array<char, 256> bytes;
+    std::atomic<std::size_t> size{0};
+
+    void set(std::string_view value) {
+        if (value.size() > bytes.size()) {
+            throw std::length_error("a string of the terminal is too long");
+        }
+        size = 0;
+        std::copy(value.begin(), value.end(), bytes.begin());
+        size = value.size();
+    }
+    /// Writes nothing to a terminal that Ctrl-S holds.
+    void write_to(int fd) const noexcept {
+        pollfd writable{fd, POLLOUT, 0};
+        if (size > 0 && poll(&writable, 1, 0) == 1) {
+            (void)!write(fd, bytes.data(), size);
+        }
+    }
+};
+TerminalString restore_string;
+TerminalString return_string;
+
+/// Whether this process may use the terminal: no other process group is in the foreground. Setting
+/// modes otherwise would stop the process.
+bool may_use_terminal(int fd) noexcept {
+    const pid_t foreground = fd < 0 ? -1 : tcgetpgrp(fd);
+    return fd >= 0 && (foreground == -1 || foreground == getpgrp());
+}
+
+/// Writes a string, and sets modes without discarding input. Does nothing in the background.
+void set_modes(const termios& modes, const TerminalString& string) noexcept {
     const int error = errno;
     const int fd = guarded_fd;
-    const pid_t foreground = fd < 0 ? -1 : tcgetpgrp(fd);
-    if (fd >= 0 && (foreground == -1 || foreground == getpgrp())) {
+    if (may_use_terminal(fd)) {
+        string.write_to(fd);
         // Without waiting for the output: a terminal that Ctrl-S holds would block.
         tcsetattr(fd, TCSANOW, &modes);
     }
@@ -42,7 +75,7 @@ void set_modes(const termios& modes) noexcept {
 
 void return_to_changed() noexcept {
     if (has_changed_modes) {
-        set_modes(changed_modes);
+        set_modes(changed_modes, return_string);
     }
     was_stopped = true;
 }
@@ -155,12 +188,21 @@ void TerminalGuard::keep_changed() {
     }
 }
 
+void TerminalGuard::set_strings(std::string_view on_restore, std::string_view on_return) {
+    restore_string.set(on_restore);
+    return_string.set(on_return);
+}
+
+bool TerminalGuard::may_use() noexcept {
+    return may_use_terminal(guarded_fd);
+}
+
 bool TerminalGuard::take_stopped() noexcept {
     return was_stopped.exchange(false);
 }
 
 void restore_terminal() noexcept {
-    set_modes(found_modes);
+    set_modes(found_modes, restore_string);
 }
 
 }  // namespace jovu_cli

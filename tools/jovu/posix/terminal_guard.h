@@ -2,6 +2,8 @@
 /// Restores the terminal's modes on every exit of the program.
 #pragma once
 
+#include <string_view>
+
 namespace jovu_cli {
 
 /// Restores the modes of a terminal that the program changes: on destruction, and before a signal
@@ -19,6 +21,14 @@ public:
 
     /// Saves the present modes as the ones to set after a stop. At most once.
     void keep_changed();
+
+    /// Sets what is written to the terminal when its modes are restored and when they are set
+    /// again, such as the strings that leave and enter an alternate screen. Empty for nothing.
+    /// @throws std::length_error beyond 256 bytes.
+    void set_strings(std::string_view on_restore, std::string_view on_return);
+
+    /// Whether the process may use the terminal: it is not in the background.
+    static bool may_use() noexcept;
 
     /// Whether the process was stopped since the last call, so that the screen may have changed. A
     /// poll(2) of the main thread returns EINTR when the process continues.

@@ -68,6 +68,7 @@ std::optional<Notification> NotificationQueue::Queue::take() {
 NotificationQueue::NotificationQueue(StopSource& stop, Interest interest)
     : stop_(stop),
       interest_(interest),
+      event_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
       side_event_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
       wake_(stop, [this](Stop) {
           // The state changed without the mutex. Locking it keeps the wake-up from falling between
@@ -75,7 +76,7 @@ NotificationQueue::NotificationQueue(StopSource& stop, Interest interest)
           { const MutexLock lock(mutex_); }
           changed_.notify_all();
       }) {
-    if (!side_event_.valid()) {
+    if (!event_.valid() || !side_event_.valid()) {
         throw std::system_error(errno, std::generic_category(), "eventfd");
     }
 }
@@ -111,6 +112,10 @@ void NotificationQueue::post(Notification notification) {
         if (!is_wanted(notification)) {
             return;
         }
+        if (queue_.entries.empty()) {
+            const std::uint64_t one = 1;
+            (void)!write(event_.get(), &one, sizeof one);
+        }
         if (!queue_.put(std::move(notification))) {
             ++lost_;
         }
@@ -139,7 +144,12 @@ std::optional<Notification> NotificationQueue::next(Clock::time_point deadline) 
 
 std::optional<Notification> NotificationQueue::poll() {
     const MutexLock lock(mutex_);
-    return queue_.take();
+    std::optional<Notification> notification = queue_.take();
+    if (queue_.entries.empty()) {
+        std::uint64_t count = 0;
+        (void)!read(event_.get(), &count, sizeof count);
+    }
+    return notification;
 }
 
 std::optional<Notification> NotificationQueue::poll_side_queue() {

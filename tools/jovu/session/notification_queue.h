@@ -75,6 +75,9 @@ public:
     /// Takes out the oldest notification, if there is one.
     std::optional<Notification> poll();
 
+    /// A descriptor that is readable while poll() may return something. For poll(2) only.
+    int fd() const noexcept { return event_.get(); }
+
     /// Drops the queued status reports.
     void drop_reports();
 
@@ -133,6 +136,7 @@ private:
     /// difference is right after the last report.
     std::unordered_map<JovuDeviceAddress, int> connections_ JOVU_GUARDED_BY(mutex_);
     std::unordered_map<JovuDeviceAddress, std::uint64_t> changes_ JOVU_GUARDED_BY(mutex_);
+    FileDescriptor event_;       ///< An eventfd, see fd().
     FileDescriptor side_event_;  ///< An eventfd, readable while side_queue_ holds something.
     StopSource::Action wake_;
 };

@@ -163,6 +163,14 @@ std::string report_line(JovuDeviceAddress address, const StatusReport& report) {
     return line;
 }
 
+std::string event_string(const Notification& notification) {
+    if (const auto* message = std::get_if<DebugMessage>(&notification.what)) {
+        return without_line_end(message->value_or(""));
+    }
+    const auto* sample = std::get_if<servo_trace_msg>(&notification.what);
+    return sample != nullptr ? trace_line(*sample) : std::string();
+}
+
 void print_event(Output& out, const Notification& notification) {
     const auto* message = std::get_if<DebugMessage>(&notification.what);
     const auto* sample = std::get_if<servo_trace_msg>(&notification.what);
@@ -181,9 +189,7 @@ void print_event(Output& out, const Notification& notification) {
         out.object(object);
         return;
     }
-    const std::string line =
-        message != nullptr ? without_line_end(message->value_or("")) : trace_line(*sample);
-    out.line(clock_string(notification.time) + "  " + line);
+    out.line(clock_string(notification.time) + "  " + event_string(notification));
 }
 
 void print_lost_events(std::size_t count, const char* action) {

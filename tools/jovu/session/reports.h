@@ -50,6 +50,10 @@ std::vector<std::string> identity_block(const StatusReport& report);
 /// @return the report on one line.
 std::string report_line(JovuDeviceAddress address, const StatusReport& report);
 
+/// @return a debug message without its line feeds, or a trace sample; empty for other
+///     notifications.
+std::string event_string(const Notification& notification);
+
 /// Prints a debug message or a trace sample on a line, with the time of its arrival. Does nothing
 /// for other notifications.
 /// @throws Failure as Output.

@@ -1,8 +1,6 @@
 #include "shell/line_editor.h"
 
-#include <fcntl.h>
 #include <histedit.h>
-#include <langinfo.h>
 #include <poll.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
@@ -10,8 +8,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <clocale>
-#include <cstring>
 #include <cwchar>
 #include <filesystem>
 #include <system_error>
@@ -28,25 +24,6 @@ constexpr const char* kPrompt = "jovu> ";
 constexpr int kHistoryLines = 1000;
 /// Replaces characters that may not be shown.
 constexpr wchar_t kReplacement = 0xFFFD;
-
-/// Reads and counts characters as UTF-8 in every locale.
-void use_utf8() {
-    // No other thread of the program uses the locale.
-    std::setlocale(LC_CTYPE, "");  // NOLINT(concurrency-mt-unsafe)
-    // NOLINTNEXTLINE(concurrency-mt-unsafe): as above.
-    if (std::strcmp(nl_langinfo(CODESET), "UTF-8") != 0) {
-        std::setlocale(LC_CTYPE, "C.UTF-8");  // NOLINT(concurrency-mt-unsafe)
-    }
-}
-
-std::FILE* open_terminal(int fd) {
-    const int copy = fcntl(fd, F_DUPFD_CLOEXEC, 0);
-    std::FILE* const file = copy == -1 ? nullptr : fdopen(copy, "w");
-    if (file == nullptr) {
-        throw std::system_error(errno, std::generic_category(), "fdopen");
-    }
-    return file;
-}
 
 /// @return the width of a string on the terminal.
 std::size_t width_of(const char* bytes, std::size_t length) {
@@ -135,7 +112,7 @@ LineEditor::LineEditor(Output& out, const StopSource& stop, const std::string& h
       hooks_(std::move(hooks)),
       guard_(STDIN_FILENO) {
     use_utf8();
-    terminal_.reset(open_terminal(out.fd()));
+    terminal_ = out.open_stream();
     history_.reset(history_init());
     editor_.reset(el_init("jovu", stdin, terminal_.get(), stderr));
     if (!history_ || !editor_) {

@@ -59,10 +59,6 @@ public:
 
 private:
     struct Library;  ///< The library's callbacks.
-    struct CloseFile {
-        // NOLINTNEXTLINE(cppcoreguidelines-owning-memory): this is the owner.
-        void operator()(std::FILE* file) const noexcept { std::fclose(file); }
-    };
     struct EndEditor {
         void operator()(editline* editor) const noexcept;
     };
@@ -83,7 +79,7 @@ private:
     const std::string history_file_;
     const Hooks hooks_;
     TerminalGuard guard_;
-    std::unique_ptr<std::FILE, CloseFile> terminal_;
+    OwnedStream terminal_;
     std::unique_ptr<struct history, EndHistory> history_;
     std::unique_ptr<editline, EndEditor> editor_;
     std::string prompt_;

@@ -1,6 +1,7 @@
 #include "terminal/output.h"
 
 #include <fcntl.h>
+#include <langinfo.h>
 #include <poll.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
@@ -8,6 +9,8 @@
 #include <algorithm>
 #include <cerrno>
 #include <climits>
+#include <clocale>
+#include <cstring>
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <system_error>
@@ -79,11 +82,28 @@ void print_failure(const Failure& failure) {
     print_error("jovu: " + what + hint);
 }
 
+void use_utf8() {
+    std::setlocale(LC_CTYPE, "");  // NOLINT(concurrency-mt-unsafe)
+    // NOLINTNEXTLINE(concurrency-mt-unsafe)
+    if (std::strcmp(nl_langinfo(CODESET), "UTF-8") != 0) {
+        std::setlocale(LC_CTYPE, "C.UTF-8");  // NOLINT(concurrency-mt-unsafe)
+    }
+}
+
 Output::Output(const FileDescriptor& fd, const StopSource& stop, bool json, bool quiet)
     : Output(fd.get(), stop, json, quiet) {}
 
 Output::Output(int fd, const StopSource& stop, bool json, bool quiet)
     : fd_(fd), stop_(stop), json_(json), quiet_(quiet), redraws_(!json && can_move_cursor(fd_)) {}
+
+OwnedStream Output::open_stream() const {
+    const int copy = fcntl(fd_, F_DUPFD_CLOEXEC, 0);
+    OwnedStream stream(copy == -1 ? nullptr : fdopen(copy, "w"));
+    if (!stream) {
+        throw std::system_error(errno, std::generic_category(), "fdopen");
+    }
+    return stream;
+}
 
 unsigned Output::columns() const {
     winsize size{};

@@ -2,6 +2,8 @@
 /// The program's standard output and standard error.
 #pragma once
 
+#include <cstdio>
+#include <memory>
 #include <nlohmann/json_fwd.hpp>
 #include <string>
 #include <string_view>
@@ -30,6 +32,17 @@ void print_error(const std::string& line);
 /// Prints the line of a failure on standard error, if it has one.
 void print_failure(const Failure& failure);
 
+/// Closes a stream.
+struct CloseStream {
+    // NOLINTNEXTLINE(cppcoreguidelines-owning-memory): this is the owner.
+    void operator()(std::FILE* stream) const noexcept { std::fclose(stream); }
+};
+using OwnedStream = std::unique_ptr<std::FILE, CloseStream>;
+
+/// Reads and counts characters as UTF-8 in every locale, for libraries that draw on a terminal.
+/// Must not be called while another thread of the program uses the locale.
+void use_utf8();
+
 /// Writes to the program's output, unbuffered. A write that blocks ends when the program is to end.
 /// Not thread-safe.
 ///
@@ -47,6 +60,9 @@ public:
 
     /// For programs that write to a terminal themselves. Owned by this object's creator.
     int fd() const noexcept { return fd_; }
+    /// A new stream to the output, for libraries that draw on a terminal.
+    /// @throws std::system_error
+    OwnedStream open_stream() const;
     /// Whether everything on the output is JSON.
     bool json() const noexcept { return json_; }
     bool quiet() const noexcept { return quiet_; }

@@ -1,0 +1,147 @@
+/// @file
+/// `jovu monitor`: one screen for all controllers.
+
+#include <poll.h>
+#include <unistd.h>
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <chrono>
+#include <optional>
+#include <string>
+
+#include "cli/failure.h"
+#include "commands/command.h"
+#include "monitor/model.h"
+#include "monitor/requests.h"
+#include "monitor/screen.h"
+#include "monitor/view.h"
+#include "posix/terminal_guard.h"
+
+namespace jovu_cli {
+namespace {
+
+using namespace std::chrono_literals;
+using Clock = std::chrono::steady_clock;
+
+/// The longest time between two frames, for the ages on the screen.
+constexpr auto kLongestFrame = 250ms;
+/// The shortest time between two frames without a key: a controller can send a thousand events a
+/// second.
+constexpr auto kShortestFrame = 50ms;
+/// Number of notifications that are taken before keys are read again.
+constexpr int kMaxNotificationsAtOnce = 1000;
+/// How often the USB connection is started again at most.
+constexpr auto kRestartInterval = 5s;
+
+/// The USB connection and the requests over it.
+struct MonitorLink {
+    explicit MonitorLink(const Context& context)
+        : session(context.options, context.stop, Interest{true, true}), requests(session) {}
+
+    Session session;
+    MonitorRequests requests;
+};
+
+class Monitor {
+public:
+    explicit Monitor(const Context& context) : context_(context), model_(context.options.device) {
+        link_.emplace(context);
+        screen_.emplace(context.out);
+    }
+
+    /// Runs until the user quits.
+    /// @throws Failure when the program is to end.
+    void run() {
+        while (!model_.has_quit()) {
+            const Clock::time_point now = Clock::now();
+            restart_if_ended(now);
+            take_all(now);
+            for (const MonitorRequest& request : model_.due(now)) {
+                link_->requests.start(request);
+            }
+            screen_->draw(monitor_lines(model_, screen_->size(), now));
+            wait(now);
+            context_.stop.throw_if_stopped();
+        }
+    }
+
+private:
+    void restart_if_ended(Clock::time_point now) {
+        if (!link_->session.has_ended() || now < next_restart_) {
+            return;
+        }
+        next_restart_ = now + kRestartInterval;
+        model_.restart(now);
+        link_.reset();
+        link_.emplace(context_);
+    }
+
+    void take_all(Clock::time_point now) {
+        for (int i = 0; i < kMaxNotificationsAtOnce; ++i) {
+            const std::optional<Notification> notification = link_->session.notifications().poll();
+            if (!notification) {
+                break;
+            }
+            model_.take(*notification, now);
+        }
+        for (const MonitorOutcome& outcome : link_->requests.take_outcomes()) {
+            model_.take(outcome, now);
+        }
+        while (const std::optional<MonitorKey> key = screen_->read_key()) {
+            model_.press(*key, now);
+        }
+    }
+
+    /// Waits for the next frame.
+    /// @param drawn when the last frame was drawn.
+    void wait(Clock::time_point drawn) {
+        const bool reads = TerminalGuard::may_use();
+        pollfd watched[] = {{context_.stop.fd(), POLLIN, 0},
+                            {reads ? STDIN_FILENO : -1, POLLIN, 0},
+                            {link_->session.notifications().fd(), POLLIN, 0},
+                            {link_->requests.fd(), POLLIN, 0}};
+        const auto until = [](Clock::time_point end) {
+            const auto left =
+                std::chrono::duration_cast<std::chrono::milliseconds>(end - Clock::now());
+            return static_cast<int>(std::max<std::int64_t>(left.count(), 0));
+        };
+        if (poll(watched, 2, until(drawn + kShortestFrame)) == 0) {
+            poll(watched, std::size(watched), until(drawn + kLongestFrame));
+        }
+        if ((watched[1].revents & (POLLHUP | POLLERR)) != 0) {  // The terminal is closed.
+            context_.stop.throw_if_stopped();
+            throw Failure(ExitCode::output_closed);
+        }
+    }
+
+    const Context& context_;
+    MonitorModel model_;
+    std::optional<MonitorLink> link_;
+    std::optional<Screen> screen_;  ///< Last: the terminal is restored before devices are closed.
+    Clock::time_point next_restart_;
+};
+
+void run_monitor(const Context& context) {
+    if (!context.out.redraws() || isatty(STDIN_FILENO) == 0) {
+        throw Failure(ExitCode::usage,
+                      "monitor needs a terminal as standard input and output, and no --json",
+                      "'jovu status --watch --json' reports to programs");
+    }
+    Monitor(context).run();
+}
+
+Run define_monitor(CLI::App& app) {
+    app.footer(
+        "Shows all controllers, or the one that -d chooses, as they come and go: state,\n"
+        "temperature of the last three minutes, job, last event. Keys: up and down choose a\n"
+        "controller; p, r and a pause, resume and abort its job after a question; ? shows the\n"
+        "help; q quits. Needs a terminal.");
+    return run_monitor;
+}
+
+}  // namespace
+
+const Command kMonitorCommand{"monitor", "Show all controllers on one screen", define_monitor};
+
+}  // namespace jovu_cli
