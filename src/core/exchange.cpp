@@ -40,7 +40,7 @@ void set_last_error(std::string_view reason, JovuError code) noexcept {
 }
 
 /// Of the calling thread's innermost JovuResponseTimeout; 0 without one.
-thread_local std::chrono::milliseconds scoped_timeout{0};
+thread_local std::chrono::milliseconds scoped_timeout{};
 
 constexpr const char* kTimeoutName = "Response time-out";
 

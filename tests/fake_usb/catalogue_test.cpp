@@ -112,7 +112,7 @@ TEST_F(EveryCommand, IsWrittenAndReadAsTheFirmwareDoes) {
     const auto with = [&]([[maybe_unused]] auto string) { \
         return run([&](auto& c, auto a) { return c.__VA_ARGS__; }); \
     }; \
-    return view ? with(as_view) : with(test::string); \
+    return view ? with(as_view) : with(jovu_text); \
 }
     // clang-format off
     const Row rows[] = {
@@ -250,7 +250,7 @@ TEST_F(EveryCommand, IsNotSentWithAValueThatHasNoForm) {
         {[&] { client.heater_var_get(kAddress, {}, nullptr); }, "\"var_val\" is null"},
         {[&] { client.sd_mmc_write(kAddress, 0, nullptr, 1); }, "\"buf\" is null"},
         {[&] { client.gcode_process_macro(kAddress, nullptr); }, "\"macro\" is null"},
-        {[&] { client.gcode_process_macro(kAddress, string(std::string(30000, 'G'))); },
+        {[&] { client.gcode_process_macro(kAddress, jovu_text(std::string(30000, 'G'))); },
          "is too long"},
         {[&] { client.gcode_process_macro(kAddress, static_cast<const char*>(nullptr)); },
          "\"macro\" is null"},

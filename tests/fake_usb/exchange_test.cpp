@@ -76,18 +76,18 @@ TEST_F(Exchange, OnlyTheRightResponseEndsIt) {
 
 TEST_F(Exchange, TimesOutWithoutAResponseAndTheNextOneWorks) {
     const milliseconds longest = std::chrono::hours(24);
-    const auto scoped = [this](milliseconds first, milliseconds second, bool nested) {
-        const JovuResponseTimeout outer(first);
-        std::optional<JovuResponseTimeout> inner(std::in_place, second);
-        if (!nested) inner.reset();
+    const milliseconds brief(60);
+    const auto scoped = [this](milliseconds limit, milliseconds inner, bool ends) {
+        const JovuResponseTimeout outer(limit);
+        auto scope = std::make_unique<JovuResponseTimeout>(inner);
+        if (ends) scope.reset();
         return version(client);
     };
-    const milliseconds brief(60);
     const std::pair<std::function<std::string()>, milliseconds> rows[] = {
         {[this] { return version(client); }, milliseconds(14900)},
         {[&] { return client.set_response_timeout(brief), version(client); }, brief},
-        {[&] { return scoped(longest, 2 * brief, true); }, 2 * brief},
-        {[&] { return scoped(2 * brief, longest, false); }, 2 * brief},
+        {[&] { return scoped(longest, 2 * brief, false); }, 2 * brief},
+        {[&] { return scoped(2 * brief, longest, true); }, 2 * brief},
     };
     for (const auto& [command, least] : rows) {
         const auto begin = std::chrono::steady_clock::now();
@@ -108,28 +108,39 @@ TEST_F(Exchange, TimesOutWithoutAResponseAndTheNextOneWorks) {
     EXPECT_EQ(result(), "1|");
 }
 
-/// One bulk call is in its middle; what ends the connection has to wait for the rest of the frame.
-TEST_F(Exchange, SendsAFrameWholeWhateverEndsItsConnection) {
+/// One bulk call is in its middle; what ends the exchange has to wait for the rest of the frame.
+TEST_F(Exchange, SendsAFrameWholeWhateverEndsIt) {
     client.on_debug = [this](JovuDeviceAddress address, const std::string&) {
         const JovuScanPause pause;
         client.close(address);
     };
-    const std::function<void()> ends[] = {
-        [this] { send_event(device); },
-        [this] { client.close(kAddress); },
-        [this] { client.shutdown(); },
+    const auto cancel = [this](std::size_t expected) {
+        EXPECT_EQ(client.cancel_exchanges(kAddress), expected);
+    };
+    const struct {
+        std::function<void()> end;
+        const char* result = kNoResponse;
+        bool twoway = true;
+    } rows[] = {
+        {[this] { send_event(device); }}, {[this] { client.close(kAddress); }},
+        {[&] { cancel(1); }, kCancelled}, {[&] { cancel(0); }, "null|", false},
+        {[this] { client.shutdown(); }},
     };
     std::size_t connects = 0;
-    for (const auto& end : ends) {
+    for (const auto& row : rows) {
         ASSERT_TRUE(client.wait_connected(kAddress, ++connects));
         const std::size_t before = fake_usb::sent().size();
         fake_usb::hold_bulk(true);
-        auto command = std::async(std::launch::async, [this] { return version(client); });
+        auto command = std::async(std::launch::async, [&] {
+            if (row.twoway) return version(client);
+            JovuMessage(client, jovu::kEventFlags, nullptr).send(kAddress);
+            return told(nullptr);
+        });
         ASSERT_TRUE(eventually([=] { return fake_usb::sent().size() > before; }));
-        auto ending = std::async(std::launch::async, end);
+        auto ending = std::async(std::launch::async, row.end);
         ending.wait_for(std::chrono::milliseconds(30));
         fake_usb::hold_bulk(false);
-        EXPECT_EQ(command.get(), kNoResponse);
+        EXPECT_EQ(command.get(), row.result);
         ending.get();
         const auto sent = fake_usb::sent();
         ASSERT_EQ(sent.size(), before + 2);
@@ -163,21 +174,6 @@ TEST_F(Exchange, IsCancelledWhileItWaitsAndTheDeviceStays) {
         }
     }
     EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(14));
-    // In the middle of a frame: it is sent whole, and without a response it has not failed.
-    for (const bool twoway : {true, false}) {
-        const std::size_t before = fake_usb::sent().size();
-        fake_usb::hold_bulk(true);
-        auto sending = std::async(std::launch::async, [&] {
-            if (twoway) return version(client);
-            JovuMessage(client, jovu::kEventFlags, nullptr).send(kAddress);
-            return told(nullptr);
-        });
-        ASSERT_TRUE(eventually([=] { return fake_usb::sent().size() > before; }));
-        EXPECT_EQ(client.cancel_exchanges(kAddress), twoway ? 1U : 0U);
-        fake_usb::hold_bulk(false);
-        EXPECT_EQ(sending.get(), twoway ? kCancelled : "null|");
-        EXPECT_EQ(fake_usb::sent().size(), before + 2);
-    }
     request(client);
     respond_with(R"({"__return__":[49]})");
     EXPECT_EQ(result(), "1|");
@@ -188,8 +184,10 @@ TEST_F(Exchange, ADeviceThatIsClosedIsToldFromOneThatHasLeft) {
     const auto expect = [this](const std::string& code) {
         EXPECT_EQ(version(client), kDisconnected);
         EXPECT_EQ(jovu_error_name(JovuTransport::last_send_error_code()), code);
-        EXPECT_EQ(code_of([this] { client.RequestStatus(kAddress); }), code);
-        EXPECT_EQ(code_of([this] { client.close(kAddress); }), code);
+        const std::string gone = " failed - Device no longer connected.";
+        EXPECT_EQ(error_of([this] { client.RequestStatus(kAddress); }, true),
+                  code + ": Send" + gone);
+        EXPECT_EQ(error_of([this] { client.close(kAddress); }, true), code + ": Close" + gone);
     };
     client.close(kAddress);
     expect("closed");

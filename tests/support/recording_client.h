@@ -113,29 +113,14 @@ private:
 };
 
 /// @return the message of the exception that a call throws, or an empty string.
-inline std::string error_of(const std::function<void()>& call) {
+/// @param with_code whether the name of its code stands in front of it, as "busy: ...".
+inline std::string error_of(const std::function<void()>& call, bool with_code = false) {
     try {
         call();
     } catch (const JovuException& error) {
-        return error.what();
+        return (with_code ? jovu_error_name(error.code()) + std::string(": ") : "") + error.what();
     }
     return "";
-}
-
-/// @return the name of the code of that exception, or "none".
-inline std::string code_of(const std::function<void()>& call) {
-    try {
-        call();
-    } catch (const JovuException& error) {
-        return jovu_error_name(error.code());
-    }
-    return jovu_error_name(JovuError::none);
-}
-
-/// A string as the commands take it.
-inline std::shared_ptr<char> string(const std::string& value) {
-    auto owner = std::make_shared<std::string>(value);
-    return {owner, owner->data()};
 }
 
 }  // namespace test

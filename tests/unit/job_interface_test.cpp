@@ -143,12 +143,10 @@ TEST_F(JobInterface, WaitsForAReportUntilNoneCanCome) {
     using std::chrono::milliseconds;
     JovuDeviceAddress address = kAddress;
     libusb_device* mine = nullptr;
-    const auto awaited = [&](milliseconds limit) -> std::string {
-        try {
-            return client.wait_for_status(address, limit).state;
-        } catch (const JovuException& error) {
-            return jovu_error_name(error.code()) + std::string(": ") + error.what();
-        }
+    const auto awaited = [&](milliseconds limit) {
+        std::string state;
+        return error_of([&] { state = client.wait_for_status(address, limit).state; }, true) +
+               state;
     };
     const auto report = [](libusb_device* from, const std::string& state) {
         ASSERT_TRUE(eventually([=] { return fake_usb::in_flight(from, kJobsIn); }));
