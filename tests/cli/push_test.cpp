@@ -77,7 +77,7 @@ TEST_F(Push, DependsOnTheStateThatTheDeviceReports) {
         {push_, "receiving", 6, "1:2 is busy with another job: receiving"},
         {push_, "Heating up", 6, "1:2 is busy with another job: Heating up"},
         {"resume", "printing", 0, "nothing was sent"},
-        {"wait state idle", "fault", 6, "1:2 does not reach the state idle: error 0, state fault"},
+        {"wait state idle", "fault", 6, "1:2 does not reach the state idle: state fault"},
         {"pause", "printing", 6, "jovu: pause was sent, but 1:2 reports the state idle"},
     };
     for (const auto& [line, state, status, told] : rows) {

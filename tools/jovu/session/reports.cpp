@@ -95,7 +95,8 @@ std::string state_string(const StatusReport& report) {
 }
 
 std::string describe_error(const StatusReport& report) {
-    return "error " + error_string(report) + ", state " + shown(report.state);
+    const std::string error = report.error == 0 ? "" : "error " + error_string(report) + ", ";
+    return error + "state " + shown(report.state);
 }
 
 Json identity_json(const StatusReport& report) {
