@@ -7,7 +7,7 @@
 #include "jovu/device_address.h"
 #include "jovu/export.h"
 #include "jovu/firmware_types.h"
-#include "jovu/text.h"
+#include "jovu/string_conversion.h"
 
 class JovuTransport;
 
@@ -74,14 +74,16 @@ public:
     /// @param command the line, a non-null NUL-terminated string.
     gcode_process_result_t gcode_process_command(JovuDeviceAddress address,
                                                  std::shared_ptr<char> command);
+    /// The same with a string of any kind.
     gcode_process_result_t gcode_process_command(JovuDeviceAddress address,
-                                                 JovuTextArgument command);
+                                                 JovuStringArgument command);
 
     /// Run a macro stored in the controller.
     /// @param macro its name, a non-null NUL-terminated string.
     gcode_process_result_t gcode_process_macro(JovuDeviceAddress address,
                                                std::shared_ptr<char> macro);
-    gcode_process_result_t gcode_process_macro(JovuDeviceAddress address, JovuTextArgument macro);
+    /// The same with a string of any kind.
+    gcode_process_result_t gcode_process_macro(JovuDeviceAddress address, JovuStringArgument macro);
 
     /// @}
     /// @name Heater
@@ -166,18 +168,20 @@ public:
     int wifi_set_auto_connect_ssid_configuration_item(JovuDeviceAddress address,
                                                       wifi_interface_t interface_t,
                                                       std::shared_ptr<char> auto_connect_ssid);
+    /// The same with a string of any kind.
     int wifi_set_auto_connect_ssid_configuration_item(JovuDeviceAddress address,
                                                       wifi_interface_t interface_t,
-                                                      JovuTextArgument auto_connect_ssid);
+                                                      JovuStringArgument auto_connect_ssid);
 
     /// Set the key of the network that the interface joins automatically.
     /// @param auto_connect_key a non-null NUL-terminated string.
     int wifi_set_auto_connect_key_configuration_item(JovuDeviceAddress address,
                                                      wifi_interface_t interface_t,
                                                      std::shared_ptr<char> auto_connect_key);
+    /// The same with a string of any kind.
     int wifi_set_auto_connect_key_configuration_item(JovuDeviceAddress address,
                                                      wifi_interface_t interface_t,
-                                                     JovuTextArgument auto_connect_key);
+                                                     JovuStringArgument auto_connect_key);
 
     /// Set the whole configuration of a Wi-Fi interface.
     /// @param cmd which part of the configuration counts, the firmware's own value.

@@ -130,9 +130,8 @@ public:
     ///
     /// Threads: any but one in a callback with received data; several may wait for one device. The
     /// wait ends at once when the device is disconnected or closed, and on shutdown().
-    /// @param limit 10 ms to 24 h. A device that takes no data may prolong the call by the time
-    /// that
-    ///     RequestStatus() takes to fail, some seconds.
+    /// @param limit 10 ms to 24 h. The call takes longer, by some seconds, when the device takes no
+    ///     data and RequestStatus() fails.
     /// @throws JovuException as RequestStatus(); "Status failed - ..." with
     ///     JovuError::response_timed_out when no report arrives in time, JovuError::disconnected or
     ///     JovuError::closed when the device leaves meanwhile, JovuError::in_callback at once in a

@@ -66,7 +66,7 @@ gcode_process_result_t JovuCommandInterface::gcode_process_command(JovuDeviceAdd
 }
 
 gcode_process_result_t JovuCommandInterface::gcode_process_command(JovuDeviceAddress address,
-                                                                   JovuTextArgument command) {
+                                                                   JovuStringArgument command) {
     return call<jovu::row_method(&JovuCommandInterface::gcode_process_command)>(transport_, address,
                                                                                 command.view());
 }
@@ -78,7 +78,7 @@ gcode_process_result_t JovuCommandInterface::gcode_process_macro(JovuDeviceAddre
 }
 
 gcode_process_result_t JovuCommandInterface::gcode_process_macro(JovuDeviceAddress address,
-                                                                 JovuTextArgument macro) {
+                                                                 JovuStringArgument macro) {
     return call<jovu::row_method(&JovuCommandInterface::gcode_process_macro)>(transport_, address,
                                                                               macro.view());
 }
@@ -191,7 +191,7 @@ int JovuCommandInterface::wifi_set_auto_connect_ssid_configuration_item(
 }
 
 int JovuCommandInterface::wifi_set_auto_connect_ssid_configuration_item(
-    JovuDeviceAddress address, wifi_interface_t interface_t, JovuTextArgument auto_connect_ssid) {
+    JovuDeviceAddress address, wifi_interface_t interface_t, JovuStringArgument auto_connect_ssid) {
     constexpr auto kMethod =
         jovu::row_method(&JovuCommandInterface::wifi_set_auto_connect_ssid_configuration_item);
     return call<kMethod>(transport_, address, interface_t, auto_connect_ssid.view());
@@ -206,7 +206,7 @@ int JovuCommandInterface::wifi_set_auto_connect_key_configuration_item(
 }
 
 int JovuCommandInterface::wifi_set_auto_connect_key_configuration_item(
-    JovuDeviceAddress address, wifi_interface_t interface_t, JovuTextArgument auto_connect_key) {
+    JovuDeviceAddress address, wifi_interface_t interface_t, JovuStringArgument auto_connect_key) {
     constexpr auto kMethod =
         jovu::row_method(&JovuCommandInterface::wifi_set_auto_connect_key_configuration_item);
     return call<kMethod>(transport_, address, interface_t, auto_connect_key.view());

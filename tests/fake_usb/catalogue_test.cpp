@@ -112,7 +112,7 @@ TEST_F(EveryCommand, IsWrittenAndReadAsTheFirmwareDoes) {
     const auto with = [&]([[maybe_unused]] auto string) { \
         return run([&](auto& c, auto a) { return c.__VA_ARGS__; }); \
     }; \
-    return view ? with(as_view) : with(jovu_text); \
+    return view ? with(as_view) : with(jovu_make_string); \
 }
     // clang-format off
     const Row rows[] = {
@@ -250,7 +250,7 @@ TEST_F(EveryCommand, IsNotSentWithAValueThatHasNoForm) {
         {[&] { client.heater_var_get(kAddress, {}, nullptr); }, "\"var_val\" is null"},
         {[&] { client.sd_mmc_write(kAddress, 0, nullptr, 1); }, "\"buf\" is null"},
         {[&] { client.gcode_process_macro(kAddress, nullptr); }, "\"macro\" is null"},
-        {[&] { client.gcode_process_macro(kAddress, jovu_text(std::string(30000, 'G'))); },
+        {[&] { client.gcode_process_macro(kAddress, jovu_make_string(std::string(30000, 'G'))); },
          "is too long"},
         {[&] { client.gcode_process_macro(kAddress, static_cast<const char*>(nullptr)); },
          "\"macro\" is null"},
@@ -262,8 +262,10 @@ TEST_F(EveryCommand, IsNotSentWithAValueThatHasNoForm) {
         EXPECT_THAT(JovuTransport::last_send_error(), testing::HasSubstr(reason));
     }
     EXPECT_TRUE(fake_usb::sent().empty());
-    EXPECT_EQ(jovu_string(jovu_text(std::string_view("abc", 2))) + jovu_string(nullptr), "ab");
-    EXPECT_EQ(error_of([] { jovu_text(std::string_view("ab\0c", 4)); }),
+    EXPECT_EQ(
+        jovu_read_string(jovu_make_string(std::string_view("abc", 2))) + jovu_read_string(nullptr),
+        "ab");
+    EXPECT_EQ(error_of([] { jovu_make_string(std::string_view("ab\0c", 4)); }),
               "String refused - zero byte at position 2: remove it.");
 }
 

@@ -1,5 +1,5 @@
 /// @file
-/// Strings as commands take and return them, and as C++ has them.
+/// Strings as commands take and return them, and as C++ programs have them.
 #pragma once
 
 #include <cstddef>
@@ -14,7 +14,7 @@
 /// @return the copy, NUL-terminated.
 /// @throws JovuException with JovuError::rejected when @p text has a zero byte, where the device
 ///     would take it to end; the message names its position, counted from 0.
-inline std::shared_ptr<char> jovu_text(std::string_view text) {
+inline std::shared_ptr<char> jovu_make_string(std::string_view text) {
     const std::size_t zero = text.find('\0');
     if (zero != std::string_view::npos) {
         throw JovuException(
@@ -27,13 +27,13 @@ inline std::shared_ptr<char> jovu_text(std::string_view text) {
 
 /// Copies a string that a command has returned.
 /// @param text NUL-terminated; null, as a failed command returns it, reads as empty.
-inline std::string jovu_string(const std::shared_ptr<char>& text) {
+inline std::string jovu_read_string(const std::shared_ptr<char>& text) {
     return text == nullptr ? std::string() : std::string(text.get());
 }
 
 /// A string argument of a command: a `std::string_view`, or what converts to one, such as a
 /// `std::string` or a literal. Made by the conversion to it, for the duration of the call.
-class JovuTextArgument {
+class JovuStringArgument {
 public:
     /// @param text what converts to `std::shared_ptr<char>` as well, such as `nullptr`, is left to
     ///     the overload that takes that.
@@ -42,7 +42,7 @@ public:
                                    !std::is_convertible_v<const Text&, std::shared_ptr<char>>,
                                int> = 0>
     // NOLINTNEXTLINE(google-explicit-constructor): stands for the string.
-    JovuTextArgument(const Text& text) {
+    JovuStringArgument(const Text& text) {
         if constexpr (std::is_convertible_v<const Text&, const char*>) {
             // Without a null pointer's length, which a view would ask for.
             const char* const pointer = text;
