@@ -86,8 +86,12 @@ TEST(List, GoesOnWhenOneDeviceDoesNotAnswer) {
     const JovuDeviceAddress silent = plug();
     plug();
     sim("fault " + name(silent) + " silent always");
+    Program shown("list --timeout 3");
+    ASSERT_TRUE(shown.writes("1:3  serial JVS001003"));
+    EXPECT_THAT(shown.out(), Not(HasSubstr("no response"))) << "holds the list up";
+    EXPECT_THAT(shown.finish(), Exits(5, "to 1:2 failed: no response within 3000 ms (--timeout"));
     Program program("list --json");
-    ASSERT_TRUE(eventually([&] { return requests(silent, "bio_get_version") == 1; }));
+    ASSERT_TRUE(eventually([&] { return requests(silent, "bio_get_version") == 2; }));
     sim("unplug " + name(silent));
     const Ended ended = program.finish();
     EXPECT_EQ(ended.status, 5);

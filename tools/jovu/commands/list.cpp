@@ -1,7 +1,10 @@
 /// @file
 /// `jovu list`: the devices, opened or not.
 
+#include <algorithm>
+#include <chrono>
 #include <future>
+#include <list>
 #include <map>
 #include <nlohmann/json.hpp>
 #include <optional>
@@ -14,6 +17,11 @@
 
 namespace jovu_cli {
 namespace {
+
+/// Devices that respond within this time are shown in the order of their addresses; the others as
+/// they respond.
+constexpr std::chrono::milliseconds kPromptTime{500};
+constexpr std::chrono::milliseconds kPollTime{20};
 
 /// The identity of one device, or the failure to read it.
 struct Entry {
@@ -30,21 +38,36 @@ Entry read_entry(Session& session, JovuDeviceAddress address) {
     }
 }
 
-/// Reads all identities in parallel: a device that does not respond takes its whole time limit.
-std::vector<Entry> read_entries(Session& session, const std::vector<JovuDeviceAddress>& devices) {
-    std::vector<std::future<Entry>> pending;
-    pending.reserve(devices.size());
-    for (const JovuDeviceAddress address : devices) {
-        pending.push_back(std::async(std::launch::async,
-                                     [&session, address] { return read_entry(session, address); }));
+/// Reads identities in parallel: a device that does not respond takes its whole time limit.
+class Identities {
+public:
+    Identities(Session& session, const std::vector<JovuDeviceAddress>& devices) {
+        for (const JovuDeviceAddress address : devices) {
+            pending_.push_back(std::async(
+                std::launch::async, [&session, address] { return read_entry(session, address); }));
+        }
     }
-    std::vector<Entry> entries;
-    entries.reserve(pending.size());
-    for (std::future<Entry>& entry : pending) {
-        entries.push_back(entry.get());
+
+    /// @return the identities that are there within a time, in the order of the devices.
+    std::vector<Entry> take(std::chrono::milliseconds limit) {
+        const auto end = std::chrono::steady_clock::now() + limit;
+        std::vector<Entry> entries;
+        for (auto next = pending_.begin(); next != pending_.end();) {
+            if (next->wait_until(end) == std::future_status::ready) {
+                entries.push_back(next->get());
+                next = pending_.erase(next);
+            } else {
+                ++next;
+            }
+        }
+        return entries;
     }
-    return entries;
-}
+
+    bool all_taken() const { return pending_.empty(); }
+
+private:
+    std::list<std::future<Entry>> pending_;
+};
 
 /// A kind of device of which not all are open. The bus listing has ports and the library has
 /// addresses, so the ports include those of open devices of the kind.
@@ -120,7 +143,7 @@ std::string not_opened_line(const NotOpened& kind) {
     return line;
 }
 
-void print(Output& out, const std::vector<Entry>& entries, const std::vector<NotOpened>& rest) {
+void print(Output& out, const std::vector<Entry>& entries) {
     for (const Entry& entry : entries) {
         const std::string address = to_string(entry.address);
         if (entry.identity) {
@@ -130,10 +153,14 @@ void print(Output& out, const std::vector<Entry>& entries, const std::vector<Not
             out.line(address + "  no response");
         }
     }
+}
+
+/// @param any_open whether a device is open: without one, the error has the reasons.
+void print(Output& out, const std::vector<NotOpened>& rest, bool any_open) {
     for (const NotOpened& kind : rest) {
         out.line(not_opened_line(kind));
         for (const std::string& reason : kind.reasons) {
-            if (!entries.empty()) {  // Otherwise the error contains it.
+            if (any_open) {
                 out.line("  " + printable(reason));
             }
         }
@@ -144,13 +171,27 @@ void run_list(const Context& context) {
     const SessionLease lease(context, Interest{});
     Session& session = lease.session();
     const std::vector<JovuDeviceAddress> devices = session.find_devices();
-    const std::vector<Entry> entries = read_entries(session, devices);
-    context.stop.throw_if_stopped();
+    Output& out = context.out;
+    Identities identities(session, devices);
+    std::vector<Entry> entries = identities.take(kPromptTime);
     const std::vector<NotOpened> rest = not_opened(session);
-    if (context.out.json()) {
-        context.out.object(list_json(entries, rest));
-    } else {
-        print(context.out, entries, rest);
+    if (!out.json()) {
+        print(out, entries);
+        print(out, rest, !devices.empty());
+    }
+    while (!identities.all_taken()) {
+        const std::vector<Entry> late = identities.take(kPollTime);
+        if (!out.json()) {
+            print(out, late);
+        }
+        entries.insert(entries.end(), late.begin(), late.end());
+    }
+    context.stop.throw_if_stopped();
+    if (out.json()) {
+        std::sort(entries.begin(), entries.end(), [](const Entry& one, const Entry& other) {
+            return comes_before(one.address, other.address);
+        });
+        out.object(list_json(entries, rest));
     }
     if (devices.empty()) {
         session.throw_no_device();

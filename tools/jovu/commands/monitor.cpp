@@ -46,6 +46,7 @@ struct MonitorLink {
 class Monitor {
 public:
     explicit Monitor(const Context& context) : context_(context), model_(context.options.device) {
+        Client::set_device_filter(context.options.filter());
         link_.emplace(context);
         screen_.emplace(context.out);
     }

@@ -291,23 +291,7 @@ void Session::close(JovuDeviceAddress address) noexcept {
     }
 }
 
-/// @return closes the device when the time-out in the options has passed; null without a time-out.
-/// @param late set before that.
-std::unique_ptr<Watchdog> Session::limit_exchange(JovuDeviceAddress address,
-                                                  std::atomic<bool>& late) {
-    if (!options_.timeout) {
-        return nullptr;
-    }
-    const std::chrono::milliseconds limit = *options_.timeout;
-    return std::make_unique<Watchdog>(
-        stop_, Watchdog::Limits{limit, limit, limit}, [] { return false; },
-        [this, address, &late] {
-            late = true;
-            close(address);
-        });
-}
-
-void Session::check_exchange(JovuDeviceAddress address, const std::string& name, bool late) const {
+void Session::check_exchange(JovuDeviceAddress address, const std::string& name) const {
     const std::string reason = JovuTransport::last_send_error();
     if (reason.empty()) {
         return;
@@ -317,7 +301,8 @@ void Session::check_exchange(JovuDeviceAddress address, const std::string& name,
                                                  " may or may not have been carried out by " +
                                                  to_string(address));
     }
-    if (late) {
+    if (options_.timeout &&
+        JovuTransport::last_send_error_code() == JovuError::response_timed_out) {
         throw Failure(ExitCode::exchange_failed,
                       name + " to " + to_string(address) + " failed: no response within " +
                           std::to_string(options_.timeout.value_or(0ms).count()) + " ms",

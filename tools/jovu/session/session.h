@@ -2,6 +2,7 @@
 /// The USB connection of a command: device selection, and exchanges that Ctrl-C ends.
 #pragma once
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <functional>
@@ -16,6 +17,7 @@
 #include "cli/options.h"
 #include "jovu/device_address.h"
 #include "jovu/exception.h"
+#include "jovu/response_timeout.h"
 #include "posix/stop_source.h"
 #include "session/attached_devices.h"
 #include "session/notification_queue.h"
@@ -24,6 +26,9 @@ namespace jovu_cli {
 
 /// JovuUsbDevice::type of the devices that the library opens.
 constexpr int kControllerType = 1;
+
+/// The longest time-out that the library accepts.
+constexpr std::chrono::milliseconds kMaxResponseTimeout = std::chrono::hours(24);
 
 /// @param what was attempted.
 /// @return the Failure for an exception of the library, with what the user can do about it.
@@ -86,8 +91,8 @@ public:
     ///     system shows them.
     std::vector<UnopenedController> unopened_controllers() const;
 
-    /// Makes one exchange with a device. A signal ends it at once, and the time-out in the options
-    /// as well, by closing the device. Any thread.
+    /// Makes one exchange with a device. A signal ends it at once, by closing the device. Any
+    /// thread.
     /// @param name of the exchange, for messages.
     /// @param call a function without arguments that calls one command of client().
     /// @return the result of @p call.
@@ -97,12 +102,12 @@ public:
         const StopSource::Action closer(
             stop_, [this, address](Stop reason) { close_on_signal(address, reason); });
         stop_.throw_if_stopped();
-        std::atomic<bool> late{false};
-        auto result = [&] {
-            const std::unique_ptr<Watchdog> watchdog = limit_exchange(address, late);
-            return call();
-        }();
-        check_exchange(address, name, late);
+        std::optional<JovuResponseTimeout> limit;
+        if (options_.timeout) {
+            limit.emplace(std::min(*options_.timeout, kMaxResponseTimeout));
+        }
+        auto result = call();
+        check_exchange(address, name);
         return result;
     }
 
@@ -172,9 +177,7 @@ private:
     void drop_stale_reports(JovuDeviceAddress address);
     void close_on_signal(JovuDeviceAddress address, Stop reason);
     void close(JovuDeviceAddress address) noexcept;
-    std::unique_ptr<Watchdog> limit_exchange(JovuDeviceAddress address, std::atomic<bool>& late);
-    void check_exchange(JovuDeviceAddress address, const std::string& name,
-                        bool late = false) const;
+    void check_exchange(JovuDeviceAddress address, const std::string& name) const;
 
     CommonOptions options_;
     StopSource& stop_;
