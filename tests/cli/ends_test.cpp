@@ -116,7 +116,7 @@ TEST(Ends, WhenAFileOrAProgramIsOfNoUse) {
 
 TEST(Ends, WhenTheTimeIsOver) {
     const JovuDeviceAddress device = plug();
-    expect_error(jovu("wait state printing --timeout 0.2"), 8, "the state printing: 1:2  idle");
+    expect_error(jovu("wait state printing --timeout 3"), 8, "the state printing: 1:2  idle");
     sim("fault " + name(device) + " silent always");
     const std::tuple<const char*, int, const char*> rows[] = {
         {"info --timeout 0.3", 5, "version request to 1:2 failed: no response within 300 ms"},
