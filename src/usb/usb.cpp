@@ -33,6 +33,7 @@ void stop(UsbBackend& backend) JOVU_REQUIRES(backend.lifecycle_mutex) {
     jovu::interrupt_event_handling(backend._libusb_ctx.get());
     backend._device_hotplug_thread.join();
     backend.remove_all();
+    backend.unopened.replace({});  // Its references to devices end before the context.
     backend._libusb_ctx.reset();
 }
 

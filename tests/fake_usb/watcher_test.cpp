@@ -120,6 +120,10 @@ TEST_F(Watcher, OpensWhatTheFilterMatchesAndTellsWhatItCannotOpen) {
         EXPECT_TRUE(journal.wait("b-1.6", 2));
         JovuUsb::set_device_filter({});
         EXPECT_TRUE(journal.wait("b+1.6", 3) && journal.wait("b+1.5", 2));
+        // The references to devices that are not open end before libusb is left.
+        fake_usb::script(Call::open, {kAccess});
+        fake_usb::plug(1, 8);
+        EXPECT_TRUE(journal.wait("a!1.8 not_permitted"));
     }
     const auto all = journal.entries();
     EXPECT_EQ(std::count(all.begin(), all.end(), "a!1.6 not_permitted"), 1);
