@@ -45,8 +45,8 @@ sources=$(find src tools sim tests -name '*.cpp' -not -path 'tests/public_header
     exit 1
 }
 tidy() { xargs -P "$(nproc)" -n "$1" clang-tidy-14 -quiet -p "$build_dir" "${@:2}"; }
-# The library but for what looks at each source by itself: the analyzer, and a check that cannot tell
-# that an exception of another source is not thrown where a destructor calls it.
+# All checks of the library except two that read one source at a time: the analyzer, and the check for
+# exceptions in destructors, which reports every throw of a called function, whatever its condition.
 alone=clang-analyzer-*,bugprone-exception-escape
 read -ra options < <(jq -r --arg src "$PWD/src/" \
     '[.[] | select(.file | startswith($src))][0].command | sub(" -o [^ ]* -c .*"; "")' \

@@ -4,6 +4,9 @@
 #include <array>
 #include <cctype>
 #include <fstream>
+#include <string>
+#include <string_view>
+#include <vector>
 
 #include "jovu/exception.h"
 #include "usb/usb_constants.h"

@@ -57,7 +57,8 @@ struct Scene {
     MonitorModel model;
     MonitorModel::Time now{100s};
     std::vector<MonitorRequest> requests;
-    std::string sent;  ///< Of the last pass(): the first letter of each kind, t for toggle_pause.
+    std::string
+        sent;  ///< The requests of the last pass(), each by its first letter; t is toggle_pause.
     std::vector<std::pair<JovuDeviceAddress, std::string>> unopened;
 };
 

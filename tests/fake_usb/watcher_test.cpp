@@ -90,7 +90,7 @@ std::vector<std::string> states() {
     return states;
 }
 
-TEST_F(Watcher, OpensWhatTheFilterMatchesAndTellsWhatItCannotOpen) {
+TEST_F(Watcher, OpensWhatTheFilterMatchesAndReportsWhatItCannotOpen) {
     fake_usb::plug(1, 6, 0x0002, 0x7A1C, 2);
     fake_usb::plug(1, 7, 0x0003, 0x7A1C, 3);
     const auto filter = [] { return JovuDeviceFilter(); };
@@ -101,7 +101,7 @@ TEST_F(Watcher, OpensWhatTheFilterMatchesAndTellsWhatItCannotOpen) {
         EXPECT_THAT(states(), ElementsAre("1-2 left_out", "1-3 other_kind", "1-1 open"));
         EXPECT_EQ(fake_usb::calls(Call::open), 2U) << "neither opened nor probed";
 
-        // At once: the watcher is woken. A reason is told again only after another one.
+        // The new filter wakes the watcher. A reason is reported again only after another one.
         fake_usb::script(Call::open, {kAccess, kAccess, 0, kIo});
         fake_usb::script(Call::claim, {kBusy});
         JovuUsb::set_device_filter(filter().add_address({1, 6}));

@@ -168,7 +168,7 @@ private:
         run_command(name, words);
     }
 
-    /// A command without its dot is no gcode, whose words are a letter and a number.
+    /// Refuses the name of a command without its dot: a word of gcode is a letter and a number.
     /// @throws Failure usage for the name of a command.
     static void refuse_command(const std::string& word) {
         const std::vector<std::string> names = jovu_cli::command_names();
