@@ -57,8 +57,9 @@ struct Scene {
     MonitorModel model;
     MonitorModel::Time now{100s};
     std::vector<MonitorRequest> requests;
-    std::string
-        sent;  ///< The requests of the last pass(), each by its first letter; t is toggle_pause.
+    /// The kinds of the requests that the last pass() started, in their order: "f" find_unopened,
+    /// "i" identify, "s" status, "t" toggle_pause, "a" abort.
+    std::string sent;
     std::vector<std::pair<JovuDeviceAddress, std::string>> unopened;
 };
 

@@ -168,8 +168,8 @@ private:
         run_command(name, words);
     }
 
-    /// Refuses the name of a command without its dot: a word of gcode is a letter and a number.
-    /// @throws Failure usage for the name of a command.
+    /// Checks the first word of a line without a dot.
+    /// @throws Failure usage when it is the name of a command, which no machine understands.
     static void refuse_command(const std::string& word) {
         const std::vector<std::string> names = jovu_cli::command_names();
         const std::vector<std::string> own = command_names();

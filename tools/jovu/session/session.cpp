@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <functional>
 
 #include "terminal/output.h"
 #include "terminal/printable.h"
@@ -42,22 +43,24 @@ bool contains(const std::vector<JovuDeviceInfo>& devices, JovuDeviceAddress addr
     });
 }
 
-std::vector<JovuDeviceInfo> controllers(std::vector<JovuDeviceInfo> devices) {
-    const auto is_other = [](const JovuDeviceInfo& device) {
-        return device.type != kControllerType;
-    };
-    devices.erase(std::remove_if(devices.begin(), devices.end(), is_other), devices.end());
-    return devices;
+/// @return the elements for which a condition holds.
+template <class Element, class Condition>
+std::vector<Element> those_with(std::vector<Element> elements, Condition condition) {
+    elements.erase(std::remove_if(elements.begin(), elements.end(), std::not_fn(condition)),
+                   elements.end());
+    return elements;
+}
+
+std::vector<JovuDeviceInfo> controllers() {
+    return those_with(Client::list_devices(),
+                      [](const JovuDeviceInfo& device) { return device.type == kControllerType; });
 }
 
 /// @return what is known of the devices at these addresses.
 std::vector<JovuDeviceInfo> look_up(const std::vector<JovuDeviceAddress>& addresses) {
-    std::vector<JovuDeviceInfo> devices = JovuClient::list_devices();
-    const auto is_other = [&](const JovuDeviceInfo& device) {
-        return !contains(addresses, device.address);
-    };
-    devices.erase(std::remove_if(devices.begin(), devices.end(), is_other), devices.end());
-    return devices;
+    return those_with(Client::list_devices(), [&](const JovuDeviceInfo& device) {
+        return contains(addresses, device.address);
+    });
 }
 
 /// @return the devices with their serial numbers, separated by ", ".
@@ -137,10 +140,8 @@ std::vector<JovuDeviceAddress> Session::find_devices() {
         std::vector<JovuDeviceAddress> devices = usable;
         if (options_.chooses_device()) {
             const std::vector<JovuDeviceInfo> chosen = chosen_devices();
-            const auto is_other = [&](JovuDeviceAddress address) {
-                return !contains(chosen, address);
-            };
-            devices.erase(std::remove_if(devices.begin(), devices.end(), is_other), devices.end());
+            devices = those_with(
+                usable, [&](JovuDeviceAddress address) { return contains(chosen, address); });
         }
         if (!worth_waiting(usable, !devices.empty())) {
             return devices;
@@ -211,10 +212,8 @@ std::size_t Session::attached_controllers() {
 
 std::vector<JovuDeviceInfo> Session::chosen_devices() const {
     const JovuDeviceFilter filter = options_.filter();
-    std::vector<JovuDeviceInfo> devices = Client::list_devices();
-    const auto is_other = [&](const JovuDeviceInfo& device) { return !filter.matches(device); };
-    devices.erase(std::remove_if(devices.begin(), devices.end(), is_other), devices.end());
-    return devices;
+    return those_with(Client::list_devices(),
+                      [&](const JovuDeviceInfo& device) { return filter.matches(device); });
 }
 
 std::vector<UnopenedController> Session::unopened_controllers() const {
@@ -263,7 +262,7 @@ void Session::throw_no_device() {
         const std::string name = options_.device          ? to_string(*options_.device)
                                  : !options_.port.empty() ? "port " + options_.port
                                                           : "serial number " + options_.serial;
-        const std::string others = describe(controllers(Client::list_devices()));
+        const std::string others = describe(controllers());
         throw failure("no such device: " + name,
                       others.empty() ? kWaitHint : "attached: " + others);
     }
