@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Shows the whole thing at work, without hardware: installs what is missing, builds the library,
 # the jovu program and the simulated controller, and drives the one with the other.
 #
@@ -15,7 +16,7 @@ install=true
 case ${1:-} in
     "") ;;
     --no-install) install=false ;;
-    -h | --help) sed -n '2,/^set /s/^# \{0,1\}//p' demo.sh; exit 0 ;;
+    -h | --help) sed -n '3,/^set /s/^# \{0,1\}//p' demo.sh; exit 0 ;;
     *) echo "demo.sh: unknown option: $1 (see --help)" >&2; exit 2 ;;
 esac
 

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Checks the whole project: formatting, the test suite as it is released (g++), under
 # AddressSanitizer with UBSan and under ThreadSanitizer (clang++), each source on its own, and
 # clang-tidy's findings.
@@ -18,7 +19,7 @@ set -euo pipefail
 cd "$(dirname "$0")"
 source scripts/steps.sh
 
-usage() { sed -n '2,/^set /s/^# \{0,1\}//p' test.sh; }
+usage() { sed -n '3,/^set /s/^# \{0,1\}//p' test.sh; }
 wrong_usage() { echo "test.sh: $1 (see --help)" >&2; exit 2; }
 
 all=(format release asan tsan standalone tidy)

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 /// @file
 /// Counts allocations: those of C++ and those of C libraries.
 #pragma once

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 /// @file
 /// The floor: what bare yajl takes to write and read the same bytes.
 #pragma once

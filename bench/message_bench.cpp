@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 /// @file
 /// Exchanges and events, each as a ratio to bare yajl on the same bytes, measured in the same run.
 #include <algorithm>

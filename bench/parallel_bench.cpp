@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 /// @file
 /// How far controllers delay one another, compared with a bare libusb program on the same bus.
 ///

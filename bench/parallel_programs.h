@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 /// @file
 /// The two programs that the parallel benchmark compares.
 #pragma once

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 /// @file
 /// A device that responds to every command at once, on the calling thread.
 #pragma once

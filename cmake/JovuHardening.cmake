@@ -1,3 +1,5 @@
+# SPDX-License-Identifier: Apache-2.0
+#
 # jovu_harden(TARGET): the protections of compiler and linker against what a hostile device, or another
 # user of the machine, could make of a mistake in the code. With JOVU_HARDENING, in optimised builds
 # without sanitizers; scripts/check-hardening.sh looks for them in what is installed.

@@ -1,3 +1,5 @@
+# SPDX-License-Identifier: Apache-2.0
+#
 # jovu_in_memory: the library with a USB backend made of memory, for programs that measure or fuzz
 # what stands above the backend.
 pkg_check_modules(YAJL REQUIRED IMPORTED_TARGET yajl)

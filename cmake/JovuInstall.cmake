@@ -1,3 +1,5 @@
+# SPDX-License-Identifier: Apache-2.0
+#
 # What "cmake --install" lays down beside the library, the headers and the program: the CMake package
 # (find_package(jovu) gives jovu::jovu), the pkg-config file and the udev rule.
 include(CMakePackageConfigHelpers)

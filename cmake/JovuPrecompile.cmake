@@ -1,3 +1,5 @@
+# SPDX-License-Identifier: Apache-2.0
+#
 # Most of the time that a build takes goes into reading a few large headers of other projects, over and
 # over. With JOVU_PRECOMPILE they are read once per target, and a unity build's targets that are one
 # or two units read them there. Whether each file includes what it uses then shows in builds without

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 include(JovuHardening)
 
 # jovu_target_defaults(TARGET): what every target of this project is compiled with. Private to the

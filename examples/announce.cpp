@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // Tells of each controller as it comes and goes, with its version and serial number, and passes on
 // what its firmware prints. Ends on Ctrl-C, or after the number of seconds given as an argument.
 #include <csignal>

@@ -1,4 +1,5 @@
 #!/bin/sh
+# SPDX-License-Identifier: Apache-2.0
 # Writes a print job to standard output: the perimeters and the zigzag infill of a hollow cube of
 # 20 mm, about 200 kB of gcode. The same bytes on every machine.
 LC_ALL=C exec awk '

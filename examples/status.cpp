@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // Prints a status report of each controller, for a number of seconds. Derives from nothing.
 #include <chrono>
 #include <cstdio>

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 /// @file
 /// Arguments of `jovu call`: the number of a command, then arguments, each ended by a line feed.
 #include <cstdint>

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 /// @file
 /// What dfu-util prints: listings and progress.
 #include <cmath>

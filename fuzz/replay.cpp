@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 /// @file
 /// In place of libFuzzer: runs the inputs in the folders that are named on the command line.
 #include <algorithm>

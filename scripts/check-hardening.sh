@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Installs an optimised build and looks for the protections of JOVU_HARDENING in the library and the
 # program: an own address for each run, tables that are read-only from the start, a stack that is
 # not executable, guards of the stack, checked variants of the C library's functions, and on x86

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Installs a build into a folder of its own, moves that, builds the examples against it by CMake and
 # one by pkg-config, runs them on a simulated controller, and the installed program.
 #

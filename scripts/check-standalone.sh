@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Compiles each source of program, simulator and tests on its own, up to the code generation: in a
 # unity build a source may lack an include that one before it has. What a precompiled header includes
 # is there for all; scripts/long-checks.sh tidy reads the sources without any.

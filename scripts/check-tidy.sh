@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Runs clang-tidy over the sources of library, program, simulator and tests. Every finding is an
 # error.
 #

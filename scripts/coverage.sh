@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Prints how much of the library its own tests reach, lines and branches of each file.
 #
 #   scripts/coverage.sh

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # What demo.sh shows, run inside a simulated bus with one controller on it, at 1:2.
 set -euo pipefail
 

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Lets clang's libFuzzer look for inputs that break the library or the program.
 #
 #   scripts/fuzz.sh SECONDS [FUZZER]...    each for that long, one after another; without names all
@@ -8,7 +9,7 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-[[ ${1:-} =~ ^[1-9][0-9]*$ ]] || { sed -n '2,/^set /s/^# \{0,1\}//p' "$0" >&2; exit 2; }
+[[ ${1:-} =~ ^[1-9][0-9]*$ ]] || { sed -n '3,/^set /s/^# \{0,1\}//p' "$0" >&2; exit 2; }
 seconds=$1
 shift
 all=(message_channel job_channel dfu_output call_arguments)

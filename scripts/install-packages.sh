@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Installs the Debian packages that are missing. Does nothing, and needs no privileges, when
 # everything is there.
 #
@@ -24,7 +25,7 @@ test_packages=(
     clang libclang-rt-14-dev clang-format-14 clang-tidy-14
 )
 
-usage() { sed -n '2,/^set /s/^# \{0,1\}//p' "$0"; }
+usage() { sed -n '3,/^set /s/^# \{0,1\}//p' "$0"; }
 
 list_only=false
 if [[ ${1:-} == --list ]]; then

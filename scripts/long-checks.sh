@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Runs in full the checks of which ./test.sh takes a sample. Takes about an hour and a half on two cores.
 #
 #   scripts/long-checks.sh [sweep] [storms] [tidy]     all three by default

@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
 """Breaks the code on purpose, one small change at a time, and looks whether the tests notice.
 
     scripts/mutate.py [--count N] [--seed S] [--preset P] [--only ID] [--list] [PATH...]

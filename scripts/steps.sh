@@ -1,3 +1,5 @@
+# SPDX-License-Identifier: Apache-2.0
+#
 # Runs the steps of a script one after another. Sourced by test.sh and demo.sh, not run.
 #
 # Each step's full output goes to a log of its own in build/logs. Standard output gets one line a

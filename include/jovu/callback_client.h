@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 /// @file
 /// A client for applications that do not derive from JovuClient.
 #pragma once

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 /// @file
 /// How the library identifies a device: by its address on the bus.
 #pragma once

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 /// @file
 /// The controllers that are attached, and the choice of those that this process opens.
 #pragma once

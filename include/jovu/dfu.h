@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 /// @file
 /// Firmware update of devices in DFU mode, through the program dfu-util.
 #pragma once

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 /// @file
 /// The firmware's events, one overridable handler each.
 #pragma once

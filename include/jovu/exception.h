@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 /// @file
 /// The library's one exception type, and why a call failed.
 #pragma once

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 /// @file
 /// Visibility of the library's symbols: everything is hidden but what carries JOVU_API.
 #pragma once

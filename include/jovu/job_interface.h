@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 /// @file
 /// The print-job channel: status, pause, abort and the job-file push.
 #pragma once

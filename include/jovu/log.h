@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 /// @file
 /// The library's diagnostic lines, and where they go.
 #pragma once

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 /// @file
 /// A pause in the opening of devices, for constructors.
 #pragma once

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 /// @file
 /// Strings as commands take and return them, and as C++ programs have them.
 #pragma once

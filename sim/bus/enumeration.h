@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 /// @file
 /// How a device presents itself: USB descriptors, and its entry in sysfs.
 #pragma once

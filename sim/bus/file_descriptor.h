@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 /// @file
 /// Ownership of file descriptors, and local stream sockets.
 #pragma once

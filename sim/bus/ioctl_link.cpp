@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "bus/ioctl_link.h"
 
 #include <sys/socket.h>

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 /// @file
 /// The connection between an open file of a device node and this program.
 #pragma once

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 /// @file
 /// A mutex with clang's thread-safety attributes; `-Wthread-safety` checks them.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "bus/pty_node.h"
 
 #include <fcntl.h>

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 /// @file
 /// The pseudo-terminal behind a device node.
 #pragma once

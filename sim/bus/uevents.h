@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 /// @file
 /// Hot-plug messages to the programs on the bus.
 #pragma once

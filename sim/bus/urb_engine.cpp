@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "bus/urb_engine.h"
 
 #include <linux/usb/ch9.h>

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 /// @file
 /// Transfers in flight, and the faults injected into them.
 #pragma once

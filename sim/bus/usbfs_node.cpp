@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "bus/usbfs_node.h"
 
 #include <linux/usb/ch9.h>

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 /// @file
 /// Device nodes and the ioctls of their open files.
 #pragma once

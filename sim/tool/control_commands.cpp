@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "tool/control_commands.h"
 
 #include <algorithm>

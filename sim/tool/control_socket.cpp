@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "tool/control_socket.h"
 
 #include <sys/socket.h>

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 /// @file
 /// The control socket: its server in the simulator and its client.
 #pragma once

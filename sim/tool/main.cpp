@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 /// @file
 /// The command line of jovu-sim.
 #include <CLI/CLI.hpp>

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 /// @file
 /// Counting calls, so that a shutdown can wait for them.
 #pragma once

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 /// @file
 /// A lock that threads acquire in the order in which they asked for it.
 #pragma once

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 /// @file
 /// The one place where the library reports what goes wrong.
 #pragma once

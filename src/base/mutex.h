@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 /// @file
 /// The standard mutexes with thread-safety annotations. Lock order: docs/architecture.md.
 #pragma once

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 /// @file
 /// Clang's thread-safety attributes; empty for other compilers. `-Wthread-safety` checks them.
 #pragma once

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 /// @file
 /// The firmware's commands as one table. The methods of JovuCommandInterface, the names and keys on
 /// the wire, and the program's commands, help and completion follow from it.

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 /// @file
 /// Firmware structures to JSON and back, by the lists of their members.
 ///

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 /// @file
 /// The members of the firmware's structures, each listed once: what is written, what is read, and
 /// what programs show and take all follow from these lists.

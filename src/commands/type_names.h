@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 /// @file
 /// The names of the types that commands carry, for help texts and documents.
 #pragma once

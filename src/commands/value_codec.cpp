@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "commands/value_codec.h"
 
 #include <algorithm>

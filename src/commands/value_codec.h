@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 /// @file
 /// Firmware values to JSON and back: numbers, buffers and texts. Structures are made of these, see
 /// structure_codec.h.

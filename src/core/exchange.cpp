@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 /// @file
 /// An exchange: a request is sent and its response awaited.
 #include <algorithm>

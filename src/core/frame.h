@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 /// @file
 /// Frames of the message channel: start, length, complement, payload, terminator.
 #pragma once

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 /// @file
 /// The attributes of a message, and their names in an envelope.
 #pragma once

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 /// @file
 /// The transport: its lifetime, notifications and the receive path. Sending is in exchange.cpp.
 #include "jovu/transport.h"

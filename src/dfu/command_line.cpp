@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "dfu/command_line.h"
 
 #include <string_view>

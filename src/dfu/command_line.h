@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 /// @file
 /// The command lines of dfu-util, for the shell.
 #pragma once

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 /// @file
 /// Running dfu-util.
 #include "jovu/dfu.h"

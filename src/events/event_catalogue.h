@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 /// @file
 /// The firmware's events as one table, and the members of their arguments. The handlers of
 /// JovuEventInterface and the names on the wire follow from it.

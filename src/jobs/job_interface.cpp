@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 /// @file
 /// The job channel: registration, receiving and requests. The push is in job_push.cpp.
 #include "jovu/job_interface.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "jobs/job_messages.h"
 
 #include <initializer_list>

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 /// @file
 /// The JSON objects of the job channel: requests are written, status reports are read.
 #pragma once

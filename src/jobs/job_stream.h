@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 /// @file
 /// Cuts the byte stream of the job channel into JSON objects.
 #pragma once

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 /// @file
 /// JSON on the wire, by yajl: parsing, look-up, strings, generating.
 #pragma once

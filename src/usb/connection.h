@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 /// @file
 /// One connection with a device, as the layers above the USB backend use it.
 #pragma once

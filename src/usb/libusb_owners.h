@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 /// @file
 /// Owners of libusb objects, and event handling. Each owner keeps alive what it depends on, so the
 /// types give the order of destruction.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "usb/receive_transfer.h"
 
 #include <thread>

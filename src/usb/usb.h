@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 /// @file
 /// The operations of the USB backend: the library's only contact with the bus.
 #pragma once

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 /// @file
 /// The state of the USB backend, one per process. Lock order: docs/architecture.md.
 #pragma once

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 /// @file
 /// What identifies a controller on the bus and how its channels are laid out, both fixed by the
 /// device, and the time-outs of the USB backend.

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 /// @file
 /// Runs the program `jovu` as a child process and watches what it writes; what its tests share.
 #pragma once

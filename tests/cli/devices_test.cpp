@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 /// @file
 /// Devices: found, listed, their state, events and gcode, and the commands of their firmware.
 

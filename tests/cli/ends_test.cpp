@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 /// @file
 /// The end of the program: the exit code and the line of the error.
 #include <csignal>

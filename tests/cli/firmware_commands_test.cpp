@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 /// @file
 /// The arguments of `jovu call`: read, or refused before anything is sent.
 #include <gmock/gmock.h>

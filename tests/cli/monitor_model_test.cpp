@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 /// @file
 /// The state of the monitor and its lines, without a terminal and a bus.
 #include <gmock/gmock.h>

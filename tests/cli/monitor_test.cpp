@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 /// @file
 /// `jovu monitor` at a pseudo-terminal.
 #include <csignal>

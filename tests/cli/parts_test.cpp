@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 /// @file
 /// Units of the program: formats, hints, the queue of notifications, images, traces and listings,
 /// lines of the shell, and the help texts in the manual.

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 /// @file
 /// The shell, at a pseudo-terminal and with a script.
 #include <csignal>

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 /// @file
 /// Firmware updates, with the installed dfu-util and with a fake one.
 #include <sys/stat.h>

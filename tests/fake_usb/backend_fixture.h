@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 /// @file
 /// The USB backend on a fake bus: clients that record their callbacks, and the fixtures.
 #pragma once

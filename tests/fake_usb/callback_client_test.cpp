@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 /// @file
 /// The client by composition, and the log handler that receives what goes wrong in it.
 #include "jovu/callback_client.h"

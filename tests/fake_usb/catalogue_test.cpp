@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 /// @file
 /// Every command: the bytes of its request, and how its response is read.
 #include <cmath>

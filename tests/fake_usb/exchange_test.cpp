@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 /// @file
 /// Exchanges with a device, byte by byte.
 #include "core/message.h"

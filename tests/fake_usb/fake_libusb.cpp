@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "fake_usb/fake_libusb.h"
 
 #include <algorithm>

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 /// @file
 /// A USB bus for tests, behind libusb's own function names. Linked in place of libusb.
 ///

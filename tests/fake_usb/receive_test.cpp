@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 /// @file
 /// Receiving: what each completion leads to, and how receiving ends.
 #include <stdexcept>

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 /// @file
 /// The watcher: what goes wrong when devices are opened, and starting and stopping.
 #include <map>

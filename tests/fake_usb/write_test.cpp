@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 /// @file
 /// Sending: every result that a bulk call can have.
 #include "fake_usb/backend_fixture.h"

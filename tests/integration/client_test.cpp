@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 /// @file
 /// What a notification may call, over the real libusb.
 #include <gtest/gtest.h>

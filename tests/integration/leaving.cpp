@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 /// @file
 /// A program that exits without a shutdown: its client is leaked, or a static object, and the
 /// watcher runs while static objects are destroyed, or a handler calls exit(). Its status has to be

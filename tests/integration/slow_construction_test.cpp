@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 /// @file
 /// A client whose construction takes long, over the real libusb.
 #include <gtest/gtest.h>

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # check_examples.sh SOURCE_DIR: the example compiles without a warning by both compilers, in both
 # standards, with and without run-time type information.
 set -euo pipefail

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # check_headers.sh SOURCE_DIR HEADER...: include/jovu holds exactly these headers, and each of them
 # includes only its neighbours and the standard library.
 set -euo pipefail

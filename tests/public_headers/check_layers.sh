@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # check_layers.sh SOURCE_DIR: who may include what. A layer that reaches into another one cannot be
 # tested without it, and a simulated controller that shares code with the library shares its faults.
 set -euo pipefail

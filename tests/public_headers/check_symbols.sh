@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # check_symbols.sh LIBRARY: the shared library is named by its major version and exports the public
 # classes and functions only. Anything else that leaks out becomes part of an ABI that nobody meant
 # to keep.

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // The bus: faults on demand, and what outlives the program that has a device open.
 #include <gtest/gtest.h>
 

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // The boot loader: downloads, and the ways between it and the application.
 #include <gtest/gtest.h>
 

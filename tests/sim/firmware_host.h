@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 /// @file
 /// A host for tests of the firmware model: sends bytes, reads packets, moves the clock.
 #pragma once

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // The job channel: requests, pushes, status reports.
 #include <gtest/gtest.h>
 #include <zlib.h>

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // The machine and its servos: that what is commanded happens, and shows. Each script is a
 // conversation with a new machine.
 #include <gtest/gtest.h>

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // The message channel: frames, requests and their rules, responses, events, faults.
 #include <gtest/gtest.h>
 

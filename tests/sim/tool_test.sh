@@ -1,4 +1,5 @@
 #!/bin/sh
+# SPDX-License-Identifier: Apache-2.0
 # jovu-sim as a process: what it passes on, how it ends, what it leaves behind.
 #
 #   tool_test.sh JOVU_SIM WORK_DIR

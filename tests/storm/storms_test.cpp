@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 /// @file
 /// Much of everything at once: nothing crashes, hangs or grows, and afterwards everything works.
 #include <gtest/gtest.h>

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 /// @file
 /// Runs the tests of a program one after the other on a bus that is empty at the start of each.
 #include <gtest/gtest.h>

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 /// @file
 /// Files that tests make, and what is in a job file.
 #pragma once

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 /// @file
 /// A USB backend made of memory, in place of src/usb: a program that links it has no bus and no
 /// watcher.

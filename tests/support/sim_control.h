@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 /// @file
 /// Speaks to the simulated bus that the test program runs on.
 #pragma once

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 /// @file
 /// Calls that can fail, how they are counted, and the one that fails in a run.
 #pragma once

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 /// @file
 /// The fault sweep: every scenario is run once for every call in it that can fail and for every
 /// result that this call can return, with that call failing alone and with every one from there on.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "sweep/run.h"
 
 #include <sys/mman.h>

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 /// @file
 /// Runs of scenarios, each in a process of its own, many at once.
 #pragma once

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 /// @file
 /// Runs with a defect each, which the sweep has to notice.
 #include <atomic>

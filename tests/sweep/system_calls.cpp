@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "sweep/system_calls.h"
 
 #include <dlfcn.h>

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 /// @file
 /// Memory, threads, files and time of the program: counted, failed, hurried.
 #pragma once

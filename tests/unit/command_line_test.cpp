@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 /// @file
 /// The commands that run dfu-util, as a shell reads them.
 #include "dfu/command_line.h"

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 /// @file
 /// JovuDfu with a stand-in for dfu-util: a script in a directory of its own.
 #include "jovu/dfu.h"

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 /// @file
 /// Whose turn it is, and which notifications run.
 #include "base/fair_lock.h"

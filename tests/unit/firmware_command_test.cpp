@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 /// @file
 /// How the response to a command is read.
 #include "commands/firmware_command.h"

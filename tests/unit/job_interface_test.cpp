@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 /// @file
 /// What comes on the job channel: the stream, the objects in it, and status reports.
 #include "jovu/job_interface.h"

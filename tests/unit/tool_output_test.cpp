@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 /// @file
 /// What dfu-util prints, against the regular expressions that the matchers stand for.
 #include "dfu/tool_output.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "core/waiting_requests.h"
 
 #include <gtest/gtest.h>

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 /// @file
 /// The program `jovu`: runs a command and turns its result into an exit status.
 

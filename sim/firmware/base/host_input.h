@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 /// @file
 /// Input from the host: its JSON, and the record of its protocol violations.
 #pragma once

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 /// @file
 /// The structures that commands take, with their members in wire order.
 #pragma once

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 /// @file
 /// Types that every part of the simulated firmware uses.
 #pragma once

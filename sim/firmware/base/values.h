@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 /// @file
 /// Values on the message channel: their rules, the check against them, strings and fields.
 #pragma once

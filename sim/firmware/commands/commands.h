@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 /// @file
 /// The commands of the firmware, and the requests that name them.
 #pragma once

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 /// @file
 /// Commands for identity, pins, gcode, filament, lights, network tasks and resets.
 #include "firmware/base/values.h"

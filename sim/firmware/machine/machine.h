@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 /// @file
 /// The machine: heater, servos, peripherals, Wi-Fi and print job.
 #pragma once

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 /// @file
 /// Pins, lights, motor bridges and the SD card.
 #pragma once

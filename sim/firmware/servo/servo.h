@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 /// @file
 /// The DC servo axes: moves, position, trace samples.
 #pragma once

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 /// @file
 /// The planned course of a move, and the motor that follows it.
 #pragma once

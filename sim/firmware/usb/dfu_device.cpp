@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "firmware/usb/dfu_device.h"
 
 #include <zlib.h>

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 /// @file
 /// The controller's boot loader: USB Device Firmware Upgrade 1.1, DFU mode.
 #pragma once

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 /// @file
 /// Images of the simulated firmware, as a firmware update carries them:
 ///

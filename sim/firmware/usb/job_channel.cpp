@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "firmware/usb/job_channel.h"
 
 #include <zlib.h>

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 /// @file
 /// The job channel of the firmware: requests and job data in, status reports out.
 #pragma once

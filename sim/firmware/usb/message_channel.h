@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 /// @file
 /// The message channel of the firmware: frames and commands in, responses and events out.
 #pragma once

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 /// @file
 /// Output of the device on one IN endpoint, and the faults injected into its responses.
 #pragma once

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 /// @file
 /// The USB function of a device, independent of the bus.
 #pragma once

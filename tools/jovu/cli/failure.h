@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 /// @file
 /// The program's exit codes, and the exception that ends a command with one of them.
 #pragma once

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 /// @file
 /// Values of options: device addresses, times and numbers, read and written.
 #pragma once

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 /// @file
 /// `jovu call`: calls one of the firmware's commands.
 

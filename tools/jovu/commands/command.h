@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 /// @file
 /// The commands of the program: their table, the parser of the command line, and what a command
 /// runs with.

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 /// @file
 /// `jovu dfu`: the devices in DFU mode.
 

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 /// @file
 /// `jovu gcode`: sends lines of gcode to a device's interpreter.
 

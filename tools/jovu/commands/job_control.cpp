@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 /// @file
 /// `jovu pause`, `jovu resume` and `jovu abort`: requests about the job of a device.
 

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 /// @file
 /// `jovu push`: sends a print job, waits until it is accepted, and can follow it to its end.
 

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 /// @file
 /// `jovu shell`: commands and lines of gcode at a prompt, on one USB connection.
 

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 /// @file
 /// `jovu status`: the state of a device and of its job, once or repeatedly.
 

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 /// @file
 /// `jovu update`: writes a new firmware to a device and checks that the device runs it.
 

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 /// @file
 /// `jovu wait`: waits for a device, a state or a temperature, for scripts.
 

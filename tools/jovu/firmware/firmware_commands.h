@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 /// @file
 /// The firmware's commands by name, with arguments and results as JSON. Generated from the
 /// library's table of commands.

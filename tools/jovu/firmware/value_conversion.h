@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 /// @file
 /// Converts the firmware's values between their C++ types and JSON. Only firmware_commands.cpp
 /// includes it, and instantiates it for every type of the catalogue.

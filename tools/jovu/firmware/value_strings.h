@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 /// @file
 /// Values of the firmware's types as strings: arguments read, results shown.
 #pragma once

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 /// @file
 /// The types of the firmware's values, described at run time for help, completion and arguments.
 #pragma once

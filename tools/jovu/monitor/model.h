@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 /// @file
 /// What `jovu monitor` shows: the controllers, what arrived from each and when, the questions to
 /// the user, and the requests that are to be made. Has no terminal, no thread and no clock of its

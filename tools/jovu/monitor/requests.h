@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 /// @file
 /// Makes the requests of `jovu monitor`, which can block for seconds, off its drawing thread.
 #pragma once

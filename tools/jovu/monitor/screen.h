@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 /// @file
 /// The terminal of `jovu monitor`. No other file includes the header of the terminal library, whose
 /// macros have common names.

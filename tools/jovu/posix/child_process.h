@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 /// @file
 /// Runs other programs, without a shell, and reads the environment.
 #pragma once

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 /// @file
 /// Owner of a file descriptor, and files that are used as a whole: input files, and output files
 /// that are complete or absent.

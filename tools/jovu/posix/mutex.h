@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 /// @file
 /// A mutex that clang's `-Wthread-safety` checks. The attributes are empty for other compilers.
 #pragma once

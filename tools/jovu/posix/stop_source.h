@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 /// @file
 /// Reasons for the program to end (Ctrl-C, a request to terminate, an output that nobody reads),
 /// and a watchdog that ends a call which takes too long.

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 /// @file
 /// Restores the terminal's modes on every exit of the program.
 #pragma once

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 /// @file
 /// Progress on a terminal: a bar with the rate and the remaining time.
 #pragma once

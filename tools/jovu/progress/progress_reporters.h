@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 /// @file
 /// Show the progress of a push and of a firmware update: as a bar on a terminal, as lines
 /// elsewhere, or as JSON. A quiet output shows the outcome alone.

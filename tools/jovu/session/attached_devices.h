@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 /// @file
 /// The USB devices that the system shows in /sys, /dev and /proc, open or not, and the reasons why
 /// one cannot be opened.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "session/notification_queue.h"
 
 #include <sys/eventfd.h>

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 /// @file
 /// The queue between the library's threads, which report, and the command, which takes the
 /// notifications out; and the library's client that fills the queue.

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 /// @file
 /// Status reports and events, for people and as JSON.
 #pragma once

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 /// @file
 /// The USB connection of a command: device selection, and exchanges that Ctrl-C ends.
 #pragma once

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 /// @file
 /// Reads lines from a terminal, with editing, history and completion.
 #pragma once

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 /// @file
 /// The devices to which the lines of a shell may be sent.
 #pragma once

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 /// @file
 /// Lines of the shell: split into words, and completed.
 #pragma once

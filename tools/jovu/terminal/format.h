@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 /// @file
 /// Points in time, durations, temperatures and sizes as strings, and labelled lines.
 #pragma once

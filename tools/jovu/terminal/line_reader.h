@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 /// @file
 /// Lines of input: of gcode, from arguments, files and standard input, and answers to questions.
 #pragma once

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 /// @file
 /// Escapes characters that must not be shown. All output of the program passes through here.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "trace/trace_recorder.h"
 
 #include <sys/mman.h>

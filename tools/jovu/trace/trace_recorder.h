@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 /// @file
 /// Records a servo's trace: statistics, a CSV file, and a drawing by gnuplot.
 #pragma once

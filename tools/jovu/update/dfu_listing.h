@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 /// @file
 /// Parses the listing of dfu-util. A hostile device can insert lines into it.
 #pragma once

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 /// @file
 /// Controllers in DFU mode: selects the right one of the listed devices.
 #pragma once

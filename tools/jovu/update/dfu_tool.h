@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 /// @file
 /// Runs the library's firmware update with the installed dfu-util.
 #pragma once

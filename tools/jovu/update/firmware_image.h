@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 /// @file
 /// A firmware image, and its checks before it is written to a device.
 #pragma once
