@@ -87,8 +87,10 @@ TEST_F(Shell, RunsCommandsOverOneLinkAndGoesOnAfterErrorsAndInterrupts) {
     shell_->type(".call heater_turn_on\r");
     ASSERT_TRUE(eventually([&] { return requests(device_, "heater_turn_on") == 1; }));
     EXPECT_TRUE(answers(kCtrlC, "^C\r\njovu> "));
+    EXPECT_EQ(stats(device_)["opens"], opens) << "the exchange is cancelled, the device stays open";
     sim("fault 1:2 clear");
     EXPECT_TRUE(answers(".call bio_get_version\r", "1.0.0" + kPrompt));
+    EXPECT_EQ(stats(device_)["opens"], opens);
     EXPECT_EQ(stats(device_)["message"]["display"], "a \"b\"");
     EXPECT_EQ(protocol_violations(device_), 0);
 

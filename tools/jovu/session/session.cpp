@@ -32,6 +32,10 @@ constexpr auto kFurtherReportLimit = 500ms;
 /// How often a wait checks that the USB connection has not ended.
 constexpr auto kConnectionCheck = 200ms;
 
+/// How long a cancelled exchange may take to send the rest of its frame before the device is closed.
+constexpr auto kCancelLimit = 300ms;
+constexpr auto kCancelRepeat = 20ms;
+
 constexpr const char* kWaitHint = "--wait-device SECONDS waits for one";
 
 bool contains(const std::vector<JovuDeviceAddress>& addresses, JovuDeviceAddress address) {
@@ -276,8 +280,20 @@ void Session::throw_no_device() {
                   others ? "'jovu list' shows them" : kWaitHint);
 }
 
-void Session::close_on_signal(JovuDeviceAddress address, Stop reason) {
-    if (reason == Stop::signal) {
+/// Cancels the exchange with a device. A frame that has begun is written whole, which takes too long
+/// when the device takes no data: then the device is closed.
+void Session::cancel_on_signal(JovuDeviceAddress address, Stop reason,
+                               const std::shared_future<void>& ended) noexcept {
+    if (reason != Stop::signal) {
+        return;
+    }
+    const auto limit = NotificationQueue::Clock::now() + kCancelLimit;
+    // Repeated: the exchange may begin after the signal.
+    do {
+        client_->cancel_exchanges(address);
+    } while (ended.wait_for(kCancelRepeat) != std::future_status::ready &&
+             NotificationQueue::Clock::now() < limit);
+    if (ended.wait_for(0s) != std::future_status::ready) {
         close(address);
     }
 }

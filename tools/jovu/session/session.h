@@ -8,6 +8,7 @@
 #include <atomic>
 #include <chrono>
 #include <functional>
+#include <future>
 #include <memory>
 #include <optional>
 #include <string>
@@ -93,16 +94,21 @@ public:
     ///     system shows them.
     std::vector<UnopenedController> unopened_controllers() const;
 
-    /// Makes one exchange with a device. A signal ends it at once, by closing the device. Any
-    /// thread.
+    /// Makes one exchange with a device. A signal cancels it; a device that takes no data is closed
+    /// to end it. Any thread.
     /// @param name of the exchange, for messages.
     /// @param call a function without arguments that calls one command of client().
     /// @return the result of @p call.
     /// @throws Failure exchange_failed, or interrupted (with a message: the device may have acted).
     template <class Call>
     auto exchange(JovuDeviceAddress address, const std::string& name, Call call) {
-        const StopSource::Action closer(
-            stop_, [this, address](Stop reason) { close_on_signal(address, reason); });
+        std::promise<void> promise;
+        const StopSource::Action canceller(
+            stop_, [this, address, ended = promise.get_future().share()](Stop reason) {
+                cancel_on_signal(address, reason, ended);
+            });
+        // Destroyed before the canceller, which then waits no longer for the end of the exchange.
+        const std::promise<void> running = std::move(promise);
         stop_.throw_if_stopped();
         std::optional<JovuResponseTimeout> limit;
         if (options_.timeout) {
@@ -177,7 +183,8 @@ private:
     /// @return the attached devices that match the options; all when none is chosen.
     std::vector<JovuDeviceInfo> chosen_devices() const;
     void drop_stale_reports(JovuDeviceAddress address);
-    void close_on_signal(JovuDeviceAddress address, Stop reason);
+    void cancel_on_signal(JovuDeviceAddress address, Stop reason,
+                          const std::shared_future<void>& ended) noexcept;
     void close(JovuDeviceAddress address) noexcept;
     void check_exchange(JovuDeviceAddress address, const std::string& name) const;
 
