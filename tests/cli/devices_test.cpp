@@ -19,14 +19,19 @@ TEST(List, ShowsWhatIsOpenedAndWhatIsNot) {
     plug("1:3");
     plug("1:2");
     plug("1:4 product=0003");
-    EXPECT_THAT(jovu("list"), Exits(0,
-                                    "1:2  serial JVS001002  version 1.0.0\n"
-                                    "1:3  serial JVS001003  version 1.0.0\n"
-                                    "1 attached of type 2, not opened (port "));
-    EXPECT_THAT(jovu("list --json"),
-                Exits(0, R"({"devices":[{"device":"1:2","serial":"JVS001002","version":"1.0.0"},)"
-                         R"({"device":"1:3","serial":"JVS001003","version":"1.0.0"}],)"
-                         R"("not_opened":[{"type":2,"count":1,"ports":[)"));
+    EXPECT_THAT(
+        jovu("list"),
+        Exits(0,
+              "1:2  serial JVS001002  port 1-2  version 1.0.0\n"
+              "1:3  serial JVS001003  port 1-3  version 1.0.0\n"
+              "1:4  serial JVS001004  port 1-4  not open: another kind of device, type 2\n"));
+    EXPECT_THAT(
+        jovu("list --json"),
+        Exits(0,
+              R"({"devices":[{"device":"1:2","serial":"JVS001002","port":"1-2","version":"1.0.0"},)"
+              R"({"device":"1:3","serial":"JVS001003","port":"1-3","version":"1.0.0"}],)"
+              R"("not_opened":[{"device":"1:4","serial":"JVS001004","port":"1-4","type":2,)"
+              R"("state":"other_kind",)"));
 }
 
 TEST(List, NamesWhatHasADeviceOpen) {
@@ -43,11 +48,11 @@ TEST(List, NamesWhatHasADeviceOpen) {
     const Ended alone = jovu("list --json");
     EXPECT_EQ(alone.status, 3);
     EXPECT_THAT(alone.err, named);
-    EXPECT_EQ(json::parse(alone.out)["not_opened"][0]["type"], 1);
+    EXPECT_EQ(json::parse(alone.out)["not_opened"][0]["state"], "in_use");
 
     plug("1:3");
     const Ended both = jovu("list");
-    EXPECT_THAT(both, Exits(0, "1 attached of type 1, not opened (among ports "));
+    EXPECT_THAT(both, Exits(0, "1:2  serial JVS001002  port 1-2  not open: /dev/bus/usb/"));
     EXPECT_THAT(both.out, named);
     EXPECT_THAT(jovu("--wait-device 1000 info"), Exits(0, "")) << "waits for what cannot come";
 }
@@ -61,7 +66,7 @@ TEST(Programs, ShareTheDevicesOfABus) {
     ASSERT_TRUE(listens(first, one));
     Program second("events --port 1-3");
     ASSERT_TRUE(listens(second, other));
-    EXPECT_THAT(jovu("info -s JVS001002"), Exits(3, "cannot open 1:2: "));
+    EXPECT_THAT(jovu("info -s JVS001002"), Exits(3, "cannot open 1:2 serial JVS001002: "));
     EXPECT_THAT(jovu("info -s JVS001002").err, HasSubstr("jovu (process "));
     setenv("JOVU_DEVICE", "NONE", 1);
     EXPECT_THAT(jovu("info"), Exits(3, "no such device: serial number NONE (attached: 1:"));
@@ -91,15 +96,17 @@ TEST(List, GoesOnWhenOneDeviceDoesNotAnswer) {
     Program shown("list --timeout 3");
     ASSERT_TRUE(shown.writes("1:3  serial JVS001003"));
     EXPECT_THAT(shown.out(), Not(HasSubstr("no response"))) << "holds the list up";
-    EXPECT_THAT(shown.finish(), Exits(5, "to 1:2 failed: no response within 3000 ms (--timeout"));
+    EXPECT_THAT(shown.finish(),
+                Exits(5, "to 1:2 serial JVS001002 failed: no response within 3000 ms (--timeout"));
     Program program("list --json");
     ASSERT_TRUE(eventually([&] { return requests(silent, "bio_get_version") == 2; }));
     sim("unplug " + name(silent));
     const Ended ended = program.finish();
     EXPECT_EQ(ended.status, 5);
     const json devices = json::parse(ended.out)["devices"];
-    EXPECT_EQ(devices[0]["error"],
-              "version request to 1:2 failed: Transport Error - No response received");
+    EXPECT_EQ(
+        devices[0]["error"],
+        "version request to 1:2 serial JVS001002 failed: Transport Error - No response received");
     EXPECT_EQ(devices[1]["serial"], "JVS001003");
 }
 

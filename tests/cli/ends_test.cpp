@@ -68,11 +68,13 @@ TEST(Ends, WithoutADevice) {
         {"", "--wait-device 0 --json info", 3, "no device"},
         {"", "--wait-device 0.2 status", 3, "no device"},
         {"plug 1:3 product=0003", "status", 3, "of another kind ('jovu list' shows them)"},
-        {"plug 1:4 product=00df", "status", 3, "1:4 is in DFU mode ('jovu update IMAGE' writes"},
+        {"plug 1:4 product=00df", "status", 3,
+         "1:4 serial JVS001004 is in DFU mode ('jovu update IMAGE' writes"},
         {"plug 1:2", "status -d 9:9", 3, "no such device: 9:9 (attached: 1:2 serial JVS001002)"},
-        {"", "status -d 1:4", 3, "1:4 is in DFU mode"},
+        {"", "status -d 1:4", 3, "1:4 serial JVS001004 is in DFU mode"},
         {"", "--wait-device 0.2 -d 7:7 status", 3, "no such device: 7:7"},
-        {"fault 1:2 open", "status", 3, "cannot open 1:2: /dev/bus/usb/001/002: Is a directory"},
+        {"fault 1:2 open", "status", 3,
+         "cannot open 1:2 serial JVS001002: /dev/bus/usb/001/002: Is a directory"},
         {"", "wait -d 9:9 --timeout 0.2 device", 8, "timed out waiting for a device: no such"},
         {"plug 1:7", "-d 9:9 info", 3, "no such device: 9:9"},
         {"plug 1:6", "gcode G28 --json", 4,
@@ -118,12 +120,15 @@ TEST(Ends, WhenAFileOrAProgramIsOfNoUse) {
 
 TEST(Ends, WhenTheTimeIsOver) {
     const JovuDeviceAddress device = plug();
-    expect_error(jovu("wait state printing --timeout 3"), 8, "the state printing: 1:2  idle");
+    expect_error(jovu("wait state printing --timeout 3"), 8,
+                 "the state printing: 1:2 serial JVS001002  idle");
     sim("fault " + name(device) + " silent always");
     const std::tuple<const char*, int, const char*> rows[] = {
-        {"info --timeout 0.3", 5, "version request to 1:2 failed: no response within 300 ms"},
-        {"status --timeout 0.3", 5, "status request to 1:2 failed: timed out"},
-        {"wait state idle --timeout 0.3", 8, "the state idle: 1:2 has sent no status report"},
+        {"info --timeout 0.3", 5,
+         "version request to 1:2 serial JVS001002 failed: no response within 300 ms"},
+        {"status --timeout 0.3", 5, "status request to 1:2 serial JVS001002 failed: timed out"},
+        {"wait state idle --timeout 0.3", 8,
+         "the state idle: 1:2 serial JVS001002 has sent no status report"},
     };
     for (const auto& [line, status, told] : rows)
         expect_error(jovu(line), status, told);
@@ -207,7 +212,7 @@ TEST(Interrupt, EndsAnExchangeThatIsNotAnsweredAsAnUnplugDoes) {
     ASSERT_TRUE(eventually([&] { return requests(device, "gcode_process_command") == 2; }));
     sim("unplug " + name(device));
     const Ended ended = cut_off.finish();
-    EXPECT_THAT(ended, Exits(5, "jovu: line 1 (G28) to " + name(device) + " failed"));
+    EXPECT_THAT(ended, Exits(5, "jovu: line 1 (G28) to " + name(device) + " serial "));
     EXPECT_THAT(ended, Exits(5, "JovuMessage")) << "the library's diagnostics";
     EXPECT_THAT(ended.out, IsEmpty());
 }

@@ -25,7 +25,9 @@ protected:
 
 TEST_F(Push, IsFollowedToItsEnd) {
     const Ended ended = jovu(push_ + " --wait");
-    EXPECT_THAT(ended, Exits(0, ": 100 %, 123456 of 123456 bytes\naccepted by 1:2: job job-1"));
+    EXPECT_THAT(
+        ended,
+        Exits(0, ": 100 %, 123456 of 123456 bytes\naccepted by 1:2 serial JVS001002: job job-1"));
     EXPECT_THAT(ended.out, ContainsRegex("(\njob [0-9]+ %: printing [^\n]*){2}"));
     EXPECT_THAT(ended, Exits(0, "\nfinished after "));
     EXPECT_THAT(ended.out, StartsWith("sending " + file_.path() + ": 0 %, 0 of 123456 bytes\n"));
@@ -35,8 +37,11 @@ TEST_F(Push, IsFollowedToItsEnd) {
     EXPECT_EQ(job()["finished"], 1);
 
     const std::string events = jovu(push_ + " --wait --json").out;
-    EXPECT_THAT(events, StartsWith(R"({"event":"sending","device":"1:2","percent":0.0,"bytes":0,)"
-                                   R"("size":123456})"));
+    EXPECT_THAT(
+        events,
+        StartsWith(
+            R"({"event":"sending","device":"1:2","serial":"JVS001002","percent":0.0,"bytes":0,)"
+            R"("size":123456})"));
     EXPECT_THAT(events,
                 ContainsRegex("\n\\{\"event\":\"finished\",[^\n]*\"progress\":100,[^\n]*\n$"));
 
@@ -46,21 +51,22 @@ TEST_F(Push, IsFollowedToItsEnd) {
         EXPECT_THAT(drawn, Exits(0, part));
 
     EXPECT_THAT(jovu("push --attach"),
-                Exits(6, "no job to follow: 1:2 reports the state finished"));
-    EXPECT_THAT(jovu("-q " + push_).out, MatchesRegex("accepted by 1:2: job job-4, [a-z]+\n"));
+                Exits(6, "no job to follow: 1:2 serial JVS001002 reports the state finished"));
+    EXPECT_THAT(jovu("-q " + push_).out,
+                MatchesRegex("accepted by 1:2 serial JVS001002: job job-4, [a-z]+\n"));
     EXPECT_THAT(jovu("pause"), Exits(0, "paused"));
     Program attached("push --attach");
     ASSERT_TRUE(attached.writes("job "));
     EXPECT_THAT(attached.out(), ContainsRegex("job [0-9]+ %: paused"));
     attached.signal(SIGINT);
-    EXPECT_THAT(attached.finish(), Exits(130, "1:2 continues the job"));
+    EXPECT_THAT(attached.finish(), Exits(130, "1:2 serial JVS001002 continues the job"));
     const std::tuple<std::string, const char*> rows[] = {
-        {"resume", "^1:2  printing"},
-        {"wait state Finished", "^1:2  finished"},
+        {"resume", "^1:2 serial JVS001002  printing"},
+        {"wait state Finished", "^1:2 serial JVS001002  finished"},
         {"gcode \"M104 S100\"", "^ok"},
-        {"wait temperature 100 --timeout 60", "^1:2  finished  (99|10.)\\.. C  "},
+        {"wait temperature 100 --timeout 60", "^1:2 serial JVS001002  finished  (99|10.)\\.. C  "},
         {"gcode \"M104 S0\"", "^ok"},
-        {"wait temperature 24 --timeout 60", "^1:2  finished  2[345]\\.. C  "},
+        {"wait temperature 24 --timeout 60", "^1:2 serial JVS001002  finished  2[345]\\.. C  "},
     };
     for (const auto& [line, told] : rows)
         EXPECT_THAT(jovu(line), AllOf(Exits(0, ""), Field(&Ended::out, ContainsRegex(told))));
@@ -79,13 +85,15 @@ TEST_F(Push, GoesOnWhenNobodyReadsAnyMore) {
 TEST_F(Push, DependsOnTheStateThatTheDeviceReports) {
     // A program, the state in the response to its first request, its end.
     const std::tuple<std::string, const char*, int, const char*> rows[] = {
-        {push_, "printing", 6, "1:2 is busy with another job: printing"},
-        {push_, "paused", 6, "1:2 is busy with another job: paused"},
-        {push_, "receiving", 6, "1:2 is busy with another job: receiving"},
-        {push_, "Heating up", 6, "1:2 is busy with another job: Heating up"},
+        {push_, "printing", 6, "1:2 serial JVS001002 is busy with another job: printing"},
+        {push_, "paused", 6, "1:2 serial JVS001002 is busy with another job: paused"},
+        {push_, "receiving", 6, "1:2 serial JVS001002 is busy with another job: receiving"},
+        {push_, "Heating up", 6, "1:2 serial JVS001002 is busy with another job: Heating up"},
         {"resume", "printing", 0, "nothing was sent"},
-        {"wait state idle", "fault", 6, "1:2 does not reach the state idle: state fault"},
-        {"pause", "printing", 6, "jovu: pause was sent, but 1:2 reports the state idle"},
+        {"wait state idle", "fault", 6,
+         "1:2 serial JVS001002 does not reach the state idle: state fault"},
+        {"pause", "printing", 6,
+         "jovu: pause was sent, but 1:2 serial JVS001002 reports the state idle"},
     };
     for (const auto& [line, state, status, told] : rows) {
         Program program(line);
@@ -101,16 +109,16 @@ TEST_F(Push, DependsOnTheStateThatTheDeviceReports) {
 TEST_F(Push, IsPausedAndResumedAsItsStateAllows) {
     // The exit code, the number of pause requests so far, and the output.
     const std::tuple<std::string, int, int, const char*> rows[] = {
-        {"pause", 6, 0, "no job to pause: 1:2 reports the state idle"},
-        {"resume", 6, 0, "no job to resume: 1:2 reports the state idle"},
+        {"pause", 6, 0, "no job to pause: 1:2 serial JVS001002 reports the state idle"},
+        {"resume", 6, 0, "no job to resume: 1:2 serial JVS001002 reports the state idle"},
         {push_, 0, 0, "accepted"},
         {"pause --json", 0, 1, "{\"request\":\"pause\",\"sent\":true,\"device\":\"1:2\""},
         {"pause", 0, 1, "nothing was sent"},
         {"abort --json", 0, 1, "{\"request\":\"abort\",\"sent\":true,\"device\":\"1:2\""},
         {"pause", 6, 1, "state aborted"},
         {push_, 0, 1, "accepted"},
-        {"pause", 0, 2, "1:2  paused"},
-        {"resume", 0, 3, "1:2  printing"},
+        {"pause", 0, 2, "1:2 serial JVS001002  paused"},
+        {"resume", 0, 3, "1:2 serial JVS001002  printing"},
         {"resume --json", 0, 3, "{\"request\":\"resume\",\"sent\":false"},
     };
     for (const auto& [line, status, pauses, told] : rows) {
@@ -141,10 +149,10 @@ TEST_F(Push, TellsWhenTheJobDoesNotEndWell) {
 TEST_F(Push, TellsHowFarItGotWhenItFails) {
     // Behind the status request, the announcement and four pieces.
     fault("status 04 EPIPE 1 6");
-    EXPECT_THAT(jovu(push_), Exits(5, "1:2 received 20480 of 123456 bytes"));
+    EXPECT_THAT(jovu(push_), Exits(5, "; it received 20480 of 123456 bytes"));
     sim("replug " + name(device_));
     fault("unplug-at 04 50000");
-    EXPECT_THAT(jovu(push_), Exits(5, "jovu: push to 1:2 failed: Send failed"));
+    EXPECT_THAT(jovu(push_), Exits(5, "jovu: push to 1:2 serial JVS001002 failed: Send failed"));
 }
 
 TEST_F(Push, IsNotJudgedByAReportFromBefore) {
@@ -162,9 +170,11 @@ TEST_F(Push, IsCancelledByAnInterruptAndLeftAtOnceByASecondOne) {
     // announcement), whether a second one follows.
     const std::tuple<const char*, int, bool, const char*> rows[] = {
         {"never 04 always 1", 0, false, "Send failed"},
-        {"never 04 always 1", 0, true, "ended at once: 1:2 may wait"},
-        {"never 04 always 6", 20480, true, "jovu: ended at once: 1:2 waits for the rest"},
-        {"never 04 1 6", 20480, false, "jovu: interrupted at 20 %: 1:2 received filler"},
+        {"never 04 always 1", 0, true, "ended at once: 1:2 serial JVS001002 may wait"},
+        {"never 04 always 6", 20480, true,
+         "jovu: ended at once: 1:2 serial JVS001002 waits for the rest"},
+        {"never 04 1 6", 20480, false,
+         "jovu: interrupted at 20 %: 1:2 serial JVS001002 received filler"},
     };
     Ended ended;
     for (const auto& [delay, received, twice, told] : rows) {
@@ -196,7 +206,8 @@ TEST_F(Push, GoesOnOnTheDeviceWhenTheWaitIsInterrupted) {
     ASSERT_TRUE(program.writes("accepted"));
     fault("silent always");  // the job's end cannot come before the interrupt
     program.signal(SIGINT);
-    EXPECT_THAT(program.finish(), Exits(130, "1:2 continues the job ('jovu abort' ends it)"));
+    EXPECT_THAT(program.finish(),
+                Exits(130, "1:2 serial JVS001002 continues the job ('jovu abort' ends it)"));
     EXPECT_TRUE(eventually([&] { return job()["finished"] == 1; }));
 }
 

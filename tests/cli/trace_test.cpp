@@ -124,7 +124,8 @@ TEST_F(Trace, IsSwitchedOffOnEveryWayOut) {
         {"--csv " + link, 7,
          ": No such file or directory (it is a symbolic link that leads to no file)"},
         {"--csv " + loop, 7, loop + ": Too many levels of symbolic links\n"},
-        {"--move 5000 --seconds 9", 6, name(device_) + " refused the move with result 3"}};
+        {"--move 5000 --seconds 9", 6,
+         name(device_) + " serial JVS001002 refused the move with result 3"}};
     for (const auto& [options, status, told] : rows) {
         EXPECT_THAT(jovu("trace 0 " + options), Exits(status, told));
         EXPECT_FALSE(traced(0));

@@ -16,6 +16,7 @@
 #include "commands/command.h"
 #include "firmware/firmware_commands.h"
 #include "firmware/value_strings.h"
+#include "session/device_names.h"
 #include "terminal/line_reader.h"
 
 namespace jovu_cli {
@@ -81,10 +82,8 @@ void run_call(const Context& context, const CallOptions& options) {
     const Json result = session.exchange(
         address, options.name, [&] { return command.call(session.client(), address, arguments); });
     if (context.out.json()) {
-        Json object = {{"device", to_string(address)},
-                       {"command", command.name},
-                       {"index", command.index},
-                       {"result", result}};
+        Json object = device_json(address);
+        object.update({{"command", command.name}, {"index", command.index}, {"result", result}});
         if (command.keeps_value) {
             object["value"] = nullptr;
         }

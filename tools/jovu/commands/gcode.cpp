@@ -12,6 +12,7 @@
 
 #include "cli/failure.h"
 #include "commands/command.h"
+#include "session/device_names.h"
 #include "terminal/line_reader.h"
 
 namespace jovu_cli {
@@ -61,12 +62,13 @@ void take_debug_lines(Session& session, JovuDeviceAddress address,
 void print_result(Output& out, JovuDeviceAddress address, const GcodeLine& line,
                   std::uint32_t result, const std::vector<std::string>& messages) {
     if (out.json()) {
-        out.object({{"device", to_string(address)},
-                    {"line", line.number},
-                    {"command", line.code},
-                    {"result", result},
-                    {"accepted", result == kResultOk},
-                    {"texts", messages}});
+        Json object = device_json(address);
+        object.update({{"line", line.number},
+                       {"command", line.code},
+                       {"result", result},
+                       {"accepted", result == kResultOk},
+                       {"texts", messages}});
+        out.object(object);
         return;
     }
     out.line((result == kResultOk ? "ok       " : "refused  ") + line.code);

@@ -11,6 +11,7 @@
 
 #include "cli/failure.h"
 #include "commands/command.h"
+#include "session/device_names.h"
 #include "session/reports.h"
 
 namespace jovu_cli {
@@ -43,7 +44,7 @@ public:
         }
         if (phase != JobPhase::paused && phase != JobPhase::active) {
             throw Failure(ExitCode::device_refused,
-                          std::string("no job to ") + name_ + ": " + to_string(address_) +
+                          std::string("no job to ") + name_ + ": " + device_name(address_) +
                               " reports the state " + state_string(report),
                           "nothing was sent");
         }
@@ -65,7 +66,7 @@ private:
         show(report, true);
         if (!is_wanted()) {
             throw Failure(ExitCode::device_refused,
-                          std::string(name_) + " was sent, but " + to_string(address_) +
+                          std::string(name_) + " was sent, but " + device_name(address_) +
                               " reports the state " + state_string(report));
         }
     }

@@ -7,7 +7,6 @@
 #include <chrono>
 #include <future>
 #include <list>
-#include <map>
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
@@ -15,6 +14,8 @@
 
 #include "cli/failure.h"
 #include "commands/command.h"
+#include "jovu/devices.h"
+#include "session/attached_devices.h"
 #include "terminal/printable.h"
 
 namespace jovu_cli {
@@ -71,48 +72,98 @@ private:
     std::list<std::future<Entry>> pending_;
 };
 
-/// A kind of device of which not all are open. The bus listing has ports and the library has
-/// addresses, so the ports include those of open devices of the kind.
-struct NotOpened {
-    std::int32_t type;
-    std::size_t count;
-    std::vector<unsigned> ports;
-    std::vector<std::string> reasons;  ///< Of controllers: "1:2: no permission on ...".
+/// An attached device that this program does not have open.
+struct Unopened {
+    JovuDeviceInfo device;
+    std::string reason;
+    std::string hint;
 };
 
-std::vector<std::string> reasons_of(const Session& session) {
-    const std::vector<UnopenedController> unopened = session.unopened_controllers();
-    std::vector<std::string> reasons;
-    reasons.reserve(unopened.size());
-    for (const auto& [address, obstacle] : unopened) {
-        reasons.push_back(to_string(address) + ": " + obstacle.reason +
-                          (obstacle.hint.empty() ? "" : " (" + obstacle.hint + ")"));
+/// @return why a device is not open, for one whose node gives no better reason.
+Obstacle obstacle_of(const JovuDeviceInfo& device, bool in_dfu_mode) {
+    if (in_dfu_mode) {
+        return {"in DFU mode", "'jovu update IMAGE' writes a firmware to it"};
     }
-    return reasons;
+    switch (device.state) {
+        case JovuDeviceState::other_kind:
+            return {"another kind of device, type " + std::to_string(device.type), ""};
+        case JovuDeviceState::not_permitted:
+            return {"no permission", permission_hint()};
+        case JovuDeviceState::in_use:
+            return {"in use", "only one program at a time can use a device"};
+        case JovuDeviceState::vanished:
+            return {"unplugged while it was opened", ""};
+        case JovuDeviceState::open:
+        case JovuDeviceState::waiting:
+            return {"not ready yet", "--wait-device SECONDS waits for it"};
+        case JovuDeviceState::closed:
+        case JovuDeviceState::left_out:
+        case JovuDeviceState::failed:
+            break;
+    }
+    return {jovu_state_name(device.state), ""};
 }
 
-std::vector<NotOpened> not_opened(Session& session) {
-    std::map<std::int32_t, std::vector<unsigned>> ports;
-    for (const JovuUsbDevice& device : session.client().list_attached()) {
-        ports[device.type].push_back(device.port);
-    }
-    const std::size_t opened = session.client().list_connected().size();
-    std::vector<NotOpened> result;
-    for (const auto& [type, at] : ports) {
-        const bool opens = type == kControllerType;
-        const std::size_t open_here = opens ? opened : 0;
-        if (at.size() > open_here) {
-            result.push_back({type, at.size() - open_here, at,
-                              opens ? reasons_of(session) : std::vector<std::string>()});
+/// @param opened the devices that are listed as open.
+/// @return the others, but for those that the user left out.
+std::vector<Unopened> unopened_devices(const Session& session,
+                                       const std::vector<JovuDeviceInfo>& attached,
+                                       const std::vector<JovuDeviceAddress>& opened) {
+    std::vector<JovuDeviceAddress> in_dfu_mode;
+    for (const AttachedDevice& device : attached_devices()) {
+        if (device.kind == AttachedDevice::Kind::dfu) {
+            in_dfu_mode.push_back(device.address);
         }
     }
-    return result;
+    const std::vector<UnopenedController> obstacles = session.unopened_controllers();
+    const auto contains = [](const auto& list, JovuDeviceAddress address) {
+        return std::find(list.begin(), list.end(), address) != list.end();
+    };
+    std::vector<Unopened> unopened;
+    for (const JovuDeviceInfo& device : attached) {
+        if (device.state == JovuDeviceState::left_out || contains(opened, device.address)) {
+            continue;
+        }
+        const auto known = std::find_if(
+            obstacles.begin(), obstacles.end(),
+            [&](const UnopenedController& other) { return other.address == device.address; });
+        const Obstacle obstacle = known != obstacles.end()
+                                      ? known->obstacle
+                                      : obstacle_of(device, contains(in_dfu_mode, device.address));
+        unopened.push_back({device, obstacle.reason, obstacle.hint});
+    }
+    return unopened;
 }
 
-Json list_json(const std::vector<Entry>& entries, const std::vector<NotOpened>& rest) {
+/// What the system shows of the listed devices; the addresses that have gone meanwhile are bare.
+class Places {
+public:
+    explicit Places(const std::vector<JovuDeviceInfo>& attached) : attached_(attached) {}
+
+    JovuDeviceInfo of(JovuDeviceAddress address) const {
+        const auto found =
+            std::find_if(attached_.begin(), attached_.end(),
+                         [address](const JovuDeviceInfo& info) { return info.address == address; });
+        JovuDeviceInfo bare;
+        bare.address = address;
+        return found != attached_.end() ? *found : bare;
+    }
+
+private:
+    const std::vector<JovuDeviceInfo>& attached_;
+};
+
+/// @return the members that every device has.
+Json place_json(const JovuDeviceInfo& device) {
+    return {
+        {"device", to_string(device.address)}, {"serial", device.serial}, {"port", device.port}};
+}
+
+Json list_json(const std::vector<Entry>& entries, const Places& places,
+               const std::vector<Unopened>& rest) {
     Json devices = Json::array();
     for (const Entry& entry : entries) {
-        Json device = {{"device", to_string(entry.address)}};
+        Json device = place_json(places.of(entry.address));
         if (entry.identity) {
             device["serial"] = entry.identity->serial;
             device["version"] = entry.identity->version;
@@ -122,50 +173,36 @@ Json list_json(const std::vector<Entry>& entries, const std::vector<NotOpened>& 
         devices.push_back(std::move(device));
     }
     Json others = Json::array();
-    for (const NotOpened& kind : rest) {
-        others.push_back({{"type", kind.type},
-                          {"count", kind.count},
-                          {"ports", kind.ports},
-                          {"reasons", kind.reasons}});
+    for (const auto& [info, reason, hint] : rest) {
+        Json device = place_json(info);
+        device["type"] = info.type;
+        device["state"] = jovu_state_name(info.state);
+        device["reason"] = reason;
+        device["hint"] = hint;
+        others.push_back(std::move(device));
     }
     return {{"devices", std::move(devices)}, {"not_opened", std::move(others)}};
 }
 
-std::string not_opened_line(const NotOpened& kind) {
-    std::string ports;
-    for (const unsigned port : kind.ports) {
-        ports += (ports.empty() ? "" : ", ") + std::to_string(port);
-    }
-    std::string line = std::to_string(kind.count) + " attached of type " +
-                       std::to_string(kind.type) + ", not opened (";
-    if (kind.count < kind.ports.size()) {
-        line += "among ";
-    }
-    line += (kind.ports.size() == 1 ? "port " : "ports ") + ports + ")";
-    return line;
+/// @return the beginning of a device's line.
+std::string place_string(const JovuDeviceInfo& device, const std::string& serial) {
+    return to_string(device.address) + (serial.empty() ? "" : "  serial " + printable(serial)) +
+           (device.port.empty() ? "" : "  port " + device.port);
 }
 
-void print(Output& out, const std::vector<Entry>& entries) {
+void print(Output& out, const std::vector<Entry>& entries, const Places& places) {
     for (const Entry& entry : entries) {
-        const std::string address = to_string(entry.address);
-        if (entry.identity) {
-            out.line(address + "  serial " + printable(entry.identity->serial) + "  version " +
-                     printable(entry.identity->version));
-        } else {
-            out.line(address + "  no response");
-        }
+        const JovuDeviceInfo device = places.of(entry.address);
+        out.line(entry.identity ? place_string(device, entry.identity->serial) + "  version " +
+                                      printable(entry.identity->version)
+                                : place_string(device, device.serial) + "  no response");
     }
 }
 
-/// @param any_open whether a device is open: without one, the error has the reasons.
-void print(Output& out, const std::vector<NotOpened>& rest, bool any_open) {
-    for (const NotOpened& kind : rest) {
-        out.line(not_opened_line(kind));
-        for (const std::string& reason : kind.reasons) {
-            if (any_open) {
-                out.line("  " + printable(reason));
-            }
-        }
+void print(Output& out, const std::vector<Unopened>& rest) {
+    for (const auto& [device, reason, hint] : rest) {
+        out.line(place_string(device, device.serial) + "  not open: " + printable(reason) +
+                 (hint.empty() ? "" : " (" + hint + ")"));
     }
 }
 
@@ -176,15 +213,17 @@ void run_list(const Context& context) {
     Output& out = context.out;
     Identities identities(session, devices);
     std::vector<Entry> entries = identities.take(kPromptTime);
-    const std::vector<NotOpened> rest = not_opened(session);
+    const std::vector<JovuDeviceInfo> attached = Client::list_devices();
+    const Places places(attached);
+    const std::vector<Unopened> rest = unopened_devices(session, attached, devices);
     if (!out.json()) {
-        print(out, entries);
-        print(out, rest, !devices.empty());
+        print(out, entries, places);
+        print(out, rest);
     }
     while (!identities.all_taken()) {
         const std::vector<Entry> late = identities.take(kPollTime);
         if (!out.json()) {
-            print(out, late);
+            print(out, late, places);
         }
         entries.insert(entries.end(), late.begin(), late.end());
     }
@@ -193,7 +232,7 @@ void run_list(const Context& context) {
         std::sort(entries.begin(), entries.end(), [](const Entry& one, const Entry& other) {
             return comes_before(one.address, other.address);
         });
-        out.object(list_json(entries, rest));
+        out.object(list_json(entries, places, rest));
     }
     if (devices.empty()) {
         session.throw_no_device();

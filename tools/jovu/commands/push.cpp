@@ -17,6 +17,7 @@
 #include "jovu/exception.h"
 #include "posix/files.h"
 #include "progress/progress_reporters.h"
+#include "session/device_names.h"
 #include "session/reports.h"
 #include "terminal/printable.h"
 
@@ -92,7 +93,7 @@ private:
     }
 
     void note_exit(const std::string& waits) {
-        const std::string line = "jovu: ended at once: " + to_string(address_) + " " + waits +
+        const std::string line = "jovu: ended at once: " + device_name(address_) + " " + waits +
                                  " for the rest of the job (" + kRestNote + ")\n";
         exit_note_.emplace(context_.stop, (context_.out.redraws() ? "\n" : "") + line);
     }
@@ -110,7 +111,7 @@ private:
             cancelled_at_ = percent;
             end_bar();
             print_error("jovu: interrupted: sending filler for the rest of the job, so that " +
-                        to_string(address_) + " does not wait for it; Ctrl-C again ends at once");
+                        device_name(address_) + " does not wait for it; Ctrl-C again ends at once");
         }
         report([&] { reporter_.sending(percent, sent_, cancelled_at_.has_value()); });
     }
@@ -131,7 +132,7 @@ private:
     /// @throws Failure for a push that ended incomplete or interrupted, without an error.
     [[noreturn]] void throw_result(JovuPushResult result, const std::string& path) const {
         const std::string filled =
-            ": " + to_string(address_) +
+            ": " + device_name(address_) +
             " received filler for the rest of the job and refuses the job by its checksum";
         switch (result) {
             case JovuPushResult::cut_short:
@@ -150,20 +151,20 @@ private:
                 break;
         }
         throw Failure(ExitCode::interrupted,
-                      "interrupted: " + to_string(address_) + " received the whole job",
+                      "interrupted: " + device_name(address_) + " received the whole job",
                       "'jovu status' shows it, 'jovu abort' ends it");
     }
 
     [[noreturn]] void fail(const JovuException& error) const {
-        const Failure failure = exchange_failure("push to " + to_string(address_), error);
+        const Failure failure = exchange_failure("push to " + device_name(address_), error);
         const ExitCode code = stopped() ? ExitCode::interrupted : failure.code();
         if (!announced_) {
             throw Failure(code, failure.what(), failure.hint());
         }
         const std::string hint = failure.hint().empty() ? kRestNote : failure.hint();
         throw Failure(code,
-                      std::string(failure.what()) + "; " + to_string(address_) + " received " +
-                          std::to_string(sent_) + " of " + std::to_string(size_) + " bytes",
+                      std::string(failure.what()) + "; it received " + std::to_string(sent_) +
+                          " of " + std::to_string(size_) + " bytes",
                       hint);
     }
 
@@ -185,7 +186,7 @@ private:
 
 Failure refused(JovuDeviceAddress address, const std::string& what, const StatusReport& report) {
     return Failure(ExitCode::device_refused,
-                   to_string(address) + " " + what + ": " + describe_error(report));
+                   device_name(address) + " " + what + ": " + describe_error(report));
 }
 
 bool has_job(const StatusReport& report) {
@@ -196,7 +197,7 @@ bool has_job(const StatusReport& report) {
 void check_free(JovuDeviceAddress address, const StatusReport& report) {
     if (has_job(report)) {
         throw Failure(ExitCode::device_refused,
-                      to_string(address) + " is busy with another job: " + report.state + ", " +
+                      device_name(address) + " is busy with another job: " + report.state + ", " +
                           std::to_string(report.progress) + " %",
                       "nothing was sent; 'jovu abort' ends that job");
     }
@@ -275,7 +276,7 @@ void follow(const Context& context, Session& session, JovuDeviceAddress address,
         reporter.end_bar();
         if (failure.code() == ExitCode::interrupted) {
             throw Failure(ExitCode::interrupted,
-                          "interrupted: " + to_string(address) + " continues the job",
+                          "interrupted: " + device_name(address) + " continues the job",
                           "'jovu abort' ends it");
         }
         throw;
@@ -290,7 +291,7 @@ void attach(const Context& context) {
     const JovuDeviceAddress address = session.pick_device();
     const StatusReport report = session.request_status(address);
     if (!has_job(report)) {
-        throw Failure(ExitCode::device_refused, "no job to follow: " + to_string(address) +
+        throw Failure(ExitCode::device_refused, "no job to follow: " + device_name(address) +
                                                     " reports the state " + state_string(report));
     }
     PushReporter reporter(context.out, address, report.file, 0);

@@ -15,6 +15,7 @@
 
 #include "cli/failure.h"
 #include "commands/command.h"
+#include "session/device_names.h"
 #include "session/reports.h"
 #include "terminal/format.h"
 #include "terminal/printable.h"
@@ -49,7 +50,7 @@ struct Target {
     servo_dc_name_t servo;
 
     std::string name() const {
-        return "servo " + std::to_string(servo) + " of " + to_string(address);
+        return "servo " + std::to_string(servo) + " of " + device_name(address);
     }
 };
 
@@ -92,7 +93,7 @@ public:
     /// The device has disconnected: the tracing needs no switching off.
     void device_is_gone() {
         ended_ = true;
-        print_error("jovu: " + to_string(target_.address) +
+        print_error("jovu: " + device_name(target_.address) +
                     " has disconnected: the tracing was not switched off");
     }
 
@@ -123,9 +124,9 @@ void start_move(const Target& target, float distance) {
         target.address, "move of servo " + std::to_string(target.servo), kStartLimits,
         [&] { result = client.servo_dc_move(target.address, target.servo, move); });
     if (result != kMoveAccepted) {
-        throw Failure(
-            ExitCode::device_refused,
-            to_string(target.address) + " refused the move with result " + std::to_string(result));
+        throw Failure(ExitCode::device_refused, device_name(target.address) +
+                                                    " refused the move with result " +
+                                                    std::to_string(result));
     }
 }
 
@@ -136,7 +137,7 @@ void take(const Target& target, TraceRecorder& recorder, const Notification& not
     if (const auto* sample = std::get_if<servo_trace_msg>(&notification.what)) {
         recorder.add(*sample);
     } else if (const auto* message = std::get_if<DebugMessage>(&notification.what)) {
-        print_error("jovu: " + to_string(notification.address) +
+        print_error("jovu: " + device_name(notification.address) +
                     " prints: " + printable(message->value_or("")));
     }
 }
@@ -187,22 +188,23 @@ Json summary_json(const Target& target, const std::string& name, const TraceReco
     const auto seconds = [](std::uint64_t ticks) {
         return static_cast<double>(ticks) / kTraceRate;
     };
-    return {{"device", to_string(target.address)},
-            {"servo", static_cast<std::int32_t>(target.servo)},
-            {"name", name},
-            {"samples", statistics.samples()},
-            {"seconds", seconds(statistics.ticks())},
-            {"gaps", statistics.gaps()},
-            {"missing", statistics.missing()},
-            {"restarts", statistics.restarts()},
-            {"lost", recorder.lost()},
-            {"position", range(statistics.position())},
-            {"following_error",
-             {{"largest", statistics.largest_error()},
-              {"at", seconds(statistics.largest_error_ticks())}}},
-            {"pwm", range(statistics.pwm())},
-            {"csv", options.csv.empty() ? Json() : Json(options.csv)},
-            {"plot", options.plot.empty() ? Json() : Json(options.plot)}};
+    Json object = device_json(target.address);
+    object.update({{"servo", static_cast<std::int32_t>(target.servo)},
+                   {"name", name},
+                   {"samples", statistics.samples()},
+                   {"seconds", seconds(statistics.ticks())},
+                   {"gaps", statistics.gaps()},
+                   {"missing", statistics.missing()},
+                   {"restarts", statistics.restarts()},
+                   {"lost", recorder.lost()},
+                   {"position", range(statistics.position())},
+                   {"following_error",
+                    {{"largest", statistics.largest_error()},
+                     {"at", seconds(statistics.largest_error_ticks())}}},
+                   {"pwm", range(statistics.pwm())},
+                   {"csv", options.csv.empty() ? Json() : Json(options.csv)},
+                   {"plot", options.plot.empty() ? Json() : Json(options.plot)}});
+    return object;
 }
 
 std::string range_string(const Range& range) {

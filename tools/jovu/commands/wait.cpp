@@ -15,6 +15,7 @@
 #include "cli/failure.h"
 #include "cli/suggestions.h"
 #include "commands/command.h"
+#include "session/device_names.h"
 #include "session/reports.h"
 
 namespace jovu_cli {
@@ -37,8 +38,8 @@ struct WaitOptions {
 StatusReport request_report(Session& session, JovuDeviceAddress address, const std::string& goal,
                             Clock::time_point deadline, const std::optional<StatusReport>& last) {
     const auto time_out = [&] {
-        const std::string seen =
-            last ? report_line(address, *last) : to_string(address) + " has sent no status report";
+        const std::string seen = last ? report_line(address, *last)
+                                      : device_name(address) + " has sent no status report";
         return Failure(ExitCode::timed_out, "timed out waiting for " + goal + ": " + seen);
     };
     if (last && Clock::now() >= deadline) {
@@ -73,8 +74,8 @@ void wait_report(const Context& context, const WaitOptions& options, Clock::time
             break;
         }
         if (job_phase(*last) == JobPhase::error) {
-            throw Failure(ExitCode::device_refused, to_string(address) + " does not reach " + goal +
-                                                        ": " + describe_error(*last));
+            throw Failure(ExitCode::device_refused, device_name(address) + " does not reach " +
+                                                        goal + ": " + describe_error(*last));
         }
         session.wait_until(address, std::min(Clock::now() + kPoll, deadline));
     }
@@ -102,9 +103,9 @@ void wait_device(const Context& context, Clock::time_point deadline) {
     }
     for (const JovuDeviceAddress address : devices) {
         if (context.out.json()) {
-            context.out.object({{"device", to_string(address)}});
+            context.out.object(device_json(address));
         } else {
-            context.out.line("connected: " + to_string(address));
+            context.out.line("connected: " + device_name(address));
         }
     }
 }

@@ -6,6 +6,7 @@
 
 #include "cli/failure.h"
 #include "cli/options.h"
+#include "session/device_names.h"
 #include "session/reports.h"
 #include "terminal/format.h"
 #include "terminal/printable.h"
@@ -46,11 +47,10 @@ void PushReporter::sending(double percent, std::uint64_t sent, bool filler) {
         return;
     }
     if (out_.json()) {
-        out_.object({{"event", filler ? "filling" : "sending"},
-                     {"device", to_string(device_)},
-                     {"percent", percent},
-                     {"bytes", sent},
-                     {"size", size_}});
+        Json object = {{"event", filler ? "filling" : "sending"}};
+        object.update(device_json(device_));
+        object.update({{"percent", percent}, {"bytes", sent}, {"size", size_}});
+        out_.object(object);
     } else {
         out_.line((filler ? "filling " : "sending ") + file_ + ": " + whole_percent(percent) +
                   ", " + std::to_string(sent) + " of " + std::to_string(size_) + " bytes");
@@ -63,7 +63,7 @@ void PushReporter::accepted(const StatusReport& report) {
         return;
     }
     end_bar();
-    out_.line("accepted by " + to_string(device_) + ": job " + printable(report.job_id) + ", " +
+    out_.line("accepted by " + device_name(device_) + ": job " + printable(report.job_id) + ", " +
               printable(report.state));
     last_state_ = report.state;
 }

@@ -3,6 +3,7 @@
 
 #include <sys/eventfd.h>
 #include <unistd.h>
+#include "session/device_names.h"
 
 #include <cerrno>
 #include <system_error>
@@ -228,6 +229,7 @@ Client::~Client() {
 }
 
 void Client::device_connected(JovuDeviceAddress address) {
+    remember_device(address);
     notifications_.post(notify(address, Connected{}));
 }
 

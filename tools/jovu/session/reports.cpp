@@ -8,6 +8,7 @@
 
 #include "cli/options.h"
 #include "cli/suggestions.h"
+#include "session/device_names.h"
 #include "terminal/format.h"
 
 namespace jovu_cli {
@@ -109,20 +110,21 @@ Json identity_json(const StatusReport& report) {
 }
 
 Json to_json(JovuDeviceAddress address, const StatusReport& report) {
-    return {{"device", to_string(address)},
-            {"printer", identity_json(report)},
-            {"state", report.state},
-            {"build_plate", report.build_plate},
-            {"filament", report.filament},
-            {"extruder_temperature", report.extruder_temperature},
-            {"job",
-             {{"id", report.job_id},
-              {"file", report.file},
-              {"progress", report.progress},
-              {"time_elapsed", report.time_elapsed}}},
-            {"boot_time", report.boot_time},
-            {"idle_time", report.idle_time},
-            {"error", report.error}};
+    Json object = device_json(address);
+    object.update({{"printer", identity_json(report)},
+                   {"state", report.state},
+                   {"build_plate", report.build_plate},
+                   {"filament", report.filament},
+                   {"extruder_temperature", report.extruder_temperature},
+                   {"job",
+                    {{"id", report.job_id},
+                     {"file", report.file},
+                     {"progress", report.progress},
+                     {"time_elapsed", report.time_elapsed}}},
+                   {"boot_time", report.boot_time},
+                   {"idle_time", report.idle_time},
+                   {"error", report.error}});
+    return object;
 }
 
 std::vector<std::string> identity_block(const StatusReport& report) {
@@ -137,7 +139,7 @@ std::vector<std::string> identity_block(const StatusReport& report) {
 
 std::vector<std::string> report_block(JovuDeviceAddress address, const StatusReport& report) {
     return {
-        labelled("Device", to_string(address)),
+        labelled("Device", device_name(address)),
         labelled("Model", shown(report.printer.model_name)),
         labelled("Firmware", shown(report.printer.firmware_name) + " " +
                                  shown(report.printer.firmware_version)),
@@ -155,7 +157,7 @@ std::vector<std::string> report_block(JovuDeviceAddress address, const StatusRep
 }
 
 std::string report_line(JovuDeviceAddress address, const StatusReport& report) {
-    std::string line = to_string(address) + "  " + shown(report.state) + "  " +
+    std::string line = device_name(address) + "  " + shown(report.state) + "  " +
                        temperature_string(report.extruder_temperature) + "  " +
                        std::to_string(report.progress) + " %  " +
                        duration_string(report.time_elapsed) + "  job " + job_string(report);
@@ -180,9 +182,9 @@ void print_event(Output& out, const Notification& notification) {
         return;
     }
     if (out.json()) {
-        Json object = {{"time", utc_string(notification.time)},
-                       {"device", to_string(notification.address)},
-                       {"event", message != nullptr ? "debug_event" : "servo_dc_trace_event"}};
+        Json object = {{"time", utc_string(notification.time)}};
+        object.update(device_json(notification.address));
+        object["event"] = message != nullptr ? "debug_event" : "servo_dc_trace_event";
         if (message != nullptr) {
             object["text"] = *message ? Json(**message) : Json();
         } else {

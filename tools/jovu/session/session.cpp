@@ -5,6 +5,7 @@
 #include <chrono>
 #include <functional>
 
+#include "session/device_names.h"
 #include "terminal/output.h"
 #include "terminal/printable.h"
 
@@ -32,7 +33,8 @@ constexpr auto kFurtherReportLimit = 500ms;
 /// How often a wait checks that the USB connection has not ended.
 constexpr auto kConnectionCheck = 200ms;
 
-/// How long a cancelled exchange may take to send the rest of its frame before the device is closed.
+/// How long a cancelled exchange may take to send the rest of its frame before the device is
+/// closed.
 constexpr auto kCancelLimit = 300ms;
 constexpr auto kCancelRepeat = 20ms;
 
@@ -243,7 +245,7 @@ void Session::throw_no_device() {
     std::string hint;
     for (const auto& [address, obstacle] : unopened_controllers()) {
         if (wanted(address)) {
-            reasons += (reasons.empty() ? "" : "; ") + ("cannot open " + to_string(address)) +
+            reasons += (reasons.empty() ? "" : "; ") + ("cannot open " + device_name(address)) +
                        ": " + obstacle.reason;
             hint = hint.empty() ? obstacle.hint : hint;
         }
@@ -254,7 +256,7 @@ void Session::throw_no_device() {
     const std::vector<AttachedDevice> attached = attached_devices();
     for (const AttachedDevice& device : attached) {
         if (device.kind == AttachedDevice::Kind::dfu && wanted(device.address)) {
-            throw failure("no device: " + to_string(device.address) + " is in DFU mode",
+            throw failure("no device: " + device_name(device.address) + " is in DFU mode",
                           "'jovu update IMAGE' writes a firmware to it");
         }
     }
@@ -280,8 +282,8 @@ void Session::throw_no_device() {
                   others ? "'jovu list' shows them" : kWaitHint);
 }
 
-/// Cancels the exchange with a device. A frame that has begun is written whole, which takes too long
-/// when the device takes no data: then the device is closed.
+/// Cancels the exchange with a device. A frame that has begun is written whole, which takes too
+/// long when the device takes no data: then the device is closed.
 void Session::cancel_on_signal(JovuDeviceAddress address, Stop reason,
                                const std::shared_future<void>& ended) noexcept {
     if (reason != Stop::signal) {
@@ -315,12 +317,12 @@ void Session::check_exchange(JovuDeviceAddress address, const std::string& name)
     if (stop_.state() == Stop::signal) {
         throw Failure(ExitCode::interrupted, "interrupted: " + name +
                                                  " may or may not have been carried out by " +
-                                                 to_string(address));
+                                                 device_name(address));
     }
     if (options_.timeout &&
         JovuTransport::last_send_error_code() == JovuError::response_timed_out) {
         throw Failure(ExitCode::exchange_failed,
-                      name + " to " + to_string(address) + " failed: no response within " +
+                      name + " to " + device_name(address) + " failed: no response within " +
                           std::to_string(options_.timeout.value_or(0ms).count()) + " ms",
                       "--timeout gives it more time");
     }
@@ -330,7 +332,7 @@ void Session::check_exchange(JovuDeviceAddress address, const std::string& name)
 /// @return the Failure for an exchange with a device. A device that is not open may be attached.
 Failure Session::failure_at(JovuDeviceAddress address, const std::string& name,
                             const JovuException& error) const {
-    Failure failure = exchange_failure(name + " to " + to_string(address), error);
+    Failure failure = exchange_failure(name + " to " + device_name(address), error);
     if (error.code() != JovuError::disconnected) {
         return failure;
     }
@@ -401,7 +403,7 @@ StatusReport Session::request_status(JovuDeviceAddress address,
         }
     }
     throw Failure(ExitCode::exchange_failed,
-                  "status request to " + to_string(address) + " failed: timed out",
+                  "status request to " + device_name(address) + " failed: timed out",
                   "after an interrupted push the device may wait for the rest of the job: wait "
                   "until it gives "
                   "up, or unplug it");
@@ -436,7 +438,7 @@ void Session::wait_until(JovuDeviceAddress address, NotificationQueue::Clock::ti
 void Session::check_connected(JovuDeviceAddress address, const Notification& notification) const {
     if (std::holds_alternative<Disconnected>(notification.what) &&
         notification.address == address) {
-        throw Failure(ExitCode::exchange_failed, "device has disconnected: " + to_string(address),
+        throw Failure(ExitCode::exchange_failed, "device has disconnected: " + device_name(address),
                       "it was unplugged, or has reset");
     }
 }
