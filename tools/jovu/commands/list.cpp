@@ -97,13 +97,14 @@ std::vector<NotOpened> not_opened(Session& session) {
         ports[device.type].push_back(device.port);
     }
     const std::size_t opened = session.client().list_connected().size();
+    const std::size_t to_be_opened = std::max(Session::attached_controllers(), opened);
     std::vector<NotOpened> result;
     for (const auto& [type, at] : ports) {
         const bool opens = type == kControllerType;
-        const std::size_t open_here = opens ? opened : 0;
-        if (at.size() > open_here) {
-            result.push_back({type, at.size() - open_here, at,
-                              opens ? reasons_of(session) : std::vector<std::string>()});
+        const std::size_t missing = opens ? to_be_opened - opened : at.size();
+        if (missing > 0) {
+            result.push_back(
+                {type, missing, at, opens ? reasons_of(session) : std::vector<std::string>()});
         }
     }
     return result;

@@ -90,7 +90,7 @@ public:
     [[noreturn]] void throw_no_device();
 
     /// @return the controllers that are attached and not open, each with the reason, as far as the
-    ///     system shows them.
+    ///     system shows them; none that is left to other programs because another one is chosen.
     std::vector<UnopenedController> unopened_controllers() const;
 
     /// Makes one exchange with a device. A signal ends it at once, by closing the device. Any
@@ -129,6 +129,9 @@ public:
 
     /// @return the devices that can be used at this moment, in the order of their addresses.
     std::vector<JovuDeviceAddress> usable_devices();
+
+    /// @return how many controllers are attached that this process is to open.
+    static std::size_t attached_controllers();
 
     /// Whether a device is open.
     bool is_connected(JovuDeviceAddress address) const;
@@ -173,7 +176,6 @@ private:
     Failure failure_at(JovuDeviceAddress address, const std::string& name,
                        const JovuException& error) const;
     bool worth_waiting(const std::vector<JovuDeviceAddress>& usable, bool found);
-    std::size_t attached_controllers();
     /// @return the attached devices that match the options; all when none is chosen.
     std::vector<JovuDeviceInfo> chosen_devices() const;
     void drop_stale_reports(JovuDeviceAddress address);
