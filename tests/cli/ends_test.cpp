@@ -124,6 +124,8 @@ TEST(Ends, WhenTheTimeIsOver) {
         {"info --timeout 0.3", 5, "version request to 1:2 failed: no response within 300 ms"},
         {"status --timeout 0.3", 5, "status request to 1:2 failed: timed out"},
         {"wait state idle --timeout 0.3", 8, "the state idle: 1:2 has sent no status report"},
+        {"wait state idle --timeout 0.3 --wait-device 5 -d 1:9", 8,
+         "waiting for a device: no such"},
     };
     for (const auto& [line, status, told] : rows)
         expect_error(jovu(line), status, told);
