@@ -74,7 +74,8 @@ public:
 
     /// Starts the USB connection. Callbacks begin with the `connected` of each attached device, and
     /// may use client() at once, also before this returns.
-    /// @param callbacks are destroyed with this object.
+    /// @param callbacks are destroyed with this object, or once the callback that destroys it has
+    ///     returned.
     /// @param strict_matching see JovuTransport::set_strict_matching().
     /// @throws JovuException "The client has been started already.", also after stop(): one object
     ///     serves one start; and whatever JovuClient() throws: nothing is left behind then, and

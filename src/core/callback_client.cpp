@@ -11,58 +11,58 @@
 #include "jovu/exception.h"
 #include "jovu/log.h"
 
-namespace {
-
-/// Calls a function of the application, from whose exceptions the library's threads would end.
-/// @param name of the callback, for the diagnostic line.
-template <class Function, class... Arguments>
-void call_back(const char* name, const Function& function, JovuDeviceAddress device,
-               const Arguments&... arguments) noexcept {
-    const char* const format = "JovuCallbackClient: The callback %s has thrown - %s.";
-    if (!function) return;
-    try {
-        function(device, arguments...);
-    } catch (const std::exception& error) {
-        jovu::log(JovuLogLevel::error, device, format, name, error.what());
-    } catch (...) {
-        // An application may throw anything.
-        jovu::log(JovuLogLevel::error, device, format, name, "UNKNOWN");
-    }
-}
-
-}  // namespace
-
 class JovuCallbackClient::Client : public JovuClient {
 public:
-    Client(JovuCallbacks callbacks, bool strict_matching) : callbacks_(std::move(callbacks)) {
+    Client(JovuCallbacks callbacks, bool strict_matching)
+        : callbacks_(std::make_shared<const JovuCallbacks>(std::move(callbacks))) {
         set_strict_matching(strict_matching);
     }
     ~Client() override { shutdown(); }
 
     void device_connected(JovuDeviceAddress address) override {
-        call_back("connected", callbacks_.connected, address);
+        call("connected", &JovuCallbacks::connected, address);
     }
     void device_disconnected(JovuDeviceAddress address) override {
-        call_back("disconnected", callbacks_.disconnected, address);
+        call("disconnected", &JovuCallbacks::disconnected, address);
     }
     void debug_event(JovuDeviceAddress address, std::shared_ptr<char> text) override {
-        call_back("debug_event", callbacks_.debug_event, address,
-                  std::string(text == nullptr ? "" : text.get()));
+        call("debug_event", &JovuCallbacks::debug_event, address,
+             std::string(text == nullptr ? "" : text.get()));
     }
     void servo_dc_trace_event(JovuDeviceAddress address, servo_trace_msg sample) override {
-        call_back("servo_trace_event", callbacks_.servo_trace_event, address, sample);
+        call("servo_trace_event", &JovuCallbacks::servo_trace_event, address, sample);
     }
     void StatusReceived(JovuDeviceAddress address, StatusMsg status) override {
-        call_back("status_report", callbacks_.status_report, address, status);
+        call("status_report", &JovuCallbacks::status_report, address, status);
     }
     void JobDataReceived(JovuDeviceAddress address, const unsigned char* text,
                          unsigned int length) override {
-        call_back("job_data", callbacks_.job_data, address,
-                  std::string_view(reinterpret_cast<const char*>(text), length));
+        call("job_data", &JovuCallbacks::job_data, address,
+             std::string_view(reinterpret_cast<const char*>(text), length));
     }
 
 private:
-    const JovuCallbacks callbacks_;
+    /// Calls a function of the application, from whose exceptions the library's threads would end.
+    /// @param name of the callback, for the diagnostic line.
+    template <class Function, class... Arguments>
+    void call(const char* name, Function JovuCallbacks::*member, JovuDeviceAddress device,
+              const Arguments&... arguments) const noexcept {
+        const char* const format = "JovuCallbackClient: The callback %s has thrown - %s.";
+        // The callback may destroy this client, and still has to return.
+        const std::shared_ptr<const JovuCallbacks> callbacks = callbacks_;
+        const Function& function = (*callbacks).*member;
+        if (!function) return;
+        try {
+            function(device, arguments...);
+        } catch (const std::exception& error) {
+            jovu::log(JovuLogLevel::error, device, format, name, error.what());
+        } catch (...) {
+            // An application may throw anything.
+            jovu::log(JovuLogLevel::error, device, format, name, "UNKNOWN");
+        }
+    }
+
+    const std::shared_ptr<const JovuCallbacks> callbacks_;
 };
 
 JovuCallbackClient::JovuCallbackClient() = default;

@@ -38,13 +38,15 @@ std::string serial_at(const std::string& port) {
     return serial;
 }
 
-/// Removes a number and what follows it, if that is @p end or the end of the text.
+/// Removes a number and what follows it, if that is @p end or the end of the text. Buses and ports
+/// count from 1.
 bool take_number(std::string_view& text, char end) {
     const auto digits = static_cast<std::size_t>(
         std::find_if_not(text.begin(), text.end(),
                          [](unsigned char c) { return std::isdigit(c) != 0; }) -
         text.begin());
-    if (digits == 0 || digits > 3 || (digits < text.size() && text[digits] != end)) return false;
+    if (digits == 0 || digits > 3 || text[0] == '0') return false;
+    if (digits < text.size() && text[digits] != end) return false;
     text.remove_prefix(std::min(digits + 1, text.size()));
     return true;
 }

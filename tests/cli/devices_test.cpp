@@ -57,6 +57,15 @@ TEST(List, NamesWhatHasADeviceOpen) {
     EXPECT_THAT(jovu("--wait-device 1000 info"), Exits(0, "")) << "waits for what cannot come";
 }
 
+TEST(Programs, SayNothingOfTheDevicesThatTheyLeaveToOthers) {
+    plug("1:2");
+    plug("1:3");
+    EXPECT_EQ(jovu("list -s JVS001002").out, "1:2  serial JVS001002  port 1-2  version 1.0.0\n");
+    EXPECT_THAT(jovu("list --json --port 1-3"), Exits(0, R"("not_opened":[]})"));
+    EXPECT_THAT(jovu("shell -s JVS001002", ".info -d 1:3\n"),
+                Exits(3, "not opened: 1:3 serial JVS001003: the shell is for another device"));
+}
+
 TEST(Programs, ShareTheDevicesOfABus) {
     const JovuDeviceAddress one{1, 2};
     const JovuDeviceAddress other{1, 3};

@@ -129,6 +129,8 @@ TEST(Ends, WhenTheTimeIsOver) {
         {"status --timeout 0.3", 5, "status request to 1:2 serial JVS001002 failed: timed out"},
         {"wait state idle --timeout 0.3", 8,
          "the state idle: 1:2 serial JVS001002 has sent no status report"},
+        {"wait state idle --timeout 0.3 --wait-device 5 -d 1:9", 8,
+         "waiting for a device: no such"},
     };
     for (const auto& [line, status, told] : rows)
         expect_error(jovu(line), status, told);

@@ -5,6 +5,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <cmath>
 #include <functional>
 #include <string>
 #include <tuple>
@@ -81,7 +82,7 @@ TEST(MonitorModel, FollowsWhatArrivesAndAsksBeforeItSends) {
         {[&] { s.pass(1s); }, "", "does not respond for 0:04"},
         {[&] { s.pass(1s); }, "s", "does not respond for 0:05"},
         {[&] { s.end_requests("unsent"), s.pass(29s); }, "f", "unsent\n"},
-        {[&] { s.take(2, Scene::report("printing", 30)); }, "s", "\u2581      \u2588"},
+        {[&] { s.take(2, Scene::report("printing", HUGE_VAL)); }, "s", "\u2581      \u2588"},
         // One request toggles: only a state that is requested after the question counts.
         {[&] { key(K::resume); }, "", "no job to resume: 1:2 (A) reports the state printing"},
         {[&] { key(K::pause), key(K::other); }, "", "pause the job of 1:2 (A)? y/n"},

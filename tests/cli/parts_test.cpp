@@ -263,7 +263,8 @@ TEST(Words, AreSplitAsInAShell) {
 TEST(Secrets, AreFoundInALine) {
     for (const char* const line :
          {".call x auto_connect_key=a", ".call x connect_t.key=a", "call x 'key=@@a",
-          ".call x c={\"key\":\"a\"}", ".call x key=@f config.ifc_config.auto_connect_key=a"})
+          ".call x c={\"key\":\"a\"}", ".call x key=@f config.ifc_config.auto_connect_key=a",
+          R"(.call x c="{\"key\" :\"a\"}")", ".call x 'c.key'=a", ".call x c.KEY = a"})
         EXPECT_TRUE(holds_secret(line)) << line;
     for (const char* const line : {".call x auto_connect_key=@a", ".call x keys=1", "M117 key", ""})
         EXPECT_FALSE(holds_secret(line)) << line;

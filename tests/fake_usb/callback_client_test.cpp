@@ -69,6 +69,19 @@ TEST_F(CallbackClientTest, CallsFromItsStartToItsStopAndGoesOnWhenACallbackThrow
     jovu_set_log_handler(nullptr);
 }
 
+TEST_F(CallbackClientTest, MayBeDestroyedInItsCallbackWhichKeepsWhatItUses) {
+    auto client = std::make_unique<JovuCallbackClient>();
+    JovuCallbacks calls;
+    calls.connected = [this, &client, owned = std::make_shared<int>()](JovuDeviceAddress) {
+        const std::weak_ptr<int> used = owned;
+        client.reset();
+        journal.add(used.expired() ? "destroyed" : "kept");
+    };
+    client->start(std::move(calls));
+    fake_usb::plug(1, 5);
+    EXPECT_TRUE(journal.wait("kept"));
+}
+
 /// A handler that throws or leaves in its own call loses no line.
 TEST_F(ExchangeTest, ReportsToTheLogHandlerOrElseOnStandardOutput) {
     testing::internal::CaptureStdout();

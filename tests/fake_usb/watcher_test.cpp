@@ -131,8 +131,8 @@ TEST_F(Watcher, OpensWhatTheFilterMatchesAndReportsWhatItCannotOpen) {
     EXPECT_EQ(std::count(all.begin(), all.end(), "a!1.6 not_permitted"), 1);
     EXPECT_EQ(std::count(all.begin(), all.end(), "a!1.6 in_use"), 1);
     EXPECT_EQ(std::count(all.begin(), all.end(), "a!1.6 failed"), 1);
-    for (const char* const port :
-         {"", "1", "1-", "-1", "1-2.", "1-2..3", "1-2-3", "1-1000", "a-1", "1-1.1.1.1.1.1.1.1"}) {
+    for (const char* const port : {"", "1", "1-", "-1", "1-2.", "1-2..3", "1-2-3", "1-1000", "a-1",
+                                   "01-1", "1-1.1.1.1.1.1.1.1"}) {
         EXPECT_EQ(error_of([=] { filter().add_port(port); }), std::string("Not a port: ") + port);
     }
 }

@@ -34,6 +34,24 @@ struct WaitOptions {
     double degrees = 0;
 };
 
+/// @return the Failure for the search of a device: timed_out for none until the deadline.
+Failure search_failure(const Failure& failure, Clock::time_point deadline) {
+    if (failure.code() != ExitCode::no_device || Clock::now() < deadline) {
+        return failure;
+    }
+    return Failure(ExitCode::timed_out,
+                   std::string("timed out waiting for a device: ") + failure.what(),
+                   failure.hint());
+}
+
+JovuDeviceAddress pick_device(Session& session, Clock::time_point deadline) {
+    try {
+        return session.pick_device();
+    } catch (const Failure& failure) {
+        throw search_failure(failure, deadline);
+    }
+}
+
 /// @throws Failure timed_out, also when the device has not responded until then.
 StatusReport request_report(Session& session, JovuDeviceAddress address, const std::string& goal,
                             Clock::time_point deadline, const std::optional<StatusReport>& last) {
@@ -59,7 +77,7 @@ StatusReport request_report(Session& session, JovuDeviceAddress address, const s
 void wait_report(const Context& context, const WaitOptions& options, Clock::time_point deadline) {
     const SessionLease lease(context, Interest{true, false});
     Session& session = lease.session();
-    const JovuDeviceAddress address = session.pick_device();
+    const JovuDeviceAddress address = pick_device(session, deadline);
     const bool for_state = options.what == "state";
     const std::string goal = "the " + options.what + " " + options.value;
     std::optional<double> first;
@@ -94,11 +112,7 @@ void wait_device(const Context& context, Clock::time_point deadline) {
         try {
             session.throw_no_device();
         } catch (const Failure& failure) {
-            const bool late = failure.code() == ExitCode::no_device && Clock::now() >= deadline;
-            throw Failure(
-                late ? ExitCode::timed_out : failure.code(),
-                (late ? "timed out waiting for a device: " : "") + std::string(failure.what()),
-                failure.hint());
+            throw search_failure(failure, deadline);
         }
     }
     for (const JovuDeviceAddress address : devices) {
@@ -115,7 +129,7 @@ void run_wait(const Context& context, const WaitOptions& options) {
     const auto limit = common.timeout.value_or(std::chrono::seconds(kMaxSeconds));
     // For the whole command, not for each response.
     common.timeout.reset();
-    if (options.what == "device") {
+    if (options.what == "device" || common.wait_device > limit) {
         common.wait_device = limit;
     }
     const Context changed{common, context.out, context.stop, context.session, context.read_line};

@@ -17,6 +17,8 @@ using namespace std::chrono_literals;
 constexpr auto kTemperatureInterval = 5s;
 /// Smaller differences of temperature are not drawn as large ones.
 constexpr double kLeastRange = 10;
+/// Between temperatures beyond this the difference may not be finite.
+constexpr double kHighest = 1e9;
 
 constexpr auto kReportInterval = 1s;
 /// A report that takes longer is missing.
@@ -66,7 +68,8 @@ std::string reported_state(const StatusReport& report) {
 
 }  // namespace
 
-void TemperatureHistory::add(Time now, double value) {
+void TemperatureHistory::add(Time now, double celsius) {
+    const double value = std::clamp(celsius, -kHighest, kHighest);
     const std::int64_t interval = now.time_since_epoch() / kTemperatureInterval;
     if (!values_.empty() && values_.back().interval == interval) {
         values_.back().value = value;

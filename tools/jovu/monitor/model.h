@@ -26,8 +26,8 @@ class TemperatureHistory {
 public:
     using Time = std::chrono::steady_clock::time_point;
 
-    /// Adds a value, in degrees Celsius. Of the values of one interval of 5 s the last one counts.
-    void add(Time now, double value);
+    /// Adds a temperature. Of the values of one interval of 5 s the last one counts.
+    void add(Time now, double celsius);
 
     /// @return the last @p count intervals, the present one last, one character each: a bar whose
     ///     height is the value's place between the lowest and the highest of them, or a blank for

@@ -63,6 +63,15 @@ std::vector<JovuDeviceInfo> controllers() {
                       [](const JovuDeviceInfo& device) { return device.type == kControllerType; });
 }
 
+bool is_left_out(const JovuDeviceInfo& device) {
+    return device.state == JovuDeviceState::left_out;
+}
+
+/// @return how many controllers are attached that this process is to open.
+std::size_t attached_controllers() {
+    return those_with(controllers(), std::not_fn(is_left_out)).size();
+}
+
 /// @return what is known of the devices at these addresses.
 std::vector<JovuDeviceInfo> look_up(const std::vector<JovuDeviceAddress>& addresses) {
     return those_with(Client::list_devices(), [&](const JovuDeviceInfo& device) {
@@ -209,14 +218,6 @@ bool Session::is_connected(JovuDeviceAddress address) const {
     return contains(client_->list_connected(), address);
 }
 
-std::size_t Session::attached_controllers() {
-    const std::vector<JovuDeviceInfo> attached = Client::list_devices();
-    const auto is_opened = [](const JovuDeviceInfo& device) {
-        return device.type == kControllerType && device.state != JovuDeviceState::left_out;
-    };
-    return static_cast<std::size_t>(std::count_if(attached.begin(), attached.end(), is_opened));
-}
-
 std::vector<JovuDeviceInfo> Session::chosen_devices() const {
     const JovuDeviceFilter filter = options_.filter();
     return those_with(Client::list_devices(),
@@ -225,10 +226,11 @@ std::vector<JovuDeviceInfo> Session::chosen_devices() const {
 
 std::vector<UnopenedController> Session::unopened_controllers() const {
     const std::vector<JovuDeviceAddress> connected = client_->list_connected();
+    const std::vector<JovuDeviceInfo> left_out = those_with(controllers(), is_left_out);
     std::vector<UnopenedController> unopened;
     for (const AttachedDevice& device : attached_devices()) {
         if (device.kind == AttachedDevice::Kind::controller &&
-            !contains(connected, device.address)) {
+            !contains(connected, device.address) && !contains(left_out, device.address)) {
             unopened.push_back({device.address, obstacle_at(look_at_node(device))});
         }
     }
@@ -252,6 +254,10 @@ void Session::throw_no_device() {
     }
     if (!reasons.empty()) {
         throw failure(reasons, hint);
+    }
+    if (const auto left_out = those_with(chosen, is_left_out); !left_out.empty()) {
+        throw failure("not opened: " + describe(left_out) + ": the shell is for another device",
+                      "start a shell for this one");
     }
     const std::vector<AttachedDevice> attached = attached_devices();
     for (const AttachedDevice& device : attached) {

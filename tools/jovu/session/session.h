@@ -91,7 +91,7 @@ public:
     [[noreturn]] void throw_no_device();
 
     /// @return the controllers that are attached and not open, each with the reason, as far as the
-    ///     system shows them.
+    ///     system shows them; none that is left to other programs because another one is chosen.
     std::vector<UnopenedController> unopened_controllers() const;
 
     /// Makes one exchange with a device. A signal cancels it; a device that takes no data is closed
@@ -179,7 +179,6 @@ private:
     Failure failure_at(JovuDeviceAddress address, const std::string& name,
                        const JovuException& error) const;
     bool worth_waiting(const std::vector<JovuDeviceAddress>& usable, bool found);
-    std::size_t attached_controllers();
     /// @return the attached devices that match the options; all when none is chosen.
     std::vector<JovuDeviceInfo> chosen_devices() const;
     void drop_stale_reports(JovuDeviceAddress address);

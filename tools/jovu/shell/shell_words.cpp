@@ -7,6 +7,7 @@
 #include <system_error>
 
 #include "cli/failure.h"
+#include "cli/suggestions.h"
 #include "firmware/firmware_commands.h"
 
 namespace jovu_cli {
@@ -175,13 +176,20 @@ std::vector<std::string> split_words(const std::string& line) {
 
 bool holds_secret(const std::string& line) {
     static const std::vector<std::string> names = secret_names();
-    // The line is searched as it is: one that cannot be parsed may hold a secret as well.
+    // The line is searched, as one that cannot be parsed may hold a secret as well. Quotes and
+    // backslashes may stand anywhere in it.
+    std::string plain = lower_case(line);
+    plain.erase(std::remove_if(plain.begin(), plain.end(),
+                               [](char c) { return c == '\\' || c == '\'' || c == '"'; }),
+                plain.end());
     return std::any_of(names.begin(), names.end(), [&](const std::string& name) {
-        for (std::size_t at = line.find(name); at != std::string::npos; at = line.find(name, at)) {
+        for (std::size_t at = plain.find(name); at != std::string::npos;
+             at = plain.find(name, at)) {
             at += name.size();
-            const std::string next = line.substr(at, 3);
-            const bool file = begins_with(next, "=@") && next != "=@@";
-            if (!file && (begins_with(next, "=") || begins_with(next, "\""))) {
+            const std::string rest =
+                plain.substr(std::min(plain.find_first_not_of(" \t", at), plain.size()));
+            const bool file = begins_with(rest, "=@") && !begins_with(rest, "=@@");
+            if (!file && (begins_with(rest, "=") || begins_with(rest, ":"))) {
                 return true;
             }
         }
