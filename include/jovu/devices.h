@@ -20,7 +20,7 @@ enum class JovuDeviceState {
     not_permitted,  ///< The system denies access to it.
     in_use,         ///< Another program, or a driver, has its interface.
     vanished,       ///< It was unplugged while it was being opened.
-    failed,         ///< It cannot be opened for another reason.
+    failed,         ///< It cannot be opened, or cannot receive, for another reason.
     other_kind,     ///< Not of the kind that the library opens.
 };
 

@@ -52,8 +52,8 @@ public:
     /// @throws JovuException "Failed to get libusb device list."
     std::vector<JovuUsbDevice> list_attached() const;
 
-    /// Opens a device again that close() has closed, as if it had been plugged in anew:
-    /// device_connected() follows. Threads: any, in a callback too.
+    /// Opens a device again that close() has closed, or that could not receive, as if it had been
+    /// plugged in anew: device_connected() follows. Threads: any, in a callback too.
     /// @throws JovuException "Reopen failed - Device is open." or, for an unknown device,
     ///     "Reopen failed - Device no longer connected."
     void reopen(JovuDeviceAddress address);

@@ -71,9 +71,13 @@ JovuDeviceState state_of(libusb_device* device, const libusb_device_descriptor& 
                          const JovuDeviceInfo& info, const JovuDeviceFilter* filter) {
     if (descriptor.idProduct != jovu::kProductOpened) return JovuDeviceState::other_kind;
     UsbBackend& backend = usb_backend();
-    if (const auto known = backend.device_at(info.address))
-        return known->is_closed() ? JovuDeviceState::closed : JovuDeviceState::open;
+    const auto known = backend.device_at(info.address);
+    if (known != nullptr && !known->is_closed()) return JovuDeviceState::open;
     if (filter != nullptr && !filter->matches(info)) return JovuDeviceState::left_out;
+    if (known != nullptr && !known->reopen_ordered()) {
+        return known->not_open_error() == JovuError::closed ? JovuDeviceState::closed
+                                                            : JovuDeviceState::failed;
+    }
     return backend.unopened.reason(device).value_or(JovuDeviceState::waiting);
 }
 

@@ -226,6 +226,8 @@ TEST_F(Shell, ReadsAScriptUpToTheFirstFailure) {
         {" status\n", 6, "refused"},
         {".push\n", 2, "(see '.help push')"},
         {".help .\n", 2, ""},
+        {".help .quit\n", 0, "  .quit                  Leave\n"},
+        {".help events\n", 0, "  .events on|off "},
         {".quit\nG999\n", 0, ""},
         {".gcode -\nG28\nG999\n", 6, ""},
     };

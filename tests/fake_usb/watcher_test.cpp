@@ -84,11 +84,12 @@ TEST_F(Watcher, PassesOverWhatCannotBeOpenedNowAndEndsWhenItCannotBeAfterItsProb
     }
 }
 
-/// @return the state of each attached device, in the order of the bus: "1-1 open".
+/// @return the state of each attached device, in the order of their ports: "1-1 open".
 std::vector<std::string> states() {
     std::vector<std::string> states;
     for (const JovuDeviceInfo& device : JovuUsb::list_devices())
         states.push_back(device.port + " " + jovu_state_name(device.state));
+    std::sort(states.begin(), states.end());
     return states;
 }
 
@@ -100,7 +101,7 @@ TEST_F(Watcher, OpensWhatTheFilterMatchesAndReportsWhatItCannotOpen) {
         EXPECT_THAT(states(), ElementsAre("1-2 waiting", "1-3 other_kind"));
         JovuUsb::set_device_filter(filter().add_port("1-1").add_serial("S"));
         const Backend backend(journal);
-        EXPECT_THAT(states(), ElementsAre("1-2 left_out", "1-3 other_kind", "1-1 open"));
+        EXPECT_THAT(states(), ElementsAre("1-1 open", "1-2 left_out", "1-3 other_kind"));
         EXPECT_EQ(fake_usb::calls(Call::open), 2U) << "neither opened nor probed";
 
         // The new filter wakes the watcher. A reason is reported again only after another one.
@@ -108,12 +109,12 @@ TEST_F(Watcher, OpensWhatTheFilterMatchesAndReportsWhatItCannotOpen) {
         fake_usb::script(Call::claim, {kBusy});
         JovuUsb::set_device_filter(filter().add_address({1, 6}));
         EXPECT_TRUE(journal.wait("b-1.5") && journal.wait("a!1.6 not_permitted"));
-        EXPECT_THAT(states(), ElementsAre("1-2 not_permitted", "1-3 other_kind", "1-1 left_out"));
+        EXPECT_THAT(states(), ElementsAre("1-1 left_out", "1-2 not_permitted", "1-3 other_kind"));
         EXPECT_TRUE(journal.wait("b+1.6"));
 
         EXPECT_EQ(error_of([] { JovuUsb::reopen({1, 6}); }), "Reopen failed - Device is open.");
         JovuUsb::close({1, 6});
-        EXPECT_EQ(states()[0], "1-2 closed");
+        EXPECT_EQ(states()[1], "1-2 closed");
         JovuUsb::reopen({1, 6});
         EXPECT_TRUE(journal.wait("b+1.6", 2));
         EXPECT_EQ(error_of([] { JovuUsb::reopen(kAddress); }),
@@ -148,6 +149,7 @@ TEST_F(Watcher, KeepsADeviceThatCannotReceiveClosed) {
             EXPECT_TRUE(eventually(
                 [] { return write("x") == "Send failed - Device no longer connected."; }));
             EXPECT_FALSE(in_flight(backend.device, kMessagesIn));
+            EXPECT_THAT(states(), ElementsAre("1-1 failed"));
             if (first) fake_usb::unplug(backend.device);
             EXPECT_TRUE(eventually([&] { return JovuUsb::list_connected().empty() == first; }));
         }

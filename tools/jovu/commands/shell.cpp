@@ -219,16 +219,23 @@ private:
     }
 
     void run_help(const Words& words) {
-        if (words.size() > 1) {
-            const std::size_t begin = words[1].find_first_not_of('.');
-            const std::string name = begin == std::string::npos ? words[1] : words[1].substr(begin);
-            run_command(name, {name, "--help"});
-            return;
-        }
+        expect(words, words.size() <= 2);
         const auto row = [this](std::string left, const std::string& summary) {
             left.resize(std::max<std::size_t>(left.size() + 1, 22), ' ');
             out_.line("  ." + left + summary);
         };
+        if (words.size() == 2) {
+            const std::size_t begin = words[1].find_first_not_of('.');
+            const std::string name = begin == std::string::npos ? words[1] : words[1].substr(begin);
+            for (const OwnCommand& own : kOwnCommands) {
+                if (name == own.name) {
+                    row(own.usage, own.summary);
+                    return;
+                }
+            }
+            run_command(name, {name, "--help"});
+            return;
+        }
         out_.line("A line that does not begin with a dot is gcode. Commands:");
         for (const Command& command : command_table()) {
             if (runs_in_shell(command.name)) {

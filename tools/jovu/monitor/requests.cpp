@@ -12,6 +12,7 @@
 #include <utility>
 
 #include "cli/options.h"
+#include "jovu/exception.h"
 
 namespace jovu_cli {
 namespace {
@@ -71,6 +72,8 @@ void MonitorRequests::run(MonitorOutcome outcome) {
         make(session_, outcome);
     } catch (const Failure& failure) {
         outcome.failure = text_of(failure);
+    } catch (const JovuException& error) {
+        outcome.failure = error.what();  // The bus cannot be listed now.
     }
     const MutexLock lock(mutex_);
     outcomes_.push_back(std::move(outcome));
