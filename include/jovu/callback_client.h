@@ -11,6 +11,7 @@
 
 #include "jovu/client.h"
 #include "jovu/device_address.h"
+#include "jovu/devices.h"
 #include "jovu/export.h"
 #include "jovu/firmware_types.h"
 #include "jovu/job_interface.h"
@@ -29,6 +30,9 @@ struct JovuCallbacks {
 
     /// A device is disconnected. See JovuTransport::device_disconnected().
     std::function<void(JovuDeviceAddress device)> disconnected;
+
+    /// A device is attached and cannot be opened. See JovuTransport::device_unavailable().
+    std::function<void(JovuDeviceAddress device, const JovuDeviceInfo& info)> unavailable;
 
     /// @}
     /// @name On the thread that handles USB events

@@ -25,6 +25,9 @@ public:
     void device_disconnected(JovuDeviceAddress address) override {
         call("disconnected", &JovuCallbacks::disconnected, address);
     }
+    void device_unavailable(const JovuDeviceInfo& device) override {
+        call("unavailable", &JovuCallbacks::unavailable, device.address, device);
+    }
     void debug_event(JovuDeviceAddress address, std::shared_ptr<char> text) override {
         call("debug_event", &JovuCallbacks::debug_event, address,
              std::string(text == nullptr ? "" : text.get()));

@@ -27,6 +27,9 @@ TEST_F(CallbackClientTest, CallsFromItsStartToItsStopAndGoesOnWhenACallbackThrow
         throw 1;
     };
     calls.disconnected = [&](JovuDeviceAddress) { journal.add("-"); };
+    calls.unavailable = [&](JovuDeviceAddress, const JovuDeviceInfo& info) {
+        journal.add(jovu_state_name(info.state));
+    };
     calls.debug_event = [&](JovuDeviceAddress, const std::string& text) {
         journal.add("debug " + text);
         throw std::runtime_error("odd");
@@ -44,6 +47,7 @@ TEST_F(CallbackClientTest, CallsFromItsStartToItsStopAndGoesOnWhenACallbackThrow
     EXPECT_EQ(error_of([&] { client.client(); }), "The client has not been started.");
     client.start(calls);
     EXPECT_EQ(error_of([&] { client.start(calls); }), "The client has been started already.");
+    fake_usb::script(fake_usb::Call::open, {LIBUSB_ERROR_ACCESS});
     libusb_device* const device = fake_usb::plug(1, 5);
     ASSERT_TRUE(
         journal.wait("1! JovuCallbackClient: The callback connected has thrown - UNKNOWN."));
@@ -63,7 +67,8 @@ TEST_F(CallbackClientTest, CallsFromItsStartToItsStopAndGoesOnWhenACallbackThrow
     EXPECT_TRUE(other.wait_disconnected(kAddress));
     EXPECT_THAT(journal.entries(),
                 testing::ElementsAre(
-                    "+1", "1! JovuCallbackClient: The callback connected has thrown - UNKNOWN.",
+                    "not_permitted", "+1",
+                    "1! JovuCallbackClient: The callback connected has thrown - UNKNOWN.",
                     "debug Hi", "1! JovuCallbackClient: The callback debug_event has thrown - odd.",
                     "trace 7", "data " + std::to_string(report.size()), "status idle"));
     jovu_set_log_handler(nullptr);
