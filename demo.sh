@@ -21,8 +21,8 @@ case ${1:-} in
 esac
 
 build() {
-    cmake --preset release -DJOVU_BUILD_TESTS=OFF -DJOVU_BUILD_BENCH=OFF &&
-        cmake --build build/release --parallel "$(nproc)" --target jovu-cli jovu-sim announce
+    cmake --preset library &&
+        cmake --build build/library --parallel "$(nproc)" --target jovu-cli jovu-sim announce
 }
 if "$install"; then
     step "packages" scripts/install-packages.sh demo || exit 1
@@ -31,7 +31,7 @@ step "build" build || exit 1
 examples/make-calibration-cube.sh >build/calibration-cube.gcode
 
 # One simulated bus for the whole story, so that each command meets the same controller.
-PATH=$PWD/build/release/bin:$PATH
+PATH=$PWD/build/library/bin:$PATH
 cd build
 jovu-sim run -- bash ../scripts/demo-story.sh || {
     echo "demo.sh: the story did not come to its end" >&2

@@ -50,7 +50,7 @@ run "head -4 trace.csv"
 tell "The picture is build/trace.png."
 
 tell "The firmware speaks without being asked:"
-run_meanwhile "sleep 1; jovu-sim ctl event 1:2 the filament runs low" "jovu events --seconds 2"
+run_meanwhile "sleep 1; jovu-sim ctl event 1:2 the filament runs low >/dev/null" "jovu events --seconds 2"
 
 tell "A print job of $(wc -l <calibration-cube.gcode) lines, pushed and followed to its end:"
 run "jovu push calibration-cube.gcode --wait"
@@ -60,9 +60,9 @@ tell "The controller's side: what was announced, and what arrived?"
 run "jovu-sim ctl stats 1:2 | sed 's,^ok ,,' | jq -c '{job: .job | {size, received, verified, state}, protocol_violations}'"
 
 tell "An application of some 70 lines on the library, while somebody pulls the plug:"
-run_meanwhile "sleep 2; jovu-sim ctl unplug 1:2; jovu-sim ctl plug 1:9" "announce 4"
+run_meanwhile "sleep 2; jovu-sim ctl unplug 1:2 >/dev/null; jovu-sim ctl plug 1:9 >/dev/null" "announce 4"
 
 tell "A new firmware, through the real dfu-util. What counts is what the controller says afterwards:"
 run "jovu update --yes ../examples/firmware.bin"
 
-tell "That was the whole story. Next: README.md, or: build/release/bin/jovu --help"
+tell "That was the whole story. Next: README.md, or: build/library/bin/jovu --help"

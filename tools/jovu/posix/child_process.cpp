@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
+#include <cstring>
 #include <memory>
 #include <sstream>
 #include <system_error>
@@ -111,8 +112,17 @@ int run_program(const std::string& path, const std::vector<std::string>& argumen
         argv.push_back(word.data());
     }
     argv.push_back(nullptr);
+    std::string locale = "LC_ALL=C.UTF-8";
+    std::vector<char*> variables{locale.data()};
+    for (char** variable = environ; *variable != nullptr; ++variable) {
+        if (std::strncmp(*variable, "LC_ALL=", std::strlen("LC_ALL=")) != 0) {
+            variables.push_back(*variable);
+        }
+    }
+    variables.push_back(nullptr);
     pid_t pid = -1;
-    check(posix_spawn(&pid, path.c_str(), &actions.value, &attributes.value, argv.data(), environ),
+    check(posix_spawn(&pid, path.c_str(), &actions.value, &attributes.value, argv.data(),
+                      variables.data()),
           path.c_str());
     return wait_for_end(pid, limit);
 }

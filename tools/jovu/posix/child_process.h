@@ -26,8 +26,8 @@ struct PassedDescriptor {
     int theirs;
 };
 
-/// Runs a program to its end. Signals that this process blocks or ignores have their default effect
-/// in it, so Ctrl-C ends it.
+/// Runs a program to its end, in UTF-8 and with the numbers of no country. Signals that this
+/// process blocks or ignores have their default effect in it, so Ctrl-C ends it.
 /// @param path of the program, as find_program() returns it.
 /// @param limit the program is killed after this time.
 /// @return its exit status; 128 plus the signal's number when a signal ended it.
