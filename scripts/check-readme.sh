@@ -12,7 +12,7 @@ cd "$(dirname "$0")/.."
 
 root=$(mktemp -d)
 leave() {
-    umount "$root/proc" "$root/sys" 2>/dev/null || true
+    umount "$root/proc" "$root/sys" "$root/dev/pts" 2>/dev/null || true
     rm -rf --one-file-system "$root"
 }
 trap leave EXIT
@@ -21,6 +21,7 @@ mmdebstrap --quiet --variant=apt --include=ca-certificates "$suite" "$root"
 cp /etc/resolv.conf "$root/etc/"
 mount -t proc proc "$root/proc"
 mount -t sysfs -o ro sysfs "$root/sys"
+mount -t devpts devpts "$root/dev/pts"
 mkdir "$root/libjovu"
 git archive HEAD | tar -x -C "$root/libjovu"
 
