@@ -170,7 +170,7 @@ void BusCapture::record(BusAddress address, UrbEvent event, const Urb& urb) {
 }
 
 void BusCapture::record_enumeration(BusAddress address, const UsbIdentity& identity) {
-    const MutexLock lock(mutex_);
+    std::vector<std::string> packets;
     std::uint64_t id = std::uint64_t{1} << 47U;  // apart from the ids of the device's transfers
     const auto transfer = [&](std::uint8_t type, std::uint8_t request, std::uint16_t value,
                               std::uint16_t index, const std::optional<std::string>& response,
@@ -184,13 +184,13 @@ void BusCapture::record_enumeration(BusAddress address, const UsbIdentity& ident
         urb.control = true;
         urb.buffer = bytes.data();
         urb.length = bytes.size();
-        append(packet_of(address, UrbEvent::submitted, urb));
+        packets.push_back(packet_of(address, UrbEvent::submitted, urb));
         urb.status = response ? 0 : -EPIPE;
         if (response) {
             urb.actual = std::min(length, response->size());
             std::copy_n(response->begin(), urb.actual, bytes.begin() + sizeof setup);
         }
-        append(packet_of(address, UrbEvent::completed, urb));
+        packets.push_back(packet_of(address, UrbEvent::completed, urb));
     };
     const auto read = [&](std::uint8_t type, std::uint8_t index, std::uint16_t language,
                           std::size_t length) {
@@ -207,6 +207,9 @@ void BusCapture::record_enumeration(BusAddress address, const UsbIdentity& ident
     for (const std::uint8_t index : std::array<std::uint8_t, 3>{2, 1, 3})  // product, maker, serial
         read(USB_DT_STRING, index, kEnglish, kLongestString);
     transfer(USB_DIR_OUT, USB_REQ_SET_CONFIGURATION, kConfigurationValue, 0, "", 0);
+    const MutexLock lock(mutex_);
+    for (const std::string& packet : packets)
+        append(packet);
 }
 
 std::string BusCapture::fault() {

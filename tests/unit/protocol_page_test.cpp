@@ -6,8 +6,10 @@
 #include <gtest/gtest.h>
 #include <zlib.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <fstream>
+#include <regex>
 #include <set>
 #include <sstream>
 
@@ -27,32 +29,78 @@
 
 namespace {
 
+/// Rows of the structures that have been named so far, those within a structure before it.
+std::vector<std::pair<std::string_view, std::string>> structure_rows;
+
 /// How a value of type T travels; the page explains the names.
 template <class T>
-struct Wire {
-    static std::string type() {
-        if constexpr (std::is_void_v<T>) {
-            return "none";
-        } else if constexpr (std::is_enum_v<T>) {
-            return Wire<std::underlying_type_t<T>>::type() + " `" +
-                   std::string(jovu::TypeName<T>::value) + "`";
-        } else if constexpr (std::is_same_v<T, bool> || std::is_floating_point_v<T>) {
-            return std::string(jovu::TypeName<T>::value);
-        } else if constexpr (jovu::is_structure<T>) {
-            return "`" + std::string(jovu::Structure<T>::name) + "`";
-        } else {
-            return (std::is_signed_v<T> ? "i" : "u") + std::to_string(8 * sizeof(T));
-        }
-    }
-};
-template <>
-struct Wire<std::shared_ptr<char>> {
-    static std::string type() { return "string"; }
-};
+std::string wire_type(const T* type = nullptr);
+
+std::string wire_type(const std::shared_ptr<char>* /*type*/) {
+    return "string";
+}
+
 template <class T>
-struct Wire<std::shared_ptr<T>> {
-    static std::string type() { return Wire<T>::type() + "[]"; }
-};
+std::string wire_type(const std::shared_ptr<T>* /*type*/) {
+    return wire_type(static_cast<const T*>(nullptr)) + "[]";
+}
+
+/// Adds "`KEY` TYPE" to a list.
+template <class T>
+void add_key(std::string& list, std::string_view key, const T* type) {
+    list += (list.empty() ? "`" : ", `") + std::string(key) + "` " + wire_type(type);
+}
+
+template <class S>
+std::string named_structure() {
+    const std::string_view name = jovu::Structure<S>::name;
+    const auto is_it = [name](const auto& row) { return row.first == name; };
+    if (std::none_of(structure_rows.begin(), structure_rows.end(), is_it)) {
+        std::string list;
+        const auto add = [&list](const auto& member) {
+            using Type = typename std::decay_t<decltype(member)>::Type;
+            using Element = std::remove_extent_t<Type>;
+            if constexpr (!std::is_array_v<Type>) {
+                add_key(list, member.key, static_cast<const Type*>(nullptr));
+            } else if (member.bytes == jovu::Bytes::by_type && std::is_same_v<Element, char>) {
+                add_key(list, member.key, static_cast<const signed char*>(nullptr));
+            } else {
+                add_key(list, member.key, static_cast<const unsigned char*>(nullptr));
+            }
+            if (std::is_array_v<Type>) list += "[" + std::to_string(std::extent_v<Type>) + "]";
+        };
+        std::apply([&](const auto&... member) { (add(member), ...); }, jovu::Structure<S>::members);
+        structure_rows.emplace_back(name, list);
+    }
+    return "`" + std::string(name) + "`";
+}
+
+template <class T>
+std::string wire_type(const T* /*type*/) {
+    if constexpr (std::is_void_v<T>) {
+        return "none";
+    } else if constexpr (std::is_enum_v<T>) {
+        const std::underlying_type_t<T>* const number = nullptr;
+        return wire_type(number) + " `" + std::string(jovu::TypeName<T>::value) + "`";
+    } else if constexpr (std::is_same_v<T, bool> || std::is_floating_point_v<T>) {
+        return std::string(jovu::TypeName<T>::value);
+    } else if constexpr (jovu::is_structure<T>) {
+        return named_structure<T>();
+    } else {
+        return (std::is_signed_v<T> ? "i" : "u") + std::to_string(8 * sizeof(T));
+    }
+}
+
+/// A table in Markdown. @param row called as row(cells...)
+template <class Fill>
+std::string table(const std::string& head, Fill fill) {
+    std::string out = "\n" + head + "\n" + std::regex_replace(head, std::regex("[^|]+"), "---");
+    fill([&out](const auto&... cell) {
+        out += "\n|";
+        ((out += " " + std::string(cell) + " |"), ...);
+    });
+    return out + "\n\n";
+}
 
 std::string hex(unsigned value, int digits) {
     char text[16];
@@ -61,158 +109,93 @@ std::string hex(unsigned value, int digits) {
 }
 
 std::string numbers() {
-    std::string out = "| what | value |\n|---|---|\n";
-    const auto row = [&out](const std::string& what, const std::string& value) {
-        out += "| " + what + " | " + value + " |\n";
-    };
-    const auto milliseconds = [](auto time) {
-        return std::to_string(std::chrono::milliseconds(time).count()) + " ms";
-    };
-    row("vendor id", hex(JOVU_USB_VENDOR_ID, 4));
-    row("product id of a controller that runs its firmware", hex(jovu::kProductOpened, 4));
-    row("product id that the library lists but never opens", hex(jovu::kProductListed, 4));
-    const std::string channels[] = {"message channel", "job channel"};
-    for (std::size_t i = 0; i < jovu::kInterfaceCount; ++i) {
-        row(channels[i] + ", device to host", "bulk, " + hex(jovu::kReceiveEndpoint[i], 2));
-        row(channels[i] + ", host to device", "bulk, " + hex(jovu::kSendEndpoint[i], 2));
-    }
-    row("interface that the host claims", std::to_string(jovu::kClaimedInterface));
-    row("a transfer that the host reads, at most",
-        std::to_string(jovu::kReceiveBufferSize) + " bytes");
-    row("time-out of a transfer that the host writes",
-        milliseconds(std::chrono::milliseconds(jovu::kSendTimeoutMs)));
-    row("repetitions of a transfer that timed out", std::to_string(jovu::kSendRetries));
-    row("period of the scans for new devices",
-        milliseconds(jovu::UsbBackend::_device_hotplug_refresh_rate));
-    row("first byte of a frame",
-        std::string("`") + char(jovu::kFrameStart) + "`, " + hex(jovu::kFrameStart, 2));
-    row("last byte of a frame",
-        std::string("`") + char(jovu::kFrameTerminator) + "`, " + hex(jovu::kFrameTerminator, 2));
-    row("header of a frame", std::to_string(jovu::kFrameHeaderSize) + " bytes");
-    row("payload of a frame, at most", std::to_string(jovu::kMaxFramePayload) + " bytes");
-    row("levels of JSON, at most", std::to_string(jovu::kMaxJsonDepth));
-    row("unfinished object of the job channel, at most",
-        std::to_string(jovu::kMaxJobBacklog) + " bytes");
-    return out;
+    return table("| what | value |", [](const auto& row) {
+        const auto amount = [](auto value, const char* unit) {
+            return std::to_string(value) + " " + unit;
+        };
+        const auto symbol = [](unsigned char c) {
+            return std::string("`") + char(c) + "`, " + hex(c, 2);
+        };
+        row("vendor id", hex(JOVU_USB_VENDOR_ID, 4));
+        row("product id of a controller that runs its firmware", hex(jovu::kProductOpened, 4));
+        row("product id that the library lists but never opens", hex(jovu::kProductListed, 4));
+        row("message channel, device to host", "bulk, " + hex(jovu::kReceiveEndpoint[0], 2));
+        row("message channel, host to device", "bulk, " + hex(jovu::kSendEndpoint[0], 2));
+        row("job channel, device to host", "bulk, " + hex(jovu::kReceiveEndpoint[1], 2));
+        row("job channel, host to device", "bulk, " + hex(jovu::kSendEndpoint[1], 2));
+        row("interface that the host claims", std::to_string(jovu::kClaimedInterface));
+        row("a transfer that the host reads, at most", amount(jovu::kReceiveBufferSize, "bytes"));
+        row("time-out of a transfer that the host writes", amount(jovu::kSendTimeoutMs, "ms"));
+        row("repetitions of a transfer that timed out", std::to_string(jovu::kSendRetries));
+        row("period of the scans for new devices",
+            amount(jovu::UsbBackend::_device_hotplug_refresh_rate.count(), "ms"));
+        row("first byte of a frame", symbol(jovu::kFrameStart));
+        row("last byte of a frame", symbol(jovu::kFrameTerminator));
+        row("header of a frame", amount(jovu::kFrameHeaderSize, "bytes"));
+        row("payload of a frame, at most", amount(jovu::kMaxFramePayload, "bytes"));
+        row("levels of JSON, at most", std::to_string(jovu::kMaxJsonDepth));
+        row("unfinished object of the job channel, at most", amount(jovu::kMaxJobBacklog, "bytes"));
+    });
 }
 
 std::string attributes() {
-    std::string out = "| word | commands have it | events have it |\n|---|---|---|\n";
-    for (const auto& [bit, word] : jovu::kAttributeWords) {
-        out += "| `" + std::string(word) + "` |" +
-               ((jovu::kCommandFlags & bit) != 0 ? " yes" : "") + " |" +
-               ((jovu::kEventFlags & bit) != 0 ? " yes" : "") + " |\n";
-    }
-    return out;
+    return table("| word | commands have it | events have it |", [](const auto& row) {
+        for (const auto& [bit, word] : jovu::kAttributeWords)
+            row("`" + std::string(word) + "`", (jovu::kCommandFlags & bit) != 0 ? "yes" : "",
+                (jovu::kEventFlags & bit) != 0 ? "yes" : "");
+    });
 }
 
-template <class... Arguments>
-std::string arguments_of(const std::array<std::string_view, sizeof...(Arguments)>& keys,
-                         const std::tuple<Arguments...>* /*types*/) {
-    std::string out;
-    std::size_t i = 0;
-    ((out += (i == 0 ? "`" : ", `") + std::string(keys[i]) + "` " + Wire<Arguments>::type(), ++i),
-     ...);
-    return out;
+template <class Keys, class... Arguments, std::size_t... i>
+std::string arguments_of(const Keys& keys, const std::tuple<Arguments...>* /*types*/,
+                         std::index_sequence<i...> /*places*/) {
+    std::string list;
+    (add_key(list, keys[i], static_cast<const Arguments*>(nullptr)), ...);
+    return list;
 }
 
 std::string commands() {
-    std::string out =
-        "| idx | name | args, in order | result | what it does |\n|---|---|---|---|---|\n";
-    const auto add = [&out](const auto& row) {
-        using Row = std::decay_t<decltype(row)>;
-        out += "| " + std::to_string(row.idx) + " | `" + std::string(row.name) + "` | " +
-               arguments_of(row.keys, static_cast<typename Row::Arguments*>(nullptr)) + " | " +
-               Wire<typename Row::Result>::type() + " | " + std::string(row.summary) + " |\n";
-    };
-    std::apply([&](const auto&... row) { (add(row), ...); }, jovu::catalogue);
-    return out;
+    return table("| idx | name | args, in order | result | what it does |", [](const auto& row) {
+        const auto add = [&row](const auto& c) {
+            using Command = std::decay_t<decltype(c)>;
+            const typename Command::Arguments* const arguments = nullptr;
+            const typename Command::Result* const result = nullptr;
+            row(std::to_string(c.idx), "`" + std::string(c.name) + "`",
+                arguments_of(c.keys, arguments, std::make_index_sequence<Command::kArguments>()),
+                wire_type(result), c.summary);
+        };
+        std::apply([&](const auto&... command) { (add(command), ...); }, jovu::catalogue);
+    });
 }
 
-template <class S>
-std::string structure() {
-    std::string out = "| `" + std::string(jovu::Structure<S>::name) + "` | ";
-    const auto add = [&out](const auto& member) {
-        using Type = typename std::decay_t<decltype(member)>::Type;
-        out += (out.back() == ' ' ? "`" : ", `") + std::string(member.key) + "` ";
-        if constexpr (std::is_array_v<Type>) {
-            using Element = std::remove_extent_t<Type>;
-            const bool is_signed =
-                member.bytes == jovu::Bytes::by_type && std::is_same_v<Element, char>;
-            out += (is_signed ? "i8[" : "u8[") + std::to_string(std::extent_v<Type>) + "]";
-        } else {
-            out += Wire<Type>::type();
-        }
-    };
-    std::apply([&](const auto&... member) { (add(member), ...); }, jovu::Structure<S>::members);
-    return out + " |\n";
-}
-
-/// Rows of the structures that the commands carry, those within a structure before it.
-struct StructureTable {
-    template <class T>
-    void add() {
-        if constexpr (jovu::is_structure<T>) {
-            if (!names.insert(jovu::Structure<T>::name).second) return;
-            const auto add_member = [this](const auto& member) {
-                add<typename std::decay_t<decltype(member)>::Type>();
-            };
-            std::apply([&](const auto&... member) { (add_member(member), ...); },
-                       jovu::Structure<T>::members);
-            rows += structure<T>();
-        }
-    }
-    template <class... T>
-    void add_all(const std::tuple<T...>* /*types*/) {
-        (add<typename Pointed<T>::Type>(), ...);
-    }
-
-    template <class T>
-    struct Pointed {
-        using Type = T;
-    };
-    template <class T>
-    struct Pointed<std::shared_ptr<T>> {
-        using Type = T;
-    };
-
-    std::set<std::string_view> names;
-    std::string rows;
-};
-
+/// Those that the commands have named.
 std::string structures() {
-    StructureTable table;
-    const auto add = [&table](const auto& row) {
-        using Row = std::decay_t<decltype(row)>;
-        table.add_all(static_cast<typename Row::Arguments*>(nullptr));
-        table.add<typename Row::Result>();
-    };
-    std::apply([&](const auto&... row) { (add(row), ...); }, jovu::catalogue);
-    return "| structure | members, in order |\n|---|---|\n" + table.rows;
+    return table("| structure | members, in order |", [](const auto& row) {
+        for (const auto& [name, members] : structure_rows)
+            row("`" + std::string(name) + "`", members);
+    });
 }
 
 std::string events() {
-    std::string out = "| idx | name | first member of args |\n|---|---|---|\n";
-    const auto add = [&out](const auto& row) {
-        using Argument = typename std::decay_t<decltype(row)>::Argument;
-        out += "| " + std::to_string(row.idx) + " | `" + std::string(row.name) + "` | ";
-        if constexpr (std::is_class_v<Argument> &&
-                      !std::is_same_v<Argument, std::shared_ptr<char>>) {
-            out += "object of";
-            const auto member = [&out](const auto& field) {
-                using Type = std::decay_t<decltype(std::declval<Argument>().*field.field)>;
-                out += (out.back() == 'f' ? " `" : ", `") + std::string(field.key) + "` " +
-                       Wire<Type>::type();
-            };
-            std::apply([&](const auto&... field) { (member(field), ...); },
-                       jovu::event_members<Argument>);
-        } else {
-            out += Wire<Argument>::type();
-        }
-        out += " |\n";
-    };
-    std::apply([&](const auto&... row) { (add(row), ...); }, jovu::event_catalogue);
-    return out;
+    return table("| idx | name | first member of args |", [](const auto& row) {
+        const auto add = [&row](const auto& event) {
+            using Argument = typename std::decay_t<decltype(event)>::Argument;
+            std::string type;
+            if constexpr (std::is_same_v<Argument, servo_trace_msg>) {
+                const auto member = [&type](const auto& field) {
+                    const Argument sample{};
+                    add_key(type, field.key, &(sample.*field.field));
+                };
+                std::apply([&](const auto&... field) { (member(field), ...); },
+                           jovu::event_members<Argument>);
+                type = "object of " + type;
+            } else {
+                type = wire_type(static_cast<const Argument*>(nullptr));
+            }
+            row(std::to_string(event.idx), "`" + std::string(event.name) + "`", type);
+        };
+        std::apply([&](const auto&... event) { (add(event), ...); }, jovu::event_catalogue);
+    });
 }
 
 /// With JOVU_UPDATE_MANUAL=1 in the environment, writes the tables into the page.
@@ -226,7 +209,7 @@ TEST(ProtocolPage, HasTheTablesOfTheLibrary) {
     for (const auto& [name, text] : tables) {
         const auto [begin, size] = test::find_block(expected, std::string("table: ") + name);
         ASSERT_NE(begin, 0U);
-        expected.replace(begin, size, "\n" + text + "\n");
+        expected.replace(begin, size, text);
     }
     if (std::getenv("JOVU_UPDATE_MANUAL") != nullptr)
         std::ofstream(JOVU_PROTOCOL_PAGE, std::ios::binary) << expected;
