@@ -79,27 +79,37 @@ std::uint64_t unique_id(BusAddress address, std::uint64_t id) {
     return std::uint64_t{address.bus} << 56U | std::uint64_t{address.address} << 48U | id;
 }
 
-/// The packet with its record header. @param header without the times, the flag and the sizes of
-/// the data
+/// The packet with its record header, both without their times.
+/// @param header without the sizes of the data
 std::string make_packet(MonitorHeader header, const std::uint8_t* data, std::size_t size) {
+    const std::size_t captured = std::min(size, kSnapLength - sizeof header);
+    header.captured = static_cast<std::uint32_t>(captured);
+    const RecordHeader record{0, 0, static_cast<std::uint32_t>(sizeof header + captured),
+                              static_cast<std::uint32_t>(sizeof header + size)};
+    std::string packet(reinterpret_cast<const char*>(&record), sizeof record);
+    packet.append(reinterpret_cast<const char*>(&header), sizeof header);
+    if (captured > 0) packet.append(reinterpret_cast<const char*>(data), captured);
+    return packet;
+}
+
+/// Writes the present time into both headers.
+void stamp(std::string& packet) {
     using std::chrono::duration_cast;
     using std::chrono::microseconds;
     using std::chrono::system_clock;
     constexpr std::int64_t kMillion = 1000000;
     const std::int64_t now =
         duration_cast<microseconds>(system_clock::now().time_since_epoch()).count();
+    RecordHeader record{};
+    MonitorHeader header;
+    std::memcpy(&record, packet.data(), sizeof record);
+    std::memcpy(&header, packet.data() + sizeof record, sizeof header);
     header.seconds = now / kMillion;
     header.microseconds = static_cast<std::int32_t>(now % kMillion);
-    const std::size_t captured = std::min(size, kSnapLength - sizeof header);
-    header.captured = static_cast<std::uint32_t>(captured);
-    const RecordHeader record{static_cast<std::uint32_t>(header.seconds),
-                              static_cast<std::uint32_t>(header.microseconds),
-                              static_cast<std::uint32_t>(sizeof header + captured),
-                              static_cast<std::uint32_t>(sizeof header + size)};
-    std::string packet(reinterpret_cast<const char*>(&record), sizeof record);
-    packet.append(reinterpret_cast<const char*>(&header), sizeof header);
-    if (captured > 0) packet.append(reinterpret_cast<const char*>(data), captured);
-    return packet;
+    record.seconds = static_cast<std::uint32_t>(header.seconds);
+    record.microseconds = static_cast<std::uint32_t>(header.microseconds);
+    std::memcpy(packet.data(), &record, sizeof record);
+    std::memcpy(packet.data() + sizeof record, &header, sizeof header);
 }
 
 std::string packet_of(BusAddress address, UrbEvent event, const Urb& urb) {
@@ -117,7 +127,7 @@ std::string packet_of(BusAddress address, UrbEvent event, const Urb& urb) {
         header.endpoint = setup > 0 ? data[0] & USB_ENDPOINT_DIR_MASK : 0;
         if (event == UrbEvent::submitted) {
             header.setup_flag = 0;
-            std::memcpy(header.setup, data, setup);
+            std::copy_n(data, setup, header.setup);
         }
         data += setup;
         length -= setup;
@@ -165,8 +175,9 @@ BusCapture::BusCapture(const std::string& path, std::uint64_t limit)
 }
 
 void BusCapture::record(BusAddress address, UrbEvent event, const Urb& urb) {
+    std::string packet = packet_of(address, event, urb);
     const MutexLock lock(mutex_);
-    append(packet_of(address, event, urb));
+    append(packet);
 }
 
 void BusCapture::record_enumeration(BusAddress address, const UsbIdentity& identity) {
@@ -208,7 +219,7 @@ void BusCapture::record_enumeration(BusAddress address, const UsbIdentity& ident
         read(USB_DT_STRING, index, kEnglish, kLongestString);
     transfer(USB_DIR_OUT, USB_REQ_SET_CONFIGURATION, kConfigurationValue, 0, "", 0);
     const MutexLock lock(mutex_);
-    for (const std::string& packet : packets)
+    for (std::string& packet : packets)
         append(packet);
 }
 
@@ -217,8 +228,9 @@ std::string BusCapture::fault() {
     return fault_;
 }
 
-void BusCapture::append(const std::string& packet) {
+void BusCapture::append(std::string& packet) {
     if (!fault_.empty()) return;
+    stamp(packet);  // here, so that the times are in the order of the packets
     if (size_ + packet.size() > limit_) {
         fault_ = "the capture \"" + path_ + "\" is full: it has reached its limit of " +
                  std::to_string(limit_) + " bytes";

@@ -45,7 +45,7 @@ public:
     std::string fault();
 
 private:
-    void append(const std::string& packet) JOVU_REQUIRES(mutex_);
+    void append(std::string& packet) JOVU_REQUIRES(mutex_);
 
     const std::string path_;
     const std::uint64_t limit_;
