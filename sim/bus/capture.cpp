@@ -26,7 +26,7 @@ constexpr std::uint32_t kLinkType = 220;          // LINKTYPE_USB_LINUX_MMAPPED
 constexpr std::uint32_t kSnapLength = 262144;     // the longest packet that Wireshark reads
 
 /// The pcap file header, in host byte order.
-struct FileHeader {
+struct PcapFile {
     std::uint32_t magic = kPcapMagic;
     std::uint16_t major = 2;
     std::uint16_t minor = 4;
@@ -35,19 +35,19 @@ struct FileHeader {
     std::uint32_t snap_length = kSnapLength;
     std::uint32_t link_type = kLinkType;
 };
-static_assert(sizeof(FileHeader) == 24);
+static_assert(sizeof(PcapFile) == 24);
 
 /// Before each packet, in host byte order.
-struct RecordHeader {
+struct PcapRecord {
     std::uint32_t seconds;
     std::uint32_t microseconds;
     std::uint32_t captured;
     std::uint32_t length;
 };
-static_assert(sizeof(RecordHeader) == 16);
+static_assert(sizeof(PcapRecord) == 16);
 
 /// The header of usbmon, in host byte order: struct mon_bin_hdr of the kernel.
-struct MonitorHeader {
+struct UrbHeader {
     std::uint64_t id = 0;
     char event = 0;                  // 'S', 'C' or 'E'
     std::uint8_t transfer_type = 0;  // 2: control, 3: bulk
@@ -68,7 +68,7 @@ struct MonitorHeader {
     std::uint32_t flags = 0;
     std::uint32_t descriptors = 0;  // of isochronous transfers
 };
-static_assert(sizeof(MonitorHeader) == 64);
+static_assert(sizeof(UrbHeader) == 64);
 
 constexpr std::uint8_t kControlTransfer = 2;
 constexpr std::uint8_t kBulkTransfer = 3;
@@ -81,11 +81,11 @@ std::uint64_t unique_id(BusAddress address, std::uint64_t id) {
 
 /// The packet with its record header, both without their times.
 /// @param header without the sizes of the data
-std::string make_packet(MonitorHeader header, const std::uint8_t* data, std::size_t size) {
+std::string make_packet(UrbHeader header, const std::uint8_t* data, std::size_t size) {
     const std::size_t captured = std::min(size, kSnapLength - sizeof header);
     header.captured = static_cast<std::uint32_t>(captured);
-    const RecordHeader record{0, 0, static_cast<std::uint32_t>(sizeof header + captured),
-                              static_cast<std::uint32_t>(sizeof header + size)};
+    const PcapRecord record{0, 0, static_cast<std::uint32_t>(sizeof header + captured),
+                            static_cast<std::uint32_t>(sizeof header + size)};
     std::string packet(reinterpret_cast<const char*>(&record), sizeof record);
     packet.append(reinterpret_cast<const char*>(&header), sizeof header);
     if (captured > 0) packet.append(reinterpret_cast<const char*>(data), captured);
@@ -100,8 +100,8 @@ void stamp(std::string& packet) {
     constexpr std::int64_t kMillion = 1000000;
     const std::int64_t now =
         duration_cast<microseconds>(system_clock::now().time_since_epoch()).count();
-    RecordHeader record{};
-    MonitorHeader header;
+    PcapRecord record{};
+    UrbHeader header;
     std::memcpy(&record, packet.data(), sizeof record);
     std::memcpy(&header, packet.data() + sizeof record, sizeof header);
     header.seconds = now / kMillion;
@@ -115,7 +115,7 @@ void stamp(std::string& packet) {
 std::string packet_of(BusAddress address, UrbEvent event, const Urb& urb) {
     const std::uint8_t* data = urb.buffer;
     std::size_t length = urb.length;
-    MonitorHeader header;
+    UrbHeader header;
     header.id = unique_id(address, urb.id);
     header.transfer_type = kBulkTransfer;
     header.endpoint = urb.endpoint;
@@ -166,7 +166,7 @@ BusCapture::BusCapture(const std::string& path, std::uint64_t limit)
     : path_(path),
       limit_(limit),
       file_(::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666)) {
-    const FileHeader header;
+    const PcapFile header;
     if (!file_ || ::write(file_.get(), &header, sizeof header) != sizeof header) {
         throw std::system_error(errno, std::generic_category(),
                                 "cannot write the capture \"" + path + "\"");
