@@ -17,6 +17,7 @@ local MAX_OBJECT = 1048576    -- bytes of an unfinished object of the job channe
 local MAX_ITEMS = 500         -- frames, objects and faults that are shown of one packet
 local MAX_NODES = 2000        -- JSON values that are shown of one message
 local PUSH_SILENCE = 10       -- seconds after which a controller no longer expects job data
+local REPEAT_TIME = 1         -- seconds; the host repeats a transfer 1.5 seconds after its beginning
 local INFO_LENGTH = 70        -- characters of a value in the packet list
 
 jovu.prefs.devices = Pref.string("Devices", "7a1c:0002",
@@ -85,6 +86,7 @@ local e = {
         expert.severity.NOTE),
     other_name = remark("other_name", "The response names another command than the request",
         expert.severity.WARN),
+    repeated = remark("repeated", "Repeats a transfer that timed out", expert.severity.WARN),
     push_ended = remark("push_ended", "Job data is missing: the push has ended by its time limit",
         expert.severity.WARN),
     not_shown = remark("not_shown", "The rest of this packet is not shown", expert.severity.NOTE),
@@ -352,6 +354,7 @@ local function read_objects(stream, number, data, missing, outward, now)
         stream.due = 0
     end
     stream.last = now
+    stream.in_data = (stream.due or 0) > 0
     if stream.object ~= nil and begins then
         add(items, { what = "incomplete", offset = 0, size = 0 })
         stream.object = nil
@@ -744,6 +747,13 @@ local function read_packet(tvb, pinfo, address, channel, endpoint)
     streams[key] = stream
     local data = tvb:raw()
     local missing = math.max(0, (value_of(usb_length) or 0) - #data)
+    if channel.outward then
+        -- A status request may well be the same as the one before.
+        local again = stream.sent == data and pinfo.rel_ts - stream.sent_at >= REPEAT_TIME and
+            (channel.name == "message" or stream.in_data)
+        stream.sent, stream.sent_at = data, pinfo.rel_ts
+        if again then return { { what = "repeated", offset = 0, size = #data } } end
+    end
     if channel.name == "message" then return read_frames(stream, pinfo.number, data, missing) end
     return read_objects(stream, pinfo.number, data, missing, channel.outward, pinfo.rel_ts)
 end
