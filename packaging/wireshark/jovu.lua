@@ -5,9 +5,9 @@
 -- status reports and data of the job channel. docs/protocol.md describes both channels, and how to
 -- install this file and to capture.
 --
--- A frame or an object may span many transfers. All state is built in the first pass over the
--- packets, which Wireshark makes in their order: `packets` then has what each packet contains, and
--- a packet that is shown again is looked up there.
+-- A frame or an object may span many transfers. Wireshark first dissects all packets in their order,
+-- and then those that it shows, in any order. The first pass stores in `packets` what each packet
+-- contains; later ones look it up there.
 
 local jovu = Proto("jovu", "JoVu Controller")
 
@@ -626,8 +626,7 @@ local function show_object(tree, range, outward)
     return line
 end
 
--- What is shown of a piece of a frame or an object whose end is in another packet, or of one that
--- has ended here: its bytes, put together. Returns nil for the first.
+-- Returns all bytes of a frame or an object that ends in this packet; nil when it ends in another.
 local function whole_of(thing, item, tvb, number, title)
     if thing.done_in ~= number or thing.raw == nil then return nil end
     if #thing.raw == item.size then return tvb(item.offset, item.size) end

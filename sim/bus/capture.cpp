@@ -74,7 +74,7 @@ constexpr std::uint8_t kControlTransfer = 2;
 constexpr std::uint8_t kBulkTransfer = 3;
 constexpr std::uint32_t kDirectionIn = 0x0200;  // URB_DIR_IN of the kernel
 
-/// The kernel shows the address of its structure; this is one that no other transfer has.
+/// Returns an id that no other transfer has. The kernel takes the address of its structure.
 std::uint64_t unique_id(BusAddress address, std::uint64_t id) {
     return std::uint64_t{address.bus} << 56U | std::uint64_t{address.address} << 48U | id;
 }
