@@ -568,8 +568,8 @@ local function show_message(tree, range, frame, address, now)
         else
             tree:add(f.request_in, frame.request.done_in):set_generated()
             local seconds = math.max(0, frame.time - frame.request.time)
-            tree:add(f.time, NSTime.new(math.floor(seconds), math.floor(seconds % 1 * 1e9)))
-                :set_generated()
+            tree:add(f.time, NSTime.new(math.floor(seconds),
+                math.floor(seconds % 1 * 1e6 + 0.5) * 1000)):set_generated()
             if name and frame.request.name ~= shown then show_faults(tree, "other_name") end
         end
     elseif kind == "request" and frame.response ~= nil then
