@@ -22,6 +22,7 @@ test_packages=(
     "${demo_packages[@]}"
     libgtest-dev libgmock-dev libbenchmark-dev
     locales                                   # the source of a locale with a decimal comma
+    tshark                                    # captures, read by the dissector for Wireshark
     clang libclang-rt-14-dev clang-format-14 clang-tidy-14
 )
 

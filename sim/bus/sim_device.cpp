@@ -12,12 +12,12 @@
 namespace jovusim {
 
 SimDevice::SimDevice(BusAddress address, std::unique_ptr<UsbFunction> function,
-                     std::function<void()> wake)
+                     std::function<void()> wake, UrbListener listener)
     : address_(address),
       wake_(std::move(wake)),
       function_(std::move(function)),
       identity_(function_->identity()),
-      engine_(*function_, faults_) {
+      engine_(*function_, faults_, std::move(listener)) {
     node_path_ = node_.path();
 }
 

@@ -28,15 +28,17 @@ constexpr int kContended = -1;
 
 /// A device node: its open files, claims, transfers in flight and the function behind it. Ioctls
 /// arrive on one thread for each open file, control requests and timers on the main thread. One
-/// lock guards all state; no other lock is acquired while it is held, and nothing blocks under it.
+/// lock guards all state. While it is held no other lock is acquired, but by the listener, and
+/// nothing blocks.
 ///
 /// Constructed on the main thread; destroyed there or on the thread of its last open file.
 class SimDevice {
 public:
     /// @param wake called with the lock held when the main thread has to call next_due() or
     ///             unplugged() again; must not block
-    SimDevice(BusAddress address, std::unique_ptr<UsbFunction> function,
-              std::function<void()> wake);
+    /// @param listener sees every transfer; may be empty
+    SimDevice(BusAddress address, std::unique_ptr<UsbFunction> function, std::function<void()> wake,
+              UrbListener listener = {});
     SimDevice(const SimDevice&) = delete;
     SimDevice& operator=(const SimDevice&) = delete;
     ~SimDevice();

@@ -87,8 +87,8 @@ std::string serial_of(BusAddress address) {
 
 }  // namespace
 
-Testbed::Testbed(double time_scale, std::function<void()> wake)
-    : time_scale_(time_scale), wake_(std::move(wake)) {
+Testbed::Testbed(double time_scale, std::function<void()> wake, BusCapture* capture)
+    : time_scale_(time_scale), wake_(std::move(wake)), capture_(capture) {
     // NOLINTNEXTLINE(concurrency-mt-unsafe): no other thread exists yet.
     if (std::getenv(kTestbedVariable) != nullptr) {
         throw std::runtime_error(std::string(kTestbedVariable) +
@@ -167,7 +167,14 @@ void Testbed::attach(BusAddress address, std::unique_ptr<UsbFunction> function) 
     if (devices_.count(address) != 0) {
         throw std::runtime_error("a device is plugged in at " + address.to_string());
     }
-    auto device = std::make_shared<SimDevice>(address, std::move(function), wake_);
+    UrbListener listener;
+    if (capture_ != nullptr) {
+        listener = [capture = capture_, address](UrbEvent event, const Urb& urb) {
+            capture->record(address, event, urb);
+        };
+    }
+    auto device =
+        std::make_shared<SimDevice>(address, std::move(function), wake_, std::move(listener));
     auto& node = nodes_[address];
     if (!node) node = std::make_unique<UsbfsNode>(root_, address.node());
     node->set_device(device);
@@ -181,6 +188,7 @@ void Testbed::attach(BusAddress address, std::unique_ptr<UsbFunction> function) 
         throw std::runtime_error("cannot add a device at " + address.to_string() + ": " +
                                  reason->message);
     }
+    if (capture_ != nullptr) capture_->record_enumeration(address, device->identity());
     devices_[address] = std::move(device);
     // Last, because a program may open the device as soon as it gets the message.
     uevents_->send("add", address);

@@ -14,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include "bus/capture.h"
 #include "bus/file_descriptor.h"
 #include "bus/sim_device.h"
 #include "bus/types.h"
@@ -58,8 +59,9 @@ public:
     /// Removes the directories of killed simulators and makes a bus without devices.
     /// @param time_scale seconds of machine time in one real second
     /// @param wake called on any thread when service() has to be called; must not block
+    /// @param capture gets everything on the bus; may be null, outlives the testbed
     /// @throws std::runtime_error, std::system_error
-    Testbed(double time_scale, std::function<void()> wake);
+    Testbed(double time_scale, std::function<void()> wake, BusCapture* capture = nullptr);
     Testbed(const Testbed&) = delete;
     Testbed& operator=(const Testbed&) = delete;
     ~Testbed();
@@ -116,6 +118,7 @@ private:
 
     const double time_scale_;
     const std::function<void()> wake_;
+    BusCapture* const capture_;
     std::optional<DirectoryOwnership> ownership_;  // outlives testbed_
     std::unique_ptr<UMockdevTestbed, TestbedDeleter> testbed_;
     std::string root_;

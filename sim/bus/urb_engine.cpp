@@ -61,11 +61,6 @@ bool is_in(std::uint8_t endpoint) {
     return (endpoint & USB_ENDPOINT_DIR_MASK) != 0;
 }
 
-template <typename Predicate>
-void erase_if(std::deque<Urb>& urbs, Predicate predicate) {
-    urbs.erase(std::remove_if(urbs.begin(), urbs.end(), predicate), urbs.end());
-}
-
 /// The data stage of a standard request, or nothing for a stall.
 std::optional<std::string> standard_request(UsbFunction& function, const usb_ctrlrequest& setup) {
     const bool to_host = (setup.bRequestType & USB_DIR_IN) != 0;
@@ -90,8 +85,8 @@ std::optional<std::string> standard_request(UsbFunction& function, const usb_ctr
 
 }  // namespace
 
-UrbEngine::UrbEngine(UsbFunction& function, FaultTable& faults)
-    : function_(function), faults_(faults) {
+UrbEngine::UrbEngine(UsbFunction& function, FaultTable& faults, UrbListener listener)
+    : function_(function), faults_(faults), listener_(std::move(listener)) {
     std::size_t number = 0;
     for (const InterfaceInfo& interface : function.identity().interfaces) {
         for (const EndpointInfo& endpoint : interface.endpoints) {
@@ -108,14 +103,21 @@ std::optional<std::size_t> UrbEngine::interface_of(std::uint8_t endpoint) const 
 }
 
 int UrbEngine::submit(Urb urb, Millis now) {
+    urb.id = ++last_id_;
     if (urb.control) {
+        report(UrbEvent::submitted, urb);
         run_control(std::move(urb), now);
         return 0;
     }
     const auto found = endpoints_.find(urb.endpoint);
     if (found == endpoints_.end()) return ENOENT;
     Endpoint& endpoint = found->second;
-    if (const int error = faults_.take(BusFault::submit, urb.endpoint)) return error;
+    report(UrbEvent::submitted, urb);
+    if (const int error = faults_.take(BusFault::submit, urb.endpoint)) {
+        urb.status = -error;
+        report(UrbEvent::refused, urb);
+        return error;
+    }
     if (const int error = faults_.take(BusFault::status, urb.endpoint)) {
         finish(std::move(urb), -error);
     } else if (faults_.take(BusFault::never, urb.endpoint) != 0) {
@@ -238,13 +240,27 @@ void UrbEngine::discard_interface(std::size_t interface) {
 }
 
 void UrbEngine::forget(ClientId client) {
-    const auto is_its = [client](const Urb& urb) { return urb.client == client; };
     for (auto& [address, endpoint] : endpoints_) {
-        erase_if(endpoint.waiting, is_its);
-        erase_if(endpoint.stuck, is_its);
+        drop(endpoint.waiting, client);
+        drop(endpoint.stuck, client);
     }
-    erase_if(cut_short_, is_its);
-    erase_if(finished_, is_its);
+    drop(cut_short_, client);
+    finished_.erase(std::remove_if(finished_.begin(), finished_.end(),
+                                   [client](const Urb& urb) { return urb.client == client; }),
+                    finished_.end());
+}
+
+/// Ends the transfers in flight of a client that nobody will reap.
+void UrbEngine::drop(std::deque<Urb>& urbs, ClientId client) {
+    for (auto it = urbs.begin(); it != urbs.end();) {
+        if (it->client != client) {
+            ++it;
+            continue;
+        }
+        it->status = -ENOENT;
+        report(UrbEvent::completed, *it);
+        it = urbs.erase(it);
+    }
 }
 
 void UrbEngine::end_all(int status) {
@@ -261,8 +277,13 @@ void UrbEngine::finish_all(std::deque<Urb>& urbs, int status) {
     urbs.clear();
 }
 
+void UrbEngine::report(UrbEvent event, const Urb& urb) const {
+    if (listener_) listener_(event, urb);
+}
+
 void UrbEngine::finish(Urb urb, int status) {
     urb.status = status;
+    report(UrbEvent::completed, urb);
     finished_.push_back(std::move(urb));
 }
 

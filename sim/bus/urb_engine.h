@@ -8,6 +8,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <deque>
+#include <functional>
 #include <map>
 #include <memory>
 #include <optional>
@@ -68,6 +69,7 @@ using ClientId = std::uint64_t;
 struct Urb {
     ClientId client = 0;
     std::uint64_t handle = 0;  ///< chosen by the client
+    std::uint64_t id = 0;      ///< chosen by the engine; no other transfer of the device has it
     bool control = false;      ///< otherwise bulk
     std::uint8_t endpoint = 0;
     std::uint8_t* buffer = nullptr;  ///< begins with the setup packet in a control transfer
@@ -78,12 +80,22 @@ struct Urb {
     std::size_t actual = 0;  ///< bytes of data transferred
 };
 
+/// What happens to a transfer. Each that is submitted is refused or completed later.
+enum class UrbEvent : std::uint8_t {
+    submitted,
+    refused,    ///< status is that of the failed submission
+    completed,  ///< also when it was cancelled or its client has gone
+};
+
+/// Called with the device's lock held, in the order of the events.
+using UrbListener = std::function<void(UrbEvent, const Urb&)>;
+
 /// Carries out transfers with the packets of a function. Not thread-safe: the device's lock guards
 /// every call and the memory of the transfers in flight.
 class UrbEngine {
 public:
-    /// Both must outlive the engine.
-    UrbEngine(UsbFunction& function, FaultTable& faults);
+    /// Function and faults must outlive the engine. @param listener may be empty
+    UrbEngine(UsbFunction& function, FaultTable& faults, UrbListener listener);
 
     /// Begins a transfer. Returns 0 or the errno with which submitting failed. May set
     /// unplug_requested().
@@ -128,7 +140,9 @@ private:
         std::uint64_t transfers = 0;
     };
 
+    void report(UrbEvent event, const Urb& urb) const;
     void finish(Urb urb, int status);
+    void drop(std::deque<Urb>& urbs, ClientId client);
     void finish_all(std::deque<Urb>& urbs, int status);
     void pump(std::uint8_t address, Endpoint& endpoint, Millis now);
     void send_out(Urb urb, Endpoint& endpoint, Millis now);
@@ -136,6 +150,8 @@ private:
 
     UsbFunction& function_;
     FaultTable& faults_;
+    const UrbListener listener_;
+    std::uint64_t last_id_ = 0;
     std::map<std::uint8_t, Endpoint> endpoints_;
     std::deque<Urb> cut_short_;  ///< control transfers during which the device disconnected
     std::deque<Urb> finished_;

@@ -74,6 +74,8 @@ std::variant<RunOptions, CtlOptions, FirmwareOptions, ExitNow> parse_options(int
                      "Seconds of jobs, heaters and filament in one real second")
         ->check(CLI::Range(kMinTimeScale, kMaxTimeScale))
         ->capture_default_str();
+    run_app->add_option("--capture", run.capture,
+                        "Write everything on the bus to this file, as usbmon does (pcap)");
     run_app->add_option("program", run.program, "Program and arguments, after --")->required();
     run_app->positionals_at_end();
 

@@ -27,6 +27,7 @@
 #include <system_error>
 #include <vector>
 
+#include "bus/capture.h"
 #include "bus/testbed.h"
 #include "bus/types.h"
 #include "tool/control_commands.h"
@@ -297,28 +298,39 @@ private:
     pid_t child_;
 };
 
+/// Runs the program on a bus that ends with it. @param capture may be null
+int run_captured(const RunOptions& options, BusCapture* capture) {
+    const ProcessSettings before = take_over_process();
+    const Waker waker;
+    require_preload_library();
+    const std::vector<std::string> own_environment = current_environment();
+    Testbed testbed(
+        options.time_scale, [&waker] { waker.wake(); }, capture);
+    const std::string control_path = testbed.root() + "/control";
+    ControlServer server(control_path, [&testbed](const std::string& line) {
+        return run_control_request(testbed, line);
+    });
+    for (unsigned i = 0; i < options.devices; ++i) {
+        testbed.plug(std::nullopt, {});
+    }
+    const auto environment = child_environment(own_environment, testbed.root(), control_path);
+    const pid_t child = start_program(options.program, environment, before);
+    ChildGuard guard(child);
+    MainLoop loop(testbed, server, waker, child);
+    const int status = loop.run();
+    guard.dismiss();
+    return status;
+}
+
 }  // namespace
 
 int run_on_bus(const RunOptions& options) {
     try {
-        const ProcessSettings before = take_over_process();
-        const Waker waker;
-        require_preload_library();
-        const std::vector<std::string> own_environment = current_environment();
-        Testbed testbed(options.time_scale, [&waker] { waker.wake(); });
-        const std::string control_path = testbed.root() + "/control";
-        ControlServer server(control_path, [&testbed](const std::string& line) {
-            return run_control_request(testbed, line);
-        });
-        for (unsigned i = 0; i < options.devices; ++i) {
-            testbed.plug(std::nullopt, {});
-        }
-        const auto environment = child_environment(own_environment, testbed.root(), control_path);
-        const pid_t child = start_program(options.program, environment, before);
-        ChildGuard guard(child);
-        MainLoop loop(testbed, server, waker, child);
-        const int status = loop.run();
-        guard.dismiss();
+        if (!options.capture) return run_captured(options, nullptr);
+        BusCapture capture(*options.capture);
+        const int status = run_captured(options, &capture);
+        if (const std::string fault = capture.fault(); !fault.empty())
+            throw std::runtime_error(fault);
         return status;
     } catch (const std::exception& error) {
         std::fprintf(stderr, "jovu-sim: %s\n", error.what());

@@ -4,6 +4,7 @@
 /// Running a program on a simulated bus.
 #pragma once
 
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -11,8 +12,9 @@ namespace jovusim {
 
 /// Options of "jovu-sim run".
 struct RunOptions {
-    unsigned devices = 1;     ///< plugged in before the program starts
-    double time_scale = 1.0;  ///< seconds of machine time in one real second
+    unsigned devices = 1;                ///< plugged in before the program starts
+    double time_scale = 1.0;             ///< seconds of machine time in one real second
+    std::optional<std::string> capture;  ///< file for what is on the bus
     std::vector<std::string> program;
 };
 

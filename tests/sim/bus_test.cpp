@@ -5,11 +5,16 @@
 
 #include <array>
 #include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <vector>
 
+#include "bus/capture.h"
 #include "bus/enumeration.h"
 #include "bus/file_descriptor.h"
 #include "bus/sim_device.h"
 #include "firmware_host.h"
+#include "support/job_file.h"
 
 namespace jovusim::test {
 namespace {
@@ -260,6 +265,87 @@ TEST(Bus, WhatADeviceHasNotSentOutlivesTheProgramButNoReset) {
         }
         EXPECT_EQ(device.stats()["protocol_violations"]["count"], 0) << end;
     }
+}
+
+/// The packets of a capture: event, number of the transfer, type, endpoint, bus and device, setup
+/// and data flags, status, length, data. The offsets are those of usbmon's header.
+std::vector<std::string> packets_of(const std::string& capture) {
+    std::vector<std::string> packets;
+    std::size_t at = 24 + 16;
+    for (std::size_t size = 0; at + 64 <= capture.size(); at += 64 + size + 16) {
+        const auto* const header = reinterpret_cast<const unsigned char*>(capture.data() + at);
+        int status = 0, length = 0;
+        std::memcpy(&status, header + 28, sizeof status);
+        std::memcpy(&length, header + 32, sizeof length);
+        std::memcpy(&size, header + 36, 4);
+        char text[80];
+        std::snprintf(text, sizeof text, "%c%d %d %02x %d:%d %02x%02x %d %d ", header[8], header[0],
+                      header[9], header[10], header[12], header[11], header[14], header[15], status,
+                      length);
+        packets.push_back(text + capture.substr(at + 64, size));
+        EXPECT_EQ(capture.substr(at - 16, 4), capture.substr(at + 16, 4)) << "both times";
+    }
+    EXPECT_EQ(at, capture.size() + 16) << "no part of a packet";
+    return packets;
+}
+
+TEST(Capture, ShowsEachTransferTwiceAsUsbmonDoes) {
+    const ::test::TemporaryFile file("bus.pcap", "an old capture");
+    BusCapture capture(file.path());
+    const auto listener = [&](UrbEvent event, const Urb& urb) {
+        capture.record({3, 127}, event, urb);
+    };
+    std::string in(64, '\0'), out = "ab", stuck = "c";
+    std::string get("\x80\x06\0\x01\0\0\x02\0??", 10);
+    {
+        SimDevice device(
+            {3, 127}, controller(), [] {}, listener);
+        device.with_faults([](FaultTable& faults) {
+            faults.add(BusFault::never, kJobOut, 0, 1, 0);
+            faults.add(BusFault::submit, kMessageOut, ENOMEM, 1, 1);
+        });
+        Program program(device);
+        program.begin(kMessageIn, in);
+        program.send(kMessageOut, out);
+        program.begin(kJobOut, stuck);
+        program.begin(0, get);
+        Urb refused;
+        refused.client = 1;
+        refused.endpoint = kMessageOut;
+        refused.buffer = reinterpret_cast<std::uint8_t*>(out.data());
+        refused.length = 2;
+        EXPECT_EQ(device.submit(refused), ENOMEM);
+        device.with_controller([](Controller& firmware, Millis now) {
+            firmware.send_raw(Channel::message, "yes", now);
+        });
+    }
+    EXPECT_EQ(packets_of(::test::content_of(file.path())), (std::vector<std::string>{
+                                                               "S1 3 81 3:127 2d3c -115 64 ",
+                                                               "S2 3 02 3:127 2d00 -115 2 ab",
+                                                               "C2 3 02 3:127 2d3e 0 2 ",
+                                                               "S3 3 04 3:127 2d00 -115 1 c",
+                                                               "S4 2 80 3:127 003c -115 2 ",
+                                                               "C4 2 80 3:127 2d00 0 2 \x12\x01",
+                                                               "S5 3 02 3:127 2d00 -115 2 ab",
+                                                               "E5 3 02 3:127 2d45 -12 0 ",
+                                                               "C1 3 81 3:127 2d00 0 3 yes",
+                                                               "C3 3 04 3:127 2d3e -2 0 ",
+                                                           }));
+}
+
+TEST(Capture, EndsAtItsLimitWithAWholePacket) {
+    const ::test::TemporaryFile file("bus.pcap", "");
+    BusCapture capture(file.path(), 24 + 2 * (16 + 64) + 1);
+    std::string byte = "x";
+    Urb urb;
+    urb.buffer = reinterpret_cast<std::uint8_t*>(byte.data());
+    urb.length = 1;
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_EQ(capture.fault().empty(), i < 2);
+        capture.record({1, 2}, UrbEvent::submitted, urb);
+    }
+    EXPECT_EQ(packets_of(::test::content_of(file.path())).size(), 1U);
+    EXPECT_THROW(BusCapture("/dev/full"), std::system_error);
 }
 
 }  // namespace

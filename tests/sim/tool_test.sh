@@ -37,6 +37,10 @@ check "no command line" 2 "$(status "$sim" run)"
 check "no such number" "222222" "$(for no in "run --devices 101" "run --time-scale 0" \
     "run --time-scale 2000000" "run --empty --devices 1" "firmware 1 --size 0" "firmware 1 --size 99999999"
     do status "$sim" $no -- true; done | tr -d '\n')"
+for file in /nowhere/x /dev/full "$work" ""; do
+    check "a capture in \"$file\"" "125 jovu-sim: cannot write the capture \"$file\"" \
+        "$("$sim" run --capture "$file" -- true 2>&1 | sed "s/: [^:]*\$//; s/^/$(status "$sim" run --capture "$file" -- true) /")"
+done
 check "ctl outside" 2 "$(env -u JOVU_SIM_CONTROL sh -c '"$sim" ctl list >/dev/null 2>&1; echo $?')"
 check "ctl elsewhere" 2 "$(export JOVU_SIM_CONTROL=/nowhere; status "$sim" ctl list)"
 check "ctl help" "0 Requests:" "$("$sim" ctl --help | grep -x Requests: | sed "s/^/$? /")"
