@@ -27,7 +27,7 @@ std::string action(const Values& values, const std::string& f) {
         case Values::Kind::files:
             return "_files";
         case Values::Kind::programs:
-            return "_normal";
+            return f + "_program";
         case Values::Kind::devices:
             return f + "_devices " + values.field;
     }
@@ -79,6 +79,7 @@ std::string zsh_completion(const Program& program) {
     std::string commands;
     std::string cases;
     std::string keys;
+    std::string programs;
     for (const Command& command : program.commands) {
         commands += "        " + quoted(command.name + ":" + command.summary) + "\n";
         cases += "            " + command.name + ") specs=(\n";
@@ -89,6 +90,12 @@ std::string zsh_completion(const Program& program) {
         }
         cases += argument_specs(command, f) + "            ) ;;\n";
         for (const Entry& entry : command.arguments) {
+            if (entry.values.kind == Values::Kind::programs) {
+                programs =
+                    f +
+                    "_program() {\n    if [[ $words[1] == -- ]]; then shift words; ((--CURRENT)); "
+                    "fi\n    _normal\n}\n\n";
+            }
             for (const auto& [before, words] : entry.values.keys) {
                 const bool with_value = !words.empty() && words.front().back() == '=';
                 keys += "        " + before + ") compadd " + (with_value ? "-S '' " : "") + "-- " +
@@ -100,16 +107,18 @@ std::string zsh_completion(const Program& program) {
         "#compdef " + name + "\n# Written by the build from the program's table of commands.\n\n";
     if (!program.list_devices.empty()) {
         script += f +
-                  "_devices() { # FIELD\n    local -a names\n    names=(${(f)\"$(timeout 2 "
+                  "_devices() { # OPTIONS-OF-COMPADD... FIELD\n    local -a names\n    "
+                  "names=(${(f)\"$(timeout 2 "
                   "$program " +
-                  program.list_devices + " 2>/dev/null |\n        grep -oE \"\\\"$1\\\":\\\"" +
-                  kSafeName + "\\\"\" | cut -d '\"' -f 4)\"})\n    compadd -a names\n}\n\n";
+                  program.list_devices + " 2>/dev/null |\n        grep -oE \"\\\"$@[-1]\\\":\\\"" +
+                  kSafeName +
+                  "\\\"\" | cut -d '\"' -f 4)\"})\n    compadd \"${@[1,-2]}\" -a names\n}\n\n";
     }
     if (!keys.empty()) {
         script += f + "_keys() { # by the first argument\n    case $words[2] in\n" + keys +
                   "    esac\n}\n\n";
     }
-    script += f + R"(() {
+    script += programs + f + R"(() {
     local curcontext=$curcontext state line program=${(Q)words[1]}
     local -a common commands specs
     common=(
@@ -125,7 +134,7 @@ std::string zsh_completion(const Program& program) {
               name + R"(-$words[1]:
             case $words[1] in
 )" + cases + R"(            esac
-            _arguments -s $common $specs ;;
+            _arguments -s -S $common $specs ;;
     esac
 }
 
