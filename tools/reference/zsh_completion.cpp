@@ -7,7 +7,7 @@ namespace reference {
 namespace {
 
 /// A part of a specification of _arguments, which colons and brackets would end.
-std::string escaped(const std::string& text) {
+std::string spec_escaped(const std::string& text) {
     std::string result;
     for (const char c : text) {
         result += c == ':' || c == '[' || c == ']' || c == '\\' ? std::string("\\") + c
@@ -42,11 +42,11 @@ std::string option_specs(const Entry& option, const std::string& f, const std::s
         if (!option.value.empty()) {
             spec += name[1] == '-' ? "=" : "+";
         }
-        spec += "[" + escaped(option.description) + "]";
+        spec += "[" + spec_escaped(option.description) + "]";
         if (!option.value.empty()) {
-            spec += ":" + escaped(option.value) + ":" + action(option.values, f);
+            spec += ":" + spec_escaped(option.value) + ":" + action(option.values, f);
         }
-        specs += indent + quoted(spec) + "\n";
+        specs += indent + single_quoted(spec) + "\n";
     }
     return specs;
 }
@@ -61,7 +61,8 @@ std::string argument_specs(const Command& command, const std::string& f) {
                                       ? "*:"
                                       : std::to_string(i + 1) + (entry.required ? ":" : "::");
         specs += "                " +
-                 quoted(place + escaped(entry.value) + ":" + action(entry.values, f)) + "\n";
+                 single_quoted(place + spec_escaped(entry.value) + ":" + action(entry.values, f)) +
+                 "\n";
     }
     return specs;
 }
@@ -81,7 +82,7 @@ std::string zsh_completion(const Program& program) {
     std::string keys;
     std::string programs;
     for (const Command& command : program.commands) {
-        commands += "        " + quoted(command.name + ":" + command.summary) + "\n";
+        commands += "        " + single_quoted(command.name + ":" + command.summary) + "\n";
         cases += "            " + command.name + ") specs=(\n";
         for (const Entry& option : command.options) {
             if (option.names.back() != "--help") {
