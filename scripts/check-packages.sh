@@ -4,13 +4,19 @@
 # new Debian system in a folder: there it runs the tests of debian/tests, purges the packages, and
 # compares the system with what it was before. Nothing is installed on this system.
 #
-#   scripts/check-packages.sh [FOLDER]     keeps the packages in FOLDER; build/packages by default
+#   scripts/check-packages.sh [--no-build] [FOLDER]
 #
+# The packages are kept in FOLDER, build/packages by default. With --no-build those that are there
+# are checked.
 # Needs what "scripts/install-packages.sh packages" installs, and, for the new system, root or user
 # namespaces, and the Debian archive that this system is installed from.
 set -euo pipefail
 cd "$(dirname "$0")/.."
-source_dir=$PWD
+build=true
+if [[ ${1:-} == --no-build ]]; then
+    build=false
+    shift
+fi
 folder=$(realpath -m "${1:-build/packages}")
 mkdir -p "$folder"
 
@@ -19,19 +25,22 @@ trap 'rm -rf "$work"' EXIT
 title() { printf '\n== %s\n' "$1"; }
 
 scripts/check-version.sh
-title "build"
 # A copy: nothing is written into the source tree, and what git does not know is left out.
 mkdir "$work/libjovu"
 git ls-files -z --cached --others --exclude-standard |
     xargs -0 cp --parents --no-dereference -t "$work/libjovu"
-(cd "$work/libjovu" && DEB_BUILD_OPTIONS="${DEB_BUILD_OPTIONS:-parallel=$(nproc)}" \
-    dpkg-buildpackage -us -uc -b) >"$folder/build.log" 2>&1 || {
-    tail -n 60 "$folder/build.log" >&2
-    echo "check-packages: the build failed; see $folder/build.log" >&2
-    exit 1
-}
-rm -f "$folder"/*.deb "$folder"/*.changes
-cp "$work"/*.deb "$work"/*.changes "$folder"
+if "$build"; then
+    title "build"
+    (cd "$work/libjovu" && DEB_BUILD_OPTIONS="${DEB_BUILD_OPTIONS:-parallel=$(nproc)}" \
+        dpkg-buildpackage -us -uc -b) >"$folder/build.log" 2>&1 || {
+        tail -n 60 "$folder/build.log" >&2
+        echo "check-packages: the build failed; see $folder/build.log" >&2
+        exit 1
+    }
+    rm -f "$folder"/*.{deb,changes,buildinfo}
+    cp "$work"/*.{deb,changes,buildinfo} "$folder"
+    (cd "$work/libjovu" && debian/rules clean) >>"$folder/build.log" 2>&1
+fi
 for package in "$folder"/*.deb; do
     [[ $package != *-dbgsym_* ]] || continue
     echo "${package##*/}"
