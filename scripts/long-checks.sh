@@ -1,12 +1,14 @@
 #!/usr/bin/env bash
 # SPDX-License-Identifier: Apache-2.0
-# Runs in full the checks of which ./test.sh takes a sample. Takes about an hour and a half on two cores.
+# Runs in full the checks of which ./test.sh takes a sample, and those that it leaves out. Takes about
+# an hour and a half on two cores.
 #
-#   scripts/long-checks.sh [sweep] [storms] [tidy]     all three by default
+#   scripts/long-checks.sh [sweep] [storms] [tidy] [packages]     all four by default
 #
 #   sweep     the fault sweep with every run, as released and under AddressSanitizer
 #   storms    the storms at 50 times the everyday scale, also under ThreadSanitizer
 #   tidy      every check of clang-tidy but the static analyzer over program, simulator and tests
+#   packages  the Debian packages, installed in a system of their own (scripts/check-packages.sh)
 #
 # Prints a line a step; the full output is in build/logs. Exit status: 0 when every step passed.
 set -euo pipefail
@@ -14,10 +16,10 @@ cd "$(dirname "$0")/.."
 source scripts/steps.sh
 
 parts=("$@")
-[[ $# -gt 0 ]] || parts=(sweep storms tidy)
+[[ $# -gt 0 ]] || parts=(sweep storms tidy packages)
 for part in "${parts[@]}"; do
-    [[ " sweep storms tidy " == *" $part "* ]] || {
-        echo "long-checks.sh: unknown part: $part (sweep, storms, tidy)" >&2
+    [[ " sweep storms tidy packages " == *" $part "* ]] || {
+        echo "long-checks.sh: unknown part: $part (sweep, storms, tidy, packages)" >&2
         exit 2
     }
 done
@@ -47,6 +49,8 @@ tidy() {
         scripts/check-tidy.sh --all build/tidy-all
 }
 
+packages() { scripts/install-packages.sh packages && scripts/check-packages.sh; }
+
 for part in "${parts[@]}"; do
     case $part in
         sweep)
@@ -62,6 +66,7 @@ for part in "${parts[@]}"; do
                     step "$preset storms" storms "$preset" "${runner[@]}" || true
             done ;;
         tidy) step "tidy" tidy || true ;;
+        packages) step "packages" packages || true ;;
     esac
 done
 [[ ${#step_failed[@]} -eq 0 ]]
