@@ -6,9 +6,7 @@
 set -euo pipefail
 cd "$1"
 strict=(-Wall -Wextra -Wpedantic -Wconversion -Wshadow -Werror -Iinclude -fsyntax-only)
-for compiler in g++ clang++; do
-    for standard in 17 20; do
-        printf '%s\n' "$compiler -std=c++$standard "examples/*.cpp
-        printf '%s\n' "$compiler -std=c++$standard -fno-rtti "examples/{status,monitor}.cpp
-    done
-done | xargs -P 2 -I{} sh -c '$1 $2 || { echo "failed: $1" >&2; exit 255; }' - {} "${strict[*]}"
+for way in {g++,clang++}\ -std=c++{17,20}; do
+    echo "$way" examples/*.cpp
+    echo "$way" -fno-rtti examples/{status,monitor}.cpp
+done | xargs -P 2 -I{} sh -c '{} "$@" || { echo "failed: {}" >&2; exit 255; }' - "${strict[@]}"
