@@ -132,8 +132,8 @@ void ServoChart::begin(Controller* controller, int servo, double units_per_mm,
     servo_ = servo;
     units_per_mm_ = units_per_mm;
     samples_per_second_ = samples_per_second > 0 ? samples_per_second : 1000;
-    position_->setTitleText(units_per_mm > 0 ? tr("Servo %1, mm").arg(servo)
-                                             : tr("Servo %1, native units").arg(servo));
+    position_->setTitleText(units_per_mm > 0 ? tr("Position, mm") : tr("Position, native units"));
+    position_curve_->setName(tr("position of servo %1 of %2").arg(servo).arg(controller->name()));
     samples_.clear();
     controller->take_samples();
     draw();

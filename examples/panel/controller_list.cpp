@@ -4,6 +4,7 @@
 #include <QApplication>
 #include <QPalette>
 #include <algorithm>
+#include <tuple>
 
 namespace {
 
@@ -72,11 +73,16 @@ void ControllerList::device_left(JovuDeviceAddress device) {
 }
 
 void ControllerList::add(JovuDeviceAddress device) {
-    const int row = static_cast<int>(controllers_.size());
+    const auto before = [](const auto& a, JovuDeviceAddress b) {
+        const JovuDeviceAddress address = a->device();
+        return std::tie(address.bus, address.address) < std::tie(b.bus, b.address);
+    };
+    const auto place = std::lower_bound(controllers_.begin(), controllers_.end(), device, before);
+    const int row = static_cast<int>(place - controllers_.begin());
     beginInsertRows({}, row, row);
-    controllers_.push_back(std::make_unique<Controller>(*client_, device));
+    Controller* const controller =
+        controllers_.insert(place, std::make_unique<Controller>(*client_, device))->get();
     endInsertRows();
-    Controller* const controller = controllers_.back().get();
     connect(controller, &Controller::changed, this, [this, controller] {
         const int changed = row_of(controller);
         if (changed >= 0) emit dataChanged(index(changed, 0), index(changed, kColumns - 1));

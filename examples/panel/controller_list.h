@@ -12,9 +12,9 @@
 
 #include "controller.h"
 
-/// The attached controllers as rows of a table: first those that are connected, then those that
-/// cannot be opened, with the reason. Owns the library's client and everything that works with it.
-/// Belongs to the main thread.
+/// The attached controllers as rows of a table: first those that are connected, by their
+/// addresses, then those that cannot be opened, with the reason. Owns the library's client and
+/// everything that works with it. Belongs to the main thread.
 class ControllerList : public QAbstractTableModel {
     Q_OBJECT
 

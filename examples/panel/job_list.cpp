@@ -1,9 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "job_list.h"
 
-#include <QApplication>
 #include <QFileInfo>
-#include <QStyleOptionProgressBar>
+#include <QPainter>
 #include <algorithm>
 
 void JobList::attach(Controller* controller) {
@@ -221,16 +220,11 @@ void ProgressDelegate::paint(QPainter* painter, const QStyleOptionViewItem& opti
                              const QModelIndex& index) const {
     QStyledItemDelegate::paint(painter, option, {});  // the background
     const int percent = static_cast<int>(index.data().toDouble());
-    QStyleOptionProgressBar bar;
-    bar.rect = option.rect.adjusted(3, 3, -3, -3);
-    bar.state = option.state | QStyle::State_Horizontal;
-    bar.fontMetrics = option.fontMetrics;
-    bar.palette = option.palette;
-    bar.minimum = 0;
-    bar.maximum = 100;
-    bar.progress = percent;
-    bar.text = QStringLiteral("%1 %").arg(percent);
-    bar.textVisible = true;
-    bar.textAlignment = Qt::AlignCenter;
-    QApplication::style()->drawControl(QStyle::CE_ProgressBar, &bar, painter);
+    const QRect bar = option.rect.adjusted(4, 5, -4, -5);
+    QRect done = bar;
+    done.setWidth(bar.width() * percent / 100);
+    painter->fillRect(bar, "#e3e7ea");
+    painter->fillRect(done, "#8fc1e8");
+    painter->setPen(Qt::black);
+    painter->drawText(bar, Qt::AlignCenter, tr("%1 %").arg(percent));
 }

@@ -85,6 +85,8 @@ private:
 
 /// Draws the progress of a job as a bar.
 class ProgressDelegate : public QStyledItemDelegate {
+    Q_OBJECT
+
 public:
     using QStyledItemDelegate::QStyledItemDelegate;
     void paint(QPainter* painter, const QStyleOptionViewItem& option,

@@ -81,17 +81,17 @@ MainWindow::MainWindow() {
     auto* const top = new QSplitter;
     top->addWidget(left);
     top->addWidget(make_charts());
-    top->setStretchFactor(0, 1);
-    top->setStretchFactor(1, 1);
+    top->setSizes({540, 620});
     auto* const all = new QSplitter(Qt::Vertical);
     all->addWidget(top);
     all->addWidget(make_console());
-    all->setStretchFactor(0, 3);
-    all->setStretchFactor(1, 1);
-    setCentralWidget(all);
+    all->setSizes({580, 200});
+    auto* const centre = new QWidget;
+    (new QVBoxLayout(centre))->addWidget(all);
+    setCentralWidget(centre);
     summary_ = new QLabel;
     statusBar()->addWidget(summary_);
-    resize(1180, 780);
+    resize(1200, 820);
 
     connect(&controllers_, &ControllerList::arrived, this, &MainWindow::controller_arrived);
     connect(&controllers_, &ControllerList::leaving, this, &MainWindow::controller_leaving);
@@ -280,6 +280,7 @@ void MainWindow::ask_before_abort() {
 }
 
 void MainWindow::set_trace(bool enable) {
+    trace_->setText(enable ? tr("Stop trace") : tr("Trace"));
     if (traced_) traced_->trace(traced_servo_, false);
     traced_ = enable ? selected() : nullptr;
     traced_servo_ = servo_->currentIndex();
@@ -290,7 +291,9 @@ void MainWindow::send_gcode() {
     Controller* const controller = selected();
     if (controller == nullptr || controller->is_running_gcode()) return;
     const QString line = gcode_->take();
-    if (!line.isEmpty()) controller->run_gcode(line);
+    if (line.isEmpty()) return;
+    log(controller->name(), tr("> %1").arg(line));
+    controller->run_gcode(line);
 }
 
 void MainWindow::log(const QString& source, const QString& line) {

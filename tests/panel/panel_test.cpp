@@ -11,7 +11,7 @@
 #include <QPlainTextEdit>
 #include <QPushButton>
 #include <QTableView>
-#include <QTemporaryFile>
+#include <QTemporaryDir>
 #include <QTest>
 #include <QTimer>
 #include <memory>
@@ -45,7 +45,8 @@ class PanelTest : public QObject {
     Q_OBJECT
 
     std::unique_ptr<MainWindow> window_;
-    QTemporaryFile job_;
+    QTemporaryDir folder_;
+    const QString job_ = folder_.filePath("bracket.gcode");
 
     template <class Widget>
     Widget* find(const char* name) const {
@@ -89,16 +90,12 @@ private slots:
                                   kPatience);
         QTRY_COMPARE_WITH_TIMEOUT(cell("controllers", 3, ControllerList::kState),
                                   "in use by another program", kPatience);
-        QStringList names;
         for (int row = 0; row < 3; ++row) {
             QTRY_COMPARE_WITH_TIMEOUT(cell("controllers", row, ControllerList::kState), "idle",
                                       kPatience);
-            QTRY_VERIFY_WITH_TIMEOUT(
-                cell("controllers", row, ControllerList::kName).startsWith("JVS"), kPatience);
-            names += cell("controllers", row, ControllerList::kName);
+            QTRY_COMPARE_WITH_TIMEOUT(cell("controllers", row, ControllerList::kName),
+                                      QStringLiteral("JVS00100%1").arg(row + 2), kPatience);
         }
-        names.sort();
-        QCOMPARE(names, QStringList({"JVS001002", "JVS001003", "JVS001004"}));
     }
 
     void gcode_is_sent_and_recalled() {
@@ -135,11 +132,12 @@ private slots:
     }
 
     void a_job_is_paused_resumed_and_aborted() {
-        QVERIFY(job_.open());
-        job_.write(QByteArray("G1 X10 Y10 E1\n").repeated(5000));
-        QVERIFY(job_.flush());
+        QFile file(job_);
+        QVERIFY(file.open(QFile::WriteOnly));
+        file.write(QByteArray("G1 X10 Y10 E1\n").repeated(5000));
+        file.close();
         select(1);
-        window_->push(job_.fileName());
+        window_->push(job_);
         QTRY_COMPARE_WITH_TIMEOUT(cell("jobs", 0, JobList::kState), "printing", kPatience);
         QVERIFY(!find<QPushButton>("push")->isEnabled());
         QVERIFY(!find<QPushButton>("resume")->isEnabled());
@@ -162,7 +160,7 @@ private slots:
         const LoopWatch watch;
         QVERIFY(mute->is_running_gcode());
         select(2);
-        window_->push(job_.fileName());
+        window_->push(job_);
         send("M104 S90");
         QTRY_VERIFY_WITH_TIMEOUT(log().contains("M104 S90: status 0"), 5000);
         QTRY_COMPARE_WITH_TIMEOUT(cell("jobs", 0, JobList::kState), "printing", 5000);
@@ -204,12 +202,8 @@ private slots:
         qInfo("closed with an exchange that waited in %lld ms", clock.elapsed());
         QVERIFY(clock.elapsed() < 1000);
         QCOMPARE(test::requests(traced, "servo_dc_trace_enable"), 2);
-        for (const char* const device : {"1:2", "1:3", "1:4", "1:5"}) {
-            const auto attached = QString::fromStdString(test::sim("list"));
-            if (!attached.contains(device)) continue;
-            QVERIFY(test::sim(std::string("stats ") + device).find("\"count\":0") !=
-                    std::string::npos);
-        }
+        QCOMPARE(test::protocol_violations(traced), 0);
+        QCOMPARE(test::protocol_violations({1, 3}), 0);
     }
 };
 
