@@ -1,8 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "controller_list.h"
 
-#include <QApplication>
-#include <QPalette>
 #include <algorithm>
 #include <tuple>
 
@@ -207,10 +205,11 @@ QVariant ControllerList::data(const QModelIndex& index, int role) const {
             if (controller && index.column() == kName) return colour(controller->device());
             return {};
         case Qt::ForegroundRole:
-            if (!controller)
-                return QApplication::palette().color(QPalette::Disabled, QPalette::Text);
-            if (index.column() == kState && !controller->is_responding()) return QColor("#b00020");
-            return {};
+            if (!controller) return QColor("#7a7a7a");
+            if (controller->is_responding()) return {};
+            if (index.column() == kState) return QColor("#b00020");
+            // What it reported before is old.
+            return index.column() == kTemperature ? QColor("#7a7a7a") : QVariant();
         case Qt::TextAlignmentRole:
             if (index.column() == kTemperature) return int(Qt::AlignRight | Qt::AlignVCenter);
             return {};

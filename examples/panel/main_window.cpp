@@ -166,6 +166,7 @@ QWidget* MainWindow::make_charts() {
     temperatures_ = new TemperatureChart;
     servo_chart_ = new ServoChart;
     auto* const row = new QHBoxLayout;
+    row->setContentsMargins(8, 0, 8, 0);
     row->addWidget(new QLabel(tr("Servo of the selected controller:")));
     servo_ = new QComboBox;
     servo_->setObjectName("servo");

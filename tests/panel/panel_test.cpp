@@ -10,6 +10,7 @@
 #include <QMessageBox>
 #include <QPlainTextEdit>
 #include <QPushButton>
+#include <QRegularExpression>
 #include <QTableView>
 #include <QTemporaryDir>
 #include <QTest>
@@ -81,6 +82,8 @@ class PanelTest : public QObject {
     }
 
 private slots:
+    void init() { QTest::failOnWarning(QRegularExpression(".")); }
+
     void controllers_appear_and_the_one_in_use_says_why() {
         test::sim("fault 1:5 claim EBUSY always");
         window_ = std::make_unique<MainWindow>();
@@ -154,20 +157,19 @@ private slots:
     void a_mute_controller_holds_up_nobody() {
         Controller* const mute = window_->selected();
         test::sim("fault " + test::name(mute->device()) + " silent always");
+        const LoopWatch watch;
         send("M114");
         QTRY_COMPARE_WITH_TIMEOUT(cell("controllers", 1, ControllerList::kState),
                                   "does not respond", kPatience);
-        const LoopWatch watch;
-        QVERIFY(mute->is_running_gcode());
         select(2);
         window_->push(job_);
         send("M104 S90");
         QTRY_VERIFY_WITH_TIMEOUT(log().contains("M104 S90: status 0"), 5000);
         QTRY_COMPARE_WITH_TIMEOUT(cell("jobs", 0, JobList::kState), "printing", 5000);
         QTRY_VERIFY_WITH_TIMEOUT(cell("jobs", 0, JobList::kProgress).toDouble() > 40, kPatience);
-        QVERIFY(mute->is_running_gcode());
         qInfo("longest gap of the event loop with a mute controller: %lld ms", watch.longest_ms());
         QVERIFY(watch.longest_ms() < 1000);
+        QVERIFY(mute->is_running_gcode());
         window_->grab().save(qEnvironmentVariable("JOVU_PANEL_PICTURE", "panel.png"));
 
         select(1);
