@@ -28,6 +28,9 @@ public:
     /// @throws JovuException when USB cannot be used.
     MainWindow();
 
+    /// Ends what the controllers do while all that they notify still exists.
+    ~MainWindow() override { controllers_.stop(); }
+
     /// The controller whose row is selected; null when there is none.
     Controller* selected() const;
 

@@ -73,11 +73,11 @@ class PanelTest : public QObject {
         QTest::keyClicks(gcode, line);
         QTest::keyClick(gcode, Qt::Key_Return);
     }
-    /// Answers the open question with its first button.
-    bool confirm() const {
+    /// Answers the open question: yes is its first button, no the second one.
+    bool answer(bool yes) const {
         const auto* const question = window_->findChild<QMessageBox*>();
         if (question == nullptr) return false;
-        QTest::mouseClick(question->buttons().first(), Qt::LeftButton);
+        QTest::mouseClick(question->buttons().at(yes ? 0 : 1), Qt::LeftButton);
         return true;
     }
 
@@ -149,9 +149,29 @@ private slots:
         click("resume");
         QTRY_COMPARE_WITH_TIMEOUT(cell("jobs", 0, JobList::kState), "printing", kPatience);
         click("abort");
-        QTRY_VERIFY_WITH_TIMEOUT(confirm(), kPatience);
+        QTRY_VERIFY_WITH_TIMEOUT(answer(true), kPatience);
         QTRY_COMPARE_WITH_TIMEOUT(cell("jobs", 0, JobList::kState), "aborted", kPatience);
         QTRY_VERIFY_WITH_TIMEOUT(find<QPushButton>("push")->isEnabled(), kPatience);
+    }
+
+    void a_push_is_cancelled() {
+        const QString large = folder_.filePath("large.gcode");
+        QFile file(large);
+        QVERIFY(file.open(QFile::WriteOnly));
+        QVERIFY(file.resize(20'000'000));
+        select(0);
+        window_->push(large);
+        QTRY_VERIFY_WITH_TIMEOUT(cell("jobs", 0, JobList::kProgress).toDouble() > 1, kPatience);
+        window_->close();
+        QVERIFY(answer(false));
+        QVERIFY(window_->isVisible());
+        QCOMPARE(cell("jobs", 0, JobList::kState), "sending");
+        click("abort");
+        QTRY_VERIFY_WITH_TIMEOUT(answer(true), kPatience);
+        QTRY_COMPARE_WITH_TIMEOUT(cell("jobs", 0, JobList::kState), "cancelled", kPatience);
+        QTRY_COMPARE_WITH_TIMEOUT(cell("controllers", 0, ControllerList::kState), "error 2",
+                                  kPatience);
+        select(1);
     }
 
     void a_mute_controller_holds_up_nobody() {
@@ -204,7 +224,8 @@ private slots:
         qInfo("closed with an exchange that waited in %lld ms", clock.elapsed());
         QVERIFY(clock.elapsed() < 1000);
         QCOMPARE(test::requests(traced, "servo_dc_trace_enable"), 2);
-        QCOMPARE(test::protocol_violations(traced), 0);
+        // The checksum of the cancelled push.
+        QCOMPARE(test::protocol_violations(traced), 1);
         QCOMPARE(test::protocol_violations({1, 3}), 0);
     }
 };
