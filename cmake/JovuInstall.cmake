@@ -6,6 +6,9 @@ include(CMakePackageConfigHelpers)
 
 set(jovu_cmake_dir "${CMAKE_INSTALL_LIBDIR}/cmake/jovu")
 install(EXPORT jovu-targets NAMESPACE jovu:: DESTINATION "${jovu_cmake_dir}")
+if(TARGET jovu_static)
+  install(EXPORT jovu-static-targets NAMESPACE jovu:: DESTINATION "${jovu_cmake_dir}")
+endif()
 configure_package_config_file(
   "${CMAKE_CURRENT_LIST_DIR}/jovu-config.cmake.in" "${PROJECT_BINARY_DIR}/jovu-config.cmake"
   INSTALL_DESTINATION "${jovu_cmake_dir}")
@@ -17,10 +20,13 @@ install(FILES
 
 # Only users of the static library need the libraries under it, and their development packages.
 set(jovu_pc_requires "")
+set(jovu_pc_requires_private "")
 set(jovu_pc_cflags "")
 if(JOVU_STATIC)
   set(jovu_pc_requires "libusb-1.0 yajl zlib")
   set(jovu_pc_cflags " -DJOVU_STATIC")
+elseif(JOVU_WITH_STATIC)
+  set(jovu_pc_requires_private "libusb-1.0 yajl zlib")
 endif()
 # Relative to the file's own place, so that the installed tree may be moved.
 file(RELATIVE_PATH jovu_pc_to_prefix

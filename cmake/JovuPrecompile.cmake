@@ -7,7 +7,7 @@
 if(JOVU_PRECOMPILE)
   set(json_users jovu_cli_parts jovu_sim_firmware)
   if(NOT CMAKE_UNITY_BUILD)
-    list(APPEND json_users jovu_sim_bus jovu-sim)
+    list(APPEND json_users jovu_sim_bus jovu_sim_tool)
     set(json_testers integration_tests storm_tests cli_tests cli_parts_tests sim_tests)
     set(testers ${json_testers} unit_tests fake_usb_tests)
     if(TARGET jovu_cli_parts)

@@ -36,10 +36,24 @@ mkdir "$work/by-pkg-config"
 read -ra flags <<<"$(pkg-config --cflags --libs jovu)"
 "$compiler" -std=c++17 "$examples/announce.cpp" -o "$work/by-pkg-config/announce" "${flags[@]}"
 
+# Linked into the program, where a static library is installed beside the shared one: --static
+# names what it stands on.
+ways=(by-cmake by-pkg-config)
+if [[ -f $pc/../libjovu.a ]]; then
+    ways+=(by-pkg-config-static)
+    mkdir "$work/by-pkg-config-static"
+    flags=$(pkg-config --cflags --libs --static jovu)
+    read -ra flags <<<"${flags/-ljovu/-l:libjovu.a}"
+    "$compiler" -std=c++17 "$examples/announce.cpp" -o "$work/by-pkg-config-static/announce" \
+        "${flags[@]}"
+    ! objdump -p "$work/by-pkg-config-static/announce" | grep -q 'NEEDED.*libjovu' ||
+        fail "the program by pkg-config --static needs the shared library"
+fi
+
 # The library is where pkg-config says; a program that it does not tell of its run-time path.
 LD_LIBRARY_PATH=$(pkg-config --variable=libdir jovu)
 export LD_LIBRARY_PATH
-for way in by-cmake by-pkg-config; do
+for way in "${ways[@]}"; do
     said=$("$jovu_sim" run -- "$work/$way/announce" 3)
     echo "$way: $said"
     [[ $said == *"1:2 is here: serial "* ]] || fail "the example $way found no controller"

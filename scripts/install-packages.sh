@@ -5,7 +5,8 @@
 #
 #   scripts/install-packages.sh demo     what building and trying the programs takes
 #   scripts/install-packages.sh test     that, and what the tests and checks take
-#   scripts/install-packages.sh --list demo|test
+#   scripts/install-packages.sh packages what building and checking the Debian packages takes
+#   scripts/install-packages.sh --list demo|test|packages
 set -euo pipefail
 
 demo_packages=(
@@ -21,8 +22,15 @@ demo_packages=(
 test_packages=(
     "${demo_packages[@]}"
     libgtest-dev libgmock-dev libbenchmark-dev
+    libudev-dev                               # what libusb's pkg-config file names for static linking
     locales                                   # the source of a locale with a decimal comma
+    bash-completion mandoc                    # for the completion and the manual pages
     clang libclang-rt-14-dev clang-format-14 clang-tidy-14
+)
+
+# What builds and checks the Debian packages, beside what building takes.
+packages_packages=(
+    dpkg-dev debhelper lintian mmdebstrap
 )
 
 usage() { sed -n '3,/^set /s/^# \{0,1\}//p' "$0"; }
@@ -35,6 +43,7 @@ fi
 case ${1:-} in
     demo) packages=("${demo_packages[@]}") ;;
     test) packages=("${test_packages[@]}") ;;
+    packages) packages=("${demo_packages[@]}" "${packages_packages[@]}") ;;
     -h | --help) usage; exit 0 ;;
     *) usage >&2; exit 2 ;;
 esac

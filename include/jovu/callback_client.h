@@ -92,6 +92,6 @@ public:
     JovuClient& client() const;
 
 private:
-    class Client;
+    class JOVU_LOCAL Client;
     std::unique_ptr<Client> client_;
 };

@@ -65,5 +65,5 @@ public:
     void shutdown();
 
 private:
-    explicit JovuClient(const JovuScanPause& until_built);
+    JOVU_LOCAL explicit JovuClient(const JovuScanPause& until_built);
 };

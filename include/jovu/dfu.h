@@ -91,7 +91,7 @@ public:
 
 private:
     class Run;
-    struct PipeClose {
+    struct JOVU_LOCAL PipeClose {
         void operator()(std::FILE* pipe) const noexcept;
     };
 

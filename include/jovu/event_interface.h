@@ -58,6 +58,6 @@ protected:
     ~JovuEventInterface();
 
 private:
-    struct Registry;
+    struct JOVU_LOCAL Registry;
     std::unique_ptr<Registry> registry_;
 };

@@ -252,10 +252,10 @@ private:
     void data_received(unsigned char* data, unsigned int length,
                        JovuDeviceAddress address) override;
 
-    void send_request(const char* type, JovuDeviceAddress address);
+    JOVU_LOCAL void send_request(const char* type, JovuDeviceAddress address);
     /// Makes requests and pushes fail from now on, those in progress included.
-    void reject_calls();
+    JOVU_LOCAL void reject_calls();
 
-    struct State;
+    struct JOVU_LOCAL State;
     std::shared_ptr<State> state_;
 };

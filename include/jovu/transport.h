@@ -167,7 +167,7 @@ protected:
 
 private:
     friend class JovuEvent;
-    JovuEventInterface* event_interface() const noexcept;
+    JOVU_LOCAL JovuEventInterface* event_interface() const noexcept;
 
     void connection_opened(const std::shared_ptr<jovu::Connection>& connection) override;
     void usb_device_connected(JovuDeviceAddress address) override;
@@ -176,11 +176,11 @@ private:
     void data_received(unsigned char* data, unsigned int length,
                        JovuDeviceAddress address) override;
 
-    void process_data_receive(unsigned char* payload, unsigned int length,
-                              JovuDeviceAddress address);
-    std::shared_ptr<JovuMessage> parse_message(yajl_val_s* transport, yajl_val_s* data);
-    void exchange(JovuMessage& message, JovuDeviceAddress address);
+    JOVU_LOCAL void process_data_receive(unsigned char* payload, unsigned int length,
+                                         JovuDeviceAddress address);
+    JOVU_LOCAL std::shared_ptr<JovuMessage> parse_message(yajl_val_s* transport, yajl_val_s* data);
+    JOVU_LOCAL void exchange(JovuMessage& message, JovuDeviceAddress address);
 
-    struct State;
+    struct JOVU_LOCAL State;
     std::shared_ptr<State> state_;
 };

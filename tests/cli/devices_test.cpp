@@ -52,6 +52,25 @@ TEST(List, NamesWhatHasADeviceOpen) {
     EXPECT_THAT(jovu("--wait-device 1000 info"), Exits(0, "")) << "waits for what cannot come";
 }
 
+TEST(List, OfTheAttachedOpensNothing) {
+    EXPECT_THAT(jovu("list --attached --json"), Exits(3, "no device: nothing is attached"));
+    plug("1:2");
+    plug("1:3 product=00df");
+    plug("1:4 product=0003");
+    // Held by this program, so that it could not be opened.
+    const jovu_cli::FileDescriptor node(open("/dev/bus/usb/001/002", O_RDWR | O_CLOEXEC));
+    unsigned interface = 0;
+    ASSERT_EQ(ioctl(node.get(), USBDEVFS_CLAIMINTERFACE, &interface), 0);
+    EXPECT_THAT(jovu("list --attached"), Exits(0,
+                                               "1:2  controller  port 1-2  serial JVS001002\n"
+                                               "1:3  dfu  port 1-3  serial JVS001003\n"
+                                               "1:4  other  port 1-4  serial JVS001004\n"));
+    EXPECT_THAT(jovu("list --attached --json -s JVS001004"),
+                Exits(0, R"({"attached":[{"device":"1:4","kind":"other","port":"1-4",)"
+                         R"("serial":"JVS001004"}]})"));
+    EXPECT_THAT(jovu("list --attached --port 9-9"), Exits(3, "no device: the chosen one is not"));
+}
+
 TEST(Programs, ShareTheDevicesOfABus) {
     const JovuDeviceAddress one{1, 2};
     const JovuDeviceAddress other{1, 3};

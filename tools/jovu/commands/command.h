@@ -5,7 +5,9 @@
 /// runs with.
 #pragma once
 
+#include <array>
 #include <functional>
+#include <map>
 #include <optional>
 #include <string>
 #include <vector>
@@ -73,6 +75,14 @@ const std::vector<Command>& command_table();
 
 /// @return the names of all commands, in the same order.
 std::vector<std::string> command_names();
+
+/// What `jovu wait` can wait for.
+inline constexpr std::array<const char*, 3> kWaitGoals{"device", "state", "temperature"};
+
+/// Adds the purpose, the options and the commands of the program to a parser.
+/// @param options receives the options of every command; must live as long as the parser.
+/// @return the function that runs each command, by the parser of the command.
+std::map<const CLI::App*, Run> define_command_line(CLI::App& app, CommonOptions& options);
 
 /// A parsed command line.
 struct Request {

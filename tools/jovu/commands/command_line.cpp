@@ -148,23 +148,32 @@ const std::vector<Command>& command_table() {
     return table;
 }
 
-Request parse_command_line(int argc, const char* const* argv, const std::string& help) {
-    Request request;
-    CLI::App app(kPurpose, "jovu");
+std::map<const CLI::App*, Run> define_command_line(CLI::App& app, CommonOptions& options) {
+    app.name("jovu");
+    app.description(kPurpose);
     app.set_version_flag("--version", "jovu " JOVU_VERSION, "Print the version and exit");
     app.set_help_flag("-h,--help", "Print this help and exit");
-    add_common_options(app, request.options);
+    add_common_options(app, options);
     app.require_subcommand(1);
-    app.get_formatter()->label("SUBCOMMAND", "COMMAND");
-    app.footer(std::string("\n") + kNotes + "\n" + exit_code_help());
 
     std::map<const CLI::App*, Run> runs;
     for (const Command& command : command_table()) {
         CLI::App* sub = app.add_subcommand(command.name, command.summary);
         sub->fallthrough();
         sub->group("Commands");
-        sub->footer("");  // Otherwise it inherits the program's.
         runs[sub] = command.define(*sub);
+    }
+    app.footer(kNotes);  // Last: a command inherits the footer that is there when it is added.
+    return runs;
+}
+
+Request parse_command_line(int argc, const char* const* argv, const std::string& help) {
+    Request request;
+    CLI::App app;
+    const std::map<const CLI::App*, Run> runs = define_command_line(app, request.options);
+    app.get_formatter()->label("SUBCOMMAND", "COMMAND");
+    app.footer("\n" + app.get_footer() + "\n" + exit_code_help());
+    for (CLI::App* const sub : app.get_subcommands({})) {
         const std::string own = sub->get_footer();
         sub->footer((own.empty() ? "" : own + "\n\n") + kCommonOptionsNote);
     }

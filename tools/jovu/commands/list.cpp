@@ -3,11 +3,13 @@
 /// @file
 /// `jovu list`: the devices, opened or not.
 
+#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <chrono>
 #include <future>
 #include <list>
 #include <map>
+#include <memory>
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
@@ -15,10 +17,15 @@
 
 #include "cli/failure.h"
 #include "commands/command.h"
+#include "session/attached_devices.h"
 #include "terminal/printable.h"
 
 namespace jovu_cli {
 namespace {
+
+struct ListOptions {
+    bool attached = false;
+};
 
 /// Devices that respond within this time are shown in the order of their addresses; the others as
 /// they respond.
@@ -169,7 +176,57 @@ void print(Output& out, const std::vector<NotOpened>& rest, bool any_open) {
     }
 }
 
-void run_list(const Context& context) {
+const char* kind_name(AttachedDevice::Kind kind) {
+    switch (kind) {
+        case AttachedDevice::Kind::controller:
+            return "controller";
+        case AttachedDevice::Kind::dfu:
+            return "dfu";
+        case AttachedDevice::Kind::other:
+            return "other";
+    }
+    return "";
+}
+
+/// Lists what the system shows, and opens nothing: other programs are not disturbed.
+void list_attached(const Context& context) {
+    const JovuDeviceFilter filter = context.options.filter();
+    Json attached = Json::array();
+    for (const AttachedDevice& device : attached_devices()) {
+        JovuDeviceInfo info;
+        info.address = device.address;
+        info.port = device.system_name;
+        info.serial = device.serial;
+        if (!filter.matches(info)) {
+            continue;
+        }
+        const std::string address = to_string(device.address);
+        attached.push_back({{"device", address},
+                            {"kind", kind_name(device.kind)},
+                            {"port", device.system_name},
+                            {"serial", device.serial}});
+        if (!context.out.json()) {
+            context.out.line(address + "  " + kind_name(device.kind) + "  port " +
+                             printable(device.system_name) +
+                             (device.serial.empty() ? "" : "  serial " + printable(device.serial)));
+        }
+    }
+    const bool none = attached.empty();
+    if (context.out.json()) {
+        context.out.object({{"attached", std::move(attached)}});
+    }
+    if (none) {
+        throw Failure(ExitCode::no_device, context.options.chooses_device()
+                                               ? "no device: the chosen one is not attached"
+                                               : "no device: nothing is attached");
+    }
+}
+
+void run_list(const Context& context, const ListOptions& options) {
+    if (options.attached) {
+        list_attached(context);
+        return;
+    }
     const SessionLease lease(context, Interest{});
     Session& session = lease.session();
     const std::vector<JovuDeviceAddress> devices = session.find_devices();
@@ -205,8 +262,11 @@ void run_list(const Context& context) {
     }
 }
 
-Run define_list(CLI::App& /*app*/) {
-    return run_list;
+Run define_list(CLI::App& app) {
+    const auto options = std::make_shared<ListOptions>();
+    app.add_flag("--attached", options->attached,
+                 "Show what the system knows of the devices; open none");
+    return [options](const Context& context) { run_list(context, *options); };
 }
 
 }  // namespace

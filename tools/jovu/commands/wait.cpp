@@ -4,6 +4,7 @@
 /// `jovu wait`: waits for a device, a state or a temperature, for scripts.
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <chrono>
 #include <cmath>
 #include <memory>
@@ -137,7 +138,7 @@ Run define_wait(CLI::App& app) {
         "error that the device reports ends the wait (6).");
     app.callback([options] {
         const bool device = options->what == "device";
-        if (!device && options->what != "state" && options->what != "temperature") {
+        if (std::find(kWaitGoals.begin(), kWaitGoals.end(), options->what) == kWaitGoals.end()) {
             throw CLI::ValidationError("wait for device, state or temperature, not for " +
                                        options->what);
         }

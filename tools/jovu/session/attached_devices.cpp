@@ -72,12 +72,12 @@ bool is_in_dfu_mode(const std::string& descriptors) {
 std::optional<AttachedDevice> read_device(const std::string& name) {
     const fs::path directory = fs::path(kSystemDevices) / name;
     const std::string descriptors = content(directory / "descriptors");
-    const auto number = [](std::string text) {
+    const auto attribute = [&](const char* file) {
+        std::string text = content(directory / file);
         text.erase(text.find_last_not_of('\n') + 1);
         return text;
     };
-    const auto address = parse_address(number(content(directory / "busnum")) + ":" +
-                                       number(content(directory / "devnum")));
+    const auto address = parse_address(attribute("busnum") + ":" + attribute("devnum"));
     const auto word = [&](std::size_t at) {
         return static_cast<unsigned char>(descriptors[at]) |
                static_cast<unsigned>(static_cast<unsigned char>(descriptors[at + 1])) << 8U;
@@ -89,7 +89,7 @@ std::optional<AttachedDevice> read_device(const std::string& name) {
     const auto kind = word(kProductOffset) == kControllerProduct ? AttachedDevice::Kind::controller
                       : is_in_dfu_mode(descriptors)              ? AttachedDevice::Kind::dfu
                                                                  : AttachedDevice::Kind::other;
-    return AttachedDevice{*address, kind, name};
+    return AttachedDevice{*address, kind, name, attribute("serial")};
 }
 
 /// Finds the kernel's driver of a device's interfaces; prefers one other than usbfs.

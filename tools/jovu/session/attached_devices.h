@@ -30,7 +30,8 @@ struct AttachedDevice {
 
     JovuDeviceAddress address;
     Kind kind;
-    std::string system_name;  ///< In /sys/bus/usb/devices, such as "1-2".
+    std::string system_name;  ///< In /sys/bus/usb/devices, such as "1-2": its port.
+    std::string serial;       ///< Empty when the system does not show it.
 };
 
 /// @return the devices of the controllers' vendor in the order of their addresses; empty also when
