@@ -25,6 +25,8 @@ test_packages=(
     libudev-dev                               # what libusb's pkg-config file names for static linking
     locales                                   # the source of a locale with a decimal comma
     bash-completion mandoc                    # for the completion and the manual pages
+    qt6-base-dev libqt6opengl6-dev qt6-charts-dev  # the panel among the examples
+    xvfb xauth fonts-dejavu-core                   # an X server for its test
     clang libclang-rt-14-dev clang-format-14 clang-tidy-14
 )
 
