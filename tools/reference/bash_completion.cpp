@@ -7,12 +7,12 @@ namespace reference {
 namespace {
 
 /// The statement that offers the values; empty for none.
-std::string offer(const Values& values, const std::string& f) {
+std::string statement_for(const Values& values, const std::string& f) {
     switch (values.kind) {
         case Values::Kind::none:
             return "";
         case Values::Kind::words:
-            return f + "_offer " + quoted(joined(values.words));
+            return f + "_offer " + single_quoted(joined(values.words));
         case Values::Kind::keys:
             return f + "_keys";
         case Values::Kind::files:
@@ -44,7 +44,7 @@ std::string option_cases(const Command& command, const std::string& label, const
         for (const std::string& name : option.names) {
             patterns.push_back(label + "," + name);
         }
-        const std::string statement = offer(option.values, f);
+        const std::string statement = statement_for(option.values, f);
         cases += "        " + joined(patterns, " | ") + ") " +
                  (statement.empty() ? ":" : statement) + " ;;\n";
     }
@@ -55,7 +55,7 @@ std::string argument_cases(const Command& command, const std::string& f) {
     std::string cases;
     for (std::size_t i = 0; i < command.arguments.size(); ++i) {
         const Entry& entry = command.arguments[i];
-        const std::string statement = offer(entry.values, f);
+        const std::string statement = statement_for(entry.values, f);
         if (!statement.empty()) {
             cases += "        " + command.name + "," +
                      (entry.repeated ? "*" : std::to_string(i + 1)) + ") " + statement + " ;;\n";
@@ -67,7 +67,7 @@ std::string argument_cases(const Command& command, const std::string& f) {
 std::string keys_function(const Values& values, const std::string& f) {
     std::string cases;
     for (const auto& [name, keys] : values.keys) {
-        cases += "        " + name + ") " + f + "_offer " + quoted(joined(keys)) + " ;;\n";
+        cases += "        " + name + ") " + f + "_offer " + single_quoted(joined(keys)) + " ;;\n";
     }
     return f + "_keys() {\n    if [[ $cur == *=* ]]; then return; fi\n    case $before in\n" +
            cases + "    esac\n    if [[ ${COMPREPLY-} == *= ]]; then compopt -o nospace; fi\n}\n\n";
@@ -87,7 +87,8 @@ std::string bash_completion(const Program& program) {
     std::string own;
     for (const Command& command : program.commands) {
         names.push_back(command.name);
-        own += "        " + command.name + ") own=" + quoted(option_names(command)) + " ;;\n";
+        own +=
+            "        " + command.name + ") own=" + single_quoted(option_names(command)) + " ;;\n";
         values += option_cases(command, command.name, f);
         arguments += argument_cases(command, f);
         for (const Entry& entry : command.arguments) {
@@ -172,7 +173,7 @@ std::string bash_completion(const Program& program) {
     fi
     if [[ -z $command ]]; then
         )" + f +
-              "_offer " + quoted(joined(names)) + R"(
+              "_offer " + single_quoted(joined(names)) + R"(
         return
     fi
     case $command,$((position + 1)) in

@@ -16,7 +16,7 @@ std::string fish_quoted(const std::string& value) {
 }
 
 /// The options of "complete" that offer the values.
-std::string offer(const Values& values, const std::string& f) {
+std::string values_of(const Values& values, const std::string& f) {
     switch (values.kind) {
         case Values::Kind::none:
             return "";
@@ -41,7 +41,7 @@ std::string option_line(const std::string& start, const Entry& option, const std
     }
     if (!option.value.empty()) {
         line += option.values.kind == Values::Kind::files ? " -r" : " -x";
-        line += offer(option.values, f);
+        line += values_of(option.values, f);
     }
     return line + " -d " + fish_quoted(option.description) + "\n";
 }
@@ -75,7 +75,7 @@ std::string fish_completion(const Program& program) {
         }
         for (std::size_t i = 0; i < command.arguments.size(); ++i) {
             const Entry& entry = command.arguments[i];
-            const std::string values = offer(entry.values, f);
+            const std::string values = values_of(entry.values, f);
             if (!values.empty()) {
                 const std::string at = entry.repeated
                                            ? "_in " + command.name

@@ -9,7 +9,7 @@ namespace reference {
 namespace {
 
 /// One line of text, so that no character of it is an instruction.
-std::string escaped(const std::string& line) {
+std::string roff_escaped(const std::string& line) {
     std::string result;
     for (const char c : line) {
         result += c == '\\'  ? std::string("\\e")
@@ -21,7 +21,7 @@ std::string escaped(const std::string& line) {
 
 /// An argument of an instruction: quoted, as blanks and punctuation would end it.
 std::string argument(const std::string& word) {
-    return "\"" + escaped(word) + "\"";
+    return "\"" + roff_escaped(word) + "\"";
 }
 
 /// Filled text: a sentence begins a line, so that the formatter knows where it ends.
@@ -32,16 +32,16 @@ std::string filled(const std::string& text) {
     std::string line;
     for (std::string word; words >> word;) {
         if (!line.empty() && line.size() + 1 + word.size() > kWidth) {
-            result += escaped(line) + "\n";
+            result += roff_escaped(line) + "\n";
             line.clear();
         }
         line += (line.empty() ? "" : " ") + word;
         if (word.back() == '.') {
-            result += escaped(line) + "\n";
+            result += roff_escaped(line) + "\n";
             line.clear();
         }
     }
-    return line.empty() ? result : result + escaped(line) + "\n";
+    return line.empty() ? result : result + roff_escaped(line) + "\n";
 }
 
 /// Paragraphs; runs of indented lines are shown as they are.
@@ -66,7 +66,7 @@ std::string paragraphs(const std::string& text) {
             literal = indented;
         }
         if (literal) {
-            result += escaped(line.substr(line.find_first_not_of(' '))) + "\n";
+            result += roff_escaped(line.substr(line.find_first_not_of(' '))) + "\n";
         } else if (line.empty()) {
             flush();
         } else {
@@ -109,8 +109,8 @@ std::string entries(const Command& command, bool with_help) {
 std::string commands(const Program& program) {
     std::string text;
     for (const Command& command : program.commands) {
-        text += ".Ss " + escaped(command.name) + "\n.Bd -ragged -compact\n.Nm\n.Cm " +
-                escaped(command.name) + "\n";
+        text += ".Ss " + roff_escaped(command.name) + "\n.Bd -ragged -compact\n.Nm\n.Cm " +
+                roff_escaped(command.name) + "\n";
         for (const Entry& option : command.options) {
             if (option.names.back() != "--help") {
                 text += ".Op " + option_words({option.names.back()}, option) + "\n";
@@ -139,7 +139,7 @@ std::string man_page(const Program& program, const std::string& date) {
     summary[0] = static_cast<char>(std::tolower(static_cast<unsigned char>(summary[0])));
     std::string page = ".\\\" Written by the build from the program's table of commands.\n.Dd " +
                        date + "\n.Dt " + title + " 1\n.Os \"" + name + " " + program.version +
-                       "\"\n.Sh NAME\n.Nm " + name + "\n.Nd " + escaped(summary) +
+                       "\"\n.Sh NAME\n.Nm " + name + "\n.Nd " + roff_escaped(summary) +
                        "\n.Sh SYNOPSIS\n.Nm\n.Op Ar option ...\n.Ar command\n.Op Ar argument "
                        "...\n.Sh DESCRIPTION\n" +
                        filled(program.main.summary + ".");

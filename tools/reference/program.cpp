@@ -93,7 +93,7 @@ Program read_program(const CLI::App& app, const std::string& version, const Find
     return program;
 }
 
-std::string quoted(const std::string& value) {
+std::string single_quoted(const std::string& value) {
     std::string result = "'";
     for (const char c : value) {
         result += c == '\'' ? std::string("'\\''") : std::string(1, c);

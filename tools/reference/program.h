@@ -87,7 +87,7 @@ std::string fish_completion(const Program& program);
 constexpr const char* kSafeName = "[A-Za-z0-9._:-]+";
 
 /// @return the string in single quotes, for any of the shells.
-std::string quoted(const std::string& value);
+std::string single_quoted(const std::string& value);
 
 /// @return the words, separated by a blank.
 std::string joined(const std::vector<std::string>& words, const std::string& separator = " ");

@@ -7,7 +7,7 @@ namespace reference {
 namespace {
 
 /// A part of a specification of _arguments, which colons and brackets would end.
-std::string escaped(const std::string& text) {
+std::string spec_escaped(const std::string& text) {
     std::string result;
     for (const char c : text) {
         result += c == ':' || c == '[' || c == ']' || c == '\\' ? std::string("\\") + c
@@ -27,7 +27,7 @@ std::string action(const Values& values, const std::string& f) {
         case Values::Kind::files:
             return "_files";
         case Values::Kind::programs:
-            return "_normal";
+            return f + "_program";
         case Values::Kind::devices:
             return f + "_devices " + values.field;
     }
@@ -42,11 +42,11 @@ std::string option_specs(const Entry& option, const std::string& f, const std::s
         if (!option.value.empty()) {
             spec += name[1] == '-' ? "=" : "+";
         }
-        spec += "[" + escaped(option.description) + "]";
+        spec += "[" + spec_escaped(option.description) + "]";
         if (!option.value.empty()) {
-            spec += ":" + escaped(option.value) + ":" + action(option.values, f);
+            spec += ":" + spec_escaped(option.value) + ":" + action(option.values, f);
         }
-        specs += indent + quoted(spec) + "\n";
+        specs += indent + single_quoted(spec) + "\n";
     }
     return specs;
 }
@@ -61,7 +61,8 @@ std::string argument_specs(const Command& command, const std::string& f) {
                                       ? "*:"
                                       : std::to_string(i + 1) + (entry.required ? ":" : "::");
         specs += "                " +
-                 quoted(place + escaped(entry.value) + ":" + action(entry.values, f)) + "\n";
+                 single_quoted(place + spec_escaped(entry.value) + ":" + action(entry.values, f)) +
+                 "\n";
     }
     return specs;
 }
@@ -79,8 +80,9 @@ std::string zsh_completion(const Program& program) {
     std::string commands;
     std::string cases;
     std::string keys;
+    std::string programs;
     for (const Command& command : program.commands) {
-        commands += "        " + quoted(command.name + ":" + command.summary) + "\n";
+        commands += "        " + single_quoted(command.name + ":" + command.summary) + "\n";
         cases += "            " + command.name + ") specs=(\n";
         for (const Entry& option : command.options) {
             if (option.names.back() != "--help") {
@@ -89,6 +91,12 @@ std::string zsh_completion(const Program& program) {
         }
         cases += argument_specs(command, f) + "            ) ;;\n";
         for (const Entry& entry : command.arguments) {
+            if (entry.values.kind == Values::Kind::programs) {
+                programs =
+                    f +
+                    "_program() {\n    if [[ $words[1] == -- ]]; then shift words; ((--CURRENT)); "
+                    "fi\n    _normal\n}\n\n";
+            }
             for (const auto& [before, words] : entry.values.keys) {
                 const bool with_value = !words.empty() && words.front().back() == '=';
                 keys += "        " + before + ") compadd " + (with_value ? "-S '' " : "") + "-- " +
@@ -100,16 +108,18 @@ std::string zsh_completion(const Program& program) {
         "#compdef " + name + "\n# Written by the build from the program's table of commands.\n\n";
     if (!program.list_devices.empty()) {
         script += f +
-                  "_devices() { # FIELD\n    local -a names\n    names=(${(f)\"$(timeout 2 "
+                  "_devices() { # OPTIONS-OF-COMPADD... FIELD\n    local -a names\n    "
+                  "names=(${(f)\"$(timeout 2 "
                   "$program " +
-                  program.list_devices + " 2>/dev/null |\n        grep -oE \"\\\"$1\\\":\\\"" +
-                  kSafeName + "\\\"\" | cut -d '\"' -f 4)\"})\n    compadd -a names\n}\n\n";
+                  program.list_devices + " 2>/dev/null |\n        grep -oE \"\\\"$@[-1]\\\":\\\"" +
+                  kSafeName +
+                  "\\\"\" | cut -d '\"' -f 4)\"})\n    compadd \"${@[1,-2]}\" -a names\n}\n\n";
     }
     if (!keys.empty()) {
         script += f + "_keys() { # by the first argument\n    case $words[2] in\n" + keys +
                   "    esac\n}\n\n";
     }
-    script += f + R"(() {
+    script += programs + f + R"(() {
     local curcontext=$curcontext state line program=${(Q)words[1]}
     local -a common commands specs
     common=(
@@ -125,7 +135,7 @@ std::string zsh_completion(const Program& program) {
               name + R"(-$words[1]:
             case $words[1] in
 )" + cases + R"(            esac
-            _arguments -s $common $specs ;;
+            _arguments -s -S $common $specs ;;
     esac
 }
 
