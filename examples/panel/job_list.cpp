@@ -11,7 +11,7 @@ void JobList::attach(Controller* controller) {
     connect(controller, &Controller::push_progressed, this,
             [this](int id, const JovuPushProgress& progress) {
                 for (const auto& job : jobs_) {
-                    if (job->id != id) continue;
+                    if (job->id != id || progress.filler) continue;
                     job->percent = progress.percent;
                     changed(*job);
                 }

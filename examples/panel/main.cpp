@@ -1,6 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 
-// A desktop panel for all attached controllers. How its parts work together:
+// A desktop panel for all attached controllers. To try it on simulated ones:
+//
+//     jovu-sim run --devices 3 -- panel
+//
+// How its parts work together:
 //
 //   panel_client.h       the library's callbacks become signals, queued to the main thread
 //   controller_worker.h  makes the exchanges with one controller, on a thread of its own

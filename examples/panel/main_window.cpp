@@ -51,7 +51,7 @@ QStackedWidget* make_pages(QTableView* table, const QString& text) {
     auto* const label = new QLabel(text);
     label->setAlignment(Qt::AlignCenter);
     label->setWordWrap(true);
-    label->setEnabled(false);
+    label->setStyleSheet("color: #7a7a7a");
     auto* const pages = new QStackedWidget;
     pages->addWidget(table);
     pages->addWidget(label);
@@ -272,7 +272,7 @@ void MainWindow::ask_before_abort() {
         QMessageBox::Question, tr("Abort the job?"),
         tr("Abort %1 on %2? It cannot be resumed.").arg(job->file, job->controller_name),
         QMessageBox::NoButton, this);
-    question->addButton(tr("Abort job"), QMessageBox::AcceptRole)->setObjectName("confirm");
+    question->addButton(tr("Abort job"), QMessageBox::AcceptRole);
     question->addButton(tr("Keep printing"), QMessageBox::RejectRole);
     question->setAttribute(Qt::WA_DeleteOnClose);
     // The job may have ended before the answer.
@@ -330,43 +330,45 @@ void MainWindow::update_actions() {
     send_->setEnabled(controller && !controller->is_running_gcode());
     stop_waiting_->setEnabled(controller && controller->is_running_gcode());
     temperatures_->emphasise(controller);
-    if (closing_ && !jobs_.is_sending() && !traced_) close();
+    if (closing_ && !jobs_.is_sending()) close();
 }
 
 void MainWindow::closeEvent(QCloseEvent* event) {
-    if (jobs_.is_sending() && !closing_) {
-        event->ignore();
-        auto* const question = new QMessageBox(
-            QMessageBox::Question, tr("Cancel the push?"),
-            tr("A job is being sent. Cancel it and close the window? The controller then discards "
-               "what it has received."),
-            QMessageBox::NoButton, this);
-        question->addButton(tr("Cancel push and close"), QMessageBox::AcceptRole)
-            ->setObjectName("confirm");
-        question->addButton(tr("Stay"), QMessageBox::RejectRole);
-        question->setAttribute(Qt::WA_DeleteOnClose);
-        connect(question, &QMessageBox::accepted, this, [this] {
-            closing_ = true;
-            jobs_.cancel_pushes();
-            update_actions();
-        });
-        question->open();
-        return;
-    }
-    if (traced_) {
+    event->ignore();
+    if (jobs_.is_sending()) {
+        // Once confirmed, the window closes when filler has replaced the rest of the job.
+        if (!closing_) ask_before_close();
+    } else if (traced_) {
         // The controller would go on tracing without the panel.
-        event->ignore();
-        closing_ = true;
-        connect(traced_, &Controller::trace_ended, this, &MainWindow::close);
-        QTimer::singleShot(kTraceEndLimit, this, &MainWindow::close);
+        closing_ = ending_trace_ = true;
+        const auto go_on = [this] {
+            ending_trace_ = false;
+            close();
+        };
+        connect(traced_, &Controller::trace_ended, this, go_on);
+        QTimer::singleShot(kTraceEndLimit, this, go_on);
         trace_->setChecked(false);
-        return;
+    } else if (!ending_trace_) {
+        closing_ = false;
+        hide();
+        controllers_.stop();
+        event->accept();
     }
-    if (closing_ && jobs_.is_sending()) {
-        event->ignore();  // until the rest of the job has been replaced by filler
-        return;
-    }
-    hide();
-    controllers_.stop();
-    event->accept();
+}
+
+void MainWindow::ask_before_close() {
+    auto* const question = new QMessageBox(
+        QMessageBox::Question, tr("Cancel the push?"),
+        tr("A job is being sent. Cancel it and close the window? The controller then discards what "
+           "it has received."),
+        QMessageBox::NoButton, this);
+    question->addButton(tr("Cancel push and close"), QMessageBox::AcceptRole);
+    question->addButton(tr("Stay"), QMessageBox::RejectRole);
+    question->setAttribute(Qt::WA_DeleteOnClose);
+    connect(question, &QMessageBox::accepted, this, [this] {
+        closing_ = true;
+        jobs_.cancel_pushes();
+        update_actions();
+    });
+    question->open();
 }

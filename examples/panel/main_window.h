@@ -55,6 +55,7 @@ private:
     void controller_leaving(Controller* controller);
     void choose_file();
     void ask_before_abort();
+    void ask_before_close();
     void set_trace(bool enable);
     void send_gcode();
     void log(const QString& source, const QString& line);
@@ -85,4 +86,5 @@ private:
     QPlainTextEdit* log_ = nullptr;
     QLabel* summary_ = nullptr;
     bool closing_ = false;  // as soon as pushes and the trace have ended
+    bool ending_trace_ = false;
 };
