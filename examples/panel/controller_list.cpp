@@ -151,9 +151,9 @@ int ControllerList::row_of(const Controller* controller) const {
 }
 
 QColor ControllerList::colour(JovuDeviceAddress device) {
-    static const QColor kColours[] = {"#1f77b4", "#d95f02", "#2a9d4a",
-                                      "#7b5ea7", "#b8860b", "#c2185b"};
-    return kColours[std::hash<JovuDeviceAddress>()(device) / 256 % std::size(kColours)];
+    static const QColor colours[] = {"#1f77b4", "#d95f02", "#2a9d4a",
+                                     "#7b5ea7", "#b8860b", "#c2185b"};
+    return colours[std::hash<JovuDeviceAddress>()(device) / 256 % std::size(colours)];
 }
 
 int ControllerList::rowCount(const QModelIndex& parent) const {

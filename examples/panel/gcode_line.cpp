@@ -15,7 +15,7 @@ GcodeLine::GcodeLine(QWidget* parent) : QLineEdit(parent) {
 }
 
 QString GcodeLine::take() {
-    const QString line = text().trimmed();
+    QString line = text().trimmed();
     clear();
     if (!line.isEmpty()) {
         history_.removeAll(line);
