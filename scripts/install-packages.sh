@@ -26,6 +26,8 @@ test_packages=(
     locales                                   # the source of a locale with a decimal comma
     tshark                                    # captures, read by the dissector for Wireshark
     bash-completion mandoc                    # for the completion and the manual pages
+    qt6-base-dev libqt6opengl6-dev qt6-charts-dev  # the panel among the examples
+    xvfb xauth fonts-dejavu-core                   # an X server for its test
     clang libclang-rt-14-dev clang-format-14 clang-tidy-14
 )
 
