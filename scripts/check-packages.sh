@@ -63,7 +63,7 @@ state() {
         -o -path /var/log -o -path /var/cache -o -path /var/lib/apt -o -path /var/lib/dpkg \
         -o -path /packages \) -prune -o -printf '%y %m %p\n' | sort
     dpkg-query -W -f '${db:Status-Abbrev} ${Package}\n'
-    (cd /var/lib/dpkg && ls info | sort && cat diversions statoverride)
+    (cd /var/lib/dpkg && ls info | sort && cat diversions statoverride 2>/dev/null) || true
 }
 # What only these packages need, and they themselves, is installed here and goes again.
 state >/tmp/before
