@@ -57,7 +57,7 @@ cat >"$work/inside" <<'END'
 #!/bin/bash
 set -euo pipefail
 export DEBIAN_FRONTEND=noninteractive LC_ALL=C.UTF-8
-# Every file with what it holds, less the logs and lists that any installation changes.
+# Every path with its kind and mode, less the logs and lists that any installation changes.
 state() {
     find / -xdev \( -path /proc -o -path /sys -o -path /dev -o -path /run -o -path /tmp \
         -o -path /var/log -o -path /var/cache -o -path /var/lib/apt -o -path /var/lib/dpkg \
@@ -65,7 +65,7 @@ state() {
     dpkg-query -W -f '${db:Status-Abbrev} ${Package}\n'
     (cd /var/lib/dpkg && ls info | sort && cat diversions statoverride 2>/dev/null) || true
 }
-# What only these packages need, and they themselves, is installed here and goes again.
+# Installed and purged: these packages and what they alone need.
 state >/tmp/before
 installed() { dpkg-query -W -f '${Package}\n' | sort; }
 installed >/tmp/packages-before
