@@ -57,15 +57,15 @@ cat >"$work/inside" <<'END'
 #!/bin/bash
 set -euo pipefail
 export DEBIAN_FRONTEND=noninteractive LC_ALL=C.UTF-8
-# Every file with what it holds, less the logs and lists that any installation changes.
+# Every path with its kind and mode, less the logs and lists that any installation changes.
 state() {
     find / -xdev \( -path /proc -o -path /sys -o -path /dev -o -path /run -o -path /tmp \
         -o -path /var/log -o -path /var/cache -o -path /var/lib/apt -o -path /var/lib/dpkg \
         -o -path /packages \) -prune -o -printf '%y %m %p\n' | sort
     dpkg-query -W -f '${db:Status-Abbrev} ${Package}\n'
-    (cd /var/lib/dpkg && ls info | sort && cat diversions statoverride)
+    (cd /var/lib/dpkg && ls info | sort && cat diversions statoverride 2>/dev/null) || true
 }
-# What only these packages need, and they themselves, is installed here and goes again.
+# Installed and purged: these packages and what they alone need.
 state >/tmp/before
 installed() { dpkg-query -W -f '${Package}\n' | sort; }
 installed >/tmp/packages-before
@@ -78,7 +78,8 @@ for test in program build; do
     (cd /packages/source && AUTOPKGTEST_TMP=/tmp/$test "debian/tests/$test")
 done
 echo "-- man page"
-man jovu | head -n 12
+man jovu >/tmp/page
+head -n 12 /tmp/page
 echo "-- purge"
 mapfile -t added < <(installed | comm -13 /tmp/packages-before -)
 dpkg --purge "${added[@]}" >/tmp/purge.log 2>&1 || { cat /tmp/purge.log; exit 1; }
@@ -92,8 +93,8 @@ rm -f "$work"/packages/*-dbgsym_*.deb
 cp -r "$work/libjovu" "$work/packages/source"
 needs=$(awk '/^Depends:/ {sub(/^Depends: */, ""); gsub(/,/, ""); print}' debian/tests/control |
     tr ' ' '\n' | grep -vE 'jovu' | sort -u | paste -sd,)
-# mmdebstrap takes its work folder from TMPDIR, which must not be mounted without device files.
-mmdebstrap --variant=apt --include="$needs,man-db,libusb-1.0-0-dev,libyajl-dev" \
+# mmdebstrap makes the system in TMPDIR, which must not be mounted without device files.
+mmdebstrap --variant=apt --include="$needs,man-db" \
     --dpkgopt='path-include=/usr/share/man/*' \
     --customize-hook="copy-in $work/packages /" \
     --customize-hook="copy-in $work/inside /tmp" \

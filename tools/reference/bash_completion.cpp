@@ -42,7 +42,7 @@ std::string option_cases(const Command& command, const std::string& label, const
         }
         std::vector<std::string> patterns;
         for (const std::string& name : option.names) {
-            patterns.push_back(label + "," + name);
+            patterns.push_back(joined({label, name}, ","));
         }
         const std::string statement = statement_for(option.values, f);
         cases += "        " + joined(patterns, " | ") + ") " +
@@ -67,7 +67,8 @@ std::string argument_cases(const Command& command, const std::string& f) {
 std::string keys_function(const Values& values, const std::string& f) {
     std::string cases;
     for (const auto& [name, keys] : values.keys) {
-        cases += "        " + name + ") " + f + "_offer " + single_quoted(joined(keys)) + " ;;\n";
+        const std::string offered = single_quoted(joined(keys));
+        cases += joined({"        ", name, ") ", f, "_offer ", offered, " ;;\n"}, "");
     }
     return f + "_keys() {\n    if [[ $cur == *=* ]]; then return; fi\n    case $before in\n" +
            cases + "    esac\n    if [[ ${COMPREPLY-} == *= ]]; then compopt -o nospace; fi\n}\n\n";

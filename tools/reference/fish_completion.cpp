@@ -63,11 +63,13 @@ std::string fish_completion(const Program& program) {
     }
     std::string keys;
     for (const Command& command : program.commands) {
-        lines += start + " -n '" + f + "_at' -a " + command.name + " -d " +
-                 fish_quoted(command.summary) + "\n";
+        lines += joined({start, " -n '", f, "_at' -a ", command.name, " -d ",
+                         fish_quoted(command.summary), "\n"},
+                        "");
         for (const Entry& option : command.options) {
             if (option.names.back() != "--help") {
-                lines += option_line(start + " -n '" + f + "_in " + command.name + "'", option, f);
+                const std::string in = joined({start, " -n '", f, "_in ", command.name, "'"}, "");
+                lines += option_line(in, option, f);
             }
             if (!option.value.empty()) {
                 with_value.insert(with_value.end(), option.names.begin(), option.names.end());
@@ -80,7 +82,7 @@ std::string fish_completion(const Program& program) {
                 const std::string at = entry.repeated
                                            ? "_in " + command.name
                                            : "_at " + command.name + " " + std::to_string(i + 1);
-                lines += start + " -n '" + f + at + "'" + values + "\n";
+                lines += joined({start, " -n '", f, at, "'", values, "\n"}, "");
             }
             for (const auto& [before, words] : entry.values.keys) {
                 keys += "        case " + before + "\n            printf '%s\\n' " + joined(words) +
