@@ -46,7 +46,9 @@ public:
     /// @param code what code() will return.
     explicit JovuException(std::string message, JovuError code = JovuError::unspecified);
 
+    /// Copies the message and the code.
     JovuException(const JovuException&) = default;
+    /// Copies the message and the code.
     JovuException& operator=(const JovuException&) = default;
     ~JovuException() override;
 

@@ -30,6 +30,7 @@ public:
     /// that is, when the file read or the USB write in progress has ended.
     void cancel() noexcept { cancelled_ = true; }
 
+    /// @return whether cancel() has been called.
     bool cancelled() const noexcept { return cancelled_; }
 
 private:

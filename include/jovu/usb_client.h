@@ -51,6 +51,8 @@ public:
 
 protected:
     JovuUsbClient() = default;
+    /// A copy is not registered.
     JovuUsbClient(const JovuUsbClient&) = default;
+    /// A registration stays as it is.
     JovuUsbClient& operator=(const JovuUsbClient&) = default;
 };
