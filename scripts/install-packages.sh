@@ -22,8 +22,8 @@ test_packages=(
     "${demo_packages[@]}"
     libgtest-dev libgmock-dev libbenchmark-dev
     locales                                   # the source of a locale with a decimal comma
-    python3 doxygen                           # the check of the documentation
     clang libclang-rt-14-dev clang-format-14 clang-tidy-14
+    python3 doxygen                           # the check of the documentation
 )
 
 usage() { sed -n '3,/^set /s/^# \{0,1\}//p' "$0"; }
