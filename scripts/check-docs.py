@@ -19,6 +19,7 @@ import re
 import subprocess
 import sys
 import tempfile
+from xml.etree import ElementTree
 
 TOP = pathlib.Path(__file__).resolve().parent.parent
 PAGE = TOP / "docs/troubleshooting.md"
@@ -185,13 +186,33 @@ def check_code():
 
 def check_reference():
     with tempfile.TemporaryDirectory() as folder:
-        config = (TOP / "docs/Doxyfile").read_text() + f"\nOUTPUT_DIRECTORY = {folder}\n"
+        config = (TOP / "docs/Doxyfile").read_text() + (
+            f"\nOUTPUT_DIRECTORY = {folder}\nGENERATE_XML = YES\n")
         run = subprocess.run(["doxygen", "-"], cwd=TOP, input=config, capture_output=True,
                              text=True, check=False)
-        pages = list(pathlib.Path(folder).rglob("*.html"))
-        print(f"reference: {len(pages)} pages")
-        if run.returncode != 0 or run.stderr.strip() or not pages:
+        if run.returncode != 0 or run.stderr.strip():
             yield f"reference: doxygen's warnings\n{run.stderr}"
+        # Doxygen does not report values of enumerations, some constructors and whole files.
+        symbols = 0
+        for page in sorted(pathlib.Path(folder).rglob("xml/*.xml")):
+            compound = ElementTree.parse(page).getroot().find("compounddef")
+            if compound is None or compound.get("prot") == "private":
+                continue
+            for node in compound.iter():
+                name = node.findtext("qualifiedname") or node.findtext("name") or compound[0].text
+                is_header = node is compound and name.endswith(".h")
+                if not is_header and (node.tag not in ("memberdef", "enumvalue") or
+                                      node.get("prot") == "private" or
+                                      node.get("kind") == "friend" or
+                                      (node.findtext("argsstring") or "").endswith("=delete")):
+                    continue
+                symbols += 1
+                texts = [node.find("briefdescription"), node.find("detaileddescription")]
+                if not "".join("".join(text.itertext()) for text in texts).strip():
+                    yield f"reference: not documented: {name}"
+        print(f"reference: {symbols} symbols")
+        if symbols == 0:
+            yield "reference: doxygen has found no symbol"
 
 
 def main():

@@ -50,6 +50,7 @@ public:
     JovuException(const JovuException&) = default;
     /// Copies the message and the code.
     JovuException& operator=(const JovuException&) = default;
+    /// Does not throw.
     ~JovuException() override;
 
     /// @return the message; valid as long as this object lives.

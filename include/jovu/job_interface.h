@@ -22,6 +22,7 @@
 /// Threads: any; cancel() may also be called in a signal handler.
 class JovuPushCancel {
 public:
+    /// For one push, not cancelled.
     JovuPushCancel() = default;
     JovuPushCancel(const JovuPushCancel&) = delete;
     JovuPushCancel& operator=(const JovuPushCancel&) = delete;
