@@ -1,3 +1,5 @@
+# SPDX-License-Identifier: Apache-2.0
+#
 # Turns a Markdown page into one for the reference, which has no anchors of the headings' names and
 # no files of the source tree.
 s/\[([^]]*)\]\(#[^)]*\)/\1/g

@@ -25,7 +25,7 @@ TOP = pathlib.Path(__file__).resolve().parent.parent
 PAGE = TOP / "docs/troubleshooting.md"
 MANUAL = TOP / "docs/jovu.md"
 
-# String literals that nobody reads as a message: file, and what identifies the literals in it.
+# String literals that are no messages: file, and what identifies the literals in it.
 NO_MESSAGES = [
     ("src/commands/catalogue.h", r""),  # Summaries, as `jovu commands` lists them.
     ("tools/jovu/trace/trace_recorder.cpp", r"^(un)?set |^plot |^using |^ (at|center) |^' at |^\]\n"),
