@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # SPDX-License-Identifier: Apache-2.0
-# Checks the whole project: formatting, the test suite as it is released (g++), under
+# Checks the whole project: formatting, documentation, the test suite as it is released (g++), under
 # AddressSanitizer with UBSan and under ThreadSanitizer (clang++), each source on its own, and
 # clang-tidy's findings.
 # Installs what is missing first. While a suite runs, which mostly waits, the next one is built.
@@ -81,7 +81,9 @@ if "$install"; then
 fi
 for name in "${chosen[@]}"; do
     case $name in
-        format) step "format" scripts/check-format.sh || true ;;
+        format)
+            step "format" scripts/check-format.sh || true
+            step "documentation" scripts/check-docs.py || true ;;
         standalone | tidy) step "$name" "$name" || true ;;
         release | asan) build_and_test "$name" ;;
         tsan) build_and_test "$name" "${tsan_runner[@]}" ;;

@@ -29,6 +29,7 @@ test_packages=(
     qt6-base-dev libqt6opengl6-dev qt6-charts-dev  # the panel among the examples
     xvfb xauth fonts-dejavu-core                   # an X server for its test
     clang libclang-rt-14-dev clang-format-14 clang-tidy-14
+    python3 doxygen                           # the check of the documentation
 )
 
 # What builds and checks the Debian packages, beside what building takes.

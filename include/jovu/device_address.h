@@ -27,6 +27,7 @@ constexpr bool operator!=(JovuDeviceAddress a, JovuDeviceAddress b) noexcept {
     return !(a == b);
 }
 
+/// @cond The reference cannot place a specialisation of another namespace's template.
 /// Hash of an address: `bus + 256 * address`, so distinct addresses never collide.
 template <>
 struct std::hash<JovuDeviceAddress> {
@@ -35,6 +36,7 @@ struct std::hash<JovuDeviceAddress> {
         return static_cast<std::size_t>(a.bus) + 256U * static_cast<std::size_t>(a.address);
     }
 };
+/// @endcond
 
 /// One device of the accepted vendor that is on the bus, whether the library opened it or not.
 struct JovuUsbDevice {

@@ -29,13 +29,13 @@ JOVU_API const char* jovu_state_name(JovuDeviceState state) noexcept;
 
 /// One attached device of the accepted vendor.
 struct JovuDeviceInfo {
-    JovuDeviceAddress address{};
+    JovuDeviceAddress address{};  ///< Where it is on the bus now.
     /// Where it is plugged in: the bus and the ports on the way to it, such as "1-2.3". A device
     /// that is plugged in there anew has the same one.
     std::string port;
     std::int32_t type = 0;  ///< As JovuUsbDevice::type.
     std::string serial;     ///< The serial number; empty when the system does not show it.
-    JovuDeviceState state = JovuDeviceState::waiting;
+    JovuDeviceState state = JovuDeviceState::waiting;  ///< In this process.
 };
 
 /// Chooses controllers: all of them, or those that match any of its rules. A value, for one thread

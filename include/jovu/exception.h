@@ -46,8 +46,11 @@ public:
     /// @param code what code() will return.
     explicit JovuException(std::string message, JovuError code = JovuError::unspecified);
 
+    /// Copies the message and the code.
     JovuException(const JovuException&) = default;
+    /// Copies the message and the code.
     JovuException& operator=(const JovuException&) = default;
+    /// Does not throw.
     ~JovuException() override;
 
     /// @return the message; valid as long as this object lives.

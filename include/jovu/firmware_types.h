@@ -18,21 +18,36 @@
 /// 32-bit value is accepted in both directions. `gpio_name_t{3}` makes one from a number.
 /// @{
 
-enum gpio_name_t : std::uint32_t {};             ///< A pin of the controller.
-enum gpio_input_name_t : std::uint32_t {};       ///< A pin that is an input.
-enum input_state_t : std::uint32_t {};           ///< State of an input.
-enum gcode_process_result_t : std::uint32_t {};  ///< Outcome of a line of gcode or of a macro.
-enum heater_params_t : std::uint32_t {};         ///< A parameter of the heater's control loop.
-enum heater_guardband_t : std::uint32_t {};      ///< Whether the heater is close to its target.
-enum heater_state_t : std::uint32_t {};          ///< State of the heater.
-enum heater_fault_t : std::uint32_t {};          ///< Why the heater has stopped.
-enum HEATER_VARS_m : std::uint32_t {};           ///< A variable of the heater, such as its target.
-enum wifi_interface_t : std::uint32_t {};        ///< A Wi-Fi interface of the controller.
-enum servo_dc_name_t : std::int32_t {};          ///< A DC servo axis; the only signed enumeration.
-enum servo_move_call_result_t : std::uint32_t {};  ///< Whether a move was accepted.
-enum servo_dc_move_dir_t : std::uint32_t {};       ///< Direction of a move.
-enum ui_led_t : std::uint32_t {};                  ///< An LED of the controller.
-enum hbridge_name_t : std::uint32_t {};            ///< An H-bridge output.
+/// A pin of the controller.
+enum gpio_name_t : std::uint32_t {};
+/// A pin that is an input.
+enum gpio_input_name_t : std::uint32_t {};
+/// State of an input.
+enum input_state_t : std::uint32_t {};
+/// Outcome of a line of gcode or of a macro.
+enum gcode_process_result_t : std::uint32_t {};
+/// A parameter of the heater's control loop.
+enum heater_params_t : std::uint32_t {};
+/// Whether the heater is close to its target.
+enum heater_guardband_t : std::uint32_t {};
+/// State of the heater.
+enum heater_state_t : std::uint32_t {};
+/// Why the heater has stopped.
+enum heater_fault_t : std::uint32_t {};
+/// A variable of the heater, such as its target.
+enum HEATER_VARS_m : std::uint32_t {};
+/// A Wi-Fi interface of the controller.
+enum wifi_interface_t : std::uint32_t {};
+/// A DC servo axis; the only signed enumeration.
+enum servo_dc_name_t : std::int32_t {};
+/// Whether a move was accepted.
+enum servo_move_call_result_t : std::uint32_t {};
+/// Direction of a move.
+enum servo_dc_move_dir_t : std::uint32_t {};
+/// An LED of the controller.
+enum ui_led_t : std::uint32_t {};
+/// An H-bridge output.
+enum hbridge_name_t : std::uint32_t {};
 
 /// @}
 /// @name Wi-Fi
@@ -56,32 +71,32 @@ struct wifi_ifc_config_t {
 
 /// The Wi-Fi hardware.
 struct wifi_hdw_config_t {
-    unsigned char mac_address[6];
-    unsigned char patch_version[2];
+    unsigned char mac_address[6];    ///< Hardware address.
+    unsigned char patch_version[2];  ///< Version of its patch.
 };
 
 /// Addresses of a Wi-Fi interface, in the order in which they are written (192 first).
 struct wifi_ip_config_t {
-    unsigned char ip[4];
-    unsigned char subnet_mask[4];
-    unsigned char default_gateway[4];
-    unsigned char dhcp_server[4];
-    unsigned char dns_server[4];
-    unsigned char mac_address[6];
-    char connected_ssid[32];  ///< The network that is joined, padded with NULs.
+    unsigned char ip[4];               ///< Address of the interface.
+    unsigned char subnet_mask[4];      ///< Mask of its network.
+    unsigned char default_gateway[4];  ///< Gateway to other networks.
+    unsigned char dhcp_server[4];      ///< DHCP server.
+    unsigned char dns_server[4];       ///< Name server.
+    unsigned char mac_address[6];      ///< Hardware address.
+    char connected_ssid[32];           ///< The network that is joined, padded with NULs.
 };
 
 /// Configuration of a Wi-Fi interface.
 struct wifi_config_t {
-    wifi_ifc_config_t ifc_config;
-    wifi_hdw_config_t hdw_config;
-    wifi_ip_config_t ip_config;
+    wifi_ifc_config_t ifc_config;  ///< What the interface does at the start.
+    wifi_hdw_config_t hdw_config;  ///< The hardware.
+    wifi_ip_config_t ip_config;    ///< Its addresses.
 };
 
 /// Whether a Wi-Fi interface has joined a network, and with which addresses.
 struct wifi_status_t {
-    bool connected;
-    wifi_ip_config_t ip_config;
+    bool connected;              ///< Whether it has joined a network.
+    wifi_ip_config_t ip_config;  ///< Its addresses.
 };
 
 /// A network that a scan has found.
@@ -107,8 +122,8 @@ struct servo_dc_gains_t {
 
 /// Configuration of a servo.
 struct servo_dc_client_config_t {
-    std::uint16_t interrupt_frequency;  ///< Rate of the control loop.
-    servo_dc_gains_t gains;
+    std::uint16_t interrupt_frequency;    ///< Rate of the control loop.
+    servo_dc_gains_t gains;               ///< Gains of the control loop.
     std::int32_t pwm_cap;                 ///< Largest drive.
     std::uint32_t pwm_cap_time;           ///< How long the largest drive is allowed.
     std::uint32_t units;                  ///< Kind of client units.

@@ -22,6 +22,7 @@
 /// Threads: any; cancel() may also be called in a signal handler.
 class JovuPushCancel {
 public:
+    /// For one push, not cancelled.
     JovuPushCancel() = default;
     JovuPushCancel(const JovuPushCancel&) = delete;
     JovuPushCancel& operator=(const JovuPushCancel&) = delete;
@@ -30,6 +31,7 @@ public:
     /// that is, when the file read or the USB write in progress has ended.
     void cancel() noexcept { cancelled_ = true; }
 
+    /// @return whether cancel() has been called.
     bool cancelled() const noexcept { return cancelled_; }
 
 private:

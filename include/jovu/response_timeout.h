@@ -26,6 +26,7 @@ public:
     /// @param limit 10 ms to 24 h.
     /// @throws JovuException with JovuError::rejected when it is not; its message names the value.
     explicit JovuResponseTimeout(std::chrono::milliseconds limit);
+    /// Restores the limit that was in force before.
     ~JovuResponseTimeout();
     JovuResponseTimeout(const JovuResponseTimeout&) = delete;
     JovuResponseTimeout& operator=(const JovuResponseTimeout&) = delete;

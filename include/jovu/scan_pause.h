@@ -25,7 +25,9 @@
 ///     };
 class JOVU_API JovuScanPause {
 public:
+    /// Begins the pause.
     JovuScanPause() noexcept;
+    /// Ends the pause; the last one lets the watcher scan again.
     ~JovuScanPause();
     JovuScanPause(const JovuScanPause&) = delete;
     JovuScanPause& operator=(const JovuScanPause&) = delete;

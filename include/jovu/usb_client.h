@@ -24,6 +24,7 @@ class Connection;
 /// out after it.
 class JOVU_API JovuUsbClient {
 public:
+    /// The derived class has unregistered by then.
     virtual ~JovuUsbClient();
 
     /// A device has been opened. Called once per connection, before its data. The default calls
@@ -50,7 +51,10 @@ public:
     virtual void usb_device_unavailable(const JovuDeviceInfo& device);
 
 protected:
+    /// Registers nothing.
     JovuUsbClient() = default;
+    /// A copy is not registered.
     JovuUsbClient(const JovuUsbClient&) = default;
+    /// A registration stays as it is.
     JovuUsbClient& operator=(const JovuUsbClient&) = default;
 };

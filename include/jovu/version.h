@@ -10,16 +10,26 @@
 
 #include "jovu/export.h"
 
+/// @name The version of the headers
+/// @{
+
+/// Changes when programs need to be changed.
 #define JOVU_VERSION_MAJOR 1
+/// Changes when something is added.
 #define JOVU_VERSION_MINOR 0
+/// Changes when faults are mended.
 #define JOVU_VERSION_PATCH 0
 
+/// @cond
 #define JOVU_VERSION_STRING_(x) #x
 #define JOVU_VERSION_JOIN_(major, minor, patch) \
     JOVU_VERSION_STRING_(major) "." JOVU_VERSION_STRING_(minor) "." JOVU_VERSION_STRING_(patch)
+/// @endcond
 
 /// "MAJOR.MINOR.PATCH", a string literal.
 #define JOVU_VERSION JOVU_VERSION_JOIN_(JOVU_VERSION_MAJOR, JOVU_VERSION_MINOR, JOVU_VERSION_PATCH)
+
+/// @}
 
 /// @return JOVU_VERSION of the library itself. Threads: any.
 JOVU_API const char* jovu_version() noexcept;

@@ -6,6 +6,8 @@
 #include <unordered_map>
 #include <utility>
 
+#include <nlohmann/json.hpp>
+
 #include "cli/options.h"
 #include "jovu/exception.h"
 #include "jovu/transport.h"
