@@ -34,7 +34,7 @@ test_packages=(
 
 # What builds and checks the Debian packages, beside what building takes.
 packages_packages=(
-    dpkg-dev debhelper lintian mmdebstrap
+    dpkg-dev debhelper doxygen lintian mmdebstrap
 )
 
 usage() { sed -n '3,/^set /s/^# \{0,1\}//p' "$0"; }
