@@ -59,9 +59,9 @@ JovuJobInterface::StatusMsg JovuJobInterface::wait_for_status(JovuDeviceAddress 
     // notified from here on ends the wait; one before it is seen by the check.
     jovu::StatusWaiters::Waiter waiter(state_->status_waiters, address);
     RequestStatus(address);
+    if (connection == nullptr || connection->closing()) waiter.end();
     StatusMsg report;
-    JovuError error = JovuError::disconnected;
-    if (connection == nullptr || !connection->closing()) error = waiter.wait(deadline, report);
+    const JovuError error = waiter.wait(deadline, report);
     switch (error) {
         case JovuError::none:
             return report;

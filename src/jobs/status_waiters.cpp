@@ -18,6 +18,11 @@ StatusWaiters::Waiter::~Waiter() {
     all.erase(std::find(all.begin(), all.end(), this));
 }
 
+void StatusWaiters::Waiter::end() {
+    const MutexLock lock(waiters_.mutex_);
+    error_ = JovuError::disconnected;
+}
+
 JovuError StatusWaiters::Waiter::wait(Clock::time_point deadline, Report& report) {
     const MutexLock lock(waiters_.mutex_);
     for (;;) {

@@ -35,6 +35,10 @@ public:
         ///     response_timed_out.
         JovuError wait(Clock::time_point deadline, Report& report);
 
+        /// Makes wait() return disconnected, unless a report is there or the client is being shut
+        /// down.
+        void end();
+
     private:
         friend class StatusWaiters;
 
