@@ -330,7 +330,11 @@ void MainWindow::update_actions() {
     send_->setEnabled(controller && !controller->is_running_gcode());
     stop_waiting_->setEnabled(controller && controller->is_running_gcode());
     temperatures_->emphasise(controller);
-    if (closing_ && !jobs_.is_sending()) close();
+    // Queued: closing destroys the controllers, and the signal of one may have led here.
+    const auto close_now = [this] {
+        if (closing_ && !jobs_.is_sending()) close();
+    };
+    if (closing_) QMetaObject::invokeMethod(this, close_now, Qt::QueuedConnection);
 }
 
 void MainWindow::closeEvent(QCloseEvent* event) {
@@ -345,7 +349,7 @@ void MainWindow::closeEvent(QCloseEvent* event) {
             ending_trace_ = false;
             close();
         };
-        connect(traced_, &Controller::trace_ended, this, go_on);
+        connect(traced_, &Controller::trace_ended, this, go_on, Qt::QueuedConnection);
         QTimer::singleShot(kTraceEndLimit, this, go_on);
         trace_->setChecked(false);
     } else if (!ending_trace_) {
