@@ -90,6 +90,7 @@ MainWindow::MainWindow() {
     (new QVBoxLayout(centre))->addWidget(all);
     setCentralWidget(centre);
     summary_ = new QLabel;
+    summary_->setTextFormat(Qt::PlainText);  // a device chooses its strings
     statusBar()->addWidget(summary_);
     resize(1200, 820);
 
@@ -230,8 +231,9 @@ void MainWindow::controller_arrived(Controller* controller) {
     temperatures_->attach(controller, ControllerList::colour(controller->device()));
     connect(controller, &Controller::gcode_ended, this,
             [this, controller](const QString& line, unsigned status, const QString& error) {
-                log(controller->name(), error.isEmpty() ? tr("%1: status %2").arg(line).arg(status)
-                                                        : tr("%1: %2").arg(line, error));
+                log(controller->name(), error.isEmpty()
+                                            ? tr("%1: status %2").arg(line, QString::number(status))
+                                            : tr("%1: %2").arg(line, error));
             });
     connect(controller, &Controller::trace_began, this,
             [this, controller](int servo, double units_per_mm, double samples_per_second) {
@@ -272,6 +274,7 @@ void MainWindow::ask_before_abort() {
         QMessageBox::Question, tr("Abort the job?"),
         tr("Abort %1 on %2? It cannot be resumed.").arg(job->file, job->controller_name),
         QMessageBox::NoButton, this);
+    question->setTextFormat(Qt::PlainText);
     question->addButton(tr("Abort job"), QMessageBox::AcceptRole);
     question->addButton(tr("Keep printing"), QMessageBox::RejectRole);
     question->setAttribute(Qt::WA_DeleteOnClose);
