@@ -28,9 +28,12 @@ if(JOVU_STATIC)
 elseif(JOVU_WITH_STATIC)
   set(jovu_pc_requires_private "libusb-1.0 yajl zlib")
 endif()
-# Relative to the file's own place, so that the installed tree may be moved.
+# Relative to the file's own place, so that the installed tree may be moved. The folders may have been
+# given as absolute paths.
 file(RELATIVE_PATH jovu_pc_to_prefix
-  "${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_LIBDIR}/pkgconfig" "${CMAKE_INSTALL_PREFIX}")
+  "${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig" "${CMAKE_INSTALL_PREFIX}")
+file(RELATIVE_PATH jovu_pc_libdir "${CMAKE_INSTALL_PREFIX}" "${CMAKE_INSTALL_FULL_LIBDIR}")
+file(RELATIVE_PATH jovu_pc_includedir "${CMAKE_INSTALL_PREFIX}" "${CMAKE_INSTALL_FULL_INCLUDEDIR}")
 configure_file("${CMAKE_CURRENT_LIST_DIR}/jovu.pc.in" "${PROJECT_BINARY_DIR}/jovu.pc" @ONLY)
 install(FILES "${PROJECT_BINARY_DIR}/jovu.pc" DESTINATION "${CMAKE_INSTALL_LIBDIR}/pkgconfig")
 

@@ -7,7 +7,7 @@
 
 messages   Each message of the library and the program is in docs/troubleshooting.md, and each
            message there is in the sources.
-links      Each relative link of a Markdown file leads to a file and a heading.
+links      Each relative link of a Markdown file leads to a file and a heading; backticks are paired.
 code       The C++ blocks of README.md and docs/guide.md compile without a warning. A block is a
            file of its own; one that begins with ```cpp statements is the body of a function with a
            `JovuClient& client` and a `JovuDeviceAddress device`.
@@ -80,8 +80,18 @@ def pieces(text):
             yield piece
 
 
+SPAN = re.compile(r"(?<!`)(`+)(?!`)(.+?)(?<!`)\1(?!`)", re.S)  # closed by as many as open it
+
+
 def code_spans(markdown):
-    return [" ".join(span[1].split()) for span in re.findall(r"(`+)(.+?)\1", markdown, re.S)]
+    return [" ".join(span[1].split()) for span in SPAN.findall(markdown)]
+
+
+def broken_spans(markdown):
+    """The rows of tables and the paragraphs in which code is not closed as it was opened."""
+    for part in re.split(r"\n\n|\n(?=\|)", without_blocks(markdown)):
+        if "`" in SPAN.sub("", part) or any("`" in span for span in code_spans(part)):
+            yield " ".join(part.split())[:70]
 
 
 def check_messages():
@@ -148,7 +158,9 @@ def check_links():
              if not re.match(r"build|obj-|debian/|\.git/", str(page.relative_to(TOP)))]
     count = 0
     for page in pages:
-        text = re.sub(r"(`+).+?\1", "", without_blocks(page.read_text()), flags=re.S)
+        for part in broken_spans(page.read_text()):
+            yield f"{page.relative_to(TOP)}: an unpaired backtick: {part}"
+        text = SPAN.sub("", without_blocks(page.read_text()))
         for target in re.findall(r"\]\(\s*<?([^)\s>]+)", text) + re.findall(r'src="([^"]+)"', text):
             if re.match(r"[a-z]+:", target):
                 continue

@@ -18,14 +18,18 @@ commands() {
     jq -j --arg root "$PWD/" --arg files "$1" '.[] | select(.file | ltrimstr($root) | test($files))
  | "cd \(.directory | @sh) && \(.command)\u0000"' "$build_dir/compile_commands.json"
 }
-run() { xargs -0 -P "$(nproc)" -n 1 bash -c; }
+run() { xargs -0 -r -P "$(nproc)" -n 1 bash -c; }
+
+# Every source but those of the panel's test, which takes Qt; the release build compiles that.
+missing=$(comm -13 \
+    <(jq -r --arg root "$PWD/" '.[].file | ltrimstr($root)' "$build_dir/compile_commands.json" | sort) \
+    <(find tools sim tests -name '*.cpp' -not -path 'tests/public_headers/*' \
+        -not -path 'tests/panel/*' | sort))
+[[ -z $missing ]] || {
+    echo "check-standalone: the build does not compile: ${missing//$'\n'/ }" >&2
+    exit 1
+}
 
 commands '^build/.*/cmake_pch.hxx.cxx$' | run # precompiled headers
 commands '^(tools|sim|tests)/' | sed -z 's| -o [^ ]* -c | -fsyntax-only |' | run
-covered=$(commands '^(tools|sim|tests)/' | tr -cd '\0' | wc -c)
-sources=$(find tools sim tests -name '*.cpp' -not -path 'tests/public_headers/*' | wc -l)
-[[ $covered -ge $sources ]] || {
-    echo "check-standalone: the build compiles $covered of $sources sources" >&2
-    exit 1
-}
-echo "$sources sources"
+echo "$(commands '^(tools|sim|tests)/' | tr -cd '\0' | wc -c) sources"

@@ -49,6 +49,11 @@ void set_up(QChartView& view) {
     view.setMinimumSize(380, 210);
 }
 
+/// The name of a controller, which chooses it, for a legend, which reads HTML.
+QString legend_name(const Controller& controller) {
+    return controller.name().toHtmlEscaped();
+}
+
 /// Widens a range to whole steps of a size that gives a handful of labels.
 void fit(QValueAxis& axis, double low, double high, double smallest) {
     const double span = std::max(high - low, smallest);
@@ -75,7 +80,7 @@ TemperatureChart::TemperatureChart(QWidget* parent)
 
 void TemperatureChart::attach(Controller* controller, const QColor& colour) {
     curves_[controller] =
-        make_curve(*chart(), time_, temperature_, controller->name(), QPen(colour, 1.5));
+        make_curve(*chart(), time_, temperature_, legend_name(*controller), QPen(colour, 1.5));
 }
 
 void TemperatureChart::detach(Controller* controller) {
@@ -102,7 +107,7 @@ void TemperatureChart::refresh() {
             highest = std::max(highest, point.y());
         }
         curve.value()->replace(points);
-        curve.value()->setName(curve.key()->name());
+        curve.value()->setName(legend_name(*curve.key()));
     }
     fit(*temperature_, 0, highest, 50);
 }
@@ -133,7 +138,8 @@ void ServoChart::begin(Controller* controller, int servo, double units_per_mm,
     units_per_mm_ = units_per_mm;
     samples_per_second_ = samples_per_second > 0 ? samples_per_second : 1000;
     position_->setTitleText(units_per_mm > 0 ? tr("Position, mm") : tr("Position, native units"));
-    position_curve_->setName(tr("position of servo %1 of %2").arg(servo).arg(controller->name()));
+    position_curve_->setName(
+        tr("position of servo %1 of %2").arg(servo).arg(legend_name(*controller)));
     samples_.clear();
     controller->take_samples();
     draw();

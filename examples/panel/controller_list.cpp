@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "controller_list.h"
 
+#include <QTextDocument>
 #include <algorithm>
 #include <tuple>
 
@@ -196,8 +197,11 @@ QVariant ControllerList::text(const JovuDeviceInfo& device, int column) const {
 QVariant ControllerList::data(const QModelIndex& index, int role) const {
     const Controller* const controller = at(index);
     switch (role) {
+        case Qt::ToolTipRole: {  // rich text, but for a device's own strings
+            const QString plain = index.data().toString();
+            return plain.isEmpty() ? QVariant() : Qt::convertFromPlainText(plain);
+        }
         case Qt::DisplayRole:
-        case Qt::ToolTipRole:
             if (controller) return text(*controller, index.column());
             return text(refused_[static_cast<std::size_t>(index.row()) - controllers_.size()],
                         index.column());

@@ -3,6 +3,7 @@
 
 #include <QFileInfo>
 #include <QPainter>
+#include <QTextDocument>
 #include <algorithm>
 
 void JobList::attach(Controller* controller) {
@@ -171,7 +172,9 @@ int JobList::columnCount(const QModelIndex& parent) const {
 
 QVariant JobList::data(const QModelIndex& index, int role) const {
     const Job* const job = at(index);
-    if (job == nullptr || (role != Qt::DisplayRole && role != Qt::ToolTipRole)) return {};
+    // Rich text, but for the names of files and controllers.
+    if (job && role == Qt::ToolTipRole) return Qt::convertFromPlainText(index.data().toString());
+    if (job == nullptr || role != Qt::DisplayRole) return {};
     switch (index.column()) {
         case kFile:
             return job->file;

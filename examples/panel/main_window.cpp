@@ -90,6 +90,7 @@ MainWindow::MainWindow() {
     (new QVBoxLayout(centre))->addWidget(all);
     setCentralWidget(centre);
     summary_ = new QLabel;
+    summary_->setTextFormat(Qt::PlainText);  // a device chooses its strings
     statusBar()->addWidget(summary_);
     resize(1200, 820);
 
@@ -230,8 +231,9 @@ void MainWindow::controller_arrived(Controller* controller) {
     temperatures_->attach(controller, ControllerList::colour(controller->device()));
     connect(controller, &Controller::gcode_ended, this,
             [this, controller](const QString& line, unsigned status, const QString& error) {
-                log(controller->name(), error.isEmpty() ? tr("%1: status %2").arg(line).arg(status)
-                                                        : tr("%1: %2").arg(line, error));
+                log(controller->name(), error.isEmpty()
+                                            ? tr("%1: status %2").arg(line, QString::number(status))
+                                            : tr("%1: %2").arg(line, error));
             });
     connect(controller, &Controller::trace_began, this,
             [this, controller](int servo, double units_per_mm, double samples_per_second) {
@@ -272,6 +274,7 @@ void MainWindow::ask_before_abort() {
         QMessageBox::Question, tr("Abort the job?"),
         tr("Abort %1 on %2? It cannot be resumed.").arg(job->file, job->controller_name),
         QMessageBox::NoButton, this);
+    question->setTextFormat(Qt::PlainText);
     question->addButton(tr("Abort job"), QMessageBox::AcceptRole);
     question->addButton(tr("Keep printing"), QMessageBox::RejectRole);
     question->setAttribute(Qt::WA_DeleteOnClose);
@@ -330,7 +333,11 @@ void MainWindow::update_actions() {
     send_->setEnabled(controller && !controller->is_running_gcode());
     stop_waiting_->setEnabled(controller && controller->is_running_gcode());
     temperatures_->emphasise(controller);
-    if (closing_ && !jobs_.is_sending()) close();
+    // Queued: closing destroys the controllers, and the signal of one may have led here.
+    const auto close_now = [this] {
+        if (closing_ && !jobs_.is_sending()) close();
+    };
+    if (closing_) QMetaObject::invokeMethod(this, close_now, Qt::QueuedConnection);
 }
 
 void MainWindow::closeEvent(QCloseEvent* event) {
@@ -345,7 +352,7 @@ void MainWindow::closeEvent(QCloseEvent* event) {
             ending_trace_ = false;
             close();
         };
-        connect(traced_, &Controller::trace_ended, this, go_on);
+        connect(traced_, &Controller::trace_ended, this, go_on, Qt::QueuedConnection);
         QTimer::singleShot(kTraceEndLimit, this, go_on);
         trace_->setChecked(false);
     } else if (!ending_trace_) {

@@ -50,6 +50,7 @@ class PanelTest : public QObject {
     std::unique_ptr<MainWindow> window_;
     QTemporaryDir folder_;
     const QString job_ = folder_.filePath("bracket.gcode");
+    const QString large_ = folder_.filePath("large.gcode");
 
     template <class Widget>
     Widget* find(const char* name) const {
@@ -163,12 +164,11 @@ private slots:
     }
 
     void a_push_is_cancelled() {
-        const QString large = folder_.filePath("large.gcode");
-        QFile file(large);
+        QFile file(large_);
         QVERIFY(file.open(QFile::WriteOnly));
         QVERIFY(file.resize(8'000'000));
         select(0);
-        window_->push(large);
+        window_->push(large_);
         QTRY_VERIFY_WITH_TIMEOUT(cell("jobs", 0, JobList::kProgress).toDouble() > 1, kPatience);
         window_->close();
         QVERIFY(answer(false));
@@ -236,6 +236,25 @@ private slots:
         // The checksum of the cancelled push.
         QCOMPARE(test::protocol_violations(traced), 1);
         QCOMPARE(test::protocol_violations({1, 3}), 0);
+    }
+
+    void closing_cancels_a_push_also_of_a_controller_that_is_unplugged() {
+        for (const bool unplug : {false, true}) {
+            window_ = std::make_unique<MainWindow>();
+            window_->show();
+            QTRY_VERIFY_WITH_TIMEOUT(window_->selected(), kPatience);
+            const QString address = device_name(window_->selected()->device());
+            window_->push(large_);
+            QTRY_VERIFY_WITH_TIMEOUT(cell("jobs", 0, JobList::kProgress).toDouble() > 1, kPatience);
+            window_->close();
+            QVERIFY(answer(true));
+            QVERIFY(window_->isVisible());
+            if (unplug) test::sim("unplug " + address.toStdString());
+            QTRY_VERIFY_WITH_TIMEOUT(!window_->isVisible(), kPatience);
+            QVERIFY(window_->jobs().at(window_->jobs().index(0, 0))->phase ==
+                    JobList::Phase::ended);
+            window_.reset();
+        }
     }
 };
 

@@ -9,6 +9,7 @@ if [[ $# -eq 3 ]]; then
 fi
 jovu_sim=$1 jovu=$2 folder=$3
 failed=0
+export JOVU_DEVICE=1:3 # chooses for commands; -d can choose another one
 PATH=$(dirname "$jovu"):$(dirname "$jovu_sim"):$PATH
 
 "$jovu_sim" ctl 'plug serial=$(touch%20taken)' >/dev/null

@@ -128,7 +128,7 @@ std::string bash_completion(const Program& program) {
 
 )";
     if (!program.list_devices.empty()) {
-        script += f + "_devices() { # FIELD\n    timeout 2 \"${words[0]}\" " +
+        script += f + "_devices() { # FIELD\n    " + kListingOf + "\"${words[0]}\" " +
                   program.list_devices + " 2>/dev/null |\n        grep -oE \"\\\"$1\\\":\\\"" +
                   kSafeName + "\\\"\" | cut -d '\"' -f 4\n}\n\n";
     }

@@ -93,7 +93,7 @@ std::string fish_completion(const Program& program) {
     std::string script =
         "# fish completion for " + name + ". Written by the build from its table of commands.\n\n";
     if (!program.list_devices.empty()) {
-        script += "function " + f + "_devices # FIELD\n    timeout 2 " + name + " " +
+        script += "function " + f + "_devices # FIELD\n    " + kListingOf + name + " " +
                   program.list_devices + " 2>/dev/null | grep -oE '\"'$argv[1]'\":\"" + kSafeName +
                   "\"' | cut -d '\"' -f 4\nend\n\n";
     }

@@ -86,6 +86,10 @@ std::string fish_completion(const Program& program);
 /// characters that have a meaning for a shell is not offered.
 constexpr const char* kSafeName = "[A-Za-z0-9._:-]+";
 
+/// Before the program's name when a shell asks for the devices. The variable chooses one of them,
+/// for a command line without the option that is being completed.
+constexpr const char* kListingOf = "env -u JOVU_DEVICE timeout 2 ";
+
 /// @return the string in single quotes, for any of the shells.
 std::string single_quoted(const std::string& value);
 

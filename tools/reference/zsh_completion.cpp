@@ -109,10 +109,9 @@ std::string zsh_completion(const Program& program) {
     if (!program.list_devices.empty()) {
         script += f +
                   "_devices() { # OPTIONS-OF-COMPADD... FIELD\n    local -a names\n    "
-                  "names=(${(f)\"$(timeout 2 "
-                  "$program " +
-                  program.list_devices + " 2>/dev/null |\n        grep -oE \"\\\"$@[-1]\\\":\\\"" +
-                  kSafeName +
+                  "names=(${(f)\"$(" +
+                  kListingOf + "$program " + program.list_devices +
+                  " 2>/dev/null |\n        grep -oE \"\\\"$@[-1]\\\":\\\"" + kSafeName +
                   "\\\"\" | cut -d '\"' -f 4)\"})\n    compadd \"${@[1,-2]}\" -a names\n}\n\n";
     }
     if (!keys.empty()) {
