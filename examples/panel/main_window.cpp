@@ -121,6 +121,13 @@ MainWindow::MainWindow() {
 
 QWidget* MainWindow::make_controllers() {
     auto* const box = new QGroupBox(tr("Controllers"));
+    // Connected before the table, which would select another machine in place of one that leaves:
+    // that machine would get what was meant for this one.
+    connect(&controllers_, &QAbstractItemModel::rowsAboutToBeRemoved, this,
+            [this](const QModelIndex& /*parent*/, int first, int last) {
+                const int row = controller_table_->currentIndex().row();
+                if (row >= first && row <= last) controller_table_->selectionModel()->clear();
+            });
     controller_table_ = make_table(&controllers_, "controllers");
     QHeaderView* const header = controller_table_->horizontalHeader();
     header->resizeSection(ControllerList::kName, 140);
@@ -239,7 +246,10 @@ void MainWindow::controller_arrived(Controller* controller) {
             [this, controller](int servo, double units_per_mm, double samples_per_second) {
                 servo_chart_->begin(controller, servo, units_per_mm, samples_per_second);
             });
-    if (selected() == nullptr) controller_table_->selectRow(controllers_.row_of(controller));
+    // The only one is meant in any case.
+    if (controllers_.controllers().size() == 1) {
+        controller_table_->selectRow(controllers_.row_of(controller));
+    }
 }
 
 void MainWindow::controller_leaving(Controller* controller) {
@@ -254,13 +264,15 @@ void MainWindow::controller_leaving(Controller* controller) {
 }
 
 void MainWindow::choose_file() {
+    const QPointer<Controller> meant = selected();
     const QString path = QFileDialog::getOpenFileName(this, tr("Push a print job"), QString(),
                                                       tr("Gcode (*.gcode *.g);;All files (*)"));
-    if (!path.isEmpty()) push(path);
+    // The dialog took its time: another controller may have taken the place of the one that was
+    // meant.
+    if (!path.isEmpty() && meant && selected() == meant) push(path);
 }
 
 void MainWindow::push(const QString& path) {
-    // The dialog took its time: the controller may have been unplugged.
     Controller* const controller = selected();
     if (controller == nullptr || jobs_.current(controller)) return;
     jobs_.push(controller, path);
