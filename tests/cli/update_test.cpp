@@ -218,7 +218,7 @@ TEST_F(Update, IsNotBegunWhenItCannotEndWell) {
         {content_, "serial=-\"%20serial=\"X", chosen, 4, "cannot tell the devices in DFU mode ap"},
         {content_, "name=x\",%20serial=\"B\"%0Ax", chosen, 4, "cannot tell the devices in DFU mo"},
         {content_, "vendor=1209 serial=X", "--serial X", 3, "of another vendor: in DFU mode X "},
-        {content_, "serial=A-B", "--serial A-B", 3, "must be of letters and digits"},
+        {content_, "serial=A-B", "--serial A-B", 3, "must be alphanumeric"},
         {content_, "serial=X", "--serial NONE", 3, "no device with serial number NONE"},
         {content_, "", chosen + " --serial X", 2, "--device excludes --serial"},
         {content_, "serial=X", "-d 7:7", 3, "no such device: 7:7"},

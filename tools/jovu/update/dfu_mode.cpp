@@ -83,7 +83,7 @@ std::string dfu_device_name(const ListedDevice& device) {
 void check_serial(const ListedDevice& device) {
     if (!is_word(device.id.serial)) {
         throw Failure(ExitCode::no_device, "cannot choose the device " + dfu_device_name(device) +
-                                               ": its serial number must be of letters and digits");
+                                               ": its serial number must be alphanumeric");
     }
 }
 
