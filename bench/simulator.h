@@ -1,0 +1,30 @@
+// SPDX-License-Identifier: Apache-2.0
+
+/// @file
+/// Requests to the simulator on whose bus the benchmark runs.
+#pragma once
+
+#include <cstddef>
+#include <string>
+#include <vector>
+
+#include "program.h"
+
+namespace bench {
+
+/// Sends a request. @return what follows "ok ".
+/// @throws std::runtime_error with the simulator's reason.
+std::string control(const std::string& request);
+
+std::string to_string(Address address);
+
+/// Plugs a controller in.
+Address plug();
+
+/// Leaves that many new controllers on the bus, and no other device.
+std::vector<Address> plug_anew(std::size_t count);
+
+/// @return whether the last push to a controller arrived with the announced checksum.
+bool push_verified(Address address);
+
+}  // namespace bench
