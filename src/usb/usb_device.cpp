@@ -16,14 +16,6 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-/// Throws what a failed libusb call on a device means.
-[[noreturn]] void fail_opening(int result, const char* message) {
-    if (result == LIBUSB_ERROR_NO_DEVICE) throw DeviceGone(message, JovuError::disconnected);
-    throw JovuException(message, result == LIBUSB_ERROR_ACCESS ? JovuError::not_permitted
-                                 : result == LIBUSB_ERROR_BUSY ? JovuError::busy
-                                                               : JovuError::usb_unavailable);
-}
-
 JovuError error_of(int libusb_error) noexcept {
     switch (libusb_error) {
         case LIBUSB_ERROR_NO_DEVICE:
@@ -48,48 +40,15 @@ JovuError error_of(int libusb_error) noexcept {
 
 }  // namespace
 
-UsbDevice::UsbDevice(Context context, JovuDeviceAddress address, std::atomic<bool>& cleanup_pending)
+UsbDevice::UsbDevice(Context context, libusb_device* device, JovuDeviceAddress address,
+                     ClaimedHandle handle, std::atomic<bool>& cleanup_pending)
     : Connection(address),
       context_(std::move(context)),
       raw_context_(context_.get()),
       cleanup_pending_(cleanup_pending),
+      device_(libusb_ref_device(device)),
+      handle_(std::move(handle)),
       transfers_{ReceiveTransfer(0, *this), ReceiveTransfer(1, *this)} {}
-
-std::shared_ptr<UsbDevice> UsbDevice::open(Context context, std::uint16_t vendor_id,
-                                           std::uint16_t product_id, JovuDeviceAddress address,
-                                           std::atomic<bool>& cleanup_pending) {
-    auto device = std::make_shared<UsbDevice>(std::move(context), address, cleanup_pending);
-    device->claim(vendor_id, product_id);
-    return device;
-}
-
-void UsbDevice::claim(std::uint16_t vendor_id, std::uint16_t product_id) {
-    const DeviceList list(context_);
-    if (!list) throw JovuException("Failed to get libusb device list.", JovuError::usb_unavailable);
-    for (libusb_device* device : list) {
-        libusb_device_descriptor descriptor{};
-        if (libusb_get_device_descriptor(device, &descriptor) < 0) {
-            throw JovuException("Failed to get libusb device descriptor.",
-                                JovuError::usb_unavailable);
-        }
-        if (descriptor.idVendor != vendor_id || descriptor.idProduct != product_id ||
-            libusb_get_bus_number(device) != address().bus ||
-            libusb_get_device_address(device) != address().address) {
-            continue;
-        }
-        libusb_device_handle* raw = nullptr;
-        int result = libusb_open(device, &raw);
-        if (result < 0) fail_opening(result, "Failed to open libusb device.");
-        Handle handle(raw);
-        result = libusb_claim_interface(raw, kClaimedInterface);
-        if (result < 0) fail_opening(result, "Failed to claim libusb device.");
-        handle_ = std::move(handle);
-        device_.reset(libusb_ref_device(device));
-        open_ = true;
-        return;
-    }
-    throw DeviceGone("Failed to find desired device.", JovuError::disconnected);
-}
 
 bool UsbDevice::received(std::size_t interface, unsigned char* data, unsigned int length) noexcept {
     return client_list().dispatch(interface, data, length, address());
@@ -270,7 +229,6 @@ void UsbDevice::close_handle() noexcept {
         for (ReceiveTransfer& transfer : transfers_)
             transfer.free();
         send_transfer_.free();
-        libusb_release_interface(handle_.get(), kClaimedInterface);
         handle_.reset();
         context_.reset();
     }
