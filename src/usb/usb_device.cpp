@@ -10,6 +10,7 @@
 
 #include "base/never_destroyed.h"
 #include "usb/client_list.h"
+#include "usb/event_turn.h"
 
 namespace jovu {
 namespace {
@@ -32,6 +33,22 @@ JovuError error_of(int libusb_error) noexcept {
             return JovuError::transfer_failed;
     }
 }
+
+/// The event turn for a scope, if it is wanted and free.
+class HeldTurn {
+public:
+    HeldTurn(bool wanted, const Context& context) : held_(wanted && event_turn().take(context)) {}
+    ~HeldTurn() {
+        if (held_) event_turn().give_back();
+    }
+    HeldTurn(const HeldTurn&) = delete;
+    HeldTurn& operator=(const HeldTurn&) = delete;
+
+    explicit operator bool() const noexcept { return held_; }
+
+private:
+    const bool held_;
+};
 
 [[noreturn]] void fail_sending(int libusb_error) {
     throw JovuException("Send failed - libusb error: " + std::to_string(libusb_error),
@@ -73,7 +90,7 @@ void UsbDevice::check_writable(std::uint32_t interface) const {
         throw JovuException("Send failed - interface invalid.", JovuError::rejected);
 }
 
-void UsbDevice::write(std::initializer_list<Piece> pieces, std::uint32_t interface) {
+void UsbDevice::write(std::initializer_list<Piece> pieces, std::uint32_t interface, Follow follow) {
     check_writable(interface);
     if (ClientList::in_callback()) {
         // In libusb's event handling a synchronous transfer is refused; in a notification it might
@@ -88,17 +105,17 @@ void UsbDevice::write(std::initializer_list<Piece> pieces, std::uint32_t interfa
     check_writable(interface);
     // A close that a callback orders meanwhile is carried out after the last piece.
     for (const Piece& piece : pieces)
-        send(kSendEndpoint[interface], piece);
+        send(kSendEndpoint[interface], piece, follow);
 }
 
-void UsbDevice::send(std::uint8_t endpoint, const Piece& piece) {
+void UsbDevice::send(std::uint8_t endpoint, const Piece& piece, Follow follow) {
     unsigned int offset = 0;
     unsigned int retries = 0;
     unsigned int empty = 0;
     while (offset < piece.length) {
         const int size = static_cast<int>(std::min<unsigned int>(piece.length - offset, INT_MAX));
         int transferred = 0;
-        const int result = transfer(endpoint, piece.data + offset, size, transferred);
+        const int result = transfer(endpoint, piece.data + offset, size, follow, transferred);
         // A timed-out transfer may have moved some bytes. They are sent again: the retry repeats
         // the transfer as it was.
         const bool passing = result == LIBUSB_ERROR_TIMEOUT || result == LIBUSB_ERROR_BUSY;
@@ -116,7 +133,7 @@ void UsbDevice::send(std::uint8_t endpoint, const Piece& piece) {
 }
 
 /// @return as libusb_bulk_transfer() does.
-int UsbDevice::transfer(std::uint8_t endpoint, const unsigned char* data, int size,
+int UsbDevice::transfer(std::uint8_t endpoint, const unsigned char* data, int size, Follow follow,
                         int& transferred) {
     // A device whose transfer was not given back takes nothing more.
     if (kept_by != nullptr) fail_sending(LIBUSB_ERROR_BUSY);
@@ -124,8 +141,12 @@ int UsbDevice::transfer(std::uint8_t endpoint, const unsigned char* data, int si
     if (result != 0) return result;
     const Clock::duration limit = std::chrono::milliseconds(kSendTimeoutMs) + kDrainLimit;
     const Clock::duration longest_wait = kSenderReliance + kSenderEventWait;
+    const HeldTurn turn(follow == Follow::writes, context_);
+    const auto wait = [&] {
+        return turn ? send_transfer_.wait_handling(context_) : send_transfer_.wait(context_);
+    };
     auto left = limit;
-    for (auto begin = Clock::now(); !send_transfer_.wait(context_); begin = Clock::now()) {
+    for (auto begin = Clock::now(); !wait(); begin = Clock::now()) {
         // A client that is busy with received data delays all event handling. On this thread it
         // has prolonged the wait.
         left -= std::min(Clock::now() - begin, longest_wait);

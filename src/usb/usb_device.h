@@ -38,7 +38,9 @@ public:
     /// The device is closed by now.
     ~UsbDevice() override = default;
 
-    void write(std::initializer_list<Piece> pieces, std::uint32_t interface) override;
+    using Connection::write;
+    void write(std::initializer_list<Piece> pieces, std::uint32_t interface,
+               Follow follow) override;
 
     /// Makes the device known by @p enter, starts receiving and notifies the clients that it is
     /// connected. Writes and closes by other threads wait until that is done. When receiving cannot
@@ -119,8 +121,9 @@ private:
     void close_handle() noexcept;
     [[noreturn]] void fail_not_open() const;
     void check_writable(std::uint32_t interface) const;
-    void send(std::uint8_t endpoint, const Piece& piece);
-    int transfer(std::uint8_t endpoint, const unsigned char* data, int size, int& transferred);
+    void send(std::uint8_t endpoint, const Piece& piece, Follow follow);
+    int transfer(std::uint8_t endpoint, const unsigned char* data, int size, Follow follow,
+                 int& transferred);
 
     Context context_;  ///< Released with the handle: the last reference leaves libusb.
     libusb_context* const raw_context_;

@@ -9,6 +9,7 @@
 #include "base/log.h"
 #include "usb/attached_device.h"
 #include "usb/client_list.h"
+#include "usb/event_turn.h"
 #include "usb/usb_backend.h"
 
 namespace jovu {
@@ -33,7 +34,8 @@ public:
                 if (!backend_._run_device_hotplug_thread) return;
             }
             const bool retry = until_scan() == milliseconds(0) || backend_.cleanup_pending;
-            handle_events(context_, retry ? kRetryPeriod : until_scan(), nullptr);
+            if (!event_turn().stand_aside())
+                handle_events(context_, retry ? kRetryPeriod : until_scan(), nullptr);
             clients_.rethrow_error();
             if (backend_.cleanup_pending.exchange(false)) clean_up();
         }
