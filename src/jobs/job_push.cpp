@@ -129,7 +129,7 @@ private:
         try {
             connection_->write(
                 {{static_cast<const unsigned char*>(data), static_cast<unsigned int>(size)}},
-                JovuUsb::JOVU_USB_INTERFACE_JOBS);
+                JovuUsb::JOVU_USB_INTERFACE_JOBS, jovu::Connection::Follow::writes);
         } catch (const JovuException&) {
             check_open();  // A shutdown that stops the USB backend closes the device first.
             throw;

@@ -25,6 +25,13 @@ public:
         unsigned int length;        ///< Bytes; with 0 nothing is sent.
     };
 
+    enum class Follow {
+        nothing,
+        /// The calling thread may then handle libusb's events, and so dispatch received data, while
+        /// it waits.
+        writes,
+    };
+
     virtual ~Connection() = default;
     Connection(const Connection&) = delete;
     Connection& operator=(const Connection&) = delete;
@@ -49,8 +56,15 @@ public:
     /// them, and returns when the device has taken them all. Writes to other devices go on
     /// meanwhile. Fails at once, as busy, on a thread that is in a callback of the backend.
     /// @param interface number of the interface, see JovuUsb::jovu_usb_interface_t.
+    /// @param follow whether further writes follow at once.
     /// @throws JovuException "Send failed - ..."; bytes already sent stay sent.
-    virtual void write(std::initializer_list<Piece> pieces, std::uint32_t interface) = 0;
+    virtual void write(std::initializer_list<Piece> pieces, std::uint32_t interface,
+                       Follow follow) = 0;
+
+    /// As above, for a write that stands alone.
+    void write(std::initializer_list<Piece> pieces, std::uint32_t interface) {
+        write(pieces, interface, Follow::nothing);
+    }
 
 protected:
     explicit Connection(JovuDeviceAddress address) : address_(address) {}

@@ -21,6 +21,14 @@ CurrentContext& process_context() {
     return current.get();
 }
 
+int LIBUSB_CALL bus_changed(libusb_context* context, libusb_device* /*device*/,
+                            libusb_hotplug_event /*event*/, void* flag) noexcept {
+    static_cast<std::atomic<bool>*>(flag)->store(true);
+    // The thread that reads the flag may be waiting while this one handles events.
+    interrupt_event_handling(context);
+    return 0;
+}
+
 }  // namespace
 
 Context acquire_context() {
@@ -50,6 +58,32 @@ void handle_events(const Context& context, std::chrono::milliseconds limit, int*
 
 void interrupt_event_handling(libusb_context* context) noexcept {
     libusb_interrupt_event_handler(context);
+}
+
+void ClaimedHandleClose::operator()(libusb_device_handle* handle) const noexcept {
+    libusb_release_interface(handle, kClaimedInterface);
+    libusb_close(handle);
+}
+
+int open_and_claim(libusb_device* device, ClaimedHandle& claimed) noexcept {
+    libusb_device_handle* raw = nullptr;
+    if (const int result = libusb_open(device, &raw); result < 0) return result;
+    Handle handle(raw);
+    const int result = libusb_claim_interface(raw, kClaimedInterface);
+    if (result >= 0) claimed.reset(handle.release());
+    return result;
+}
+
+HotplugNotice::HotplugNotice(Context context, std::atomic<bool>& flag) noexcept
+    : context_(std::move(context)),
+      registered_(libusb_hotplug_register_callback(
+                      context_.get(),
+                      LIBUSB_HOTPLUG_EVENT_DEVICE_ARRIVED | LIBUSB_HOTPLUG_EVENT_DEVICE_LEFT, 0,
+                      JOVU_USB_VENDOR_ID, kProductOpened, LIBUSB_HOTPLUG_MATCH_ANY, bus_changed,
+                      &flag, &handle_) == LIBUSB_SUCCESS) {}
+
+HotplugNotice::~HotplugNotice() {
+    if (registered_) libusb_hotplug_deregister_callback(context_.get(), handle_);
 }
 
 DeviceList::DeviceList(Context context) noexcept

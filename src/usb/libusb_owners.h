@@ -7,6 +7,7 @@
 
 #include <libusb.h>
 
+#include <atomic>
 #include <chrono>
 #include <cstddef>
 #include <memory>
@@ -44,11 +45,39 @@ struct HandleClose {
 /// An open device handle.
 using Handle = std::unique_ptr<libusb_device_handle, HandleClose>;
 
+struct ClaimedHandleClose {
+    void operator()(libusb_device_handle* handle) const noexcept;
+};
+/// A handle with kClaimedInterface claimed.
+using ClaimedHandle = std::unique_ptr<libusb_device_handle, ClaimedHandleClose>;
+
+/// Opens a device and claims its interface.
+/// @param claimed receives the handle; stays as it is on failure.
+/// @return 0 or libusb's error.
+int open_and_claim(libusb_device* device, ClaimedHandle& claimed) noexcept;
+
 struct TransferFree {
     void operator()(libusb_transfer* transfer) const noexcept { libusb_free_transfer(transfer); }
 };
 /// A transfer, which must not be in flight when it is freed.
 using Transfer = std::unique_ptr<libusb_transfer, TransferFree>;
+
+/// Sets a flag, and ends the event wait that is going on, when a controller arrives or leaves.
+/// Where libusb cannot tell, it never does.
+class HotplugNotice {
+public:
+    /// @param flag set on the thread that handles events, and perhaps once more after the notice
+    ///     has been destroyed; outlives the context.
+    HotplugNotice(Context context, std::atomic<bool>& flag) noexcept;
+    ~HotplugNotice();
+    HotplugNotice(const HotplugNotice&) = delete;
+    HotplugNotice& operator=(const HotplugNotice&) = delete;
+
+private:
+    const Context context_;
+    libusb_hotplug_callback_handle handle_ = 0;
+    const bool registered_;
+};
 
 /// A fresh enumeration of the bus.
 class DeviceList {

@@ -28,6 +28,16 @@ bool SendTransfer::wait(const Context& context) {
     if (wait_for_completion()) return true;
     if (libusb_event_handler_active(context.get()) == 0)
         handle_events(context, kSenderEventWait, &done_);
+    return is_back();
+}
+
+bool SendTransfer::wait_handling(const Context& context) {
+    if (is_back()) return true;
+    handle_events(context, kSenderEventWait, &done_);
+    return is_back();
+}
+
+bool SendTransfer::is_back() {
     const MutexLock lock(mutex_);
     return done_ != 0;
 }

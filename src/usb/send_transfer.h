@@ -36,6 +36,9 @@ public:
     /// @return true once the transfer is back, or was never submitted.
     bool wait(const Context& context);
 
+    /// The same for a sender that has the event turn: handles events on this thread.
+    bool wait_handling(const Context& context);
+
     /// @param transferred receives the bytes that the device took.
     /// @return 0 or a libusb error, as libusb_bulk_transfer() would.
     /// @pre the transfer is back.
@@ -49,6 +52,7 @@ private:
     static void LIBUSB_CALL completed(libusb_transfer* transfer) noexcept;
 
     bool wait_for_completion();
+    bool is_back();
     void set_done(int done) noexcept;
 
     Transfer transfer_;

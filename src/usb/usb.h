@@ -16,8 +16,9 @@
 
 /// The backend's state is process-wide (usb_backend.h), its devices are UsbDevice objects.
 ///
-/// The backend runs while at least one client is registered: a watcher thread scans the bus every
-/// 500 ms, opens and closes devices, and runs libusb's event handling in between.
+/// The backend runs while at least one client is registered: a watcher thread scans the bus when
+/// a controller arrives or leaves and every 500 ms, opens and closes devices, and runs libusb's
+/// event handling in between.
 class JovuUsb {
 public:
     /// Interface numbers of a device, and so its channels.

@@ -67,8 +67,8 @@ struct UsbBackend {
 
     UnopenedDevices unopened;
 
-    /// Set when the watcher is to scan before its period has passed; goes with an interrupt of its
-    /// event wait.
+    /// Set when the watcher is to scan before its period has passed, by hot-plug or by a request;
+    /// goes with an interrupt of its event wait.
     std::atomic<bool> scan_requested{false};
 
     /// Set when the watcher has devices to close or to remove before the next scan. An ordered

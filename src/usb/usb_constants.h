@@ -45,6 +45,10 @@ inline constexpr std::chrono::milliseconds kSenderReliance{5};
 /// Longest event wait of a sender; its own completion ends it earlier.
 inline constexpr std::chrono::milliseconds kSenderEventWait{100};
 
+/// How long the watcher leaves event handling to a sender before it looks whether that still
+/// handles events; the longest time that nobody does.
+inline constexpr std::chrono::milliseconds kAsideSlice{2};
+
 /// Event wait of the watcher while a scan is due but paused, and while a device cannot be closed
 /// yet.
 inline constexpr std::chrono::milliseconds kRetryPeriod{10};

@@ -10,19 +10,12 @@
 
 #include "base/never_destroyed.h"
 #include "usb/client_list.h"
+#include "usb/event_turn.h"
 
 namespace jovu {
 namespace {
 
 using Clock = std::chrono::steady_clock;
-
-/// Throws what a failed libusb call on a device means.
-[[noreturn]] void fail_opening(int result, const char* message) {
-    if (result == LIBUSB_ERROR_NO_DEVICE) throw DeviceGone(message, JovuError::disconnected);
-    throw JovuException(message, result == LIBUSB_ERROR_ACCESS ? JovuError::not_permitted
-                                 : result == LIBUSB_ERROR_BUSY ? JovuError::busy
-                                                               : JovuError::usb_unavailable);
-}
 
 JovuError error_of(int libusb_error) noexcept {
     switch (libusb_error) {
@@ -41,6 +34,22 @@ JovuError error_of(int libusb_error) noexcept {
     }
 }
 
+/// The event turn for a scope, if it is wanted and free.
+class HeldTurn {
+public:
+    HeldTurn(bool wanted, const Context& context) : held_(wanted && event_turn().take(context)) {}
+    ~HeldTurn() {
+        if (held_) event_turn().give_back();
+    }
+    HeldTurn(const HeldTurn&) = delete;
+    HeldTurn& operator=(const HeldTurn&) = delete;
+
+    explicit operator bool() const noexcept { return held_; }
+
+private:
+    const bool held_;
+};
+
 [[noreturn]] void fail_sending(int libusb_error) {
     throw JovuException("Send failed - libusb error: " + std::to_string(libusb_error),
                         error_of(libusb_error));
@@ -48,48 +57,15 @@ JovuError error_of(int libusb_error) noexcept {
 
 }  // namespace
 
-UsbDevice::UsbDevice(Context context, JovuDeviceAddress address, std::atomic<bool>& cleanup_pending)
+UsbDevice::UsbDevice(Context context, libusb_device* device, JovuDeviceAddress address,
+                     ClaimedHandle handle, std::atomic<bool>& cleanup_pending)
     : Connection(address),
       context_(std::move(context)),
       raw_context_(context_.get()),
       cleanup_pending_(cleanup_pending),
+      device_(libusb_ref_device(device)),
+      handle_(std::move(handle)),
       transfers_{ReceiveTransfer(0, *this), ReceiveTransfer(1, *this)} {}
-
-std::shared_ptr<UsbDevice> UsbDevice::open(Context context, std::uint16_t vendor_id,
-                                           std::uint16_t product_id, JovuDeviceAddress address,
-                                           std::atomic<bool>& cleanup_pending) {
-    auto device = std::make_shared<UsbDevice>(std::move(context), address, cleanup_pending);
-    device->claim(vendor_id, product_id);
-    return device;
-}
-
-void UsbDevice::claim(std::uint16_t vendor_id, std::uint16_t product_id) {
-    const DeviceList list(context_);
-    if (!list) throw JovuException("Failed to get libusb device list.", JovuError::usb_unavailable);
-    for (libusb_device* device : list) {
-        libusb_device_descriptor descriptor{};
-        if (libusb_get_device_descriptor(device, &descriptor) < 0) {
-            throw JovuException("Failed to get libusb device descriptor.",
-                                JovuError::usb_unavailable);
-        }
-        if (descriptor.idVendor != vendor_id || descriptor.idProduct != product_id ||
-            libusb_get_bus_number(device) != address().bus ||
-            libusb_get_device_address(device) != address().address) {
-            continue;
-        }
-        libusb_device_handle* raw = nullptr;
-        int result = libusb_open(device, &raw);
-        if (result < 0) fail_opening(result, "Failed to open libusb device.");
-        Handle handle(raw);
-        result = libusb_claim_interface(raw, kClaimedInterface);
-        if (result < 0) fail_opening(result, "Failed to claim libusb device.");
-        handle_ = std::move(handle);
-        device_.reset(libusb_ref_device(device));
-        open_ = true;
-        return;
-    }
-    throw DeviceGone("Failed to find desired device.", JovuError::disconnected);
-}
 
 bool UsbDevice::received(std::size_t interface, unsigned char* data, unsigned int length) noexcept {
     return client_list().dispatch(interface, data, length, address());
@@ -114,7 +90,7 @@ void UsbDevice::check_writable(std::uint32_t interface) const {
         throw JovuException("Send failed - interface invalid.", JovuError::rejected);
 }
 
-void UsbDevice::write(std::initializer_list<Piece> pieces, std::uint32_t interface) {
+void UsbDevice::write(std::initializer_list<Piece> pieces, std::uint32_t interface, Follow follow) {
     check_writable(interface);
     if (ClientList::in_callback()) {
         // In libusb's event handling a synchronous transfer is refused; in a notification it might
@@ -129,17 +105,17 @@ void UsbDevice::write(std::initializer_list<Piece> pieces, std::uint32_t interfa
     check_writable(interface);
     // A close that a callback orders meanwhile is carried out after the last piece.
     for (const Piece& piece : pieces)
-        send(kSendEndpoint[interface], piece);
+        send(kSendEndpoint[interface], piece, follow);
 }
 
-void UsbDevice::send(std::uint8_t endpoint, const Piece& piece) {
+void UsbDevice::send(std::uint8_t endpoint, const Piece& piece, Follow follow) {
     unsigned int offset = 0;
     unsigned int retries = 0;
     unsigned int empty = 0;
     while (offset < piece.length) {
         const int size = static_cast<int>(std::min<unsigned int>(piece.length - offset, INT_MAX));
         int transferred = 0;
-        const int result = transfer(endpoint, piece.data + offset, size, transferred);
+        const int result = transfer(endpoint, piece.data + offset, size, follow, transferred);
         // A timed-out transfer may have moved some bytes. They are sent again: the retry repeats
         // the transfer as it was.
         const bool passing = result == LIBUSB_ERROR_TIMEOUT || result == LIBUSB_ERROR_BUSY;
@@ -157,7 +133,7 @@ void UsbDevice::send(std::uint8_t endpoint, const Piece& piece) {
 }
 
 /// @return as libusb_bulk_transfer() does.
-int UsbDevice::transfer(std::uint8_t endpoint, const unsigned char* data, int size,
+int UsbDevice::transfer(std::uint8_t endpoint, const unsigned char* data, int size, Follow follow,
                         int& transferred) {
     // A device whose transfer was not given back takes nothing more.
     if (kept_by != nullptr) fail_sending(LIBUSB_ERROR_BUSY);
@@ -165,8 +141,12 @@ int UsbDevice::transfer(std::uint8_t endpoint, const unsigned char* data, int si
     if (result != 0) return result;
     const Clock::duration limit = std::chrono::milliseconds(kSendTimeoutMs) + kDrainLimit;
     const Clock::duration longest_wait = kSenderReliance + kSenderEventWait;
+    const HeldTurn turn(follow == Follow::writes, context_);
+    const auto wait = [&] {
+        return turn ? send_transfer_.wait_handling(context_) : send_transfer_.wait(context_);
+    };
     auto left = limit;
-    for (auto begin = Clock::now(); !send_transfer_.wait(context_); begin = Clock::now()) {
+    for (auto begin = Clock::now(); !wait(); begin = Clock::now()) {
         // A client that is busy with received data delays all event handling. On this thread it
         // has prolonged the wait.
         left -= std::min(Clock::now() - begin, longest_wait);
@@ -270,7 +250,6 @@ void UsbDevice::close_handle() noexcept {
         for (ReceiveTransfer& transfer : transfers_)
             transfer.free();
         send_transfer_.free();
-        libusb_release_interface(handle_.get(), kClaimedInterface);
         handle_.reset();
         context_.reset();
     }

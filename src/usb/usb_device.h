@@ -21,11 +21,6 @@
 
 namespace jovu {
 
-/// The device was unplugged while it was being opened.
-class DeviceGone : public JovuException {
-    using JovuException::JovuException;
-};
-
 /// A device that the backend has opened, with receiving on both channels.
 ///
 /// Closing has two steps. The first notifies the clients, after which nothing new is sent; the
@@ -35,20 +30,17 @@ class UsbDevice final : public Connection,
                         public std::enable_shared_from_this<UsbDevice>,
                         private ReceiveSink {
 public:
-    /// Opens a device.
+    /// A device that has been opened; connect() makes a connection of it. Shared from the start.
     /// @param cleanup_pending set when the watcher has to look at the device; outlives it.
-    /// @throws JovuException when it cannot be found, opened or claimed, DeviceGone if it has been
-    ///     unplugged.
-    static std::shared_ptr<UsbDevice> open(Context context, std::uint16_t vendor_id,
-                                           std::uint16_t product_id, JovuDeviceAddress address,
-                                           std::atomic<bool>& cleanup_pending);
-
-    /// For open() alone.
-    UsbDevice(Context context, JovuDeviceAddress address, std::atomic<bool>& cleanup_pending);
+    /// @throws JovuException when a transfer cannot be allocated.
+    UsbDevice(Context context, libusb_device* device, JovuDeviceAddress address,
+              ClaimedHandle handle, std::atomic<bool>& cleanup_pending);
     /// The device is closed by now.
     ~UsbDevice() override = default;
 
-    void write(std::initializer_list<Piece> pieces, std::uint32_t interface) override;
+    using Connection::write;
+    void write(std::initializer_list<Piece> pieces, std::uint32_t interface,
+               Follow follow) override;
 
     /// Makes the device known by @p enter, starts receiving and notifies the clients that it is
     /// connected. Writes and closes by other threads wait until that is done. When receiving cannot
@@ -120,7 +112,6 @@ private:
                   unsigned int length) noexcept override;
     void receive_failed() noexcept override;
 
-    void claim(std::uint16_t vendor_id, std::uint16_t product_id);
     /// @return the result of the first submission that failed, or 0.
     int notify_connected() JOVU_REQUIRES(notify_mutex_);
     void end_failed_start(int result) noexcept;
@@ -130,14 +121,15 @@ private:
     void close_handle() noexcept;
     [[noreturn]] void fail_not_open() const;
     void check_writable(std::uint32_t interface) const;
-    void send(std::uint8_t endpoint, const Piece& piece);
-    int transfer(std::uint8_t endpoint, const unsigned char* data, int size, int& transferred);
+    void send(std::uint8_t endpoint, const Piece& piece, Follow follow);
+    int transfer(std::uint8_t endpoint, const unsigned char* data, int size, Follow follow,
+                 int& transferred);
 
     Context context_;  ///< Released with the handle: the last reference leaves libusb.
     libusb_context* const raw_context_;
     std::atomic<bool>& cleanup_pending_;
     DeviceRef device_;
-    Handle handle_;  ///< Guarded by write_lock_ once the device is open.
+    ClaimedHandle handle_;  ///< Guarded by write_lock_ once the device is open.
     std::array<ReceiveTransfer, kInterfaceCount> transfers_;
     SendTransfer send_transfer_;  ///< Used with write_lock_ held.
 
@@ -147,7 +139,7 @@ private:
     /// Held for the connected notification, and for the first step of a close.
     Mutex notify_mutex_;
     bool connected_notified_ JOVU_GUARDED_BY(notify_mutex_) = false;
-    std::atomic<bool> open_{false};
+    std::atomic<bool> open_{true};
     std::atomic<bool> close_begun_{false};
     std::atomic<bool> disconnect_notified_{false};  ///< Or none is to be made.
     std::atomic<bool> closed_{false};

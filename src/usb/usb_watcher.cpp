@@ -3,11 +3,13 @@
 #include <chrono>
 #include <memory>
 #include <optional>
+#include <utility>
 #include <vector>
 
 #include "base/log.h"
 #include "usb/attached_device.h"
 #include "usb/client_list.h"
+#include "usb/event_turn.h"
 #include "usb/usb_backend.h"
 
 namespace jovu {
@@ -19,7 +21,8 @@ using std::chrono::milliseconds;
 /// for a write in progress, so that a device that takes no data delays no other one.
 class Watcher {
 public:
-    explicit Watcher(const Context& context) : context_(context) {}
+    explicit Watcher(const Context& context)
+        : context_(context), notice_(context, backend_.scan_requested) {}
 
     void run() {
         while (backend_._run_device_hotplug_thread) {
@@ -31,7 +34,8 @@ public:
                 if (!backend_._run_device_hotplug_thread) return;
             }
             const bool retry = until_scan() == milliseconds(0) || backend_.cleanup_pending;
-            handle_events(context_, retry ? kRetryPeriod : until_scan(), nullptr);
+            if (!event_turn().stand_aside())
+                handle_events(context_, retry ? kRetryPeriod : until_scan(), nullptr);
             clients_.rethrow_error();
             if (backend_.cleanup_pending.exchange(false)) clean_up();
         }
@@ -89,28 +93,14 @@ private:
                 keep_unopened(device, *before);
             return;
         }
-        if (const int error = probe(device); error < 0) {
+        ClaimedHandle handle;
+        if (const int error = open_and_claim(device, handle); error < 0) {
             found_unopened(device, descriptor, state_after(error));
             return;
         }
-        try {
-            backend_.add(UsbDevice::open(context_, JOVU_USB_VENDOR_ID, kProductOpened, address,
-                                         backend_.cleanup_pending));
-        } catch (const DeviceGone&) {
-            // Unplugged between the probe and the opening, which is no reason to stop watching.
-            return;
-        }
+        backend_.add(std::make_shared<UsbDevice>(context_, device, address, std::move(handle),
+                                                 backend_.cleanup_pending));
         seen.push_back(address);
-    }
-
-    /// @return 0 when the device can be opened and claimed now, else libusb's error.
-    static int probe(libusb_device* device) {
-        libusb_device_handle* raw = nullptr;
-        if (const int result = libusb_open(device, &raw); result < 0) return result;
-        const Handle handle(raw);
-        const int result = libusb_claim_interface(raw, kClaimedInterface);
-        if (result >= 0) libusb_release_interface(raw, kClaimedInterface);
-        return result;
     }
 
     void keep_unopened(libusb_device* device, JovuDeviceState reason) {
@@ -157,6 +147,7 @@ private:
     UsbBackend& backend_ = usb_backend();
     ClientList& clients_ = client_list();
     const Context& context_;
+    const HotplugNotice notice_;
     Clock::time_point next_scan_;                     ///< At first in the past.
     std::shared_ptr<const JovuDeviceFilter> filter_;  ///< Of the scan in progress.
     std::vector<UnopenedDevices::Entry> unopened_;    ///< By the scan in progress.

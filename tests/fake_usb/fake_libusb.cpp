@@ -5,6 +5,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <deque>
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -31,6 +32,9 @@ enum class Flight { idle, in_flight, completed };
 
 struct libusb_context {
     std::deque<Completion> pending;
+    std::map<int, std::function<void()>> notices;  ///< By their handle: callbacks of hot-plug.
+    int last_notice = 0;
+    bool bus_changed = false;
     std::thread::id handler;  ///< Who handles events; no thread's id when nobody does.
     unsigned closing = 0;
     bool interrupted = false;
@@ -226,6 +230,24 @@ void run_callback(Lock& lock, const Completion& done) {
     if (thrown) misuse("an exception left a completion callback");
 }
 
+/// Releases the lock meanwhile.
+void run_notices(Lock& lock, libusb_context* context) {
+    if (!std::exchange(context->bus_changed, false)) return;
+    const auto notices = context->notices;
+    lock.unlock();
+    for (const auto& [handle, notice] : notices) {
+        const Shield library(false);
+        notice();
+    }
+    lock.lock();
+}
+
+void change_bus() {
+    for (const auto& entry : bus.contexts)
+        entry.first->bus_changed = true;
+    bus.changed.notify_all();
+}
+
 /// libusb reads the flag that its caller gave it without a lock of the caller's.
 __attribute__((no_sanitize("thread"))) bool is_set(const int* flag) {
     return flag != nullptr && *static_cast<const volatile int*>(flag) != 0;
@@ -238,6 +260,7 @@ namespace fake_usb {
 libusb_device* plug(std::uint8_t bus_number, std::uint8_t address, std::uint16_t product,
                     std::uint16_t vendor, std::uint8_t port) {
     const Lock lock(bus.mutex);
+    change_bus();
     return create(bus.devices, bus_number, address, port, vendor, product);
 }
 
@@ -248,6 +271,7 @@ void unplug(libusb_device* device, bool silently) {
         libusb_transfer* const transfer = find_in_flight(device, endpoint);
         if (transfer != nullptr && !silently) queue(transfer, LIBUSB_TRANSFER_NO_DEVICE, "");
     }
+    if (!silently) change_bus();
     drop_reference(device);
 }
 
@@ -517,6 +541,27 @@ int libusb_cancel_transfer(libusb_transfer* transfer) {
     return 0;
 }
 
+int libusb_hotplug_register_callback(libusb_context* context, int events, int flags, int vendor,
+                                     int product, int /*device_class*/,
+                                     libusb_hotplug_callback_fn callback, void* user,
+                                     libusb_hotplug_callback_handle* handle) {
+    const Entered call(Call::hotplug);
+    if (call.result != 0) return call.result;
+    if (events == 0 || flags != 0 || vendor != 0x7A1C || product != 0x0002)
+        misuse("a notice of something else than that a controller arrives or leaves");
+    *handle = ++context->last_notice;
+    context->notices[*handle] = [=] {
+        callback(context, nullptr, LIBUSB_HOTPLUG_EVENT_DEVICE_ARRIVED, user);
+    };
+    return 0;
+}
+
+void libusb_hotplug_deregister_callback(libusb_context* context,
+                                        libusb_hotplug_callback_handle handle) {
+    const Lock lock(bus.mutex);
+    if (context->notices.erase(handle) == 0) misuse("a notice ended twice");
+}
+
 int libusb_event_handler_active(libusb_context* context) {
     const Lock lock(bus.mutex);
     return context->handler != std::thread::id() ? 1 : 0;
@@ -545,9 +590,11 @@ int libusb_handle_events_timeout_completed(libusb_context* context, timeval* lim
     if (is_set(completed)) return 0;
     context->handler = std::this_thread::get_id();
     bus.changed.wait_for(call.lock, wait, [context] {
-        return !context->pending.empty() || context->closing > 0 || context->interrupted;
+        return !context->pending.empty() || context->closing > 0 || context->interrupted ||
+               context->bus_changed;
     });
     context->interrupted = false;
+    run_notices(call.lock, context);
     for (std::size_t left = context->pending.size(); left > 0; --left) {
         const Completion done = std::move(context->pending.front());
         context->pending.pop_front();

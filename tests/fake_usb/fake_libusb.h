@@ -24,7 +24,7 @@ namespace fake_usb {
 // clang-format off
 /// The calls that can be scripted and are counted. `bulk` is the submission of a send, `submit` of a
 /// receive transfer. `completion` is the status with which a receive transfer ends.
-enum class Call { init, list, descriptor, open, claim, release, alloc, submit, cancel,
+enum class Call { init, hotplug, list, descriptor, open, claim, release, alloc, submit, cancel,
                   handle_events, bulk, completion };
 // clang-format on
 
@@ -57,7 +57,8 @@ struct Sent {
 libusb_device* plug(std::uint8_t bus, std::uint8_t address, std::uint16_t product = 0x0002,
                     std::uint16_t vendor = 0x7A1C, std::uint8_t port = 1);
 
-/// @param silently leaves transfers in flight, as long as the host has not noticed yet.
+/// @param silently leaves transfers in flight, and gives no notice of hot-plug, as long as the host
+///     has not noticed yet.
 void unplug(libusb_device* device, bool silently = false);
 
 /// Says what the next calls do; calls past the script succeed.

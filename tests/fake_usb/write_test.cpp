@@ -2,6 +2,10 @@
 
 /// @file
 /// Sending: every result that a bulk call can have.
+#include <atomic>
+#include <future>
+#include <thread>
+
 #include "fake_usb/backend_fixture.h"
 #include "support/job_file.h"
 
@@ -25,6 +29,18 @@ Failure write(const std::string& bytes, JovuDeviceAddress address, unsigned inte
         JovuUsb::write(reinterpret_cast<const unsigned char*>(bytes.data()),
                        static_cast<unsigned>(bytes.size()), address,
                        static_cast<JovuUsb::jovu_usb_interface_t>(interface));
+    } catch (const JovuException& error) {
+        return {error.what(), error.code()};
+    }
+    return kNone;
+}
+
+/// @return the failure of a write to the device that is there.
+Failure stream(const std::string& bytes, unsigned interface) {
+    try {
+        JovuUsb::connection(kAddress)->write({{reinterpret_cast<const unsigned char*>(bytes.data()),
+                                               static_cast<unsigned>(bytes.size())}},
+                                             interface, jovu::Connection::Follow::writes);
     } catch (const JovuException& error) {
         return {error.what(), error.code()};
     }
@@ -65,7 +81,8 @@ TEST_F(Write, RetriesGivesUpAndAdvances) {
             const std::string bytes = test::job_content(row.length);
             const std::size_t before = fake_usb::sent().size();
             fake_usb::script(fake_usb::Call::bulk, row.script);
-            EXPECT_EQ(write(bytes, kAddress, interface), row.failure);
+            // The job channel's writes follow one another.
+            EXPECT_EQ(interface == 0 ? write(bytes, kAddress, 0) : stream(bytes, 1), row.failure);
             const auto sent = fake_usb::sent();
             ASSERT_EQ(sent.size(), before + row.offsets.size());
             for (std::size_t i = 0; i < row.offsets.size(); ++i) {
@@ -75,6 +92,34 @@ TEST_F(Write, RetriesGivesUpAndAdvances) {
             }
         }
     }
+}
+
+TEST_F(Write, OneThreadThatWritesOnHandlesEventsAndTheWatcherTheOthers) {
+    std::atomic<std::thread::id> dispatcher{};
+    test::BackendClient client(journal, "d", 0);
+    client.then = [&dispatcher](char what, unsigned char*) {
+        if (what == '<') dispatcher = std::this_thread::get_id();
+    };
+    const auto receive = [&] {
+        return fake_usb::complete(backend.device, test::kMessagesIn, LIBUSB_TRANSFER_COMPLETED,
+                                  "x");
+    };
+    libusb_device* const other = fake_usb::plug(1, 6);
+    ASSERT_TRUE(journal.wait("d+1.6"));
+    fake_usb::hold_bulk(true);
+    std::atomic<std::thread::id> sender{};
+    auto writing = std::async(std::launch::async, [&sender] {
+        sender = std::this_thread::get_id();
+        return stream("x", 1);
+    });
+    EXPECT_TRUE(test::eventually([&] { return receive() && dispatcher == sender; }));
+    // The watcher still looks after the bus.
+    fake_usb::unplug(other);
+    EXPECT_TRUE(journal.wait("d-1.6"));
+    fake_usb::hold_bulk(false);
+    EXPECT_EQ(writing.get(), kNone);
+    EXPECT_TRUE(receive());
+    EXPECT_NE(dispatcher.load(), sender.load());
 }
 
 TEST_F(Write, ChecksTheDeviceThenTheInterfaceThenTheLength) {

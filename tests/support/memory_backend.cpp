@@ -14,7 +14,8 @@ std::array<JovuUsbClient*, 2> clients{};
 class MemoryConnection : public jovu::Connection {
 public:
     explicit MemoryConnection(JovuDeviceAddress address) : Connection(address) {}
-    void write(std::initializer_list<Piece> pieces, std::uint32_t interface) override {
+    void write(std::initializer_list<Piece> pieces, std::uint32_t interface,
+               Follow /*follow*/) override {
         for (const Piece& piece : pieces) {
             if (writer) writer(interface, piece.data, piece.length);
         }

@@ -30,6 +30,7 @@ constexpr Result kIo{"io", LIBUSB_ERROR_IO}, kInvalid{"invalid-param", LIBUSB_ER
 /// ones that its back end for Linux can return.
 const std::array<KindRow, kKinds> kRows{{
     {"init", {kNoMemory, kIo, kOther}},
+    {"hotplug", {kNotSupported, kNoMemory}},
     {"list", {kNoMemory, kIo, kAccess, kNoDevice, kOther}},
     {"descriptor", {kIo, kNoDevice}},
     {"open", {kNoMemory, kAccess, kNoDevice, kIo, kBusy, kOther}},

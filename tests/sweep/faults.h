@@ -18,11 +18,11 @@ using fake_usb::Shield;
 
 // clang-format off
 /// The calls of the library that can fail. The first ones are those of fake_usb::Call.
-enum class Kind { init, list, descriptor, open, claim, release, alloc, submit, cancel,
+enum class Kind { init, hotplug, list, descriptor, open, claim, release, alloc, submit, cancel,
                   events, bulk, completion,
                   memory, thread, file_open, file_stat, file_stream, file_seek, file_read };
 // clang-format on
-inline constexpr std::size_t kKinds = 19;
+inline constexpr std::size_t kKinds = 20;
 
 /// Which thread calls. Each thread's calls come in nearly the same order in every run, those of all
 /// threads together do not.

@@ -74,15 +74,6 @@ const std::vector<Rule>& all_rules() {
     using K = Kind;
     using R = Remedy;
     static const std::vector<Rule> all{
-        // A device that is opened for its probe and cannot be opened again right after ends the
-        // watcher, unless it is gone.
-        {K::list, {}, Sign::last_words, R::restart, "Failed to get libusb device list."},
-        {K::descriptor, {}, Sign::last_words, R::restart,
-         "Failed to get libusb device descriptor."},
-        {K::open, {"no-memory", "access", "io", "busy", "other"}, Sign::last_words, R::restart,
-         "Failed to open libusb device."},
-        {K::claim, {"not-found", "busy", "io", "other"}, Sign::last_words, R::restart,
-         "Failed to claim libusb device."},
         {K::alloc, {}, Sign::last_words, R::restart, "Failed to allocate rx transfer."},
         {K::alloc, {}, Sign::last_words, R::restart, "Failed to allocate tx transfer."},
         // An error on the watcher or in a callback that is not a device's own ends the watcher.

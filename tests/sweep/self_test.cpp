@@ -57,13 +57,12 @@ const std::vector<Case>& cases() {
          {"the next exchange does not work"}},
         {{"watcher",
           [](World& world) {
-              // The second time that the device is opened follows the probe.
-              fake_usb::script(fake_usb::Call::open, {0, LIBUSB_ERROR_ACCESS});
+              fake_usb::script(fake_usb::Call::alloc, {LIBUSB_ERROR_NO_MEM});
               world.plug();
               world.start();
               world.wait("the watcher's end", [](World&) { return false; });
           }},
-         {"the watcher ends: Failed to open libusb device."}},
+         {"the watcher ends: Failed to allocate rx transfer."}},
         {{"leak",
           [](World&) {
               // Memory that does not come from operator new, as yajl's.

@@ -15,7 +15,8 @@ namespace {
 /// A connection without a device.
 struct NoDevice : jovu::Connection {
     NoDevice() : Connection({1, 5}) {}
-    void write(std::initializer_list<Piece> /*pieces*/, std::uint32_t /*interface*/) override {}
+    void write(std::initializer_list<Piece> /*pieces*/, std::uint32_t /*interface*/,
+               Follow /*follow*/) override {}
 };
 
 TEST(WaitingRequests, AreWokenByWhatIsTheirsWhileOthersComeAndGo) {
