@@ -177,8 +177,9 @@ void JovuTransport::process_data_receive(unsigned char* payload, unsigned int le
         return;
     }
     if (message->is_response()) {
+        const char* const command = jovu::find_string(data, {"command", "name"});
         const jovu::WaitingRequests::Sender sender{address, state_->peer(address).connection.get(),
-                                                   JovuCommand::get_unparsed_cmd_name(message)};
+                                                   command == nullptr ? "" : command};
         state_->waiting.respond(message, sender, state_->strict);
     } else {
         message->handle_receive(address, message);

@@ -3,15 +3,28 @@
 
 #include <cmath>
 #include <cstddef>
+#include <cstring>
 #include <vector>
 
 namespace jovu {
 
-yajl_val find(yajl_val object, std::initializer_list<const char*> path, yajl_type type) noexcept {
-    for (const char* const key : path) {
-        const char* step[] = {key, nullptr};
-        object = yajl_tree_get(object, step, yajl_t_any);
+namespace {
+
+/// The first member with a key; null when there is none, or no object.
+yajl_val member(yajl_val object, const char* key) noexcept {
+    if (!YAJL_IS_OBJECT(object)) return nullptr;
+    const auto& members = object->u.object;
+    for (std::size_t i = 0; i < members.len; ++i) {
+        if (std::strcmp(members.keys[i], key) == 0) return members.values[i];
     }
+    return nullptr;
+}
+
+}  // namespace
+
+yajl_val find(yajl_val object, std::initializer_list<const char*> path, yajl_type type) noexcept {
+    for (const char* const key : path)
+        object = member(object, key);
     return object != nullptr && (type == yajl_t_any || object->type == type) ? object : nullptr;
 }
 

@@ -3,6 +3,7 @@
 
 #include <charconv>
 #include <cmath>
+#include <cstring>
 #include <iterator>
 #include <new>
 #include <stdexcept>
@@ -20,25 +21,36 @@ constexpr int kPrecision = 20;
 
 }  // namespace
 
-JsonGenerator::JsonGenerator() : generator_(yajl_gen_alloc(&functions_)) {
+JsonGenerator::JsonGenerator()
+    : generator_(yajl_gen_alloc(&functions_)), buffer_(kFirstSize, '\0') {
     if (generator_ == nullptr) throw std::bad_alloc();
     yajl_gen_config(generator_.get(), yajl_gen_print_callback, static_cast<yajl_print_t>(append),
                     static_cast<void*>(this));
-    text_.reserve(kFirstSize);
 }
 
 void JsonGenerator::append(void* self, const char* text, std::size_t length) noexcept {
     auto& generator = *static_cast<JsonGenerator*>(self);
-    try {
-        generator.text_.append(text, length);
-    } catch (const std::exception&) {
-        generator.out_of_memory_ = true;
+    std::string& buffer = generator.buffer_;
+    if (length > buffer.size() - generator.length_) {
+        try {
+            buffer.resize(2 * buffer.size() + length);
+        } catch (const std::exception&) {
+            generator.out_of_memory_ = true;
+            return;
+        }
     }
+    if (length == 1) {  // As most are: a bracket, a comma or a quotation mark.
+        buffer[generator.length_] = *text;
+    } else {
+        std::memcpy(buffer.data() + generator.length_, text, length);
+    }
+    generator.length_ += length;
 }
 
 std::string JsonGenerator::take_text() {
     if (out_of_memory_) throw std::bad_alloc();
-    return std::move(text_);
+    buffer_.resize(std::exchange(length_, 0));
+    return std::move(buffer_);
 }
 
 yajl_gen_status write_integer(yajl_gen gen, long long value) {

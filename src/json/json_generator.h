@@ -41,7 +41,10 @@ private:
     Arena arena_{memory_, sizeof memory_};
     yajl_alloc_funcs functions_ = arena_.yajl_functions();
     std::unique_ptr<yajl_gen_t, Free> generator_;
-    std::string text_;
+    /// Its size is what is allocated: yajl writes a few bytes at a time, and std::string::append()
+    /// would take most of the time.
+    std::string buffer_;
+    std::size_t length_ = 0;  ///< Of the text.
     bool out_of_memory_ = false;
 };
 
