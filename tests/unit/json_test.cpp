@@ -2,13 +2,17 @@
 #include "json/json.h"
 
 #include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <unistd.h>
 
 #include <clocale>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
 #include <limits>
+#include <new>
 #include <random>
 
 #include "commands/firmware_command.h"
@@ -159,6 +163,56 @@ TEST(Json, MemoryOfALargeDocumentIsFreedWithItsTree) {
         EXPECT_GT(test::heap_in_use(), before + 1000000);
     }
     EXPECT_LT(test::heap_in_use(), before + jovu::kKeptJsonBytes + 8192);
+}
+
+#ifndef JOVU_SANITIZED  // A sanitizer reserves more than all of it.
+/// Lets the process take that much more memory.
+void limit_memory(std::size_t more) {
+    unsigned long pages = 0;
+    std::ifstream("/proc/self/statm") >> pages;
+    const rlim_t limit = pages * static_cast<rlim_t>(::sysconf(_SC_PAGESIZE)) + more;
+    const rlimit limits{limit, limit};
+    ::setrlimit(RLIMIT_AS, &limits);
+}
+
+TEST(JsonDeathTest, WithoutMemoryThereIsNoPartOfADocument) {
+    std::string array = "[0";
+    while (array.size() < 2000000)
+        array += ",0";
+    const auto parse = [](const std::string& text, std::size_t limit) {
+        limit_memory(limit);
+        try {
+            const jovu::JsonTree tree(text);
+        } catch (const std::bad_alloc&) {
+            std::_Exit(7);
+        }
+    };
+    const auto write = [&] {
+        jovu::JsonGenerator generator;
+        limit_memory(1U << 20U);
+        JovuMessage::gen_string(generator.get(), array);
+        try {
+            generator.take_text();
+        } catch (const std::bad_alloc&) {
+            std::_Exit(7);
+        }
+    };
+    EXPECT_EXIT(parse(array + "]", 20U << 20U), testing::ExitedWithCode(7), "");
+    // yajl decodes a string with an escape in a buffer.
+    EXPECT_EXIT(parse("[\"\\n" + array, 4U << 20U), testing::ExitedWithCode(7), "");
+    EXPECT_EXIT(write(), testing::ExitedWithCode(7), "");
+}
+#endif
+
+TEST(Json, StringsOfAnyLengthAreWritten) {
+    for (const std::size_t length : {0U, 495U, 496U, 3000U, 60000U}) {
+        const std::string text(length, 'x');
+        jovu::JsonGenerator generator;
+        JovuMessage::gen_array_open(generator.get());
+        JovuMessage::gen_string(generator.get(), text);
+        JovuMessage::gen_array_close(generator.get());
+        EXPECT_EQ(generator.take_text(), "[\"" + text + "\"]");
+    }
 }
 
 TEST(Json, NumbersAreWrittenAsByYajl) {
