@@ -53,8 +53,7 @@ private:
         try {
             block_size_ = std::max(size, 2 * block_size_);
             // Not by make_unique(), which would touch every page of it.
-            more_.emplace_back();
-            more_.back().reset(new unsigned char[block_size_]);
+            more_.push_back(std::unique_ptr<unsigned char[]>(new unsigned char[block_size_]));
         } catch (const std::bad_alloc&) {
             return false;
         }

@@ -237,8 +237,8 @@ private:
             if (is_object) keys = static_cast<const char**>(document.take(count * sizeof(char*)));
             if (document.out_of_memory_) return 0;
         }
-        std::size_t i = 0;
-        for (Node* node = closed.first; node != nullptr; node = node->next, ++i) {
+        Node* node = closed.first;
+        for (std::size_t i = 0; i < count; ++i, node = node->next) {
             values[i] = &node->value;
             if (is_object) keys[i] = node->key;
         }
