@@ -139,6 +139,7 @@ mount -t tmpfs run /root/run
 mkdir -p /root/run/machine /root/dev/pts /root/dev/shm
 mount -t devpts devpts /root/dev/pts
 mount -t tmpfs shm /root/dev/shm
+ln -s /proc/self/fd /root/dev/fd
 cp /settings /run-program /bin/busybox /root/run/machine
 exec chroot /root /bin/bash /run/machine/run-program
 END
