@@ -83,12 +83,17 @@ add_module() {
     cp "$file" "$work/kernel/$name.ko"
     echo "$name" >>"$work/kernel/order"
 }
-fetch_kernel() {
-    local package module
+fetch_package() {
+    local package
     package=$(apt-cache depends linux-image-amd64 | sed -n 's/^ *Depends: \(.*\)$/\1/p' | head -n 1)
     [[ -n $package ]] || { echo "apt has no package linux-image-amd64"; return 1; }
     # apt-get compares what it has downloaded with the archive's checksum.
-    (cd "$work" && apt-get download -q -o Acquire::Retries=3 "$package") || return 1
+    (cd "$work" && apt-get download -q -o Acquire::Retries=3 "$package")
+}
+fetch_kernel() {
+    local module
+    # The lists of packages may be missing, or too old for what the archive has.
+    fetch_package || { [[ $(id -u) -eq 0 ]] && apt-get -q update && fetch_package; } || return 1
     dpkg-deb -x "$work"/linux-image-*.deb "$work/image" || return 1
     mkdir "$work/kernel"
     : >"$work/kernel/order"
@@ -102,12 +107,12 @@ sys.stdout.buffer.write(lzma.LZMADecompressor().decompress(packed))' \
     echo "$modules" >"$work/kernel/modules"
     mkdir -p "$project/build"
     rm -rf "$kernel" "$kernel.new"
-    cp -r "$work/kernel" "$kernel.new" && mv "$kernel.new" "$kernel"
+    cp -r "$work/kernel" "$kernel.new" && mv "$kernel.new" "$kernel" && rm -r "$work/image"
 }
 if [[ $(cat "$kernel/modules" 2>/dev/null) != "$modules" ]]; then
     fetch_kernel >"$work/fetch.log" 2>&1 || {
         cat "$work/fetch.log" >&2
-        cannot_run "the kernel package cannot be fetched: $(tail -n 1 "$work/fetch.log")"
+        cannot_run "the kernel package cannot be fetched: $(grep -v "^W:" "$work/fetch.log" | tail -n 1)"
     }
 fi
 if "$prepare_only"; then exit 0; fi
@@ -117,7 +122,7 @@ mkdir -p "$work/initramfs"/{bin,proc,sys,dev,files,memory,root}
 cp "$(command -v busybox)" "$work/initramfs/bin/busybox"
 cp "$kernel"/*.ko "$kernel/order" "$work/initramfs"
 {
-    declare -p PATH ${!JOVU_*}
+    declare -p PATH "${!JOVU_@}"
     printf 'address=%q folder=%q\n' "$address" "$PWD"
     printf 'program=('; printf '%q ' "$@"; echo ')'
 } >"$work/initramfs/settings"

@@ -78,7 +78,7 @@ step_end() {
     local label log status=0
     [[ $# -gt 0 ]] || set -- "${!step_begun[@]}"
     for label; do
-        [[ -n ${step_begun[$label]:-} ]] || continue
+        [[ -n $label && -n ${step_begun[$label]:-} ]] || continue
         log=$step_log_dir/${label// /-}.log status=0
         wait "${step_begun[$label]}" || status=$?
         unset "step_begun[$label]"
