@@ -300,7 +300,7 @@ void stuck(Options& options) {
             const auto program = bench::start(name, own);
             program->wait_opened(own.size());
             if (is_stuck) {
-                const std::string address = bench::to_string(own[kStuck]);
+                const std::string address = bench::name_of(own[kStuck]);
                 control("fault " + address + " never 02 always");
                 std::thread([&] {
                     for (;;) {
@@ -347,7 +347,6 @@ void events(Options& options) {
             program.trace(0, false);
         }
     });
-    const std::optional<bench::Wanted> none;
     options.results.add("events", options.bus,
                         by_turns("events", options.rounds(10), std::ref(pair)),
                         {{"CPU", "us", ratio_at_most(1)},
@@ -461,9 +460,9 @@ void hot_plug(Options& options) {
             std::vector<double> times;
             for (const auto pause : pauses) {
                 std::this_thread::sleep_for(pause);
-                const std::string address = bench::to_string(bench::plug());
+                const std::string plugged = control("plug");
                 times.push_back(timed([&] { program->wait_opened(times.size() + 1); }));
-                control("unplug " + address);
+                control("unplug " + plugged);
                 program->wait_closed(times.size());
             }
             turn.report("median", median(times));
