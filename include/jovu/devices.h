@@ -68,6 +68,9 @@ public:
     /// @return true for a filter without a rule that was not made by none().
     bool matches_all() const noexcept { return all_; }
 
+    /// @return whether it has a rule for a serial number.
+    bool has_serials() const noexcept { return !serials_.empty(); }
+
     /// @return whether a device matches; its state has no influence.
     bool matches(const JovuDeviceInfo& device) const;
 

@@ -26,6 +26,9 @@ namespace {
 /// Bytes per read, and per write to the device.
 constexpr std::size_t kPieceSize = 5120;
 
+/// Bytes that the system is asked for at once; a multiple of kPieceSize.
+constexpr std::size_t kReadBuffer = 16 * kPieceSize;
+
 /// The devices' checksum starts at 0, not at the 1 that is customary for Adler-32.
 constexpr uLong kAdlerSeed = 0;
 
@@ -38,6 +41,7 @@ constexpr double kMaxPartialPercent = 99.9;
 struct FileClose {
     // NOLINTNEXTLINE(cppcoreguidelines-owning-memory): this is the owner.
     void operator()(std::FILE* file) const noexcept { std::fclose(file); }
+    std::unique_ptr<std::array<char, kReadBuffer>> buffer;  ///< The stream's own, until it closes.
 };
 using File = std::unique_ptr<std::FILE, FileClose>;
 using Piece = std::array<unsigned char, kPieceSize>;
@@ -67,6 +71,10 @@ File open_job_file(const std::string& path) {
         ::close(descriptor);
         fail_reading("Failed to open job file.");
     }
+    // Pieces are no multiple of the usual buffer, so each would cost two reads.
+    auto& buffer = file.get_deleter().buffer;
+    buffer = std::make_unique<std::array<char, kReadBuffer>>();
+    std::setvbuf(file.get(), buffer->data(), _IOFBF, buffer->size());
     return file;
 }
 

@@ -80,12 +80,13 @@ std::int32_t kind_of(std::uint16_t product_id) noexcept {
     }
 }
 
-JovuDeviceInfo describe(libusb_device* device, const libusb_device_descriptor& descriptor) {
+JovuDeviceInfo describe(libusb_device* device, const libusb_device_descriptor& descriptor,
+                        Serial serial) {
     JovuDeviceInfo info;
     info.address = {libusb_get_bus_number(device), libusb_get_device_address(device)};
     info.port = port_of(device);
     info.type = kind_of(descriptor.idProduct);
-    info.serial = serial_at(info.port);
+    if (serial == Serial::read) info.serial = serial_at(info.port);
     return info;
 }
 

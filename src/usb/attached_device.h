@@ -15,8 +15,12 @@ namespace jovu {
 /// @return JovuUsbDevice::type for a product id.
 std::int32_t kind_of(std::uint16_t product_id) noexcept;
 
-/// @return a description without the state. The serial number is read from the system.
-JovuDeviceInfo describe(libusb_device* device, const libusb_device_descriptor& descriptor);
+/// Whether describe() reads the serial number from the system, a file for each device.
+enum class Serial { read, leave_out };
+
+/// @return a description without the state.
+JovuDeviceInfo describe(libusb_device* device, const libusb_device_descriptor& descriptor,
+                        Serial serial = Serial::read);
 
 /// @return why a device could not be opened or claimed.
 JovuDeviceState state_after(int libusb_error) noexcept;

@@ -2,6 +2,7 @@
 #include "usb/event_turn.h"
 
 #include <thread>
+#include <utility>
 
 #include "base/never_destroyed.h"
 #include "usb/usb_constants.h"
@@ -16,8 +17,8 @@ EventTurn& event_turn() {
 bool EventTurn::stand_aside() {
     {
         const MutexLock lock(mutex_);
-        aside_ = taken_;
-        if (!taken_) return false;
+        aside_ = taken_ || std::exchange(used_, false);
+        if (!aside_) return false;
     }
     // Not woken when the turn is given back, which happens after each transfer.
     std::this_thread::sleep_for(kAsideSlice);

@@ -23,7 +23,7 @@ public:
         {
             const MutexLock lock(mutex_);
             if (taken_) return false;
-            taken_ = true;
+            taken_ = used_ = true;
             if (aside_) return true;
         }
         interrupt_event_handling(context.get());
@@ -42,6 +42,7 @@ public:
 private:
     Mutex mutex_;  ///< A leaf.
     bool taken_ JOVU_GUARDED_BY(mutex_) = false;
+    bool used_ JOVU_GUARDED_BY(mutex_) = false;   ///< Taken since the watcher looked last.
     bool aside_ JOVU_GUARDED_BY(mutex_) = false;  ///< The watcher does not handle events.
 };
 

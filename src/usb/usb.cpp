@@ -81,12 +81,17 @@ JovuDeviceState state_of(libusb_device* device, const libusb_device_descriptor& 
     return backend.unopened.reason(device).value_or(JovuDeviceState::waiting);
 }
 
-/// Has the watcher, if it runs, scan now.
-void request_scan() {
-    usb_backend().scan_requested = true;
+/// Ends the watcher's event wait, if it runs.
+void wake_watcher() noexcept {
     // The context remains for this call even if the backend stops meanwhile.
     if (const jovu::Context context = jovu::current_context())
         jovu::interrupt_event_handling(context.get());
+}
+
+/// Has the watcher, if it runs, scan now.
+void request_scan() {
+    usb_backend().scan_requested = true;
+    wake_watcher();
 }
 
 bool close_device(jovu::UsbDevice& device) {
@@ -215,4 +220,6 @@ void JovuUsb::pause_scans() noexcept {
 
 void JovuUsb::resume_scans() noexcept {
     client_list().pauses.end();
+    // A scan that was due meanwhile is made now.
+    wake_watcher();
 }

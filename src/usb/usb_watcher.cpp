@@ -67,6 +67,12 @@ private:
         }
     }
 
+    bool is_wanted(libusb_device* device, const libusb_device_descriptor& descriptor) const {
+        if (filter_ == nullptr) return true;
+        const Serial serial = filter_->has_serials() ? Serial::read : Serial::leave_out;
+        return filter_->matches(describe(device, descriptor, serial));
+    }
+
     void look_at(libusb_device* device, std::vector<JovuDeviceAddress>& seen) {
         libusb_device_descriptor descriptor{};
         if (libusb_get_device_descriptor(device, &descriptor) < 0 ||
@@ -75,7 +81,7 @@ private:
         }
         const JovuDeviceAddress address{libusb_get_bus_number(device),
                                         libusb_get_device_address(device)};
-        const bool wanted = filter_ == nullptr || filter_->matches(describe(device, descriptor));
+        const bool wanted = is_wanted(device, descriptor);
         if (const auto known = backend_.device_at(address)) {
             if (wanted && known->is(device) && !known->reopen_ordered()) {
                 seen.push_back(address);
