@@ -10,7 +10,7 @@
 
 int main() {
     try {
-        bench::BareLibusb libusb(bench::Threads::event_thread);
+        bench::BareLibusb libusb;
         bool first = true;
         libusb.open_attached([&](std::uint8_t /*bus*/, std::uint8_t /*address*/) {
             return std::exchange(first, false);

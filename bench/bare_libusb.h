@@ -37,19 +37,35 @@ template <class T>
 using Owned = std::unique_ptr<T, LibusbFree>;
 
 inline void check_libusb(int result, const char* what) {
-    if (result < 0) throw std::runtime_error(std::string(what) + ": " + libusb_error_name(result));
+    if (result < 0) throw std::runtime_error(what + std::string(": ") + std::to_string(result));
+}
+
+/// Handles what has happened, or what happens next.
+inline void handle_libusb_events(libusb_context* context) {
+    timeval limit{60, 0};
+    libusb_handle_events_timeout_completed(context, &limit, nullptr);
 }
 
 /// Takes the payload of a frame that is no awaited response, with a NUL behind it.
 using FrameSink = void (*)(void* user, const char* payload, std::size_t size);
 
+enum class Threads { one, event_thread };
+enum class Data { read, dropped };  ///< What becomes of received data.
+
+/// How a bare program works.
+struct BareStyle {
+    Threads threads = Threads::event_thread;
+    FrameSink sink = nullptr;
+    void* user = nullptr;
+    Data data = Data::read;
+};
+
 /// One open controller.
 class BareController {
 public:
     /// Opens and claims the device and submits its receive transfers.
-    /// @param context of a program with one thread; null when another thread handles events.
-    BareController(libusb_device* device, libusb_context* context, FrameSink sink, void* user)
-        : context_(context), sink_(sink), user_(user) {
+    BareController(libusb_device* device, libusb_context* context, const BareStyle& style)
+        : context_(context), style_(style) {
         libusb_device_handle* raw = nullptr;
         check_libusb(libusb_open(device, &raw), "libusb_open");
         handle_.reset(raw);
@@ -134,13 +150,13 @@ private:
 
     template <class Condition>
     void wait(std::unique_lock<std::mutex>& lock, Condition condition) {
-        if (context_ == nullptr) {
+        if (style_.threads == Threads::event_thread) {
             changed_.wait_for(lock, kLimit, condition);
             return;
         }
         while (!condition()) {
             lock.unlock();
-            libusb_handle_events_completed(context_, nullptr);
+            handle_libusb_events(context_);
             lock.lock();
         }
     }
@@ -161,6 +177,15 @@ private:
     }
 
     /// Caller holds the mutex.
+    void take(const libusb_transfer& transfer) {
+        if (transfer.endpoint == 0x81) {
+            take_message(transfer.buffer, transfer.actual_length);
+        } else {
+            take_report(transfer.buffer, transfer.actual_length);
+        }
+    }
+
+    /// Caller holds the mutex.
     void take_message(const unsigned char* data, int size) {
         received_.append(data, data + size);
         std::size_t begin = 0;
@@ -173,9 +198,9 @@ private:
                                            frame - kHeaderSize - 1);
             if (!responded_ && payload.find(expected_) != std::string_view::npos) {
                 responded_ = true;
-            } else if (sink_ != nullptr) {
+            } else if (style_.sink != nullptr) {
                 received_[begin + frame - 1] = '\0';
-                sink_(user_, payload.data(), payload.size());
+                style_.sink(style_.user, payload.data(), payload.size());
             }
             begin += frame;
         }
@@ -204,11 +229,7 @@ private:
         if (transfer->status == LIBUSB_TRANSFER_COMPLETED) {
             const unsigned reports = self.reports_;
             const bool waiting = !self.responded_;
-            if (transfer->endpoint == 0x81) {
-                self.take_message(transfer->buffer, transfer->actual_length);
-            } else {
-                self.take_report(transfer->buffer, transfer->actual_length);
-            }
+            if (self.style_.data == Data::read) self.take(*transfer);
             if ((waiting && self.responded_) || reports != self.reports_)
                 self.changed_.notify_all();
             if (!self.closing_ && libusb_submit_transfer(transfer) == 0) return;
@@ -219,8 +240,7 @@ private:
     }
 
     libusb_context* const context_;
-    const FrameSink sink_;
-    void* const user_;
+    const BareStyle style_;
     Owned<libusb_device_handle> handle_;
     std::array<Owned<libusb_transfer>, 2> receive_{
         Owned<libusb_transfer>(libusb_alloc_transfer(0)),
@@ -241,20 +261,17 @@ private:
     unsigned reports_ = 0;
 };
 
-enum class Threads { one, event_thread };
-
 /// libusb and the thread that handles its events.
 class BareLibusb {
 public:
-    explicit BareLibusb(Threads threads, FrameSink sink = nullptr, void* user = nullptr)
-        : threads_(threads), sink_(sink), user_(user) {
+    explicit BareLibusb(const BareStyle& style = BareStyle()) : style_(style) {
         libusb_context* context = nullptr;
         check_libusb(libusb_init(&context), "libusb_init");
         context_.reset(context);
-        if (threads == Threads::one) return;
+        if (style.threads == Threads::one) return;
         events_ = std::thread([context, this] {
             while (!ended_)
-                libusb_handle_events_completed(context, nullptr);
+                handle_libusb_events(context);
         });
     }
 
@@ -273,8 +290,7 @@ public:
     }
 
     void open(libusb_device* device) {
-        libusb_context* const own = threads_ == Threads::one ? context_.get() : nullptr;
-        controllers_.push_back(std::make_unique<BareController>(device, own, sink_, user_));
+        controllers_.push_back(std::make_unique<BareController>(device, context_.get(), style_));
     }
 
     /// Calls a function with each attached controller.
@@ -341,9 +357,7 @@ private:
         return 0;
     }
 
-    const Threads threads_;
-    const FrameSink sink_;
-    void* const user_;
+    const BareStyle style_;
     Owned<libusb_context> context_;
     std::vector<std::unique_ptr<BareController>> controllers_;
     std::mutex arrivals_mutex_;

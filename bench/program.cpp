@@ -42,9 +42,10 @@ public:
         client_->SendJobFile(address(controller), path, nullptr, nullptr, false);
     }
     void trace(std::size_t controller, bool enable) override {
-        if (enable) client_->events.begin_series();
+        if (enable) begin_series();
         client_->servo_dc_trace_enable(address(controller), servo_dc_name_t{0}, enable);
     }
+    void begin_series() override { client_->events.begin_series(); }
     std::uint64_t events() const override { return client_->events.count(); }
     std::uint64_t lost_events() const override { return client_->events.lost(); }
     /// The watcher scans soon after the call.
@@ -99,7 +100,7 @@ private:
 class Bare : public Program {
 public:
     Bare(const std::vector<Address>& controllers, Threads threads)
-        : watches_(controllers.empty()), libusb_(threads, read_event, &events_) {
+        : watches_(controllers.empty()), libusb_({threads, read_event, &events_}) {
         if (watches_) {
             libusb_.watch_arrivals();
             return;
@@ -154,13 +155,14 @@ public:
         if (!sent) throw std::runtime_error("a push with bare libusb failed");
     }
     void trace(std::size_t controller, bool enable) override {
-        if (enable) events_.begin_series();
+        if (enable) begin_series();
         const std::string value = enable ? "1" : "0";
         at(controller)
             .exchange(
                 R"({"idx":50,"name":"servo_dc_trace_enable","args":{"servo_name":0,"enable":)" +
                 value + "}}");
     }
+    void begin_series() override { events_.begin_series(); }
     std::uint64_t events() const override { return events_.count(); }
     std::uint64_t lost_events() const override { return events_.lost(); }
     void scan() override {

@@ -38,7 +38,9 @@ public:
     virtual void trace(std::size_t controller, bool enable) = 0;
     /// @return trace events so far.
     virtual std::uint64_t events() const = 0;
-    /// @return by how much the counters in the events so far exceed their number.
+    /// The next event may have any counter. Call while none arrives.
+    virtual void begin_series() = 0;
+    /// @return how many counters were left out in all series.
     virtual std::uint64_t lost_events() const = 0;
     /// Looks for new devices once.
     virtual void scan() = 0;

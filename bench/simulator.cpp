@@ -7,10 +7,15 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
+#include <map>
 #include <stdexcept>
+#include <thread>
+#include <utility>
 
 namespace bench {
 
@@ -46,26 +51,70 @@ std::string control(const std::string& request) {
     return response.substr(std::min<std::size_t>(3, response.size()));
 }
 
-std::string to_string(Address address) {
-    return std::to_string(address.bus) + ":" + std::to_string(address.address);
+namespace {
+
+constexpr int kTries = 1000;  ///< Of 10 ms each, for the kernel.
+
+std::map<std::string, Address>& addresses() {
+    static std::map<std::string, Address> all;
+    return all;
 }
 
-Address plug() {
-    const std::string at = control("plug");
+bool parse(const std::string& text, Address& address) {
     unsigned bus = 0;
-    unsigned address = 0;
-    if (std::sscanf(at.c_str(), "%u:%u", &bus, &address) != 2)
-        throw std::runtime_error("the simulator does not tell the address: " + at);
-    return {static_cast<std::uint8_t>(bus), static_cast<std::uint8_t>(address)};
+    unsigned number = 0;
+    if (std::sscanf(text.c_str(), "%u:%u", &bus, &number) != 2 || number == 0) return false;
+    address = {static_cast<std::uint8_t>(bus), static_cast<std::uint8_t>(number)};
+    return true;
 }
 
-std::vector<Address> plug_anew(std::size_t count) {
+/// The address of a device that requests name by its port.
+bool find_address(const std::string& port, Address& address) {
+    const std::string list = control("list");
+    const std::size_t entry = (", " + list).find(", " + port + " ");
+    if (entry == std::string::npos) return false;
+    const std::string key = " address=";
+    const std::size_t at = list.find(key, entry);
+    return at < list.find(", ", entry) && parse(list.substr(at + key.size()), address) &&
+           std::filesystem::exists("/sys/bus/usb/devices/" + port + ":1.1");
+}
+
+void unplug_all() {
     const std::string list = control("list");
     for (std::size_t at = 0; at < list.size();) {
-        control("unplug " + list.substr(at, list.find(' ', at) - at));
+        const std::string name = list.substr(at, list.find(' ', at) - at);
+        control("unplug " + name);
+        for (int i = 0; i < kTries && std::filesystem::exists("/sys/bus/usb/devices/" + name); ++i)
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
         const std::size_t comma = list.find(", ", at);
         at = comma == std::string::npos ? list.size() : comma + 2;
     }
+    addresses().clear();
+}
+
+}  // namespace
+
+std::string name_of(Address address) {
+    for (const auto& [name, known] : addresses()) {
+        if (known == address) return name;
+    }
+    throw std::runtime_error("a controller that was not plugged in");
+}
+
+Address plug() {
+    const std::string name = control("plug");
+    Address address{};
+    const bool named_by_address = parse(name, address);
+    for (int i = 0; !named_by_address && !find_address(name, address); ++i) {
+        if (i == kTries) throw std::runtime_error("the kernel gives " + name + " no address");
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    addresses()[name] = address;
+    return address;
+}
+
+std::vector<Address> plug_anew(std::size_t count) {
+    unplug_all();
     std::vector<Address> plugged;
     while (plugged.size() < count)
         plugged.push_back(plug());
@@ -73,7 +122,7 @@ std::vector<Address> plug_anew(std::size_t count) {
 }
 
 bool push_verified(Address address) {
-    return control("stats " + to_string(address)).find(R"("verified":true)") != std::string::npos;
+    return control("stats " + name_of(address)).find(R"("verified":true)") != std::string::npos;
 }
 
 }  // namespace bench

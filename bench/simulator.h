@@ -16,9 +16,10 @@ namespace bench {
 /// @throws std::runtime_error with the simulator's reason.
 std::string control(const std::string& request);
 
-std::string to_string(Address address);
+/// @return how requests name a controller that plug() has plugged in.
+std::string name_of(Address address);
 
-/// Plugs a controller in.
+/// Plugs a controller in. On a kernel's bus, waits until that has given it an address.
 Address plug();
 
 /// Leaves that many new controllers on the bus, and no other device.
