@@ -54,4 +54,17 @@ void parse(const std::string& text) {
     yajl_tree_free(tree);
 }
 
+void ObjectCutter::receive(const char* bytes, std::size_t size) {
+    std::size_t begin = 0;
+    for (std::size_t i = 0; i < size; ++i) {
+        if (bytes[i] == '{') ++depth_;
+        if (bytes[i] != '}' || --depth_ != 0) continue;
+        object_.append(bytes + begin, i + 1 - begin);
+        parse(object_);
+        object_.clear();
+        begin = i + 1;
+    }
+    object_.append(bytes + begin, size - begin);
+}
+
 }  // namespace bench

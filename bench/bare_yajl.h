@@ -4,6 +4,7 @@
 /// The floor: what bare yajl takes to write and read the same bytes.
 #pragma once
 
+#include <cstddef>
 #include <string>
 
 #include <yajl/yajl_tree.h>
@@ -17,5 +18,16 @@ std::size_t generate(yajl_val document);
 
 /// Parses a text into a tree and frees it.
 void parse(const std::string& text);
+
+/// Cuts a stream of objects by hand, counting braces, and parses each.
+class ObjectCutter {
+public:
+    /// Takes the bytes of one packet.
+    void receive(const char* bytes, std::size_t size);
+
+private:
+    std::string object_;
+    std::size_t depth_ = 0;
+};
 
 }  // namespace bench

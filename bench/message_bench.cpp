@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 
 /// @file
-/// Exchanges and events, each as a ratio to bare yajl on the same bytes, measured in the same run.
+/// Exchanges, events and objects of the job channel, each as a ratio to bare yajl on the same
+/// bytes, measured in the same run.
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
@@ -18,26 +19,29 @@
 #include "bare_yajl.h"
 #include "fake_usb/framed.h"
 #include "jovu/client.h"
+#include "json/json_tree.h"
 #include "responding_device.h"
+#include "support/memory_backend.h"
 
 namespace {
 
-/// Long enough for the clock not to matter, short enough for both sides to meet the same machine.
+/// Calls of which the time is taken: long enough for the clock not to matter, short enough for both
+/// sides to meet the same machine.
 constexpr int kBatch = 100;
 
 /// CPU time of the calling thread for one call, in microseconds: waiting for a processor does not
 /// count. Everything that is measured happens on this thread.
 template <class Call>
-double cpu_us(Call call) {
+double cpu_us(int batch, Call call) {
     const auto now = [] {
         timespec time{};
         clock_gettime(CLOCK_THREAD_CPUTIME_ID, &time);
         return static_cast<double>(time.tv_sec) * 1e6 + static_cast<double>(time.tv_nsec) / 1e3;
     };
     const double start = now();
-    for (int i = 0; i < kBatch; ++i)
+    for (int i = 0; i < batch; ++i)
         call();
-    return (now() - start) / kBatch;
+    return (now() - start) / batch;
 }
 
 double median(std::vector<double> values) {
@@ -49,7 +53,7 @@ double median(std::vector<double> values) {
 /// Runs what is measured and its floor by turns. Each number is the median over the batches, the
 /// ratio that of the ratios within a batch, so that a disturbed batch does not count.
 template <class Work, class Floor>
-void compare(benchmark::State& state, Work work, Floor floor) {
+void compare(benchmark::State& state, Work work, Floor floor, int batch = kBatch) {
     std::vector<double> work_us;
     std::vector<double> floor_us;
     std::vector<double> ratios;
@@ -59,10 +63,10 @@ void compare(benchmark::State& state, Work work, Floor floor) {
     floor();
     const std::uint64_t floor_allocated = bench::allocations() - before - allocated;
     for ([[maybe_unused]] const auto iteration : state) {
-        work_us.push_back(cpu_us(work));
-        floor_us.push_back(cpu_us(floor));
+        work_us.push_back(cpu_us(batch, work));
+        floor_us.push_back(cpu_us(batch, floor));
         ratios.push_back(work_us.back() / floor_us.back());
-        state.SetIterationTime(work_us.back() * kBatch * 1e-6);
+        state.SetIterationTime(work_us.back() * batch * 1e-6);
     }
     state.counters["us"] = median(work_us);
     state.counters["yajl_us"] = median(floor_us);
@@ -74,9 +78,13 @@ void compare(benchmark::State& state, Work work, Floor floor) {
 class Client : public JovuClient {
 public:
     std::uint64_t samples = 0;
+    std::uint64_t reports = 0;
 
     void servo_dc_trace_event(JovuDeviceAddress /*address*/, servo_trace_msg sample) override {
         samples += sample.int_cnt != 0 ? 1 : 0;
+    }
+    void StatusReceived(JovuDeviceAddress /*address*/, StatusMsg status) override {
+        reports += status.state.empty() ? 0 : 1;
     }
 };
 
@@ -178,6 +186,64 @@ void servo_dc_trace_event(benchmark::State& state) {
     state.counters["bytes"] = static_cast<double>(frame.size());
 }
 
+/// A status report with a record of temperatures, of about the given size.
+std::string report_of(std::size_t size) {
+    std::string text =
+        R"({"metadata":{"version":1,"type":"status"},"printer":{"model_name":"J1","cpu_id":)"
+        R"("0123456789abcdef","firmware":{"name":"controller","version":"1.2.3"},)"
+        R"("accept_version":1},"status":{"state":"printing","build_plate":"present","filament":)"
+        R"("loaded","extruder_temperature":214.75},"job":{"id":"5f0c9d","progress":42,"file":)"
+        R"("part.gcode","time_elapsed":3605},"time":{"boot":86461,"idle":0},"error":0,"record":[)";
+    for (unsigned time = 0; text.size() + 60 < size; ++time) {
+        text += (time == 0 ? R"({"time":)" : R"(,{"time":)") + std::to_string(3600 + time) +
+                R"(,"temperature":)" + std::to_string(200 + time % 20) + "." +
+                std::to_string(time % 4 * 25) + R"(,"state":"printing"})";
+    }
+    return text + "]}";
+}
+
+int batch_of(const std::string& object) {
+    return std::max(1, static_cast<int>(1000 * kBatch / object.size()));
+}
+
+void add_size(benchmark::State& state, const std::string& object) {
+    const auto bytes = static_cast<double>(object.size());
+    state.counters["bytes"] = bytes;
+    state.counters["ns_per_byte"] = 1e3 * state.counters["us"] / bytes;
+}
+
+/// Parsing alone.
+void job_parse(benchmark::State& state) {
+    const std::string object = report_of(static_cast<std::size_t>(state.range(0)));
+    jovu::JsonMemory memory;
+    compare(
+        state, [&] { benchmark::DoNotOptimize(jovu::JsonTree(object, memory).get()); },
+        [&] { bench::parse(object); }, batch_of(object));
+    add_size(state, object);
+}
+
+/// From packets to the report.
+void job_object(benchmark::State& state) {
+    std::string object = report_of(static_cast<std::size_t>(state.range(0)));
+    bench::ObjectCutter cutter;
+    const std::uint64_t before = client().reports;
+    std::uint64_t objects = 0;
+    compare(
+        state,
+        [&] {
+            bench::receive(object, 1);
+            ++objects;
+        },
+        [&] {
+            for (std::size_t at = 0; at < object.size(); at += memory_backend::kPacket)
+                cutter.receive(object.data() + at,
+                               std::min(memory_backend::kPacket, object.size() - at));
+        },
+        batch_of(object));
+    if (client().reports - before != objects) throw std::logic_error("a report was lost");
+    add_size(state, object);
+}
+
 BENCHMARK(bio_get_version)->UseManualTime();
 BENCHMARK(servo_dc_position_get)->UseManualTime();
 BENCHMARK(gcode_process_command)->UseManualTime();
@@ -185,6 +251,8 @@ BENCHMARK(servo_dc_move)->UseManualTime();
 BENCHMARK(servo_dc_config_get)->UseManualTime();
 BENCHMARK(wifi_client_configure)->UseManualTime();
 BENCHMARK(servo_dc_trace_event)->UseManualTime();
+BENCHMARK(job_parse)->Arg(1000)->Arg(64000)->Arg(900000)->UseManualTime();
+BENCHMARK(job_object)->Arg(1000)->Arg(64000)->Arg(900000)->UseManualTime();
 
 }  // namespace
 

@@ -69,11 +69,12 @@ void respond_with(const std::string& value) {
     response_frame.clear();
 }
 
-void receive(std::string& bytes) {
+void receive(std::string& bytes, unsigned interface) {
+    JovuUsbClient& client = memory_backend::client(interface);
     auto* const data = reinterpret_cast<unsigned char*>(bytes.data());
     for (std::size_t at = 0; at < bytes.size(); at += memory_backend::kPacket) {
         const std::size_t size = std::min(memory_backend::kPacket, bytes.size() - at);
-        memory_backend::client(0).data_received(data + at, static_cast<unsigned>(size), kAddress);
+        client.data_received(data + at, static_cast<unsigned>(size), kAddress);
     }
 }
 

@@ -3,7 +3,8 @@
 /// @file
 /// Bytes that a device sends on the job channel.
 ///
-/// An input is the number of bytes that come at once, and what the device sends.
+/// An input is the number of bytes that come at once, and what the device sends. What is cut out is
+/// parsed as by yajl.
 #include <algorithm>
 #include <cstdint>
 #include <cstring>
@@ -12,6 +13,7 @@
 
 #include "jovu/job_interface.h"
 #include "require.h"
+#include "support/json_reference.h"
 #include "support/memory_backend.h"
 
 namespace {
@@ -29,6 +31,8 @@ public:
     void JobDataReceived(JovuDeviceAddress /*address*/, const unsigned char* text,
                          unsigned int length) override {
         REQUIRE(length >= 2 && text[length - 1] == '}' && text[length] == '\0');
+        static jovu::JsonMemory memory;
+        REQUIRE(test::parsed_as_by_yajl({text, text + length}, memory));
     }
 };
 

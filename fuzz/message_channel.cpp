@@ -5,7 +5,7 @@
 ///
 /// An input is the number of the command, a byte of modes (see Input), and what the device sends.
 /// Every '#' stands for the id of the request. Whatever was received, the next response is
-/// accepted.
+/// accepted; a string in a frame is parsed as by yajl.
 #include <algorithm>
 #include <array>
 #include <cstdint>
@@ -19,6 +19,7 @@
 #include "fake_usb/framed.h"
 #include "jovu/client.h"
 #include "require.h"
+#include "support/json_reference.h"
 #include "support/memory_backend.h"
 
 namespace {
@@ -106,6 +107,8 @@ void respond(const Input& input, const std::string& request) {
     std::string bytes;
     for (const char c : input.bytes)
         bytes += c == '#' ? id : std::string(1, c);
+    static jovu::JsonMemory memory;
+    if (input.framed) REQUIRE(test::parsed_as_by_yajl(bytes, memory));
     receive(input.framed && bytes.size() <= kLongestPayload ? framed(bytes) : bytes, input.piece);
     // Ends whatever frame is open, header included, and is nothing by itself.
     static const std::string filler =

@@ -28,6 +28,7 @@ test_packages=(
     bash-completion mandoc                    # for the completion and the manual pages
     qt6-base-dev libqt6opengl6-dev qt6-charts-dev  # the panel among the examples
     xvfb xauth fonts-dejavu-core                   # an X server for its test
+    qemu-system-x86 udev busybox-static binutils usbip   # the virtual machine for tests on a kernel
     clang libclang-rt-14-dev clang-format-14 clang-tidy-14
     python3 doxygen                           # the check of the documentation
 )

@@ -8,14 +8,19 @@
 
 step_log_dir=build/logs
 step_tail_lines=60
-declare -a step_failed=()
+step_cannot_run=77 # status of a command that this system cannot run; its last line says why
+declare -a step_failed=() step_not_run=()
 
 # Prints the line of a step that has ended: LABEL LOG SECONDS STATUS. On failure also the end of the
-# log. Returns STATUS.
+# log. Returns STATUS, and 0 for a step that cannot run here.
 step_report() {
     local label=$1 log=$2 seconds=$3 status=$4
     if [[ $status -eq 0 ]]; then
         printf '%-28s ok      %4d s\n' "$label" "$seconds"
+    elif [[ $status -eq $step_cannot_run ]]; then
+        step_not_run+=("$label: $(tail -n 1 "$log")")
+        printf '%-28s NOT RUN: %s\n' "$label" "$(tail -n 1 "$log")"
+        return 0
     else
         printf '%-28s FAILED  %4d s   (status %d, %s)\n' "$label" "$seconds" "$status" "$log"
         # The progress of a build, and the tests that passed, are not what one looks for then.
@@ -53,29 +58,34 @@ step() {
     step_report "$label" "$log" $((SECONDS - began)) "$status"
 }
 
-# step_begin LABEL COMMAND...: the same in the background; one at a time. step_end waits for it and
-# prints its line. A process group of its own, so that an interrupt ends all of it.
-step_begun_pid=
+# step_begin LABEL COMMAND...: the same in the background. step_end LABEL waits for it and prints its
+# line; without a label it does so for all. A process group of its own for each, so that an interrupt
+# ends all of it.
+declare -A step_begun=() # process ids by label
 step_begin() {
-    step_begun_label=$1
-    step_begun_log=$step_log_dir/${1// /-}.log
+    local label=$1 log=$step_log_dir/${1// /-}.log
     shift
     mkdir -p "$step_log_dir"
     set -m
     (began=$SECONDS status=0
      "$@" || status=$?
-     echo $((SECONDS - began)) >"$step_begun_log.seconds"
-     exit "$status") </dev/null >"$step_begun_log" 2>&1 &
-    step_begun_pid=$!
+     echo $((SECONDS - began)) >"$log.seconds"
+     exit "$status") </dev/null >"$log" 2>&1 &
+    step_begun[$label]=$!
     set +m
 }
 step_end() {
-    [[ -n $step_begun_pid ]] || return 0
-    local status=0
-    wait "$step_begun_pid" || status=$?
-    step_begun_pid=
-    step_report "$step_begun_label" "$step_begun_log" "$(cat "$step_begun_log.seconds")" "$status"
+    local label log status=0
+    [[ $# -gt 0 ]] || set -- "${!step_begun[@]}"
+    for label; do
+        [[ -n $label && -n ${step_begun[$label]:-} ]] || continue
+        log=$step_log_dir/${label// /-}.log status=0
+        wait "${step_begun[$label]}" || status=$?
+        unset "step_begun[$label]"
+        step_report "$label" "$log" "$(cat "$log.seconds")" "$status" || true
+    done
 }
 step_abandon() {
-    [[ -z $step_begun_pid ]] || kill -- "-$step_begun_pid" 2>/dev/null || true
+    local pid
+    for pid in "${step_begun[@]}"; do kill -- "-$pid" 2>/dev/null || true; done
 }

@@ -6,7 +6,7 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <functional>
+#include <typeindex>  // Declares std::hash; cheaper than <functional>.
 
 /// Identifies one attached device by its address on the bus. A plain value, passed by value.
 ///

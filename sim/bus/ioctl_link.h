@@ -9,7 +9,7 @@
 #include <optional>
 #include <string>
 
-#include "bus/file_descriptor.h"
+#include "device/file_descriptor.h"
 
 namespace jovusim {
 

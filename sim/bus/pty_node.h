@@ -8,7 +8,7 @@
 
 #include <string>
 
-#include "bus/file_descriptor.h"
+#include "device/file_descriptor.h"
 
 namespace jovusim {
 

@@ -13,11 +13,11 @@
 #include <set>
 #include <string>
 
-#include "bus/mutex.h"
 #include "bus/pty_node.h"
-#include "bus/types.h"
-#include "bus/urb_engine.h"
-#include "firmware/usb/controller.h"
+#include "device/bus.h"
+#include "device/device_core.h"
+#include "device/mutex.h"
+#include "device/types.h"
 
 namespace jovusim {
 
@@ -32,7 +32,7 @@ constexpr int kContended = -1;
 /// nothing blocks.
 ///
 /// Constructed on the main thread; destroyed there or on the thread of its last open file.
-class SimDevice {
+class SimDevice final : public BusDevice {
 public:
     /// @param wake called with the lock held when the main thread has to call next_due() or
     ///             unplugged() again; must not block
@@ -41,10 +41,12 @@ public:
               UrbListener listener = {});
     SimDevice(const SimDevice&) = delete;
     SimDevice& operator=(const SimDevice&) = delete;
-    ~SimDevice();
+    ~SimDevice() override;
 
     BusAddress address() const { return address_; }
-    const UsbIdentity& identity() const { return identity_; }
+    std::string name() const override { return address_.to_string(); }
+    std::string address_attribute() const override { return {}; }
+    const UsbIdentity& identity() const override { return identity_; }
     const std::string& node_path() const { return node_path_; }
 
     /// @name Operations of an open file. Each returns 0 or the errno of the failed ioctl; claim()
@@ -64,6 +66,7 @@ public:
     /// configuration fails with EBUSY while an interface is claimed.
     int reset();
     int set_configuration(unsigned value);
+    int clear_halt(unsigned endpoint);
     /// Returns 0 while the device is plugged in, else ENODEV.
     int check_present();
     /// @}
@@ -85,22 +88,14 @@ public:
     /// When tick() has to be called next, if ever.
     std::optional<Millis> next_due();
 
-    /// Runs work on the controller with the lock held, then transfers the packets that are due.
-    /// @throws std::runtime_error when the device does not run its application
-    void with_controller(const std::function<void(Controller&, Millis)>& work);
-
-    /// Likewise for a device in any mode.
-    void with_function(const std::function<void(UsbFunction&, Millis)>& work);
+    void with_function(const std::function<void(UsbFunction&, Millis)>& work) override;
+    void with_faults(const std::function<void(FaultTable&)>& work) override;
+    std::size_t open_clients() override;
+    Json stats() override;
 
     /// Returns the function with which a device that disconnected itself returns to the bus, or
     /// null. Call it once.
     std::unique_ptr<UsbFunction> take_successor();
-
-    /// Runs work on the fault table with the lock held.
-    void with_faults(const std::function<void(FaultTable&)>& work);
-
-    std::size_t open_clients();
-    Json stats();
     /// @}
 
     /// Prints new protocol violations to standard error. Any thread.
@@ -108,7 +103,6 @@ public:
 
 private:
     void update_state(Millis now) JOVU_REQUIRES(mutex_);
-    std::optional<Millis> due_at(Millis now) const JOVU_REQUIRES(mutex_);
     void unplug_locked() JOVU_REQUIRES(mutex_);
     bool is_held_by_other(ClientId client, std::size_t interface) const JOVU_REQUIRES(mutex_);
 
@@ -129,12 +123,9 @@ private:
     std::atomic<bool> unplugged_{false};  // set with mutex_ held
 
     Mutex mutex_;
-    std::unique_ptr<UsbFunction> function_ JOVU_GUARDED_BY(mutex_);
+    DeviceCore core_ JOVU_GUARDED_BY(mutex_);
     const UsbIdentity& identity_;  // the function's, which is constant
-    FaultTable faults_ JOVU_GUARDED_BY(mutex_);
-    UrbEngine engine_ JOVU_GUARDED_BY(mutex_);
     PtyNode node_ JOVU_GUARDED_BY(mutex_);
-    bool disconnected_itself_ JOVU_GUARDED_BY(mutex_) = false;
     std::set<ClientId> clients_ JOVU_GUARDED_BY(mutex_);
     std::map<std::size_t, ClientId> claims_ JOVU_GUARDED_BY(mutex_);
     ClientId next_client_ JOVU_GUARDED_BY(mutex_) = 1;

@@ -16,8 +16,8 @@
 #include <system_error>
 #include <utility>
 
-#include "bus/enumeration.h"
-#include "bus/types.h"
+#include "bus/testbed_record.h"
+#include "device/types.h"
 
 namespace jovusim {
 
@@ -60,9 +60,6 @@ namespace {
 constexpr std::uint8_t kFirstBus = 1;
 constexpr std::uint8_t kHubAddress = 1;
 
-/// How long a device is off the bus when it starts another firmware.
-constexpr Millis kRestartTime = 200;
-
 /// A socket in the testbed: opening it as a file fails with ENXIO.
 constexpr char kUnopenable[] = "/ioctl/_default";
 
@@ -78,11 +75,12 @@ std::string temporary_directory() {
     return path.size() <= kLongestTemporary && std::filesystem::is_directory(path) ? path : "/tmp";
 }
 
-std::string serial_of(BusAddress address) {
-    char serial[16];
-    std::snprintf(serial, sizeof serial, "JVS%03u%03u", unsigned{address.bus},
-                  unsigned{address.address});
-    return serial;
+/// @throws std::runtime_error
+BusAddress address_of(const std::string& name) {
+    if (const auto address = parse_address(name)) return *address;
+    throw std::runtime_error("\"" + name +
+                             "\" is not a valid BUS:ADDR: both are numbers from 1 to " +
+                             std::to_string(kMaxBusAddress));
 }
 
 }  // namespace
@@ -134,33 +132,20 @@ BusAddress Testbed::free_address(std::uint8_t bus) {
 }
 
 /// Two devices must differ: a device that returned at another address keeps its serial number.
-std::string Testbed::free_serial(BusAddress address) const {
-    const auto taken = [this](const std::string& serial) {
-        return std::any_of(devices_.begin(), devices_.end(),
-                           [&](const auto& d) { return d.second->identity().serial == serial; }) ||
-               std::any_of(returning_.begin(), returning_.end(), [&](const Returning& r) {
-                   return r.function->identity().serial == serial;
-               });
-    };
-    std::string serial = serial_of(address);
-    while (taken(serial))
-        serial += 'A';
-    return serial;
+bool Testbed::is_taken(const std::string& serial) const {
+    return std::any_of(devices_.begin(), devices_.end(),
+                       [&](const auto& d) { return d.second->identity().serial == serial; }) ||
+           std::any_of(returning_.begin(), returning_.end(),
+                       [&](const Returning& r) { return r.function->identity().serial == serial; });
 }
 
-BusAddress Testbed::plug(std::optional<BusAddress> wanted, const PlugRequest& request) {
-    const BusAddress address = wanted ? *wanted : free_address(kFirstBus);
-    DeviceConfig config{request.serial.empty() ? free_serial(address) : request.serial,
-                        request.product, time_scale_};
-    config.vendor = request.vendor;
-    config.dfu_name = request.dfu_name;
-    if (request.product == kDfuProduct) {
-        config.product = kApplicationProduct;
-        attach(address, std::make_unique<DfuDevice>(config, DfuFaults()));
-    } else {
-        attach(address, std::make_unique<Controller>(config));
-    }
-    return address;
+std::string Testbed::plug(const std::optional<std::string>& name, const PlugRequest& request) {
+    const BusAddress address = name ? address_of(*name) : free_address(kFirstBus);
+    const std::string serial =
+        free_serial(address.bus, address.address,
+                    [this](const std::string& candidate) { return is_taken(candidate); });
+    attach(address, make_function(request, serial, time_scale_));
+    return address.to_string();
 }
 
 void Testbed::attach(BusAddress address, std::unique_ptr<UsbFunction> function) {
@@ -194,20 +179,15 @@ void Testbed::attach(BusAddress address, std::unique_ptr<UsbFunction> function) 
     uevents_->send("add", address);
 }
 
+void Testbed::unplug(const std::string& name) {
+    unplug(address_of(name));
+}
+
 void Testbed::unplug(BusAddress address) {
     const std::shared_ptr<SimDevice> device = at(address);
     remove_node(address);
     device->unplug();
     remove_device(address);
-}
-
-void Testbed::replug(BusAddress address) {
-    PlugRequest request;
-    at(address)->with_function([&request](UsbFunction& function, Millis) {
-        request.product = function.application_product();
-    });
-    unplug(address);
-    plug(address, request);
 }
 
 /// Removes a device whose node is gone, in the reverse order of attach(). The message comes last: a
@@ -219,16 +199,20 @@ void Testbed::remove_device(BusAddress address) {
     uevents_->send("remove", address);
 }
 
-std::shared_ptr<SimDevice> Testbed::at(BusAddress address) {
+std::shared_ptr<SimDevice> Testbed::at(BusAddress address) const {
     const auto found = devices_.find(address);
     if (found == devices_.end()) {
-        throw std::out_of_range("no device at " + address.to_string());
+        throw std::runtime_error("no device at " + address.to_string());
     }
     return found->second;
 }
 
-std::vector<std::shared_ptr<SimDevice>> Testbed::devices() const {
-    std::vector<std::shared_ptr<SimDevice>> all;
+std::shared_ptr<BusDevice> Testbed::at(const std::string& name) {
+    return at(address_of(name));
+}
+
+std::vector<std::shared_ptr<BusDevice>> Testbed::devices() const {
+    std::vector<std::shared_ptr<BusDevice>> all;
     for (const auto& [address, device] : devices_)
         all.push_back(device);
     return all;
@@ -251,7 +235,8 @@ void Testbed::remove_node(BusAddress address) {
     }
 }
 
-void Testbed::block_open(BusAddress address, bool blocked) {
+void Testbed::block_open(const std::string& name, bool blocked) {
+    const BusAddress address = address_of(name);
     const std::shared_ptr<SimDevice> device = at(address);
     const std::filesystem::path path = root_ + address.node();
     const bool is_blocked = std::filesystem::is_directory(path);
@@ -266,11 +251,11 @@ void Testbed::block_open(BusAddress address, bool blocked) {
 
 void Testbed::service() {
     const Millis now = now_ms();
-    for (const auto& device : devices()) {
+    const auto plugged_in = devices_;
+    for (const auto& [address, device] : plugged_in) {
         if (!device->unplugged()) device->tick();
         device->print_violations();
         if (device->unplugged()) {
-            const BusAddress address = device->address();
             remove_node(address);
             remove_device(address);
             if (auto successor = device->take_successor()) {

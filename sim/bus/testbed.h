@@ -14,12 +14,12 @@
 #include <string>
 #include <vector>
 
-#include "bus/capture.h"
-#include "bus/file_descriptor.h"
 #include "bus/sim_device.h"
-#include "bus/types.h"
 #include "bus/uevents.h"
 #include "bus/usbfs_node.h"
+#include "device/capture.h"
+#include "device/file_descriptor.h"
+#include "device/types.h"
 
 namespace jovusim {
 
@@ -41,20 +41,12 @@ void remove_stale_testbeds(const std::string& temporary);
 /// The environment variable with the directory of the testbed.
 constexpr char kTestbedVariable[] = "UMOCKDEV_DIR";
 
-/// A device to plug in.
-struct PlugRequest {
-    std::uint16_t product = kApplicationProduct;  ///< kDfuProduct: a device in DFU mode
-    std::uint16_t vendor = kVendorId;
-    std::string serial = {};  ///< empty: made from the address
-    std::string dfu_name = DeviceConfig{}.dfu_name;
-};
-
 /// A bus for programs that run with umockdev's library preloaded and kTestbedVariable set to
 /// root(). Changes that variable and TMPDIR in the environment of this process.
 ///
 /// Main thread only. The thread must have blocked the signals that it handles before it constructs
 /// a Testbed, because umockdev starts a worker thread.
-class Testbed {
+class Testbed final : public Bus {
 public:
     /// Removes the directories of killed simulators and makes a bus without devices.
     /// @param time_scale seconds of machine time in one real second
@@ -64,37 +56,25 @@ public:
     Testbed(double time_scale, std::function<void()> wake, BusCapture* capture = nullptr);
     Testbed(const Testbed&) = delete;
     Testbed& operator=(const Testbed&) = delete;
-    ~Testbed();
+    ~Testbed() override;
 
     /// The directory of the testbed, removed with the bus.
     const std::string& root() const { return root_; }
 
-    /// Plugs a device in.
-    /// @param address nothing: the next free one on bus 1, as a hub assigns it
-    /// @throws std::runtime_error when the address is taken
-    BusAddress plug(std::optional<BusAddress> address, const PlugRequest& request);
-
-    /// Unplugs a device. @throws std::out_of_range when there is none at that address
-    void unplug(BusAddress address);
-
-    /// Unplugs a device and plugs a new one in at the same address.
-    void replug(BusAddress address);
-
-    /// @throws std::out_of_range when there is none at that address
-    std::shared_ptr<SimDevice> at(BusAddress address);
-
-    /// In order of their addresses.
-    std::vector<std::shared_ptr<SimDevice>> devices() const;
-
-    /// Makes opening the node fail with EISDIR, or succeed again. @throws as at()
-    void block_open(BusAddress address, bool blocked);
-
-    /// Advances all devices, removes those that disconnected themselves and attaches those that
-    /// return.
-    void service();
-
-    /// When service() has to be called next, if ever.
-    std::optional<Millis> next_due() const;
+    /// @name Names of devices are their addresses; the next free one is that of a hub on bus 1.
+    /// @{
+    std::string plug(const std::optional<std::string>& name, const PlugRequest& request) override;
+    void unplug(const std::string& name) override;
+    std::shared_ptr<BusDevice> at(const std::string& name) override;
+    std::vector<std::shared_ptr<BusDevice>> devices() const override;
+    bool can_inject(BusFault /*fault*/) const override { return true; }
+    /// Opening the node fails with EISDIR.
+    void block_open(const std::string& name, bool blocked) override;
+    void service() override;
+    std::optional<Millis> next_due() const override;
+    void add_to(std::vector<pollfd>& /*waits*/) const override {}
+    void serve(const std::vector<pollfd>& /*waits*/) override {}
+    /// @}
 
 private:
     struct TestbedDeleter {
@@ -109,7 +89,9 @@ private:
     };
 
     BusAddress free_address(std::uint8_t bus);
-    std::string free_serial(BusAddress address) const;
+    bool is_taken(const std::string& serial) const;
+    std::shared_ptr<SimDevice> at(BusAddress address) const;
+    void unplug(BusAddress address);
     void attach(BusAddress address, std::unique_ptr<UsbFunction> function);
     void attach_returned(Millis now);
     void make_node(const SimDevice& device);

@@ -7,8 +7,8 @@
 #include <string>
 #include <thread>
 
-#include "bus/file_descriptor.h"
-#include "bus/types.h"
+#include "device/file_descriptor.h"
+#include "device/types.h"
 
 namespace jovusim {
 

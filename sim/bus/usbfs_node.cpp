@@ -19,10 +19,10 @@
 #include <utility>
 #include <vector>
 
-#include "bus/file_descriptor.h"
 #include "bus/ioctl_link.h"
 #include "bus/sim_device.h"
-#include "bus/types.h"
+#include "device/file_descriptor.h"
+#include "device/types.h"
 
 namespace jovusim {
 
@@ -78,6 +78,7 @@ private:
     Outcome capabilities(const Request& request);
     Outcome with_interface(const Request& request, int (SimDevice::*work)(ClientId, unsigned));
     Outcome set_configuration(const Request& request);
+    Outcome clear_halt(const Request& request);
     Outcome disconnect_claim(const Request& request);
     Outcome submit(const Request& request);
     Outcome reap(const Request& request);
@@ -138,9 +139,10 @@ UsbfsSession::Outcome UsbfsSession::carry_out(const Request& request) {
         case USBDEVFS_SETCONFIGURATION:
             return set_configuration(request);
         case USBDEVFS_SETINTERFACE:
-        case USBDEVFS_CLEAR_HALT:
         case USBDEVFS_RESETEP:
             return 0;
+        case USBDEVFS_CLEAR_HALT:
+            return clear_halt(request);
         case USBDEVFS_RESET:
             return device_->reset();
         default:
@@ -166,6 +168,12 @@ UsbfsSession::Outcome UsbfsSession::set_configuration(const Request& request) {
     unsigned value = 0;
     if (!link_.read(request.argument, &value, sizeof value)) return EFAULT;
     return device_->set_configuration(value);
+}
+
+UsbfsSession::Outcome UsbfsSession::clear_halt(const Request& request) {
+    unsigned endpoint = 0;
+    if (!link_.read(request.argument, &endpoint, sizeof endpoint)) return EFAULT;
+    return device_->clear_halt(endpoint);
 }
 
 UsbfsSession::Outcome UsbfsSession::disconnect_claim(const Request& request) {

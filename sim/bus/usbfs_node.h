@@ -10,10 +10,10 @@
 #include <string>
 #include <thread>
 
-#include "bus/file_descriptor.h"
 #include "bus/ioctl_link.h"
-#include "bus/mutex.h"
 #include "bus/sim_device.h"
+#include "device/file_descriptor.h"
+#include "device/mutex.h"
 
 namespace jovusim {
 

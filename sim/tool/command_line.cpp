@@ -2,6 +2,10 @@
 #include "tool/command_line.h"
 
 #include <CLI/CLI.hpp>
+#include <map>
+#include <optional>
+#include <string>
+#include <vector>
 
 #include "tool/control_commands.h"
 
@@ -12,6 +16,44 @@ namespace {
 constexpr unsigned kMaxDevices = 100;
 constexpr double kMinTimeScale = 0.001;
 constexpr double kMaxTimeScale = 1e6;
+
+/// Options that all commands with a bus have.
+/// @param places of the devices, for the help
+void add_devices(CLI::App& command, unsigned& devices, bool& empty, const std::string& places) {
+    auto* const count =
+        command.add_option("--devices", devices, "Number of controllers at the start, " + places)
+            ->check(CLI::Range(0U, kMaxDevices))
+            ->capture_default_str();
+    command.add_flag("--empty", empty, "Start without a controller")->excludes(count);
+}
+
+void add_machine(CLI::App& command, double& time_scale, std::optional<std::string>& capture) {
+    command
+        .add_option("--time-scale", time_scale,
+                    "Seconds of jobs, heaters and filament in one real second")
+        ->check(CLI::Range(kMinTimeScale, kMaxTimeScale))
+        ->capture_default_str();
+    command
+        .add_option("--capture", capture,
+                    "Write everything on the bus to this file, as usbmon does (pcap)")
+        ->type_name("FILE");
+}
+
+/// Options of the commands with a real kernel.
+void add_usbip(CLI::App& command, UsbipOptions& options, bool& empty) {
+    add_devices(command, options.devices, empty, "each at a port of its own");
+    command.add_option("--speed", options.speed, "Speed of the bus")
+        ->transform(CLI::CheckedTransformer(std::map<std::string, UsbSpeed>{
+                                                {"full", UsbSpeed::full}, {"high", UsbSpeed::high}})
+                        .description(""))
+        ->type_name("SPEED")
+        ->default_str("full");
+    add_machine(command, options.time_scale, options.capture);
+    command
+        .add_option("--control", options.control,
+                    "Path of the control socket; without it a new one is printed")
+        ->type_name("FILE");
+}
 
 }  // namespace
 
@@ -26,20 +68,31 @@ void define_command_line(CLI::App& app, CommandLine& line) {
         "JOVU_SIM_CONTROL in its environment is the path of the control socket.\n"
         "The exit status is that of the program, or 128 plus the number of the signal that ended "
         "it.");
-    auto* devices = run->add_option("--devices", line.run.devices,
-                                    "Number of controllers at the start, at 1:2, 1:3, ...")
-                        ->check(CLI::Range(0U, kMaxDevices))
-                        ->capture_default_str();
-    run->add_flag("--empty", line.empty, "Start without a controller")->excludes(devices);
-    run->add_option("--time-scale", line.run.time_scale,
-                    "Seconds of jobs, heaters and filament in one real second")
-        ->check(CLI::Range(kMinTimeScale, kMaxTimeScale))
-        ->capture_default_str();
-    run->add_option("--capture", line.run.capture,
-                    "Write everything on the bus to this file, as usbmon does (pcap)")
-        ->type_name("FILE");
+    add_devices(*run, line.run.devices, line.empty, "at 1:2, 1:3, ...");
+    add_machine(*run, line.run.time_scale, line.run.capture);
     run->add_option("program", line.run.program, "Program and arguments, after --")->required();
     run->positionals_at_end();
+
+    CLI::App* attach = app.add_subcommand(
+        kAttachCommand,
+        "Attach simulated controllers to the USB of this machine, as root.\n"
+        "Every program sees them. They stay until SIGINT or SIGTERM, or until a program has ended "
+        "that jovu-sim runs: JOVU_SIM_CONTROL in its environment is the path of the control "
+        "socket, and the exit status is as that of run.\n"
+        "Needs the kernel module vhci-hcd (modprobe vhci-hcd).");
+    add_usbip(*attach, line.usbip, line.empty);
+    attach->add_option("program", line.usbip.program, "Program and arguments, after --");
+    attach->positionals_at_end();
+
+    CLI::App* serve = app.add_subcommand(
+        kServeCommand,
+        "Export simulated controllers over USB/IP.\n"
+        "On another machine, \"usbip list -r ADDRESS\" lists them and \"usbip attach -r ADDRESS -b "
+        "1-1\" attaches one. Whoever reaches the port can do that: there is no password.");
+    add_usbip(*serve, line.usbip, line.empty);
+    serve->add_option("--listen", line.usbip.listen, "Where to listen")
+        ->type_name("ADDRESS:PORT")
+        ->capture_default_str();
 
     CLI::App* ctl = app.add_subcommand(
         kCtlCommand,

@@ -9,6 +9,7 @@
 
 #include "firmware/usb/firmware_image.h"
 #include "tool/runner.h"
+#include "tool/usbip_runner.h"
 
 namespace CLI {
 class App;
@@ -19,6 +20,8 @@ namespace jovusim {
 /// @name The commands
 /// @{
 constexpr const char* kRunCommand = "run";
+constexpr const char* kAttachCommand = "attach";
+constexpr const char* kServeCommand = "serve";
 constexpr const char* kCtlCommand = "ctl";
 constexpr const char* kFirmwareCommand = "firmware";
 /// @}
@@ -26,6 +29,7 @@ constexpr const char* kFirmwareCommand = "firmware";
 /// The values of the options. The words of a request are what remains of the parser of "ctl".
 struct CommandLine {
     RunOptions run;
+    UsbipOptions usbip;  ///< Of attach and serve.
     bool empty = false;  ///< No controller at the start.
     /// @name Of a firmware image
     /// @{

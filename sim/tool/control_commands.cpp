@@ -10,7 +10,7 @@ namespace jovusim {
 namespace {
 
 /// Returns the string after "ok ", which may be empty.
-using Handler = std::string (*)(Testbed&, RequestReader&);
+using Handler = std::string (*)(Bus&, RequestReader&);
 
 struct ControlRequest {
     const char* word;
@@ -18,8 +18,8 @@ struct ControlRequest {
     Handler run;
 };
 
-std::string plug(Testbed& testbed, RequestReader& reader) {
-    std::optional<BusAddress> address;
+std::string plug(Bus& bus, RequestReader& reader) {
+    std::optional<std::string> name;
     PlugRequest request;
     while (const auto word = reader.next_if_any()) {
         const std::size_t equals = word->find('=');
@@ -33,51 +33,51 @@ std::string plug(Testbed& testbed, RequestReader& reader) {
             request.serial = parse_serial(value);
         } else if (key == "name") {
             request.dfu_name = parse_string(value);
-        } else if (!address) {
-            address = parse_address(*word);
+        } else if (!name) {
+            name = word;
         } else {
             throw BadRequest("unexpected \"" + *word + "\"");
         }
     }
-    return testbed.plug(address, request).to_string();
+    return bus.plug(name, request);
 }
 
-std::string unplug(Testbed& testbed, RequestReader& reader) {
-    const BusAddress address = reader.address();
+std::string unplug(Bus& bus, RequestReader& reader) {
+    const std::string name = reader.next("DEVICE");
     reader.expect_end();
-    testbed.unplug(address);
+    bus.unplug(name);
     return {};
 }
 
-std::string replug(Testbed& testbed, RequestReader& reader) {
-    const BusAddress address = reader.address();
+std::string replug(Bus& bus, RequestReader& reader) {
+    const std::string name = reader.next("DEVICE");
     reader.expect_end();
-    testbed.replug(address);
+    bus.replug(name);
     return {};
 }
 
-std::string list(Testbed& testbed, RequestReader& reader) {
+std::string list(Bus& bus, RequestReader& reader) {
     reader.expect_end();
     std::string out;
-    for (const auto& device : testbed.devices()) {
+    for (const auto& device : bus.devices()) {
         const UsbIdentity& identity = device->identity();
         std::array<char, 5> product{};
         std::snprintf(product.data(), product.size(), "%04x", unsigned{identity.product});
         if (!out.empty()) out += ", ";
-        out += device->address().to_string() + " product=" + product.data() +
+        out += device->name() + device->address_attribute() + " product=" + product.data() +
                " serial=" + identity.serial + " clients=" + std::to_string(device->open_clients());
     }
     return out;
 }
 
-std::string stats(Testbed& testbed, RequestReader& reader) {
-    const auto device = testbed.at(reader.address());
+std::string stats(Bus& bus, RequestReader& reader) {
+    const auto device = bus.at(reader.next("DEVICE"));
     reader.expect_end();
     return device->stats().dump(-1, ' ', true, Json::error_handler_t::replace);
 }
 
-std::string event(Testbed& testbed, RequestReader& reader) {
-    const auto device = testbed.at(reader.address());
+std::string event(Bus& bus, RequestReader& reader) {
+    const auto device = bus.at(reader.next("DEVICE"));
     const std::string text = reader.rest();
     if (text.size() > kMaxEventString) {
         throw BadRequest("STRING has " + std::to_string(text.size()) + " bytes, more than " +
@@ -88,8 +88,8 @@ std::string event(Testbed& testbed, RequestReader& reader) {
     return {};
 }
 
-std::string send(Testbed& testbed, RequestReader& reader) {
-    const auto device = testbed.at(reader.address());
+std::string send(Bus& bus, RequestReader& reader) {
+    const auto device = bus.at(reader.next("DEVICE"));
     const Channel channel = reader.channel();
     const std::string bytes = parse_hex_bytes(reader.next("HEX"));
     reader.expect_end();
@@ -98,16 +98,16 @@ std::string send(Testbed& testbed, RequestReader& reader) {
     return {};
 }
 
-std::string frame(Testbed& testbed, RequestReader& reader) {
-    const auto device = testbed.at(reader.address());
+std::string frame(Bus& bus, RequestReader& reader) {
+    const auto device = bus.at(reader.next("DEVICE"));
     const std::string text = reader.rest();
     device->with_controller(
         [&](Controller& controller, Millis now) { controller.send_framed(text, now); });
     return {};
 }
 
-std::string heater(Testbed& testbed, RequestReader& reader) {
-    const auto device = testbed.at(reader.address());
+std::string heater(Bus& bus, RequestReader& reader) {
+    const auto device = bus.at(reader.next("DEVICE"));
     const std::string word = reader.next("plug|unplug");
     if (word != "plug" && word != "unplug") {
         throw BadRequest("\"" + word + "\" is neither plug nor unplug");
@@ -119,8 +119,8 @@ std::string heater(Testbed& testbed, RequestReader& reader) {
     return {};
 }
 
-std::string gpio(Testbed& testbed, RequestReader& reader) {
-    const auto device = testbed.at(reader.address());
+std::string gpio(Bus& bus, RequestReader& reader) {
+    const auto device = bus.at(reader.next("DEVICE"));
     const auto input = static_cast<std::uint32_t>(reader.number("N", 0, Gpio::kInputs - 1));
     const bool level = reader.number("level", 0, 1) == 1;
     reader.expect_end();
@@ -130,36 +130,36 @@ std::string gpio(Testbed& testbed, RequestReader& reader) {
     return {};
 }
 
-std::string fault(Testbed& testbed, RequestReader& reader) {
-    const BusAddress address = reader.address();
-    set_fault(testbed, address, reader);
+std::string fault(Bus& bus, RequestReader& reader) {
+    const std::string name = reader.next("DEVICE");
+    set_fault(bus, name, reader);
     return {};
 }
 
 constexpr std::array kRequests = {
-    ControlRequest{
-        "plug", "plug [BUS:ADDR] [product=HEX] [vendor=HEX] [serial=STRING] [name=STRING]", plug},
-    ControlRequest{"unplug", "unplug BUS:ADDR", unplug},
-    ControlRequest{"replug", "replug BUS:ADDR", replug},
+    ControlRequest{"plug", "plug [DEVICE] [product=HEX] [vendor=HEX] [serial=STRING] [name=STRING]",
+                   plug},
+    ControlRequest{"unplug", "unplug DEVICE", unplug},
+    ControlRequest{"replug", "replug DEVICE", replug},
     ControlRequest{"list", "list", list},
-    ControlRequest{"stats", "stats BUS:ADDR", stats},
-    ControlRequest{"event", "event BUS:ADDR STRING", event},
-    ControlRequest{"send", "send BUS:ADDR message|job HEX", send},
-    ControlRequest{"frame", "frame BUS:ADDR STRING", frame},
-    ControlRequest{"heater", "heater BUS:ADDR plug|unplug", heater},
-    ControlRequest{"gpio", "gpio BUS:ADDR N 0|1", gpio},
-    ControlRequest{"fault", "fault BUS:ADDR FAULT...", fault},
+    ControlRequest{"stats", "stats DEVICE", stats},
+    ControlRequest{"event", "event DEVICE STRING", event},
+    ControlRequest{"send", "send DEVICE message|job HEX", send},
+    ControlRequest{"frame", "frame DEVICE STRING", frame},
+    ControlRequest{"heater", "heater DEVICE plug|unplug", heater},
+    ControlRequest{"gpio", "gpio DEVICE N 0|1", gpio},
+    ControlRequest{"fault", "fault DEVICE FAULT...", fault},
 };
 
 }  // namespace
 
-std::string run_control_request(Testbed& testbed, const std::string& line) {
+std::string run_control_request(Bus& bus, const std::string& line) {
     try {
         RequestReader reader(line);
         const std::string word = reader.next("request");
         for (const ControlRequest& request : kRequests) {
             if (word != request.word) continue;
-            const std::string text = request.run(testbed, reader);
+            const std::string text = request.run(bus, reader);
             return text.empty() ? "ok" : "ok " + text;
         }
         throw BadRequest("unknown request \"" + word + "\"");

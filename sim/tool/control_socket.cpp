@@ -13,7 +13,7 @@
 #include <cstring>
 #include <system_error>
 
-#include "bus/file_descriptor.h"
+#include "device/file_descriptor.h"
 #include "tool/exit_status.h"
 
 namespace jovusim {

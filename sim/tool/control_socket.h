@@ -11,7 +11,7 @@
 #include <string>
 #include <vector>
 
-#include "bus/file_descriptor.h"
+#include "device/file_descriptor.h"
 
 namespace jovusim {
 

@@ -19,10 +19,14 @@ constexpr std::uint64_t kMostBlocks = 1'000'000;
 constexpr std::uint32_t kDeepest = 32000;
 
 struct Target {
-    Testbed& testbed;
-    SimDevice& device;
+    Bus& bus;
+    BusDevice& device;
 
     void on_bus(const std::function<void(FaultTable&)>& work) const { device.with_faults(work); }
+    /// @throws BadRequest when the fault cannot happen on this bus
+    void require(BusFault fault, const char* reason) const {
+        if (!bus.can_inject(fault)) throw BadRequest(reason);
+    }
     void on_firmware(const std::function<void(Controller&)>& work) const {
         device.with_controller([&work](Controller& controller, Millis) { work(controller); });
     }
@@ -63,11 +67,14 @@ void add(const Target& target, BusFault fault, std::uint8_t endpoint, int error,
 }
 
 void claim(const Target& target, RequestReader& reader) {
+    target.require(BusFault::claim, "not on this bus: its kernel decides on claims");
     const int error = reader.error_name();
     add(target, BusFault::claim, 0, error, reader);
 }
 
 void submit(const Target& target, RequestReader& reader) {
+    target.require(BusFault::submit,
+                   "not on this bus: its kernel takes every transfer; use the fault status");
     const std::uint8_t endpoint = target.endpoint(reader);
     const int error = reader.error_name();
     add(target, BusFault::submit, endpoint, error, reader);
@@ -86,7 +93,7 @@ void never(const Target& target, RequestReader& reader) {
 
 void open(const Target& target, RequestReader& reader) {
     reader.expect_end();
-    target.testbed.block_open(target.device.address(), true);
+    target.bus.block_open(target.device.name(), true);
 }
 
 void silent(const Target& target, RequestReader& reader) {
@@ -190,7 +197,7 @@ void clear(const Target& target, RequestReader& reader) {
         auto* const controller = dynamic_cast<Controller*>(&function);
         if (controller != nullptr) controller->response_faults() = {};
     });
-    target.testbed.block_open(target.device.address(), false);
+    target.bus.block_open(target.device.name(), false);
 }
 
 struct Fault {
@@ -222,12 +229,12 @@ constexpr std::array kFaults = {
 
 }  // namespace
 
-void set_fault(Testbed& testbed, BusAddress address, RequestReader& reader) {
-    const auto device = testbed.at(address);
+void set_fault(Bus& bus, const std::string& name, RequestReader& reader) {
+    const auto device = bus.at(name);
     const std::string word = reader.next("FAULT");
     for (const Fault& fault : kFaults) {
         if (word != fault.word) continue;
-        fault.set({testbed, *device}, reader);
+        fault.set({bus, *device}, reader);
         return;
     }
     throw BadRequest("unknown fault \"" + word + "\"");
@@ -236,7 +243,7 @@ void set_fault(Testbed& testbed, BusAddress address, RequestReader& reader) {
 std::string fault_help() {
     std::string help;
     for (const Fault& fault : kFaults) {
-        help += std::string("  fault BUS:ADDR ") + fault.usage + "\n";
+        help += std::string("  fault DEVICE ") + fault.usage + "\n";
     }
     return help;
 }

@@ -30,6 +30,9 @@ int run(int argc, char** argv) {
         if (line.empty) line.run.devices = 0;
         return run_on_bus(line.run);
     }
+    if (line.empty) line.usbip.devices = 0;
+    if (command->get_name() == kAttachCommand) return attach_to_kernel(line.usbip);
+    if (command->get_name() == kServeCommand) return serve_devices(line.usbip);
     if (command->get_name() == kCtlCommand) {
         std::string request;
         for (const std::string& word : command->remaining())

@@ -51,10 +51,6 @@ void RequestReader::expect_end() {
     if (const auto word = next_if_any()) throw BadRequest("unexpected \"" + *word + "\"");
 }
 
-BusAddress RequestReader::address() {
-    return parse_address(next("BUS:ADDR"));
-}
-
 std::uint64_t RequestReader::number(const char* what, std::uint64_t least, std::uint64_t most) {
     const std::string word = next(what);
     const auto value = parse_number(word, kDecimal);
@@ -104,20 +100,6 @@ Channel RequestReader::channel() {
     if (word == "message") return Channel::message;
     if (word == "job") return Channel::job;
     throw BadRequest("\"" + word + "\" is not a channel: use message or job");
-}
-
-BusAddress parse_address(const std::string& word) {
-    const std::size_t colon = word.find(':');
-    if (colon != std::string::npos) {
-        const auto bus = parse_number(word.substr(0, colon), kDecimal);
-        const auto address = parse_number(word.substr(colon + 1), kDecimal);
-        if (bus && address && *bus >= 1 && *bus <= kMaxBusAddress && *address >= 1 &&
-            *address <= kMaxBusAddress) {
-            return {static_cast<std::uint8_t>(*bus), static_cast<std::uint8_t>(*address)};
-        }
-    }
-    throw BadRequest("\"" + word + "\" is not a valid BUS:ADDR: both are numbers from 1 to " +
-                     std::to_string(kMaxBusAddress));
 }
 
 std::uint16_t parse_hex_word(const std::string& word) {

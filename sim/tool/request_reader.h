@@ -9,7 +9,6 @@
 #include <stdexcept>
 #include <string>
 
-#include "bus/types.h"
 #include "firmware/base/types.h"
 
 namespace jovusim {
@@ -38,7 +37,6 @@ public:
     /// Throws when words are left.
     void expect_end();
 
-    BusAddress address();
     std::uint64_t number(const char* what, std::uint64_t least, std::uint64_t most);
 
     /// A number of at least 1, or "always". @param fallback returned at the end of the line
@@ -59,9 +57,6 @@ private:
     std::string line_;
     std::size_t at_ = 0;
 };
-
-/// "1:2"
-BusAddress parse_address(const std::string& word);
 
 /// Four hexadecimal digits or fewer.
 std::uint16_t parse_hex_word(const std::string& word);

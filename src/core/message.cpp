@@ -8,6 +8,7 @@
 #include "jovu/exception.h"
 #include "jovu/transport.h"
 #include "json/json.h"
+#include "json/json_generator.h"
 
 std::atomic<std::uint32_t> JovuMessage::_msg_cnt{0};
 
@@ -77,8 +78,7 @@ void JovuMessage::handle_receive(JovuDeviceAddress /*address*/,
                                  std::shared_ptr<JovuMessage>& /*msg*/) {}
 
 std::string JovuMessage::compile() {
-    const jovu::NumericLocale locale;
-    const jovu::JsonGenerator generator;
+    jovu::JsonGenerator generator;
     yajl_gen g = generator.get();
     generator_refused = false;
     gen_map_open(g);
@@ -98,7 +98,7 @@ std::string JovuMessage::compile() {
     gen_map_close(g);
     if (generator_refused)
         throw JovuException("Send failed - a value has no JSON form.", JovuError::rejected);
-    return std::string(generator.text());
+    return generator.take_text();
 }
 
 void JovuMessage::start_ids_anywhere() {
@@ -118,18 +118,18 @@ void JovuMessage::send(JovuDeviceAddress address) {
 }
 
 yajl_gen_status JovuMessage::gen_integer(yajl_gen g, long long value) {
-    return noted(yajl_gen_integer(g, value));
+    return noted(jovu::write_integer(g, value));
 }
 
 yajl_gen_status JovuMessage::gen_double(yajl_gen g, double value) {
-    return noted(yajl_gen_double(g, value));
+    return noted(jovu::write_double(g, value));
 }
 
 yajl_gen_status JovuMessage::gen_number(yajl_gen g, const std::string& literal) {
     return noted(yajl_gen_number(g, literal.data(), literal.size()));
 }
 
-yajl_gen_status JovuMessage::gen_string(yajl_gen g, const std::string& text) {
+yajl_gen_status JovuMessage::gen_string(yajl_gen g, std::string_view text) {
     return noted(
         yajl_gen_string(g, reinterpret_cast<const unsigned char*>(text.data()), text.size()));
 }

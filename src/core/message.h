@@ -80,12 +80,13 @@ public:
     void forget_data() noexcept { data_ = nullptr; }
 
     /// @name Generator wrappers
-    /// Each is the yajl function of the same name and returns its status.
+    /// Each does what the yajl function of the same name does, whatever the locale, and returns its
+    /// status.
     /// @{
     static yajl_gen_status gen_integer(yajl_gen g, long long value);
     static yajl_gen_status gen_double(yajl_gen g, double value);
     static yajl_gen_status gen_number(yajl_gen g, const std::string& literal);
-    static yajl_gen_status gen_string(yajl_gen g, const std::string& text);
+    static yajl_gen_status gen_string(yajl_gen g, std::string_view text);
     static yajl_gen_status gen_null(yajl_gen g);
     static yajl_gen_status gen_bool(yajl_gen g, bool value);
     static yajl_gen_status gen_map_open(yajl_gen g);

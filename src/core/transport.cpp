@@ -13,6 +13,7 @@
 #include "core/transport_state.h"
 #include "jovu/exception.h"
 #include "json/json.h"
+#include "json/json_tree.h"
 #include "usb/usb.h"
 
 JovuTransport::JovuTransport(JovuEventInterface* events) : state_(std::make_shared<State>(events)) {
@@ -163,8 +164,8 @@ void JovuTransport::data_received(unsigned char* data, unsigned int length,
 
 void JovuTransport::process_data_receive(unsigned char* payload, unsigned int length,
                                          JovuDeviceAddress address) {
-    const std::string text(reinterpret_cast<const char*>(payload), length);
-    const jovu::JsonTree tree = jovu::parse_json(text);
+    const jovu::JsonTree tree({reinterpret_cast<const char*>(payload), length},
+                              state_->tree_memory);
     const yajl_val envelope = jovu::find(tree.get(), {"transport"}, yajl_t_object);
     const yajl_val data = jovu::find(tree.get(), {"data"}, yajl_t_object);
     if (envelope == nullptr || data == nullptr) return;
@@ -176,8 +177,9 @@ void JovuTransport::process_data_receive(unsigned char* payload, unsigned int le
         return;
     }
     if (message->is_response()) {
+        const char* const command = jovu::find_string(data, {"command", "name"});
         const jovu::WaitingRequests::Sender sender{address, state_->peer(address).connection.get(),
-                                                   JovuCommand::get_unparsed_cmd_name(message)};
+                                                   command == nullptr ? "" : command};
         state_->waiting.respond(message, sender, state_->strict);
     } else {
         message->handle_receive(address, message);

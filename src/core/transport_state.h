@@ -18,6 +18,7 @@
 #include "core/waiting_requests.h"
 #include "jovu/device_address.h"
 #include "jovu/transport.h"
+#include "json/json_tree.h"
 #include "usb/usb.h"
 
 struct JovuTransport::State {
@@ -76,6 +77,9 @@ struct JovuTransport::State {
     jovu::Mutex peers_mutex;  ///< A leaf.
     /// Elements are never removed, so a reference to one stays valid.
     std::unordered_map<JovuDeviceAddress, Peer> peers JOVU_GUARDED_BY(peers_mutex);
+
+    /// Of received messages. Touched only while received data is dispatched, which never overlaps.
+    jovu::JsonMemory tree_memory;
 
     jovu::WaitingRequests waiting;
     jovu::NotificationThreads notifications;

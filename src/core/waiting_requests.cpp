@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "core/waiting_requests.h"
 
-#include <string_view>
 #include <utility>
 
 #include "base/log.h"
@@ -43,8 +42,8 @@ WaitingRequests::Entry::~Entry() {
 
 const char* WaitingRequests::mismatch(const Waiting& waiting, const Sender& sender) {
     if (sender.connection != waiting.connection) return "came over another connection";
-    const std::string_view command = waiting.request->command_name();
-    if (!sender.command.empty() && sender.command != command) return "names another command";
+    if (!sender.command.empty() && sender.command != waiting.request->command_name())
+        return "names another command";
     return nullptr;
 }
 

@@ -7,7 +7,7 @@
 #include <chrono>
 #include <map>
 #include <memory>
-#include <string>
+#include <string_view>
 
 #include "base/mutex.h"
 #include "core/cancellable_exchanges.h"
@@ -59,7 +59,7 @@ public:
     struct Sender {
         JovuDeviceAddress address;
         const Connection* connection;  ///< Null when the device is not connected any more.
-        std::string command;           ///< The command that the response names; empty for none.
+        std::string_view command;      ///< The command that the response names; empty for none.
     };
 
     /// Hands a response to the request with its id and wakes the sender of the request. A response

@@ -5,6 +5,7 @@
 #include "jovu/job_interface.h"
 
 #include <string>
+#include <string_view>
 #include <utility>
 
 #include "base/never_destroyed.h"
@@ -13,6 +14,7 @@
 #include "jobs/job_messages.h"
 #include "jovu/exception.h"
 #include "json/json.h"
+#include "json/json_tree.h"
 #include "usb/usb.h"
 
 JovuJobInterface::JovuJobInterface() : state_(std::make_shared<State>()) {
@@ -118,9 +120,9 @@ void JovuJobInterface::data_received(unsigned char* data, unsigned int length,
     if (!object) return;
     JobDataReceived(address, reinterpret_cast<const unsigned char*>(object->c_str()),
                     static_cast<unsigned int>(object->size()));
-    const jovu::JsonTree tree = jovu::parse_json(*object);
+    const jovu::JsonTree tree(*object, state_->tree_memory);
     const char* const type = jovu::find_string(tree.get(), {"metadata", "type"});
-    if (type == nullptr || std::string(type) != "status") return;
+    if (type == nullptr || std::string_view(type) != "status") return;
     StatusMsg status;
     parse_status(tree.get(), status);
     state_->status_waiters.deliver(address, status);

@@ -12,6 +12,7 @@
 #include "jobs/status_waiters.h"
 #include "jovu/device_address.h"
 #include "jovu/job_interface.h"
+#include "json/json_tree.h"
 #include "usb/usb.h"
 
 namespace jovu {
@@ -25,6 +26,8 @@ struct JovuJobInterface::State {
     /// Receive buffers. Touched only by the USB backend's calls for interface 1, which never
     /// overlap. Created with the first data, erased when the device disconnects.
     std::unordered_map<JovuDeviceAddress, jovu::JobStream> streams;
+
+    jovu::JsonMemory tree_memory;  ///< Of received objects; touched as `streams` is.
 
     jovu::StatusWaiters status_waiters;
 

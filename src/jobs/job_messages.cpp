@@ -5,6 +5,7 @@
 #include <string_view>
 
 #include "json/json.h"
+#include "json/json_generator.h"
 
 namespace jovu {
 namespace {
@@ -37,7 +38,7 @@ public:
         text("type", type);
         close();
     }
-    std::string result() const { return std::string(generator_.text()); }
+    std::string result() { return generator_.take_text(); }
 
 private:
     yajl_gen g() const { return generator_.get(); }

@@ -8,6 +8,8 @@
 #include "commands/catalogue.h"
 #include "commands/structure_codec.h"
 #include "fake_usb/backend_fixture.h"
+#include "json/json_generator.h"
+#include "json/json_tree.h"
 
 namespace test {
 namespace {
@@ -19,10 +21,10 @@ std::string shown(const T& value) {
     if constexpr (std::is_same_v<T, std::shared_ptr<char>>) {
         out << (value == nullptr ? "null" : value.get());
     } else if constexpr (jovu::is_structure<T>) {
-        const jovu::JsonGenerator generator;
+        jovu::JsonGenerator generator;
         T copy = value;
         jovu::write_structure(generator.get(), copy);
-        out << generator.text();
+        out << generator.take_text();
     } else {
         out << +value;
     }
@@ -45,7 +47,7 @@ std::string spelled_out(std::string text) {
 template <class S>
 S parsed(const std::string& text) {
     S value{};
-    const jovu::JsonTree tree = jovu::parse_json(text);
+    const jovu::JsonTree tree(text);
     jovu::read_structure(tree.get(), value);
     return value;
 }

@@ -54,8 +54,10 @@ declare -A simulator=(
     [firmware/machine]='firmware/base firmware/servo'
     [firmware/commands]='firmware/base firmware/machine'
     [firmware/usb]='firmware/base firmware/machine firmware/commands'
-    [bus]='firmware/base firmware/usb'
-    [tool]='bus firmware/base firmware/usb'
+    [device]='firmware/base firmware/usb'
+    [bus]='device firmware/base firmware/usb'
+    [usbip]='device firmware/base firmware/usb'
+    [tool]='bus usbip device firmware/base firmware/usb'
 )
 
 # module ROOT FOLDER ALLOWED: the includes of one folder. A source and its header count as one file.

@@ -68,9 +68,12 @@ jovu call gpio_output_set |<pin= value=
 jovu call gpio_output_set pin=1 v|<value=
 jovu call gpio_output_set pin=|<
 jovu commands bio_get_v|<bio_get_version
-jovu-sim |<ctl firmware run
+jovu-sim |<attach ctl firmware run serve
 jovu-sim run --de|<--devices
 jovu-sim run --devices 3 -- jovu pau|<pause
+jovu-sim attach --speed |<full high
+jovu-sim attach -- jovu pau|<pause
+jovu-sim serve --li|<--listen
 jovu-sim ctl un|<unplug
 jovu-sim ctl fault 1:2 fl|<flood
 jovu-sim ctl unplug 1:2 f|<

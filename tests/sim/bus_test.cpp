@@ -9,10 +9,11 @@
 #include <cstring>
 #include <vector>
 
-#include "bus/capture.h"
-#include "bus/enumeration.h"
-#include "bus/file_descriptor.h"
 #include "bus/sim_device.h"
+#include "bus/testbed_record.h"
+#include "device/capture.h"
+#include "device/descriptors.h"
+#include "device/file_descriptor.h"
 #include "firmware_host.h"
 #include "support/job_file.h"
 
@@ -63,11 +64,13 @@ TEST(Descriptors, SayWhatTheDeviceIs) {
               "07058102400000"
               "07050202000200"
               "0904010000fe000000\n");
-    EXPECT_EQ(find_descriptor(identity, 3, 4), std::string({4, 3, 'n', 0}));
+    EXPECT_EQ(find_descriptor(identity, UsbSpeed::full, 3, 4), std::string({4, 3, 'n', 0}));
     const std::array<std::uint8_t, 2> missing[] = {{3, 5}, {3, 6}, {1, 1}, {2, 1}, {4, 0}};
     for (const auto& [type, index] : missing)
-        EXPECT_FALSE(find_descriptor(identity, type, index)) << int{type} << " " << int{index};
-    EXPECT_EQ(find_descriptor(identity, 1, 0).value() + find_descriptor(identity, 2, 0).value(),
+        EXPECT_FALSE(find_descriptor(identity, UsbSpeed::full, type, index))
+            << int{type} << " " << int{index};
+    EXPECT_EQ(find_descriptor(identity, UsbSpeed::full, 1, 0).value() +
+                  find_descriptor(identity, UsbSpeed::full, 2, 0).value(),
               sysfs_descriptors(identity));
 }
 
@@ -170,7 +173,7 @@ std::unique_ptr<Controller> controller() {
 TEST(Bus, AnswersStandardRequestsItself) {
     SimDevice device({1, 2}, controller(), [] {});
     Program program(device);
-    const std::string descriptor = find_descriptor(device.identity(), 1, 0).value();
+    const std::string descriptor = find_descriptor(device.identity(), UsbSpeed::full, 1, 0).value();
     const std::tuple<unsigned, unsigned, unsigned, unsigned, std::string> cases[] = {
         {0x80, 6, 0x0100, 18, descriptor},
         {0x80, 6, 0x0100, 200, descriptor},

@@ -4,7 +4,7 @@
 // are shown there, packet by packet.
 #include <gtest/gtest.h>
 
-#include "bus/enumeration.h"
+#include "device/descriptors.h"
 #include "firmware_host.h"
 #include "support/protocol_page.h"
 

@@ -80,7 +80,7 @@ error unexpected "1:8" <= plug 1:7 1:8
 error "10000" is not a hexadecimal number from 0 to ffff <= plug product=10000
 error "" is not a hexadecimal number from 0 to ffff <= plug vendor= | plug product
 error "@" is not a valid BUS:ADDR: both are numbers from 1 to 127 <= plug 0:1 | stats 0:1 | plug 1:0 | unplug 1:0 | plug 1:128 | plug 128:1 | plug 1 | plug :1 | plug 1:1x
-error BUS:ADDR is missing <= unplug | fault
+error DEVICE is missing <= unplug | fault
 error the serial number "%7f" is not printable ASCII <= plug serial=%7f
 error the serial number "%1f" is not printable ASCII <= plug serial=%1f
 error "4" is not a pair of hexadecimal digits <= plug serial=%4 | send 1:2 job 004

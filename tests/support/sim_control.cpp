@@ -5,7 +5,7 @@
 #include <cstdlib>
 #include <stdexcept>
 
-#include "bus/file_descriptor.h"
+#include "device/file_descriptor.h"
 
 namespace test {
 

@@ -7,7 +7,7 @@
 
 #include "core/message.h"
 #include "jovu/client.h"
-#include "json/json.h"
+#include "json/json_tree.h"
 #include "support/heap.h"
 
 namespace {
@@ -68,7 +68,7 @@ TEST(EventInterface, CallsTheHandlerOfTheNameWithWhatCanBeReadOrNone) {
     };
     Client client;
     for (const auto& [body, calls] : rows) {
-        const jovu::JsonTree tree = jovu::parse_json(body);
+        const jovu::JsonTree tree(body);
         auto message = JovuMessage::elevate(JovuMessage(client, 5, 1, tree.get()));
         message->handle_receive({1, 5}, message);
         EXPECT_EQ(client.calls.str(), calls) << body;

@@ -9,6 +9,7 @@
 #include <limits>
 #include <sstream>
 
+#include "json/json_tree.h"
 #include "support/recording_client.h"
 
 namespace {
@@ -30,7 +31,7 @@ void show(std::ostream& out, T element) {
 template <class R, std::size_t elements = 0>
 std::string read(JovuTransport& transport, const std::string& response) {
     JovuFirmwareCommand<R, int> command(transport, "n", 1, {3}, {"k"});
-    const jovu::JsonTree tree = jovu::parse_json(R"({"command":)" + response + "}");
+    const jovu::JsonTree tree(R"({"command":)" + response + "}");
     auto message = std::make_shared<JovuMessage>(transport, 2U, command.id(), tree.get());
     command.set_response(message);
     std::ostringstream out;
@@ -120,11 +121,11 @@ TEST(EchoedArguments, AreReadByPositionWhateverTheirKeys) {
         {R"({})", "=0 =0 =null"},
     };
     for (const auto& [text, expected] : rows) {
-        const jovu::JsonTree tree = jovu::parse_json(text);
+        const jovu::JsonTree tree(text);
         std::tuple<int, bool, String> args{};
         std::vector<std::string> keys(3);
-        CmdArgDeserializer::for_each(tree->u.object.keys, tree->u.object.len, tree.get(), args,
-                                     keys);
+        CmdArgDeserializer::for_each(tree.get()->u.object.keys, tree.get()->u.object.len,
+                                     tree.get(), args, keys);
         const auto& [number, flag, string] = args;
         std::ostringstream out;
         out << keys[0] << '=' << number << ' ' << keys[1] << '=' << flag << ' ' << keys[2] << '='

@@ -10,7 +10,7 @@
 #include "fake_usb/backend_fixture.h"
 #include "jobs/job_messages.h"
 #include "jobs/job_stream.h"
-#include "json/json.h"
+#include "json/json_tree.h"
 #include "support/heap.h"
 
 namespace test {
@@ -99,7 +99,7 @@ TEST(StatusReport, ReadsWhatIsThereAndOfTheRightKind) {
         {"[]", "||||0||||0||0||0|0|0|0"},
     };
     for (const auto& [report, expected] : cases) {
-        const jovu::JsonTree tree = jovu::parse_json(report);
+        const jovu::JsonTree tree(report);
         JovuJobInterface::StatusMsg status;
         parse_status(tree.get(), status);
         EXPECT_EQ(read_back(status), expected) << report;

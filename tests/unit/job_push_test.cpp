@@ -11,6 +11,7 @@
 
 #include "fake_usb/backend_fixture.h"
 #include "json/json.h"
+#include "json/json_tree.h"
 #include "support/job_file.h"
 
 namespace test {
@@ -135,7 +136,7 @@ TEST_F(JobPush, FillsUpWhatItDoesNotSendSoThatTheChecksumIsWrong) {
             EXPECT_EQ(data.size(), job.size());
             const std::size_t own = std::min((shrinks || grows ? 1 : row) * 5120, job.size());
             EXPECT_EQ(data.substr(0, own), job.substr(0, own));
-            const jovu::JsonTree announced = jovu::parse_json(sent[before].bytes);
+            const jovu::JsonTree announced(sent[before].bytes);
             const auto* const bytes = reinterpret_cast<const Bytef*>(data.data());
             EXPECT_EQ(jovu::find_integer(announced.get(), {"file_push", "adler32"}) ==
                           static_cast<long long>(adler32_z(0, bytes, data.size())),

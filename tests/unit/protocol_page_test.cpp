@@ -21,6 +21,7 @@
 #include "events/event_catalogue.h"
 #include "jobs/job_messages.h"
 #include "jobs/job_stream.h"
+#include "json/json_tree.h"
 #include "support/protocol_page.h"
 #include "support/recording_client.h"
 #include "usb/usb_backend.h"
@@ -278,7 +279,7 @@ TEST(ProtocolPage, ListsWhatIsReadOfAReport) {
         for (std::size_t dot = 0; (dot = path.rfind('.')) != std::string::npos; path.resize(dot))
             json = "{\"" + path.substr(dot + 1) + "\":" + json + "}";
         json = "{\"" + path + "\":" + json;
-        const jovu::JsonTree tree = jovu::parse_json(json);
+        const jovu::JsonTree tree(json);
         JovuJobInterface::StatusMsg s;
         parse_status(tree.get(), s);
         const auto& [model, cpu, name, version, accepted] = s.printer;

@@ -7,7 +7,7 @@
 #include <thread>
 
 #include "core/message.h"
-#include "json/json.h"
+#include "json/json_tree.h"
 #include "support/recording_client.h"
 
 namespace {
@@ -23,7 +23,7 @@ TEST(WaitingRequests, AreWokenByWhatIsTheirsWhileOthersComeAndGo) {
     using Entry = jovu::WaitingRequests::Entry;
     test::RecordingClient client;
     const NoDevice connection;
-    const jovu::JsonTree body = jovu::parse_json("{}");
+    const jovu::JsonTree body("{}");
     jovu::WaitingRequests table;
     const auto respond = [&](unsigned id) {
         auto response = std::make_shared<JovuMessage>(client, 2, id, body.get());

@@ -33,13 +33,17 @@ std::vector<std::string> words_at(std::size_t place, const std::string& help) {
 }
 
 Values find_values(const std::string& command, const std::string& value) {
-    if (command == jovusim::kRunCommand && value == "program") {
+    const bool runs = command == jovusim::kRunCommand || command == jovusim::kAttachCommand;
+    if (runs && value == "program") {
         return {Values::Kind::programs};
+    }
+    if (value == "SPEED") {
+        return {Values::Kind::words, {"full", "high"}};
     }
     if (value == "FILE") {
         return {Values::Kind::files};
     }
-    for (const char* const free : {"UINT", "FLOAT", "version"}) {
+    for (const char* const free : {"UINT", "FLOAT", "ADDRESS:PORT", "version"}) {
         if (value == free) {
             return {};
         }
@@ -59,7 +63,7 @@ reference::Program describe() {
             faults.keys["fault"] = words_at(2, jovusim::fault_help());
             command.arguments = {
                 {{}, "REQUEST", "What the simulator is to do, see above", true, false, requests},
-                {{}, "BUS:ADDR", "The device", false, false, {}},
+                {{}, "DEVICE", "The device", false, false, {}},
                 {{}, "ARGUMENT", "What follows in the request", false, true, faults},
             };
         }

@@ -8,10 +8,10 @@
 #include <cstdint>
 #include <string>
 
-#include "bus/file_descriptor.h"
-#include "bus/mutex.h"
-#include "bus/types.h"
-#include "bus/urb_engine.h"
+#include "device/file_descriptor.h"
+#include "device/mutex.h"
+#include "device/types.h"
+#include "device/urb_engine.h"
 #include "firmware/usb/usb_function.h"
 
 namespace jovusim {

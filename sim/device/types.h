@@ -7,6 +7,7 @@
 #include <chrono>
 #include <cstdint>
 #include <cstdio>
+#include <optional>
 #include <string>
 #include <tuple>
 
@@ -43,6 +44,9 @@ struct BusAddress {
                std::to_string(address);
     }
 };
+
+/// Parses "1:2"; nothing when it is not a valid address.
+std::optional<BusAddress> parse_address(const std::string& word);
 
 /// Milliseconds of the monotonic clock. Any thread.
 inline Millis now_ms() {

@@ -1,10 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "bus/enumeration.h"
+#include "device/descriptors.h"
 
 #include <linux/usb/ch9.h>
 
 #include <cstdint>
-#include <cstdio>
 #include <vector>
 
 namespace jovusim {
@@ -12,6 +11,8 @@ namespace jovusim {
 namespace {
 
 constexpr std::uint16_t kUsb20 = 0x0200;
+constexpr std::uint8_t kControlPacket = 64;  // largest packet of endpoint 0
+constexpr std::uint16_t kHighSpeedBulkPacket = 512;
 constexpr std::uint8_t kMaxPower = 50;  // in units of 2 mA
 constexpr std::uint16_t kEnglish = 0x0409;
 
@@ -34,7 +35,7 @@ std::string device_descriptor(const UsbIdentity& identity) {
     append(out, 0);  // class, subclass and protocol are those of the interfaces
     append(out, 0);
     append(out, 0);
-    append(out, 64);  // packet size of endpoint 0
+    append(out, kControlPacket);
     append_word(out, identity.vendor);
     append_word(out, identity.product);
     append_word(out, identity.release);
@@ -45,7 +46,24 @@ std::string device_descriptor(const UsbIdentity& identity) {
     return out;
 }
 
-std::string configuration_descriptor(const UsbIdentity& identity) {
+/// What differs at the other speed, of a device that runs at high speed.
+std::string device_qualifier() {
+    std::string out;
+    append(out, sizeof(usb_qualifier_descriptor));
+    append(out, USB_DT_DEVICE_QUALIFIER);
+    append_word(out, kUsb20);
+    append(out, 0);
+    append(out, 0);
+    append(out, 0);
+    append(out, kControlPacket);
+    append(out, 1);  // configurations
+    append(out, 0);  // reserved
+    return out;
+}
+
+/// @param type USB_DT_CONFIG or USB_DT_OTHER_SPEED_CONFIG
+std::string configuration_descriptor(const UsbIdentity& identity, UsbSpeed speed,
+                                     std::uint8_t type = USB_DT_CONFIG) {
     std::string body;
     std::uint8_t number = 0;
     for (const InterfaceInfo& info : identity.interfaces) {
@@ -64,14 +82,14 @@ std::string configuration_descriptor(const UsbIdentity& identity) {
             append(body, USB_DT_ENDPOINT);
             append(body, endpoint.address);
             append(body, USB_ENDPOINT_XFER_BULK);
-            append_word(body, endpoint.max_packet);
+            append_word(body, max_packet(endpoint, speed));
             append(body, 0);  // interval
         }
         ++number;
     }
     std::string out;
     append(out, USB_DT_CONFIG_SIZE);
-    append(out, USB_DT_CONFIG);
+    append(out, type);
     append_word(out, static_cast<unsigned>(USB_DT_CONFIG_SIZE + body.size()));
     append(out, static_cast<unsigned>(identity.interfaces.size()));
     append(out, kConfigurationValue);
@@ -100,65 +118,28 @@ std::optional<std::string> string_descriptor(const UsbIdentity& identity, std::u
     return out + body;
 }
 
-std::string hex(const std::string& bytes) {
-    std::string out;
-    for (const char c : bytes) {
-        char digits[3];
-        std::snprintf(digits, sizeof digits, "%02x",
-                      static_cast<unsigned>(static_cast<unsigned char>(c)));
-        out += digits;
-    }
-    return out;
-}
-
-std::string hex(std::uint16_t word) {
-    char digits[5];
-    std::snprintf(digits, sizeof digits, "%04x", unsigned{word});
-    return digits;
-}
-
 }  // namespace
 
-std::optional<std::string> find_descriptor(const UsbIdentity& identity, std::uint8_t type,
-                                           std::uint8_t index) {
-    if (type == USB_DT_DEVICE && index == 0) return device_descriptor(identity);
-    if (type == USB_DT_CONFIG && index == 0) return configuration_descriptor(identity);
+std::uint16_t max_packet(const EndpointInfo& endpoint, UsbSpeed speed) {
+    return speed == UsbSpeed::high ? kHighSpeedBulkPacket : endpoint.max_packet;
+}
+
+std::optional<std::string> find_descriptor(const UsbIdentity& identity, UsbSpeed speed,
+                                           std::uint8_t type, std::uint8_t index) {
     if (type == USB_DT_STRING) return string_descriptor(identity, index);
+    if (index != 0) return std::nullopt;
+    if (type == USB_DT_DEVICE) return device_descriptor(identity);
+    if (type == USB_DT_CONFIG) return configuration_descriptor(identity, speed);
+    if (speed != UsbSpeed::high) return std::nullopt;
+    if (type == USB_DT_DEVICE_QUALIFIER) return device_qualifier();
+    if (type == USB_DT_OTHER_SPEED_CONFIG) {
+        return configuration_descriptor(identity, UsbSpeed::full, type);
+    }
     return std::nullopt;
 }
 
 std::string sysfs_descriptors(const UsbIdentity& identity) {
-    return device_descriptor(identity) + configuration_descriptor(identity);
-}
-
-std::string testbed_record(const UsbIdentity& identity, BusAddress address) {
-    const std::string bus = std::to_string(address.bus);
-    const std::string device = std::to_string(address.address);
-    std::string out = "P: " + address.device_path() + "\n";
-    const auto property = [&out](const std::string& text) { out += "E: " + text + "\n"; };
-    property("SUBSYSTEM=usb");
-    property("DEVTYPE=usb_device");
-    property("DRIVER=usb");
-    property("DEVNAME=" + address.node());
-    property("BUSNUM=" + bus);
-    property("DEVNUM=" + device);
-    const auto attribute = [&out](const std::string& name, const std::string& value) {
-        out += "A: " + name + "=";
-        for (const char c : value)
-            out += c == '\\' ? std::string("\\\\") : std::string(1, c);
-        out += "\\n\n";
-    };
-    attribute("busnum", bus);
-    attribute("devnum", device);
-    attribute("bConfigurationValue", std::to_string(kConfigurationValue));
-    attribute("speed", "12");
-    attribute("idVendor", hex(identity.vendor));
-    attribute("idProduct", hex(identity.product));
-    attribute("manufacturer", identity.manufacturer);
-    attribute("product", identity.product_name);
-    attribute("serial", identity.serial);
-    out += "H: descriptors=" + hex(sysfs_descriptors(identity)) + "\n";
-    return out;
+    return device_descriptor(identity) + configuration_descriptor(identity, UsbSpeed::full);
 }
 
 }  // namespace jovusim

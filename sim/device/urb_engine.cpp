@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "bus/urb_engine.h"
+#include "device/urb_engine.h"
 
 #include <linux/usb/ch9.h>
 
@@ -9,51 +9,7 @@
 #include <cstring>
 #include <utility>
 
-#include "bus/enumeration.h"
-#include "firmware/usb/transmit_queue.h"
-
 namespace jovusim {
-
-void FaultTable::add(BusFault fault, std::uint8_t endpoint, int error, std::uint32_t count,
-                     std::uint32_t skip) {
-    if (count == 0) return;
-    const int value = fault == BusFault::never ? 1 : error;
-    settings_[{fault, endpoint}].push_back({value, count, skip});
-}
-
-int FaultTable::take(BusFault fault, std::uint8_t endpoint) {
-    const auto found = settings_.find({fault, endpoint});
-    if (found == settings_.end() || found->second.empty()) return 0;
-    Setting& setting = found->second.front();
-    if (setting.skip > 0) {
-        --setting.skip;
-        return 0;
-    }
-    const int error = setting.error;
-    if (setting.count != kAlways && --setting.count == 0) found->second.pop_front();
-    return error;
-}
-
-void FaultTable::unplug_after(std::uint8_t endpoint, std::uint64_t bytes) {
-    unplug_after_[endpoint] = bytes;
-}
-
-std::optional<std::size_t> FaultTable::count_out(std::uint8_t endpoint, std::size_t size) {
-    const auto found = unplug_after_.find(endpoint);
-    if (found == unplug_after_.end()) return std::nullopt;
-    if (size < found->second) {
-        found->second -= size;
-        return std::nullopt;
-    }
-    const auto left = static_cast<std::size_t>(found->second);
-    unplug_after_.erase(found);
-    return left;
-}
-
-void FaultTable::clear() {
-    settings_.clear();
-    unplug_after_.clear();
-}
 
 namespace {
 
@@ -61,36 +17,20 @@ bool is_in(std::uint8_t endpoint) {
     return (endpoint & USB_ENDPOINT_DIR_MASK) != 0;
 }
 
-/// The data stage of a standard request, or nothing for a stall.
-std::optional<std::string> standard_request(UsbFunction& function, const usb_ctrlrequest& setup) {
-    const bool to_host = (setup.bRequestType & USB_DIR_IN) != 0;
-    switch (setup.bRequest) {
-        case USB_REQ_GET_DESCRIPTOR:
-            if (!to_host) return std::nullopt;
-            return find_descriptor(function.identity(),
-                                   static_cast<std::uint8_t>(setup.wValue >> 8U),
-                                   static_cast<std::uint8_t>(setup.wValue & 0xFFU));
-        case USB_REQ_GET_STATUS:
-            return std::string(2, '\0');
-        case USB_REQ_GET_CONFIGURATION:
-            return std::string(1, '\1');
-        case USB_REQ_SET_CONFIGURATION:
-            if (to_host || setup.wValue != kConfigurationValue) return std::nullopt;
-            function.configure();
-            return std::string();
-        default:
-            return std::nullopt;
-    }
-}
-
 }  // namespace
 
-UrbEngine::UrbEngine(UsbFunction& function, FaultTable& faults, UrbListener listener)
-    : function_(function), faults_(faults), listener_(std::move(listener)) {
+UrbEngine::UrbEngine(UsbFunction& function, FaultTable& faults, UsbSpeed speed,
+                     UrbListener listener)
+    : function_(function),
+      faults_(faults),
+      standard_(function, speed),
+      listener_(std::move(listener)) {
     std::size_t number = 0;
     for (const InterfaceInfo& interface : function.identity().interfaces) {
         for (const EndpointInfo& endpoint : interface.endpoints) {
-            endpoints_[endpoint.address].interface = number;
+            Endpoint& entry = endpoints_[endpoint.address];
+            entry.interface = number;
+            entry.max_packet = max_packet(endpoint, speed);
         }
         ++number;
     }
@@ -118,7 +58,9 @@ int UrbEngine::submit(Urb urb, Millis now) {
         report(UrbEvent::refused, urb);
         return error;
     }
-    if (const int error = faults_.take(BusFault::status, urb.endpoint)) {
+    if (!standard_.configured() || standard_.halted(urb.endpoint)) {
+        finish(std::move(urb), standard_.configured() ? -EPIPE : -EPROTO);
+    } else if (const int error = faults_.take(BusFault::status, urb.endpoint)) {
         finish(std::move(urb), -error);
     } else if (faults_.take(BusFault::never, urb.endpoint) != 0) {
         endpoint.stuck.push_back(std::move(urb));
@@ -164,7 +106,7 @@ void UrbEngine::pump(std::uint8_t address, Endpoint& endpoint, Millis now) {
         urb.actual += taken;
         endpoint.bytes += taken;
         const bool overflow = packet->size() > room;
-        if (packet->size() < kMaxPacket || urb.actual == urb.length) {
+        if (packet->size() < endpoint.max_packet || urb.actual == urb.length) {
             ++endpoint.transfers;
             Urb done = std::move(urb);
             endpoint.waiting.pop_front();
@@ -185,7 +127,8 @@ void UrbEngine::run_control(Urb urb, Millis now) {
     std::uint8_t* const stage = urb.buffer + sizeof setup;
     std::optional<std::string> response;
     if ((setup.bRequestType & USB_TYPE_MASK) == USB_TYPE_STANDARD) {
-        response = standard_request(function_, setup);
+        response = standard_.respond(setup);
+        end_unusable();
     } else {
         const std::string data(reinterpret_cast<const char*>(stage), to_host ? 0 : room);
         response = function_.control(
@@ -205,21 +148,34 @@ void UrbEngine::run_control(Urb urb, Millis now) {
     finish(std::move(urb), 0);
 }
 
-int UrbEngine::discard(ClientId client, std::uint64_t handle) {
-    const auto matches = [client, handle](const Urb& urb) {
-        return urb.client == client && urb.handle == handle;
-    };
+/// Ends the transfers in flight that a standard request has made impossible.
+void UrbEngine::end_unusable() {
     for (auto& [address, endpoint] : endpoints_) {
-        for (auto* urbs : {&endpoint.waiting, &endpoint.stuck}) {
-            const auto found = std::find_if(urbs->begin(), urbs->end(), matches);
-            if (found == urbs->end()) continue;
-            Urb urb = std::move(*found);
-            urbs->erase(found);
-            finish(std::move(urb), -ENOENT);
-            return 0;
-        }
+        if (standard_.configured() && !standard_.halted(address)) continue;
+        const int status = standard_.configured() ? -EPIPE : -EPROTO;
+        finish_all(endpoint.waiting, status);
+        finish_all(endpoint.stuck, status);
     }
-    return EINVAL;
+}
+
+int UrbEngine::discard(ClientId client, std::uint64_t handle) {
+    for (auto& [address, endpoint] : endpoints_) {
+        if (cancel(endpoint.waiting, client, handle)) return 0;
+        if (cancel(endpoint.stuck, client, handle)) return 0;
+    }
+    return cancel(cut_short_, client, handle) ? 0 : EINVAL;
+}
+
+/// Returns false when the transfer is not there.
+bool UrbEngine::cancel(std::deque<Urb>& urbs, ClientId client, std::uint64_t handle) {
+    const auto found = std::find_if(urbs.begin(), urbs.end(), [client, handle](const Urb& urb) {
+        return urb.client == client && urb.handle == handle;
+    });
+    if (found == urbs.end()) return false;
+    Urb urb = std::move(*found);
+    urbs.erase(found);
+    finish(std::move(urb), -ENOENT);
+    return true;
 }
 
 std::optional<Urb> UrbEngine::reap(ClientId client) {
@@ -261,6 +217,18 @@ void UrbEngine::drop(std::deque<Urb>& urbs, ClientId client) {
         report(UrbEvent::completed, *it);
         it = urbs.erase(it);
     }
+}
+
+bool UrbEngine::select_configuration(unsigned value) {
+    if (!standard_.select_configuration(value)) return false;
+    end_unusable();
+    return true;
+}
+
+void UrbEngine::power_on() {
+    end_all(-ESHUTDOWN);
+    finished_.clear();
+    standard_.power_on();
 }
 
 void UrbEngine::end_all(int status) {

@@ -1,10 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 
 /// @file
-/// Transfers in flight, and the faults injected into them.
+/// Transfers in flight.
 #pragma once
 
-#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <deque>
@@ -12,55 +11,13 @@
 #include <map>
 #include <memory>
 #include <optional>
-#include <utility>
 
+#include "device/fault_table.h"
+#include "device/standard_requests.h"
 #include "firmware/base/types.h"
 #include "firmware/usb/usb_function.h"
 
 namespace jovusim {
-
-/// Kinds of faults on the bus.
-enum class BusFault : std::uint8_t {
-    claim,   ///< claiming an interface fails with an errno
-    submit,  ///< submitting a transfer fails with an errno
-    status,  ///< a transfer ends with an errno as its status
-    never,   ///< a transfer does not end until it is discarded
-};
-
-/// The faults that are set. Not thread-safe: the device's lock guards it.
-class FaultTable {
-public:
-    /// Adds a fault after those of the same kind and endpoint.
-    /// @param endpoint 0 for BusFault::claim
-    /// @param error    a positive errno; ignored for BusFault::never
-    /// @param count    how often it happens; kAlways for no limit
-    /// @param skip     number of operations that succeed before it
-    void add(BusFault fault, std::uint8_t endpoint, int error, std::uint32_t count,
-             std::uint32_t skip);
-
-    /// Consumes a fault. Returns its errno, 1 for BusFault::never, or 0 when none happens now.
-    int take(BusFault fault, std::uint8_t endpoint);
-
-    /// Unplugs the device after that many more bytes on that OUT endpoint.
-    void unplug_after(std::uint8_t endpoint, std::uint64_t bytes);
-
-    /// Counts bytes for the device. Returns how many of them arrive when the unplug happens within
-    /// them, nothing when it does not.
-    std::optional<std::size_t> count_out(std::uint8_t endpoint, std::size_t size);
-
-    /// Removes all faults.
-    void clear();
-
-private:
-    struct Setting {
-        int error;
-        std::uint32_t count;
-        std::uint32_t skip;
-    };
-
-    std::map<std::pair<BusFault, std::uint8_t>, std::deque<Setting>> settings_;
-    std::map<std::uint8_t, std::uint64_t> unplug_after_;
-};
 
 /// An open file of a device node.
 using ClientId = std::uint64_t;
@@ -94,8 +51,9 @@ using UrbListener = std::function<void(UrbEvent, const Urb&)>;
 /// every call and the memory of the transfers in flight.
 class UrbEngine {
 public:
-    /// Function and faults must outlive the engine. @param listener may be empty
-    UrbEngine(UsbFunction& function, FaultTable& faults, UrbListener listener);
+    /// The device is configured. Function and faults must outlive the engine.
+    /// @param listener may be empty
+    UrbEngine(UsbFunction& function, FaultTable& faults, UsbSpeed speed, UrbListener listener);
 
     /// Begins a transfer. Returns 0 or the errno with which submitting failed. May set
     /// unplug_requested().
@@ -119,6 +77,18 @@ public:
     /// Ends all transfers in flight with that status, a negative errno.
     void end_all(int status);
 
+    /// Selects a configuration. Returns false when the device has none of that number.
+    bool select_configuration(unsigned value);
+
+    /// Ends the halt of an endpoint.
+    void clear_halt(std::uint8_t endpoint) { standard_.clear_halt(endpoint); }
+
+    /// Drops all transfers and the configuration, as when the device is plugged in anew.
+    void power_on();
+
+    /// Whether a configuration is selected.
+    bool configured() const { return standard_.configured(); }
+
     /// Whether a finished transfer waits for its client.
     bool has_finished() const { return !finished_.empty(); }
 
@@ -134,6 +104,7 @@ public:
 private:
     struct Endpoint {
         std::size_t interface = 0;
+        std::size_t max_packet = 0;
         std::deque<Urb> waiting;  ///< in order of submission
         std::deque<Urb> stuck;    ///< BusFault::never: in flight until cancelled
         std::uint64_t bytes = 0;
@@ -147,9 +118,12 @@ private:
     void pump(std::uint8_t address, Endpoint& endpoint, Millis now);
     void send_out(Urb urb, Endpoint& endpoint, Millis now);
     void run_control(Urb urb, Millis now);
+    void end_unusable();
+    bool cancel(std::deque<Urb>& urbs, ClientId client, std::uint64_t handle);
 
     UsbFunction& function_;
     FaultTable& faults_;
+    StandardRequests standard_;
     const UrbListener listener_;
     std::uint64_t last_id_ = 0;
     std::map<std::uint8_t, Endpoint> endpoints_;

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "bus/capture.h"
+#include "device/capture.h"
 
 #include <fcntl.h>
 #include <linux/usb/ch9.h>
@@ -15,7 +15,7 @@
 #include <utility>
 #include <vector>
 
-#include "bus/enumeration.h"
+#include "device/descriptors.h"
 
 namespace jovusim {
 
@@ -205,7 +205,7 @@ void BusCapture::record_enumeration(BusAddress address, const UsbIdentity& ident
     };
     const auto read = [&](std::uint8_t type, std::uint8_t index, std::uint16_t language,
                           std::size_t length) {
-        const auto response = find_descriptor(identity, type, index);
+        const auto response = find_descriptor(identity, UsbSpeed::full, type, index);
         transfer(USB_DIR_IN, USB_REQ_GET_DESCRIPTOR, descriptor(type, index), language, response,
                  length == 0 && response ? response->size() : length);
     };
