@@ -294,15 +294,16 @@ void parallel(Options& options) {
 /// Seven controllers with a thread each, and an eighth that is idle or takes no data while a thread
 /// sends commands to it.
 void stuck(Options& options) {
-    constexpr std::size_t kStuck = 7;
+    static constexpr std::size_t kStuck = 7;
     const auto measure = [&](Name name, bool is_stuck) {
         return once(8, [&](Turn& turn, const std::vector<Address>& own) {
-            const auto program = bench::start(name, own);
+            // Lives as long as the process: the thread of the stuck controller does not end.
+            static const auto program = bench::start(name, own);
             program->wait_opened(own.size());
             if (is_stuck) {
                 const std::string address = bench::name_of(own[kStuck]);
                 control("fault " + address + " never 02 always");
-                std::thread([&] {
+                std::thread([] {
                     for (;;) {
                         if (program->exchange(kStuck))
                             std::fputs("the stuck controller responds\n", stderr);
@@ -326,7 +327,7 @@ void stuck(Options& options) {
         return figures;
     };
     const std::optional<bench::Wanted> none;
-    options.results.add("one stuck of 8", options.bus, by_turns("stuck", options.rounds(8), turn),
+    options.results.add("one stuck of 8", options.bus, by_turns("stuck", options.rounds(10), turn),
                         {{"rate of the others", "of idle", at_least(0.95)},
                          {"list_connected()", "ms", none, 0.5, false},
                          {"close()", "ms", none, 0.5, false}});
