@@ -28,7 +28,7 @@ extern "C" void on_signal(int /*number*/) {
 
 int push(JovuClient& client, JovuDeviceAddress device, const std::string& file) {
     std::printf("pushing %s to %d:%d\n", file.c_str(), device.bus, device.address);
-    const auto show = [shown = -1](const JovuPushProgress& progress) mutable {
+    auto show = [shown = -1](const JovuPushProgress& progress) mutable {
         const int percent = static_cast<int>(progress.percent);
         if (percent == std::exchange(shown, percent)) return;
         std::fprintf(stderr, "\r%3d %% of %.1f kB%s", percent,
