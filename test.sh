@@ -76,7 +76,7 @@ kernel() {
     scripts/run-in-vm.sh --prepare || return
     for ((run = 0; run < repeat; ++run)); do
         scripts/run-in-vm.sh --timeout "$kernel_timeout" -- \
-            tests/kernel/kernel_test.sh build/release/bin "$kernel_tests" || return 1
+            tests/kernel/kernel_test.sh build/release/bin "$kernel_tests" || return
     done
 }
 

@@ -43,7 +43,8 @@ UsbipBus::Port UsbipBus::free_port() const {
     for (Port port = 1; port <= last_port(); ++port) {
         if (!find(port) && returning_.count(port) == 0 && usable(port)) return port;
     }
-    throw std::runtime_error("no port is free: the bus has " + std::to_string(last_port()));
+    throw std::runtime_error("no port is free: all " + std::to_string(last_port()) + " of bus " +
+                             std::to_string(bus_number()) + " are in use");
 }
 
 bool UsbipBus::is_taken(const std::string& serial) const {
@@ -67,13 +68,8 @@ void UsbipBus::attach(Port port, std::unique_ptr<UsbFunction> function) {
     const auto device = std::make_shared<UsbipDevice>(
         name_of(port), address, settings_.speed, std::move(function),
         [this, port] { return find_address(port); }, std::move(listener));
+    plugged_in(port, *device);
     devices_[port] = device;
-    try {
-        plugged_in(port, *device);
-    } catch (...) {
-        devices_.erase(port);
-        throw;
-    }
 }
 
 void UsbipBus::unplug(const std::string& name) {

@@ -55,8 +55,8 @@ protected:
     /// Whether a device can be plugged in at that port, as far as others use it too.
     virtual bool usable(Port port) const = 0;
 
-    /// A device has been plugged in or has returned.
-    /// @throws std::runtime_error when it cannot; it is removed then
+    /// A device is being plugged in or returns.
+    /// @throws std::runtime_error when it cannot
     virtual void plugged_in(Port port, UsbipDevice& device) = 0;
 
     /// The host has ended the connection of a device. @returns whether the device stays

@@ -114,6 +114,7 @@ void VhciBus::plugged_in(Port port, UsbipDevice& device) {
 
 /// Returns false when the port is busy. @throws std::runtime_error
 bool VhciBus::try_to_attach(Port port, UsbipDevice& device) {
+    if (!ports_.is_free(port)) return false;  // the kernel logs an error for each try
     int pair[2];
     if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair) != 0) {
         throw std::system_error(errno, std::generic_category(), "cannot make a socket");

@@ -6,7 +6,8 @@
 #   kernel_test.sh FOLDER [REGEX]
 #
 # FOLDER has the programs. Of the checks below, those run whose names match. Prints a line for each;
-# for a failed one also what it printed, and the last messages of the kernel.
+# for a failed one also what it printed, and the last messages of the kernel. Exit status: 0 when all
+# passed, 1 when one failed, 77 when none matches.
 set -euo pipefail
 programs=$(realpath "$1")
 PATH=$programs:$PATH
@@ -70,6 +71,7 @@ hot_plug() {
 every_command() {
     plug 1-1
     jovu commands --json | jq -c '[.[] | select(.name != "Enter_dfu_mode")]' >commands
+    equal "commands" true "$(jq 'length > 60' commands)"
     jq -r '.[] | ".call " + .name + ([.arguments[] | " " + .key + "=" +
         if .kind == "structure" then "{}" elif .kind == "boolean" then "0"
         elif .kind == "text" then "G28" else "1" end] | join(""))' commands >lines
@@ -186,11 +188,11 @@ if [[ ${3:-} != attached ]]; then
     exec jovu-sim attach --empty -- "$project/tests/kernel/kernel_test.sh" "$programs" "$regex" attached
 fi
 
-failures=0
+failures=0 checks=0
 for check in hot_plug every_command events push unplug_in_a_push bus_reset two_controllers \
     killed_in_a_trace udev_rule_and_update high_speed; do
     [[ $check =~ $regex ]] || continue
-    began=$SECONDS status=0
+    checks=$((checks + 1)) began=$SECONDS
     dmesg --clear
     # Without "||" behind the parentheses, so that the first failure in them ends them.
     set +e
@@ -211,4 +213,5 @@ for check in hot_plug every_command events push unplug_in_a_push bus_reset two_c
     for port in 1-1 1-2; do jovu-sim ctl unplug "$port" >/dev/null 2>&1 || true; done
     eventually test ! -e /sys/bus/usb/devices/1-1 -a ! -e /sys/bus/usb/devices/1-2
 done
+[[ $checks -gt 0 ]] || { echo "no check matches $regex"; exit 77; }
 exit $((failures > 0))

@@ -72,17 +72,24 @@ reference::Program describe() {
         {"ENVIRONMENT",
          R"(.Bl -tag -width Ds
 .It Ev JOVU_SIM_CONTROL
-Set for the program that runs on the bus: the path of the local stream socket
-that takes requests.
+Set for the program that runs on the bus, or with the attached controllers: the
+path of the local stream socket that takes requests.
 .It Ev LD_PRELOAD
 Set for the program that runs on the bus, so that it sees the simulated devices.
 .El
 )"},
         {"EXIT STATUS",
-         R"(.Cm run
-ends with the status of the program, with 128 plus the number of the signal that
+         R"(.Cm run ,
+and
+.Cm attach
+with a program, ends with the status of the program, with 128 plus the number of the signal that
 ended it, 127 when there is no such program, 126 when it cannot be run, 125 when
 the simulator failed.
+Without a program,
+.Cm attach
+and
+.Cm serve
+end with 0 after a signal and with 125 when they failed.
 .Cm ctl
 ends with 0 for
 .Dq ok ,
@@ -96,6 +103,8 @@ The status of a wrong command line is 2.
 jovu\-sim run \-\- jovu list
 jovu\-sim run \-\-devices 3 \-\- bash
 jovu\-sim ctl unplug 1:2
+sudo jovu\-sim attach
+jovu\-sim serve \-\-listen 127.0.0.1:3240
 .Ed
 )"},
         {"SEE ALSO", ".Xr jovu 1\n"},
