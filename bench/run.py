@@ -253,9 +253,10 @@ def page(options):
                               flags=re.S)
         if count != 1:
             fail(f"{PAGE.name} has {count} blocks \"results: {name}\"")
-    if options.check and text != PAGE.read_text():
+    if not options.check:
+        PAGE.write_text(text)
+    elif text != PAGE.read_text():
         fail(f"{PAGE.name} is not what bench/run.py page writes from {options.results}")
-    PAGE.write_text(text)
 
 
 def main():
