@@ -51,7 +51,7 @@ cores=$(nproc)
 # Tests mostly wait for a device or a time-out, so many more than the cores can run at once.
 test_jobs=$((cores * 4))
 test_timeout=240 # seconds; what a test without a limit of its own may take on a loaded machine
-kernel_timeout=180 # seconds
+kernel_timeout=400 # seconds; about 60 on a machine with nothing else to do
 
 # ThreadSanitizer's map of the address space does not fit every degree of randomisation that a
 # kernel may be set to, so its programs run without any. Where that is not permitted (in some

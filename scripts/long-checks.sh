@@ -3,23 +3,25 @@
 # Runs in full the checks of which ./test.sh takes a sample, and those that it leaves out. Takes about
 # an hour and a half on two cores.
 #
-#   scripts/long-checks.sh [sweep] [storms] [tidy] [packages]     all four by default
+#   scripts/long-checks.sh [sweep] [storms] [tidy] [packages] [kernel]     all by default
 #
 #   sweep     the fault sweep with every run, as released and under AddressSanitizer
 #   storms    the storms at 50 times the everyday scale, also under ThreadSanitizer
 #   tidy      every check of clang-tidy but the static analyzer over program, simulator and tests
 #   packages  the Debian packages, installed in a system of their own (scripts/check-packages.sh)
+#   kernel    the simulated controller of one machine attached to another one, both virtual
 #
-# Prints a line a step; the full output is in build/logs. Exit status: 0 when every step passed.
+# Prints a line a step; the full output is in build/logs. Exit status: 0 when every step that can run
+# on this system passed.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 source scripts/steps.sh
 
 parts=("$@")
-[[ $# -gt 0 ]] || parts=(sweep storms tidy packages)
+[[ $# -gt 0 ]] || parts=(sweep storms tidy packages kernel)
 for part in "${parts[@]}"; do
-    [[ " sweep storms tidy packages " == *" $part "* ]] || {
-        echo "long-checks.sh: unknown part: $part (sweep, storms, tidy, packages)" >&2
+    [[ " sweep storms tidy packages kernel " == *" $part "* ]] || {
+        echo "long-checks.sh: unknown part: $part (sweep, storms, tidy, packages, kernel)" >&2
         exit 2
     }
 done
@@ -49,6 +51,11 @@ tidy() {
         scripts/check-tidy.sh --all build/tidy-all
 }
 
+kernel() {
+    build release jovu-cli jovu-sim &&
+        { scripts/run-in-vm.sh --prepare || return; } &&
+        { tests/kernel/two_machines.sh build/release/bin || return 1; }
+}
 packages() { scripts/install-packages.sh packages && scripts/check-packages.sh; }
 
 for part in "${parts[@]}"; do
@@ -67,6 +74,7 @@ for part in "${parts[@]}"; do
             done ;;
         tidy) step "tidy" tidy || true ;;
         packages) step "packages" packages || true ;;
+        kernel) step "two machines" kernel || true ;;
     esac
 done
 [[ ${#step_failed[@]} -eq 0 ]]

@@ -6,11 +6,12 @@
 
 #include <atomic>
 #include <chrono>
+#include <cstddef>
 #include <cstdint>
 #include <cstdio>
-#include <functional>
 #include <memory>
 #include <string>
+#include <type_traits>
 
 #include "jovu/device_address.h"
 #include "jovu/export.h"
@@ -46,6 +47,38 @@ struct JovuPushProgress {
     double percent = 0;       ///< 0.0 at the start, capped at 99.9 meanwhile, 100.0 at the end.
     std::string job_id;       ///< Of the push; empty from JovuJobInterface::SendJobFile().
     bool filler = false;      ///< The rest is filler: the push has been cancelled or cut short.
+};
+
+/// What a push calls with its progress: a function object, such as a lambda or a std::function, or
+/// a pointer to a function. It only refers to the object, so it is made in the call that takes it.
+class JovuPushObserver {
+public:
+    /// Calls nothing.
+    JovuPushObserver(std::nullptr_t = nullptr) noexcept {}  // NOLINT(google-explicit-constructor)
+
+    /// @param function called with a `const JovuPushProgress&`; an empty std::function or a null
+    ///     pointer stands for nothing. Outlives the observer.
+    template <class Function,
+              class = std::enable_if_t<!std::is_same_v<std::decay_t<Function>, JovuPushObserver> &&
+                                       std::is_invocable_v<Function&, const JovuPushProgress&>>>
+    JovuPushObserver(Function&& function) noexcept  // NOLINT(google-explicit-constructor)
+        : object_(const_cast<void*>(static_cast<const void*>(std::addressof(function)))),
+          call_([](void* object, const JovuPushProgress& progress) {
+              (*static_cast<std::remove_reference_t<Function>*>(object))(progress);
+          }) {
+        if constexpr (std::is_assignable_v<std::decay_t<Function>&, std::nullptr_t>) {
+            if (!function) call_ = nullptr;
+        }
+    }
+
+    /// Calls the function, if there is one.
+    void operator()(const JovuPushProgress& progress) const {
+        if (call_ != nullptr) call_(object_, progress);
+    }
+
+private:
+    void* object_ = nullptr;
+    void (*call_)(void* object, const JovuPushProgress& progress) = nullptr;
 };
 
 /// How a push that can be cancelled has ended. In each case the device waits for no more job data.
@@ -200,13 +233,13 @@ public:
                                              const JovuPushCancel& cancel);
 
     /// The same with a function object as the callback, which is called as often.
-    /// @param progress called on this thread; may be empty. An exception that it throws ends the
+    /// @param progress called on this thread; null for none. An exception that it throws ends the
     ///     push and passes on. It may call shutdown(), but must not destroy this object.
     /// @param cancel outlives the call.
     /// @throws JovuException as the other overloads; the device then waits for the rest of the job.
-    [[nodiscard]] JovuPushResult SendJobFile(
-        JovuDeviceAddress address, const std::string& path,
-        const std::function<void(const JovuPushProgress&)>& progress, const JovuPushCancel& cancel);
+    [[nodiscard]] JovuPushResult SendJobFile(JovuDeviceAddress address, const std::string& path,
+                                             JovuPushObserver progress,
+                                             const JovuPushCancel& cancel);
 
     /// The push itself, on an open file that stays the caller's and open.
     /// @param file a stream that can be sought; is read twice from its start. Read errors as in

@@ -160,7 +160,9 @@ int run_control_client(const std::string& request) {
     // NOLINTNEXTLINE(concurrency-mt-unsafe): the client has a single thread.
     const char* const path = std::getenv(kControlVariable);
     if (path == nullptr) {
-        std::fprintf(stderr, "jovu-sim: %s is not set: ctl works inside \"jovu-sim run\" only\n",
+        std::fprintf(stderr,
+                     "jovu-sim: %s is not set: \"jovu-sim run\" sets it for its program, "
+                     "\"attach\" and \"serve\" print it\n",
                      kControlVariable);
         return kExitUsage;
     }

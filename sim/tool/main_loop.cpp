@@ -43,7 +43,8 @@ MainLoop::MainLoop(Bus& bus, ControlServer& server, const Waker& waker)
 int MainLoop::run(pid_t child) {
     // The child may have ended before the signal descriptor existed.
     while (!child_ended(child)) {
-        serve(std::nullopt);
+        while (!serve(std::nullopt)) {
+        }
         forward_signals(child);
     }
     return status_;
@@ -64,22 +65,25 @@ std::optional<int> MainLoop::serve_until(const std::function<bool()>& condition,
     return std::nullopt;
 }
 
-void MainLoop::serve(std::optional<Millis> deadline) {
+/// Returns whether a signal has arrived.
+bool MainLoop::serve(std::optional<Millis> deadline) {
     std::vector<pollfd> waits;
     waits.push_back({signals_.get(), POLLIN, 0});
     waits.push_back({waker_.fd(), POLLIN, 0});
     server_.add_to(waits);
     bus_.add_to(waits);
     if (::poll(waits.data(), waits.size(), timeout(deadline)) < 0) {
-        if (errno == EINTR) return;
+        if (errno == EINTR) return false;
         throw std::system_error(errno, std::generic_category(), "poll");
     }
-    waker_.drain();
+    const bool signalled = waits[0].revents != 0;
+    if (waits[1].revents != 0) waker_.drain();
     bus_.serve(waits);
     // Removes devices that disconnected themselves before a request plugs one in there.
     bus_.service();
     server_.serve(waits);
     bus_.service();
+    return signalled;
 }
 
 int MainLoop::timeout(std::optional<Millis> deadline) const {

@@ -45,7 +45,7 @@ public:
     std::optional<int> serve_until(const std::function<bool()>& condition, Millis time);
 
 private:
-    void serve(std::optional<Millis> deadline);
+    bool serve(std::optional<Millis> deadline);
     int timeout(std::optional<Millis> deadline) const;
     bool child_ended(pid_t child);
     void forward_signals(pid_t child) const;

@@ -88,6 +88,8 @@ void UsbipDevice::carry_out_commands() {
         } else {
             submit(*command, in.data() + at + kHeaderSize);
         }
+        // Before the next command, because vhci_hcd drops a device that responds to a transfer
+        // after the unlink of that transfer.
         update_state(now_ms());
         at += size;
     }
@@ -166,8 +168,6 @@ void UsbipDevice::watch_for_reset(const Urb& urb, Millis now) {
 
 void UsbipDevice::unlink(const Command& command) {
     ++counters_.unlinks;
-    // First, because vhci_hcd drops a device that responds to a transfer after its unlink.
-    respond_to_finished();
     int status = 0;
     if (core_.engine().discard(kHost, command.victim) == 0) {
         status = -ECONNRESET;

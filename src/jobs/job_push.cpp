@@ -9,7 +9,6 @@
 
 #include <algorithm>
 #include <array>
-#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -45,14 +44,15 @@ struct FileClose {
 };
 using File = std::unique_ptr<std::FILE, FileClose>;
 using Piece = std::array<unsigned char, kPieceSize>;
-using ProgressFunction = std::function<void(const JovuPushProgress&)>;
-
 /// The plain callback as a function object.
-ProgressFunction function_of(JovuJobInterface::Progress progress, void* user) {
-    if (progress == nullptr) return nullptr;
-    return
-        [progress, user](const JovuPushProgress& now) { progress(now.percent, now.job_id, user); };
-}
+struct PlainCallback {
+    JovuJobInterface::Progress progress;
+    void* user;
+
+    void operator()(const JovuPushProgress& now) const {
+        if (progress != nullptr) progress(now.percent, now.job_id, user);
+    }
+};
 
 [[noreturn]] void fail_reading(const char* message) {
     throw JovuException(message, JovuError::file_unreadable);
@@ -86,9 +86,9 @@ void rewind_file(std::FILE* file) {
 /// One push: measures the file, announces it and streams it.
 class Push {
 public:
-    /// @param report may be empty; outlives this object, as @p calls and @p cancel.
+    /// @param report refers to what outlives this object, as @p calls and @p cancel do.
     /// @param cancel null for a push that cannot be cancelled.
-    Push(jovu::CallsInProgress& calls, JovuDeviceAddress address, const ProgressFunction& report,
+    Push(jovu::CallsInProgress& calls, JovuDeviceAddress address, JovuPushObserver report,
          std::string job_id, const JovuPushCancel* cancel)
         : calls_(calls),
           call_(calls),
@@ -123,7 +123,7 @@ private:
 
     void report(double percent) {
         progress_.percent = percent;
-        if (report_) report_(progress_);
+        report_(progress_);
     }
 
     /// All of it goes to one connection: pieces that reached another device at the same address
@@ -212,7 +212,7 @@ private:
     jovu::CallsInProgress& calls_;
     const jovu::CallsInProgress::Call call_;
     const std::shared_ptr<jovu::Connection> connection_;  ///< Null: there was no device.
-    const ProgressFunction& report_;
+    const JovuPushObserver report_;
     const JovuPushCancel* const cancel_;
     JovuPushProgress progress_;
     std::uint32_t announced_checksum_ = 0;
@@ -234,13 +234,13 @@ JovuPushResult JovuJobInterface::SendJobFile(JovuDeviceAddress address, std::str
                                              const JovuPushCancel& cancel) {
     const File file = open_job_file(path);
     if (compressed) throw JovuException("Compression not supported yet.", JovuError::rejected);
-    return Push(state_->calls, address, function_of(progress, user), "", &cancel)
+    return Push(state_->calls, address, PlainCallback{progress, user}, "", &cancel)
         .run(file.get(), std::nullopt);
 }
 
-JovuPushResult JovuJobInterface::SendJobFile(
-    JovuDeviceAddress address, const std::string& path,
-    const std::function<void(const JovuPushProgress&)>& progress, const JovuPushCancel& cancel) {
+JovuPushResult JovuJobInterface::SendJobFile(JovuDeviceAddress address, const std::string& path,
+                                             JovuPushObserver progress,
+                                             const JovuPushCancel& cancel) {
     const File file = open_job_file(path);
     return Push(state_->calls, address, progress, "", &cancel).run(file.get(), std::nullopt);
 }
@@ -248,6 +248,6 @@ JovuPushResult JovuJobInterface::SendJobFile(
 void JovuJobInterface::send_job(JovuDeviceAddress address, std::FILE* file, Progress progress,
                                 void* user, std::string job_id, bool compressed,
                                 unsigned long decompressed_length) {
-    Push(state_->calls, address, function_of(progress, user), std::move(job_id), nullptr)
+    Push(state_->calls, address, PlainCallback{progress, user}, std::move(job_id), nullptr)
         .run(file, compressed ? std::optional(decompressed_length) : std::nullopt);
 }

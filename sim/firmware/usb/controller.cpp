@@ -77,6 +77,12 @@ void Controller::reset_channels() {
     jobs_.reset();
 }
 
+/// The next program would read old samples before the response to its first command.
+void Controller::host_closed() {
+    machine_.record_samples(false);
+    messages_.transmit_queue().drop_minor();
+}
+
 bool Controller::disconnect_due(Millis now) const {
     const auto moment = machine_.disconnect_at();
     return moment && now >= *moment;

@@ -43,7 +43,7 @@ public:
     void tick(Millis now) override { advance(now); }
     std::optional<Millis> next_tick() const override { return machine_.next_due(); }
     void host_opened() override { machine_.record_samples(true); }
-    void host_closed() override { machine_.record_samples(false); }
+    void host_closed() override;
     Json stats(Millis now) override;
     std::vector<std::string> take_violations() override { return violations_.take(); }
 

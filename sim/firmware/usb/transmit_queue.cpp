@@ -30,6 +30,17 @@ void TransmitQueue::push_minor(std::string run, Millis not_before) {
         return;
     }
     push(std::move(run), not_before);
+    runs_.back().minor = true;
+}
+
+void TransmitQueue::drop_minor() {
+    if (runs_.empty()) return;
+    const auto end = std::remove_if(runs_.begin() + (offset_ > 0 ? 1 : 0), runs_.end(),
+                                    [](const Run& run) { return run.minor; });
+    runs_.erase(end, runs_.end());
+    waiting_ = 0;
+    for (const Run& run : runs_)
+        waiting_ += run.bytes.size();
 }
 
 void TransmitQueue::push_burst(std::uint64_t count,

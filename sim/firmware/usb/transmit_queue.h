@@ -32,6 +32,9 @@ public:
     /// Queues a run of low priority: drops and counts it when half a megabyte is queued.
     void push_minor(std::string run, Millis not_before);
 
+    /// Drops the runs of low priority of which nothing has been sent.
+    void drop_minor();
+
     /// Queues count runs. Each is made when the previous one has been sent.
     void push_burst(std::uint64_t count, std::function<std::string(std::uint64_t)> make);
 
@@ -50,6 +53,7 @@ private:
     struct Run {
         std::string bytes;
         Millis not_before = 0;
+        bool minor = false;  ///< of low priority
         std::size_t packet_size = kMaxPacket;
         std::uint64_t more = 0;  ///< runs of a burst that follow this one
         std::uint64_t made = 0;

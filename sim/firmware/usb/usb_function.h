@@ -132,7 +132,7 @@ public:
     virtual void host_opened() {}
 
     /// The last program on the host has closed the device. The bus does not show that: unsent
-    /// output remains for the next program.
+    /// output other than samples remains for the next program.
     virtual void host_closed() {}
 
     /// Counters as a JSON object.
