@@ -69,16 +69,23 @@ Child::Child(const std::function<void(Turn&)>& body) {
     }
     ::close(ends[1]);
     socket_ = ends[0];
-    if (process_ < 0) throw std::runtime_error("no child process");
+    if (process_ < 0) {
+        ::close(socket_);
+        throw std::runtime_error("no child process");
+    }
     try {
         wait();
     } catch (...) {
-        this->~Child();
+        end();
         throw;
     }
 }
 
 Child::~Child() {
+    end();
+}
+
+void Child::end() noexcept {
     ::close(socket_);
     ::kill(process_, SIGKILL);
     ::waitpid(process_, nullptr, 0);

@@ -46,6 +46,7 @@ public:
 
 private:
     Figures wait();
+    void end() noexcept;
 
     int socket_ = -1;
     pid_t process_ = -1;

@@ -23,7 +23,7 @@ nlohmann::json number(double value) {
     return std::isfinite(value) ? nlohmann::json(value) : nlohmann::json();
 }
 
-std::string text(double value) {
+std::string figure(double value) {
     char buffer[32];
     const int decimals = std::abs(value) < 10 ? 3 : std::abs(value) < 1000 ? 1 : 0;
     std::snprintf(buffer, sizeof buffer, "%.*f", decimals, value);
@@ -88,13 +88,13 @@ void Results::print(const Row& row) {
         const Wanted& want = *row.measure.wanted;
         const double value = want.of_ratio ? row.ratio : row.jovu;
         wanted = (want.of_ratio ? "ratio " : "") + std::string(want.at_most ? "<= " : ">= ") +
-                 text(want.limit) +
+                 figure(want.limit) +
                  ((want.at_most ? value <= want.limit : value >= want.limit) ? "" : "  MISSED");
     }
     std::printf("%-12s %-22s %-22s %9s %9s %-9s %6s (%s to %s)  %s\n", row.table.c_str(),
-                row.subject.c_str(), row.measure.name.c_str(), text(row.jovu).c_str(),
-                text(row.bare).c_str(), row.measure.unit.c_str(), text(row.ratio).c_str(),
-                text(row.low).c_str(), text(row.high).c_str(), wanted.c_str());
+                row.subject.c_str(), row.measure.name.c_str(), figure(row.jovu).c_str(),
+                figure(row.bare).c_str(), row.measure.unit.c_str(), figure(row.ratio).c_str(),
+                figure(row.low).c_str(), figure(row.high).c_str(), wanted.c_str());
     std::fflush(stdout);
 }
 
@@ -114,8 +114,14 @@ void Results::write_json(const std::string& path) const {
         }
         rows.push_back(std::move(out));
     }
+    const std::string text =
+        nlohmann::json{{"machine", machine()}, {"rows", std::move(rows)}}.dump(1);
+    if (path == "-") {
+        std::puts(text.c_str());
+        return;
+    }
     std::ofstream file(path);
-    file << nlohmann::json{{"machine", machine()}, {"rows", std::move(rows)}}.dump(1) << '\n';
+    file << text << '\n';
     if (!file.flush()) throw std::runtime_error("cannot write " + path);
 }
 

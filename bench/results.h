@@ -57,6 +57,7 @@ public:
     void add(const std::string& table, const std::string& subject, const Rounds& rounds,
              const std::vector<Measure>& measures);
 
+    /// @param path "-" for standard output.
     /// @throws std::runtime_error when the file cannot be written.
     void write_json(const std::string& path) const;
 

@@ -284,7 +284,8 @@ void parallel(Options& options) {
                 turn.report("rate", exchanges / (meter.ms() / 1000));
             }
         });
-        const std::string subject = std::to_string(count) + " controllers";
+        const std::string subject =
+            std::to_string(count) + (count == 1 ? " controller" : " controllers");
         options.results.add(
             "exchanges", subject, by_turns(subject, options.rounds(12), std::ref(pair)),
             {{"rate", "1/s", ratio_at_least(0.9)}, {"CPU", "us"}, {"context switches", ""}});
@@ -381,9 +382,9 @@ void devices(Options& options, std::size_t attached, std::size_t open) {
             turn.report("idle wake-ups", idle.switches() / (idle.ms() / 1000));
         });
     };
-    const std::string subject =
-        std::to_string(attached) +
-        (open == attached ? " devices" : " devices, " + std::to_string(open) + " open");
+    const std::string subject = std::to_string(attached) +
+                                (attached == 1 ? " device" : " devices") +
+                                (open == attached ? "" : ", " + std::to_string(open) + " open");
     const std::optional<bench::Wanted> none;
     options.results.add("devices", subject, by_turns(subject, options.rounds(3), body),
                         {{"all announced", "ms"},
@@ -496,7 +497,8 @@ int run(int argc, char** argv) {
         ->check(CLI::IsMember(names));
     app.add_option("--effort", options.effort, "Number of rounds, as a factor (usually 1)")
         ->check(CLI::Range(0.1, 100.0));
-    app.add_option("--json", json, "Write the results to that file")->type_name("FILE");
+    app.add_option("--json", json, "Write the results to that file, - for standard output")
+        ->type_name("FILE");
     app.add_option("--bus", options.bus, "Name of the bus in the results")->capture_default_str();
     app.add_option("--round-trip-limit", options.round_trip_limit, "Wanted ratio of the round trip")
         ->capture_default_str();

@@ -3,11 +3,12 @@
 """Checks the documentation against the sources. Needs no build.
 
   scripts/check-docs.py             all checks
-  scripts/check-docs.py NAME...     some: messages, links, code, reference
+  scripts/check-docs.py NAME...     some: messages, links, figures, code, reference
 
 messages   Each message of the library and the program is in docs/troubleshooting.md, and each
            message there is in the sources.
 links      Each relative link of a Markdown file leads to a file and a heading; backticks are paired.
+figures    The tables of docs/performance.md are those of the results in bench/results.
 code       The C++ blocks of README.md and docs/guide.md compile without a warning. A block is a
            file of its own; one that begins with ```cpp statements is the body of a function with a
            `JovuClient& client` and a `JovuDeviceAddress device`.
@@ -178,6 +179,12 @@ def check_links():
     print(f"links: {count} in {len(pages)} pages")
 
 
+def check_figures():
+    result = subprocess.run([TOP / "bench/run.py", "page", "--check"], check=False, text=True,
+                            stderr=subprocess.PIPE)
+    return [] if result.returncode == 0 else [result.stderr.strip()]
+
+
 def check_code():
     includes, bodies = [], []
     for page in ("README.md", "docs/guide.md"):
@@ -236,8 +243,8 @@ def check_reference():
 
 
 def main():
-    checks = {"messages": check_messages, "links": check_links, "code": check_code,
-              "reference": check_reference}
+    checks = {"messages": check_messages, "links": check_links, "figures": check_figures,
+              "code": check_code, "reference": check_reference}
     chosen = sys.argv[1:] or list(checks)
     if any(name not in checks for name in chosen):
         print(__doc__)
