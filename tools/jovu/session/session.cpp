@@ -125,7 +125,7 @@ void Session::restart() {
     if (restarted_) {
         throw Failure(ExitCode::no_device,
                       "the USB connection has ended again, for the reason given above",
-                      "a device cannot be opened, or another program opens it at the same time");
+                      "this can happen when memory has run out");
     }
     restarted_ = true;
     print_error(
@@ -429,7 +429,7 @@ std::optional<Notification> Session::next_notification(
         if (has_ended()) {
             throw Failure(ExitCode::exchange_failed,
                           "the USB connection has ended, for the reason given above",
-                          "this can happen when a device cannot be opened; run the command again");
+                          "this can happen when memory has run out; run the command again");
         }
     }
 }
