@@ -14,8 +14,8 @@ namespace {
 
 using namespace std::chrono_literals;
 
-/// How long a command waits for attached devices without --wait-device. The library scans the bus
-/// twice a second; a device that is not open after this time cannot be opened.
+/// How long a command waits for attached devices without --wait-device. The library opens them at
+/// once and tries again twice a second; a device that is not open after this time cannot be opened.
 constexpr std::chrono::milliseconds kDefaultWait = 2s;
 
 /// A device responds in milliseconds. A report can stay in the device's buffer until more bytes
