@@ -6,7 +6,7 @@
 # Installs what is missing first. While a suite runs, which mostly waits, the next one is built.
 #
 #   ./test.sh                     everything
-#   ./test.sh --preset NAME       one of: format, release, kernel, asan, tsan, standalone, tidy
+#   ./test.sh --preset NAME       one of: format, release, asan, tsan, standalone, kernel, tidy
 #                                 (may be repeated)
 #   ./test.sh --tests REGEX       only the tests whose names match
 #   ./test.sh --repeat N          runs each suite N times, until one fails
@@ -23,7 +23,8 @@ source scripts/steps.sh
 usage() { sed -n '3,/^set /s/^# \{0,1\}//p' test.sh; }
 wrong_usage() { echo "test.sh: $1 (see --help)" >&2; exit 2; }
 
-all=(format release kernel asan tsan standalone tidy)
+# The virtual machine of "kernel" runs beside "tidy", which no load disturbs.
+all=(format release asan tsan standalone kernel tidy)
 chosen=()
 ctest_options=()
 repeat=1 kernel_tests=

@@ -34,9 +34,27 @@ def fail(message):
     sys.exit(f"run.py: {message}")
 
 
+def load(path):
+    """The results of a file."""
+    try:
+        results = json.loads(path.read_text())
+        results["rows"]
+    except OSError as error:
+        fail(f"{path} cannot be read: {error.strerror}")
+    except ValueError as error:
+        fail(f"{path} is not JSON: {error}")
+    except (KeyError, TypeError):
+        fail(f"{path} has no rows: it is not a file of results")
+    return results
+
+
 def run(command, **options):
     print("+", " ".join(map(str, command)), file=sys.stderr)
-    if subprocess.run(command, **options).returncode != 0:
+    try:
+        status = subprocess.run(command, check=False, **options).returncode
+    except OSError as error:
+        fail(f"{command[0]} cannot be run: {error.strerror}; build the target \"bench\" first")
+    if status != 0:
         fail(f"{pathlib.Path(command[0]).name} failed")
 
 
@@ -162,6 +180,15 @@ def measure(options):
     commit = subprocess.run(["git", "-C", TOP, "rev-parse", "--short", "HEAD"], check=False,
                             capture_output=True, text=True).stdout.strip()
     total = {"commit": commit, "machine": {}, "rows": []}
+    # Before the minutes of measuring, which a wrong name would waste.
+    added = [row for path in options.add for row in load(path)["rows"]]
+    try:
+        options.out.parent.mkdir(parents=True, exist_ok=True)
+        tempfile.TemporaryFile(dir=options.out.parent).close()
+        if options.out.exists():
+            options.out.open("a", encoding="utf-8").close()
+    except OSError as error:
+        fail(f"{options.out} cannot be written: {error.strerror}")
     with tempfile.TemporaryDirectory() as folder:
         for part in options.only or PARTS:
             result = globals()[f"measure_{part}"](programs, options.effort, pathlib.Path(folder))
@@ -169,9 +196,7 @@ def measure(options):
             total["rows"] += result.get("rows", [])
             if "session" in result:
                 total["session"] = result["session"]
-    for path in options.add:
-        total["rows"] += json.loads(path.read_text())["rows"]
-    options.out.parent.mkdir(parents=True, exist_ok=True)
+    total["rows"] += added
     options.out.write_text(json.dumps(total, indent=1) + "\n")
     print_missed(total["rows"])
 
@@ -243,8 +268,10 @@ def session_table(results, _):
 
 
 def page(options):
-    results = json.loads(options.results.read_text())
-    before = json.loads(options.before.read_text()) if options.before.exists() else {}
+    results = load(options.results)
+    if not results.get("machine"):
+        fail(f"{options.results} names no machine: only a run with \"usb\" or \"events\" does")
+    before = load(options.before)
     text = PAGE.read_text()
     for name, table in ("rows", results_table), ("session", session_table):
         block = "\n".join([f"<!-- results: {name} -->", "", *table(results, before), "",

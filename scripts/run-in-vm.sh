@@ -105,11 +105,17 @@ packed = image[image.index(b"\xfd7zXZ\0"):]
 sys.stdout.buffer.write(lzma.LZMADecompressor().decompress(packed))' \
         <"$(echo "$work"/image/boot/vmlinuz-*)" >"$work/kernel/vmlinux" || return 1
     echo "$modules" >"$work/kernel/modules"
+    (cd "$work/kernel" && sha256sum -- * >"$work/sums" && mv "$work/sums" sums) || return 1
     mkdir -p "$project/build"
     rm -rf "$kernel" "$kernel.new"
     cp -r "$work/kernel" "$kernel.new" && mv "$kernel.new" "$kernel" && rm -r "$work/image"
 }
-if [[ $(cat "$kernel/modules" 2>/dev/null) != "$modules" ]]; then
+# Whether the kernel is there, for these modules and undamaged.
+have_kernel() {
+    [[ $(cat "$kernel/modules" 2>/dev/null) == "$modules" ]] &&
+        (cd "$kernel" && sha256sum --status --check sums 2>/dev/null)
+}
+if ! have_kernel; then
     fetch_kernel >"$work/fetch.log" 2>&1 || {
         cat "$work/fetch.log" >&2
         cannot_run "the kernel package cannot be fetched: $(grep -v "^W:" "$work/fetch.log" | tail -n 1)"

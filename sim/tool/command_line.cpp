@@ -2,8 +2,8 @@
 #include "tool/command_line.h"
 
 #include <CLI/CLI.hpp>
+#include <cmath>
 #include <iostream>
-#include <map>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -36,6 +36,9 @@ void add_machine(CLI::App& command, double& time_scale, std::optional<std::strin
         .add_option("--time-scale", time_scale,
                     "Seconds of jobs, heaters and filament in one real second")
         ->check(CLI::Range(kMinTimeScale, kMaxTimeScale))
+        ->check([](const std::string& value) {
+            return std::isnan(std::stod(value)) ? value + " is not a number" : std::string();
+        })
         ->capture_default_str();
     command
         .add_option("--capture", capture,
@@ -46,10 +49,14 @@ void add_machine(CLI::App& command, double& time_scale, std::optional<std::strin
 /// Options of the commands with a real kernel.
 void add_usbip(CLI::App& command, UsbipOptions& options, bool& empty) {
     add_devices(command, options.devices, empty, "each at a port of its own");
-    command.add_option("--speed", options.speed, "Speed of the bus")
-        ->transform(CLI::CheckedTransformer(std::map<std::string, UsbSpeed>{
-                                                {"full", UsbSpeed::full}, {"high", UsbSpeed::high}})
-                        .description(""))
+    command
+        .add_option_function<std::string>(
+            "--speed",
+            [&options](const std::string& speed) {
+                options.speed = speed == "high" ? UsbSpeed::high : UsbSpeed::full;
+            },
+            "Speed of the bus: full or high")
+        ->check(CLI::IsMember({"full", "high"}).description(""))
         ->type_name("SPEED")
         ->default_str("full");
     add_machine(command, options.time_scale, options.capture);

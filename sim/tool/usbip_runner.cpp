@@ -57,6 +57,9 @@ public:
 
     const std::string& path() const { return path_; }
 
+    /// The path for programs with another working directory.
+    std::string absolute() const { return std::filesystem::absolute(path_); }
+
     /// The socket exists from now on.
     void set_bound() { bound_ = true; }
 
@@ -93,7 +96,7 @@ public:
     }
 
     MainLoop& loop() { return loop_; }
-    const std::string& control_path() const { return control_.path(); }
+    std::string control_path() const { return control_.absolute(); }
 
     /// Tells what there is. @param verb what has been done to the devices
     void announce(const char* verb) const {

@@ -8,6 +8,8 @@
 
 #include <array>
 #include <cerrno>
+#include <charconv>
+#include <cstdint>
 #include <cstdio>
 #include <memory>
 #include <stdexcept>
@@ -30,13 +32,33 @@ std::pair<std::string, std::string> split(const std::string& listen) {
     } else if (host.find(':') != std::string::npos) {
         host.clear();
     }
-    if (colon == std::string::npos || host.empty() || colon + 1 == listen.size()) {
+    const std::string port = colon == std::string::npos ? "" : listen.substr(colon + 1);
+    // getaddrinfo() would take the lower 16 bits of a larger number.
+    std::uint16_t number = 0;
+    const char* const end = port.data() + port.size();
+    const auto [parsed, error] = std::from_chars(port.data(), end, number);
+    if (host.empty() || error != std::errc() || parsed != end) {
         throw std::runtime_error("\"" + listen +
-                                 "\" is not ADDRESS:PORT, such as 127.0.0.1:3240 or [::1]:3240");
+                                 "\" is not ADDRESS:PORT, such as 127.0.0.1:3240 or [::1]:3240; a "
+                                 "port is a number up to 65535");
     }
-    return {host, listen.substr(colon + 1)};
+    return {host, port};
 }
 
+/// Returns no descriptor, and sets errno, when it cannot listen there.
+UniqueFd listen_at(const addrinfo& address) {
+    UniqueFd fd(::socket(address.ai_family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    const int on = 1;
+    if (!fd || ::setsockopt(fd.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) != 0 ||
+        ::bind(fd.get(), address.ai_addr, address.ai_addrlen) != 0 ||
+        ::listen(fd.get(), kBacklog) != 0) {
+        return {};
+    }
+    return fd;
+}
+
+/// Listens at the first address of a name at which that is possible: a name may have an IPv6
+/// address on a system without IPv6.
 UniqueFd listen_at(const std::string& listen) {
     const auto [host, port] = split(listen);
     addrinfo hints{};
@@ -47,14 +69,10 @@ UniqueFd listen_at(const std::string& listen) {
         throw std::runtime_error("cannot listen at " + listen + ": " + ::gai_strerror(error));
     }
     const std::unique_ptr<addrinfo, decltype(&::freeaddrinfo)> owner(found, ::freeaddrinfo);
-    UniqueFd fd(::socket(found->ai_family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-    const int on = 1;
-    if (!fd || ::setsockopt(fd.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) != 0 ||
-        ::bind(fd.get(), found->ai_addr, found->ai_addrlen) != 0 ||
-        ::listen(fd.get(), kBacklog) != 0) {
-        throw std::system_error(errno, std::generic_category(), "cannot listen at " + listen);
+    for (const addrinfo* address = found; address != nullptr; address = address->ai_next) {
+        if (UniqueFd fd = listen_at(*address)) return fd;
     }
-    return fd;
+    throw std::system_error(errno, std::generic_category(), "cannot listen at " + listen);
 }
 
 void prepare(const UniqueFd& socket) {

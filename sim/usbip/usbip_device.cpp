@@ -98,6 +98,12 @@ void UsbipDevice::carry_out_commands() {
 
 void UsbipDevice::submit(const Command& command, const char* data) {
     ++counters_.submits;
+    // First of all: the response to another transfer of that number would end the accounting of
+    // the one in flight.
+    if (in_flight_.count(command.sequence) != 0) {
+        fail("sequence number " + std::to_string(command.sequence) + " is in flight already");
+        return;
+    }
     const bool control = command.endpoint == 0;
     const std::size_t front = control ? command.setup.size() : 0;
     Urb urb;
@@ -131,10 +137,7 @@ void UsbipDevice::submit(const Command& command, const char* data) {
         }
         watch_for_reset(urb, now);
     }
-    if (!in_flight_.emplace(command.sequence, urb.length).second) {
-        fail("sequence number " + std::to_string(command.sequence) + " is in flight already");
-        return;
-    }
+    in_flight_.emplace(command.sequence, urb.length);
     bytes_in_flight_ += urb.length;
     if (!control && command.in) {
         ++reads_in_flight_;

@@ -34,7 +34,7 @@ check "death by a signal" 134 "$(status "$sim" run -- sh -c 'ulimit -c 0; kill -
 check "no such program" 127 "$(status "$sim" run -- /nowhere/to/be/found)"
 check "no program at all" 126 "$(status "$sim" run -- /etc/passwd)"
 check "no command line" 2 "$(status "$sim" run)"
-check "no such number" "222222" "$(for no in "run --devices 101" "run --time-scale 0" \
+check "no such number" "2222222" "$(for no in "run --devices 101" "run --time-scale 0" "run --time-scale nan" \
     "run --time-scale 2000000" "run --empty --devices 1" "firmware 1 --size 0" "firmware 1 --size 99999999"
     do status "$sim" $no -- true; done | tr -d '\n')"
 for file in /nowhere/x /dev/full "$work" ""; do

@@ -297,6 +297,7 @@ TEST(Usbip, WhatIsNotTheProtocolEndsTheConnection) {
         {"length", command(1, 9, 0, 2, 0xFFFFFFFF)},
         {"isochronous", command(1, 9, 1, 1, 64, 3)},
         {"in flight", command(1, 3, 1, 1, 64)},
+        {"in flight, direction", command(1, 3, 0, 0, 0, 0, kReadDevice)},
         {"text", std::string(kHeaderSize, 'x')},
     };
     for (const auto& [what, bytes] : cases) {
@@ -490,7 +491,8 @@ TEST(ExportBus, StrangersAreTurnedAway) {
     bus.add_to(waits);
     EXPECT_EQ(waits.size(), ExportBus::kMostClients) << "others wait";
     EXPECT_TRUE(bus.next_due()) << "until the time of one has passed";
-    for (const char* const address : {"3240", ":3240", "1.2.3.4:", "::1:3240", "1.2.3.4:x"})
+    for (const char* const address :
+         {"3240", ":3240", "1.2.3.4:", "::1:3240", "1.2.3.4:x", "127.0.0.1:65536", "127.0.0.1: 0"})
         EXPECT_THROW(ExportBus(address, {}), std::runtime_error) << address;
 }
 
