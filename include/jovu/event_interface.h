@@ -17,8 +17,8 @@ class JovuTransport;
 /// Receives the events that the firmware sends on its own. Override the handlers that are needed;
 /// each is empty by default.
 ///
-/// Threads: handlers run on the thread that handles USB events (the watcher thread, for moments a
-/// thread that sends or closes), one at a time, and nothing is received while one runs. In a
+/// Threads: handlers run on the thread that handles USB events (the watcher thread, or one that
+/// pushes, sends or closes), one at a time, and nothing is received while one runs. In a
 /// handler, commands and sends fail at once and JovuTransport::close() is carried out right after
 /// the handler returns; listing works. A handler must not destroy a client or construct one.
 ///

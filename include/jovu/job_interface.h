@@ -49,8 +49,9 @@ struct JovuPushProgress {
     bool filler = false;      ///< The rest is filler: the push has been cancelled or cut short.
 };
 
-/// What a push calls with its progress: a function object, such as a lambda or a std::function, or
-/// a pointer to a function. It only refers to the object, so it is made in the call that takes it.
+/// What a push calls with its progress: a function, a pointer to one, or a function object
+/// such as a lambda or a std::function. It only refers to that, so it is made in the call that
+/// takes it.
 class JovuPushObserver {
 public:
     /// Calls nothing.
@@ -62,12 +63,21 @@ public:
               class = std::enable_if_t<!std::is_same_v<std::decay_t<Function>, JovuPushObserver> &&
                                        std::is_invocable_v<Function&, const JovuPushProgress&>>>
     JovuPushObserver(Function&& function) noexcept  // NOLINT(google-explicit-constructor)
-        : object_(const_cast<void*>(static_cast<const void*>(std::addressof(function)))),
-          call_([](void* object, const JovuPushProgress& progress) {
-              (*static_cast<std::remove_reference_t<Function>*>(object))(progress);
-          }) {
-        if constexpr (std::is_assignable_v<std::decay_t<Function>&, std::nullptr_t>) {
-            if (!function) call_ = nullptr;
+    {
+        using Object = std::remove_reference_t<Function>;
+        if constexpr (std::is_function_v<Object>) {
+            object_ = reinterpret_cast<void*>(std::addressof(function));
+            call_ = [](void* object, const JovuPushProgress& progress) {
+                reinterpret_cast<Object*>(object)(progress);
+            };
+        } else {
+            if constexpr (std::is_assignable_v<std::decay_t<Function>&, std::nullptr_t>) {
+                if (!function) return;
+            }
+            object_ = const_cast<void*>(static_cast<const void*>(std::addressof(function)));
+            call_ = [](void* object, const JovuPushProgress& progress) {
+                (*static_cast<Object*>(object))(progress);
+            };
         }
     }
 
@@ -95,10 +105,12 @@ enum class JovuPushResult {
 ///
 /// Threads: request and push operations run on the caller's thread and may be called from any;
 /// StatusReceived() and JobDataReceived() run on the thread that handles USB events (the watcher
-/// thread, for moments a thread that sends or closes), and nothing is received while they run. In
-/// them, sends fail at once with "Send failed - libusb error: -6" (busy), and a client must be
-/// neither constructed nor destroyed. They must not throw: an exception ends the watcher thread,
-/// for the whole process, with one line on standard output.
+/// thread; during a push usually the thread that pushes; for moments a thread that sends or
+/// closes), and nothing is received while they run. So a thread that calls this object, a push
+/// above all, holds no lock that they, or the handlers of any other client, acquire. In them, sends
+/// fail at once with "Send failed - libusb error: -6" (busy), and a client must be neither
+/// constructed nor destroyed. They must not throw: an exception ends the watcher thread, for the
+/// whole process, with one line on standard output.
 ///
 /// The channel is one stream of bytes. While a push to a device runs, requests to it and raw bytes
 /// from other threads would become part of the job; the caller must prevent that.

@@ -42,4 +42,8 @@ struct CommandLine {
 /// @param line receives the values; must live as long as the parser.
 void define_command_line(CLI::App& app, CommandLine& line);
 
+/// Parses the arguments of main() and carries the command out.
+/// @returns the exit status
+int run_command_line(int argc, char** argv);
+
 }  // namespace jovusim

@@ -2,56 +2,15 @@
 
 /// @file
 /// The program jovu-sim.
-#include <CLI/CLI.hpp>
 #include <exception>
 #include <iostream>
-#include <stdexcept>
-#include <string>
 
-#include "firmware/usb/firmware_image.h"
 #include "tool/command_line.h"
-#include "tool/control_socket.h"
 #include "tool/exit_status.h"
-
-namespace jovusim {
-namespace {
-
-int run(int argc, char** argv) {
-    CLI::App app;
-    CommandLine line;
-    define_command_line(app, line);
-    try {
-        app.parse(argc, argv);
-    } catch (const CLI::ParseError& error) {
-        return app.exit(error) == 0 ? kExitOk : kExitUsage;
-    }
-    const CLI::App* const command = app.get_subcommands().front();
-    if (command->get_name() == kRunCommand) {
-        if (line.empty) line.run.devices = 0;
-        return run_on_bus(line.run);
-    }
-    if (line.empty) line.usbip.devices = 0;
-    if (command->get_name() == kAttachCommand) return attach_to_kernel(line.usbip);
-    if (command->get_name() == kServeCommand) return serve_devices(line.usbip);
-    if (command->get_name() == kCtlCommand) {
-        std::string request;
-        for (const std::string& word : command->remaining())
-            request += (request.empty() ? "" : " ") + word;
-        if (!request.empty()) return run_control_client(request);
-        std::cerr << "jovu-sim: ctl needs a request; see jovu-sim ctl --help\n";
-        return kExitUsage;
-    }
-    std::cout << make_firmware_image(line.version, line.size) << std::flush;
-    if (!std::cout) throw std::runtime_error("cannot write the image");
-    return kExitOk;
-}
-
-}  // namespace
-}  // namespace jovusim
 
 int main(int argc, char** argv) {
     try {
-        return jovusim::run(argc, argv);
+        return jovusim::run_command_line(argc, argv);
     } catch (const std::exception& error) {
         std::cerr << "jovu-sim: " << error.what() << "\n";
         return jovusim::kExitFailure;

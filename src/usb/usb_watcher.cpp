@@ -33,9 +33,7 @@ public:
                 // Nothing would interrupt the wait for a device that has just been opened.
                 if (!backend_._run_device_hotplug_thread) return;
             }
-            const bool retry = until_scan() == milliseconds(0) || backend_.cleanup_pending;
-            if (!event_turn().stand_aside())
-                handle_events(context_, retry ? kRetryPeriod : until_scan(), nullptr);
+            if (!event_turn().stand_aside()) handle_events(context_, event_wait(), nullptr);
             clients_.rethrow_error();
             if (backend_.cleanup_pending.exchange(false)) clean_up();
         }
@@ -48,6 +46,13 @@ private:
     milliseconds until_scan() const {
         return std::max(std::chrono::ceil<milliseconds>(next_scan_ - Clock::now()),
                         milliseconds(0));
+    }
+
+    milliseconds event_wait() const {
+        // A sender that handled events during the scan may have consumed the interrupt.
+        if (backend_.scan_requested) return milliseconds(0);
+        const bool retry = until_scan() == milliseconds(0) || backend_.cleanup_pending;
+        return retry ? kRetryPeriod : until_scan();
     }
 
     void scan() {

@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 
 #include <csignal>
+#include <cstdlib>
 #include <nlohmann/json.hpp>
 #include <string>
 
@@ -85,6 +86,25 @@ private:
 
 /// Runs `jovu` to its end. In a dialog, types the input after the question.
 Ended jovu(const std::string& line, const std::string& input = "", Out out = Out::pipe);
+
+/// While it lives, allocations of libusb transfers fail in programs that are started.
+class FailingTransfers {
+public:
+    /// @param range see failing_transfers.cpp
+    explicit FailingTransfers(const char* range) : preloaded_(std::getenv("LD_PRELOAD")) {
+        setenv("JOVU_FAILING_TRANSFERS", range, 1);
+        setenv("LD_PRELOAD", (JOVU_FAILING_TRANSFERS_LIBRARY ":" + preloaded_).c_str(), 1);
+    }
+    ~FailingTransfers() {
+        unsetenv("JOVU_FAILING_TRANSFERS");
+        setenv("LD_PRELOAD", preloaded_.c_str(), 1);
+    }
+    FailingTransfers(const FailingTransfers&) = delete;
+    FailingTransfers& operator=(const FailingTransfers&) = delete;
+
+private:
+    const std::string preloaded_;
+};
 
 /// Matches a program that has ended with a status and has written a text: to standard error, or to
 /// standard output when the status is 0.

@@ -6,6 +6,7 @@
 #include <stdexcept>
 
 #include "fake_usb/backend_fixture.h"
+#include "usb/libusb_owners.h"
 
 namespace test {
 namespace {
@@ -320,6 +321,24 @@ TEST_F(Watcher, IsWokenFromAnEventWaitByHotPlugToCloseAndToStop) {
         client.reset();
         finish();
     }
+}
+
+TEST_F(Watcher, ScansAgainForANoticeThatAnotherThreadHandledDuringAScan) {
+    fake_usb::plug(1, 5);
+    fake_usb::script(Call::open, {{0, [] {
+                                       fake_usb::plug(1, 6);
+                                       // Runs the notice, then consumes its interrupt.
+                                       for (int i = 0; i < 2; ++i) {
+                                           jovu::handle_events(jovu::current_context(),
+                                                               std::chrono::milliseconds(0),
+                                                               nullptr);
+                                       }
+                                   }}});
+    fake_usb::endless_event_waits = true;
+    std::optional<BackendClient> client(std::in_place, journal, "a", 0);
+    EXPECT_TRUE(journal.wait("a+1.6"));
+    client.reset();
+    finish();
 }
 
 TEST_F(Watcher, DoesNotSpinWhenEventHandlingFails) {

@@ -21,6 +21,12 @@ struct Cancelled : JovuPushCancel {
     Cancelled() { cancel(); }
 };
 
+int observed = 0;
+
+void observe(const JovuPushProgress& now) {
+    observed += static_cast<int>(now.sent);
+}
+
 class JobPush : public ExchangeTest {
 protected:
     /// @param then called in each progress call, with its number.
@@ -58,6 +64,22 @@ protected:
     std::function<void(std::size_t)> on_progress;
     std::size_t before = 0;  ///< Transfers before the push.
 };
+
+TEST(JobPushObserver, CallsAFunctionAPointerToOneOrAnObjectAndNothingForNull) {
+    using Function = std::function<void(const JovuPushProgress&)>;
+    void (*const pointer)(const JovuPushProgress&) = observe;
+    void (*const null)(const JovuPushProgress&) = nullptr;
+    const Function object = observe;
+    const Function empty;
+    const JovuPushObserver observers[] = {observe, pointer, object, null, empty, nullptr, {}};
+    JovuPushProgress progress;
+    progress.sent = 1;
+    for (const JovuPushObserver& observer : observers) {
+        observer(progress);
+        progress.sent *= 10;
+    }
+    EXPECT_EQ(observed, 111);
+}
 
 TEST_F(JobPush, ReportsItsProgressAndNeedsAFileThatCanBeReadTwice) {
     const std::pair<std::size_t, std::vector<double>> rows[] = {

@@ -14,8 +14,8 @@ namespace {
 
 using namespace std::chrono_literals;
 
-/// How long a command waits for attached devices without --wait-device. The library scans the bus
-/// twice a second; a device that is not open after this time cannot be opened.
+/// How long a command waits for attached devices without --wait-device. The library opens them at
+/// once and tries again twice a second; a device that is not open after this time cannot be opened.
 constexpr std::chrono::milliseconds kDefaultWait = 2s;
 
 /// A device responds in milliseconds. A report can stay in the device's buffer until more bytes
@@ -125,7 +125,7 @@ void Session::restart() {
     if (restarted_) {
         throw Failure(ExitCode::no_device,
                       "the USB connection has ended again, for the reason given above",
-                      "a device cannot be opened, or another program opens it at the same time");
+                      "this can happen when memory has run out");
     }
     restarted_ = true;
     print_error(
@@ -429,7 +429,7 @@ std::optional<Notification> Session::next_notification(
         if (has_ended()) {
             throw Failure(ExitCode::exchange_failed,
                           "the USB connection has ended, for the reason given above",
-                          "this can happen when a device cannot be opened; run the command again");
+                          "this can happen when memory has run out; run the command again");
         }
     }
 }
