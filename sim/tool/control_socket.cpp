@@ -36,7 +36,9 @@ short events_of(const std::vector<pollfd>& waits, int fd) {
 
 ControlServer::ControlServer(const std::string& path,
                              std::function<std::string(const std::string&)> handler)
-    : handler_(std::move(handler)), listener_(local_socket(SOCK_NONBLOCK)) {
+    : handler_(std::move(handler)),
+      listener_(local_socket(SOCK_NONBLOCK)),
+      spare_(local_socket(SOCK_NONBLOCK)) {
     const sockaddr_un address = local_address(path);
     if (::bind(listener_.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 ||
         ::listen(listener_.get(), kBacklog) != 0) {
@@ -63,7 +65,15 @@ void ControlServer::serve(const std::vector<pollfd>& waits) {
 void ControlServer::accept_all() {
     for (;;) {
         UniqueFd fd(::accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
-        if (!fd) return;
+        if (!fd) {
+            // A client that waits keeps the listener readable, and polling it would not wait.
+            if (errno == EMFILE || errno == ENFILE) {
+                spare_.reset();
+                UniqueFd(::accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC)).reset();
+                spare_.reset(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+            }
+            return;
+        }
         Connection connection;
         connection.fd = std::move(fd);
         connections_.push_back(std::move(connection));

@@ -49,6 +49,7 @@ private:
 
     std::function<std::string(const std::string&)> handler_;
     UniqueFd listener_;
+    UniqueFd spare_;  ///< given up to turn a client away when descriptors have run out
     std::list<Connection> connections_;
 };
 
