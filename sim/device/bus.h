@@ -122,7 +122,7 @@ std::unique_ptr<UsbFunction> make_function(const PlugRequest& request, const std
                                            double time_scale);
 
 /// A default serial number: "JVS", the number of the bus and that of the place on it in three
-/// digits each. Appended letters tell it from those that are taken.
+/// digits each. A suffix makes it unique.
 std::string free_serial(unsigned bus, unsigned place,
                         const std::function<bool(const std::string&)>& taken);
 

@@ -75,7 +75,7 @@ public:
     void tick();
     std::optional<Millis> next_due() const;
 
-    /// Whether the device has left its bus: by a fault, or by itself.
+    /// Whether the device has left its bus: by a fault, or for a restart.
     bool unplugged() const { return unplugged_; }
 
     /// As DeviceCore.

@@ -53,7 +53,7 @@ private:
     unsigned count_ = 0;
 };
 
-/// Attaches devices to this machine's bus. The kernel enumerates them by itself, some tenths of a
+/// Attaches devices to this machine's bus. The kernel then enumerates them, some tenths of a
 /// second after plug() has returned. All are detached when the process ends, however it ends.
 class VhciBus final : public UsbipBus {
 public:

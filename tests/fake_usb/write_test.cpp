@@ -113,7 +113,7 @@ TEST_F(Write, OneThreadThatWritesOnHandlesEventsAndTheWatcherTheOthers) {
         return stream("x", 1);
     });
     EXPECT_TRUE(test::eventually([&] { return receive() && dispatcher == sender; }));
-    // The watcher still looks after the bus.
+    // The watcher still scans the bus.
     fake_usb::unplug(other);
     EXPECT_TRUE(journal.wait("d-1.6"));
     fake_usb::hold_bulk(false);

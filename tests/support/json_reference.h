@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 
 /// @file
-/// What yajl makes of a text by itself, for comparison with jovu::JsonTree.
+/// What yajl alone makes of a text, for comparison with jovu::JsonTree.
 #pragma once
 
 #include <yajl/yajl_tree.h>
