@@ -33,8 +33,14 @@ public:
         return std::exchange(at_, at_ + size);
     }
 
-    /// Frees all but the first block.
+    /// Frees all but the first block and a spare one, of at most kMaxSpare bytes. Blocks that go
+    /// back to the heap for each document would go back to the system as well, and cost a page
+    /// fault for each 4 KiB.
     void clear() noexcept {
+        if (!more_.empty() && block_size_ <= kMaxSpare) {
+            spare_ = std::move(more_.back());
+            spare_size_ = block_size_;
+        }
         more_.clear();
         at_ = first_;
         left_ = block_size_ = first_size_;
@@ -47,13 +53,22 @@ public:
     }
 
 private:
+    using Block = std::unique_ptr<unsigned char[]>;
+
     static constexpr std::size_t kAlignment = alignof(std::max_align_t);
+    /// Enough for the tree of a document of 64 KiB.
+    static constexpr std::size_t kMaxSpare = std::size_t{1} << 20U;
 
     bool grow(std::size_t size) noexcept {
         try {
-            block_size_ = std::max(size, 2 * block_size_);
-            // Not by make_unique(), which would touch every page of it.
-            more_.push_back(std::unique_ptr<unsigned char[]>(new unsigned char[block_size_]));
+            if (spare_ && size <= spare_size_) {
+                more_.push_back(std::move(spare_));
+                block_size_ = spare_size_;
+            } else {
+                block_size_ = std::max(size, 2 * block_size_);
+                // Not by make_unique(), which would touch every page of it.
+                more_.push_back(Block(new unsigned char[block_size_]));
+            }
         } catch (const std::bad_alloc&) {
             return false;
         }
@@ -86,7 +101,9 @@ private:
     unsigned char* at_;
     std::size_t left_;
     std::size_t block_size_ = first_size_;  ///< Of the last block.
-    std::vector<std::unique_ptr<unsigned char[]>> more_;
+    std::vector<Block> more_;
+    Block spare_;                 ///< For the next block that is needed; may be null.
+    std::size_t spare_size_ = 0;  ///< Of the spare block.
 };
 
 }  // namespace jovu

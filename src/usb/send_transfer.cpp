@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "usb/send_transfer.h"
 
+#include <algorithm>
 #include <chrono>
 
 #include "jovu/exception.h"
@@ -19,13 +20,17 @@ int SendTransfer::submit(libusb_device_handle* handle, std::uint8_t endpoint,
                               size, completed, this, kSendTimeoutMs);
     // Before libusb has it: the completion may come before the call returns.
     set_done(0);
+    reliance_ = kSenderReliance;
     const int result = libusb_submit_transfer(transfer_.get());
     if (result != 0) set_done(1);
     return result;
 }
 
 bool SendTransfer::wait(const Context& context) {
-    if (wait_for_completion()) return true;
+    if (wait_for_completion(reliance_)) return true;
+    // Longer each time: the sender of a device that takes no data would handle the events of the
+    // other devices, between two calls of the watcher.
+    reliance_ = std::min(2 * reliance_, kMaxSenderReliance);
     if (libusb_event_handler_active(context.get()) == 0)
         handle_events(context, kSenderEventWait, &done_);
     return is_back();
@@ -42,8 +47,8 @@ bool SendTransfer::is_back() {
     return done_ != 0;
 }
 
-bool SendTransfer::wait_for_completion() {
-    const auto deadline = std::chrono::steady_clock::now() + kSenderReliance;
+bool SendTransfer::wait_for_completion(std::chrono::milliseconds limit) {
+    const auto deadline = std::chrono::steady_clock::now() + limit;
     const MutexLock lock(mutex_);
     while (done_ == 0) {
         const auto left = deadline - std::chrono::steady_clock::now();

@@ -9,6 +9,7 @@
 
 #include "base/mutex.h"
 #include "usb/libusb_owners.h"
+#include "usb/usb_constants.h"
 
 namespace jovu {
 
@@ -51,11 +52,14 @@ public:
 private:
     static void LIBUSB_CALL completed(libusb_transfer* transfer) noexcept;
 
-    bool wait_for_completion();
+    bool wait_for_completion(std::chrono::milliseconds limit);
     bool is_back();
     void set_done(int done) noexcept;
 
     Transfer transfer_;
+    /// The next wait() relies on another thread for this long; grows while the transfer is in
+    /// flight.
+    std::chrono::milliseconds reliance_ = kSenderReliance;
     Mutex mutex_;  ///< A leaf.
     ConditionVariable is_done_;
     int done_ = 1;  ///< 0 exactly while in flight. Written under mutex_; libusb reads it too.

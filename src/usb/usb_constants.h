@@ -39,8 +39,10 @@ inline constexpr std::chrono::milliseconds kReceiveErrorPause{4};
 /// every call costs.
 inline constexpr std::chrono::milliseconds kEventErrorPause{50};
 
-/// How long a sender relies on another thread to handle events before it looks whether one does.
+/// How long a sender relies on another thread to handle events before it looks whether one does;
+/// doubled after each look, up to the second value.
 inline constexpr std::chrono::milliseconds kSenderReliance{5};
+inline constexpr std::chrono::milliseconds kMaxSenderReliance{80};
 
 /// Longest event wait of a sender; its own completion ends it earlier.
 inline constexpr std::chrono::milliseconds kSenderEventWait{100};

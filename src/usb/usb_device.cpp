@@ -140,7 +140,7 @@ int UsbDevice::transfer(std::uint8_t endpoint, const unsigned char* data, int si
     const int result = send_transfer_.submit(handle_.get(), endpoint, data, size);
     if (result != 0) return result;
     const Clock::duration limit = std::chrono::milliseconds(kSendTimeoutMs) + kDrainLimit;
-    const Clock::duration longest_wait = kSenderReliance + kSenderEventWait;
+    const Clock::duration longest_wait = kMaxSenderReliance + kSenderEventWait;
     const HeldTurn turn(follow == Follow::writes, context_);
     const auto wait = [&] {
         return turn ? send_transfer_.wait_handling(context_) : send_transfer_.wait(context_);
