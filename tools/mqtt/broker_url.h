@@ -17,7 +17,8 @@ struct BrokerUrl {
     bool tls = false;
     std::string host;  ///< A name or an address; IPv6 without brackets.
     std::uint16_t port = kPlainPort;
-    /// The topic prefix: the path of the URL, without slashes at its ends. Empty when there is none.
+    /// The topic prefix: the path of the URL, without slashes at its ends. Empty when there is
+    /// none.
     std::string prefix{};
 };
 
@@ -38,10 +39,11 @@ bool is_address(const std::string& host);
 
 /// What protects a connection, and what the user permits.
 struct Protection {
-    bool authenticated = false;    ///< There is a user name or a client certificate.
+    bool authenticated = false;  ///< There is a user name or a client certificate.
     bool allow_plain_text = false;
     bool allow_anonymous = false;  ///< Concerns plain text only.
-    /// @name How the user permits it, for the hint: "--fleet-plain-text", "allow_plain_text = true".
+    /// @name How the user permits it, for the hint: "--fleet-plain-text", "allow_plain_text =
+    /// true".
     /// @{
     std::string plain_text_setting{};
     std::string anonymous_setting{};

@@ -151,7 +151,9 @@ void check_readable(const std::string& path, const char* what) {
 }
 
 /// Has OpenSSL not ask for a passphrase on the terminal.
-int refuse_passphrase(char* /*buffer*/, int /*size*/, int /*writing*/, void* /*data*/) { return 0; }
+int refuse_passphrase(char* /*buffer*/, int /*size*/, int /*writing*/, void* /*data*/) {
+    return 0;
+}
 
 void initialise_library() {
     // Once, and never cleaned up: clients may exist until the process ends.
@@ -271,9 +273,9 @@ private:
 
     // Used by the thread only, but for the construction.
     std::vector<Event> events_;
-    std::exception_ptr exception_;  ///< Of a callback.
-    std::unordered_map<int, InFlight> in_flight_;          ///< By message id.
-    std::unordered_map<int, std::string> subscribing_;     ///< Filters, by message id.
+    std::exception_ptr exception_;                      ///< Of a callback.
+    std::unordered_map<int, InFlight> in_flight_;       ///< By message id.
+    std::unordered_map<int, std::string> subscribing_;  ///< Filters, by message id.
     std::string lost_reason_;
     std::string logged_error_;
     bool refused_ = false;
@@ -645,10 +647,9 @@ void Client::Core::hand_over_message(const Outgoing& outgoing) {
     try {
         PropertyList properties;
         properties.add(message.properties);
-        code = mosquitto_publish_v5(handle_.get(), &id, message.topic.c_str(),
-                                    static_cast<int>(message.payload.size()),
-                                    message.payload.data(), message.qos, message.retain,
-                                    properties.get());
+        code = mosquitto_publish_v5(
+            handle_.get(), &id, message.topic.c_str(), static_cast<int>(message.payload.size()),
+            message.payload.data(), message.qos, message.retain, properties.get());
         // The library keeps a message with QoS 1 for the next connection.
         if (message.qos > 0 && (code == MOSQ_ERR_NO_CONN || code == MOSQ_ERR_CONN_LOST)) {
             code = MOSQ_ERR_SUCCESS;
@@ -712,8 +713,7 @@ void Client::Core::lose_connection() {
     subscribing_.clear();
     for (auto message = in_flight_.begin(); message != in_flight_.end();) {
         if (message->second.qos == 0) {
-            events_.emplace_back(
-                Acknowledgement{message->second.token, "the connection was lost"});
+            events_.emplace_back(Acknowledgement{message->second.token, "the connection was lost"});
             message = in_flight_.erase(message);
         } else {
             ++message;
@@ -830,8 +830,7 @@ void Client::Core::on_subscribe(mosquitto* /*handle*/, void* core, int id, int c
         const bool refused = count < 1 || granted[0] >= kFirstErrorReason;
         Subscribed subscribed{found->second, ""};
         if (refused) {
-            subscribed.refusal =
-                count < 1 ? "no response" : mosquitto_reason_string(granted[0]);
+            subscribed.refusal = count < 1 ? "no response" : mosquitto_reason_string(granted[0]);
         }
         self.subscribing_.erase(found);
         self.events_.emplace_back(std::move(subscribed));
@@ -846,15 +845,29 @@ void Client::Core::on_log(mosquitto* /*handle*/, void* core, int level, const ch
 
 Client::Client(ClientOptions options, Handlers handlers)
     : core_(std::make_unique<Core>(std::move(options), std::move(handlers))) {}
-Client::~Client() { core_->disconnect(kLeaveLimit); }
-void Client::start() { core_->start(); }
-void Client::subscribe(Subscription subscription) { core_->subscribe(std::move(subscription)); }
-std::optional<Token> Client::publish(Message message) { return core_->publish(std::move(message)); }
-bool Client::connected() const { return core_->connected(); }
-std::size_t Client::unacknowledged() const { return core_->unacknowledged(); }
+Client::~Client() {
+    core_->disconnect(kLeaveLimit);
+}
+void Client::start() {
+    core_->start();
+}
+void Client::subscribe(Subscription subscription) {
+    core_->subscribe(std::move(subscription));
+}
+std::optional<Token> Client::publish(Message message) {
+    return core_->publish(std::move(message));
+}
+bool Client::connected() const {
+    return core_->connected();
+}
+std::size_t Client::unacknowledged() const {
+    return core_->unacknowledged();
+}
 bool Client::wait_unacknowledged(std::size_t count, Clock::time_point deadline) const {
     return core_->wait_unacknowledged(count, deadline);
 }
-void Client::disconnect(std::chrono::milliseconds limit) noexcept { core_->disconnect(limit); }
+void Client::disconnect(std::chrono::milliseconds limit) noexcept {
+    core_->disconnect(limit);
+}
 
 }  // namespace jovu_mqtt

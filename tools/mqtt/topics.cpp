@@ -68,12 +68,14 @@ std::optional<std::string> decode_level(std::string_view level) {
     return name;
 }
 
-std::string name_of_port(std::string_view port) { return "port-" + std::string(port); }
+std::string name_of_port(std::string_view port) {
+    return "port-" + std::string(port);
+}
 
 Topics::Topics(std::string prefix)
     : prefix_(prefix.empty() ? std::string(kDefaultPrefix) : std::move(prefix)) {
-    const bool has_empty_level = prefix_.front() == '/' || prefix_.back() == '/' ||
-                                 prefix_.find("//") != std::string::npos;
+    const bool has_empty_level =
+        prefix_.front() == '/' || prefix_.back() == '/' || prefix_.find("//") != std::string::npos;
     if (has_empty_level || prefix_.front() == '$' ||
         mosquitto_pub_topic_check2(prefix_.data(), prefix_.size()) != MOSQ_ERR_SUCCESS ||
         mosquitto_validate_utf8(prefix_.data(), static_cast<int>(prefix_.size())) !=
@@ -100,7 +102,9 @@ std::string Topics::responses(std::string_view client) const {
     return prefix_ + "/responses/" + encode_level(client);
 }
 
-std::string Topics::all_bridges() const { return prefix_ + "/bridges/+"; }
+std::string Topics::all_bridges() const {
+    return prefix_ + "/bridges/+";
+}
 
 std::string Topics::all_devices(std::string_view leaf) const {
     return prefix_ + "/devices/+/" + std::string(leaf);

@@ -51,9 +51,9 @@ public:
 
     /// @name Filters for subscriptions
     /// @{
-    std::string all_bridges() const;                           ///< P/bridges/+
-    std::string all_devices(std::string_view leaf) const;      ///< P/devices/+/LEAF
-    std::string all_requests(std::string_view serial) const;   ///< P/devices/S/request/#
+    std::string all_bridges() const;                          ///< P/bridges/+
+    std::string all_devices(std::string_view leaf) const;     ///< P/devices/+/LEAF
+    std::string all_requests(std::string_view serial) const;  ///< P/devices/S/request/#
     /// @}
 
     /// @return the bridge's name; nothing for a topic that is not P/bridges/B.
