@@ -67,12 +67,15 @@ TEST(Configuration, ReportsEachMistakeWithItsPlaceAndWhatIsPossible) {
         {"[broker]\nprefix = \"a/+\"", {"broker.prefix"}},
         {"[broker]\nurl = \"http://x\"", {"broker.url: 'http://x': must be mqtt://HOST"}},
         {"[broker]\nurl = \"mqtt://h:0\"", {"broker.url"}},
+        {"[broker]\nurl = \"mqtt://h/prefix\"", {"broker.url"}},
         {"[broker]\nurl = \"mqtt://u:hunter2@h\"",
          {"broker.url: must have no user and no password"}},
         {"[broker]\nurl = \"mqtt://far.example\"",
-         {"2:7: broker.url: \"mqtt://far.example\": is neither encrypted nor on this computer"}},
-        {"[broker]\nurl = \"mqtt://127.0.0.1.example\"", {"neither encrypted"}},
-        {"[broker]\nurl = \"mqtt://far.example\"\nallow_plain_text = true", {"has no user"}},
+         {"2:7: broker.url: the connection to mqtt://far.example:1883 would not be encrypted"}},
+        {"[broker]\nurl = \"mqtt://127.0.0.1.example\"", {"would not be encrypted"}},
+        {"[broker]\nurl = \"mqtt://far.example\"\nallow_plain_text = true",
+         {"neither encrypted nor authenticated: give a user and a password file, or permit it by "
+          "broker.allow"}},
         {"[broker]\nuser = \"x\"", {"2:8: broker.user: needs broker.password_file"}},
         {"[broker]\npassword_file = \"x\"", {"broker.password_file: needs broker.user"}},
         {"[broker]\nurl = \"mqtts://h\"\nkey_file = \"x\"",
@@ -110,9 +113,6 @@ TEST(Configuration, AcceptsABrokerByWhatProtectsIt) {
         const ReadConfig read = parse_config(std::string("[broker]\n") + text, "c.toml");
         EXPECT_THAT(problems_of(read.problems), IsEmpty()) << text;
     }
-    EXPECT_EQ(parse_broker_url("mqtts://[fe80::1]:7")->host, "fe80::1");
-    EXPECT_EQ(parse_broker_url("mqtts://[fe80::1]:7")->port, 7);
-    EXPECT_EQ(parse_broker_url("mqtts://h")->port, 8883);
 }
 
 TEST(Configuration, ExampleHasEveryKeyWithItsDefault) {
@@ -159,9 +159,9 @@ TEST(Configuration, ChecksTheFilesThatItNames) {
     const std::vector<Row> rows{
         {user + "\"password\"", nullptr},
         {user + "\"missing\"", "c.toml:4:17: broker.password_file: "},
-        {user + "\"open\"", "can be used by every user of this computer"},
-        {user + "\"empty\"", "has an empty first line"},
-        {user + "\"/dev/null\"", "is not a file"},
+        {user + "\"open\"", "every user of this computer may read or change it"},
+        {user + "\"empty\"", "its first line is empty"},
+        {user + "\"/dev/null\"", "it is not a regular file"},
         {tls + "certificate_file = \"a.pem\"\nkey_file = \"a.key\"\nca_file = \"b.pem\"", nullptr},
         {tls + "certificate_file = \"a.pem\"\nkey_file = \"b.key\"",
          "does not belong to the certificate"},
@@ -206,7 +206,7 @@ TEST(Configuration, TakesAPasswordFromTheServiceManagerFirst) {
         read_password(read);
         ADD_FAILURE() << "no exception";
     } catch (const std::runtime_error& error) {
-        EXPECT_THAT(error.what(), HasSubstr("broker.password_file: \"" + folder.path("missing")));
+        EXPECT_THAT(error.what(), HasSubstr(folder.path("missing")));
     }
 }
 
@@ -215,8 +215,7 @@ TEST(Configuration, PatternsTakeAwayWhereverTheyStand) {
     EXPECT_TRUE(matches_any(commands, "Get_temperature"));
     EXPECT_FALSE(matches_any(commands, "Reset_printer"));
     EXPECT_FALSE(matches_any({"!Reset_*", "*"}, "Reset_printer"));
-    EXPECT_TRUE(matches_any({"JVS00[12]?"}, "JVS0011"));
-    EXPECT_FALSE(matches_any({"JVS00[12]?"}, "JVS0031"));
+    EXPECT_TRUE(matches_any({"JVS00?1", "X"}, "JVS0011"));
     EXPECT_FALSE(matches_any({}, "JVS0031"));
 }
 

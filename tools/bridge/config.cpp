@@ -2,21 +2,22 @@
 #include "bridge/config.h"
 
 #include <arpa/inet.h>
-#include <fnmatch.h>
 
 #include <toml++/toml.h>
 #include <algorithm>
 #include <array>
 #include <charconv>
 #include <cmath>
-#include <cstring>
-#include <limits>
+#include <optional>
 #include <sstream>
 #include <system_error>
 #include <utility>
 #include <variant>
 
 #include "cli/suggestions.h"
+#include "mqtt/broker_url.h"
+#include "mqtt/error.h"
+#include "mqtt/topics.h"
 #include "terminal/printable.h"
 
 namespace jovu_bridge {
@@ -31,8 +32,6 @@ constexpr std::size_t kMaxShown = 80;  ///< Characters of a value in a message.
 constexpr std::uint64_t kTebibyte = 1ULL << 40U;
 constexpr std::uint64_t kYear = 366ULL * 24 * 3600;  ///< Seconds.
 constexpr std::uint64_t kDay = 24ULL * 3600;         ///< Seconds.
-constexpr int kPlainPort = 1883;
-constexpr int kTlsPort = 8883;
 
 const std::array<std::pair<const char*, LogLevel>, 4> kLevels{{{"error", LogLevel::error},
                                                                {"warning", LogLevel::warning},
@@ -50,9 +49,12 @@ bool is_absolute(const std::string& path) {
 
 bool is_prefix(const std::string& prefix) {
     constexpr std::size_t kMaxPrefix = 200;
-    return is_plain(prefix) && !prefix.empty() && prefix.size() <= kMaxPrefix &&
-           prefix.find_first_of("+#") == std::string::npos && prefix.front() != '$' &&
-           ("/" + prefix + "/").find("//") == std::string::npos;
+    try {
+        static_cast<void>(jovu_mqtt::Topics(prefix));
+        return is_plain(prefix) && !prefix.empty() && prefix.size() <= kMaxPrefix;
+    } catch (const jovu_mqtt::Error&) {
+        return false;
+    }
 }
 
 bool is_name(const std::string& name) {
@@ -96,7 +98,11 @@ bool is_listen_address(const std::string& address) {
 }
 
 bool is_broker_url(const std::string& url) {
-    return parse_broker_url(url).has_value();
+    try {
+        return jovu_mqtt::parse_broker_url(url).prefix.empty();
+    } catch (const jovu_mqtt::Error&) {
+        return false;
+    }
 }
 
 /// One key of the file.
@@ -252,7 +258,6 @@ public:
     /// Checks what several keys mean together.
     void check_together() {
         const Config::Broker& broker = read_.config.broker;
-        const std::optional<BrokerAddress> address = parse_broker_url(broker.url);
         if (broker.certificate_file.empty() != broker.key_file.empty()) {
             const bool key_given = broker.certificate_file.empty();
             problem(key_given ? "broker.key_file" : "broker.certificate_file",
@@ -265,31 +270,25 @@ public:
         if (!broker.user.empty() && broker.password_file.empty()) {
             problem("broker.user", "needs broker.password_file");
         }
-        if (!address || has_problem("broker.url")) {
+        if (has_problem("broker.url")) {
             return;
         }
-        if (!address->tls) {
-            for (const char* key : {"broker.ca_file", "broker.certificate_file"}) {
-                if (read_.places.count(key) != 0) {
-                    problem(key, "has no effect without TLS: write mqtts:// in broker.url");
-                }
+        const jovu_mqtt::BrokerUrl url = jovu_mqtt::parse_broker_url(broker.url);
+        for (const char* key : {"broker.ca_file", "broker.certificate_file"}) {
+            if (!url.tls && !has_default(key)) {
+                problem(key, "has no effect without TLS: write mqtts:// in broker.url");
             }
         }
-        if (address->tls || address->loopback) {
-            return;
-        }
-        const std::string value = "\"" + broker.url + "\": ";
-        if (!broker.allow_plain_text) {
-            problem("broker.url",
-                    value +
-                        "is neither encrypted nor on this computer: write mqtts://, or "
-                        "set broker.allow_plain_text = true if everybody on the way may read, "
-                        "and change, what is sent");
-        } else if (broker.user.empty() && !broker.allow_anonymous) {
-            problem("broker.url",
-                    value +
-                        "has no user, so anybody can be this bridge: set broker.user and "
-                        "broker.password_file, or broker.allow_anonymous = true");
+        jovu_mqtt::Protection protection;
+        protection.authenticated = !broker.user.empty();
+        protection.allow_plain_text = broker.allow_plain_text;
+        protection.allow_anonymous = broker.allow_anonymous;
+        protection.plain_text_setting = "broker.allow_plain_text = true";
+        protection.anonymous_setting = "broker.allow_anonymous = true";
+        try {
+            jovu_mqtt::check_protection(url, protection);
+        } catch (const jovu_mqtt::Error& error) {
+            problem("broker.url", std::string(error.what()) + ": " + error.hint());
         }
     }
 
@@ -298,6 +297,12 @@ private:
         const auto place = read_.places.find(key);
         const ConfigPlace at = place == read_.places.end() ? ConfigPlace{} : place->second;
         read_.problems.push_back({name_, at.line, at.column, key + ": " + what});
+    }
+
+    /// Whether a key has its default, given or not.
+    bool has_default(const std::string& key) const {
+        const Strings changed = changes(Config{}, read_.config);
+        return std::find(changed.begin(), changed.end(), key) == changed.end();
     }
 
     bool has_problem(const std::string& key) const {
@@ -455,19 +460,6 @@ Strings different_keys(const Config& before, const Config& after, Predicate row_
     return keys;
 }
 
-bool is_loopback(const std::string& host) {
-    in_addr four{};
-    if (inet_pton(AF_INET, host.c_str(), &four) == 1) {
-        constexpr std::uint32_t kLoopbackNet = 127;
-        return ntohl(four.s_addr) >> 24U == kLoopbackNet;
-    }
-    in6_addr six{};
-    if (inet_pton(AF_INET6, host.c_str(), &six) == 1) {
-        return IN6_IS_ADDR_LOOPBACK(&six);
-    }
-    return jovu_cli::lower_case(host) == "localhost";
-}
-
 }  // namespace
 
 std::string to_string(const ConfigProblem& problem) {
@@ -514,62 +506,11 @@ std::vector<std::string> config_keys() {
     return keys;
 }
 
-std::optional<BrokerAddress> parse_broker_url(std::string_view url) {
-    BrokerAddress address;
-    constexpr std::string_view kPlain = "mqtt://";
-    constexpr std::string_view kTls = "mqtts://";
-    address.tls = url.substr(0, kTls.size()) == kTls;
-    if (!address.tls && url.substr(0, kPlain.size()) != kPlain) {
-        return std::nullopt;
-    }
-    url.remove_prefix(address.tls ? kTls.size() : kPlain.size());
-    if (!url.empty() && url.back() == '/') {
-        url.remove_suffix(1);
-    }
-    address.port = address.tls ? kTlsPort : kPlainPort;
-    const bool bracketed = !url.empty() && url.front() == '[';
-    const std::size_t host_end = bracketed ? url.find(']') : url.find(':');
-    std::string_view rest;
-    if (bracketed) {
-        if (host_end == std::string_view::npos) {
-            return std::nullopt;
-        }
-        address.host = url.substr(1, host_end - 1);
-        rest = url.substr(host_end + 1);
-    } else {
-        address.host = url.substr(0, host_end);
-        rest = host_end == std::string_view::npos ? std::string_view() : url.substr(host_end);
-    }
-    if (!rest.empty()) {
-        const std::optional<int> port =
-            rest.front() == ':' ? parse_port(rest.substr(1), 1) : std::nullopt;
-        if (!port) {
-            return std::nullopt;
-        }
-        address.port = *port;
-    }
-    in6_addr six{};
-    const bool good = bracketed ? inet_pton(AF_INET6, address.host.c_str(), &six) == 1
-                                : address.host.find_first_not_of(
-                                      "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ"
-                                      "0123456789.-_") == std::string::npos;
-    constexpr std::size_t kMaxHost = 253;
-    if (!good || address.host.empty() || address.host.size() > kMaxHost) {
-        return std::nullopt;
-    }
-    address.loopback = is_loopback(address.host);
-    return address;
-}
-
-bool matches(const std::string& pattern, const std::string& name) {
-    return ::fnmatch(pattern.c_str(), name.c_str(), 0) == 0;
-}
-
 bool matches_any(const std::vector<std::string>& patterns, const std::string& name) {
     bool found = false;
     for (const std::string& pattern : patterns) {
         const bool takes_away = pattern.rfind('!', 0) == 0;
-        if (matches(takes_away ? pattern.substr(1) : pattern, name)) {
+        if (jovu_mqtt::matches_glob(takes_away ? pattern.substr(1) : pattern, name)) {
             if (takes_away) {
                 return false;
             }

@@ -18,6 +18,8 @@
 #include <system_error>
 
 #include "bridge/config.h"
+#include "mqtt/broker_url.h"
+#include "mqtt/error.h"
 #include "posix/child_process.h"
 #include "posix/files.h"
 
@@ -79,20 +81,6 @@ std::string read_whole(const std::string& path, bool secret) {
             throw std::runtime_error("is larger than 1 MiB");
         }
     }
-}
-
-std::string first_line(const std::string& content) {
-    std::string line = content.substr(0, content.find('\n'));
-    if (!line.empty() && line.back() == '\r') {
-        line.pop_back();
-    }
-    if (line.empty()) {
-        throw std::runtime_error("has an empty first line, where the password is expected");
-    }
-    if (line.find('\0') != std::string::npos) {
-        throw std::runtime_error("has a zero byte in the password");
-    }
-    return line;
 }
 
 Bio bio_of(const std::string& content) {
@@ -198,23 +186,23 @@ std::string read_password(const ReadConfig& read) {
     if (path.empty()) {
         return "";
     }
-    try {
-        return first_line(read_whole(path, true));
-    } catch (const std::runtime_error& error) {
-        throw std::runtime_error("broker.password_file: \"" + path + "\" " + error.what());
-    }
+    return jovu_mqtt::read_password_file(path);
 }
 
 std::vector<ConfigProblem> check_files(const ReadConfig& read) {
     std::vector<ConfigProblem> problems;
+    const auto problem = [&](const std::string& key, const std::string& what) {
+        const auto place = read.places.find(key);
+        const ConfigPlace at = place == read.places.end() ? ConfigPlace{} : place->second;
+        problems.push_back({read.file, at.line, at.column, key + ": " + what});
+    };
     const auto check = [&](const std::string& key, const std::string& path, auto&& work) {
         try {
             work();
+        } catch (const jovu_mqtt::Error& error) {  // Names the file.
+            problem(key, error.what() + (error.hint().empty() ? "" : ": " + error.hint()));
         } catch (const std::runtime_error& error) {
-            const auto place = read.places.find(key);
-            const ConfigPlace at = place == read.places.end() ? ConfigPlace{} : place->second;
-            problems.push_back(
-                {read.file, at.line, at.column, key + ": \"" + path + "\" " + error.what()});
+            problem(key, "\"" + path + "\" " + error.what());
         }
     };
     const auto check_file = [&](const std::string& key, const std::string& value, auto&& work) {
@@ -225,8 +213,7 @@ std::vector<ConfigProblem> check_files(const ReadConfig& read) {
     };
     const Config& config = read.config;
     const Config::Broker& broker = config.broker;
-    check_file("broker.password_file", broker.password_file,
-               [](const std::string& path) { first_line(read_whole(path, true)); });
+    check_file("broker.password_file", broker.password_file, jovu_mqtt::read_password_file);
     check_file("broker.ca_file", broker.ca_file, read_certificate);
     Certificate certificate;
     check_file("broker.certificate_file", broker.certificate_file,
