@@ -196,8 +196,11 @@ int submit_outgoing(libusb_transfer& transfer, const Step& step) {
         result = result == fake_usb::kPartial ? LIBUSB_ERROR_TIMEOUT : 0;
     }
     const auto* const bytes = reinterpret_cast<const char*>(transfer.buffer);
-    bus.sent.push_back(
-        {transfer.endpoint, {bytes, static_cast<std::size_t>(transfer.length)}, transfer.timeout});
+    if (fake_usb::record_sent) {
+        bus.sent.push_back({transfer.endpoint,
+                            {bytes, static_cast<std::size_t>(transfer.length)},
+                            transfer.timeout});
+    }
     const auto status = bus.status_of.find(result);
     if (status == bus.status_of.end()) return result;
     transfer.status = status->second;

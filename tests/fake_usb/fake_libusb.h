@@ -90,6 +90,8 @@ private:
 };
 
 std::vector<Sent> sent();
+/// Whether sent() grows.
+inline std::atomic<bool> record_sent{true};
 
 /// While bulk is held, sends stay in flight.
 void hold_bulk(bool hold);

@@ -46,6 +46,7 @@ public:
     /// Kills it without a farewell to its clients.
     void end();
     void signal(int number) const;
+    pid_t process() const { return pid_; }
 
     const std::string& host() const { return host_; }
     int port() const { return port_; }
