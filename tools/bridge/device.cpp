@@ -21,17 +21,13 @@ constexpr auto kReportLimit = 3s;
 constexpr auto kPollPeriod = 1000ms;
 constexpr int kMostControls = 32;
 
-std::string dump(const Json& object) {
-    return object.dump(-1, ' ', false, Json::error_handler_t::replace);
-}
-
 /// @return a report without what changes all the time.
 std::string without_times(Json object) {
     object.erase("time");
     object.erase("boot_time");
     object.erase("idle_time");
     object["job"].erase("time_elapsed");
-    return dump(object);
+    return payload_of(object);
 }
 
 }  // namespace
@@ -129,10 +125,10 @@ void Device::publish_status(const StatusReport& report) {
         }
     }
     if (!identity.is_null()) {
-        services_.outbox.state(topic("identity"), dump(identity));
+        services_.outbox.state(topic("identity"), payload_of(identity));
     }
     if (publish) {
-        services_.outbox.state(topic("status"), dump(object));
+        services_.outbox.state(topic("status"), payload_of(object));
     }
     note_job(report);
     follow(report);
@@ -265,7 +261,7 @@ void Device::publish_event(const std::string& text, std::chrono::system_clock::t
                         {"time", jovu_cli::utc_string(time)},
                         {"kind", "debug"},
                         {"text", text}};
-    services_.outbox.event(topic("event"), dump(event));
+    services_.outbox.event(topic("event"), payload_of(event));
     services_.metrics.event(name_);
 }
 
