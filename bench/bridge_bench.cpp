@@ -271,6 +271,7 @@ void run(const Options& options) {
 }  // namespace
 
 int main(int argc, char** argv) {
+    std::setvbuf(stdout, nullptr, _IOLBF, 0);
     try {
         CLI::App app(
             "Measures a bridge with many controllers in memory, a broker and subscribers.");

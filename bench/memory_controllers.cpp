@@ -82,7 +82,7 @@ private:
         constexpr std::size_t kClosed = 4;  // Three braces and the end of the frame.
         return test::framed(R"({"transport":{"attrs":["response"],"id":)" +
                             bytes.substr(head.size(), bytes.size() - kClosed - head.size()) +
-                            R"(,"__return__":0}}})");
+                            R"(,"__return__":[49,0]}}})");  // The string "1".
     }
 
     std::string respond_to_job_request(const std::string& bytes) {

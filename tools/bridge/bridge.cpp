@@ -499,9 +499,9 @@ void Bridge::device_unavailable(const JovuDeviceInfo& info) {
 void Bridge::publish_availability(const std::string& name, bool online, const std::string& reason) {
     outbox_.state(topics_.device(name, "availability"),
                   payload_of({{"state", online ? "online" : "offline"},
-                        {"bridge", name_},
-                        {"time", now_string()},
-                        {"reason", reason}}));
+                              {"bridge", name_},
+                              {"time", now_string()},
+                              {"reason", reason}}));
 }
 
 void Bridge::publish_bridge() {

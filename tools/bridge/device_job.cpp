@@ -119,8 +119,7 @@ void Device::publish_job(const JobState& job) {
         published_job_ = essence;
     }
     object["time"] = jovu_cli::utc_string(std::chrono::system_clock::now());
-    services_.outbox.state(topic("job"),
-                           payload_of(object));
+    services_.outbox.state(topic("job"), payload_of(object));
     services_.metrics.job(name_, job.phase, job.percent);
 }
 
@@ -196,7 +195,7 @@ void Device::run_job(const Running& running) {
         const StatusReport before = request_status();
         if (has_job(before)) {
             throw JobRefused{"busy with another job: " + before.state + ", " +
-                          std::to_string(before.progress) + " %; nothing was sent"};
+                             std::to_string(before.progress) + " %; nothing was sent"};
         }
         outcome = send_job(running, request, file.get(), before, cancel);
     } catch (const FetchFailure& failure) {
