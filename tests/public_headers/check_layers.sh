@@ -96,6 +96,10 @@ for folder in tools/jovu/*/; do
             { tsort 2>&1 >/dev/null || true; })"
 done
 
+forbid "the connection to a broker uses its own headers, and a lock and an owner of the program's" \
+    "$(from_outside tools/mqtt tools | grep -vE '"posix/(mutex|files)\.h"' || true)"
+forbid "only tools/mqtt may name mosquitto.h" \
+    "$(grep -rnE '\b(mosquitto|mqtt_protocol)\.h' include src tools | grep -v '^tools/mqtt/' || true)"
 forbid "only src/usb may name libusb.h" \
     "$(grep -rn '\blibusb\.h' include src tools | grep -v '^src/usb/' || true)"
 forbid "only the messages and what is above them may use JSON" "$(includes src/usb src/base | grep '<yajl/' || true)"

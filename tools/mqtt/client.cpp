@@ -133,6 +133,9 @@ std::string error_string(int code, int error_number) {
     if (code >= kFirstErrorReason) {
         return mosquitto_reason_string(code);
     }
+    if (code == MOSQ_ERR_KEEPALIVE) {  // The library has no text for it.
+        return "the broker no longer responds";
+    }
     if (code == MOSQ_ERR_ERRNO) {
         return std::system_category().message(error_number);
     }
@@ -503,6 +506,9 @@ Disconnection Client::Core::connect_and_serve() {
     if (result.reason.empty()) {
         result.reason = serve(connect_deadline);
     }
+    if (!logged_error_.empty()) {  // Why TLS has failed is only logged.
+        result.reason += " (" + logged_error_ + ")";
+    }
     result.refused = refused_;
     result.was_connected = connected_;
     if (!transport_connected_) {
@@ -780,9 +786,6 @@ void Client::Core::on_disconnect(mosquitto* /*handle*/, void* core, int code,
     note(core, [code, error_number](Core& self) {
         if (self.lost_reason_.empty()) {
             self.lost_reason_ = error_string(code, error_number);
-            if (code == MOSQ_ERR_TLS && !self.logged_error_.empty()) {
-                self.lost_reason_ += " (" + self.logged_error_ + ")";
-            }
         }
     });
 }
