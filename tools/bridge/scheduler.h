@@ -50,7 +50,11 @@ public:
     }
 
     /// Removes a function. Waits for a call of it in progress, except on the scheduler's thread.
+    /// @param id 0, which after() and every() never return, has no effect.
     void remove(Id id) {
+        if (id == 0) {
+            return;
+        }
         std::unique_lock<jovu_cli::Mutex> lock(mutex_);
         for (auto entry = entries_.begin(); entry != entries_.end();) {
             entry = entry->second.id == id ? entries_.erase(entry) : std::next(entry);
