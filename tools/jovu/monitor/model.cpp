@@ -176,6 +176,13 @@ void MonitorModel::take(const MonitorOutcome& outcome, Time now) {
         now);
 }
 
+void MonitorModel::describe(JovuDeviceAddress address, const Description& description) {
+    if (Controller* const controller = find(address)) {
+        controller->serial = description.serial;
+        controller->description = description;
+    }
+}
+
 void MonitorModel::restart(Time now) {
     connects_.clear();
     for (Controller& controller : controllers_) {
