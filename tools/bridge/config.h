@@ -7,7 +7,6 @@
 #include <chrono>
 #include <cstdint>
 #include <map>
-#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -134,24 +133,10 @@ std::string resolve_file(const std::string& config_file, const std::string& valu
 
 /// Reads the password: the first line of its file.
 /// @return empty when no file is configured.
-/// @throws std::runtime_error that names the file and the reason.
+/// @throws jovu_mqtt::Error that names the file and the reason.
 std::string read_password(const ReadConfig& read);
 
-/// Host, port and scheme of a broker's URL.
-struct BrokerAddress {
-    std::string host;
-    int port = 0;
-    bool tls = false;
-    bool loopback = false;  ///< The host is this computer.
-};
-
-/// @return nothing unless it is mqtt://HOST[:PORT] or mqtts://HOST[:PORT].
-std::optional<BrokerAddress> parse_broker_url(std::string_view url);
-
-/// Whether a name matches a pattern with '*' (any characters), '?' (any one) and '[...]'.
-bool matches(const std::string& pattern, const std::string& name);
-
-/// Whether one of the patterns matches, and none that begins with '!' does.
+/// Whether a pattern matches, as jovu_mqtt::matches_glob() does, and none that begins with '!'.
 bool matches_any(const std::vector<std::string>& patterns, const std::string& name);
 
 }  // namespace jovu_bridge

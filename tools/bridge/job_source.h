@@ -4,7 +4,6 @@
 /// Fetches the file of a job by https, or from a permitted folder, and verifies it.
 #pragma once
 
-#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <cstdio>
@@ -13,8 +12,6 @@
 #include <stdexcept>
 #include <string>
 #include <vector>
-
-#include "posix/files.h"
 
 namespace jovu_bridge {
 
@@ -33,7 +30,6 @@ struct JobLimits {
     std::uint64_t keep_free = 0;       ///< Bytes that stay free on the file system.
     std::chrono::milliseconds connect_timeout{30000};
     std::chrono::milliseconds stall_timeout{60000};  ///< Below 1 KiB/s for so long.
-    unsigned port = 0;  ///< 0: any. Otherwise the only port of https that may be used.
 };
 
 /// Why a job's file was not fetched. The text names the URL without its query, and the reason.
@@ -54,26 +50,34 @@ struct CloseFile {
 };
 using File = std::unique_ptr<std::FILE, CloseFile>;
 
+/// A path under which this process can open the file as well, as long as it is open.
+std::string path_of(const File& file);
+
+/// @return the URL without user, password, query and fragment, for logs and topics; "the URL" if it
+///     cannot be read.
+std::string shown_url(const std::string& url);
+
 /// Checks a reference without fetching: its parts, the scheme, the size.
 /// @throws FetchFailure invalid_request, not_allowed or too_large.
 void check_reference(const JobReference& job, const JobLimits& limits);
 
 /// Fetches jobs to disk. The files have no name there, so that no other program can change them,
-/// and no file is left over however the process ends.
+/// and the system removes them however the process ends.
 ///
 /// Threads: any; fetches may overlap.
 class JobSource {
 public:
-    /// Creates the folder, with access for its owner only.
+    /// Creates the folder, with access for its owner only, and removes what an earlier process
+    /// left.
     /// @throws std::runtime_error when it cannot be used.
     explicit JobSource(std::string folder);
 
-    /// How many bytes have arrived. Must not throw. @return false to end the fetch.
+    /// How many bytes have arrived. @return false to end the fetch.
     using Progress = std::function<bool(std::uint64_t received)>;
 
     /// Fetches a file, checks size and SHA-256 while it arrives, and returns it open, at its start.
     /// Blocks until then; every phase has a time limit.
-    /// @param progress called at least once a second; may be empty.
+    /// @param progress called at least once a second; may be empty. What it throws is passed on.
     /// @throws FetchFailure
     File fetch(const JobReference& job, const JobLimits& limits, const Progress& progress) const;
 

@@ -14,6 +14,7 @@
 #include "cli/failure.h"
 #include "cli/suggestions.h"
 #include "posix/files.h"
+#include "terminal/format.h"
 
 namespace jovu_cli {
 namespace {
