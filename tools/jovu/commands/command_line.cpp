@@ -83,7 +83,7 @@ void add_fleet_options(CLI::App& app, FleetOptions& fleet) {
     };
     add("--fleet", fleet.url, "BROKER-URL",
         "Use the devices behind this broker, mqtts://HOST[:PORT][/PREFIX]");
-    add("--fleet-user", fleet.user, "NAME", "User name for the broker");
+    add("--fleet-user", fleet.user, "USER", "User name for the broker");
     add("--fleet-password-file", fleet.password_file, "FILE", "File with the user's password");
     add("--fleet-ca", fleet.ca_file, "FILE", "Trust these certificates, not the system's");
     add("--fleet-cert", fleet.certificate_file, "FILE", "Certificate of this client");

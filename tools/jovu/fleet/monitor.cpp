@@ -51,8 +51,8 @@ public:
     void run() {
         while (!model_.has_quit()) {
             const Clock::time_point now = Clock::now();
+            take_availability(now);  // First: the model takes reports of known devices only.
             take_messages(now);
-            take_availability(now);
             serve(now);
             while (const std::optional<MonitorKey> key = screen_->read_key()) {
                 model_.press(*key, now);
@@ -111,6 +111,7 @@ private:
             if (topic->leaf == "status") {
                 device.report = read_status_json(parse_payload(message->payload));
                 device.reported = now;
+                add(model_, device, *device.report, now);
             } else if (topic->leaf == "event") {
                 add(model_, device,
                     DebugMessage(string_member(parse_payload(message->payload), "text")), now);

@@ -110,6 +110,9 @@ std::string TemperatureHistory::curve(std::size_t count, Time now) const {
 }
 
 std::string monitor_name(const MonitorModel::Controller& controller) {
+    if (controller.description) {
+        return controller.description->serial + " at " + controller.description->place;
+    }
     const bool has_serial = controller.serial && !controller.serial->empty();
     return to_string(controller.address) + " (" +
            (has_serial ? *controller.serial : "serial number unknown") + ")";
