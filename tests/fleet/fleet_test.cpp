@@ -156,6 +156,22 @@ TEST(Fleet, ChoosesDevicesAndCountsThoseThatFail) {
     unsetenv("JOVU_FLEET");
 }
 
+TEST(Fleet, FindsTheDevicesWithoutPermissionToPublish) {
+    const TemporaryFolder folder;
+    const Broker broker("allow_anonymous true\nacl_file " +
+                        folder.write("acl",
+                                     "topic readwrite jovu/devices/#\n"
+                                     "topic readwrite jovu/bridges/#\n"
+                                     "topic read jovu/responses/#\n") +
+                        "\n");
+    StandIn bridge(broker, [](const StandIn::Request&) { return std::vector<json>(); });
+    for (int number = 0; number < 100; ++number)
+        bridge.add_device(std::to_string(number));
+    const Ended ended = jovu(on(broker, "list"));
+    EXPECT_THAT(ended, Exits(0, "99  version 9"));
+    EXPECT_EQ(std::count(ended.out.begin(), ended.out.end(), '\n'), 100);
+}
+
 TEST(Fleet, RepeatsARequestUntilItsOutcomeArrives) {
     Broker broker;
     std::atomic<int> silent{1};

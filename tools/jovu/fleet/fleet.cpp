@@ -158,10 +158,10 @@ void Fleet::discover(Clock::time_point deadline) {
             return;
         }
         if (token && refusals_.erase(*token) > 0) {
-            quiet_end = Clock::now();
+            quiet_end = Clock::now() + kQuietTime;
         }
-        if (quiet_end) {
-            quiet_end = message ? Clock::now() + kQuietTime : std::max(*quiet_end, Clock::now());
+        if (quiet_end && message) {
+            quiet_end = Clock::now() + kQuietTime;
         }
         if (quiet_end && !message && Clock::now() >= *quiet_end) {
             return;
