@@ -83,7 +83,7 @@ done < <(find sim -name '*.cpp' -printf '%h\n' | sort -u)
 # What the program may use of the library's sources: the table of commands and the lists of members.
 library_door='"commands/(catalogue|structures|type_names)\.h"'
 # The folders of the program, lowest first: a folder includes itself and those before it.
-program_folders=' cli posix terminal firmware session progress trace update shell monitor commands '
+program_folders=' cli posix terminal firmware session progress trace update shell monitor fleet commands '
 for folder in tools/jovu/*/; do
     name=$(basename "$folder")
     [[ $program_folders == *" $name "* ]] || { forbid "a folder that is not in the list" "$folder"; continue; }
