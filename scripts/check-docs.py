@@ -103,7 +103,7 @@ def check_messages():
     used = set()
     count = 0
     known = []
-    files = sorted(p for folder in ("include", "src", "tools/jovu") for p in (TOP / folder).rglob("*")
+    files = sorted(p for folder in ("include", "src", "tools/bridge", "tools/jovu", "tools/mqtt") for p in (TOP / folder).rglob("*")
                    if p.suffix in (".h", ".cpp"))
     for path in files:
         name = str(path.relative_to(TOP))
