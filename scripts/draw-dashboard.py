@@ -89,8 +89,10 @@ def draw_series(axes, panel, options):
     axes.tick_params(labelsize=7)
     axes.grid(alpha=0.25)
     if states:
-        axes.set_yticks(range(len(names)), names, fontsize=6)
+        axes.set_yticks([])
         axes.margins(y=0.2)
+        for row, name in enumerate(names):
+            axes.text(0.01, row + 0.15, name, fontsize=6, transform=axes.get_yaxis_transform())
     elif count:
         axes.set_ylim(bottom=0, top=defaults.get("max"))
         axes.legend(fontsize=6, loc="upper left", framealpha=0.6)
