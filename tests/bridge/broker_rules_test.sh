@@ -70,7 +70,8 @@ no  operator jovu/responses/viewer
 no  viewer jovu/devices/A1/request/gcode
 no  viewer jovu/devices/A1/request/status
 no  viewer jovu/devices/A1/status
-no  viewer jovu/responses/viewer
+no  viewer jovu/responses/operator
+yes viewer jovu/responses/viewer
 END
 
 # Who reads what: user, topic, publisher.

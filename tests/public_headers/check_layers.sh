@@ -83,7 +83,7 @@ done < <(find sim -name '*.cpp' -printf '%h\n' | sort -u)
 # What the program may use of the library's sources: the table of commands and the lists of members.
 library_door='"commands/(catalogue|structures|type_names)\.h"'
 # The folders of the program, lowest first: a folder includes itself and those before it.
-program_folders=' cli posix terminal firmware session progress trace update shell monitor commands '
+program_folders=' cli posix terminal firmware session progress trace update shell monitor fleet commands '
 for folder in tools/jovu/*/; do
     name=$(basename "$folder")
     [[ $program_folders == *" $name "* ]] || { forbid "a folder that is not in the list" "$folder"; continue; }
@@ -100,6 +100,7 @@ forbid "the connection to a broker uses its own headers, and a lock and an owner
     "$(from_outside tools/mqtt tools | grep -vE '"posix/(mutex|files)\.h"' || true)"
 forbid "only tools/mqtt may name mosquitto.h" \
     "$(grep -rnE '\b(mosquitto|mqtt_protocol)\.h' include src tools | grep -v '^tools/mqtt/' || true)"
+module tools bridge 'jovu bridge mqtt cli posix terminal firmware'
 forbid "only src/usb may name libusb.h" \
     "$(grep -rn '\blibusb\.h' include src tools | grep -v '^src/usb/' || true)"
 forbid "only the messages and what is above them may use JSON" "$(includes src/usb src/base | grep '<yajl/' || true)"

@@ -425,6 +425,7 @@ void Bridge::add(JovuDeviceAddress address, const std::string& name, const std::
         jovu_mqtt::Subscription requests;
         requests.filter = topics_.all_requests(name);
         requests.receive_stored = false;
+        requests.retain_as_published = true;  // So that such a request is refused.
         client_->subscribe(requests);
         jovu_mqtt::Subscription availability;
         availability.filter = topics_.device(name, "availability");

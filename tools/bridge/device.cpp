@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <nlohmann/json.hpp>
+#include <thread>
 
 #include "jovu/response_timeout.h"
 #include "terminal/format.h"
@@ -20,6 +21,9 @@ constexpr auto kReportLimit = 3s;
 /// The longest time between two status reports that are asked for, so that changes show.
 constexpr auto kPollPeriod = 1000ms;
 constexpr int kMostControls = 32;
+/// How long a disconnection may take to show.
+constexpr auto kLeaveLimit = 400ms;
+constexpr auto kLeavePoll = 20ms;
 
 /// @return a report without what changes all the time.
 std::string without_times(Json object) {
@@ -236,14 +240,16 @@ Device::Exchange Device::exchange(const std::function<Json()>& call) {
     return made;
 }
 
-std::string Device::code_of(JovuError code) const {
-    // A device that was unplugged in an exchange gives no response.
-    if (code == JovuError::no_response || code == JovuError::transfer_failed ||
-        code == JovuError::closed) {
+std::string Device::code_of(JovuError code) {
+    const bool may_be_gone = code == JovuError::no_response || code == JovuError::closed ||
+                             code == JovuError::transfer_failed;
+    // An exchange fails a moment before its device counts as disconnected.
+    for (auto waited = 0ms; may_be_gone && waited < kLeaveLimit; waited += kLeavePoll) {
         const auto connected = client().list_connected();
         if (gone_ || std::find(connected.begin(), connected.end(), address_) == connected.end()) {
             return jovu_error_name(JovuError::disconnected);
         }
+        std::this_thread::sleep_for(kLeavePoll);
     }
     return jovu_error_name(code);
 }

@@ -151,7 +151,10 @@ void check_protection(const BrokerUrl& url, const Protection& protection) {
     if (!protection.authenticated && !protection.allow_anonymous) {
         throw Error(
             "the connection to " + to_string(url) + " would be neither encrypted nor authenticated",
-            "give a user and a password file, or permit it by " + protection.anonymous_setting);
+            "give a user and a password file" +
+                (protection.anonymous_setting.empty()
+                     ? ""
+                     : ", or permit it by " + protection.anonymous_setting));
     }
 }
 

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "firmware/status_report.h"
 
+#include <algorithm>
+#include <limits>
 #include <nlohmann/json.hpp>
 #include <string_view>
 
@@ -70,6 +72,45 @@ Json status_json(const StatusReport& report) {
             {"boot_time", report.boot_time},
             {"idle_time", report.idle_time},
             {"error", report.error}};
+}
+
+StatusReport read_status_json(const Json& json) {
+    static const Json kNothing;
+    const auto member = [](const Json& object, const char* key) -> const Json& {
+        const auto found = object.is_object() ? object.find(key) : object.end();
+        return found == object.end() ? kNothing : *found;
+    };
+    const auto string = [&](const Json& object, const char* key) {
+        const Json& value = member(object, key);
+        return value.is_string() ? value.get<std::string>() : std::string();
+    };
+    const auto number = [&](const Json& object, const char* key) {
+        const Json& value = member(object, key);
+        const double read = value.is_number() ? value.get<double>() : 0;
+        constexpr double kLimit = std::numeric_limits<std::int32_t>::max();
+        return static_cast<std::int32_t>(std::clamp(read, -kLimit, kLimit));
+    };
+    const Json& printer = member(json, "printer");
+    const Json& job = member(json, "job");
+    const Json& temperature = member(json, "extruder_temperature");
+    StatusReport report;
+    report.printer.model_name = string(printer, "model_name");
+    report.printer.cpu_id = string(printer, "cpu_id");
+    report.printer.firmware_name = string(printer, "firmware_name");
+    report.printer.firmware_version = string(printer, "firmware_version");
+    report.printer.accept_version = number(printer, "accept_version");
+    report.state = string(json, "state");
+    report.build_plate = string(json, "build_plate");
+    report.filament = string(json, "filament");
+    report.extruder_temperature = temperature.is_number() ? temperature.get<double>() : 0;
+    report.job_id = string(job, "id");
+    report.file = string(job, "file");
+    report.progress = number(job, "progress");
+    report.time_elapsed = number(job, "time_elapsed");
+    report.boot_time = number(json, "boot_time");
+    report.idle_time = number(json, "idle_time");
+    report.error = number(json, "error");
+    return report;
 }
 
 Json trace_json(const servo_trace_msg& sample) {

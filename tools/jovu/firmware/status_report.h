@@ -41,6 +41,10 @@ std::string describe_error(const StatusReport& report);
 /// @return the report as JSON, without a member for the device.
 Json status_json(const StatusReport& report);
 
+/// Reads a report that another program has written as status_json(). Members that are missing or of
+/// the wrong kind are empty.
+StatusReport read_status_json(const Json& json);
+
 /// @return the machine's identity in a report as JSON.
 Json identity_json(const StatusReport& report);
 

@@ -67,8 +67,12 @@ std::vector<std::string> identity_block(const StatusReport& report) {
 }
 
 std::vector<std::string> report_block(JovuDeviceAddress address, const StatusReport& report) {
+    return report_block(device_name(address), report);
+}
+
+std::vector<std::string> report_block(const std::string& device, const StatusReport& report) {
     return {
-        labelled("Device", device_name(address)),
+        labelled("Device", device),
         labelled("Model", shown(report.printer.model_name)),
         labelled("Firmware", shown(report.printer.firmware_name) + " " +
                                  shown(report.printer.firmware_version)),
@@ -86,7 +90,11 @@ std::vector<std::string> report_block(JovuDeviceAddress address, const StatusRep
 }
 
 std::string report_line(JovuDeviceAddress address, const StatusReport& report) {
-    std::string line = device_name(address) + "  " + shown(report.state) + "  " +
+    return device_name(address) + "  " + report_line(report);
+}
+
+std::string report_line(const StatusReport& report) {
+    std::string line = shown(report.state) + "  " +
                        temperature_string(report.extruder_temperature) + "  " +
                        std::to_string(report.progress) + " %  " +
                        duration_string(report.time_elapsed) + "  job " + job_string(report);

@@ -20,8 +20,14 @@ Json to_json(JovuDeviceAddress address, const StatusReport& report);
 /// @return the report as a block of labelled() lines.
 std::vector<std::string> report_block(JovuDeviceAddress address, const StatusReport& report);
 
+/// @param device for the first line.
+std::vector<std::string> report_block(const std::string& device, const StatusReport& report);
+
 /// @return the machine's identity in a report as labelled() lines.
 std::vector<std::string> identity_block(const StatusReport& report);
+
+/// @return the report on one line, without the device.
+std::string report_line(const StatusReport& report);
 
 /// @return the report on one line.
 std::string report_line(JovuDeviceAddress address, const StatusReport& report);
