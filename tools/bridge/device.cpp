@@ -25,17 +25,13 @@ constexpr int kMostControls = 32;
 constexpr auto kLeaveLimit = 400ms;
 constexpr auto kLeavePoll = 20ms;
 
-std::string dump(const Json& object) {
-    return object.dump(-1, ' ', false, Json::error_handler_t::replace);
-}
-
 /// @return a report without what changes all the time.
 std::string without_times(Json object) {
     object.erase("time");
     object.erase("boot_time");
     object.erase("idle_time");
     object["job"].erase("time_elapsed");
-    return dump(object);
+    return to_payload(object);
 }
 
 }  // namespace
@@ -133,10 +129,10 @@ void Device::publish_status(const StatusReport& report) {
         }
     }
     if (!identity.is_null()) {
-        services_.outbox.state(topic("identity"), dump(identity));
+        services_.outbox.state(topic("identity"), to_payload(identity));
     }
     if (publish) {
-        services_.outbox.state(topic("status"), dump(object));
+        services_.outbox.state(topic("status"), to_payload(object));
     }
     note_job(report);
     follow(report);
@@ -271,7 +267,7 @@ void Device::publish_event(const std::string& text, std::chrono::system_clock::t
                         {"time", jovu_cli::utc_string(time)},
                         {"kind", "debug"},
                         {"text", text}};
-    services_.outbox.event(topic("event"), dump(event));
+    services_.outbox.event(topic("event"), to_payload(event));
     services_.metrics.event(name_);
 }
 
