@@ -3,13 +3,13 @@
 
 #include <libusb.h>
 
-#include <algorithm>
 #include <array>
 #include <atomic>
 #include <deque>
 #include <memory>
 #include <mutex>
 #include <string_view>
+#include <unordered_map>
 #include <vector>
 
 #include "fake_usb/fake_libusb.h"
@@ -49,27 +49,21 @@ public:
     std::size_t send(std::size_t channel, const std::string& bytes) {
         {
             const std::lock_guard lock(mutex_);
-            for (std::size_t at = 0; at < bytes.size(); at += kPacket, ++waiting_)
+            for (std::size_t at = 0; at < bytes.size(); at += kPacket)
                 packets_[channel].push_back(bytes.substr(at, kPacket));
         }
-        pump();
+        pump(channel);
         const std::lock_guard lock(mutex_);
         return packets_[channel].size();
     }
 
-    /// Sends what waits, as far as the host receives.
-    void pump() {
-        if (waiting_ == 0) return;
+    /// Sends the next packet, if the host receives.
+    void pump(std::size_t channel) {
         const std::lock_guard lock(mutex_);
-        for (std::size_t channel = 0; channel < kReceive.size(); ++channel) {
-            auto& packets = packets_[channel];
-            while (!packets.empty() && fake_usb::in_flight(device_, kReceive[channel])) {
-                fake_usb::post(device_, kReceive[channel], LIBUSB_TRANSFER_COMPLETED,
-                               packets.front());
-                packets.pop_front();
-                --waiting_;
-            }
-        }
+        auto& packets = packets_[channel];
+        if (packets.empty()) return;
+        if (fake_usb::post(device_, kReceive[channel], LIBUSB_TRANSFER_COMPLETED, packets.front()))
+            packets.pop_front();
     }
 
 private:
@@ -100,11 +94,15 @@ private:
     libusb_device* const device_;
     std::mutex mutex_;
     std::array<std::deque<std::string>, 2> packets_;
-    std::atomic<std::size_t> waiting_{0};  ///< Packets.
     std::uint64_t reports_ = 0;
 };
 
 std::vector<std::unique_ptr<Controller>> controllers;
+std::unordered_map<libusb_device*, Controller*> by_device;  // Changes before the bus is used only.
+
+std::size_t channel_of(const std::array<unsigned, 2>& endpoints, unsigned endpoint) {
+    return endpoint == endpoints[0] ? 0 : 1;
+}
 
 }  // namespace
 
@@ -114,22 +112,16 @@ void plug_controllers(std::size_t count) {
         const auto place = static_cast<std::uint8_t>(1 + i % kPerBus);
         controllers.push_back(std::make_unique<Controller>(
             fake_usb::plug(bus, static_cast<std::uint8_t>(place + 1), 0x0002, 0x7A1C, place)));
+        by_device[controllers.back()->device()] = controllers.back().get();
     }
     fake_usb::endless_event_waits = true;
     fake_usb::record_sent = false;
     fake_usb::set_hook({[](fake_usb::Call) { return 0; },
-                        [] {
-                            for (const auto& controller : controllers)
-                                controller->pump();
+                        [](libusb_device* device, unsigned endpoint) {
+                            by_device.at(device)->pump(channel_of(kReceive, endpoint));
                         },
                         [](libusb_device* device, unsigned endpoint, const std::string& bytes) {
-                            const auto found = std::find_if(
-                                controllers.begin(), controllers.end(),
-                                [device](const auto& it) { return it->device() == device; });
-                            const auto channel = static_cast<std::size_t>(
-                                std::find(kSend.begin(), kSend.end(), endpoint) - kSend.begin());
-                            if (found != controllers.end() && channel < kSend.size())
-                                (*found)->take(channel, bytes);
+                            by_device.at(device)->take(channel_of(kSend, endpoint), bytes);
                         }});
 }
 

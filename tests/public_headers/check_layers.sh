@@ -104,9 +104,9 @@ module tools bridge 'jovu bridge mqtt cli posix terminal firmware'
 forbid "only src/usb may name libusb.h" \
     "$(grep -rn '\blibusb\.h' include src tools | grep -v '^src/usb/' || true)"
 forbid "only the messages and what is above them may use JSON" "$(includes src/usb src/base | grep '<yajl/' || true)"
-forbid "the program stands on the public headers and the table of commands alone" \
+forbid "the program stands on the public headers, the table of commands and the connection to a broker" \
     "$(from_outside tools/jovu tools/jovu include |
-        grep -vE "$library_door" || true
+        grep -vE "$library_door|^tools/jovu/fleet/[^:]*:[0-9]*:#include \"mqtt/" || true
        includes tools | grep -E '<(libusb|yajl)' || true)"
 forbid "the simulated controller shares nothing with the library" \
     "$(from_outside sim sim; includes sim | grep -E '<(jovu/|libusb|yajl)' || true)"

@@ -499,7 +499,7 @@ void Bridge::device_unavailable(const JovuDeviceInfo& info) {
 
 void Bridge::publish_availability(const std::string& name, bool online, const std::string& reason) {
     outbox_.state(topics_.device(name, "availability"),
-                  payload_of({{"state", online ? "online" : "offline"},
+                  to_payload({{"state", online ? "online" : "offline"},
                               {"bridge", name_},
                               {"time", now_string()},
                               {"reason", reason}}));
@@ -514,7 +514,7 @@ void Bridge::publish_bridge() {
                    {"devices", devices().size()},
                    {"lost", lost},
                    {"time", now_string()}};
-    outbox_.state(topics_.bridge(name_), payload_of(object));
+    outbox_.state(topics_.bridge(name_), to_payload(object));
 }
 
 void Bridge::keep_house() {

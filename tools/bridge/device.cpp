@@ -31,7 +31,7 @@ std::string without_times(Json object) {
     object.erase("boot_time");
     object.erase("idle_time");
     object["job"].erase("time_elapsed");
-    return payload_of(object);
+    return to_payload(object);
 }
 
 }  // namespace
@@ -129,10 +129,10 @@ void Device::publish_status(const StatusReport& report) {
         }
     }
     if (!identity.is_null()) {
-        services_.outbox.state(topic("identity"), payload_of(identity));
+        services_.outbox.state(topic("identity"), to_payload(identity));
     }
     if (publish) {
-        services_.outbox.state(topic("status"), payload_of(object));
+        services_.outbox.state(topic("status"), to_payload(object));
     }
     note_job(report);
     follow(report);
@@ -267,7 +267,7 @@ void Device::publish_event(const std::string& text, std::chrono::system_clock::t
                         {"time", jovu_cli::utc_string(time)},
                         {"kind", "debug"},
                         {"text", text}};
-    services_.outbox.event(topic("event"), payload_of(event));
+    services_.outbox.event(topic("event"), to_payload(event));
     services_.metrics.event(name_);
 }
 

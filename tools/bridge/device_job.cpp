@@ -109,7 +109,7 @@ Json Device::job_json(const JobState& job) const {
 
 void Device::publish_job(const JobState& job) {
     Json object = job_json(job);
-    const std::string essence = payload_of(object);
+    const std::string essence = to_payload(object);
     {
         const MutexLock lock(mutex_);
         job_ = job;
@@ -119,7 +119,7 @@ void Device::publish_job(const JobState& job) {
         published_job_ = essence;
     }
     object["time"] = jovu_cli::utc_string(std::chrono::system_clock::now());
-    services_.outbox.state(topic("job"), payload_of(object));
+    services_.outbox.state(topic("job"), to_payload(object));
     services_.metrics.job(name_, job.phase, job.percent);
 }
 

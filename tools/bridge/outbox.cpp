@@ -8,10 +8,6 @@
 
 namespace jovu_bridge {
 
-std::string payload_of(const jovu_cli::Json& object) {
-    return object.dump(-1, ' ', false, jovu_cli::Json::error_handler_t::replace);
-}
-
 using jovu_cli::MutexLock;
 
 Outbox::Outbox(const Limits& limits, Send send, Metrics& metrics)

@@ -20,9 +20,6 @@
 
 namespace jovu_bridge {
 
-/// @return a message's payload: JSON on one line. Bytes that are not UTF-8 become U+FFFD.
-std::string payload_of(const jovu_cli::Json& object);
-
 /// A bounded queue towards the broker. Of a retained topic it keeps the newest value; when there
 /// are too many events, or too many responses, it drops the oldest, counts them and tells how many.
 ///

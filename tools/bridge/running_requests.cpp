@@ -20,6 +20,10 @@ bool same(const ReplyTo& a, const ReplyTo& b) {
 
 }  // namespace
 
+std::string to_payload(const Json& object) {
+    return object.dump(-1, ' ', false, Json::error_handler_t::replace);
+}
+
 Json RunningRequests::envelope(const std::string& device, const std::string& operation,
                                const std::string& id, const char* state) {
     return {{"id", id.empty() ? Json() : Json(id)},
@@ -117,7 +121,7 @@ void RunningRequests::respond_from_journal(const Request& request, const Journal
             "unknown, and it is not carried out again");
     }
     response["repeated"] = true;
-    outbox_.respond(request.reply, payload_of(response), true);
+    outbox_.respond(request.reply, to_payload(response), true);
 }
 
 void RunningRequests::refuse(const Refusal& refusal) {
@@ -127,7 +131,7 @@ void RunningRequests::refuse(const Refusal& refusal) {
               ", " + refusal.message);
     Json response = envelope(refusal.device, refusal.operation, refusal.id, "failed");
     response["error"] = error_json(refusal.code, refusal.message);
-    outbox_.respond(refusal.reply, payload_of(response), true);
+    outbox_.respond(refusal.reply, to_payload(response), true);
 }
 
 void RunningRequests::begin(RunningRequest& running) {
@@ -149,7 +153,7 @@ std::vector<ReplyTo> RunningRequests::replies(const RunningRequest& running) con
 void RunningRequests::accepted(const RunningRequest& running) {
     const Request& request = running.request;
     const std::string response =
-        payload_of(envelope(request.device, request.operation, request.id, "accepted"));
+        to_payload(envelope(request.device, request.operation, request.id, "accepted"));
     for (const ReplyTo& reply : replies(running)) {
         outbox_.respond(reply, response, false);
     }
@@ -159,7 +163,7 @@ void RunningRequests::progress(const RunningRequest& running, const Json& progre
     const Request& request = running.request;
     Json response = envelope(request.device, request.operation, request.id, "progress");
     response["progress"] = progress;
-    const std::string text = payload_of(response);
+    const std::string text = to_payload(response);
     for (const ReplyTo& reply : replies(running)) {
         outbox_.respond(reply, text, false);
     }
@@ -176,7 +180,7 @@ void RunningRequests::finish(RunningRequest& running, const Outcome& outcome) {
     if (failed) {
         response["error"] = error_json(outcome.code, outcome.message);
     }
-    const std::string text = payload_of(response);
+    const std::string text = to_payload(response);
     if (running.journalled) {
         try {
             journal_.finish(request.device, request.id, text);
@@ -193,7 +197,7 @@ void RunningRequests::finish(RunningRequest& running, const Outcome& outcome) {
         if (repeated) {
             response["repeated"] = true;
         }
-        outbox_.respond(reply, repeated ? payload_of(response) : text, true);
+        outbox_.respond(reply, repeated ? to_payload(response) : text, true);
         repeated = true;
     }
 }

@@ -21,7 +21,9 @@ constexpr const char* kNotes =
     "object per line. Errors and diagnostics go to standard error.\n"
     "With several devices attached, -d, -s or --port chooses one; without them JOVU_DEVICE does, "
     "if\n"
-    "it is set: an address, a port or a serial number. The others are left to other programs.\n";
+    "it is set: an address, a port or a serial number. The others are left to other programs.\n"
+    "With --fleet, or its URL in JOVU_FLEET, the devices are those of a message broker. There -s\n"
+    "takes patterns such as 'JV*' and may be repeated; each device has its own line of results.\n";
 
 constexpr const char* kCommonOptionsNote =
     "Options of every command, such as -d and --json: see jovu --help.";
@@ -48,8 +50,7 @@ void add_common_options(CLI::App& app, CommonOptions& options) {
                    options.serial = values.front();
                    options.serials = values;
                },
-               "Use the device with this serial number; with --fleet also a pattern such as "
-               "'JV*', and repeatedly")
+               "Use the device with this serial number; with --fleet also a pattern")
             ->type_name("SERIAL")
             ->allow_extra_args(false)
             ->excludes(device);

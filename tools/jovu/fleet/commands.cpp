@@ -103,19 +103,19 @@ void show_fleet_status(const FleetContext& context,
     };
     if (!interval) {
         const bool block = reporter.serials().size() == 1 && !context.out.json();
-        request_all(
-            context, fleet, reporter, "status", Json::object(), [&](const FleetResponse& response) {
-                if (!block) {
-                    print(response.serial, response.member("result"));
-                    return;
-                }
-                const std::string name = "serial " + printable(response.serial) + " at bridge " +
-                                         fleet.device(response.serial).bridge;
-                for (const std::string& line :
-                     report_block(name, read_status_json(response.member("result")))) {
-                    context.out.line(line);
-                }
-            });
+        request_all(context, fleet, reporter, "status", Json::object(),
+                    [&](const FleetResponse& response) {
+                        if (!block) {
+                            print(response.serial, response.member("result"));
+                            return;
+                        }
+                        const std::string name = "serial " + printable(response.serial) +
+                                                 ", bridge " + fleet.device(response.serial).bridge;
+                        for (const std::string& line :
+                             report_block(name, read_status_json(response.member("result")))) {
+                            context.out.line(line);
+                        }
+                    });
         return;
     }
     fleet.subscribe("status", 0, true);
