@@ -51,7 +51,7 @@ double cpu_seconds(const rusage& usage) {
 /// Processor time of another process.
 double cpu_seconds(pid_t process) {
     std::ifstream stat("/proc/" + std::to_string(process) + "/stat");
-    std::string word;
+    std::string word;  // The name in brackets, mosquitto, is one word.
     double ticks = 0;
     for (int field = 1; stat >> word; ++field) {
         if (field == 14 || field == 15) ticks += std::stod(word);
