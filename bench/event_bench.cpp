@@ -80,7 +80,8 @@ void measure(bench::Turn& turn, bench::Name name, std::size_t events) {
     libusb_device* const read = fake_usb::plug(kRead.bus, kRead.address);
     libusb_device* const dropped = fake_usb::plug(kDropped.bus, kDropped.address);
     fake_usb::endless_event_waits = true;
-    fake_usb::set_hook({[](fake_usb::Call) { return 0; }, [] { source.send(); }, nullptr});
+    fake_usb::set_hook({[](fake_usb::Call) { return 0; },
+                        [](libusb_device*, unsigned) { source.send(); }, nullptr});
     source.packets = packets_of(events);
     const auto program = bench::start(name, {kRead});
     program->wait_opened(1);

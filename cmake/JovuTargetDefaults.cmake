@@ -12,7 +12,9 @@ function(jovu_target_defaults target)
   target_compile_options(${target} PRIVATE
     -Wall -Wextra -Wpedantic -Wconversion -Wshadow
     $<$<BOOL:${JOVU_WERROR}>:-Werror>
-    $<$<CXX_COMPILER_ID:Clang>:-Wthread-safety>)
+    $<$<CXX_COMPILER_ID:Clang>:-Wthread-safety>
+    # In a unity build the sources look like headers, in which types of a file's own are a mistake.
+    $<$<AND:$<CXX_COMPILER_ID:GNU>,$<BOOL:$<TARGET_PROPERTY:UNITY_BUILD>>>:-Wno-subobject-linkage>)
   jovu_harden(${target})
   if(JOVU_SANITIZE)
     target_compile_options(${target} PRIVATE

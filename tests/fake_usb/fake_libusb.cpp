@@ -2,6 +2,7 @@
 #include "fake_usb/fake_libusb.h"
 
 #include <algorithm>
+#include <array>
 #include <chrono>
 #include <condition_variable>
 #include <deque>
@@ -46,6 +47,8 @@ struct libusb_device {
     bool plugged = true;
     unsigned references = 1;  ///< One is the bus's own while the device is plugged in.
     libusb_context* context = nullptr;
+    /// The last receive transfer that was submitted, by the number of its endpoint.
+    std::array<libusb_transfer*, 16> receiving{};
 };
 
 struct libusb_device_handle {
@@ -142,6 +145,12 @@ struct Entered {
 };
 
 libusb_transfer* find_in_flight(libusb_device* device, unsigned endpoint) {
+    // A bus with hundreds of devices has too many transfers to look at each.
+    const auto last = bus.transfers.find(device->receiving[endpoint & 15U]);
+    if (last != bus.transfers.end() && last->second == Flight::in_flight &&
+        last->first->dev_handle->device == device && last->first->endpoint == endpoint) {
+        return last->first;
+    }
     for (const auto& [transfer, flight] : bus.transfers) {
         if (flight == Flight::in_flight && transfer->dev_handle->device == device &&
             transfer->endpoint == endpoint) {
@@ -196,8 +205,11 @@ int submit_outgoing(libusb_transfer& transfer, const Step& step) {
         result = result == fake_usb::kPartial ? LIBUSB_ERROR_TIMEOUT : 0;
     }
     const auto* const bytes = reinterpret_cast<const char*>(transfer.buffer);
-    bus.sent.push_back(
-        {transfer.endpoint, {bytes, static_cast<std::size_t>(transfer.length)}, transfer.timeout});
+    if (fake_usb::record_sent) {
+        bus.sent.push_back({transfer.endpoint,
+                            {bytes, static_cast<std::size_t>(transfer.length)},
+                            transfer.timeout});
+    }
     const auto status = bus.status_of.find(result);
     if (status == bus.status_of.end()) return result;
     transfer.status = status->second;
@@ -527,8 +539,11 @@ int libusb_submit_transfer(libusb_transfer* transfer) {
     if (outgoing) return submit_outgoing(*transfer, call.step);
     if (!transfer->dev_handle->device->plugged) return LIBUSB_ERROR_NO_DEVICE;
     flight = Flight::in_flight;
+    libusb_device* const device = transfer->dev_handle->device;
+    device->receiving[transfer->endpoint & 15U] = transfer;
+    const unsigned endpoint = transfer->endpoint;
     call.lock.unlock();
-    if (bus.hook.submitted != nullptr) bus.hook.submitted();
+    if (bus.hook.submitted != nullptr) bus.hook.submitted(device, endpoint);
     return 0;
 }
 

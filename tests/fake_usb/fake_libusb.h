@@ -68,7 +68,8 @@ unsigned calls(Call call);
 /// Functions that take part in every call, on the calling thread and with no lock held.
 struct Hook {
     int (*enter)(Call call);  ///< Before the call. Returns as a Step does.
-    void (*submitted)();      ///< A receive transfer is in flight.
+    /// A receive transfer is in flight.
+    void (*submitted)(libusb_device* device, unsigned endpoint);
     void (*sent)(libusb_device* device, unsigned endpoint, const std::string& bytes);
 };
 /// To be called while no thread uses the fake. The hook stays for the life of the process.
@@ -90,6 +91,8 @@ private:
 };
 
 std::vector<Sent> sent();
+/// Whether sent() grows.
+inline std::atomic<bool> record_sent{true};
 
 /// While bulk is held, sends stay in flight.
 void hold_bulk(bool hold);

@@ -83,7 +83,7 @@ done < <(find sim -name '*.cpp' -printf '%h\n' | sort -u)
 # What the program may use of the library's sources: the table of commands and the lists of members.
 library_door='"commands/(catalogue|structures|type_names)\.h"'
 # The folders of the program, lowest first: a folder includes itself and those before it.
-program_folders=' cli posix terminal session progress trace update firmware shell monitor commands '
+program_folders=' cli posix terminal firmware session progress trace update shell monitor fleet commands '
 for folder in tools/jovu/*/; do
     name=$(basename "$folder")
     [[ $program_folders == *" $name "* ]] || { forbid "a folder that is not in the list" "$folder"; continue; }
@@ -96,12 +96,17 @@ for folder in tools/jovu/*/; do
             { tsort 2>&1 >/dev/null || true; })"
 done
 
+forbid "the connection to a broker uses its own headers, and a lock and an owner of the program's" \
+    "$(from_outside tools/mqtt tools | grep -vE '"posix/(mutex|files)\.h"' || true)"
+forbid "only tools/mqtt may name mosquitto.h" \
+    "$(grep -rnE '\b(mosquitto|mqtt_protocol)\.h' include src tools | grep -v '^tools/mqtt/' || true)"
+module tools bridge 'jovu bridge mqtt cli posix terminal firmware'
 forbid "only src/usb may name libusb.h" \
     "$(grep -rn '\blibusb\.h' include src tools | grep -v '^src/usb/' || true)"
 forbid "only the messages and what is above them may use JSON" "$(includes src/usb src/base | grep '<yajl/' || true)"
-forbid "the program stands on the public headers and the table of commands alone" \
+forbid "the program stands on the public headers, the table of commands and the connection to a broker" \
     "$(from_outside tools/jovu tools/jovu include |
-        grep -vE "$library_door" || true
+        grep -vE "$library_door|^tools/jovu/fleet/[^:]*:[0-9]*:#include \"mqtt/" || true
        includes tools | grep -E '<(libusb|yajl)' || true)"
 forbid "the simulated controller shares nothing with the library" \
     "$(from_outside sim sim; includes sim | grep -E '<(jovu/|libusb|yajl)' || true)"

@@ -51,7 +51,7 @@ int enter(fake_usb::Call call) {
     return fault;
 }
 
-void pump_current() {
+void pump_current(libusb_device* /*device*/, unsigned /*endpoint*/) {
     if (DeviceModel* const model = current) model->pump();
 }
 

@@ -3,13 +3,13 @@
 /// @file
 /// The program `jovu`: runs a command and turns its result into an exit status.
 
-#include <cstdlib>
 #include <exception>
 #include <string>
 
 #include "cli/failure.h"
 #include "commands/command.h"
 #include "jovu/exception.h"
+#include "posix/child_process.h"
 #include "posix/stop_source.h"
 #include "terminal/output.h"
 
@@ -24,10 +24,10 @@ int finish(const Failure& failure) {
 
 int run(int argc, const char* const* argv, const FileDescriptor& output, StopSource& stop) {
     try {
-        Request request = parse_command_line(argc, argv);
-        // NOLINTNEXTLINE(concurrency-mt-unsafe): nothing in the program changes the environment.
-        const char* const chosen = std::getenv("JOVU_DEVICE");
-        if (!request.options.chooses_device() && chosen != nullptr && *chosen != 0) {
+        Request request = parse_command_line(argc, argv, "jovu help", environment("JOVU_FLEET"));
+        const std::string chosen = environment("JOVU_DEVICE");
+        if (request.options.fleet.url.empty() && !request.options.chooses_device() &&
+            !chosen.empty()) {
             choose_device(request.options, chosen);
         }
         show_diagnostics(request.options.verbose);

@@ -50,7 +50,8 @@ Values find_values(const std::string& /*command*/, const std::string& value) {
     if (value == "WHAT") {
         return {Values::Kind::words, {jovu_cli::kWaitGoals.begin(), jovu_cli::kWaitGoals.end()}};
     }
-    for (const char* const free : {"SECONDS", "DISTANCE", "LINE", "SERVO", "VALUE"}) {
+    for (const char* const free : {"SECONDS", "DISTANCE", "LINE", "SERVO", "VALUE", "BROKER-URL",
+                                   "USER", "ID", "BYTES", "HEX"}) {
         if (value == free) {
             return {};
         }
@@ -78,6 +79,12 @@ reference::Program describe() {
          R"(.Bl -tag -width Ds
 .It Ev JOVU_DEVICE
 Chooses a device when no option does: an address, a port or a serial number.
+.It Ev JOVU_FLEET
+The URL of a message broker, as
+.Fl \-fleet
+takes it. An empty
+.Fl \-fleet
+ignores it.
 .It Ev XDG_STATE_HOME
 The folder of
 .Pa jovu/history ,

@@ -1,14 +1,15 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "cli/failure.h"
 
+#include <algorithm>
 #include <cstdio>
 
 namespace jovu_cli {
 
-const std::array<ExitCodeRow, 11> kExitCodes{{
+const std::array<ExitCodeRow, 12> kExitCodes{{
     {ExitCode::ok, "success"},
     {ExitCode::failure,
-     "the USB connection or a required program cannot be started, or an internal error"},
+     "no USB connection, no broker, a required program is missing, or an internal error"},
     {ExitCode::usage, "wrong usage: unknown command or option, or an invalid value"},
     {ExitCode::no_device,
      "no device: none attached, none that can be opened, or not the one chosen"},
@@ -18,9 +19,17 @@ const std::array<ExitCodeRow, 11> kExitCodes{{
     {ExitCode::device_refused, "the device refused the request"},
     {ExitCode::file_problem, "a file cannot be read, or the output cannot be written"},
     {ExitCode::timed_out, "the time-out of 'jovu wait' has passed"},
+    {ExitCode::fleet_failed,
+     "with --fleet: one device failed; 22: two devices; up to 120: 100 or more devices"},
     {ExitCode::interrupted, "interrupted by Ctrl-C or a request to terminate"},
     {ExitCode::output_closed, "the reader of the output closed it"},
 }};
+
+ExitCode fleet_exit_code(std::size_t failed) {
+    constexpr std::size_t kMost = 100;
+    return failed == 0 ? ExitCode::ok
+                       : static_cast<ExitCode>(20 + static_cast<int>(std::min(failed, kMost)));
+}
 
 std::string exit_code_help() {
     std::string help = "Exit codes:\n";

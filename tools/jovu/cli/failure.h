@@ -5,6 +5,7 @@
 #pragma once
 
 #include <array>
+#include <cstddef>
 #include <stdexcept>
 #include <string>
 #include <utility>
@@ -22,6 +23,7 @@ enum class ExitCode : int {
     device_refused = 6,
     file_problem = 7,
     timed_out = 8,
+    fleet_failed = 21,    ///< One device of a fleet; see fleet_exit_code().
     interrupted = 130,    ///< 128 + SIGINT, as a shell reports it.
     output_closed = 141,  ///< 128 + SIGPIPE, as a shell reports it.
 };
@@ -33,7 +35,10 @@ struct ExitCodeRow {
 };
 
 /// Every ExitCode once, in ascending order.
-extern const std::array<ExitCodeRow, 11> kExitCodes;
+extern const std::array<ExitCodeRow, 12> kExitCodes;
+
+/// @return the exit code for a number of failed devices: 20 more, at most 120.
+ExitCode fleet_exit_code(std::size_t failed);
 
 /// @return the table as a section of the help, one row a line.
 std::string exit_code_help();

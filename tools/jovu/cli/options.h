@@ -23,6 +23,19 @@ namespace jovu_cli {
 /// The longest time that an option accepts, in seconds: a week.
 constexpr int kMaxSeconds = 7 * 24 * 60 * 60;
 
+/// The options of devices behind a message broker.
+struct FleetOptions {
+    std::string url;  ///< Of the broker, with the topic prefix as its path. Empty: local devices.
+    std::string user;
+    std::string password_file;
+    std::string ca_file;  ///< Empty: the certificates that the system trusts.
+    std::string certificate_file;
+    std::string key_file;
+    bool plain_text = false;  ///< Without TLS also to a broker on another machine.
+    bool all = false;         ///< Every device.
+    std::string request_id;   ///< Empty: a new one.
+};
+
 /// The options of every command; they may stand before or after its name.
 struct CommonOptions {
     /// @name The chosen device: by one of these or none of them.
@@ -31,6 +44,9 @@ struct CommonOptions {
     std::string serial;
     std::string port;  ///< As JovuDeviceInfo::port.
     /// @}
+    /// With `fleet`: patterns of the chosen devices' serial numbers.
+    std::vector<std::string> serials;
+    FleetOptions fleet;
     /// How long to wait for a device to appear; without a value, only for attached devices.
     std::optional<std::chrono::milliseconds> wait_device;
     /// How long to wait for a response; without a value, as long as the library does.

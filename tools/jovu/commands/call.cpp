@@ -76,6 +76,10 @@ void run_call(const Context& context, const CallOptions& options) {
     ValueFiles files(context);
     const Json arguments = read_arguments(
         command, options.arguments, [&files](const std::string& file) { return files.read(file); });
+    if (const auto fleet = fleet_context(context)) {
+        call_fleet(*fleet, options.name, arguments);
+        return;
+    }
     const SessionLease lease(context, Interest{});
     Session& session = lease.session();
     const JovuDeviceAddress address = session.pick_device();
@@ -124,6 +128,7 @@ Run define_call(CLI::App& app) {
 
 }  // namespace
 
-const Command kCallCommand{"call", "Call one of the firmware's commands", define_call};
+const Command kCallCommand{"call", "Call one of the firmware's commands", define_call,
+                           FleetUse::works};
 
 }  // namespace jovu_cli

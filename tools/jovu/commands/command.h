@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "cli/options.h"
+#include "fleet/commands.h"
 #include "posix/stop_source.h"
 #include "session/session.h"
 #include "terminal/line_reader.h"
@@ -35,9 +36,20 @@ struct Context {
     ReadLine read_line{};
 };
 
+/// @return what a command on a fleet runs with; nothing when the command is for a local device.
+/// @throws Failure usage in a shell, which has local devices.
+std::optional<FleetContext> fleet_context(const Context& context);
+
 /// Runs a command. Returns when the command has succeeded.
 /// @throws Failure when it has not.
 using Run = std::function<void(const Context&)>;
+
+/// What a command does with --fleet.
+enum class FleetUse {
+    none,        ///< It fails.
+    works,       ///< It uses the devices of the fleet.
+    irrelevant,  ///< It uses no device.
+};
 
 /// One row of the table of commands. Each command's file defines one row for each of its names.
 struct Command {
@@ -46,6 +58,7 @@ struct Command {
     /// Adds the command's options and help to its parser.
     /// @return the function that runs the command; it owns the parsed values.
     Run (*define)(CLI::App& app);
+    FleetUse fleet = FleetUse::none;
 };
 
 /// @name The rows
@@ -93,9 +106,10 @@ struct Request {
 
 /// Parses a command line.
 /// @param help the command that shows the help of another one, for errors.
+/// @param fleet_url what --fleet is when it is not given.
 /// @throws Failure usage.
-Request parse_command_line(int argc, const char* const* argv,
-                           const std::string& help = "jovu help");
+Request parse_command_line(int argc, const char* const* argv, const std::string& help = "jovu help",
+                           const std::string& fleet_url = {});
 
 /// Sends one line of gcode, as `jovu gcode LINE`. For the shell.
 void send_gcode_line(const Context& context, const std::string& line);

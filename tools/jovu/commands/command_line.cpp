@@ -21,7 +21,9 @@ constexpr const char* kNotes =
     "object per line. Errors and diagnostics go to standard error.\n"
     "With several devices attached, -d, -s or --port chooses one; without them JOVU_DEVICE does, "
     "if\n"
-    "it is set: an address, a port or a serial number. The others are left to other programs.\n";
+    "it is set: an address, a port or a serial number. The others are left to other programs.\n"
+    "With --fleet, or its URL in JOVU_FLEET, the devices are those of a message broker. There -s\n"
+    "takes patterns such as 'JV*' and may be repeated; each device has its own line of results.\n";
 
 constexpr const char* kCommonOptionsNote =
     "Options of every command, such as -d and --json: see jovu --help.";
@@ -39,16 +41,18 @@ void add_common_options(CLI::App& app, CommonOptions& options) {
                "Use the device at this address, 0 to 255 each")
             ->type_name("BUS:ADDR");
     CLI::Option* const serial =
-        app.add_option_function<std::string>(
+        app.add_option_function<std::vector<std::string>>(
                "-s,--serial",
-               [&options](const std::string& value) {
-                   if (value.empty()) {
+               [&options](const std::vector<std::string>& values) {
+                   if (std::count(values.begin(), values.end(), "") > 0) {
                        throw CLI::ValidationError("a serial number must not be empty");
                    }
-                   options.serial = value;
+                   options.serial = values.front();
+                   options.serials = values;
                },
-               "Use the device with this serial number")
+               "Use the device with this serial number; with --fleet also a pattern")
             ->type_name("SERIAL")
+            ->allow_extra_args(false)
             ->excludes(device);
     app.add_option_function<std::string>(
            "--port",
@@ -70,6 +74,62 @@ void add_common_options(CLI::App& app, CommonOptions& options) {
     app.add_flag("--json", options.json, "Write JSON, for programs");
     app.add_flag("-v,--verbose", options.verbose, "Show the library's diagnostic lines");
     app.add_flag("-q,--quiet", options.quiet, "Show results and errors, no progress");
+}
+
+void add_fleet_options(CLI::App& app, FleetOptions& fleet) {
+    const auto add = [&app](const char* name, auto& target, const char* type,
+                            const char* description) {
+        auto* const option = app.add_option(name, target, description)->type_name(type);
+        option->group("Devices behind a message broker");
+    };
+    add("--fleet", fleet.url, "BROKER-URL",
+        "Use the devices behind this broker, mqtts://HOST[:PORT][/PREFIX]");
+    add("--fleet-user", fleet.user, "USER", "User name for the broker");
+    add("--fleet-password-file", fleet.password_file, "FILE", "File with the user's password");
+    add("--fleet-ca", fleet.ca_file, "FILE", "Trust these certificates, not the system's");
+    add("--fleet-cert", fleet.certificate_file, "FILE", "Certificate of this client");
+    add("--fleet-key", fleet.key_file, "FILE", "Key of that certificate");
+    app.add_flag("--fleet-plain-text", fleet.plain_text,
+                 "Permit mqtt:// to another machine; needs --fleet-user")
+        ->group("Devices behind a message broker");
+    app.add_flag("--all", fleet.all, "Use all devices of the fleet")
+        ->group("Devices behind a message broker");
+    add("--request-id", fleet.request_id, "ID",
+        "Ask for the outcome of an earlier request, with the same arguments");
+}
+
+/// Checks the options of a fleet against the command and the other options.
+void check_fleet(const CommonOptions& options, const Command& command) {
+    const FleetOptions& fleet = options.fleet;
+    if (fleet.url.empty()) {
+        if (fleet.all || !fleet.request_id.empty() || options.serials.size() > 1) {
+            throw Failure(ExitCode::usage,
+                          "--all, --request-id and several serial numbers need --fleet",
+                          "without --fleet a command uses one local device");
+        }
+        return;
+    }
+    if (command.fleet == FleetUse::none) {
+        std::string available;
+        for (const Command& other : command_table()) {
+            if (other.fleet == FleetUse::works) {
+                available += (available.empty() ? "" : ", ") + std::string(other.name);
+            }
+        }
+        throw Failure(ExitCode::usage,
+                      std::string("'") + command.name + "' is not available with --fleet",
+                      "it needs a local device; available are " + available +
+                          "; an empty --fleet '' ignores JOVU_FLEET");
+    }
+    if (command.fleet == FleetUse::works &&
+        (options.device || !options.port.empty() || options.wait_device)) {
+        throw Failure(ExitCode::usage,
+                      "-d, --port and --wait-device concern local devices, not those of a fleet",
+                      "-s and --all choose; an empty --fleet '' ignores JOVU_FLEET");
+    }
+    if (fleet.all && !options.serials.empty()) {
+        throw Failure(ExitCode::usage, "--all and -s exclude each other");
+    }
 }
 
 /// @return where the help of a command is, for the end of an error.
@@ -130,6 +190,16 @@ std::vector<std::string> protected_arguments(int argc, const char* const* argv) 
 
 }  // namespace
 
+std::optional<FleetContext> fleet_context(const Context& context) {
+    if (context.options.fleet.url.empty()) {
+        return std::nullopt;
+    }
+    if (context.session != nullptr) {
+        throw Failure(ExitCode::usage, "--fleet is not available in the shell");
+    }
+    return FleetContext{context.options, context.out, context.stop};
+}
+
 std::vector<std::string> command_names() {
     std::vector<std::string> names;
     for (const Command& command : command_table()) {
@@ -154,6 +224,7 @@ std::map<const CLI::App*, Run> define_command_line(CLI::App& app, CommonOptions&
     app.set_version_flag("--version", "jovu " JOVU_VERSION, "Print the version and exit");
     app.set_help_flag("-h,--help", "Print this help and exit");
     add_common_options(app, options);
+    add_fleet_options(app, options.fleet);
     app.require_subcommand(1);
 
     std::map<const CLI::App*, Run> runs;
@@ -167,8 +238,10 @@ std::map<const CLI::App*, Run> define_command_line(CLI::App& app, CommonOptions&
     return runs;
 }
 
-Request parse_command_line(int argc, const char* const* argv, const std::string& help) {
+Request parse_command_line(int argc, const char* const* argv, const std::string& help,
+                           const std::string& fleet_url) {
     Request request;
+    request.options.fleet.url = fleet_url;
     CLI::App app;
     const std::map<const CLI::App*, Run> runs = define_command_line(app, request.options);
     app.get_formatter()->label("SUBCOMMAND", "COMMAND");
@@ -186,6 +259,11 @@ Request parse_command_line(int argc, const char* const* argv, const std::string&
         if (request.options.verbose && request.options.quiet) {
             throw Failure(ExitCode::usage, "--verbose and --quiet exclude each other", hint);
         }
+        const std::vector<Command>& table = command_table();
+        check_fleet(request.options,
+                    *std::find_if(table.begin(), table.end(), [sub](const Command& command) {
+                        return command.name == sub->get_name();
+                    }));
         request.run = with_help_hint(runs.at(sub), hint);
     } catch (const CLI::CallForHelp&) {
         request.message = app.help();

@@ -159,6 +159,7 @@ Run define_commands(CLI::App& app) {
 
 }  // namespace
 
-const Command kCommandsCommand{"commands", "List the firmware's commands", define_commands};
+const Command kCommandsCommand{"commands", "List the firmware's commands", define_commands,
+                               FleetUse::irrelevant};
 
 }  // namespace jovu_cli

@@ -20,6 +20,10 @@ struct EventOptions {
 };
 
 void run_events(const Context& context, const EventOptions& options) {
+    if (const auto fleet = fleet_context(context)) {
+        print_fleet_events(*fleet, options.limit);
+        return;
+    }
     const SessionLease lease(context, Interest{false, true});
     Session& session = lease.session();
     const JovuDeviceAddress address = session.pick_device();
@@ -47,6 +51,7 @@ Run define_events(CLI::App& app) {
 
 }  // namespace
 
-const Command kEventsCommand{"events", "Print the events that a device reports", define_events};
+const Command kEventsCommand{"events", "Print the events that a device reports", define_events,
+                             FleetUse::works};
 
 }  // namespace jovu_cli

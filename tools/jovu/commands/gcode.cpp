@@ -85,6 +85,14 @@ Failure refusal(const GcodeLine& line, std::uint32_t result) {
 
 void run_gcode(const Context& context, const GcodeOptions& options) {
     const std::unique_ptr<GcodeReader> reader = make_reader(context, options);
+    if (const auto fleet = fleet_context(context)) {
+        std::vector<std::string> lines;
+        while (const std::optional<GcodeLine> line = reader->next()) {
+            lines.push_back(line->code);
+        }
+        send_fleet_gcode(*fleet, lines, options.keep_going);
+        return;
+    }
     const SessionLease lease(context, Interest{false, true});
     Session& session = lease.session();
     const JovuDeviceAddress address = session.pick_device();
@@ -141,7 +149,7 @@ Run define_gcode(CLI::App& app) {
 
 }  // namespace
 
-const Command kGcodeCommand{"gcode", "Send lines of gcode", define_gcode};
+const Command kGcodeCommand{"gcode", "Send lines of gcode", define_gcode, FleetUse::works};
 
 void send_gcode_line(const Context& context, const std::string& line) {
     run_gcode(context, {{line}, "", false});

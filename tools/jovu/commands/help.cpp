@@ -40,6 +40,7 @@ Run define_help(CLI::App& app) {
 
 }  // namespace
 
-const Command kHelpCommand{"help", "Show this help, or that of a command", define_help};
+const Command kHelpCommand{"help", "Show this help, or that of a command", define_help,
+                           FleetUse::irrelevant};
 
 }  // namespace jovu_cli

@@ -90,15 +90,27 @@ private:
 };
 
 void run_pause(const Context& context) {
-    JobControl(context, "pause").change_to(JobPhase::paused);
+    if (const auto fleet = fleet_context(context)) {
+        control_fleet_jobs(*fleet, "pause");
+    } else {
+        JobControl(context, "pause").change_to(JobPhase::paused);
+    }
 }
 
 void run_resume(const Context& context) {
-    JobControl(context, "resume").change_to(JobPhase::active);
+    if (const auto fleet = fleet_context(context)) {
+        control_fleet_jobs(*fleet, "resume");
+    } else {
+        JobControl(context, "resume").change_to(JobPhase::active);
+    }
 }
 
 void run_abort(const Context& context) {
-    JobControl(context, "abort").abort();
+    if (const auto fleet = fleet_context(context)) {
+        control_fleet_jobs(*fleet, "abort");
+    } else {
+        JobControl(context, "abort").abort();
+    }
 }
 
 Run define_pause(CLI::App& app) {
@@ -122,8 +134,9 @@ Run define_abort(CLI::App& app) {
 
 }  // namespace
 
-const Command kPauseCommand{"pause", "Pause the print job", define_pause};
-const Command kResumeCommand{"resume", "Resume the paused print job", define_resume};
-const Command kAbortCommand{"abort", "Abort the print job", define_abort};
+const Command kPauseCommand{"pause", "Pause the print job", define_pause, FleetUse::works};
+const Command kResumeCommand{"resume", "Resume the paused print job", define_resume,
+                             FleetUse::works};
+const Command kAbortCommand{"abort", "Abort the print job", define_abort, FleetUse::works};
 
 }  // namespace jovu_cli

@@ -255,6 +255,13 @@ void list_attached(const Context& context) {
 }
 
 void run_list(const Context& context, const ListOptions& options) {
+    if (const auto fleet = fleet_context(context)) {
+        if (options.attached) {
+            throw Failure(ExitCode::usage, "--attached is not available with --fleet");
+        }
+        list_fleet(*fleet);
+        return;
+    }
     if (options.attached) {
         list_attached(context);
         return;
@@ -305,6 +312,6 @@ Run define_list(CLI::App& app) {
 
 }  // namespace
 
-const Command kListCommand{"list", "List the devices", define_list};
+const Command kListCommand{"list", "List the devices", define_list, FleetUse::works};
 
 }  // namespace jovu_cli

@@ -131,7 +131,11 @@ void run_monitor(const Context& context) {
                       "monitor needs a terminal as standard input and output, and no --json",
                       "'jovu status --watch --json' reports to programs");
     }
-    Monitor(context).run();
+    if (const auto fleet = fleet_context(context)) {
+        monitor_fleet(*fleet);
+    } else {
+        Monitor(context).run();
+    }
 }
 
 Run define_monitor(CLI::App& app) {
@@ -145,6 +149,7 @@ Run define_monitor(CLI::App& app) {
 
 }  // namespace
 
-const Command kMonitorCommand{"monitor", "Show all controllers on one screen", define_monitor};
+const Command kMonitorCommand{"monitor", "Show all controllers on one screen", define_monitor,
+                              FleetUse::works};
 
 }  // namespace jovu_cli

@@ -28,6 +28,8 @@ struct PushOptions {
     std::string file;
     bool wait = false;
     bool attach = false;
+    std::optional<std::uint64_t> size;  ///< Of a job by URL, for a fleet, as sha256.
+    std::string sha256;
 };
 
 using namespace std::chrono_literals;
@@ -299,6 +301,17 @@ void attach(const Context& context) {
 }
 
 void run_push(const Context& context, const PushOptions& options) {
+    if (const auto fleet = fleet_context(context)) {
+        if (options.attach) {
+            throw Failure(ExitCode::usage, "--attach is not available with --fleet",
+                          "'jovu status --watch' and 'jovu monitor' show the jobs");
+        }
+        push_to_fleet(*fleet, {options.file, options.size, options.sha256, options.wait});
+        return;
+    }
+    if (options.size || !options.sha256.empty()) {
+        throw Failure(ExitCode::usage, "--size and --sha256 need --fleet");
+    }
     if (options.attach) {
         attach(context);
         return;
@@ -326,6 +339,10 @@ Run define_push(CLI::App& app) {
     app.add_flag("--wait", options->wait, "Follow the job to its end");
     const CLI::Option* attaches =
         app.add_flag("--attach", options->attach, "Send nothing; follow the job that runs already");
+    app.add_option("--size", options->size, "Size of a job by URL, with --fleet")
+        ->type_name("BYTES");
+    app.add_option("--sha256", options->sha256, "Its SHA-256, 64 hexadecimal digits")
+        ->type_name("HEX");
     app.callback([file, attaches] {
         if ((file->count() == 0) == (attaches->count() == 0)) {
             throw CLI::ValidationError("either FILE or --attach is needed");
@@ -334,12 +351,15 @@ Run define_push(CLI::App& app) {
     app.footer(
         "Waits until the device has accepted the job, at most 10 seconds. Ctrl-C cancels the\n"
         "push: it sends filler for the rest of the job, and the device refuses the job. A second\n"
-        "Ctrl-C ends at once and leaves the device waiting for the rest.");
+        "Ctrl-C ends at once and leaves the device waiting for the rest.\n\n"
+        "With --fleet, the bridge of each device fetches the job: FILE is an https or file URL\n"
+        "with --size and --sha256, or a file in a folder that this computer and the bridges\n"
+        "share under the same path.");
     return [options](const Context& context) { run_push(context, *options); };
 }
 
 }  // namespace
 
-const Command kPushCommand{"push", "Send a print job", define_push};
+const Command kPushCommand{"push", "Send a print job", define_push, FleetUse::works};
 
 }  // namespace jovu_cli

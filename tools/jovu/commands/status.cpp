@@ -7,6 +7,7 @@
 #include <chrono>
 #include <memory>
 #include <nlohmann/json.hpp>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -69,6 +70,10 @@ void watch(const Context& context, Session& session, JovuDeviceAddress address,
 }
 
 void run_status(const Context& context, const StatusOptions& options) {
+    if (const auto fleet = fleet_context(context)) {
+        show_fleet_status(*fleet, options.watch ? std::optional(options.interval) : std::nullopt);
+        return;
+    }
     const SessionLease lease(context, Interest{true, false});
     Session& session = lease.session();
     const JovuDeviceAddress address = session.pick_device();
@@ -98,6 +103,7 @@ Run define_status(CLI::App& app) {
 
 }  // namespace
 
-const Command kStatusCommand{"status", "Show the state of a device and of its job", define_status};
+const Command kStatusCommand{"status", "Show the state of a device and of its job", define_status,
+                             FleetUse::works};
 
 }  // namespace jovu_cli

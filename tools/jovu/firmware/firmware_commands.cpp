@@ -113,6 +113,24 @@ public:
         }
     }
 
+    void take(const Json& given) {
+        if (!given.is_object()) {
+            fail("the arguments are not a JSON object: " + excerpt(given), usage());
+        }
+        for (const auto& [key, value] : given.items()) {
+            const NamedType* const argument = find_key(command_.arguments, key);
+            if (argument == nullptr) {
+                fail_unknown({key, {}, {}, excerpt(value)}, key, "", command_.arguments);
+            }
+            try {
+                arguments_[key] = check_value(argument->type, value);
+            } catch (const BadValue& bad) {
+                const std::string member = bad.where().empty() ? "" : "." + bad.where();
+                fail(key + member + " " + bad.what() + bad.quoted() + ": " + excerpt(value));
+            }
+        }
+    }
+
     Json finish() {
         std::string missing;
         for (const NamedType& argument : command_.arguments) {
@@ -142,6 +160,17 @@ private:
                     (argument.type.kind == Kind::structure ? "{...}" : "VALUE");
         }
         return keys;
+    }
+
+    /// @return the beginning of a value, for messages.
+    static std::string excerpt(const Json& value) {
+        constexpr std::size_t kLongest = 80;
+        std::string shown = value.dump(-1, ' ', true);
+        if (shown.size() > kLongest) {
+            shown.resize(kLongest);
+            shown += "...";
+        }
+        return shown;
     }
 
     Assignment split(const std::string& argument) const {
@@ -255,6 +284,13 @@ Json read_arguments(const FirmwareCommand& command, const std::vector<std::strin
                     const FileReader& read_file) {
     Collector collector(command, read_file);
     collector.take(arguments);
+    return collector.finish();
+}
+
+Json read_arguments(const FirmwareCommand& command, const Json& given) {
+    static const FileReader no_files;
+    Collector collector(command, no_files);
+    collector.take(given);
     return collector.finish();
 }
 

@@ -10,9 +10,9 @@
 #include <string_view>
 #include <vector>
 
+#include "cli/json.h"
 #include "firmware/value_type.h"
 #include "jovu/device_address.h"
-#include "terminal/output.h"
 
 class JovuCommandInterface;
 
@@ -56,5 +56,12 @@ using FileReader = std::function<std::string(const std::string& file)>;
 /// @throws Failure usage that names the key and the value, or the file instead of the value.
 Json read_arguments(const FirmwareCommand& command, const std::vector<std::string>& arguments,
                     const FileReader& read_file);
+
+/// Reads arguments from a JSON object, by the same rules: a member for each argument, structures
+/// as objects whose omitted members are zero. Booleans may be 0, 1, false or true.
+/// @param given any JSON value of parse_strict_json().
+/// @return as above.
+/// @throws Failure usage that names the key and the value.
+Json read_arguments(const FirmwareCommand& command, const Json& given);
 
 }  // namespace jovu_cli

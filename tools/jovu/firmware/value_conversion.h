@@ -20,11 +20,11 @@
 #include <tuple>
 #include <type_traits>
 
+#include "cli/json.h"
 #include "commands/structures.h"
 #include "commands/type_names.h"
 #include "firmware/value_strings.h"
 #include "firmware/value_type.h"
-#include "terminal/output.h"
 
 namespace jovu_cli {
 

@@ -147,10 +147,17 @@ Json read_buffer(const ValueType& type, const std::string& input) {
     return list;
 }
 
-/// Refuses objects that hold a member twice; the parser accepts them.
-class KeyGuard {
+/// Refuses objects that hold a member twice, and nesting that is too deep; the parser accepts both.
+class ParseGuard {
 public:
-    bool operator()(int /*depth*/, Json::parse_event_t event, const Json& parsed) {
+    explicit ParseGuard(int max_depth) : max_depth_(max_depth) {}
+
+    bool operator()(int depth, Json::parse_event_t event, const Json& parsed) {
+        // The depth is that of the enclosing value.
+        if (depth >= max_depth_ && (event == Json::parse_event_t::object_start ||
+                                    event == Json::parse_event_t::array_start)) {
+            throw BadValue("is nested deeper than " + std::to_string(max_depth_) + " levels");
+        }
         if (event == Json::parse_event_t::object_start) {
             open_.emplace_back();
         } else if (event == Json::parse_event_t::object_end) {
@@ -165,27 +172,9 @@ public:
     }
 
 private:
+    const int max_depth_;
     std::vector<std::set<std::string>> open_;
 };
-
-Json parse_json(const std::string& input) {
-    KeyGuard guard;
-    try {
-        return Json::parse(input, [&guard](int depth, Json::parse_event_t event, Json& parsed) {
-            return guard(depth, event, parsed);
-        });
-    } catch (const Json::exception& error) {
-        // "[json.exception.parse_error.101] parse error at ...": remove the name.
-        const std::string what = error.what();
-        const std::size_t begin = std::min(what.find("] ") + 2, what.size());
-        // "...; last read: 'TEXT'", and for a number that is too large "... parsing 'TEXT'".
-        const std::size_t quote = std::min(
-            {what.find("; last read", begin), what.find(" parsing '", begin), what.size()});
-        throw BadValue("is not JSON: " + what.substr(begin, quote - begin), "", what.substr(quote));
-    }
-}
-
-Json checked(const ValueType& type, const Json& json);
 
 Json checked_members(const ValueType& type, const Json& json) {
     if (!json.is_object()) {
@@ -198,7 +187,7 @@ Json checked_members(const ValueType& type, const Json& json) {
             throw BadValue("holds an unknown member of " + type.name, "", ": " + key);
         }
         try {
-            object[key] = checked(member->type, value);
+            object[key] = check_value(member->type, value);
         } catch (const BadValue& bad) {
             throw BadValue(bad.what(), key + (bad.where().empty() ? "" : "." + bad.where()),
                            bad.quoted());
@@ -236,7 +225,50 @@ Json checked_elements(const ValueType& type, const Json& json) {
     return list;
 }
 
-Json checked(const ValueType& type, const Json& json) {
+constexpr std::size_t kHardwareAddressSize = 6;
+
+std::string scalar_string(const Json& value) {
+    if (value.is_string()) {
+        return printable(value.get_ref<const std::string&>());
+    }
+    if (value.is_null()) {
+        return "-";
+    }
+    return value.dump();
+}
+
+using Row = std::pair<std::string, std::string>;
+
+void flatten(const Json& value, const std::string& path, std::vector<Row>& rows) {
+    if (!value.is_object()) {
+        rows.emplace_back(path, scalar_string(value));
+        return;
+    }
+    for (const auto& [key, member] : value.items()) {
+        flatten(member, path.empty() ? key : std::string(path).append(".").append(key), rows);
+    }
+}
+
+}  // namespace
+
+Json parse_strict_json(const std::string& input, int max_depth) {
+    ParseGuard guard(max_depth);
+    try {
+        return Json::parse(input, [&guard](int depth, Json::parse_event_t event, Json& parsed) {
+            return guard(depth, event, parsed);
+        });
+    } catch (const Json::exception& error) {
+        // "[json.exception.parse_error.101] parse error at ...": remove the name.
+        const std::string what = error.what();
+        const std::size_t begin = std::min(what.find("] ") + 2, what.size());
+        // "...; last read: 'TEXT'", and for a number that is too large "... parsing 'TEXT'".
+        const std::size_t quote = std::min(
+            {what.find("; last read", begin), what.find(" parsing '", begin), what.size()});
+        throw BadValue("is not JSON: " + what.substr(begin, quote - begin), "", what.substr(quote));
+    }
+}
+
+Json check_value(const ValueType& type, const Json& json) {
     switch (type.kind) {
         case Kind::structure:
             return checked_members(type, json);
@@ -267,32 +299,6 @@ Json checked(const ValueType& type, const Json& json) {
     }
     refuse(type, "is of another type");
 }
-
-constexpr std::size_t kHardwareAddressSize = 6;
-
-std::string scalar_string(const Json& value) {
-    if (value.is_string()) {
-        return printable(value.get_ref<const std::string&>());
-    }
-    if (value.is_null()) {
-        return "-";
-    }
-    return value.dump();
-}
-
-using Row = std::pair<std::string, std::string>;
-
-void flatten(const Json& value, const std::string& path, std::vector<Row>& rows) {
-    if (!value.is_object()) {
-        rows.emplace_back(path, scalar_string(value));
-        return;
-    }
-    for (const auto& [key, member] : value.items()) {
-        flatten(member, path.empty() ? key : std::string(path).append(".").append(key), rows);
-    }
-}
-
-}  // namespace
 
 std::string allowed_values(const ValueType& type) {
     switch (type.kind) {
@@ -331,7 +337,7 @@ Json read_value(const ValueType& type, const std::string& input) {
         case Kind::buffer:
             return read_buffer(type, input);
         case Kind::structure:
-            return checked_members(type, parse_json(input));
+            return checked_members(type, parse_strict_json(input));
         case Kind::nothing:
             break;
     }

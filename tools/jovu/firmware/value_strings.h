@@ -10,8 +10,8 @@
 #include <string>
 #include <vector>
 
+#include "cli/json.h"
 #include "firmware/value_type.h"
-#include "terminal/output.h"
 
 namespace jovu_cli {
 
@@ -31,6 +31,17 @@ private:
     std::string where_;
     std::string quoted_;
 };
+
+/// Reads JSON that another program wrote. Objects that hold a member twice are refused, as are
+/// bytes that are not UTF-8.
+/// @param max_depth the deepest nesting of objects and arrays that is accepted.
+/// @throws BadValue.
+Json parse_strict_json(const std::string& input, int max_depth = 32);
+
+/// Checks a value that was read from JSON.
+/// @return as read_value().
+/// @throws BadValue.
+Json check_value(const ValueType& type, const Json& json);
 
 /// Reads a value of a command line. A structure is a JSON object.
 /// @return whole numbers as integers, bytes as an array of 0 to 255, a buffer as an array, a

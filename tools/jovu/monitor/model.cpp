@@ -110,6 +110,9 @@ std::string TemperatureHistory::curve(std::size_t count, Time now) const {
 }
 
 std::string monitor_name(const MonitorModel::Controller& controller) {
+    if (controller.description) {
+        return controller.description->serial + " at " + controller.description->place;
+    }
     const bool has_serial = controller.serial && !controller.serial->empty();
     return to_string(controller.address) + " (" +
            (has_serial ? *controller.serial : "serial number unknown") + ")";
@@ -174,6 +177,13 @@ void MonitorModel::take(const MonitorOutcome& outcome, Time now) {
     say(outcome.failure.empty() ? name + " was sent to " + monitor_name(*controller)
                                 : outcome.failure,
         now);
+}
+
+void MonitorModel::describe(JovuDeviceAddress address, const Description& description) {
+    if (Controller* const controller = find(address)) {
+        controller->serial = description.serial;
+        controller->description = description;
+    }
 }
 
 void MonitorModel::restart(Time now) {

@@ -86,6 +86,13 @@ public:
         bool checked;  ///< The state allows it. The request that pauses also resumes.
     };
 
+    /// What a controller is shown as that is not on a local bus.
+    struct Description {
+        std::string serial;
+        std::string place;    ///< Instead of the address.
+        std::string absence;  ///< Instead of "unplugged".
+    };
+
     /// One controller, which keeps its id when it is plugged in again.
     struct Controller {
         std::uint64_t id = 0;
@@ -95,6 +102,7 @@ public:
         std::string obstacle;               ///< Why it is not open.
         std::uint64_t connection = 0;       ///< Unique number of the connection.
         std::optional<std::string> serial;  ///< Empty when the controller has none.
+        std::optional<Description> description;
         std::optional<StatusReport> report;
         TemperatureHistory temperatures;
         std::string event;
@@ -123,6 +131,8 @@ public:
     void take(const Notification& notification, Time now);
     /// Takes the outcome of a request.
     void take(const MonitorOutcome& outcome, Time now);
+    /// Describes a controller that has connected at least once.
+    void describe(JovuDeviceAddress address, const Description& description);
     /// All controllers are disconnected, as the USB connection has ended and is started again.
     void restart(Time now);
     void press(MonitorKey key, Time now);

@@ -50,7 +50,11 @@ std::string age(Time then, Time now) {
 
 Span state_span(const Controller& controller, Time now) {
     if (controller.presence == Presence::unplugged) {
-        return {"unplugged " + age(controller.since, now) + " ago", Style::warning};
+        const std::string absence =
+            controller.description ? controller.description->absence : std::string();
+        return {(absence.empty() ? "unplugged" : "offline") +
+                    (" " + age(controller.since, now) + " ago"),
+                Style::warning};
     }
     if (controller.presence == Presence::not_open) {
         return {"not open", Style::bad};
@@ -89,6 +93,9 @@ std::string time_left(const StatusReport& report) {
 }
 
 std::string job_line(const Controller& controller, unsigned columns) {
+    if (controller.presence == Presence::unplugged && controller.description) {
+        return controller.description->absence;
+    }
     if (!controller.obstacle.empty() || !controller.failure.empty()) {
         return controller.obstacle + controller.failure;
     }
@@ -110,11 +117,12 @@ void add_controller(std::vector<ScreenLine>& lines, const Controller& controller
     const bool current = controller.presence == Presence::connected && !controller.silence(now);
     const Style values = current ? Style::normal : Style::faint;
     const Span state = state_span(controller, now);
-    ScreenLine head{
-        {(selected ? "> " : "  ") + padded_to(to_string(controller.address), kAddressWidth) +
-             padded_to(controller.serial.value_or(""), serial_width + 2),
-         selected ? Style::strong : Style::normal},
-        {padded_to(state.text, kStateWidth), state.style}};
+    const std::string place =
+        controller.description ? controller.description->place : to_string(controller.address);
+    ScreenLine head{{(selected ? "> " : "  ") + padded_to(place, kAddressWidth - 1) + " " +
+                         padded_to(controller.serial.value_or(""), serial_width + 2),
+                     selected ? Style::strong : Style::normal},
+                    {padded_to(state.text, kStateWidth), state.style}};
     if (controller.report) {
         const std::string temperature = temperature_string(controller.report->extruder_temperature);
         const std::size_t used = 2 + kAddressWidth + serial_width + 2 + kStateWidth + 9 + 2;

@@ -17,6 +17,7 @@
 #include <variant>
 #include <vector>
 
+#include "firmware/status_report.h"
 #include "jovu/client.h"
 #include "jovu/device_address.h"
 #include "jovu/firmware_types.h"
@@ -33,8 +34,6 @@ struct Connected {};
 struct Disconnected {};
 /// A string that the firmware printed; nothing for an event without one.
 using DebugMessage = std::optional<std::string>;
-/// A decoded status report.
-using StatusReport = JovuJobInterface::StatusMsg;
 
 /// One report of the library.
 struct Notification {

@@ -4,10 +4,8 @@
 #include <algorithm>
 #include <nlohmann/json.hpp>
 #include <string>
-#include <string_view>
 
 #include "cli/options.h"
-#include "cli/suggestions.h"
 #include "session/device_names.h"
 #include "terminal/format.h"
 
@@ -35,16 +33,6 @@ std::string error_string(const StatusReport& report) {
     return report.error == 0 ? "none" : std::to_string(report.error);
 }
 
-Json trace_json(const servo_trace_msg& sample) {
-    return {{"servo_name", sample.servo_name},
-            {"servo_state", sample.servo_state},
-            {"int_cnt", sample.int_cnt},
-            {"pos_cmd", sample.pos_cmd},
-            {"pos", sample.pos},
-            {"pwm", sample.pwm},
-            {"padout_dist", sample.padout_dist}};
-}
-
 std::string trace_line(const servo_trace_msg& sample) {
     return "servo " + std::to_string(sample.servo_name) + "  state " +
            std::to_string(sample.servo_state) + "  count " + std::to_string(sample.int_cnt) +
@@ -62,68 +50,9 @@ std::string without_line_end(std::string line) {
 
 }  // namespace
 
-JobPhase state_phase(const std::string& state) {
-    struct Row {
-        std::string_view part;
-        JobPhase phase;
-    };
-    static constexpr Row kRows[] = {
-        {"error", JobPhase::error},       {"fault", JobPhase::error},
-        {"fail", JobPhase::error},        {"abort", JobPhase::aborted},
-        {"cancel", JobPhase::aborted},    {"finish", JobPhase::finished},
-        {"complete", JobPhase::finished}, {"done", JobPhase::finished},
-        {"receiv", JobPhase::receiving},  {"download", JobPhase::receiving},
-        {"verif", JobPhase::receiving},   {"idle", JobPhase::idle},
-        {"ready", JobPhase::idle},        {"paus", JobPhase::paused},
-    };
-    if (state.empty()) {
-        return JobPhase::idle;
-    }
-    const std::string name = lower_case(state);
-    for (const Row& row : kRows) {
-        if (name.find(row.part) != std::string::npos) {
-            return row.phase;
-        }
-    }
-    return JobPhase::active;
-}
-
-JobPhase job_phase(const StatusReport& report) {
-    return report.error != 0 ? JobPhase::error : state_phase(report.state);
-}
-
-std::string state_string(const StatusReport& report) {
-    return report.state.empty() ? "-" : report.state;
-}
-
-std::string describe_error(const StatusReport& report) {
-    const std::string error = report.error == 0 ? "" : "error " + error_string(report) + ", ";
-    return error + "state " + shown(report.state);
-}
-
-Json identity_json(const StatusReport& report) {
-    return {{"model_name", report.printer.model_name},
-            {"cpu_id", report.printer.cpu_id},
-            {"firmware_name", report.printer.firmware_name},
-            {"firmware_version", report.printer.firmware_version},
-            {"accept_version", report.printer.accept_version}};
-}
-
 Json to_json(JovuDeviceAddress address, const StatusReport& report) {
     Json object = device_json(address);
-    object.update({{"printer", identity_json(report)},
-                   {"state", report.state},
-                   {"build_plate", report.build_plate},
-                   {"filament", report.filament},
-                   {"extruder_temperature", report.extruder_temperature},
-                   {"job",
-                    {{"id", report.job_id},
-                     {"file", report.file},
-                     {"progress", report.progress},
-                     {"time_elapsed", report.time_elapsed}}},
-                   {"boot_time", report.boot_time},
-                   {"idle_time", report.idle_time},
-                   {"error", report.error}});
+    object.update(status_json(report));
     return object;
 }
 
@@ -138,8 +67,12 @@ std::vector<std::string> identity_block(const StatusReport& report) {
 }
 
 std::vector<std::string> report_block(JovuDeviceAddress address, const StatusReport& report) {
+    return report_block(device_name(address), report);
+}
+
+std::vector<std::string> report_block(const std::string& device, const StatusReport& report) {
     return {
-        labelled("Device", device_name(address)),
+        labelled("Device", device),
         labelled("Model", shown(report.printer.model_name)),
         labelled("Firmware", shown(report.printer.firmware_name) + " " +
                                  shown(report.printer.firmware_version)),
@@ -157,7 +90,11 @@ std::vector<std::string> report_block(JovuDeviceAddress address, const StatusRep
 }
 
 std::string report_line(JovuDeviceAddress address, const StatusReport& report) {
-    std::string line = device_name(address) + "  " + shown(report.state) + "  " +
+    return device_name(address) + "  " + report_line(report);
+}
+
+std::string report_line(const StatusReport& report) {
+    std::string line = shown(report.state) + "  " +
                        temperature_string(report.extruder_temperature) + "  " +
                        std::to_string(report.progress) + " %  " +
                        duration_string(report.time_elapsed) + "  job " + job_string(report);

@@ -78,4 +78,14 @@ std::string labelled(const std::string& label, const std::string& value) {
     return line + value;
 }
 
+std::string strip_gcode(const std::string& line) {
+    const std::string code = line.substr(0, line.find(';'));
+    constexpr const char* kBlanks = " \t\r\n\v\f";
+    const std::size_t begin = code.find_first_not_of(kBlanks);
+    if (begin == std::string::npos) {
+        return {};
+    }
+    return code.substr(begin, code.find_last_not_of(kBlanks) - begin + 1);
+}
+
 }  // namespace jovu_cli

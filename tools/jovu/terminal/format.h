@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 
 /// @file
-/// Points in time, durations, temperatures and sizes as strings, and labelled lines.
+/// Points in time, durations, temperatures and sizes as strings, labelled lines, and gcode without
+/// its comment.
 #pragma once
 
 #include <chrono>
@@ -27,5 +28,9 @@ std::string size_string(double bytes);
 
 /// @return a line of a block: the label, padded to the width of the column, and the value.
 std::string labelled(const std::string& label, const std::string& value);
+
+/// @return the part of a line that is sent: without the comment (from ";" on) and surrounding
+///     blanks.
+std::string strip_gcode(const std::string& line);
 
 }  // namespace jovu_cli

@@ -14,6 +14,7 @@
 #include "cli/failure.h"
 #include "cli/suggestions.h"
 #include "posix/files.h"
+#include "terminal/format.h"
 
 namespace jovu_cli {
 namespace {
@@ -61,16 +62,6 @@ std::string read_line(const StopSource& stop) {
 }
 
 }  // namespace
-
-std::string strip_gcode(const std::string& line) {
-    const std::string code = line.substr(0, line.find(';'));
-    constexpr const char* kBlanks = " \t\r\n\v\f";
-    const std::size_t begin = code.find_first_not_of(kBlanks);
-    if (begin == std::string::npos) {
-        return {};
-    }
-    return code.substr(begin, code.find_last_not_of(kBlanks) - begin + 1);
-}
 
 std::optional<GcodeLine> GcodeReader::next() {
     while (const std::optional<std::string> raw = next_raw()) {

@@ -28,10 +28,6 @@ struct GcodeLine {
     std::string code;    ///< Without comment and surrounding blanks; never empty.
 };
 
-/// @return the part of a line that is sent: without the comment (from ";" on) and surrounding
-///     blanks.
-std::string strip_gcode(const std::string& line);
-
 /// Reads lines of gcode one by one. Skips comments and blank lines, but counts them.
 class GcodeReader {
 public:

@@ -6,18 +6,15 @@
 
 #include <cstdio>
 #include <memory>
-#include <nlohmann/json_fwd.hpp>
 #include <string>
 #include <string_view>
 
 #include "cli/failure.h"
+#include "cli/json.h"
 #include "posix/files.h"
 #include "posix/stop_source.h"
 
 namespace jovu_cli {
-
-/// JSON with its members in the order of their insertion.
-using Json = nlohmann::ordered_json;
 
 /// Reserves the standard output for the program: file descriptor 1, on which a library may print,
 /// becomes a duplicate of standard error.

@@ -1,0 +1,164 @@
+// SPDX-License-Identifier: Apache-2.0
+
+/// @file
+/// The bridge: the controllers of this computer on one side, a broker on the other.
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <deque>
+#include <map>
+#include <memory>
+#include <set>
+#include <string>
+#include <thread>
+#include <unordered_map>
+#include <vector>
+
+#include "bridge/config.h"
+#include "bridge/device.h"
+#include "bridge/job_source.h"
+#include "bridge/journal.h"
+#include "bridge/log.h"
+#include "bridge/metrics.h"
+#include "bridge/outbox.h"
+#include "bridge/running_requests.h"
+#include "bridge/scheduler.h"
+#include "jovu/callback_client.h"
+#include "mqtt/client.h"
+
+namespace jovu_bridge {
+
+/// Hands debug messages from the thread that receives, which must not wait, to a thread that
+/// publishes them. Bounded: what does not fit is counted for its device.
+class EventQueue {
+public:
+    static constexpr std::size_t kMost = 10000;
+
+    explicit EventQueue(Outbox& outbox, const jovu_mqtt::Topics& topics);
+    ~EventQueue();
+    EventQueue(const EventQueue&) = delete;
+    EventQueue& operator=(const EventQueue&) = delete;
+
+    /// Does not wait.
+    void push(const std::shared_ptr<Device>& device, const std::string& text);
+
+private:
+    struct Event {
+        std::shared_ptr<Device> device;
+        std::string text;
+        std::chrono::system_clock::time_point time;
+    };
+    void run();
+
+    Outbox& outbox_;
+    const jovu_mqtt::Topics& topics_;
+    jovu_cli::Mutex mutex_;
+    std::condition_variable_any wake_;
+    std::deque<Event> events_ JOVU_GUARDED_BY(mutex_);
+    std::map<std::string, std::uint64_t> lost_ JOVU_GUARDED_BY(mutex_);  ///< By device.
+    bool ended_ JOVU_GUARDED_BY(mutex_) = false;
+    std::thread thread_;  ///< Last: it uses the members above.
+};
+
+/// Threads: its owner's. Lock order: `lifecycle_mutex_`, then `table_mutex_`; see
+/// docs/architecture.md for those of its parts.
+class Bridge {
+public:
+    /// Opens the journal and the folder of jobs.
+    /// @param read a configuration without problems.
+    /// @throws JournalError, jovu_mqtt::Error or std::runtime_error with the reason.
+    Bridge(const ReadConfig& read, Log& log);
+    /// As stop(), without waiting for what is in progress.
+    ~Bridge();
+    Bridge(const Bridge&) = delete;
+    Bridge& operator=(const Bridge&) = delete;
+
+    /// Serves metrics, connects to the broker, and opens devices.
+    /// @throws JovuException or std::runtime_error
+    void start();
+
+    /// Takes a new configuration. What takes effect only at a start stays, and is logged.
+    void reload(const ReadConfig& read);
+
+    /// A new configuration could not be used.
+    void refuse_reload() { metrics_.reloaded(false); }
+
+    /// Refuses new requests, and ends those in progress: a push continues with filler, a trace is
+    /// turned off. Returns within the limit and a few seconds.
+    void stop(std::chrono::milliseconds limit);
+
+    /// Whether the threads of the bridge run: for a watchdog.
+    bool healthy() const;
+
+private:
+    using Clock = std::chrono::steady_clock;
+    struct Duplicate {
+        std::string name;
+        std::string port;
+    };
+
+    jovu_mqtt::ClientOptions client_options(const ReadConfig& read) const;
+    jovu_mqtt::Handlers handlers();
+    void set_rules(const Config& config);
+
+    void receive(const jovu_mqtt::Message& message);
+    void receive_request(const jovu_mqtt::Message& message);
+    void receive_availability(const std::string& name, const std::string& payload);
+
+    void device_connected(JovuDeviceAddress address);
+    void device_disconnected(JovuDeviceAddress address);
+    void device_unavailable(const JovuDeviceInfo& info);
+    void add(JovuDeviceAddress address, const std::string& name, const std::string& port);
+    /// Removes a device from the table. The caller calls leave().
+    std::shared_ptr<Device> take(JovuDeviceAddress address);
+    void adopt_duplicate(const std::string& name);
+    std::shared_ptr<Device> find(JovuDeviceAddress address) const;
+    std::shared_ptr<Device> find(const std::string& name) const;
+    std::vector<std::shared_ptr<Device>> devices() const;
+    void publish_availability(const std::string& name, bool online, const std::string& reason);
+    void publish_bridge();
+    void keep_house();
+
+    Log& log_;
+    const std::string name_;
+    Settings settings_;
+    Metrics metrics_;
+    jovu_mqtt::Topics topics_;
+    std::unique_ptr<jovu_mqtt::Client> client_;
+    Outbox outbox_;
+    Journal journal_;
+    JobSource jobs_;
+    RunningRequests requests_;
+    Scheduler scheduler_;
+    JovuCallbackClient usb_;
+    Services services_;
+    EventQueue events_;
+
+    mutable jovu_cli::Mutex rules_mutex_;
+    std::shared_ptr<const RequestRules> rules_ JOVU_GUARDED_BY(rules_mutex_);
+
+    /// Held while a device is added or removed; nothing waits for a device with it held.
+    jovu_cli::Mutex lifecycle_mutex_;
+    /// Disconnections that are to be ignored: the device was replaced before they came.
+    std::unordered_map<JovuDeviceAddress, unsigned> replaced_ JOVU_GUARDED_BY(lifecycle_mutex_);
+    std::unordered_map<JovuDeviceAddress, Duplicate> duplicates_ JOVU_GUARDED_BY(lifecycle_mutex_);
+
+    /// A leaf, which the thread that receives acquires too.
+    mutable jovu_cli::Mutex table_mutex_;
+    std::unordered_map<JovuDeviceAddress, std::shared_ptr<Device>> table_
+        JOVU_GUARDED_BY(table_mutex_);
+    std::map<std::string, std::shared_ptr<std::atomic<std::uint64_t>>> event_counts_
+        JOVU_GUARDED_BY(table_mutex_);  ///< Of all devices that were ever connected.
+    std::set<std::string> elsewhere_ JOVU_GUARDED_BY(table_mutex_);  ///< Another bridge's now.
+
+    std::atomic<bool> started_{false};
+    std::atomic<bool> stopping_{false};
+    std::atomic<bool> failed_{false};
+    std::atomic<Clock::rep> last_tick_{0};
+    std::atomic<std::uint64_t> published_lost_{0};
+};
+
+}  // namespace jovu_bridge

@@ -1,0 +1,114 @@
+// SPDX-License-Identifier: Apache-2.0
+
+/// @file
+/// What waits for the broker.
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <map>
+#include <optional>
+#include <string>
+
+#include "bridge/metrics.h"
+#include "bridge/request.h"
+#include "mqtt/client.h"
+#include "posix/mutex.h"
+
+namespace jovu_bridge {
+
+/// A bounded queue towards the broker. Of a retained topic it keeps the newest value; when there
+/// are too many events, or too many responses, it drops the oldest, counts them and tells how many.
+///
+/// Threads: any. The mutex is held while a message is handed to the connection, which takes it
+/// without waiting and calls nothing back.
+class Outbox {
+public:
+    struct Limits {
+        std::size_t max_events = 10000;
+        std::size_t max_responses = 10000;
+    };
+
+    /// Messages that the broker has not acknowledged.
+    static constexpr std::size_t kWindow = 200;
+
+    /// Hands a message to the connection; as jovu_mqtt::Client::publish().
+    using Send = std::function<std::optional<jovu_mqtt::Token>(jovu_mqtt::Message)>;
+
+    Outbox(const Limits& limits, Send send, Metrics& metrics);
+
+    void set_limits(const Limits& limits);
+
+    /// Sets the value of a retained topic.
+    void state(const std::string& topic, std::string payload);
+
+    /// Adds an event. It is retained, so that a new subscriber receives the last one.
+    void event(const std::string& topic, std::string payload);
+
+    /// Adds to the number of events of a topic that were dropped before they came here.
+    void lost_events(const std::string& topic, std::uint64_t count);
+
+    /// Adds a response. One that is not final is dropped while there is no connection.
+    void respond(const ReplyTo& reply, std::string payload, bool final);
+
+    /// Sends samples, or drops them.
+    /// @return whether the connection has taken them.
+    bool samples(const std::string& topic, std::string payload);
+
+    /// The connection begins: all retained topics are sent anew.
+    void connected();
+    void disconnected();
+
+    void acknowledged(const jovu_mqtt::Acknowledgement& acknowledgement);
+
+    /// Messages that were dropped since the start.
+    std::uint64_t lost() const;
+
+    /// Messages that wait, or are on their way.
+    std::size_t size() const;
+
+private:
+    using Clock = std::chrono::steady_clock;
+    struct State {
+        std::string payload;
+        bool waits = false;   ///< To be sent.
+        bool on_way = false;  ///< An earlier value is not acknowledged yet.
+    };
+    struct Queued {
+        std::string topic;
+        std::string payload;
+        std::string correlation;
+    };
+    struct Sent {
+        Clock::time_point time;
+        std::string topic;  ///< Of a retained state; empty for others.
+    };
+
+    void drain() JOVU_REQUIRES(mutex_);
+    bool drain_responses() JOVU_REQUIRES(mutex_);
+    bool drain_states() JOVU_REQUIRES(mutex_);
+    bool drain_events() JOVU_REQUIRES(mutex_);
+    /// @return whether the connection has taken the message.
+    bool send(const char* kind, jovu_mqtt::Message message, const std::string& state_topic)
+        JOVU_REQUIRES(mutex_);
+    std::size_t size_locked() const JOVU_REQUIRES(mutex_);
+    void drop(const char* kind, std::uint64_t count) JOVU_REQUIRES(mutex_);
+
+    const Send send_;
+    Metrics& metrics_;
+    mutable jovu_cli::Mutex mutex_;
+    Limits limits_ JOVU_GUARDED_BY(mutex_);
+    bool connected_ JOVU_GUARDED_BY(mutex_) = false;
+    std::map<std::string, State> states_ JOVU_GUARDED_BY(mutex_);
+    std::deque<std::string> waiting_states_ JOVU_GUARDED_BY(mutex_);  ///< Topics, oldest first.
+    std::deque<Queued> events_ JOVU_GUARDED_BY(mutex_);
+    std::map<std::string, std::uint64_t> lost_events_ JOVU_GUARDED_BY(mutex_);  ///< By topic.
+    std::deque<Queued> responses_ JOVU_GUARDED_BY(mutex_);
+    std::map<jovu_mqtt::Token, Sent> sent_ JOVU_GUARDED_BY(mutex_);
+    std::uint64_t lost_ JOVU_GUARDED_BY(mutex_) = 0;
+};
+
+}  // namespace jovu_bridge
