@@ -37,6 +37,12 @@ NO_MESSAGES = [
     ("tools/jovu/shell/line_editor.cpp", r"^Complete the word$"),  # Shown by an editor's key list.
     ("tools/jovu/commands/shell.cpp", r"^A line that does not|^\.help COMMAND|^(events|device|help) "
                                       r"|^Show |^Choose a device|^A line is gcode"),  # .help
+    ("tools/bridge/config.cpp", r""),  # What is possible for a key, which each message names.
+    ("tools/bridge/request.cpp", r""),  # To requesters: what is wrong with a value.
+    ("tools/bridge/device_requests.cpp", r""),  # To requesters: how a request has ended.
+    ("tools/bridge/metrics.cpp", r"\.$"),  # Descriptions of metrics.
+    ("tools/bridge/journal.cpp", r"^(PRAGMA|BEGIN|INSERT|UPDATE|DELETE|SELECT|COMMIT)"),
+    ("tools/bridge/main.cpp", r"^(Connects|The conf|Check the|SIGTERM and|RELOADING)"),  # Its help.
     ("tools/jovu/fleet/fleet.cpp", r"^all stored messages"),  # To itself, over the broker.
     ("tools/jovu/monitor/view.cpp", r"^(up|[praq] |Each request|A request to|Any key)"),  # Its help.
 ]
@@ -104,8 +110,10 @@ def check_messages():
     used = set()
     count = 0
     known = []
-    files = sorted(p for folder in ("include", "src", "tools/jovu", "tools/mqtt")
-                   for p in (TOP / folder).rglob("*") if p.suffix in (".h", ".cpp"))
+    folders = ("include", "src", "tools/bridge", "tools/jovu",
+               "tools/mqtt")
+    files = sorted(p for folder in folders for p in (TOP / folder).rglob("*")
+                   if p.suffix in (".h", ".cpp"))
     for path in files:
         name = str(path.relative_to(TOP))
         rules = [rule for rule in NO_MESSAGES if rule[0] == name]

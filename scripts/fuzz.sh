@@ -12,7 +12,7 @@ cd "$(dirname "$0")/.."
 [[ ${1:-} =~ ^[1-9][0-9]*$ ]] || { sed -n '3,/^set /s/^# \{0,1\}//p' "$0" >&2; exit 2; }
 seconds=$1
 shift
-all=(message_channel job_channel dfu_output call_arguments)
+all=(message_channel job_channel dfu_output call_arguments bridge_request bridge_config)
 fuzzers=("$@")
 [[ ${#fuzzers[@]} -gt 0 ]] || fuzzers=("${all[@]}")
 for name in "${fuzzers[@]}"; do

@@ -15,6 +15,8 @@ demo_packages=(
     libcli11-dev nlohmann-json3-dev           # the jovu program
     libedit-dev libncurses-dev                # its prompt, its monitor
     libmosquitto-dev                          # its connection to a message broker
+    libcurl4-openssl-dev libssl-dev libsqlite3-dev libsystemd-dev   # the bridge
+    libtomlplusplus-dev prometheus-cpp-dev
     gnuplot-nox dfu-util                      # its plots, its firmware updates
     libumockdev-dev umockdev                  # the simulated controller
     jq                                        # reads JSON in the demo
@@ -26,7 +28,8 @@ test_packages=(
     libudev-dev                               # what libusb's pkg-config file names for static linking
     locales                                   # the source of a locale with a decimal comma
     tshark                                    # captures, read by the dissector for Wireshark
-    mosquitto openssl                         # a broker, and its certificates
+    mosquitto mosquitto-clients openssl       # a broker, its clients, and its certificates
+    prometheus python3-matplotlib             # alert rules, and a picture of the dashboard
     bash-completion mandoc                    # for the completion and the manual pages
     qt6-base-dev libqt6opengl6-dev qt6-charts-dev  # the panel among the examples
     xvfb xauth fonts-dejavu-core                   # an X server for its test

@@ -100,6 +100,7 @@ forbid "the connection to a broker uses its own headers, and a lock and an owner
     "$(from_outside tools/mqtt tools | grep -vE '"posix/(mutex|files)\.h"' || true)"
 forbid "only tools/mqtt may name mosquitto.h" \
     "$(grep -rnE '\b(mosquitto|mqtt_protocol)\.h' include src tools | grep -v '^tools/mqtt/' || true)"
+module tools bridge 'jovu bridge mqtt cli posix terminal firmware'
 forbid "only src/usb may name libusb.h" \
     "$(grep -rn '\blibusb\.h' include src tools | grep -v '^src/usb/' || true)"
 forbid "only the messages and what is above them may use JSON" "$(includes src/usb src/base | grep '<yajl/' || true)"

@@ -39,10 +39,6 @@ std::string now_string() {
     return jovu_cli::utc_string(std::chrono::system_clock::now());
 }
 
-std::string dump(const Json& object) {
-    return object.dump(-1, ' ', false, Json::error_handler_t::replace);
-}
-
 Outbox::Limits outbox_limits(const Config& config) {
     return {static_cast<std::size_t>(config.outbox.max_events),
             static_cast<std::size_t>(config.outbox.max_responses)};
@@ -429,6 +425,7 @@ void Bridge::add(JovuDeviceAddress address, const std::string& name, const std::
         jovu_mqtt::Subscription requests;
         requests.filter = topics_.all_requests(name);
         requests.receive_stored = false;
+        requests.retain_as_published = true;  // So that such a request is refused.
         client_->subscribe(requests);
         jovu_mqtt::Subscription availability;
         availability.filter = topics_.device(name, "availability");
@@ -502,10 +499,10 @@ void Bridge::device_unavailable(const JovuDeviceInfo& info) {
 
 void Bridge::publish_availability(const std::string& name, bool online, const std::string& reason) {
     outbox_.state(topics_.device(name, "availability"),
-                  dump({{"state", online ? "online" : "offline"},
-                        {"bridge", name_},
-                        {"time", now_string()},
-                        {"reason", reason}}));
+                  to_payload({{"state", online ? "online" : "offline"},
+                              {"bridge", name_},
+                              {"time", now_string()},
+                              {"reason", reason}}));
 }
 
 void Bridge::publish_bridge() {
@@ -517,7 +514,7 @@ void Bridge::publish_bridge() {
                    {"devices", devices().size()},
                    {"lost", lost},
                    {"time", now_string()}};
-    outbox_.state(topics_.bridge(name_), dump(object));
+    outbox_.state(topics_.bridge(name_), to_payload(object));
 }
 
 void Bridge::keep_house() {

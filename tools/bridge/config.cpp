@@ -25,8 +25,7 @@ namespace {
 
 using Milliseconds = std::chrono::milliseconds;
 using Strings = std::vector<std::string>;
-using Target =
-    std::variant<std::string*, bool*, std::uint64_t*, Milliseconds*, Strings*, LogLevel*>;
+using Value = std::variant<std::string*, bool*, std::uint64_t*, Milliseconds*, Strings*, LogLevel*>;
 
 constexpr std::size_t kMaxShown = 80;  ///< Characters of a value in a message.
 constexpr std::uint64_t kTebibyte = 1ULL << 40U;
@@ -110,7 +109,7 @@ struct Row {
     const char* table;  ///< Empty for the keys at the top.
     const char* name;
     bool restart;  ///< A change takes effect when the bridge starts.
-    Target (*member)(Config& config);
+    Value (*member)(Config& config);
     const char* possible;  ///< Completes "must be ...".
     std::uint64_t least = 0;
     std::uint64_t most = 0;  ///< Both of numbers, and of durations in seconds.
@@ -123,7 +122,7 @@ constexpr const char* kFilePossible =
     "the name of a file: a credential of the service, or a path, also one relative to this file";
 constexpr const char* kYesNo = "true or false";
 
-#define JOVU_MEMBER(member) [](Config& config) -> Target { return &config.member; }
+#define JOVU_MEMBER(member) [](Config& config) -> Value { return &config.member; }
 
 const std::vector<Row>& rows() {
     static const std::vector<Row> kRows{
@@ -449,7 +448,7 @@ Strings different_keys(const Config& before, const Config& after, Predicate row_
     Config second = after;
     Strings keys;
     for (const Row& row : rows()) {
-        const Target other = row.member(second);
+        const Value other = row.member(second);
         const bool same = std::visit(
             [&other](auto* value) { return *value == *std::get<decltype(value)>(other); },
             row.member(first));

@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <nlohmann/json.hpp>
+#include <thread>
 
 #include "jovu/response_timeout.h"
 #include "terminal/format.h"
@@ -20,10 +21,9 @@ constexpr auto kReportLimit = 3s;
 /// The longest time between two status reports that are asked for, so that changes show.
 constexpr auto kPollPeriod = 1000ms;
 constexpr int kMostControls = 32;
-
-std::string dump(const Json& object) {
-    return object.dump(-1, ' ', false, Json::error_handler_t::replace);
-}
+/// How long a disconnection may take to show.
+constexpr auto kLeaveLimit = 400ms;
+constexpr auto kLeavePoll = 20ms;
 
 /// @return a report without what changes all the time.
 std::string without_times(Json object) {
@@ -31,7 +31,7 @@ std::string without_times(Json object) {
     object.erase("boot_time");
     object.erase("idle_time");
     object["job"].erase("time_elapsed");
-    return dump(object);
+    return to_payload(object);
 }
 
 }  // namespace
@@ -129,10 +129,10 @@ void Device::publish_status(const StatusReport& report) {
         }
     }
     if (!identity.is_null()) {
-        services_.outbox.state(topic("identity"), dump(identity));
+        services_.outbox.state(topic("identity"), to_payload(identity));
     }
     if (publish) {
-        services_.outbox.state(topic("status"), dump(object));
+        services_.outbox.state(topic("status"), to_payload(object));
     }
     note_job(report);
     follow(report);
@@ -240,14 +240,16 @@ Device::Exchange Device::exchange(const std::function<Json()>& call) {
     return made;
 }
 
-std::string Device::code_of(JovuError code) const {
-    // A device that was unplugged in an exchange gives no response.
-    if (code == JovuError::no_response || code == JovuError::transfer_failed ||
-        code == JovuError::closed) {
+std::string Device::code_of(JovuError code) {
+    const bool may_be_gone = code == JovuError::no_response || code == JovuError::closed ||
+                             code == JovuError::transfer_failed;
+    // An exchange fails a moment before its device counts as disconnected.
+    for (auto waited = 0ms; may_be_gone && waited < kLeaveLimit; waited += kLeavePoll) {
         const auto connected = client().list_connected();
         if (gone_ || std::find(connected.begin(), connected.end(), address_) == connected.end()) {
             return jovu_error_name(JovuError::disconnected);
         }
+        std::this_thread::sleep_for(kLeavePoll);
     }
     return jovu_error_name(code);
 }
@@ -265,7 +267,7 @@ void Device::publish_event(const std::string& text, std::chrono::system_clock::t
                         {"time", jovu_cli::utc_string(time)},
                         {"kind", "debug"},
                         {"text", text}};
-    services_.outbox.event(topic("event"), dump(event));
+    services_.outbox.event(topic("event"), to_payload(event));
     services_.metrics.event(name_);
 }
 

@@ -150,7 +150,8 @@ private:
     bool begin(const Running& running);
     /// Makes one exchange, and counts it.
     Exchange exchange(const std::function<jovu_cli::Json()>& call);
-    std::string code_of(JovuError code) const;
+    /// @return the code of a response; tells a device that has been unplugged.
+    std::string code_of(JovuError code);
 
     // device_requests.cpp
     void run_call(const Running& running);

@@ -60,7 +60,7 @@ bool shows_new_job(const StatusReport& before, const StatusReport& now) {
 }
 
 /// The device does not do what was asked of it.
-struct Refused {
+struct JobRefused {
     std::string message;
 };
 
@@ -109,7 +109,7 @@ Json Device::job_json(const JobState& job) const {
 
 void Device::publish_job(const JobState& job) {
     Json object = job_json(job);
-    const std::string essence = object.dump(-1, ' ', false, Json::error_handler_t::replace);
+    const std::string essence = to_payload(object);
     {
         const MutexLock lock(mutex_);
         job_ = job;
@@ -119,8 +119,7 @@ void Device::publish_job(const JobState& job) {
         published_job_ = essence;
     }
     object["time"] = jovu_cli::utc_string(std::chrono::system_clock::now());
-    services_.outbox.state(topic("job"),
-                           object.dump(-1, ' ', false, Json::error_handler_t::replace));
+    services_.outbox.state(topic("job"), to_payload(object));
     services_.metrics.job(name_, job.phase, job.percent);
 }
 
@@ -195,8 +194,8 @@ void Device::run_job(const Running& running) {
         const MutexLock channel(job_channel_);
         const StatusReport before = request_status();
         if (has_job(before)) {
-            throw Refused{"busy with another job: " + before.state + ", " +
-                          std::to_string(before.progress) + " %; nothing was sent"};
+            throw JobRefused{"busy with another job: " + before.state + ", " +
+                             std::to_string(before.progress) + " %; nothing was sent"};
         }
         outcome = send_job(running, request, file.get(), before, cancel);
     } catch (const FetchFailure& failure) {
@@ -204,7 +203,7 @@ void Device::run_job(const Running& running) {
         if (gone_ || stopping_) {
             outcome = obstacle();
         }
-    } catch (const Refused& refused) {
+    } catch (const JobRefused& refused) {
         outcome = Outcome::failed("refused", refused.message);
     } catch (const JovuException& error) {
         outcome = Outcome::failed(code_of(error.code()), error.what());
@@ -290,13 +289,13 @@ StatusReport Device::wait_accepted(const StatusReport& before) {
         const bool is_new = shows_new_job(before, now);
         const bool late = Clock::now() >= deadline;
         if (phase == JobPhase::error && (is_new || now.error != before.error || late)) {
-            throw Refused{"the device refused the job: " + jovu_cli::describe_error(now)};
+            throw JobRefused{"the device refused the job: " + jovu_cli::describe_error(now)};
         }
         if (is_new && phase != JobPhase::error && phase != JobPhase::receiving) {
             return now;
         }
         if (late) {
-            throw Refused{"the device does not show the job: " + jovu_cli::describe_error(now)};
+            throw JobRefused{"the device does not show the job: " + jovu_cli::describe_error(now)};
         }
         if (!pause_for(kAcceptPoll)) {
             std::this_thread::sleep_for(kAcceptPoll);  // The bridge stops; the job has been sent.

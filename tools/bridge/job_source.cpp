@@ -42,19 +42,19 @@ constexpr std::size_t kCopySize = 256U << 10U;
 constexpr std::string_view kNamePrefix = "fetch.";
 
 template <auto kFree>
-struct Release {
+struct ReleaseTransfer {
     template <typename T>
     void operator()(T* object) const noexcept {
         kFree(object);
     }
 };
-using Url = std::unique_ptr<CURLU, Release<curl_url_cleanup>>;
-using UrlPart = std::unique_ptr<char, Release<curl_free>>;
-using Transfer = std::unique_ptr<CURL, Release<curl_easy_cleanup>>;
-using DigestContext = std::unique_ptr<EVP_MD_CTX, Release<EVP_MD_CTX_free>>;
-using Folder = std::unique_ptr<DIR, Release<closedir>>;
+using Url = std::unique_ptr<CURLU, ReleaseTransfer<curl_url_cleanup>>;
+using UrlPart = std::unique_ptr<char, ReleaseTransfer<curl_free>>;
+using Transfer = std::unique_ptr<CURL, ReleaseTransfer<curl_easy_cleanup>>;
+using DigestContext = std::unique_ptr<EVP_MD_CTX, ReleaseTransfer<EVP_MD_CTX_free>>;
+using Folder = std::unique_ptr<DIR, ReleaseTransfer<closedir>>;
 
-std::string reason(int error) {
+std::string error_reason(int error) {
     return std::system_category().message(error);
 }
 
@@ -108,17 +108,18 @@ std::string real_path(const FileDescriptor& file) {
 }
 
 /// The file that is being fetched: takes bytes up to the announced size, and computes the digest.
-class Target {
+class FetchedFile {
 public:
-    Target(const std::string& folder, const JobReference& job, const JobLimits& limits,
-           const JobSource::Progress& progress)
+    FetchedFile(const std::string& folder, const JobReference& job, const JobLimits& limits,
+                const JobSource::Progress& progress)
         : job_(job), progress_(progress), digest_(EVP_MD_CTX_new()) {
         if (!digest_ || EVP_DigestInit_ex(digest_.get(), EVP_sha256(), nullptr) != 1) {
             throw std::bad_alloc();
         }
         struct statvfs space {};
         if (::statvfs(folder.c_str(), &space) == -1) {
-            fail("fetch_failed", job.url, "\"" + folder + "\" cannot be used: " + reason(errno));
+            fail("fetch_failed", job.url,
+                 "\"" + folder + "\" cannot be used: " + error_reason(errno));
         }
         const std::uint64_t free = std::uint64_t{space.f_bavail} * space.f_frsize;
         if (free < limits.keep_free || free - limits.keep_free < job.size) {
@@ -182,7 +183,7 @@ public:
                  "is longer than the " + std::to_string(job_.size) + " bytes of the request");
         }
         if (write_error_ != 0) {
-            fail("fetch_failed", job_.url, "cannot be stored: " + reason(write_error_));
+            fail("fetch_failed", job_.url, "cannot be stored: " + error_reason(write_error_));
         }
         if (!problem.empty()) {
             fail(code, job_.url, problem);
@@ -195,7 +196,7 @@ public:
         check_digest();
         File file(::fdopen(fd_.get(), "rb"));
         if (!file) {
-            fail("fetch_failed", job_.url, "cannot be opened: " + reason(errno));
+            fail("fetch_failed", job_.url, "cannot be opened: " + error_reason(errno));
         }
         fd_.release();
         std::rewind(file.get());
@@ -230,7 +231,7 @@ private:
             fd_.set(::mkostemp(name.data(), O_CLOEXEC));
             if (fd_.get() == -1 || ::unlink(name.c_str()) == -1) {
                 fail("fetch_failed", job_.url,
-                     "\"" + folder + "\" cannot be written: " + reason(errno));
+                     "\"" + folder + "\" cannot be written: " + error_reason(errno));
             }
         }
     }
@@ -268,12 +269,12 @@ private:
 
 extern "C" std::size_t jovu_take_data(char* data, std::size_t /*one*/, std::size_t size,
                                       void* target) {
-    return static_cast<Target*>(target)->take(data, size) ? size : CURL_WRITEFUNC_ERROR;
+    return static_cast<FetchedFile*>(target)->take(data, size) ? size : CURL_WRITEFUNC_ERROR;
 }
 
 extern "C" int jovu_report_progress(void* target, curl_off_t /*total*/, curl_off_t /*now*/,
                                     curl_off_t /*upload_total*/, curl_off_t /*upload_now*/) {
-    return static_cast<Target*>(target)->report() ? 0 : 1;
+    return static_cast<FetchedFile*>(target)->report() ? 0 : 1;
 }
 
 /// Sets an option, which fails only without memory or when the library lacks what we build on.
@@ -302,7 +303,7 @@ const char* code_of(CURLcode result) {
     }
 }
 
-File fetch_https(const JobReference& job, const JobLimits& limits, Target& target) {
+File fetch_https(const JobReference& job, const JobLimits& limits, FetchedFile& target) {
     // Initialises the library; the first call does so for all threads.
     static const CURLcode kReady = curl_global_init(CURL_GLOBAL_DEFAULT);
     const Transfer transfer(kReady == CURLE_OK ? curl_easy_init() : nullptr);
@@ -376,7 +377,7 @@ FileDescriptor open_permitted(const JobReference& job, const JobLimits& limits) 
         fail("not_allowed", job.url, "is in none of the folders of jobs.folders");
     }
     if (!found.valid()) {
-        fail("fetch_failed", job.url, "cannot be opened: " + reason(error));
+        fail("fetch_failed", job.url, "cannot be opened: " + error_reason(error));
     }
     struct stat seen {};
     if (::fstat(found.get(), &seen) == -1 || !S_ISREG(seen.st_mode)) {
@@ -384,13 +385,13 @@ FileDescriptor open_permitted(const JobReference& job, const JobLimits& limits) 
     }
     FileDescriptor file(::open(open_path(found.get()).c_str(), O_RDONLY | O_CLOEXEC));
     if (!file.valid()) {
-        fail("fetch_failed", job.url, "cannot be read: " + reason(errno));
+        fail("fetch_failed", job.url, "cannot be read: " + error_reason(errno));
     }
     return file;
 }
 
 /// Copies the file, so that nobody can change it after its check.
-File fetch_file(const JobReference& job, const JobLimits& limits, Target& target) {
+File fetch_file(const JobReference& job, const JobLimits& limits, FetchedFile& target) {
     const FileDescriptor file = open_permitted(job, limits);
     std::string buffer(kCopySize, '\0');
     while (target.report()) {
@@ -399,7 +400,7 @@ File fetch_file(const JobReference& job, const JobLimits& limits, Target& target
             continue;
         }
         if (count == -1) {
-            return target.finish("fetch_failed", "cannot be read: " + reason(errno));
+            return target.finish("fetch_failed", "cannot be read: " + error_reason(errno));
         }
         if (count == 0 || !target.take(buffer.data(), static_cast<std::size_t>(count))) {
             break;
@@ -468,11 +469,11 @@ void check_reference(const JobReference& job, const JobLimits& limits) {
 JobSource::JobSource(std::string folder) : folder_(std::move(folder)) {
     constexpr mode_t kOwnerOnly = 0700;
     if (::mkdir(folder_.c_str(), kOwnerOnly) == -1 && errno != EEXIST) {
-        throw std::runtime_error("cannot create \"" + folder_ + "\": " + reason(errno));
+        throw std::runtime_error("cannot create \"" + folder_ + "\": " + error_reason(errno));
     }
     const Folder opened(::opendir(folder_.c_str()));
     if (!opened || ::faccessat(AT_FDCWD, folder_.c_str(), W_OK | X_OK, AT_EACCESS) == -1) {
-        throw std::runtime_error("cannot write \"" + folder_ + "\": " + reason(errno));
+        throw std::runtime_error("cannot write \"" + folder_ + "\": " + error_reason(errno));
     }
     while (const dirent* entry = ::readdir(opened.get())) {
         if (std::string_view(entry->d_name).substr(0, kNamePrefix.size()) == kNamePrefix) {
@@ -484,7 +485,7 @@ JobSource::JobSource(std::string folder) : folder_(std::move(folder)) {
 File JobSource::fetch(const JobReference& job, const JobLimits& limits,
                       const Progress& progress) const {
     check_reference(job, limits);
-    Target target(folder_, job, limits, progress);
+    FetchedFile target(folder_, job, limits, progress);
     return is_file_url(job) ? fetch_file(job, limits, target) : fetch_https(job, limits, target);
 }
 

@@ -137,7 +137,7 @@ int main(int argc, char** argv) {
     CLI::App app("Connects the controllers of this computer to an MQTT broker.", "jovu-bridge");
     std::string file = "/etc/jovu/jovu-bridge.toml";
     bool only_check = false;
-    app.add_option("-c,--config", file, "The configuration file")
+    app.add_option("-c,--config,FILE", file, "The configuration file")
         ->type_name("FILE")
         ->capture_default_str();
     app.add_flag("--check-config", only_check,

@@ -10,11 +10,6 @@ using jovu_cli::MutexLock;
 
 namespace {
 
-/// Devices and requesters may send any bytes; a payload is UTF-8.
-std::string payload(const Json& object) {
-    return object.dump(-1, ' ', false, Json::error_handler_t::replace);
-}
-
 Json error_json(const std::string& code, const std::string& message) {
     return {{"code", code}, {"message", message}};
 }
@@ -24,6 +19,10 @@ bool same(const ReplyTo& a, const ReplyTo& b) {
 }
 
 }  // namespace
+
+std::string to_payload(const Json& object) {
+    return object.dump(-1, ' ', false, Json::error_handler_t::replace);
+}
 
 Json RunningRequests::envelope(const std::string& device, const std::string& operation,
                                const std::string& id, const char* state) {
@@ -122,7 +121,7 @@ void RunningRequests::respond_from_journal(const Request& request, const Journal
             "unknown, and it is not carried out again");
     }
     response["repeated"] = true;
-    outbox_.respond(request.reply, payload(response), true);
+    outbox_.respond(request.reply, to_payload(response), true);
 }
 
 void RunningRequests::refuse(const Refusal& refusal) {
@@ -132,7 +131,7 @@ void RunningRequests::refuse(const Refusal& refusal) {
               ", " + refusal.message);
     Json response = envelope(refusal.device, refusal.operation, refusal.id, "failed");
     response["error"] = error_json(refusal.code, refusal.message);
-    outbox_.respond(refusal.reply, payload(response), true);
+    outbox_.respond(refusal.reply, to_payload(response), true);
 }
 
 void RunningRequests::begin(RunningRequest& running) {
@@ -154,7 +153,7 @@ std::vector<ReplyTo> RunningRequests::replies(const RunningRequest& running) con
 void RunningRequests::accepted(const RunningRequest& running) {
     const Request& request = running.request;
     const std::string response =
-        payload(envelope(request.device, request.operation, request.id, "accepted"));
+        to_payload(envelope(request.device, request.operation, request.id, "accepted"));
     for (const ReplyTo& reply : replies(running)) {
         outbox_.respond(reply, response, false);
     }
@@ -164,7 +163,7 @@ void RunningRequests::progress(const RunningRequest& running, const Json& progre
     const Request& request = running.request;
     Json response = envelope(request.device, request.operation, request.id, "progress");
     response["progress"] = progress;
-    const std::string text = payload(response);
+    const std::string text = to_payload(response);
     for (const ReplyTo& reply : replies(running)) {
         outbox_.respond(reply, text, false);
     }
@@ -181,7 +180,7 @@ void RunningRequests::finish(RunningRequest& running, const Outcome& outcome) {
     if (failed) {
         response["error"] = error_json(outcome.code, outcome.message);
     }
-    const std::string text = payload(response);
+    const std::string text = to_payload(response);
     if (running.journalled) {
         try {
             journal_.finish(request.device, request.id, text);
@@ -198,7 +197,7 @@ void RunningRequests::finish(RunningRequest& running, const Outcome& outcome) {
         if (repeated) {
             response["repeated"] = true;
         }
-        outbox_.respond(reply, repeated ? payload(response) : text, true);
+        outbox_.respond(reply, repeated ? to_payload(response) : text, true);
         repeated = true;
     }
 }

@@ -21,6 +21,10 @@
 
 namespace jovu_bridge {
 
+/// @return JSON as the payload of a message. Devices and requesters may have put any bytes into its
+///     strings; what is not UTF-8 becomes U+FFFD.
+std::string to_payload(const jovu_cli::Json& object);
+
 /// How a request ended.
 struct Outcome {
     std::string code;       ///< Empty for success.

@@ -50,12 +50,16 @@ public:
     }
 
     /// Removes a function. Waits for a call of it in progress, except on the scheduler's thread.
+    /// @param id of a function that may have been called already; 0 for none.
     void remove(Id id) {
+        if (id == 0) {
+            return;
+        }
         std::unique_lock<jovu_cli::Mutex> lock(mutex_);
         for (auto entry = entries_.begin(); entry != entries_.end();) {
             entry = entry->second.id == id ? entries_.erase(entry) : std::next(entry);
         }
-        if (removed_running_ == 0 && running_ == id) {
+        if (running_ == id) {
             removed_running_ = id;
         }
         if (std::this_thread::get_id() != thread_.get_id()) {

@@ -305,6 +305,9 @@ Client::Core::Core(ClientOptions options, Handlers handlers)
     }
     throw_on(mosquitto_int_option(handle_.get(), MOSQ_OPT_PROTOCOL_VERSION, MQTT_PROTOCOL_V5),
              "MQTT 5 is not available");
+    // Otherwise a second small message waits for the acknowledgement of the first: 40 ms.
+    throw_on(mosquitto_int_option(handle_.get(), MOSQ_OPT_TCP_NODELAY, 1),
+             "cannot prepare the MQTT client");
     // Not a thread of the library: publishing queues a packet, and serve() writes it.
     throw_on(mosquitto_threaded_set(handle_.get(), true), "cannot prepare the MQTT client");
     mosquitto_connect_v5_callback_set(handle_.get(), on_connect);
