@@ -105,8 +105,10 @@ void EventQueue::run() {
         std::deque<Event> events;
         std::map<std::string, std::uint64_t> lost;
         {
-            std::unique_lock<jovu_cli::Mutex> lock(mutex_);
-            wake_.wait(lock, [this]() JOVU_REQUIRES(mutex_) { return ended_ || !events_.empty(); });
+            const jovu_cli::MutexLock lock(mutex_);
+            while (!ended_ && events_.empty()) {
+                wake_.wait(mutex_);
+            }
             if (events_.empty()) {
                 return;
             }

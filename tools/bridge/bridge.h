@@ -111,10 +111,11 @@ private:
     void device_connected(JovuDeviceAddress address);
     void device_disconnected(JovuDeviceAddress address);
     void device_unavailable(const JovuDeviceInfo& info);
-    void add(JovuDeviceAddress address, const std::string& name, const std::string& port);
+    void add(JovuDeviceAddress address, const std::string& name, const std::string& port)
+        JOVU_REQUIRES(lifecycle_mutex_);
     /// Removes a device from the table. The caller calls leave().
     std::shared_ptr<Device> take(JovuDeviceAddress address);
-    void adopt_duplicate(const std::string& name);
+    void adopt_duplicate(const std::string& name) JOVU_REQUIRES(lifecycle_mutex_);
     std::shared_ptr<Device> find(JovuDeviceAddress address) const;
     std::shared_ptr<Device> find(const std::string& name) const;
     std::vector<std::shared_ptr<Device>> devices() const;
