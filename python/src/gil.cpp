@@ -1,0 +1,52 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "gil.h"
+
+#include <cxxabi.h>
+#include <pthread.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <stdexcept>
+
+namespace jovu_python {
+
+namespace {
+
+std::atomic<bool> forked{false};
+
+/// Calls a function that acquires the GIL. Never returns once the interpreter ends.
+template <class Acquire>
+auto acquire_or_wait(Acquire acquire) noexcept {
+    try {
+        return acquire();
+    } catch (abi::__forced_unwind&) {
+        // Leaving this handler would end the process.
+        for (;;)
+            pause();
+    }
+}
+
+}  // namespace
+
+void GilReleased::acquire() noexcept {
+    if (state_ == nullptr) return;
+    acquire_or_wait([this] { PyEval_RestoreThread(state_); });
+    state_ = nullptr;
+}
+
+GilHeld::GilHeld() noexcept : state_(acquire_or_wait([] { return PyGILState_Ensure(); })) {}
+
+bool is_forked() noexcept {
+    static const int kWatched = pthread_atfork(nullptr, nullptr, [] { forked = true; });
+    return kWatched == 0 && forked;
+}
+
+void require_own_process() {
+    if (is_forked()) {
+        throw std::runtime_error(
+            "jovu cannot be used in a process that os.fork() has made after the import: start "
+            "processes with the method \"spawn\".");
+    }
+}
+
+}  // namespace jovu_python
