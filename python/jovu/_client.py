@@ -33,7 +33,7 @@ Handler = TypeVar("Handler", bound=Callable[..., object])
 #: Rate of the samples of a servo whose configuration tells none, in Hz.
 _USUAL_RATE = 1000
 #: How long a client that the program leaves open may take to end at exit, in seconds.
-_EXIT_LIMIT = 5.0
+_EXIT_LIMIT = 2.0
 
 _limit: contextvars.ContextVar[int] = contextvars.ContextVar("jovu.response_timeout", default=0)
 _open_clients: weakref.WeakSet[Client] = weakref.WeakSet()
