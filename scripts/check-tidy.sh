@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # SPDX-License-Identifier: Apache-2.0
-# Runs clang-tidy over the sources of library, program, simulator, Python module and tests. Every finding is an
-# error.
+# Runs clang-tidy over the sources of library, program, simulator, Python module and tests. Every
+# finding is an error.
 #
 #   scripts/check-tidy.sh [--all] BUILD_DIR
 #
