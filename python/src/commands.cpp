@@ -84,9 +84,9 @@ Command command(const jovu::CommandRow<method>& row) {
 }  // namespace
 
 const std::vector<Command>& commands() {
-    static const auto kCommands = std::apply(
+    static const auto all = std::apply(
         [](const auto&... row) { return std::vector<Command>{command(row)...}; }, jovu::catalogue);
-    return kCommands;
+    return all;
 }
 
 }  // namespace jovu_python

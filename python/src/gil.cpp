@@ -37,8 +37,8 @@ void GilReleased::acquire() noexcept {
 GilHeld::GilHeld() noexcept : state_(acquire_or_wait([] { return PyGILState_Ensure(); })) {}
 
 bool is_forked() noexcept {
-    static const int kWatched = pthread_atfork(nullptr, nullptr, [] { forked = true; });
-    return kWatched == 0 && forked;
+    static const int watched = pthread_atfork(nullptr, nullptr, [] { forked = true; });
+    return watched == 0 && forked;
 }
 
 void require_own_process() {

@@ -111,11 +111,11 @@ private:
 };
 
 bool on_main_thread() {
-    static const auto kMainThread = pybind11::module_::import("threading")
+    static const auto main_thread = pybind11::module_::import("threading")
                                         .attr("main_thread")()
                                         .attr("ident")
                                         .cast<unsigned long>();
-    return PyThread_get_thread_ident() == kMainThread;
+    return PyThread_get_thread_ident() == main_thread;
 }
 
 /// Waits for a run on a helper thread, and runs its callbacks and signal handlers meanwhile.

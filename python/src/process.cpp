@@ -38,10 +38,10 @@ thread_local int throwing_calls = 0;
 /// The lines of the log. Owned by the process: the library logs until it ends.
 const std::shared_ptr<NotificationQueue>& log_queue() {
     // NOLINTNEXTLINE(bugprone-unused-return-value): owned by the process.
-    static const auto* const kQueue = std::make_unique<const std::shared_ptr<NotificationQueue>>(
-                                          std::make_shared<NotificationQueue>())
-                                          .release();
-    return *kQueue;
+    static const auto* const queue = std::make_unique<const std::shared_ptr<NotificationQueue>>(
+                                         std::make_shared<NotificationQueue>())
+                                         .release();
+    return *queue;
 }
 
 void log_line(JovuLogLevel level, std::optional<JovuDeviceAddress> device,
