@@ -27,7 +27,7 @@ import jovu
 SECONDS = 1.2  # One move there and one back.
 #: What the gains that the servo has are multiplied by. The feed-forward stays as it is.
 PROPORTIONAL = (0.5, 4, 16, 64)
-INTEGRAL = (1, 16)
+INTEGRAL = (0.5, 2)
 DERIVATIVE = (1, 4, 16)
 
 
@@ -55,6 +55,7 @@ def measure(
     config.gains = gains
     client.servo_dc_config_set(device, servo, config)
     trace = client.trace(device, servo, SECONDS)
+    trace = trace[trace["time"] < SECONDS]  # On a busy computer it takes longer.
     while client.servo_dc_move_active(device, servo):
         pass  # It returns to where it was.
     units = config.pos_res_eu_per_mm
@@ -88,7 +89,7 @@ def draw(shown: "list[Measurement]", title: str, output: str) -> None:
     for axes in (course, errors):
         axes.grid(alpha=0.3)
     errors.legend(loc="upper center", bbox_to_anchor=(0.5, -0.15))
-    figure.savefig(output, dpi=110)
+    figure.savefig(output, dpi=90)
 
 
 def main() -> int:
