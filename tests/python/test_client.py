@@ -296,14 +296,16 @@ def test_nothing_leaks(client: jovu.Client, job: pathlib.Path) -> None:
 def test_clients_and_callbacks_die() -> None:
     class Owner:
         def __init__(self) -> None:
+            self.called = threading.Event()
             self.client = jovu.Client(connected=self.connected)  # A circle.
 
         def connected(self, device: jovu.Address) -> None:
-            pass
+            self.called.set()
 
     for ended in (True, False):
         owner = Owner()
-        owner.client.wait_for_device(30)
+        assert owner.called.wait(30)
+        time.sleep(0.1)  # Then the thread waits for the next call.
         thread = owner.client._thread
         references: "list[weakref.ref[Any]]" = [weakref.ref(owner), weakref.ref(owner.client)]
         if ended:
