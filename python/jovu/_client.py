@@ -89,6 +89,15 @@ class _Callback(Generic[Handler]):
         client._core.enable(self._kind, handler is not None)
 
 
+def _steps(counts: Any) -> Any:
+    """How far each count is from the one before; 1 where the device has restarted its count."""
+    import numpy
+
+    steps = numpy.diff(counts).astype("i8")  # Of 32 bits without a sign: the count wraps there.
+    steps[(steps == 0) | (steps >= 2**31)] = 1
+    return steps
+
+
 class Recording:
     """Samples of one servo that are being recorded. See Client.tracing()."""
 
@@ -114,19 +123,15 @@ class Recording:
         result = numpy.empty(len(received), dtype=fields)
         for name in received.dtype.names:
             result[name] = received[name]
-        # The count wraps at 2**32.
-        steps = numpy.diff(received["int_cnt"], prepend=received["int_cnt"][:1])
-        result["time"] = numpy.cumsum(steps.astype("u8")) / self.rate
+        result["time"][:1] = 0
+        result["time"][1:] = numpy.cumsum(_steps(received["int_cnt"])) / self.rate
         return result
 
     @property
     def lost(self) -> int:
         """How many samples are missing, by their counts, or were not kept for want of room."""
-        import numpy
-
-        counts = self._samples.array()["int_cnt"]
-        steps = numpy.diff(counts).astype("i8")
-        return self._samples.lost + int(numpy.sum(numpy.maximum(steps - 1, 0)))
+        steps = _steps(self._samples.array()["int_cnt"])
+        return self._samples.lost + int((steps - 1).sum())
 
 
 class Client(Commands):
@@ -451,8 +456,10 @@ def _close_all() -> None:
     deadline = time.monotonic() + _EXIT_LIMIT
     for client in list(_open_clients):
         if not client.closed:
-            client._end()
-            client._join(max(0.0, deadline - time.monotonic()))
+            client._closed = True
+            # A callback of a push, which this waits for, may never return.
+            if client._core.stop_for(_milliseconds(max(0.0, deadline - time.monotonic()))):
+                client._join(max(0.0, deadline - time.monotonic()))
     _log.stop()
 
 

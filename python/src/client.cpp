@@ -70,7 +70,7 @@ py::object run_command(const SharedCore& core, std::size_t index, const py::hand
                                 ":" + std::to_string(address.address) + ": " + exchange->reason,
                             exchange->code);
     }
-    return exchange->command->result();
+    return call_until_exit([&] { return exchange->command->result(); });
 }
 
 py::object store_notification(const Notification& notification) {
@@ -266,10 +266,12 @@ void bind_client(py::module_& module) {
                      const GilReleased released;
                      taken = queue.take();
                  }
-                 py::list notifications;
-                 for (const Notification& notification : taken)
-                     notifications.append(store_notification(notification));
-                 return notifications;
+                 return call_until_exit([&taken] {
+                     py::list notifications;
+                     for (const Notification& notification : taken)
+                         notifications.append(store_notification(notification));
+                     return notifications;
+                 });
              })
         .def("close", &NotificationQueue::close)
         .def_property_readonly("lost", &NotificationQueue::lost);
@@ -290,6 +292,10 @@ void bind_client(py::module_& module) {
                  if (is_forked()) return;
                  const GilReleased released;
                  core->stop();
+             })
+        .def("stop_for",
+             [](const SharedCore& core, long limit) {
+                 return run_for([core] { core->stop(); }, Milliseconds(limit));
              })
         .def("enable", [](Core& core, int kind, bool on) { core.enable(Kind(kind), on); })
         .def_property_readonly(

@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "gil.h"
 
-#include <cxxabi.h>
 #include <pthread.h>
 #include <unistd.h>
 
@@ -14,27 +13,20 @@ namespace {
 
 std::atomic<bool> forked{false};
 
-/// Calls a function that acquires the GIL. Never returns once the interpreter ends.
-template <class Acquire>
-auto acquire_or_wait(Acquire acquire) noexcept {
-    try {
-        return acquire();
-    } catch (abi::__forced_unwind&) {
-        // Leaving this handler would end the process.
-        for (;;)
-            pause();
-    }
-}
-
 }  // namespace
+
+void wait_for_exit() noexcept {
+    for (;;)
+        pause();
+}
 
 void GilReleased::acquire() noexcept {
     if (state_ == nullptr) return;
-    acquire_or_wait([this] { PyEval_RestoreThread(state_); });
+    call_until_exit([this] { PyEval_RestoreThread(state_); });
     state_ = nullptr;
 }
 
-GilHeld::GilHeld() noexcept : state_(acquire_or_wait([] { return PyGILState_Ensure(); })) {}
+GilHeld::GilHeld() noexcept : state_(call_until_exit([] { return PyGILState_Ensure(); })) {}
 
 bool is_forked() noexcept {
     static const int watched = pthread_atfork(nullptr, nullptr, [] { forked = true; });

@@ -12,8 +12,22 @@
 // NOLINTNEXTLINE(bugprone-reserved-identifier,readability-identifier-naming): the interpreter's.
 #define PY_SSIZE_T_CLEAN
 #include <Python.h>
+#include <cxxabi.h>
 
 namespace jovu_python {
+
+/// Waits for the end of the process.
+[[noreturn]] void wait_for_exit() noexcept;
+
+/// Calls a function that runs Python or acquires the GIL. Never returns once the interpreter ends.
+template <class Function>
+auto call_until_exit(const Function& function) {
+    try {
+        return function();
+    } catch (abi::__forced_unwind&) {
+        wait_for_exit();  // Leaving this handler would end the process.
+    }
+}
 
 /// Releases the GIL for a scope. The thread has it before and after.
 class GilReleased {

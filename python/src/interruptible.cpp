@@ -56,7 +56,7 @@ thread_local Run* current_run = nullptr;
 /// Runs a Python callback. The caller has the GIL.
 bool run_callback(const std::function<void()>& callback, Error& error) {
     try {
-        callback();
+        call_until_exit(callback);
         return true;
     } catch (pybind11::error_already_set& raised) {
         error.emplace(std::move(raised));
@@ -188,6 +188,18 @@ void run_without_gil(std::function<void()> work, OnInterrupt on_interrupt) {
     }
     if (error) throw pybind11::error_already_set(std::move(*error));
     if (!abandoned && run->failure) std::rethrow_exception(run->failure);
+}
+
+bool run_for(std::function<void()> work, std::chrono::milliseconds limit) {
+    const auto run = std::make_shared<Run>();
+    run->work = std::move(work);
+    const GilReleased released;
+    HelperThreads::instance().start(run);
+    std::unique_lock<std::mutex> lock(run->mutex);
+    run->changed.wait_for(lock, limit, [&run] { return run->done; });
+    run->abandoned = !run->done;
+    run->changed.notify_all();
+    return run->done;
 }
 
 bool call_back(const std::function<void()>& function) {

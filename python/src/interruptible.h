@@ -28,6 +28,10 @@ struct OnInterrupt {
 ///     handler, or of a function that call_back() has run.
 void run_without_gil(std::function<void()> work, OnInterrupt on_interrupt = {});
 
+/// Runs work on a helper thread and waits for it for a time. The caller has the GIL.
+/// @return whether the work has ended; else it continues.
+bool run_for(std::function<void()> work, std::chrono::milliseconds limit);
+
 /// Called by work: runs a function with the GIL on the thread that called run_without_gil(), and
 /// waits for it. Once a function has thrown error_already_set, or the work has been abandoned, does
 /// nothing.

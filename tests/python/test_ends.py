@@ -64,6 +64,7 @@ def safe_loop(function):
         ("in_thread(lambda: safe_loop(jovu.list_devices))", ""),
         ("in_thread(lambda: client.push(device, sys.executable, lambda step: None))", "never 04"),
         ("in_thread(lambda: loop(lambda: client.push(device, '/bin/ls', lambda step: None)))", ""),
+        ("in_thread(lambda: client.push(device, '/bin/ls', lambda step: time.sleep(1000)))", ""),
         ("in_thread(client.close, daemon=False)", ""),
         ("jovu.set_log_handler(lambda *line: time.sleep(1000)); client.close_device(device)", ""),
     ],
