@@ -11,7 +11,7 @@ mode=(--dry-run --Werror)
 if [[ ${1:-} == --fix ]]; then mode=(-i); fi
 
 folders=()
-for folder in include src tools sim tests examples fuzz bench; do
+for folder in include src tools sim python tests examples fuzz bench; do
     if [[ -d $folder ]]; then folders+=("$folder"); fi
 done
 mapfile -d '' files < <(find "${folders[@]}" \( -name '*.h' -o -name '*.cpp' \) -print0 | sort -z)

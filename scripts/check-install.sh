@@ -20,6 +20,16 @@ prefix=$work/prefix
 [[ -f $prefix/lib/udev/rules.d/70-jovu.rules ]] || fail "no udev rule"
 "$prefix/bin/jovu" --help >/dev/null || fail "the installed program does not start"
 
+# The Python package, where it is built, finds the library in the folder that was moved.
+package=$(find "$prefix" -path '*-packages/jovu' -printf '%h')
+if [[ -n $package ]]; then
+    python=$(sed -n 's/^Python3_EXECUTABLE:[^=]*=//p' "$build_dir/CMakeCache.txt")
+    PYTHONPATH=$package "$jovu_sim" run -- "${python:-python3}" -c '
+import jovu
+with jovu.Client() as client:
+    print(client.bio_get_serial(client.wait_for_device(30)))' >/dev/null || fail "no Python package"
+fi
+
 # Without permission, it names the rule that it was installed with.
 mkdir "$work/tool"
 printf '#!/bin/sh\necho "Cannot open DFU device 7a1c:00df found on devnum 9 (LIBUSB_ERROR_ACCESS)" >&2\n' \

@@ -71,8 +71,8 @@ installed() { dpkg-query -W -f '${Package}\n' | sort; }
 installed >/tmp/packages-before
 apt-get install -y -qq --no-install-recommends /packages/*.deb >/tmp/apt.log 2>&1 ||
     { cat /tmp/apt.log; exit 1; }
-dpkg-query -W 'libjovu*' 'jovu*'
-for test in program build; do
+dpkg-query -W 'libjovu*' 'jovu*' 'python3-jovu'
+for test in program build python; do
     echo "-- debian/tests/$test"
     mkdir "/tmp/$test"
     (cd /packages/source && AUTOPKGTEST_TMP=/tmp/$test "debian/tests/$test")

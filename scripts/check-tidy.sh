@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # SPDX-License-Identifier: Apache-2.0
-# Runs clang-tidy over the sources of library, program, simulator and tests. Every finding is an
-# error.
+# Runs clang-tidy over the sources of library, program, simulator, Python module and tests. Every
+# finding is an error.
 #
 #   scripts/check-tidy.sh [--all] BUILD_DIR
 #
@@ -18,7 +18,7 @@ style=(readability-identifier-naming readability-container-size-empty readabilit
     readability-redundant-smartptr-get modernize-use-nullptr modernize-use-override
     modernize-make-unique modernize-make-shared modernize-deprecated-headers misc-unused-using-decls)
 # Headers and sources of the folders are included files in a unity source.
-rest=("--checks=-*,$(IFS=,; echo "${style[*]}")" '--header-filter=/(src|tools|sim|tests)/')
+rest=("--checks=-*,$(IFS=,; echo "${style[*]}")" '--header-filter=/(src|tools|sim|python|tests)/')
 if [[ ${1:-} == --all ]]; then
     rest=('--checks=-clang-analyzer-*')
     shift
@@ -34,12 +34,12 @@ sources_of() {
 }
 files= covered=
 while read -r file; do
-    sources=$(sources_of "$file" | grep -E '^(src|tools|sim|tests)/') || continue
+    sources=$(sources_of "$file" | grep -E '^(src|tools|sim|python|tests)/') || continue
     files+=$file$'\n' covered+=$sources$'\n'
 done < <(jq -r --arg root "$PWD/" '[.[].file | ltrimstr($root)] | unique[]' \
     "$build_dir/compile_commands.json")
 covered=$(sort -u <<<"${covered%$'\n'}")
-sources=$(find src tools sim tests -name '*.cpp' -not -path 'tests/public_headers/*' -not -path 'tests/panel/*' | sort)
+sources=$(find src tools sim python tests -name '*.cpp' -not -path 'tests/public_headers/*' -not -path 'tests/panel/*' | sort)
 [[ $covered == "$sources" ]] || {
     echo "check-tidy: the build does not compile the same sources:" >&2
     diff <(echo "$covered") <(echo "$sources") >&2 || true

@@ -37,11 +37,14 @@ test_packages=(
     qemu-system-x86 udev busybox-static binutils usbip   # the virtual machine for tests on a kernel
     clang libclang-rt-14-dev clang-format-14 clang-tidy-14
     python3 doxygen                           # the check of the documentation
+    python3-dev pybind11-dev python3-numpy        # the Python package
+    python3-pytest python3-mypy python3-matplotlib  # its tests, its example
 )
 
 # What builds and checks the Debian packages, beside what building takes.
 packages_packages=(
     dpkg-dev debhelper doxygen lintian mmdebstrap
+    dh-python python3-dev pybind11-dev
 )
 
 usage() { sed -n '3,/^set /s/^# \{0,1\}//p' "$0"; }

@@ -32,7 +32,7 @@ from_outside() {
     done < <(includes "$folder" | grep '"')
 }
 
-for folder in include src tools/jovu sim; do
+for folder in include src tools/jovu python sim; do
     [[ -n $(includes "$folder") ]] || { echo "$folder includes nothing?" >&2; exit 1; }
 done
 
@@ -108,6 +108,9 @@ forbid "the program stands on the public headers, the table of commands and the 
     "$(from_outside tools/jovu tools/jovu include |
         grep -vE "$library_door|^tools/jovu/fleet/[^:]*:[0-9]*:#include \"mqtt/" || true
        includes tools | grep -E '<(libusb|yajl)' || true)"
+forbid "the Python package stands on the public headers and the table of commands alone" \
+    "$(from_outside python/src python/src include | grep -vE "$library_door" || true
+       includes python | grep -E '<(libusb|yajl)' || true)"
 forbid "the simulated controller shares nothing with the library" \
     "$(from_outside sim sim; includes sim | grep -E '<(jovu/|libusb|yajl)' || true)"
 

@@ -1,0 +1,44 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "gil.h"
+
+#include <pthread.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <stdexcept>
+
+namespace jovu_python {
+
+namespace {
+
+std::atomic<bool> forked{false};
+
+}  // namespace
+
+void wait_for_exit() noexcept {
+    for (;;)
+        pause();
+}
+
+void GilReleased::acquire() noexcept {
+    if (state_ == nullptr) return;
+    call_until_exit([this] { PyEval_RestoreThread(state_); });
+    state_ = nullptr;
+}
+
+GilHeld::GilHeld() noexcept : state_(call_until_exit([] { return PyGILState_Ensure(); })) {}
+
+bool is_forked() noexcept {
+    static const int watched = pthread_atfork(nullptr, nullptr, [] { forked = true; });
+    return watched == 0 && forked;
+}
+
+void require_own_process() {
+    if (is_forked()) {
+        throw std::runtime_error(
+            "jovu cannot be used in a process that os.fork() has made after the import: start "
+            "processes with the method \"spawn\".");
+    }
+}
+
+}  // namespace jovu_python

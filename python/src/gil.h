@@ -1,0 +1,68 @@
+// SPDX-License-Identifier: Apache-2.0
+
+/// @file
+/// The interpreter's global lock (GIL), acquired and released so that threads survive the end of
+/// the interpreter.
+///
+/// An interpreter that ends terminates each other thread that asks for the GIL, by unwinding its
+/// stack. That would run destructors which use Python objects, and end the process in the first one
+/// that is noexcept. These classes let such a thread wait for the end of the process instead.
+#pragma once
+
+// NOLINTNEXTLINE(bugprone-reserved-identifier,readability-identifier-naming): the interpreter's.
+#define PY_SSIZE_T_CLEAN
+#include <Python.h>
+#include <cxxabi.h>
+
+namespace jovu_python {
+
+/// Waits for the end of the process.
+[[noreturn]] void wait_for_exit() noexcept;
+
+/// Calls a function that runs Python or acquires the GIL. Never returns once the interpreter ends.
+template <class Function>
+auto call_until_exit(const Function& function) {
+    try {
+        return function();
+    } catch (abi::__forced_unwind&) {
+        wait_for_exit();  // Leaving this handler would end the process.
+    }
+}
+
+/// Releases the GIL for a scope. The thread has it before and after.
+class GilReleased {
+public:
+    GilReleased() : state_(PyEval_SaveThread()) {}
+    ~GilReleased() { acquire(); }
+    GilReleased(const GilReleased&) = delete;
+    GilReleased& operator=(const GilReleased&) = delete;
+
+    /// Acquires the GIL before the end of the scope. Does nothing when the thread has it.
+    void acquire() noexcept;
+    /// Releases it again.
+    void release() { state_ = PyEval_SaveThread(); }
+
+private:
+    PyThreadState* state_;
+};
+
+/// Acquires the GIL for a scope, on any thread.
+class GilHeld {
+public:
+    GilHeld() noexcept;
+    ~GilHeld() { PyGILState_Release(state_); }
+    GilHeld(const GilHeld&) = delete;
+    GilHeld& operator=(const GilHeld&) = delete;
+
+private:
+    PyGILState_STATE state_;
+};
+
+/// Whether this process was forked from one that had loaded the module: the threads of the library
+/// exist in the parent only.
+bool is_forked() noexcept;
+
+/// @throws std::runtime_error in a forked process.
+void require_own_process();
+
+}  // namespace jovu_python
