@@ -47,6 +47,9 @@ packages_packages=(
     dh-python python3-dev pybind11-dev
 )
 
+# Packages that start a server of the same name when they are installed.
+services=(mosquitto prometheus)
+
 usage() { sed -n '3,/^set /s/^# \{0,1\}//p' "$0"; }
 
 list_only=false
@@ -96,3 +99,11 @@ echo "installing: ${missing[*]}"
 apt() { "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get -q -o Acquire::Retries=3 "$@"; }
 apt update
 apt install -y --no-install-recommends "${missing[@]}"
+
+# The tests start what they need themselves. A server of the whole system would stay behind.
+if [[ -d /run/systemd/system ]]; then
+    for service in "${services[@]}"; do
+        [[ " ${missing[*]} " != *" $service "* ]] ||
+            "${as_root[@]}" systemctl --quiet disable --now "$service" || true
+    done
+fi
