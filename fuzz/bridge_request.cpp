@@ -4,6 +4,7 @@
 /// Requests to the bridge: flags, then topic and response topic, each ended by a line feed, then
 /// the payload. Most inputs name an operation only: "gcode", for a topic that is one of a request.
 #include <cstdint>
+#include <nlohmann/json.hpp>
 #include <string>
 #include <string_view>
 #include <variant>

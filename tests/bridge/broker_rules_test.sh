@@ -62,7 +62,7 @@ yes bridge-lab1 jovu/responses/operator
 no  bridge-lab1 jovu/bridges/lab2
 no  bridge-lab1 jovu/devices/A1/request/gcode
 no  bridge-lab1 elsewhere
-yes operator jovu/devices/A1/request/call/Get_temperature
+yes operator jovu/devices/A1/request/call/heater_state_get
 yes operator jovu/devices/A1/request/job
 no  operator jovu/devices/A1/status
 no  operator jovu/bridges/lab1

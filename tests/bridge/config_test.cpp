@@ -15,7 +15,6 @@
 namespace jovu_bridge {
 namespace {
 
-using ::testing::Contains;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
@@ -116,7 +115,7 @@ TEST(Configuration, AcceptsABrokerByWhatProtectsIt) {
 }
 
 TEST(Configuration, ExampleHasEveryKeyWithItsDefault) {
-    std::ifstream file(JOVU_EXAMPLE_CONFIG);
+    std::ifstream file(JOVU_SOURCES "/packaging/bridge/jovu-bridge.toml");
     std::stringstream text;
     text << file.rdbuf();
     const std::string enabled =
@@ -212,7 +211,7 @@ TEST(Configuration, TakesAPasswordFromTheServiceManagerFirst) {
 
 TEST(Configuration, PatternsTakeAwayWhereverTheyStand) {
     const std::vector<std::string> commands = Config{}.requests.commands;
-    EXPECT_TRUE(matches_any(commands, "Get_temperature"));
+    EXPECT_TRUE(matches_any(commands, "heater_state_get"));
     EXPECT_FALSE(matches_any(commands, "Reset_printer"));
     EXPECT_FALSE(matches_any({"!Reset_*", "*"}, "Reset_printer"));
     EXPECT_TRUE(matches_any({"JVS00?1", "X"}, "JVS0011"));

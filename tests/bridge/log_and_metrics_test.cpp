@@ -5,7 +5,12 @@
 #include <array>
 #include <cstdio>
 #include <cstdlib>
+#include <fstream>
+#include <iterator>
 #include <memory>
+#include <regex>
+#include <set>
+#include <string>
 #include <thread>
 
 #include "bridge/log.h"
@@ -113,6 +118,38 @@ TEST(BridgeMetrics, CountWhatHappens) {
     }
     EXPECT_THAT(text, Not(HasSubstr("sending")));
     EXPECT_THAT(text, ContainsRegex("process_resident_memory_bytes [1-9]"));
+}
+
+/// The names in a text that look like metrics of the bridge.
+std::set<std::string> metric_names(const std::string& text) {
+    static const std::regex kName("\\b(jovu|process)_[a-z_]+_[a-z_]+\\b|\\bjovu_devices\\b");
+    std::set<std::string> names;
+    for (std::sregex_iterator match(text.begin(), text.end(), kName), end; match != end; ++match) {
+        names.insert(std::regex_replace(match->str(), std::regex("_(bucket|sum|count)$"), ""));
+    }
+    return names;
+}
+
+// The dashboard, the alert rules and the manual name no metric that does not exist, and the manual
+// names all.
+TEST(BridgeMetrics, AreThoseOfTheDashboardTheRulesAndTheManual) {
+    Metrics metrics("lab", "1");
+    metrics.device_connected("A1");
+    metrics.exchange("A1", Seconds(1), "busy");
+    metrics.request("job", Seconds(1), "busy");
+    metrics.job("A1", "sending", 1);
+    const std::set<std::string> existing = metric_names(metrics.text());
+    for (const char* name : {"packaging/bridge/grafana-dashboard.json",
+                             "packaging/bridge/jovu-alerts.yml", "docs/bridge.md"}) {
+        std::ifstream file(std::string(JOVU_SOURCES "/") + name);
+        const std::string text{std::istreambuf_iterator<char>(file), {}};
+        const std::set<std::string> named = metric_names(text);
+        EXPECT_GT(named.size(), 5U) << name;
+        EXPECT_THAT(named, ::testing::IsSubsetOf(existing)) << name;
+        if (std::string(name) == "docs/bridge.md") {
+            EXPECT_THAT(existing, ::testing::IsSubsetOf(named));
+        }
+    }
 }
 
 TEST(BridgeMetrics, KeepNoSeriesOfADeviceThatLeft) {

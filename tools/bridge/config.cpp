@@ -157,7 +157,7 @@ const std::vector<Row>& rows() {
         {"devices", "status_interval", false, JOVU_MEMBER(devices.status_interval),
          "seconds from 0.1 to 3600", 0, 3600},
         {"requests", "commands", false, JOVU_MEMBER(requests.commands),
-         "a list of patterns, as [\"Get_*\"]", 0, 0, is_pattern},
+         "a list of patterns, as [\"*_get\"]", 0, 0, is_pattern},
         {"requests", "max_payload", false, JOVU_MEMBER(requests.max_payload),
          "bytes from 1024 to 1048576", 1024, 1048576},
         {"requests", "max_lines", false, JOVU_MEMBER(requests.max_lines),

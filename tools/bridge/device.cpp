@@ -59,6 +59,11 @@ void Device::start() {
     });
 }
 
+void Device::take_settings() {
+    const MutexLock lock(mutex_);
+    has_identity_ = false;  // It tells whether the device is read-only.
+}
+
 void Device::identify() {
     if (gone_) {
         return;

@@ -70,7 +70,8 @@ struct Refused {
 };
 
 [[noreturn]] void refuse(const char* code, const std::string& message) {
-    throw Refused{code, jovu_cli::printable(message)};
+    constexpr std::size_t kLongest = 600;  // A topic may have 64 KiB, and each byte an escape.
+    throw Refused{code, jovu_cli::fit(jovu_cli::printable(message), kLongest)};
 }
 
 [[noreturn]] void refuse(const std::string& message) {
