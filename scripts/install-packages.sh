@@ -29,6 +29,7 @@ test_packages=(
     locales                                   # the source of a locale with a decimal comma
     tshark                                    # captures, read by the dissector for Wireshark
     mosquitto mosquitto-clients openssl       # a broker, its clients, and its certificates
+    sqlite3                                   # damages the journal of the bridge
     prometheus python3-matplotlib             # alert rules, and a picture of the dashboard
     bash-completion mandoc                    # for the completion and the manual pages
     qt6-base-dev libqt6opengl6-dev qt6-charts-dev  # the panel among the examples

@@ -315,14 +315,18 @@ TEST_F(Service, CarriesARequestOutOnceWhateverEndsMeanwhile) {
     EXPECT_EQ(end_of(again), "done");
     test::sim("fault " + test::name(device_) + " clear");
 
-    // The bridge dies: what it had begun is never begun again.
+    // The bridge dies: what it had begun is never begun again, and who left meanwhile is offline.
+    JovuDeviceAddress second{};
+    const std::string leaver = add(second);
     test::sim("fault " + test::name(device_) + " silent 1");
     requester_->send(serial, "call/ui_led", blink("three"));
     ASSERT_TRUE(eventually([&] { return test::requests(device_, "ui_led") == 3; }));
     EXPECT_EQ(bridge_->end(SIGKILL), -SIGKILL);
     EXPECT_TRUE(requester_->sees("jovu/bridges/b1",
                                  [](const json& value) { return value["state"] == "offline"; }));
+    test::sim("unplug " + test::name(second));
     bridge_->start();
+    EXPECT_TRUE(requester_->online(leaver, "offline"));
     again = requester_->insist(serial, "call/ui_led", blink("three"));
     EXPECT_EQ(end_of(again), "outcome_unknown");
     EXPECT_EQ(again["repeated"], true);

@@ -26,6 +26,18 @@ using namespace std::chrono_literals;
 
 namespace {
 
+/// What the handlers of a client were called with.
+struct Seen {
+    int connections = 0;
+    bool session_present = false;
+    std::vector<Disconnection> disconnections;
+    std::vector<Message> messages;
+    std::vector<Acknowledgement> acknowledgements;
+    std::vector<std::string> refused_filters;
+    int subscriptions = 0;
+    std::string exception;
+};
+
 /// A client that keeps what its handlers were called with.
 class Peer {
 public:
@@ -36,21 +48,17 @@ public:
     template <class Condition>
     bool sees(Condition condition) {
         std::unique_lock lock(mutex_);
-        return changed_.wait_for(lock, test::kPatience, [&] { return condition(*this); });
+        return changed_.wait_for(lock, test::kPatience, [&] { return condition(seen_); });
+    }
+    /// @return what it has seen so far; its handlers go on.
+    Seen seen() {
+        const std::scoped_lock lock(mutex_);
+        return seen_;
     }
     bool connects(int times = 1) {
-        return sees([times](const Peer& peer) { return peer.connections >= times; });
+        return sees([times](const Seen& peer) { return peer.connections >= times; });
     }
     Client& client() { return client_; }
-
-    int connections = 0;
-    bool session_present = false;
-    std::vector<Disconnection> disconnections;
-    std::vector<Message> messages;
-    std::vector<Acknowledgement> acknowledgements;
-    std::vector<std::string> refused_filters;
-    int subscriptions = 0;
-    std::string exception;
 
 private:
     static ClientOptions quick(ClientOptions options) {
@@ -68,24 +76,24 @@ private:
         Handlers handlers;
         handlers.connected = [this](bool present) {
             change([&] {
-                ++connections;
-                session_present = present;
+                ++seen_.connections;
+                seen_.session_present = present;
             });
         };
         handlers.disconnected = [this](const Disconnection& end) {
-            change([&] { disconnections.push_back(end); });
+            change([&] { seen_.disconnections.push_back(end); });
         };
         handlers.message = [this, fails](const Message& message) {
             if (fails) throw std::runtime_error("handler of " + message.topic);
-            change([&] { messages.push_back(message); });
+            change([&] { seen_.messages.push_back(message); });
         };
         handlers.acknowledged = [this](const Acknowledgement& acknowledgement) {
-            change([&] { acknowledgements.push_back(acknowledgement); });
+            change([&] { seen_.acknowledgements.push_back(acknowledgement); });
         };
         handlers.subscribed = [this](const std::string& filter, const std::string& refusal) {
             change([&] {
-                ++subscriptions;
-                if (!refusal.empty()) refused_filters.push_back(filter + ": " + refusal);
+                ++seen_.subscriptions;
+                if (!refusal.empty()) seen_.refused_filters.push_back(filter + ": " + refusal);
             });
         };
         handlers.failed = [this](std::exception_ptr failure) {
@@ -93,7 +101,7 @@ private:
                 try {
                     std::rethrow_exception(failure);
                 } catch (const std::exception& error) {
-                    exception = error.what();
+                    seen_.exception = error.what();
                 }
             });
         };
@@ -102,6 +110,7 @@ private:
 
     std::mutex mutex_;
     std::condition_variable changed_;
+    Seen seen_;
     Client client_;
 };
 
@@ -112,7 +121,7 @@ ClientOptions options_for(const std::string& url, const std::string& id) {
     return options;
 }
 
-std::vector<std::string> payloads(const Peer& peer) {
+std::vector<std::string> payloads(const Seen& peer) {
     std::vector<std::string> all;
     for (const Message& message : peer.messages)
         all.push_back(message.payload);
@@ -157,7 +166,7 @@ TEST(Client, CarriesMessagesWithTheirProperties) {
     receiver.client().start();
     ASSERT_TRUE(receiver.connects());
     receiver.client().subscribe({"late/#", 1, true, false});
-    ASSERT_TRUE(receiver.sees([](const Peer& peer) { return peer.subscriptions == 2; }));
+    ASSERT_TRUE(receiver.sees([](const Seen& peer) { return peer.subscriptions == 2; }));
     sender.client().start();
 
     Message request{"early/x", std::string("a\0b", 3)};
@@ -165,8 +174,8 @@ TEST(Client, CarriesMessagesWithTheirProperties) {
     sender.client().publish(request);
     sender.client().publish({"late/y", "kept", 1, true});
     sender.client().publish({"late/z", "", 0});
-    ASSERT_TRUE(receiver.sees([](const Peer& peer) { return peer.messages.size() == 3; }));
-    const Message& got = receiver.messages[0];
+    ASSERT_TRUE(receiver.sees([](const Seen& peer) { return peer.messages.size() == 3; }));
+    const Message got = receiver.seen().messages[0];
     EXPECT_EQ(got.topic, request.topic);
     EXPECT_EQ(got.payload, request.payload);
     EXPECT_EQ(got.properties.response_topic, "responses/me");
@@ -174,23 +183,23 @@ TEST(Client, CarriesMessagesWithTheirProperties) {
     EXPECT_EQ(got.properties.content_type, "application/json");
     EXPECT_THAT(got.properties.expiry, AnyOf(60s, 59s));
     EXPECT_FALSE(got.retain);
-    EXPECT_TRUE(receiver.messages[1].retain);  // As it was published.
-    EXPECT_EQ(receiver.messages[2].qos, 0);
+    EXPECT_TRUE(receiver.seen().messages[1].retain);  // As it was published.
+    EXPECT_EQ(receiver.seen().messages[2].qos, 0);
     EXPECT_TRUE(sender.client().wait_unacknowledged(0, Clock::now() + test::kPatience));
 
     sender.client().publish({"nobody/listens", "x"});
-    ASSERT_TRUE(sender.sees([](const Peer& peer) { return peer.acknowledgements.size() == 4; }));
-    EXPECT_TRUE(sender.acknowledgements[3].no_subscriber);
-    EXPECT_FALSE(sender.acknowledgements[0].no_subscriber);
-    EXPECT_EQ(sender.acknowledgements[0].refusal, "");
+    ASSERT_TRUE(sender.sees([](const Seen& peer) { return peer.acknowledgements.size() == 4; }));
+    EXPECT_TRUE(sender.seen().acknowledgements[3].no_subscriber);
+    EXPECT_FALSE(sender.seen().acknowledgements[0].no_subscriber);
+    EXPECT_EQ(sender.seen().acknowledgements[0].refusal, "");
 
     // What the broker has stored is received by those who want it.
     Peer late(options_for(broker.url(), "late"));
     late.client().subscribe({"late/#"});
     late.client().start();
-    ASSERT_TRUE(late.sees([](const Peer& peer) { return peer.messages.size() == 1; }));
-    EXPECT_TRUE(late.messages[0].retain);
-    EXPECT_EQ(late.messages[0].payload, "kept");
+    ASSERT_TRUE(late.sees([](const Seen& peer) { return peer.messages.size() == 1; }));
+    EXPECT_TRUE(late.seen().messages[0].retain);
+    EXPECT_EQ(late.seen().messages[0].payload, "kept");
 }
 
 TEST(Client, SurvivesARestartOfTheBroker) {
@@ -201,34 +210,34 @@ TEST(Client, SurvivesARestartOfTheBroker) {
     receiver.client().start();
     sender.client().start();
     ASSERT_TRUE(receiver.connects() && sender.connects());
-    ASSERT_TRUE(receiver.sees([](const Peer& peer) { return peer.subscriptions == 1; }));
+    ASSERT_TRUE(receiver.sees([](const Seen& peer) { return peer.subscriptions == 1; }));
     broker.end();
-    const auto refused = [](const Peer& peer) {
+    const auto refused = [](const Seen& peer) {
         return peer.disconnections.size() >= 3 &&
                peer.disconnections.back().reason == "Connection refused";
     };
     ASSERT_TRUE(sender.sees(refused) && receiver.sees(refused));
-    EXPECT_TRUE(sender.disconnections.front().was_connected);
-    EXPECT_FALSE(sender.disconnections.back().was_connected);
-    EXPECT_FALSE(sender.disconnections.back().refused);
+    EXPECT_TRUE(sender.seen().disconnections.front().was_connected);
+    EXPECT_FALSE(sender.seen().disconnections.back().was_connected);
+    EXPECT_FALSE(sender.seen().disconnections.back().refused);
     EXPECT_FALSE(sender.client().connected());
 
     ASSERT_TRUE(sender.client().publish({"t", "lost", 0}));
-    ASSERT_TRUE(sender.sees([](const Peer& peer) { return peer.acknowledgements.size() == 1; }));
-    EXPECT_THAT(sender.acknowledgements[0].refusal, HasSubstr("no connection"));
+    ASSERT_TRUE(sender.sees([](const Seen& peer) { return peer.acknowledgements.size() == 1; }));
+    EXPECT_THAT(sender.seen().acknowledgements[0].refusal, HasSubstr("no connection"));
     EXPECT_FALSE(sender.client().wait_unacknowledged(0, Clock::now()) &&
                  sender.client().publish({"t", "kept"}) == std::nullopt);
     const std::size_t descriptors = open_descriptors();
-    const std::size_t attempts = sender.disconnections.size();
+    const std::size_t attempts = sender.seen().disconnections.size();
     ASSERT_TRUE(
-        sender.sees([&](const Peer& peer) { return peer.disconnections.size() > attempts + 5; }));
+        sender.sees([&](const Seen& peer) { return peer.disconnections.size() > attempts + 5; }));
     EXPECT_LE(open_descriptors(), descriptors + 4);
 
     broker.start();
     ASSERT_TRUE(receiver.connects(2));
-    ASSERT_TRUE(receiver.sees([](const Peer& peer) { return peer.subscriptions == 2; }));
+    ASSERT_TRUE(receiver.sees([](const Seen& peer) { return peer.subscriptions == 2; }));
     ASSERT_TRUE(sender.client().publish({"t", "after"}));
-    ASSERT_TRUE(receiver.sees([](const Peer& peer) {
+    ASSERT_TRUE(receiver.sees([](const Seen& peer) {
         return !peer.messages.empty() && peer.messages.back().payload == "after";
     }));
     EXPECT_TRUE(sender.client().wait_unacknowledged(0, Clock::now() + test::kPatience));
@@ -260,10 +269,10 @@ TEST(Client, LosesNoMessageOverAnyNumberOfConnections) {
         broker.start();
     }
     EXPECT_TRUE(peer.client().wait_unacknowledged(0, Clock::now() + test::kPatience));
-    EXPECT_TRUE(peer.sees([next](const Peer& one) {
+    EXPECT_TRUE(peer.sees([next](const Seen& one) {
         return one.acknowledgements.size() == static_cast<std::size_t>(next);
     }));
-    for (const Acknowledgement& acknowledgement : peer.acknowledgements) {
+    for (const Acknowledgement& acknowledgement : peer.seen().acknowledgements) {
         EXPECT_EQ(acknowledgement.refusal, "");
     }
 }
@@ -277,8 +286,8 @@ TEST(Client, KeepsItsSessionWhenTheBrokerDoes) {
         Peer peer(options);
         peer.client().subscribe({"t"});
         peer.client().start();
-        ASSERT_TRUE(peer.sees([](const Peer& one) { return one.subscriptions == 1; }));
-        EXPECT_FALSE(peer.session_present);
+        ASSERT_TRUE(peer.sees([](const Seen& one) { return one.subscriptions == 1; }));
+        EXPECT_FALSE(peer.seen().session_present);
     }
     Peer sender(options_for(broker.url(), "sender"));
     sender.client().start();
@@ -286,9 +295,9 @@ TEST(Client, KeepsItsSessionWhenTheBrokerDoes) {
     ASSERT_TRUE(sender.client().wait_unacknowledged(0, Clock::now() + test::kPatience));
     Peer peer(options);
     peer.client().start();
-    ASSERT_TRUE(peer.sees([](const Peer& one) { return one.messages.size() == 1; }));
-    EXPECT_TRUE(peer.session_present);
-    EXPECT_EQ(peer.messages[0].payload, "meanwhile");
+    ASSERT_TRUE(peer.sees([](const Seen& one) { return one.messages.size() == 1; }));
+    EXPECT_TRUE(peer.seen().session_present);
+    EXPECT_EQ(peer.seen().messages[0].payload, "meanwhile");
 }
 
 TEST(Client, LeavesAWillUnlessItLeavesInOrder) {
@@ -296,7 +305,7 @@ TEST(Client, LeavesAWillUnlessItLeavesInOrder) {
     Peer watcher(options_for(broker.url(), "watcher"));
     watcher.client().subscribe({"state"});
     watcher.client().start();
-    ASSERT_TRUE(watcher.sees([](const Peer& peer) { return peer.subscriptions == 1; }));
+    ASSERT_TRUE(watcher.sees([](const Seen& peer) { return peer.subscriptions == 1; }));
     ClientOptions options = options_for(broker.url(), "same");
     options.last_will = Message{"state", "died", 1, true};
     {
@@ -313,11 +322,11 @@ TEST(Client, LeavesAWillUnlessItLeavesInOrder) {
     options.last_will.reset();
     Peer takes(options);
     takes.client().start();
-    ASSERT_TRUE(watcher.sees([](const Peer& peer) { return peer.messages.size() >= 2; }));
-    EXPECT_EQ(payloads(watcher)[0], "left");
-    EXPECT_EQ(payloads(watcher)[1], "died");
-    ASSERT_TRUE(dies.sees([](const Peer& peer) { return !peer.disconnections.empty(); }));
-    EXPECT_TRUE(dies.disconnections[0].was_connected);
+    ASSERT_TRUE(watcher.sees([](const Seen& peer) { return peer.messages.size() >= 2; }));
+    EXPECT_EQ(payloads(watcher.seen())[0], "left");
+    EXPECT_EQ(payloads(watcher.seen())[1], "died");
+    ASSERT_TRUE(dies.sees([](const Seen& peer) { return !peer.disconnections.empty(); }));
+    EXPECT_TRUE(dies.seen().disconnections[0].was_connected);
 }
 
 TEST(Client, TellsWhatTheBrokerRefuses) {
@@ -332,10 +341,10 @@ TEST(Client, TellsWhatTheBrokerRefuses) {
     options.password = "wrong";
     Peer refused(options);
     refused.client().start();
-    ASSERT_TRUE(refused.sees([](const Peer& peer) { return peer.disconnections.size() >= 2; }));
-    EXPECT_EQ(refused.disconnections[0].reason, "Not authorized");
-    EXPECT_TRUE(refused.disconnections[0].refused);
-    EXPECT_FALSE(refused.disconnections[0].was_connected);
+    ASSERT_TRUE(refused.sees([](const Seen& peer) { return peer.disconnections.size() >= 2; }));
+    EXPECT_EQ(refused.seen().disconnections[0].reason, "Not authorized");
+    EXPECT_TRUE(refused.seen().disconnections[0].refused);
+    EXPECT_FALSE(refused.seen().disconnections[0].was_connected);
 
     options.password = "right";
     options.client_id = "accepted";
@@ -344,12 +353,12 @@ TEST(Client, TellsWhatTheBrokerRefuses) {
     accepted.client().start();
     accepted.client().publish({"others/x", "x"});
     accepted.client().publish({"mine/+", "x"});
-    ASSERT_TRUE(accepted.sees([](const Peer& peer) {
+    ASSERT_TRUE(accepted.sees([](const Seen& peer) {
         return peer.acknowledgements.size() == 2 && peer.refused_filters.size() == 1;
     }));
-    for (const Acknowledgement& end : accepted.acknowledgements)
+    for (const Acknowledgement& end : accepted.seen().acknowledgements)
         EXPECT_NE(end.refusal, "");
-    EXPECT_EQ(accepted.connections, 1);
+    EXPECT_EQ(accepted.seen().connections, 1);
 }
 
 TEST(Client, EndsInTimeWhenTheBrokerHangs) {
@@ -359,8 +368,8 @@ TEST(Client, EndsInTimeWhenTheBrokerHangs) {
         options.connect_limit = 200ms;
         Peer peer(options);
         peer.client().start();
-        ASSERT_TRUE(peer.sees([](const Peer& one) { return one.disconnections.size() >= 2; }));
-        EXPECT_EQ(peer.disconnections[0].reason, "the broker does not respond") << scheme;
+        ASSERT_TRUE(peer.sees([](const Seen& one) { return one.disconnections.size() >= 2; }));
+        EXPECT_EQ(peer.seen().disconnections[0].reason, "the broker does not respond") << scheme;
     }
     // One that accepts the connection and then stops reading.
     const test::Broker broker;
@@ -388,9 +397,9 @@ TEST(Client, NoticesABrokerThatNoLongerResponds) {
     peer.client().start();
     ASSERT_TRUE(peer.connects());
     broker.signal(SIGSTOP);
-    ASSERT_TRUE(peer.sees([](const Peer& one) { return !one.disconnections.empty(); }));
-    EXPECT_TRUE(peer.disconnections[0].was_connected);
-    EXPECT_THAT(peer.disconnections[0].reason, HasSubstr("no longer responds"));
+    ASSERT_TRUE(peer.sees([](const Seen& one) { return !one.disconnections.empty(); }));
+    EXPECT_TRUE(peer.seen().disconnections[0].was_connected);
+    EXPECT_THAT(peer.seen().disconnections[0].reason, HasSubstr("no longer responds"));
     broker.signal(SIGCONT);
     EXPECT_TRUE(peer.connects(2));
 }
@@ -400,10 +409,10 @@ TEST(Client, HandsOutAnExceptionOfAHandler) {
     Peer peer(options_for(broker.url(), "thrower"), true);
     peer.client().subscribe({"t"});
     peer.client().start();
-    ASSERT_TRUE(peer.sees([](const Peer& one) { return one.subscriptions == 1; }));
+    ASSERT_TRUE(peer.sees([](const Seen& one) { return one.subscriptions == 1; }));
     peer.client().publish({"t", "x"});
-    ASSERT_TRUE(peer.sees([](const Peer& one) { return !one.exception.empty(); }));
-    EXPECT_EQ(peer.exception, "handler of t");
+    ASSERT_TRUE(peer.sees([](const Seen& one) { return !one.exception.empty(); }));
+    EXPECT_EQ(peer.seen().exception, "handler of t");
     EXPECT_FALSE(peer.client().publish({"t", "x"}));
     EXPECT_FALSE(peer.client().connected());
 }
@@ -448,8 +457,8 @@ TEST(Client, ChecksCertificates) {
     trusted.client().start();
     const std::string large(300'000, 'x');
     trusted.client().publish({"t", large});
-    ASSERT_TRUE(trusted.sees([](const Peer& peer) { return peer.messages.size() == 1; }));
-    EXPECT_EQ(trusted.messages[0].payload, large);
+    ASSERT_TRUE(trusted.sees([](const Seen& peer) { return peer.messages.size() == 1; }));
+    EXPECT_EQ(trusted.seen().messages[0].payload, large);
 
     struct Case {
         const char* name;
@@ -467,9 +476,9 @@ TEST(Client, ChecksCertificates) {
         one.options.client_id = "distrusted";
         Peer peer(one.options);
         peer.client().start();
-        ASSERT_TRUE(peer.sees([](const Peer& each) { return !each.disconnections.empty(); }));
-        EXPECT_THAT(peer.disconnections[0].reason, HasSubstr(one.reason)) << one.name;
-        EXPECT_EQ(peer.connections, 0) << one.name;
+        ASSERT_TRUE(peer.sees([](const Seen& each) { return !each.disconnections.empty(); }));
+        EXPECT_THAT(peer.seen().disconnections[0].reason, HasSubstr(one.reason)) << one.name;
+        EXPECT_EQ(peer.seen().connections, 0) << one.name;
     }
     // The certificate is for the address only.
     options.broker.host = "localhost";

@@ -20,6 +20,8 @@ using jovu_cli::MutexLock;
 namespace {
 
 constexpr auto kHousekeeping = 2s;
+/// How long devices that are attached already may take to connect.
+constexpr auto kSettleTime = 5s;
 /// The scheduler is taken for stuck when it has not run for so long.
 constexpr auto kTickLimit = 30s;
 /// How long the last messages may take to reach the broker.
@@ -105,8 +107,10 @@ void EventQueue::run() {
         std::deque<Event> events;
         std::map<std::string, std::uint64_t> lost;
         {
-            std::unique_lock<jovu_cli::Mutex> lock(mutex_);
-            wake_.wait(lock, [this]() JOVU_REQUIRES(mutex_) { return ended_ || !events_.empty(); });
+            const jovu_cli::MutexLock lock(mutex_);
+            while (!ended_ && events_.empty()) {
+                wake_.wait(mutex_);
+            }
             if (events_.empty()) {
                 return;
             }
@@ -237,7 +241,11 @@ void Bridge::start() {
         const int port = metrics_.serve(config->metrics.address);
         log_.info("metrics at " + config->metrics.address + ", port " + std::to_string(port));
     }
+    started_at_ = Clock::now();
     started_ = true;
+    jovu_mqtt::Subscription availability;
+    availability.filter = topics_.all_devices("availability");
+    client_->subscribe(availability);
     client_->start();
     last_tick_ = Clock::now().time_since_epoch().count();
     scheduler_.every(kHousekeeping, 0ms, [this] { keep_house(); });
@@ -272,11 +280,16 @@ void Bridge::reload(const ReadConfig& read) {
     for (const std::string& key : changes(*before, read.config)) {
         log_.info("reloaded: " + key);
     }
-    settings_.set(read.config);
+    Config next = read.config;
+    next.broker = before->broker;
+    next.devices.serials = before->devices.serials;
+    settings_.set(std::move(next));
     log_.set_level(read.config.log_level);
-    outbox_.set_limits(outbox_limits(read.config));
     journal_.set_limits(journal_limits(read.config));
     set_rules(read.config);
+    for (const std::shared_ptr<Device>& device : devices()) {
+        device->take_settings();
+    }
     metrics_.reloaded(true);
 }
 
@@ -328,16 +341,37 @@ void Bridge::receive_request(const jovu_mqtt::Message& message) {
 /// A device that was plugged into another computer is that bridge's.
 void Bridge::receive_availability(const std::string& name, const std::string& payload) {
     const Json object = Json::parse(payload, nullptr, false);
-    if (!object.is_object() || object.value("state", "") != "online") {
+    if (!object.is_object() || !object.contains("state") || object["state"] != "online") {
         return;
     }
-    const auto owner = object.find("bridge");
-    const bool ours = owner != object.end() && *owner == name_;
+    const bool ours = object.contains("bridge") && object["bridge"] == name_;
     const MutexLock lock(table_mutex_);
     const bool here = std::any_of(table_.begin(), table_.end(),
                                   [&](const auto& entry) { return entry.second->name() == name; });
-    if (!ours && !here) {
+    if (here) {
+        return;
+    }
+    if (ours) {
+        said_online_.insert(name);
+    } else if (event_counts_.count(name) != 0) {
         elsewhere_.insert(name);
+    }
+}
+
+void Bridge::correct_availability() {
+    if (stopping_ || Clock::now() - started_at_ < kSettleTime) {
+        return;
+    }
+    std::set<std::string> said;
+    {
+        const MutexLock lock(table_mutex_);
+        said.swap(said_online_);
+    }
+    for (const std::string& name : said) {
+        const MutexLock lock(lifecycle_mutex_);
+        if (!find(name)) {
+            publish_availability(name, false, "disconnected");
+        }
     }
 }
 
@@ -427,9 +461,6 @@ void Bridge::add(JovuDeviceAddress address, const std::string& name, const std::
         requests.receive_stored = false;
         requests.retain_as_published = true;  // So that such a request is refused.
         client_->subscribe(requests);
-        jovu_mqtt::Subscription availability;
-        availability.filter = topics_.device(name, "availability");
-        client_->subscribe(availability);
     }
     publish_availability(name, true, "connected");
     device->start();
@@ -522,6 +553,7 @@ void Bridge::keep_house() {
     if (!stopping_ && outbox_.lost() != published_lost_) {
         publish_bridge();
     }
+    correct_availability();
     try {
         const Journal::Size size = journal_.size();
         metrics_.journal(size.entries, size.bytes);

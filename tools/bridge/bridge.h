@@ -111,15 +111,18 @@ private:
     void device_connected(JovuDeviceAddress address);
     void device_disconnected(JovuDeviceAddress address);
     void device_unavailable(const JovuDeviceInfo& info);
-    void add(JovuDeviceAddress address, const std::string& name, const std::string& port);
+    void add(JovuDeviceAddress address, const std::string& name, const std::string& port)
+        JOVU_REQUIRES(lifecycle_mutex_);
     /// Removes a device from the table. The caller calls leave().
     std::shared_ptr<Device> take(JovuDeviceAddress address);
-    void adopt_duplicate(const std::string& name);
+    void adopt_duplicate(const std::string& name) JOVU_REQUIRES(lifecycle_mutex_);
     std::shared_ptr<Device> find(JovuDeviceAddress address) const;
     std::shared_ptr<Device> find(const std::string& name) const;
     std::vector<std::shared_ptr<Device>> devices() const;
     void publish_availability(const std::string& name, bool online, const std::string& reason);
     void publish_bridge();
+    /// Corrects what an earlier run of this bridge, which was killed, has left at the broker.
+    void correct_availability();
     void keep_house();
 
     Log& log_;
@@ -153,11 +156,14 @@ private:
     std::map<std::string, std::shared_ptr<std::atomic<std::uint64_t>>> event_counts_
         JOVU_GUARDED_BY(table_mutex_);  ///< Of all devices that were ever connected.
     std::set<std::string> elsewhere_ JOVU_GUARDED_BY(table_mutex_);  ///< Another bridge's now.
+    /// What the broker takes for online at this bridge, to be compared with what is.
+    std::set<std::string> said_online_ JOVU_GUARDED_BY(table_mutex_);
 
     std::atomic<bool> started_{false};
     std::atomic<bool> stopping_{false};
     std::atomic<bool> failed_{false};
     std::atomic<Clock::rep> last_tick_{0};
+    Clock::time_point started_at_;  ///< Constant once started_ is set.
     std::atomic<std::uint64_t> published_lost_{0};
 };
 

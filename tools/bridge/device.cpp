@@ -59,6 +59,11 @@ void Device::start() {
     });
 }
 
+void Device::take_settings() {
+    const MutexLock lock(mutex_);
+    has_identity_ = false;  // It tells whether the device is read-only.
+}
+
 void Device::identify() {
     if (gone_) {
         return;
@@ -272,8 +277,12 @@ void Device::publish_event(const std::string& text, std::chrono::system_clock::t
 }
 
 bool Device::pause_for(Clock::duration time) {
-    std::unique_lock<jovu_cli::Mutex> lock(mutex_);
-    return !changed_.wait_for(lock, time, [this] { return gone_ || stopping_; });
+    const auto until = Clock::now() + time;
+    const MutexLock lock(mutex_);
+    while (!gone_ && !stopping_ && Clock::now() < until) {
+        changed_.wait_until(mutex_, until);
+    }
+    return !gone_ && !stopping_;
 }
 
 void Device::begin_stop() {

@@ -86,6 +86,10 @@ public:
     /// Publishes the identity, and begins to ask for status reports.
     void start();
 
+    /// The configuration has changed. The time between status reports is read anew with each, but
+    /// one below a second takes effect when the device connects.
+    void take_settings();
+
     /// Takes a request that RunningRequests::admit() has returned.
     void submit(const Running& running);
 

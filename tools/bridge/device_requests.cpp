@@ -201,9 +201,7 @@ void Device::run_trace(const Running& running) {
     {
         const MutexLock lock(mutex_);
         if (!trace_) {
-            trace_.emplace();
-            trace_->running = running;
-            trace_->servo = request.servo;
+            trace_ = Trace{running, request.servo, 0, {}, 0, 0};
         }
         if (trace_->running != running) {
             services_.requests.finish(

@@ -275,9 +275,10 @@ private:
             std::vector<Change> changes;
             Limits limits;
             {
-                std::unique_lock<jovu_cli::Mutex> lock(mutex_);
-                wake_.wait(lock,
-                           [this]() JOVU_REQUIRES(mutex_) { return ended_ || !changes_.empty(); });
+                const jovu_cli::MutexLock lock(mutex_);
+                while (!ended_ && changes_.empty()) {
+                    wake_.wait(mutex_);
+                }
                 if (changes_.empty()) {
                     return;
                 }

@@ -57,9 +57,10 @@ private:
         for (;;) {
             std::function<void()> task;
             {
-                std::unique_lock<jovu_cli::Mutex> lock(mutex_);
-                wake_.wait(lock,
-                           [this]() JOVU_REQUIRES(mutex_) { return ended_ || !tasks_.empty(); });
+                const jovu_cli::MutexLock lock(mutex_);
+                while (!ended_ && tasks_.empty()) {
+                    wake_.wait(mutex_);
+                }
                 if (tasks_.empty()) {
                     return;
                 }

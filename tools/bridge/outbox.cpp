@@ -13,11 +13,6 @@ using jovu_cli::MutexLock;
 Outbox::Outbox(const Limits& limits, Send send, Metrics& metrics)
     : send_(std::move(send)), metrics_(metrics), limits_(limits) {}
 
-void Outbox::set_limits(const Limits& limits) {
-    const MutexLock lock(mutex_);
-    limits_ = limits;
-}
-
 void Outbox::state(const std::string& topic, std::string payload) {
     const MutexLock lock(mutex_);
     State& state = states_[topic];

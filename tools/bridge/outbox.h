@@ -40,8 +40,6 @@ public:
 
     Outbox(const Limits& limits, Send send, Metrics& metrics);
 
-    void set_limits(const Limits& limits);
-
     /// Sets the value of a retained topic.
     void state(const std::string& topic, std::string payload);
 
@@ -99,8 +97,8 @@ private:
 
     const Send send_;
     Metrics& metrics_;
+    const Limits limits_;
     mutable jovu_cli::Mutex mutex_;
-    Limits limits_ JOVU_GUARDED_BY(mutex_);
     bool connected_ JOVU_GUARDED_BY(mutex_) = false;
     std::map<std::string, State> states_ JOVU_GUARDED_BY(mutex_);
     std::deque<std::string> waiting_states_ JOVU_GUARDED_BY(mutex_);  ///< Topics, oldest first.

@@ -4,10 +4,12 @@
 /// One thread for everything that happens at a time.
 #pragma once
 
+#include <algorithm>
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
 #include <functional>
+#include <iterator>
 #include <map>
 #include <optional>
 #include <thread>
@@ -55,15 +57,15 @@ public:
         if (id == 0) {
             return;
         }
-        std::unique_lock<jovu_cli::Mutex> lock(mutex_);
+        const jovu_cli::MutexLock lock(mutex_);
         for (auto entry = entries_.begin(); entry != entries_.end();) {
             entry = entry->second.id == id ? entries_.erase(entry) : std::next(entry);
         }
         if (running_ == id) {
             removed_running_ = id;
         }
-        if (std::this_thread::get_id() != thread_.get_id()) {
-            idle_.wait(lock, [&]() JOVU_REQUIRES(mutex_) { return running_ != id; });
+        while (running_ == id && std::this_thread::get_id() != thread_.get_id()) {
+            idle_.wait(mutex_);
         }
     }
 
@@ -72,43 +74,53 @@ private:
         Id id = 0;
         std::optional<Clock::duration> period;
         std::function<void()> function;
+        Clock::time_point due{};  ///< When it is called.
     };
 
     Id add(Clock::time_point when, std::optional<Clock::duration> period,
            std::function<void()> function) {
         const jovu_cli::MutexLock lock(mutex_);
         const Id id = ++last_id_;
-        entries_.emplace(when, Entry{id, period, std::move(function)});
+        entries_.emplace(when, Entry{id, period, std::move(function), when});
         wake_.notify_all();
         return id;
     }
 
     void run() {
-        std::unique_lock<jovu_cli::Mutex> lock(mutex_);
-        while (!ended_) {
-            if (entries_.empty()) {
-                wake_.wait(lock);
-                continue;
-            }
-            const Clock::time_point next = entries_.begin()->first;
-            if (Clock::now() < next) {
-                wake_.wait_until(lock, next);
-                continue;
-            }
-            Entry entry = std::move(entries_.begin()->second);
-            entries_.erase(entries_.begin());
-            running_ = entry.id;
-            removed_running_ = 0;
-            lock.unlock();
-            entry.function();
-            lock.lock();
+        while (std::optional<Entry> entry = next()) {
+            entry->function();
+            const jovu_cli::MutexLock lock(mutex_);
             running_ = 0;
-            if (entry.period && removed_running_ != entry.id) {
+            if (entry->period && removed_running_ != entry->id) {
                 // A period that was missed is left out.
-                entries_.emplace(std::max(next + *entry.period, Clock::now()), std::move(entry));
+                const Clock::time_point due = entry->due + *entry->period;
+                entries_.emplace(std::max(due, Clock::now()), std::move(*entry));
             }
             idle_.notify_all();
         }
+    }
+
+    /// Waits for the next function. @return nothing at the end.
+    std::optional<Entry> next() {
+        const jovu_cli::MutexLock lock(mutex_);
+        while (!ended_) {
+            if (entries_.empty()) {
+                wake_.wait(mutex_);
+                continue;
+            }
+            const Clock::time_point due = entries_.begin()->first;
+            if (Clock::now() < due) {
+                wake_.wait_until(mutex_, due);
+                continue;
+            }
+            Entry entry = std::move(entries_.begin()->second);
+            entry.due = due;
+            entries_.erase(entries_.begin());
+            running_ = entry.id;
+            removed_running_ = 0;
+            return entry;
+        }
+        return std::nullopt;
     }
 
     jovu_cli::Mutex mutex_;

@@ -82,7 +82,8 @@ Chooses a device when no option does: an address, a port or a serial number.
 .It Ev JOVU_FLEET
 The URL of a message broker, as
 .Fl \-fleet
-takes it. An empty
+takes it.
+An empty
 .Fl \-fleet
 ignores it.
 .It Ev XDG_STATE_HOME

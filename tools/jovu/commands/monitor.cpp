@@ -3,11 +3,9 @@
 /// @file
 /// `jovu monitor`: one screen for all controllers.
 
-#include <poll.h>
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
-#include <algorithm>
 #include <chrono>
 #include <optional>
 #include <string>
@@ -18,7 +16,6 @@
 #include "monitor/requests.h"
 #include "monitor/screen.h"
 #include "monitor/view.h"
-#include "posix/terminal_guard.h"
 
 namespace jovu_cli {
 namespace {
@@ -26,11 +23,6 @@ namespace {
 using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
 
-/// The longest time between two frames, for the ages on the screen.
-constexpr auto kLongestFrame = 250ms;
-/// The shortest time between two frames without a key: a controller can send a thousand events a
-/// second.
-constexpr auto kShortestFrame = 50ms;
 /// Number of notifications that are taken before keys are read again.
 constexpr int kMaxNotificationsAtOnce = 1000;
 /// How often the USB connection is started again at most.
@@ -64,8 +56,8 @@ public:
                 link_->requests.start(request);
             }
             screen_->draw(monitor_lines(model_, screen_->size(), now));
-            wait(now);
-            context_.stop.throw_if_stopped();
+            Screen::wait_for_frame(context_.stop, now,
+                                   {link_->session.notifications().fd(), link_->requests.fd()});
         }
     }
 
@@ -93,28 +85,6 @@ private:
         }
         while (const std::optional<MonitorKey> key = screen_->read_key()) {
             model_.press(*key, now);
-        }
-    }
-
-    /// Waits for the next frame.
-    /// @param drawn when the last frame was drawn.
-    void wait(Clock::time_point drawn) {
-        const bool reads = TerminalGuard::may_use();
-        pollfd watched[] = {{context_.stop.fd(), POLLIN, 0},
-                            {reads ? STDIN_FILENO : -1, POLLIN, 0},
-                            {link_->session.notifications().fd(), POLLIN, 0},
-                            {link_->requests.fd(), POLLIN, 0}};
-        const auto until = [](Clock::time_point end) {
-            const auto left =
-                std::chrono::duration_cast<std::chrono::milliseconds>(end - Clock::now());
-            return static_cast<int>(std::max<std::int64_t>(left.count(), 0));
-        };
-        if (poll(watched, 2, until(drawn + kShortestFrame)) == 0) {
-            poll(watched, std::size(watched), until(drawn + kLongestFrame));
-        }
-        if ((watched[1].revents & (POLLHUP | POLLERR)) != 0) {  // The terminal is closed.
-            context_.stop.throw_if_stopped();
-            throw Failure(ExitCode::output_closed);
         }
     }
 

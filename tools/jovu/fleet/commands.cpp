@@ -216,7 +216,11 @@ void call_fleet(const FleetContext& context, const std::string& name, const Json
     FleetReporter reporter(context.out, fleet, fleet.choose(Fleet::Unchosen::only_one));
     Json body = {{"arguments", arguments}};
     if (context.options.timeout) {
-        body["timeout"] = static_cast<double>(context.options.timeout->count()) / 1000;
+        // The device's time-out passes before that of the request, so that it is reported.
+        const auto limit = *context.options.timeout;
+        using std::chrono::milliseconds;
+        const milliseconds left = limit - std::min(limit / 4, milliseconds(1000));
+        body["timeout"] = std::chrono::duration<double>(std::max(left, milliseconds(10))).count();
     }
     request_all(context, fleet, reporter, "call/" + name, body, [&](const FleetResponse& response) {
         const Json& result = response.member("result");

@@ -3,9 +3,6 @@
 /// @file
 /// The monitor's screen for a fleet.
 
-#include <poll.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <map>
 #include <nlohmann/json.hpp>
@@ -19,7 +16,6 @@
 #include "monitor/model.h"
 #include "monitor/screen.h"
 #include "monitor/view.h"
-#include "posix/terminal_guard.h"
 
 namespace jovu_cli {
 namespace {
@@ -27,8 +23,6 @@ namespace {
 using namespace std::chrono_literals;
 using Clock = Fleet::Clock;
 
-constexpr auto kLongestFrame = 250ms;
-constexpr auto kShortestFrame = 50ms;
 /// Number of messages that are taken before keys are read again.
 constexpr int kMaxMessagesAtOnce = 1000;
 /// A bridge publishes each status every few seconds. An older one is out of date.
@@ -58,8 +52,7 @@ public:
                 model_.press(*key, now);
             }
             screen_->draw(monitor_lines(model_, screen_->size(), now));
-            wait(now);
-            context_.stop.throw_if_stopped();
+            Screen::wait_for_frame(context_.stop, now, {fleet_.fd()});
         }
     }
 
@@ -186,25 +179,6 @@ private:
                                                   response.error_message();
             model_.take(MonitorOutcome{*device.request, failure, "", {}}, now);
             device.request.reset();
-        }
-    }
-
-    void wait(Clock::time_point drawn) {
-        const bool reads = TerminalGuard::may_use();
-        pollfd watched[] = {{context_.stop.fd(), POLLIN, 0},
-                            {reads ? STDIN_FILENO : -1, POLLIN, 0},
-                            {fleet_.fd(), POLLIN, 0}};
-        const auto until = [](Clock::time_point end) {
-            const auto left =
-                std::chrono::duration_cast<std::chrono::milliseconds>(end - Clock::now());
-            return static_cast<int>(std::max<std::int64_t>(left.count(), 0));
-        };
-        if (::poll(watched, 2, until(drawn + kShortestFrame)) == 0) {
-            ::poll(watched, std::size(watched), until(drawn + kLongestFrame));
-        }
-        if ((watched[1].revents & (POLLHUP | POLLERR)) != 0) {  // The terminal is closed.
-            context_.stop.throw_if_stopped();
-            throw Failure(ExitCode::output_closed);
         }
     }
 

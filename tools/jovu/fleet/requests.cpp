@@ -73,7 +73,8 @@ void FleetRequests::publish(Pending& pending, Clock::time_point now) {
     message.properties.correlation_data = pending.correlation;
     message.properties.content_type = "application/json";
     // What a bridge receives after the time-out would surprise the user.
-    message.properties.expiry = std::max(std::chrono::ceil<std::chrono::seconds>(timeout_), 1s);
+    message.properties.expiry =
+        std::max(std::chrono::ceil<std::chrono::seconds>(pending.alive + timeout_ - now), 1s);
     pending.token = fleet_.publish(std::move(message));
     if (pending.token) {  // Otherwise there is no room at the moment.
         pending.sent = now;

@@ -290,4 +290,29 @@ std::optional<MonitorKey> Screen::read_key() {
     }
 }
 
+void Screen::wait_for_frame(const StopSource& stop, std::chrono::steady_clock::time_point drawn,
+                            std::initializer_list<int> descriptors) {
+    using std::chrono::milliseconds;
+    constexpr milliseconds kShortestFrame{50};
+    constexpr milliseconds kLongestFrame{250};
+    constexpr nfds_t kAlways = 2;  // What ends the shortest frame as well: the end, and a key.
+    std::vector<pollfd> watched{{stop.fd(), POLLIN, 0},
+                                {TerminalGuard::may_use() ? STDIN_FILENO : -1, POLLIN, 0}};
+    for (const int descriptor : descriptors) {
+        watched.push_back({descriptor, POLLIN, 0});
+    }
+    const auto until = [](std::chrono::steady_clock::time_point end) {
+        const auto left =
+            std::chrono::duration_cast<milliseconds>(end - std::chrono::steady_clock::now());
+        return static_cast<int>(std::max<std::int64_t>(left.count(), 0));
+    };
+    if (poll(watched.data(), kAlways, until(drawn + kShortestFrame)) == 0) {
+        poll(watched.data(), watched.size(), until(drawn + kLongestFrame));
+    }
+    stop.throw_if_stopped();
+    if ((watched[1].revents & (POLLHUP | POLLERR)) != 0) {  // The terminal is closed.
+        throw Failure(ExitCode::output_closed);
+    }
+}
+
 }  // namespace jovu_cli

@@ -5,12 +5,15 @@
 /// macros have common names.
 #pragma once
 
+#include <chrono>
+#include <initializer_list>
 #include <memory>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "monitor/model.h"
+#include "posix/stop_source.h"
 #include "terminal/output.h"
 
 namespace jovu_cli {
@@ -54,6 +57,14 @@ public:
 
     /// @return the next key, if one was pressed.
     std::optional<MonitorKey> read_key();
+
+    /// Waits until the next frame is due: when a key is pressed or the program is to end; when one
+    /// of the descriptors is readable, but 50 ms after the last frame at the earliest; or after
+    /// 250 ms, for the ages on the screen.
+    /// @param drawn when the last frame was drawn.
+    /// @throws Failure when the program is to end, and output_closed when the terminal is closed.
+    static void wait_for_frame(const StopSource& stop, std::chrono::steady_clock::time_point drawn,
+                               std::initializer_list<int> descriptors);
 
 private:
     struct Library;
