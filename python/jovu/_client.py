@@ -7,7 +7,6 @@ import atexit
 import contextlib
 import contextvars
 import os
-import sys
 import threading
 import time
 import warnings
@@ -461,7 +460,3 @@ def _close_all() -> None:
             if client._core.stop_for(_milliseconds(max(0.0, deadline - time.monotonic()))):
                 client._join(max(0.0, deadline - time.monotonic()))
     _log.stop()
-
-
-if sys.version_info < (3, 10):
-    raise ImportError("jovu needs Python 3.10")

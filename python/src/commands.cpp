@@ -76,8 +76,8 @@ Command command(const jovu::CommandRow<method>& row) {
             std::move(keys),
             &describe_arguments<method>,
             &describe<typename jovu::CommandRow<method>::Result>,
-            [](const py::tuple& arguments) -> std::shared_ptr<PreparedCommand> {
-                return std::make_shared<Prepared<method>>(arguments);
+            [](const py::tuple& arguments) -> std::unique_ptr<PreparedCommand> {
+                return std::make_unique<Prepared<method>>(arguments);
             }};
 }
 

@@ -39,7 +39,7 @@ struct Command {
     py::tuple (*describe_result)();
     /// @param arguments one for each key.
     /// @throws TypeError or ValueError that names the argument, its value and the reason.
-    std::shared_ptr<PreparedCommand> (*prepare)(const py::tuple& arguments);
+    std::unique_ptr<PreparedCommand> (*prepare)(const py::tuple& arguments);
 };
 
 /// @return every command, in the order of the firmware's indices.

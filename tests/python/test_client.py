@@ -83,10 +83,9 @@ def test_a_slow_callback_blocks_nothing(client: jovu.Client) -> None:
     request(f"fault {DEVICE} flood message 12000")
     eventually(lambda: client.lost_notifications > 0)
     assert client.bio_get_version(DEVICE) == "1.0.0"
-    lost = client.lost_notifications
     blocked.set()
     eventually(lambda: len(seen) + client.lost_notifications == 12000)
-    assert lost >= 1000 and seen[:2] == ["flood 0", "flood 1"]
+    assert seen[:2] == ["flood 0", "flood 1"]
 
 
 def test_unavailable(client: jovu.Client) -> None:
@@ -245,9 +244,19 @@ def test_an_interrupt_ends_a_wait(client: jovu.Client, call: str) -> None:
     began = time.monotonic()
     with pytest.raises(KeyboardInterrupt):
         client.status(DEVICE, 60) if call == "status" else client.bio_get_version(DEVICE)
-    assert time.monotonic() - began < 3
+    assert time.monotonic() - began < 8  # Without it, 15 s and more.
     request(f"fault {DEVICE} clear")
     assert client.bio_get_version(DEVICE) == "1.0.0"
+
+
+def test_a_second_interrupt_leaves_a_push(client: jovu.Client, job: pathlib.Path) -> None:
+    request(f"fault {DEVICE} never 04 always")
+    interrupt_after(0.3)
+    interrupt_after(0.8)
+    began = time.monotonic()
+    with pytest.raises(KeyboardInterrupt):
+        client.push(DEVICE, job)
+    assert time.monotonic() - began < 2.5  # The write in progress takes 3 s.
 
 
 def test_cancel_exchanges(client: jovu.Client) -> None:

@@ -91,7 +91,7 @@ def test_ctrl_c_ends_a_script(client: jovu.Client) -> None:
         began = time.monotonic()
         child.send_signal(signal.SIGINT)
         assert child.stderr.read().endswith("KeyboardInterrupt\n")
-    assert child.returncode == -signal.SIGINT and time.monotonic() - began < 5
+    assert child.returncode == -signal.SIGINT and time.monotonic() - began < 10
 
 
 def test_a_forked_process_is_refused(client: jovu.Client) -> None:
