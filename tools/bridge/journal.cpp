@@ -142,8 +142,12 @@ std::int64_t now_milliseconds() {
         .count();
 }
 
-/// Keeps other processes from the journal.
+/// Keeps other processes from the journal. Creates the folder if it is missing; its parent exists.
 jovu_cli::FileDescriptor lock_folder(const std::string& folder) {
+    if (::mkdir(folder.c_str(), 0700) == -1 && errno != EEXIST) {
+        throw JournalError("cannot create " + folder + ": " +
+                           std::generic_category().message(errno));
+    }
     const std::string file = folder + "/lock";
     jovu_cli::FileDescriptor lock(::open(file.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
     if (lock.get() == -1) {
