@@ -38,15 +38,15 @@ constexpr std::size_t kMaxLabel = 64;  ///< Characters of a serial number.
 
 /// Seconds. An exchange takes a millisecond; one that moves an axis may take a minute.
 const Boundaries& exchange_boundaries() {
-    static const Boundaries kBoundaries{0.0005, 0.001, 0.002, 0.005, 0.01, 0.02, 0.05,
-                                        0.1,    0.25,  0.5,   1,     2.5,  10,   60};
-    return kBoundaries;
+    static const Boundaries boundaries{0.0005, 0.001, 0.002, 0.005, 0.01, 0.02, 0.05,
+                                       0.1,    0.25,  0.5,   1,     2.5,  10,   60};
+    return boundaries;
 }
 
 /// Seconds. A request for a job lasts as long as the job is sent.
 const Boundaries& request_boundaries() {
-    static const Boundaries kBoundaries{0.001, 0.005, 0.02, 0.1, 0.5, 2, 10, 60, 300, 1800};
-    return kBoundaries;
+    static const Boundaries boundaries{0.001, 0.005, 0.02, 0.1, 0.5, 2, 10, 60, 300, 1800};
+    return boundaries;
 }
 
 constexpr std::array<std::string_view, 8> kOperations{"call",  "gcode",  "pause", "resume",
