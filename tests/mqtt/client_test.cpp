@@ -307,7 +307,7 @@ TEST(Client, LeavesAWillUnlessItLeavesInOrder) {
     watcher.client().start();
     ASSERT_TRUE(watcher.sees([](const Seen& peer) { return peer.subscriptions == 1; }));
     ClientOptions options = options_for(broker.url(), "same");
-    options.last_will = Message{"state", "died", 1, true};
+    options.last_will = Message{"state", "died although it had left", 1, true};
     {
         Peer leaves(options);
         leaves.client().start();
@@ -315,6 +315,7 @@ TEST(Client, LeavesAWillUnlessItLeavesInOrder) {
         leaves.client().publish({"state", "left", 1, true});
         ASSERT_TRUE(leaves.client().wait_unacknowledged(0, Clock::now() + test::kPatience));
     }
+    options.last_will->payload = "died";
     Peer dies(options);
     dies.client().start();
     ASSERT_TRUE(dies.connects());

@@ -355,8 +355,8 @@ private:
     const Statement prune_age_{database_, "DELETE FROM requests WHERE started<?"};
     const Statement prune_count_{
         database_,
-        "DELETE FROM requests WHERE number<=(SELECT number FROM requests ORDER BY number DESC"
-        " LIMIT 1 OFFSET ?)"};
+        "DELETE FROM requests WHERE response IS NOT NULL AND number<=(SELECT number FROM requests"
+        " ORDER BY number DESC LIMIT 1 OFFSET ?)"};
     unsigned written_ = kPruneEvery;  ///< Since entries were removed. The first change removes.
 
     jovu_cli::Mutex read_mutex_;
