@@ -158,7 +158,7 @@ struct Metrics::Parts {
     void remove(Device& device);
 
     std::shared_ptr<prometheus::Registry> registry = std::make_shared<prometheus::Registry>();
-    std::shared_ptr<ProcessFigures> process = std::make_shared<ProcessFigures>();
+    std::shared_ptr<prometheus::Collectable> process = std::make_shared<ProcessFigures>();
 
     Family<Gauge>& device_up = gauges("jovu_device_up", "1 for each device that is connected.");
     Family<Gauge>& device_queue = gauges("jovu_device_queue_requests", "Requests that wait.");
