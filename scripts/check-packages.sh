@@ -72,12 +72,13 @@ installed >/tmp/packages-before
 apt-get install -y -qq --no-install-recommends /packages/*.deb >/tmp/apt.log 2>&1 ||
     { cat /tmp/apt.log; exit 1; }
 dpkg-query -W 'libjovu*' 'jovu*'
-for test in program build; do
+for test in program bridge build; do
     echo "-- debian/tests/$test"
     mkdir "/tmp/$test"
     (cd /packages/source && AUTOPKGTEST_TMP=/tmp/$test "debian/tests/$test")
 done
 echo "-- man page"
+man jovu-bridge >/tmp/page-bridge
 man jovu >/tmp/page
 head -n 12 /tmp/page
 echo "-- purge"

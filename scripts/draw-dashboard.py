@@ -8,6 +8,7 @@ refused, and names the panels that have no data.
 """
 import argparse
 import json
+import math
 import re
 import sys
 import time
@@ -67,7 +68,7 @@ def draw_series(axes, panel, options):
     defaults = panel["fieldConfig"]["defaults"]
     factor = FACTORS.get(defaults["unit"], 1)
     states = panel["type"] == "state-timeline"
-    names, count = [], 0
+    names, count, largest = [], 0, defaults.get("max", 0)
     for target in panel["targets"]:
         for series in query(options.prometheus, "query_range", start=options.end - options.range,
                             end=options.end, step=options.step,
@@ -75,6 +76,7 @@ def draw_series(axes, panel, options):
             times = [datetime.fromtimestamp(moment) for moment, _ in series["values"]]
             values = [float(value) * factor for _, value in series["values"]]
             label = legend(target, series["metric"])
+            largest = max([largest] + [value for value in values if math.isfinite(value)])
             if states:
                 axes.scatter(times, [count] * len(times), marker="s", s=14)
                 names.append(label)
@@ -94,7 +96,7 @@ def draw_series(axes, panel, options):
         for row, name in enumerate(names):
             axes.text(0.01, row + 0.15, name, fontsize=6, transform=axes.get_yaxis_transform())
     elif count:
-        axes.set_ylim(bottom=0, top=defaults.get("max"))
+        axes.set_ylim(0, 1.08 * largest or 1)
         axes.legend(fontsize=6, loc="upper left", framealpha=0.6)
         axes.set_ylabel(UNITS.get(defaults["unit"], ""), fontsize=7)
     return count > 0

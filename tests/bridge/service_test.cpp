@@ -305,10 +305,16 @@ TEST_F(Service, CarriesARequestOutOnceWhateverEndsMeanwhile) {
     other["arguments"]["led"] = 1;
     EXPECT_EQ(end_of(requester_->ask(serial, "call/ui_led", other)), "invalid_request");
 
-    // The broker dies while a request is carried out, and its repeat joins it.
+    // A repeat joins the request in progress. The broker dies while another is carried out.
     test::sim("fault " + test::name(device_) + " delay 1500");
-    requester_->send(serial, "call/ui_led", blink("two"));
+    const std::string first = requester_->send(serial, "call/ui_led", blink("joined"));
     ASSERT_TRUE(eventually([&] { return test::requests(device_, "ui_led") == 2; }));
+    again = requester_->ask(serial, "call/ui_led", blink("joined"));
+    EXPECT_EQ(end_of(again), "done");
+    EXPECT_EQ(again["repeated"], true);
+    EXPECT_EQ(end_of(requester_->final(first)), "done");
+    requester_->send(serial, "call/ui_led", blink("two"));
+    ASSERT_TRUE(eventually([&] { return test::requests(device_, "ui_led") == 3; }));
     broker_.end();
     broker_.start();
     again = requester_->insist(serial, "call/ui_led", blink("two"));
@@ -320,7 +326,7 @@ TEST_F(Service, CarriesARequestOutOnceWhateverEndsMeanwhile) {
     const std::string leaver = add(second);
     test::sim("fault " + test::name(device_) + " silent 1");
     requester_->send(serial, "call/ui_led", blink("three"));
-    ASSERT_TRUE(eventually([&] { return test::requests(device_, "ui_led") == 3; }));
+    ASSERT_TRUE(eventually([&] { return test::requests(device_, "ui_led") == 4; }));
     EXPECT_EQ(bridge_->end(SIGKILL), -SIGKILL);
     EXPECT_TRUE(requester_->sees("jovu/bridges/b1",
                                  [](const json& value) { return value["state"] == "offline"; }));
@@ -333,7 +339,7 @@ TEST_F(Service, CarriesARequestOutOnceWhateverEndsMeanwhile) {
     again = requester_->insist(serial, "call/ui_led", blink("two"));
     EXPECT_EQ(end_of(again), "done");
     EXPECT_EQ(again["repeated"], true);
-    EXPECT_EQ(test::requests(device_, "ui_led"), 3);
+    EXPECT_EQ(test::requests(device_, "ui_led"), 4);
 
     EXPECT_EQ(bridge_->end(SIGTERM), 0);
     EXPECT_TRUE(requester_->online(serial, "offline"));

@@ -20,6 +20,8 @@ using jovu_cli::MutexLock;
 namespace {
 
 constexpr auto kHousekeeping = 2s;
+/// Bytes that the broker may send at once: more than any request that gets a response.
+constexpr std::uint32_t kMaxPacket = 2U << 20U;
 /// How long devices that are attached already may take to connect.
 constexpr auto kSettleTime = 5s;
 /// The scheduler is taken for stuck when it has not run for so long.
@@ -166,6 +168,7 @@ jovu_mqtt::ClientOptions Bridge::client_options(const ReadConfig& read) const {
     options.password = read_password(read);
     options.client_id = broker.client_id.empty() ? "jovu-bridge-" + name_ : broker.client_id;
     options.keep_alive = std::chrono::duration_cast<std::chrono::seconds>(broker.keep_alive);
+    options.max_packet_size = kMaxPacket;
     jovu_mqtt::Message will;
     will.topic = topics_.bridge(name_);
     will.payload = R"({"state":"offline"})";

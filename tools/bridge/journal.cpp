@@ -142,8 +142,12 @@ std::int64_t now_milliseconds() {
         .count();
 }
 
-/// Keeps other processes from the journal.
+/// Keeps other processes from the journal. Creates the folder if it is missing; its parent exists.
 jovu_cli::FileDescriptor lock_folder(const std::string& folder) {
+    if (::mkdir(folder.c_str(), 0700) == -1 && errno != EEXIST) {
+        throw JournalError("cannot create " + folder + ": " +
+                           std::generic_category().message(errno));
+    }
     const std::string file = folder + "/lock";
     jovu_cli::FileDescriptor lock(::open(file.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
     if (lock.get() == -1) {
@@ -351,8 +355,8 @@ private:
     const Statement prune_age_{database_, "DELETE FROM requests WHERE started<?"};
     const Statement prune_count_{
         database_,
-        "DELETE FROM requests WHERE number<=(SELECT number FROM requests ORDER BY number DESC"
-        " LIMIT 1 OFFSET ?)"};
+        "DELETE FROM requests WHERE response IS NOT NULL AND number<=(SELECT number FROM requests"
+        " ORDER BY number DESC LIMIT 1 OFFSET ?)"};
     unsigned written_ = kPruneEvery;  ///< Since entries were removed. The first change removes.
 
     jovu_cli::Mutex read_mutex_;

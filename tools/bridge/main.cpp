@@ -121,6 +121,8 @@ int run(const std::string& file, bool only_check) {
     log.set_level(read.config.log_level);
     const sigset_t signals = handled_signals();
     pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+    // A connection that the other side has closed is an error of a write.
+    static_cast<void>(std::signal(SIGPIPE, SIG_IGN));
     try {
         Bridge bridge(read, log);
         bridge.start();
