@@ -6,19 +6,17 @@
 
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <cstdint>
-#include <deque>
 #include <map>
 #include <memory>
 #include <set>
 #include <string>
-#include <thread>
 #include <unordered_map>
 #include <vector>
 
 #include "bridge/config.h"
 #include "bridge/device.h"
+#include "bridge/event_queue.h"
 #include "bridge/job_source.h"
 #include "bridge/journal.h"
 #include "bridge/log.h"
@@ -30,38 +28,6 @@
 #include "mqtt/client.h"
 
 namespace jovu_bridge {
-
-/// Hands debug messages from the thread that receives, which must not wait, to a thread that
-/// publishes them. Bounded: what does not fit is counted for its device.
-class EventQueue {
-public:
-    static constexpr std::size_t kMost = 10000;
-
-    explicit EventQueue(Outbox& outbox, const jovu_mqtt::Topics& topics);
-    ~EventQueue();
-    EventQueue(const EventQueue&) = delete;
-    EventQueue& operator=(const EventQueue&) = delete;
-
-    /// Does not wait.
-    void push(const std::shared_ptr<Device>& device, const std::string& text);
-
-private:
-    struct Event {
-        std::shared_ptr<Device> device;
-        std::string text;
-        std::chrono::system_clock::time_point time;
-    };
-    void run();
-
-    Outbox& outbox_;
-    const jovu_mqtt::Topics& topics_;
-    jovu_cli::Mutex mutex_;
-    std::condition_variable_any wake_;
-    std::deque<Event> events_ JOVU_GUARDED_BY(mutex_);
-    std::map<std::string, std::uint64_t> lost_ JOVU_GUARDED_BY(mutex_);  ///< By device.
-    bool ended_ JOVU_GUARDED_BY(mutex_) = false;
-    std::thread thread_;  ///< Last: it uses the members above.
-};
 
 /// Threads: its owner's. Lock order: `lifecycle_mutex_`, then `table_mutex_`; see
 /// docs/architecture.md for those of its parts.

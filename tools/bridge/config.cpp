@@ -32,10 +32,10 @@ constexpr std::uint64_t kTebibyte = 1ULL << 40U;
 constexpr std::uint64_t kYear = 366ULL * 24 * 3600;  ///< Seconds.
 constexpr std::uint64_t kDay = 24ULL * 3600;         ///< Seconds.
 
-const std::array<std::pair<const char*, LogLevel>, 4> kLevels{{{"error", LogLevel::error},
-                                                               {"warning", LogLevel::warning},
-                                                               {"info", LogLevel::info},
-                                                               {"debug", LogLevel::debug}}};
+constexpr std::array<std::pair<const char*, LogLevel>, 4> kLevels{{{"error", LogLevel::error},
+                                                                   {"warning", LogLevel::warning},
+                                                                   {"info", LogLevel::info},
+                                                                   {"debug", LogLevel::debug}}};
 
 /// Whether text can stand in a file name or a topic: UTF-8 without control characters.
 bool is_plain(const std::string& text) {
@@ -125,7 +125,7 @@ constexpr const char* kYesNo = "true or false";
 #define JOVU_MEMBER(member) [](Config& config) -> Value { return &config.member; }
 
 const std::vector<Row>& rows() {
-    static const std::vector<Row> kRows{
+    static const std::vector<Row> table{
         {"", "log_level", false, JOVU_MEMBER(log_level),
          "\"error\", \"warning\", \"info\" or \"debug\""},
         {"", "name", true, JOVU_MEMBER(name),
@@ -190,7 +190,7 @@ const std::vector<Row>& rows() {
          "ADDRESS:PORT with an IP address, as \"127.0.0.1:9464\" or \"[::1]:9464\", or empty", 0, 0,
          is_listen_address},
     };
-    return kRows;
+    return table;
 }
 
 #undef JOVU_MEMBER
@@ -415,7 +415,8 @@ private:
         for (const auto& [key, node] : keys) {
             if (std::find(names.begin(), names.end(), key.str()) == names.end()) {
                 const std::string name(key.str());
-                unknown(name, table + "." + name, names, key.source().begin);
+                unknown(name, std::string(table).append(".").append(name), names,
+                        key.source().begin);
             }
         }
     }
@@ -425,7 +426,7 @@ private:
         const std::string hint = jovu_cli::did_you_mean(typed, names);
         std::string all;
         for (const std::string& name : names) {
-            all += (all.empty() ? "possible are " : ", ") + name;
+            all.append(all.empty() ? "possible are " : ", ").append(name);
         }
         add_unknown(key, place, "is no key of the configuration: " + (hint.empty() ? all : hint));
     }

@@ -11,8 +11,7 @@
 
 #include <array>
 #include <cerrno>
-#include <climits>
-#include <cstdlib>
+#include <filesystem>
 #include <memory>
 #include <stdexcept>
 #include <system_error>
@@ -150,11 +149,9 @@ void check_job_folder(const std::string& path) {
 }  // namespace
 
 ReadConfig read_config(const std::string& file) {
-    std::string path = file;
-    const std::unique_ptr<char, Release<std::free>> resolved(::realpath(file.c_str(), nullptr));
-    if (resolved) {
-        path = resolved.get();
-    }
+    std::error_code missing;
+    const std::filesystem::path resolved = std::filesystem::canonical(file, missing);
+    const std::string path = missing ? file : resolved.string();
     try {
         ReadConfig read = parse_config(read_whole(path, false), file);
         read.file = path;

@@ -2,7 +2,6 @@
 #include "bridge/job_source.h"
 
 #include <curl/curl.h>
-#include <dirent.h>
 #include <fcntl.h>
 #include <openssl/evp.h>
 #include <sys/stat.h>
@@ -13,12 +12,9 @@
 #include <array>
 #include <cctype>
 #include <cerrno>
-#include <cinttypes>
 #include <climits>
-#include <cstdlib>
-#include <cstring>
 #include <exception>
-#include <limits>
+#include <filesystem>
 #include <optional>
 #include <string_view>
 #include <system_error>
@@ -52,7 +48,6 @@ using Url = std::unique_ptr<CURLU, ReleaseTransfer<curl_url_cleanup>>;
 using UrlPart = std::unique_ptr<char, ReleaseTransfer<curl_free>>;
 using Transfer = std::unique_ptr<CURL, ReleaseTransfer<curl_easy_cleanup>>;
 using DigestContext = std::unique_ptr<EVP_MD_CTX, ReleaseTransfer<EVP_MD_CTX_free>>;
-using Folder = std::unique_ptr<DIR, ReleaseTransfer<closedir>>;
 
 std::string error_reason(int error) {
     return std::system_category().message(error);
@@ -305,8 +300,8 @@ const char* code_of(CURLcode result) {
 
 File fetch_https(const JobReference& job, const JobLimits& limits, FetchedFile& target) {
     // Initialises the library; the first call does so for all threads.
-    static const CURLcode kReady = curl_global_init(CURL_GLOBAL_DEFAULT);
-    const Transfer transfer(kReady == CURLE_OK ? curl_easy_init() : nullptr);
+    static const CURLcode ready = curl_global_init(CURL_GLOBAL_DEFAULT);
+    const Transfer transfer(ready == CURLE_OK ? curl_easy_init() : nullptr);
     if (!transfer) {
         fail("fetch_failed", job.url, "libcurl cannot be started");
     }
@@ -471,13 +466,17 @@ JobSource::JobSource(std::string folder) : folder_(std::move(folder)) {
     if (::mkdir(folder_.c_str(), kOwnerOnly) == -1 && errno != EEXIST) {
         throw std::runtime_error("cannot create \"" + folder_ + "\": " + error_reason(errno));
     }
-    const Folder opened(::opendir(folder_.c_str()));
-    if (!opened || ::faccessat(AT_FDCWD, folder_.c_str(), W_OK | X_OK, AT_EACCESS) == -1) {
-        throw std::runtime_error("cannot write \"" + folder_ + "\": " + error_reason(errno));
+    std::error_code error;
+    std::filesystem::directory_iterator entries(folder_, error);
+    if (error || ::faccessat(AT_FDCWD, folder_.c_str(), W_OK | X_OK, AT_EACCESS) == -1) {
+        throw std::runtime_error("cannot write \"" + folder_ +
+                                 "\": " + (error ? error.message() : error_reason(errno)));
     }
-    while (const dirent* entry = ::readdir(opened.get())) {
-        if (std::string_view(entry->d_name).substr(0, kNamePrefix.size()) == kNamePrefix) {
-            ::unlinkat(::dirfd(opened.get()), entry->d_name, 0);
+    for (; !error && entries != std::filesystem::directory_iterator(); entries.increment(error)) {
+        const std::string name = entries->path().filename();
+        if (name.compare(0, kNamePrefix.size(), kNamePrefix) == 0) {
+            std::error_code ignored;  // A file that stays takes space and does no other harm.
+            std::filesystem::remove(entries->path(), ignored);
         }
     }
 }

@@ -46,7 +46,9 @@ private:
 };
 
 struct CloseFile {
-    void operator()(std::FILE* file) const noexcept { static_cast<void>(std::fclose(file)); }
+    void operator()(std::FILE* file) const noexcept {
+        static_cast<void>(std::fclose(file));  // NOLINT(cppcoreguidelines-owning-memory)
+    }
 };
 using File = std::unique_ptr<std::FILE, CloseFile>;
 

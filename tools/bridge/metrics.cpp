@@ -38,15 +38,15 @@ constexpr std::size_t kMaxLabel = 64;  ///< Characters of a serial number.
 
 /// Seconds. An exchange takes a millisecond; one that moves an axis may take a minute.
 const Boundaries& exchange_boundaries() {
-    static const Boundaries kBoundaries{0.0005, 0.001, 0.002, 0.005, 0.01, 0.02, 0.05,
-                                        0.1,    0.25,  0.5,   1,     2.5,  10,   60};
-    return kBoundaries;
+    static const Boundaries boundaries{0.0005, 0.001, 0.002, 0.005, 0.01, 0.02, 0.05,
+                                       0.1,    0.25,  0.5,   1,     2.5,  10,   60};
+    return boundaries;
 }
 
 /// Seconds. A request for a job lasts as long as the job is sent.
 const Boundaries& request_boundaries() {
-    static const Boundaries kBoundaries{0.001, 0.005, 0.02, 0.1, 0.5, 2, 10, 60, 300, 1800};
-    return kBoundaries;
+    static const Boundaries boundaries{0.001, 0.005, 0.02, 0.1, 0.5, 2, 10, 60, 300, 1800};
+    return boundaries;
 }
 
 constexpr std::array<std::string_view, 8> kOperations{"call",  "gcode",  "pause", "resume",
@@ -158,7 +158,7 @@ struct Metrics::Parts {
     void remove(Device& device);
 
     std::shared_ptr<prometheus::Registry> registry = std::make_shared<prometheus::Registry>();
-    std::shared_ptr<ProcessFigures> process = std::make_shared<ProcessFigures>();
+    std::shared_ptr<prometheus::Collectable> process = std::make_shared<ProcessFigures>();
 
     Family<Gauge>& device_up = gauges("jovu_device_up", "1 for each device that is connected.");
     Family<Gauge>& device_queue = gauges("jovu_device_queue_requests", "Requests that wait.");

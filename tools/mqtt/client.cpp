@@ -23,6 +23,7 @@
 #include <vector>
 
 #include "mqtt/error.h"
+#include "mqtt/mosquitto_library.h"
 #include "posix/files.h"
 #include "posix/mutex.h"
 
@@ -41,137 +42,6 @@ constexpr milliseconds kHandshakeTick{100};
 /// A connection that lasted less counts as another failed attempt, so that two clients with one id
 /// do not disconnect each other every second.
 constexpr std::chrono::seconds kLasting{10};
-constexpr int kFirstErrorReason = 0x80;  ///< MQTT 5 reason codes from here on are errors.
-
-struct DestroyMosquitto {
-    void operator()(mosquitto* handle) const noexcept { mosquitto_destroy(handle); }
-};
-using Handle = std::unique_ptr<mosquitto, DestroyMosquitto>;
-
-/// A list of properties; the library changes its head while it grows.
-class PropertyList {
-public:
-    PropertyList() = default;
-    ~PropertyList() { mosquitto_property_free_all(&head_); }
-    PropertyList(const PropertyList&) = delete;
-    PropertyList& operator=(const PropertyList&) = delete;
-
-    void add_int32(int identifier, std::uint32_t value) {
-        check(mosquitto_property_add_int32(&head_, identifier, value));
-    }
-    void add_string(int identifier, const std::string& value) {
-        if (!value.empty()) {
-            check(mosquitto_property_add_string(&head_, identifier, value.c_str()));
-        }
-    }
-    void add_binary(int identifier, const std::string& value) {
-        if (!value.empty()) {
-            check(mosquitto_property_add_binary(
-                &head_, identifier, value.data(),
-                static_cast<std::uint16_t>(std::min<std::size_t>(value.size(), 65535))));
-        }
-    }
-    void add(const Properties& properties) {
-        add_string(MQTT_PROP_RESPONSE_TOPIC, properties.response_topic);
-        add_binary(MQTT_PROP_CORRELATION_DATA, properties.correlation_data);
-        add_string(MQTT_PROP_CONTENT_TYPE, properties.content_type);
-        if (properties.expiry) {
-            add_int32(MQTT_PROP_MESSAGE_EXPIRY_INTERVAL,
-                      static_cast<std::uint32_t>(properties.expiry->count()));
-        }
-    }
-    const mosquitto_property* get() const noexcept { return head_; }
-    mosquitto_property* release() noexcept { return std::exchange(head_, nullptr); }
-
-private:
-    static void check(int code) {
-        if (code == MOSQ_ERR_NOMEM) {
-            throw std::bad_alloc();
-        }
-        if (code != MOSQ_ERR_SUCCESS) {
-            throw Error(std::string("invalid message property: ") + mosquitto_strerror(code));
-        }
-    }
-
-    mosquitto_property* head_ = nullptr;
-};
-
-/// Frees what the library allocates for the caller.
-struct FreeMemory {
-    // NOLINTNEXTLINE(cppcoreguidelines-*): the library allocates by malloc().
-    void operator()(void* memory) const noexcept { std::free(memory); }
-};
-
-std::string read_string(const mosquitto_property* list, int identifier) {
-    char* text = nullptr;
-    mosquitto_property_read_string(list, identifier, &text, false);
-    const std::unique_ptr<char, FreeMemory> owner(text);
-    return text != nullptr ? std::string(text) : std::string();
-}
-
-Properties read_properties(const mosquitto_property* list) {
-    Properties properties;
-    properties.response_topic = read_string(list, MQTT_PROP_RESPONSE_TOPIC);
-    properties.content_type = read_string(list, MQTT_PROP_CONTENT_TYPE);
-    void* bytes = nullptr;
-    std::uint16_t length = 0;
-    mosquitto_property_read_binary(list, MQTT_PROP_CORRELATION_DATA, &bytes, &length, false);
-    const std::unique_ptr<void, FreeMemory> owner(bytes);
-    if (bytes != nullptr) {
-        properties.correlation_data.assign(static_cast<const char*>(bytes), length);
-    }
-    std::uint32_t seconds = 0;
-    if (mosquitto_property_read_int32(list, MQTT_PROP_MESSAGE_EXPIRY_INTERVAL, &seconds, false) !=
-        nullptr) {
-        properties.expiry = std::chrono::seconds(seconds);
-    }
-    return properties;
-}
-
-/// @return what an error of the library means. Codes of the broker begin at kFirstErrorReason.
-std::string error_string(int code, int error_number) {
-    if (code >= kFirstErrorReason) {
-        return mosquitto_reason_string(code);
-    }
-    if (code == MOSQ_ERR_KEEPALIVE) {  // The library has no text for it.
-        return "the broker no longer responds";
-    }
-    if (code == MOSQ_ERR_ERRNO) {
-        return std::system_category().message(error_number);
-    }
-    std::string text = mosquitto_strerror(code);
-    while (!text.empty() && text.back() == '.') {
-        text.pop_back();
-    }
-    return text;
-}
-
-void check_readable(const std::string& path, const char* what) {
-    if (!path.empty() && access(path.c_str(), R_OK) != 0) {
-        throw Error(std::string("cannot read the ") + what + " '" + path +
-                    "': " + std::system_category().message(errno));
-    }
-}
-
-/// Has OpenSSL not ask for a passphrase on the terminal.
-int refuse_passphrase(char* /*buffer*/, int /*size*/, int /*writing*/, void* /*data*/) {
-    return 0;
-}
-
-void initialise_library() {
-    // Once, and never cleaned up: clients may exist until the process ends.
-    static const int kResult = mosquitto_lib_init();
-    static_cast<void>(kResult);
-}
-
-void throw_on(int code, const char* what) {
-    if (code == MOSQ_ERR_NOMEM) {
-        throw std::bad_alloc();
-    }
-    if (code != MOSQ_ERR_SUCCESS) {
-        throw Error(std::string(what) + ": " + error_string(code, errno));
-    }
-}
 
 }  // namespace
 
@@ -220,11 +90,6 @@ private:
         Token token;
         int qos;
     };
-
-    // Settings of the library.
-    void set_tls();
-    void set_last_will();
-    void set_connect_properties();
 
     // The thread.
     void run();
@@ -297,89 +162,13 @@ Client::Core::Core(ClientOptions options, Handlers handlers)
     if (!wake_.valid()) {
         throw std::system_error(errno, std::system_category(), "eventfd");
     }
-    initialise_library();
-    handle_.reset(mosquitto_new(options_.client_id.c_str(), options_.clean_start, this));
-    if (!handle_) {
-        throw Error("the MQTT client id '" + options_.client_id +
-                    "' cannot be used: " + std::system_category().message(errno));
-    }
-    throw_on(mosquitto_int_option(handle_.get(), MOSQ_OPT_PROTOCOL_VERSION, MQTT_PROTOCOL_V5),
-             "MQTT 5 is not available");
-    // Otherwise a second small message waits for the acknowledgement of the first: 40 ms.
-    throw_on(mosquitto_int_option(handle_.get(), MOSQ_OPT_TCP_NODELAY, 1),
-             "cannot prepare the MQTT client");
-    // Not a thread of the library: publishing queues a packet, and serve() writes it.
-    throw_on(mosquitto_threaded_set(handle_.get(), true), "cannot prepare the MQTT client");
+    handle_ = make_handle(options_, this);
     mosquitto_connect_v5_callback_set(handle_.get(), on_connect);
     mosquitto_disconnect_v5_callback_set(handle_.get(), on_disconnect);
     mosquitto_publish_v5_callback_set(handle_.get(), on_publish);
     mosquitto_message_v5_callback_set(handle_.get(), on_message);
     mosquitto_subscribe_v5_callback_set(handle_.get(), on_subscribe);
     mosquitto_log_callback_set(handle_.get(), on_log);
-    if (!options_.user.empty()) {
-        throw_on(mosquitto_username_pw_set(
-                     handle_.get(), options_.user.c_str(),
-                     options_.password.empty() ? nullptr : options_.password.c_str()),
-                 "the user name or the password cannot be used");
-    }
-    if (options_.broker.tls) {
-        set_tls();
-    }
-    set_last_will();
-    set_connect_properties();
-}
-
-void Client::Core::set_tls() {
-    check_readable(options_.ca_file, "file of trusted certificates");
-    check_readable(options_.certificate_file, "client certificate");
-    check_readable(options_.key_file, "key of the client certificate");
-    if (options_.certificate_file.empty() != options_.key_file.empty()) {
-        throw Error("a client certificate needs its key, and a key its certificate");
-    }
-    const auto or_null = [](const std::string& path) {
-        return path.empty() ? nullptr : path.c_str();
-    };
-    if (options_.ca_file.empty()) {
-        throw_on(mosquitto_int_option(handle_.get(), MOSQ_OPT_TLS_USE_OS_CERTS, 1),
-                 "the certificates that the system trusts cannot be used");
-    }
-    throw_on(mosquitto_tls_set(handle_.get(), or_null(options_.ca_file),
-                               options_.ca_file.empty() ? "/etc/ssl/certs" : nullptr,
-                               or_null(options_.certificate_file), or_null(options_.key_file),
-                               refuse_passphrase),
-             "the TLS files cannot be used");
-}
-
-void Client::Core::set_last_will() {
-    if (!options_.last_will) {
-        return;
-    }
-    const Message& will = *options_.last_will;
-    PropertyList properties;
-    properties.add(will.properties);
-    throw_on(mosquitto_will_set_v5(handle_.get(), will.topic.c_str(),
-                                   static_cast<int>(will.payload.size()), will.payload.data(),
-                                   will.qos, will.retain, properties.release()),
-             "the last will cannot be used");
-}
-
-void Client::Core::set_connect_properties() {
-    PropertyList properties;
-    if (options_.session_expiry.count() > 0) {
-        properties.add_int32(MQTT_PROP_SESSION_EXPIRY_INTERVAL,
-                             static_cast<std::uint32_t>(options_.session_expiry.count()));
-    }
-    if (options_.max_packet_size > 0) {
-        properties.add_int32(MQTT_PROP_MAXIMUM_PACKET_SIZE, options_.max_packet_size);
-    }
-    // The asynchronous call takes no properties, and the other one connects synchronously. Called
-    // without a host, that keeps the properties for later connections and fails.
-    const int code = mosquitto_connect_bind_v5(handle_.get(), nullptr, options_.broker.port,
-                                               static_cast<int>(options_.keep_alive.count()),
-                                               nullptr, properties.get());
-    if (code != MOSQ_ERR_INVAL) {
-        throw_on(code, "the properties of the connection cannot be used");
-    }
 }
 
 void Client::Core::subscribe(Subscription subscription) {
