@@ -94,6 +94,9 @@ private:
     std::unique_ptr<JovuScanPause> pause_;
 };
 
+/// What the update of this thread calls with its progress: JovuDfu passes no pointer on.
+thread_local const std::function<void(double)>* update_progress = nullptr;
+
 /// Runs dfu-util that is found in a folder.
 class Dfu {
 public:
@@ -116,18 +119,15 @@ public:
     /// @param progress called without the GIL.
     void update(const JovuDfu::DfuDevice_t& device, const std::string& file,
                 const std::function<void(double)>& progress) {
-        progress_ = &progress;
+        update_progress = &progress;
         dfu_->UpdateDevice(device, file, [](double percent, JovuDfu::DfuDevice_t /*device*/) {
-            (*progress_)(percent);
+            (*update_progress)(percent);
         });
     }
 
 private:
-    static thread_local const std::function<void(double)>* progress_;
     std::unique_ptr<JovuDfu> dfu_;
 };
-
-thread_local const std::function<void(double)>* Dfu::progress_ = nullptr;
 
 /// A callback that any thread may destroy.
 std::shared_ptr<py::object> share(const py::object& object) {
