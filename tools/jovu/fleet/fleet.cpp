@@ -24,7 +24,7 @@ using jovu_mqtt::Message;
 constexpr auto kConnectLimit = 10s;
 /// Without permission to publish to itself, the program takes this pause for the end of the stored
 /// messages.
-constexpr auto kQuietTime = 1s;
+constexpr auto kListenTime = 1s;
 /// Messages that wait to be taken out.
 constexpr std::size_t kMaxItems = 20'000;
 constexpr const char* kMarker = "all stored messages have been received";
@@ -158,10 +158,10 @@ void Fleet::discover(Clock::time_point deadline) {
             return;
         }
         if (token && refusals_.erase(*token) > 0) {
-            quiet_end = Clock::now() + kQuietTime;
+            quiet_end = Clock::now() + kListenTime;
         }
         if (quiet_end && message) {
-            quiet_end = Clock::now() + kQuietTime;
+            quiet_end = Clock::now() + kListenTime;
         }
         if (quiet_end && !message && Clock::now() >= *quiet_end) {
             return;
