@@ -50,8 +50,8 @@ int refuse_passphrase(char* /*buffer*/, int /*size*/, int /*writing*/, void* /*d
 
 void initialise_library() {
     // Once, and never cleaned up: clients may exist until the process ends.
-    static const int kResult = mosquitto_lib_init();
-    static_cast<void>(kResult);
+    static const int initialised = mosquitto_lib_init();
+    static_cast<void>(initialised);
 }
 
 void throw_on(int code, const char* what) {

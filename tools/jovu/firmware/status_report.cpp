@@ -75,10 +75,10 @@ Json status_json(const StatusReport& report) {
 }
 
 StatusReport read_status_json(const Json& json) {
-    static const Json kNothing;
+    static const Json nothing;
     const auto member = [](const Json& object, const char* key) -> const Json& {
         const auto found = object.is_object() ? object.find(key) : object.end();
-        return found == object.end() ? kNothing : *found;
+        return found == object.end() ? nothing : *found;
     };
     const auto string = [&](const Json& object, const char* key) {
         const Json& value = member(object, key);

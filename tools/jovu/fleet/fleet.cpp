@@ -174,9 +174,9 @@ void Fleet::discover(Clock::time_point deadline) {
 }
 
 const FleetDevice& Fleet::device(const std::string& serial) const {
-    static const FleetDevice kUnknown{};
+    static const FleetDevice unknown{};
     const auto found = devices_.find(serial);
-    return found == devices_.end() ? kUnknown : found->second;
+    return found == devices_.end() ? unknown : found->second;
 }
 
 std::string Fleet::obstacle(const FleetDevice& device) const {

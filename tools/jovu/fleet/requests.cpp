@@ -29,9 +29,9 @@ std::string seconds_string(std::chrono::milliseconds time) {
 }  // namespace
 
 const Json& FleetResponse::member(const char* key) const {
-    static const Json kNothing;
+    static const Json nothing;
     const auto found = body.is_object() ? body.find(key) : body.end();
-    return found == body.end() ? kNothing : *found;
+    return found == body.end() ? nothing : *found;
 }
 
 std::string FleetResponse::error_code() const {
