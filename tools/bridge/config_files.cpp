@@ -155,6 +155,7 @@ ReadConfig read_config(const std::string& file) {
     try {
         ReadConfig read = parse_config(read_whole(path, false), file);
         read.file = path;
+        read.config.jobs.ca_file = resolve_file(path, read.config.jobs.ca_file);
         return read;
     } catch (const std::runtime_error& error) {
         ReadConfig read;

@@ -160,12 +160,17 @@ void Device::submit(const Running& running) {
                 push_->cancel();
             }
         }
-        control_.post(
+        const bool taken = control_.post(
             [this, running] {
                 --controls_;
                 carry_out(running, &Device::run_control);
             },
             control == Control::abort);
+        if (!taken) {
+            --controls_;
+            --in_progress_;
+            services_.requests.finish(*running, obstacle());
+        }
         return;
     }
     const std::uint64_t most = services_.settings.get()->requests.max_queue;
@@ -187,10 +192,15 @@ void Device::submit(const Running& running) {
     } else if (std::holds_alternative<TraceRequest>(running->request.content)) {
         task = &Device::run_trace;
     }
-    requests_.post([this, running, task] {
+    const bool taken = requests_.post([this, running, task] {
         services_.metrics.device_queue(name_, static_cast<std::size_t>(--waiting_));
         carry_out(running, task);
     });
+    if (!taken) {
+        --waiting_;
+        --in_progress_;
+        services_.requests.finish(*running, obstacle());
+    }
 }
 
 void Device::carry_out(const Running& running, void (Device::*task)(const Running&)) {
@@ -206,11 +216,11 @@ void Device::carry_out(const Running& running, void (Device::*task)(const Runnin
 }
 
 Outcome Device::obstacle() const {
+    if (stopping_) {  // Before the other: the device is left at the end of a stop as well.
+        return Outcome::failed("unavailable", "the bridge is stopping; nothing was sent");
+    }
     if (gone_) {
         return Outcome::failed("disconnected", "the device has been unplugged");
-    }
-    if (stopping_) {
-        return Outcome::failed("unavailable", "the bridge is stopping; nothing was sent");
     }
     return {};
 }
@@ -304,11 +314,7 @@ void Device::begin_stop() {
         followed.swap(followed_);
     }
     if (followed) {
-        // The job goes on, and its request has been carried out: a repeat tells so.
-        services_.requests.finish(
-            *followed->running,
-            Outcome::failed("outcome_unknown",
-                            "the bridge has stopped; the device had accepted the job and goes on"));
+        services_.requests.finish(*followed->running, left_to_device());
         --in_progress_;
     }
 }

@@ -176,6 +176,9 @@ private:
                      const StatusReport& before, const JovuPushCancel& cancel);
     StatusReport wait_accepted(const StatusReport& before);
     void follow(const StatusReport& report);
+    /// The end of a request whose job goes on without the bridge: it has been carried out, so it is
+    /// not carried out again.
+    static Outcome left_to_device();
     void publish_job(const JobState& job);
     jovu_cli::Json job_json(const JobState& job) const;
     void note_job(const StatusReport& report);

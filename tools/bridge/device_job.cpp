@@ -167,6 +167,12 @@ void Device::run_job(const Running& running) {
         return;
     }
     services_.requests.accepted(*running);
+    JobState shown;
+    {
+        const MutexLock lock(mutex_);
+        shown = job_;
+    }
+    bool busy = false;
     preparing_ = true;
     JobState job;
     job.request = running->request.id;
@@ -193,7 +199,9 @@ void Device::run_job(const Running& running) {
         const Push push(*this, cancel);
         const MutexLock channel(job_channel_);
         const StatusReport before = request_status();
+        follow(before);  // The job before may have ended since the last report.
         if (has_job(before)) {
+            busy = true;
             throw JobRefused{"busy with another job: " + before.state + ", " +
                              std::to_string(before.progress) + " %; nothing was sent"};
         }
@@ -216,11 +224,13 @@ void Device::run_job(const Running& running) {
         return;  // Followed.
     }
     services_.metrics.job_ended(outcome.code);
-    if (!outcome.code.empty()) {
-        const MutexLock lock(mutex_);
-        job = job_;
-    }
-    if (!outcome.code.empty()) {
+    if (busy) {
+        publish_job(shown);  // The device has that job still.
+    } else if (!outcome.code.empty()) {
+        {
+            const MutexLock lock(mutex_);
+            job = job_;
+        }
         job.phase = outcome.code == "cancelled" ? "aborted" : "error";
         publish_job(job);
     }
@@ -273,6 +283,9 @@ Outcome Device::send_job(const Running& running, const JobRequest& request, std:
     }
     {
         const MutexLock lock(mutex_);
+        if (stopping_) {
+            return left_to_device();
+        }
         followed_ = Followed{running, accepted.job_id, accepted.file};
     }
     ++in_progress_;  // Until the end of the job.
@@ -303,17 +316,29 @@ StatusReport Device::wait_accepted(const StatusReport& before) {
     }
 }
 
+Outcome Device::left_to_device() {
+    return Outcome::failed("outcome_unknown",
+                           "the bridge has stopped; the device had accepted the job and goes on");
+}
+
 void Device::follow(const StatusReport& report) {
     std::optional<Followed> followed;
-    JobState job;
     {
         const MutexLock lock(mutex_);
         if (!followed_) {
             return;
         }
         followed = followed_;
-        job = job_;
     }
+    // The job topic may show the next job already.
+    const auto& request = std::get<JobRequest>(followed->running->request.content);
+    JobState job;
+    job.request = followed->running->request.id;
+    job.job_id = report.job_id;
+    job.file = report.file;
+    job.phase = phase_name(jovu_cli::job_phase(report));
+    job.percent = report.progress;
+    job.sent = job.total = request.reference.size;
     const bool same = report.job_id == followed->job_id && report.file == followed->file;
     const JobPhase phase = jovu_cli::job_phase(report);
     const std::string at = std::to_string(report.progress) + " %";

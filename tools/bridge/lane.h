@@ -23,13 +23,14 @@ public:
     Lane(const Lane&) = delete;
     Lane& operator=(const Lane&) = delete;
 
-    /// Adds a task. After end() it is dropped.
+    /// Adds a task.
     /// @param first before the tasks that wait.
-    void post(std::function<void()> task, bool first = false) {
+    /// @return false after end(): the task is dropped.
+    bool post(std::function<void()> task, bool first = false) {
         {
             const jovu_cli::MutexLock lock(mutex_);
             if (ended_) {
-                return;
+                return false;
             }
             if (first) {
                 tasks_.push_front(std::move(task));
@@ -38,6 +39,7 @@ public:
             }
         }
         wake_.notify_one();
+        return true;
     }
 
     /// Carries out the tasks that wait, and ends the thread.

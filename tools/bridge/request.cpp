@@ -32,7 +32,7 @@ constexpr std::string_view kRequestLeaf = "request/";
 constexpr std::string_view kCallPrefix = "call/";
 
 /// The commands that change nothing: the only ones that a read-only device accepts.
-constexpr std::array<std::string_view, 28> kReadingCommands = {
+constexpr std::array<std::string_view, 27> kReadingCommands = {
     "bio_get_version",
     "bio_get_serial",
     "gpio_get_raw",
@@ -43,7 +43,6 @@ constexpr std::array<std::string_view, 28> kReadingCommands = {
     "heater_fault_get",
     "heater_var_get",
     "wifi_client_get_status",
-    "wifi_client_get_configuration",
     "servo_dc_config_get",
     "servo_dc_move_default",
     "servo_dc_move_active",
@@ -361,7 +360,9 @@ private:
         request_.content = control->second;
     }
 
+    /// A job is gcode too.
     void read_job(Members& members) {
+        check_command("gcode_process_command");
         JobRequest job;
         job.reference.url = members.need_string("url", rules_.max_payload);
         job.reference.size = members.need_whole("size", std::numeric_limits<std::int64_t>::max());

@@ -127,8 +127,8 @@ void RunningRequests::respond_from_journal(const Request& request, const Journal
 void RunningRequests::refuse(const Refusal& refusal) {
     metrics_.request(refusal.operation.substr(0, refusal.operation.find('/')),
                      Metrics::Seconds::zero(), refusal.code);
-    log_.info("refused " + refusal.operation + " for " + refusal.device + ": " + refusal.code +
-              ", " + refusal.message);
+    // Without the message, which may quote a secret among the arguments.
+    log_.info("refused " + refusal.operation + " for " + refusal.device + ": " + refusal.code);
     Json response = envelope(refusal.device, refusal.operation, refusal.id, "failed");
     response["error"] = error_json(refusal.code, refusal.message);
     outbox_.respond(refusal.reply, to_payload(response), true);

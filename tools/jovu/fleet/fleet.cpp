@@ -12,6 +12,7 @@
 #include <utility>
 
 #include "cli/failure.h"
+#include "firmware/value_strings.h"
 #include "mqtt/error.h"
 #include "terminal/output.h"
 
@@ -56,9 +57,17 @@ std::string string_member(const Json& object, const char* key) {
     return found != object.end() && found->is_string() ? found->get<std::string>() : std::string();
 }
 
+/// @return null for anything but an object that a bridge could have sent; others may publish.
 Json parse_payload(const std::string& payload) {
-    Json json = Json::parse(payload, nullptr, false);
-    return json.is_object() ? json : Json();
+    try {
+        Json json = parse_strict_json(payload);  // Deeper nesting would exhaust the stack.
+        if (json.is_object()) {
+            return json;
+        }
+    } catch (const BadValue&) {
+        return {};
+    }
+    return {};
 }
 
 Fleet::Inbox::Inbox() : event(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {

@@ -94,7 +94,9 @@ Json job_request(const FleetJob& job, const StopSource& stop) {
                           "'stat -c %s FILE' and 'sha256sum FILE' print them");
         }
         body = {{"url", job.source}, {"size", *job.size}, {"sha256", job.sha256}};
-        body["name"] = job.source.substr(job.source.rfind('/') + 1);
+        // Without a query, in which some servers expect a secret: everybody may read the name.
+        const std::string path = job.source.substr(0, job.source.find_first_of("?#"));
+        body["name"] = path.substr(path.rfind('/') + 1);
     } else {
         if (job.source.find("://") != std::string::npos) {
             throw Failure(ExitCode::usage, "not an https or file URL: " + job.source);
