@@ -13,6 +13,12 @@ namespace {
 
 std::atomic<bool> forked{false};
 
+/// A call of the library may return after the interpreter has ended, which leaves no lock to
+/// acquire.
+void require_interpreter() noexcept {
+    if (Py_IsInitialized() == 0) wait_for_exit();
+}
+
 }  // namespace
 
 void wait_for_exit() noexcept {
@@ -22,11 +28,16 @@ void wait_for_exit() noexcept {
 
 void GilReleased::acquire() noexcept {
     if (state_ == nullptr) return;
+    require_interpreter();
     call_until_exit([this] { PyEval_RestoreThread(state_); });
     state_ = nullptr;
 }
 
-GilHeld::GilHeld() noexcept : state_(call_until_exit([] { return PyGILState_Ensure(); })) {}
+GilHeld::GilHeld() noexcept
+    : state_(call_until_exit([] {
+          require_interpreter();
+          return PyGILState_Ensure();
+      })) {}
 
 bool is_forked() noexcept {
     static const int watched = pthread_atfork(nullptr, nullptr, [] { forked = true; });
