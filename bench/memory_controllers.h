@@ -2,7 +2,7 @@
 
 /// @file
 /// Any number of controllers on a libusb made of memory. They respond to every command and to
-/// requests for a status report at once, and send debug messages when they are told to.
+/// requests for a status report at once, and send debug messages on request.
 #pragma once
 
 #include <cstddef>

@@ -26,7 +26,7 @@ std::string on(const Broker& broker, const std::string& line) {
     return "--fleet " + broker.url() + " " + line;
 }
 
-/// Stands for a bridge: publishes what it is told and responds as a function says.
+/// Stands for a bridge: publishes given messages, and responds by a function.
 class StandIn {
 public:
     /// A request as it arrived.

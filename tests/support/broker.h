@@ -43,7 +43,7 @@ public:
     Broker& operator=(const Broker&) = delete;
 
     void start();
-    /// Kills it without a farewell to its clients.
+    /// Kills it; its clients are not notified.
     void end();
     void signal(int number) const;
     pid_t process() const { return pid_; }

@@ -12,7 +12,7 @@ namespace jovu_mqtt {
 
 constexpr std::string_view kDefaultPrefix = "jovu";
 
-/// @return one level of a topic: letters, digits, '.', '_' and '-' as they are, every other byte
+/// @return one level of a topic: letters, digits, '.', '_' and '-' are kept, every other byte
 ///     as %XX.
 std::string encode_level(std::string_view name);
 

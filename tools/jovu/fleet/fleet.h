@@ -143,7 +143,7 @@ private:
     std::unique_ptr<jovu_mqtt::Client> client_;  ///< Last: its handlers use the inbox.
 };
 
-/// @return letters and digits that nobody else has chosen.
+/// @return random letters and digits, unique among all requesters.
 std::string random_id();
 
 }  // namespace jovu_cli

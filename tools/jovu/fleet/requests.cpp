@@ -76,7 +76,7 @@ void FleetRequests::publish(Pending& pending, Clock::time_point now) {
     message.properties.expiry =
         std::max(std::chrono::ceil<std::chrono::seconds>(pending.alive + timeout_ - now), 1s);
     pending.token = fleet_.publish(std::move(message));
-    if (pending.token) {  // Otherwise there is no room at the moment.
+    if (pending.token) {  // Otherwise too many messages are unacknowledged.
         pending.sent = now;
         pending.connection = fleet_.connections();
     }
