@@ -4,10 +4,10 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <openssl/evp.h>
-#include <signal.h>
 #include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <csignal>
 
 #include <array>
 #include <atomic>
@@ -65,68 +65,71 @@ std::string content_of(const File& file) {
 class JobSourceTest : public ::testing::Test {
 protected:
     static void SetUpTestSuite() {
-        folder_.emplace();
-        make_certificate(folder_->path("server"), "localhost");
+        shared_folder.emplace();
+        make_certificate(shared_folder->path("server"), "localhost");
         std::array<int, 2> pipe_ends{};
         ASSERT_EQ(::pipe2(pipe_ends.data(), O_CLOEXEC), 0);
         std::array<std::string, 5> words{"python3", "-S", JOVU_HTTPS_SERVER,
-                                         folder_->path("server.pem"), folder_->path("server.key")};
+                                         shared_folder->path("server.pem"),
+                                         shared_folder->path("server.key")};
         std::array<char*, 6> arguments{};
         std::transform(words.begin(), words.end(), arguments.begin(),
                        [](std::string& word) { return word.data(); });
         posix_spawn_file_actions_t actions;
         posix_spawn_file_actions_init(&actions);
         posix_spawn_file_actions_adddup2(&actions, pipe_ends[1], STDOUT_FILENO);
-        ASSERT_EQ(::posix_spawnp(&server_, "python3", &actions, nullptr, arguments.data(), environ),
+        ASSERT_EQ(::posix_spawnp(&server_process, "python3", &actions, nullptr, arguments.data(),
+                                 environ),
                   0);
         posix_spawn_file_actions_destroy(&actions);
         ::close(pipe_ends[1]);
         const File output(::fdopen(pipe_ends[0], "r"));
-        ASSERT_EQ(std::fscanf(output.get(), "%d", &port_), 1);
+        ASSERT_EQ(std::fscanf(output.get(), "%d", &server_port), 1);
     }
 
     static void TearDownTestSuite() {
-        ::kill(server_, SIGKILL);
-        ::waitpid(server_, nullptr, 0);
-        folder_.reset();
+        ::kill(server_process, SIGKILL);
+        ::waitpid(server_process, nullptr, 0);
+        shared_folder.reset();
     }
 
     JobSourceTest() {
-        limits_.ca_file = folder_->path("server.pem");
+        limits_.ca_file = shared_folder->path("server.pem");
         limits_.max_size = 1U << 20U;
         limits_.connect_timeout = milliseconds(5000);
         limits_.stall_timeout = milliseconds(2000);
     }
 
     static std::string url(const std::string& path) {
-        return "https://localhost:" + std::to_string(port_) + path;
+        return "https://localhost:" + std::to_string(server_port) + path;
     }
     static JobReference job(const std::string& url) { return {url, kSize, digest_of(body())}; }
 
     /// The failure of a fetch as "CODE: TEXT"; "done" without one.
     std::string fetch(const JobReference& job, const JobSource::Progress& progress = {}) const {
-        const JobSource source(folder_->path("jobs"));
+        const JobSource source(shared_folder->path("jobs"));
         try {
             const File file = source.fetch(job, limits_, progress);
             EXPECT_EQ(content_of(file), body());
-            EXPECT_TRUE(std::filesystem::is_empty(folder_->path("jobs"))) << "others can find it";
+            EXPECT_TRUE(std::filesystem::is_empty(shared_folder->path("jobs")))
+                << "others can find it";
             EXPECT_EQ(content_of(File(std::fopen(path_of(file).c_str(), "rb"))), body());
             return "done";
         } catch (const FetchFailure& failure) {
-            EXPECT_TRUE(std::filesystem::is_empty(folder_->path("jobs")));
+            EXPECT_TRUE(std::filesystem::is_empty(shared_folder->path("jobs")));
             return std::string(failure.code()) + ": " + failure.what();
         }
     }
 
-    static std::optional<TemporaryFolder> folder_;
-    static pid_t server_;
-    static int port_;
+    static std::optional<TemporaryFolder> shared_folder;
+    static pid_t server_process;
+    static int server_port;
     JobLimits limits_;
 };
 
-std::optional<TemporaryFolder> JobSourceTest::folder_;
-pid_t JobSourceTest::server_ = -1;
-int JobSourceTest::port_ = 0;
+std::optional<TemporaryFolder> JobSourceTest::shared_folder;
+pid_t JobSourceTest::server_process = -1;
+int JobSourceTest::server_port = 0;
 
 TEST_F(JobSourceTest, EndsEachFetchClearly) {
     struct Row {
@@ -166,7 +169,7 @@ TEST_F(JobSourceTest, DoesNotUnpackWhatItFetches) {
 }
 
 TEST_F(JobSourceTest, VerifiesTheServer) {
-    const std::string port = std::to_string(port_);
+    const std::string port = std::to_string(server_port);
     EXPECT_THAT(fetch(job("https://127.0.0.1:" + port + "/good")), HasSubstr("fetch_failed: "));
     limits_.ca_file.clear();
     EXPECT_THAT(fetch(job(url("/good"))), HasSubstr("certificate"));

@@ -124,9 +124,9 @@ TEST(BridgeMetrics, CountWhatHappens) {
 
 /// The names in a text that look like metrics of the bridge.
 std::set<std::string> metric_names(const std::string& text) {
-    static const std::regex kName("\\b(jovu|process)_[a-z_]+_[a-z_]+\\b|\\bjovu_devices\\b");
+    static const std::regex name("\\b(jovu|process)_[a-z_]+_[a-z_]+\\b|\\bjovu_devices\\b");
     std::set<std::string> names;
-    for (std::sregex_iterator match(text.begin(), text.end(), kName), end; match != end; ++match) {
+    for (std::sregex_iterator match(text.begin(), text.end(), name), end; match != end; ++match) {
         names.insert(std::regex_replace(match->str(), std::regex("_(bucket|sum|count)$"), ""));
     }
     return names;
