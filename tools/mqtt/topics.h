@@ -12,8 +12,8 @@ namespace jovu_mqtt {
 
 constexpr std::string_view kDefaultPrefix = "jovu";
 
-/// @return one level of a topic: letters, digits, '.', '_' and '-' are kept, every other byte
-///     as %XX.
+/// @return the name as one level of a topic. ASCII letters, digits, '.', '_' and '-' stay; another
+///     byte is written as %XX.
 std::string encode_level(std::string_view name);
 
 /// @return the name of a level that encode_level() made; nothing for any other string.

@@ -143,7 +143,7 @@ private:
     std::unique_ptr<jovu_mqtt::Client> client_;  ///< Last: its handlers use the inbox.
 };
 
-/// @return random letters and digits, unique among all requesters.
+/// @return 32 random hexadecimal digits, for the ids of requests and of connections.
 std::string random_id();
 
 }  // namespace jovu_cli
