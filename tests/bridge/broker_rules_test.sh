@@ -85,6 +85,7 @@ while read -r expected user topic publisher; do
     [[ $got == "$expected" ]] || fail "$user reads $topic: $got instead of $expected"
 done <<'END'
 yes bridge-lab1 jovu/devices/A1/request/gcode operator
+yes bridge-lab1 jovu/bridges/lab1 bridge-lab1
 yes viewer jovu/devices/A1/status bridge-lab1
 no  viewer jovu/devices/A1/request/gcode operator
 no  viewer jovu/responses/operator bridge-lab1

@@ -7,6 +7,7 @@
 
 #include <csignal>
 
+#include "bridge/availability.h"
 #include "bridge/journal.h"
 #include "bridge/outbox.h"
 #include "bridge/request.h"
@@ -116,7 +117,7 @@ TEST(Outbox, KeepsTheNewestStatesAndTheLastResponses) {
     Metrics metrics("b", "1");
     Connection connection;
     Outbox outbox(
-        {2, 2}, [&](jovu_mqtt::Message m) { return connection.take(std::move(m)); }, metrics);
+        {2, 2, 1000}, [&](jovu_mqtt::Message m) { return connection.take(std::move(m)); }, metrics);
     outbox.state("s", "1");
     outbox.state("s", "2");
     for (const char* const text : {"1", "2", "3"}) {
@@ -145,6 +146,94 @@ TEST(Outbox, KeepsTheNewestStatesAndTheLastResponses) {
     connection.full = false;
     outbox.acknowledged({1, "", false});
     EXPECT_THAT(connection.sent, ElementsAre("r=2", "r=3", "s=2", "s=4", "r=4", "s=4"));
+
+    // What is forgotten is sent once more if it waits, and not at the next connection.
+    outbox.disconnected();
+    outbox.state("s", "5");
+    outbox.state("other", "1");
+    outbox.forget("s");
+    outbox.connected();
+    outbox.acknowledged({6, "", false});
+    EXPECT_THAT(connection.sent.back(), "s=5");
+    outbox.acknowledged({8, "", false});
+    outbox.disconnected();
+    outbox.connected();
+    outbox.acknowledged({7, "", false});
+    EXPECT_THAT(std::vector<std::string>(connection.sent.begin() + 6, connection.sent.end()),
+                ElementsAre("other=1", "s=5", "other=1"));
+
+    // Two long responses are too many.
+    outbox.disconnected();
+    const std::uint64_t lost = outbox.lost();
+    outbox.respond({"r", ""}, std::string(900, 'x'), true);
+    outbox.respond({"r", ""}, std::string(900, 'y'), true);
+    EXPECT_EQ(outbox.lost(), lost + 1);
+}
+
+TEST(Availability, FollowsADeviceAmongBridges) {
+    Metrics metrics("b", "1");
+    Connection connection;
+    Outbox outbox(
+        {}, [&](jovu_mqtt::Message m) { return connection.take(std::move(m)); }, metrics);
+    Log log(-1, false);
+    Availability here(outbox, log, jovu_mqtt::Topics(), "b1");
+    outbox.connected();
+    const auto says = [&](const std::string& bridge, const std::string& state, bool stored) {
+        here.receive("S", R"({"bridge":")" + bridge + R"(","state":")" + state + "\"}", stored);
+    };
+    /// @return what was published since the last call, as "online" or "offline", each with a space.
+    std::size_t seen = 0;
+    const auto published = [&] {
+        std::string states;
+        for (; seen < connection.sent.size(); ++seen) {
+            outbox.acknowledged({seen + 1, "", false});
+            states +=
+                connection.sent[seen].find("online") != std::string::npos ? "online " : "offline ";
+        }
+        return states;
+    };
+    // What an earlier run left, unless another bridge has it by now; a forgery is ignored.
+    for (const bool moved : {false, true}) {
+        says("b1", "online", true);
+        says("b1", "online", false);
+        if (moved) says("b2", "online", false);
+        here.correct();
+        EXPECT_EQ(published(), moved ? "" : "offline ");
+    }
+    here.receive("S", "[1]", true);
+    here.receive("S", R"({"bridge":1,"state":"online"})", true);
+
+    // Moved here: the other bridge notices the leaving last.
+    here.connected("S");
+    says("b2", "offline", false);
+    EXPECT_EQ(published(), "online online ");
+    EXPECT_EQ(here.rival("S"), "");
+
+    // A stored value is of a bridge that was killed. Another controller of the same name is told
+    // once, so that two bridges do not tell each other for ever.
+    says("b2", "online", true);
+    EXPECT_EQ(here.rival("S"), "");
+    for (int i = 0; i < 3; ++i)
+        says("b2", "online", false);
+    EXPECT_EQ(here.rival("S"), "b2");
+    EXPECT_EQ(published(), "online ");
+    here.disconnected("S", "unplugged");
+    EXPECT_TRUE(here.elsewhere("S"));
+    here.connected("S");
+    EXPECT_EQ(here.rival("S"), "b2");
+    here.receive_bridge("b3", R"({"state":"offline"})");
+    EXPECT_EQ(here.rival("S"), "b2");
+    here.receive_bridge("b2", R"({"state":"offline"})");
+    EXPECT_EQ(here.rival("S"), "");
+    EXPECT_EQ(published(), "offline online ");
+
+    // Moved away: the other bridge alone may know how a request ended, even when it is gone.
+    here.disconnected("S", "unplugged");
+    EXPECT_FALSE(here.elsewhere("S"));
+    says("b2", "online", false);
+    EXPECT_TRUE(here.elsewhere("S"));
+    here.receive_bridge("b2", R"({"state":"offline"})");
+    EXPECT_TRUE(here.elsewhere("S"));
 }
 
 TEST(Request, ReadingCommandsAreCommandsThatSetNothing) {

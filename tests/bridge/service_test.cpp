@@ -103,6 +103,15 @@ public:
         return "c" + std::to_string(last_);
     }
 
+    /// Publishes the availability of a device as another bridge does.
+    void tell(const std::string& serial, const std::string& state) {
+        jovu_mqtt::Message message;
+        message.topic = "jovu/devices/" + serial + "/availability";
+        message.payload = json{{"state", state}, {"bridge", "b2"}, {"reason", "b2"}}.dump();
+        message.retain = true;
+        client_.publish(message);
+    }
+
     /// @return the final response; null when there is none.
     json final(const std::string& correlation, std::chrono::seconds limit = test::kPatience) {
         std::unique_lock lock(mutex_);
@@ -379,6 +388,26 @@ TEST_F(Service, ADeviceThatHangsOrLeavesEndsItsOwnRequestsOnly) {
     EXPECT_TRUE(eventually([&] { return test::requests(same, "bio_get_version") > 0; }));
     EXPECT_EQ(end_of(requester_->insist(works, "call/ui_led", blink("x"))), "done");
     EXPECT_EQ(test::requests(same, "ui_led"), 1);
+
+    // Two bridges have a device of this name: neither moves one.
+    requester_->tell(works, "online");
+    EXPECT_TRUE(requester_->sees("jovu/devices/" + works + "/availability", [](const json& value) {
+        return value["reason"].get<std::string>().find("the bridge b2") != std::string::npos;
+    }));
+    EXPECT_EQ(end_of(requester_->ask(works, "call/ui_led", blink("y"))), "unavailable");
+    EXPECT_EQ(end_of(requester_->ask(works, "call/bio_get_version", json::object())), "done");
+    requester_->tell(works, "offline");
+    EXPECT_TRUE(requester_->online(works));
+    EXPECT_EQ(end_of(requester_->insist(works, "call/ui_led", blink("y"))), "done");
+    EXPECT_EQ(test::requests(same, "ui_led"), 2);
+
+    // What was plugged into another computer is not said to be offline at the next connection.
+    requester_->tell(hangs, "online");
+    ASSERT_TRUE(requester_->online(hangs));
+    broker_.end();
+    broker_.start();
+    EXPECT_EQ(end_of(requester_->insist(works, "status", json::object())), "done");
+    EXPECT_TRUE(requester_->online(hangs));
 }
 
 TEST_F(Service, TellsWhatItLostWhileTheBrokerWasAway) {

@@ -40,10 +40,6 @@ std::string bridge_name(const Config& config) {
     return ::gethostname(host, sizeof host - 1) == 0 && host[0] != '\0' ? host : "bridge";
 }
 
-std::string now_string() {
-    return jovu_cli::utc_string(std::chrono::system_clock::now());
-}
-
 Outbox::Limits outbox_limits(const Config& config) {
     return {static_cast<std::size_t>(config.outbox.max_events),
             static_cast<std::size_t>(config.outbox.max_responses)};
@@ -91,6 +87,7 @@ Bridge::Bridge(const ReadConfig& read, Log& log)
           outbox_limits(read.config),
           [this](jovu_mqtt::Message message) { return client_->publish(std::move(message)); },
           metrics_),
+      availability_(outbox_, log_, topics_, name_),
       journal_(read.config.state_folder, journal_limits(read.config)),
       jobs_(read.config.state_folder + "/jobs"),
       requests_(journal_, outbox_, metrics_, log_),
@@ -202,6 +199,9 @@ void Bridge::start() {
     jovu_mqtt::Subscription availability;
     availability.filter = topics_.all_devices("availability");
     client_->subscribe(availability);
+    jovu_mqtt::Subscription bridges;
+    bridges.filter = topics_.all_bridges();
+    client_->subscribe(bridges);
     client_->start();
     last_tick_ = Clock::now().time_since_epoch().count();
     scheduler_.every(kHousekeeping, 0ms, [this] { keep_house(); });
@@ -252,7 +252,9 @@ void Bridge::reload(const ReadConfig& read) {
 void Bridge::receive(const jovu_mqtt::Message& message) {
     const auto topic = topics_.parse_device(message.topic);
     if (topic && topic->leaf == "availability") {
-        receive_availability(topic->serial, message.payload);
+        availability_.receive(topic->serial, message.payload, message.retain);
+    } else if (const auto bridge = topics_.parse_bridge(message.topic)) {
+        availability_.receive_bridge(*bridge, message.payload);
     } else {
         receive_request(message);
     }
@@ -265,11 +267,8 @@ void Bridge::receive_request(const jovu_mqtt::Message& message) {
         rules = rules_;
     }
     const auto topic = topics_.parse_device(message.topic);
-    {
-        const MutexLock lock(table_mutex_);
-        if (topic && elsewhere_.count(topic->serial) != 0) {
-            return;  // The other bridge responds.
-        }
+    if (topic && availability_.elsewhere(topic->serial)) {
+        return;  // The other bridge responds.
     }
     auto parsed = parse_request(
         {message.topic, message.payload, message.properties.response_topic,
@@ -283,52 +282,22 @@ void Bridge::receive_request(const jovu_mqtt::Message& message) {
     if (!running) {
         return;
     }
-    const std::shared_ptr<Device> device = stopping_ ? nullptr : find(running->request.device);
-    if (device) {
+    const std::string& name = running->request.device;
+    const std::shared_ptr<Device> device = find(name);
+    const std::string rival = running->request.reading ? std::string() : availability_.rival(name);
+    std::string problem;
+    if (stopping_) {
+        problem = "the bridge is stopping";
+    } else if (!device) {
+        problem = "the device is not connected: " + name;
+    } else if (!rival.empty()) {
+        problem =
+            "the bridges " + name_ + " and " + rival + " both have a device of this name: " + name;
+    } else {
         device->submit(running);
         return;
     }
-    requests_.finish(*running,
-                     Outcome::failed("unavailable", stopping_ ? "the bridge is stopping"
-                                                              : "the device is not connected: " +
-                                                                    running->request.device));
-}
-
-/// A device that was plugged into another computer is that bridge's.
-void Bridge::receive_availability(const std::string& name, const std::string& payload) {
-    const Json object = Json::parse(payload, nullptr, false);
-    if (!object.is_object() || !object.contains("state") || object["state"] != "online") {
-        return;
-    }
-    const bool ours = object.contains("bridge") && object["bridge"] == name_;
-    const MutexLock lock(table_mutex_);
-    const bool here = std::any_of(table_.begin(), table_.end(),
-                                  [&](const auto& entry) { return entry.second->name() == name; });
-    if (here) {
-        return;
-    }
-    if (ours) {
-        said_online_.insert(name);
-    } else if (event_counts_.count(name) != 0) {
-        elsewhere_.insert(name);
-    }
-}
-
-void Bridge::correct_availability() {
-    if (stopping_ || Clock::now() - started_at_ < kSettleTime) {
-        return;
-    }
-    std::set<std::string> said;
-    {
-        const MutexLock lock(table_mutex_);
-        said.swap(said_online_);
-    }
-    for (const std::string& name : said) {
-        const MutexLock lock(lifecycle_mutex_);
-        if (!find(name)) {
-            publish_availability(name, false, "disconnected");
-        }
-    }
+    requests_.finish(*running, Outcome::failed("unavailable", problem));
 }
 
 std::shared_ptr<Device> Bridge::find(JovuDeviceAddress address) const {
@@ -381,7 +350,7 @@ void Bridge::device_connected(JovuDeviceAddress address) {
         add(address, name, info->port);
     }
     if (stale) {
-        stale->leave();
+        end(*stale);
     }
     publish_bridge();
 }
@@ -393,7 +362,7 @@ void Bridge::add(JovuDeviceAddress address, const std::string& name, const std::
                                  " is at port " + port + "; it is left alone, the one at port " +
                                  first->port() + " is used";
         log_.error(what);
-        publish_availability(name, true, what);
+        availability_.tell(name, what);
         return;
     }
     std::shared_ptr<Device> device;
@@ -407,7 +376,6 @@ void Bridge::add(JovuDeviceAddress address, const std::string& name, const std::
         }
         device = std::make_shared<Device>(services_, address, name, port, events);
         table_[address] = device;
-        elsewhere_.erase(name);
     }
     log_.info(name + " connected at port " + port);
     metrics_.device_connected(name);
@@ -418,7 +386,7 @@ void Bridge::add(JovuDeviceAddress address, const std::string& name, const std::
         requests.retain_as_published = true;  // So that such a request is refused.
         client_->subscribe(requests);
     }
-    publish_availability(name, true, "connected");
+    availability_.connected(name);
     device->start();
 }
 
@@ -435,8 +403,18 @@ std::shared_ptr<Device> Bridge::take(JovuDeviceAddress address) {
     }
     log_.info(device->name() + " disconnected from port " + device->port());
     metrics_.device_disconnected(device->name());
-    publish_availability(device->name(), false, "disconnected");
+    availability_.disconnected(device->name(), "disconnected");
     return device;
+}
+
+void Bridge::end(Device& device) {
+    device.leave();
+    // From now on nothing is published of it. It may come back at another bridge: what this one
+    // said is then not to be said again.
+    const MutexLock lock(lifecycle_mutex_);
+    if (!find(device.name())) {
+        outbox_.forget(topics_.device(device.name(), ""));
+    }
 }
 
 void Bridge::device_disconnected(JovuDeviceAddress address) {
@@ -459,7 +437,7 @@ void Bridge::device_disconnected(JovuDeviceAddress address) {
         }
         adopt_duplicate(device->name());
     }
-    device->leave();
+    end(*device);
     publish_bridge();
 }
 
@@ -481,15 +459,7 @@ void Bridge::device_unavailable(const JovuDeviceInfo& info) {
     }
     log_.warning(name + " at port " + info.port +
                  " cannot be opened: " + jovu_state_name(info.state));
-    publish_availability(name, false, jovu_state_name(info.state));
-}
-
-void Bridge::publish_availability(const std::string& name, bool online, const std::string& reason) {
-    outbox_.state(topics_.device(name, "availability"),
-                  to_payload({{"state", online ? "online" : "offline"},
-                              {"bridge", name_},
-                              {"time", now_string()},
-                              {"reason", reason}}));
+    availability_.disconnected(name, jovu_state_name(info.state));
 }
 
 void Bridge::publish_bridge() {
@@ -500,7 +470,7 @@ void Bridge::publish_bridge() {
                    {"version", JOVU_VERSION},
                    {"devices", devices().size()},
                    {"lost", lost},
-                   {"time", now_string()}};
+                   {"time", jovu_cli::utc_string(std::chrono::system_clock::now())}};
     outbox_.state(topics_.bridge(name_), to_payload(object));
 }
 
@@ -509,7 +479,9 @@ void Bridge::keep_house() {
     if (!stopping_ && outbox_.lost() != published_lost_) {
         publish_bridge();
     }
-    correct_availability();
+    if (!stopping_ && Clock::now() - started_at_ > kSettleTime) {
+        availability_.correct();
+    }
     try {
         const Journal::Size size = journal_.size();
         metrics_.journal(size.entries, size.bytes);
@@ -562,7 +534,7 @@ void Bridge::stop(std::chrono::milliseconds limit) {
     }
     for (const std::shared_ptr<Device>& device : all) {
         device->leave();
-        publish_availability(device->name(), false, "the bridge has stopped");
+        availability_.disconnected(device->name(), "the bridge has stopped");
     }
     publish_bridge();
     const auto farewell = Clock::now() + kFarewellLimit;

@@ -9,11 +9,11 @@
 #include <cstdint>
 #include <map>
 #include <memory>
-#include <set>
 #include <string>
 #include <unordered_map>
 #include <vector>
 
+#include "bridge/availability.h"
 #include "bridge/config.h"
 #include "bridge/device.h"
 #include "bridge/event_queue.h"
@@ -72,23 +72,21 @@ private:
 
     void receive(const jovu_mqtt::Message& message);
     void receive_request(const jovu_mqtt::Message& message);
-    void receive_availability(const std::string& name, const std::string& payload);
 
     void device_connected(JovuDeviceAddress address);
     void device_disconnected(JovuDeviceAddress address);
     void device_unavailable(const JovuDeviceInfo& info);
     void add(JovuDeviceAddress address, const std::string& name, const std::string& port)
         JOVU_REQUIRES(lifecycle_mutex_);
-    /// Removes a device from the table. The caller calls leave().
+    /// Removes a device from the table. The caller calls end().
     std::shared_ptr<Device> take(JovuDeviceAddress address);
     void adopt_duplicate(const std::string& name) JOVU_REQUIRES(lifecycle_mutex_);
     std::shared_ptr<Device> find(JovuDeviceAddress address) const;
     std::shared_ptr<Device> find(const std::string& name) const;
     std::vector<std::shared_ptr<Device>> devices() const;
-    void publish_availability(const std::string& name, bool online, const std::string& reason);
+    /// Ends a device that was taken from the table.
+    void end(Device& device);
     void publish_bridge();
-    /// Corrects what an earlier run of this bridge, which was killed, has left at the broker.
-    void correct_availability();
     void keep_house();
 
     Log& log_;
@@ -98,6 +96,7 @@ private:
     jovu_mqtt::Topics topics_;
     std::unique_ptr<jovu_mqtt::Client> client_;
     Outbox outbox_;
+    Availability availability_;
     Journal journal_;
     JobSource jobs_;
     RunningRequests requests_;
@@ -121,9 +120,6 @@ private:
         JOVU_GUARDED_BY(table_mutex_);
     std::map<std::string, std::shared_ptr<std::atomic<std::uint64_t>>> event_counts_
         JOVU_GUARDED_BY(table_mutex_);  ///< Of all devices that were ever connected.
-    std::set<std::string> elsewhere_ JOVU_GUARDED_BY(table_mutex_);  ///< Another bridge's now.
-    /// What the broker takes for online at this bridge, to be compared with what is.
-    std::set<std::string> said_online_ JOVU_GUARDED_BY(table_mutex_);
 
     std::atomic<bool> started_{false};
     std::atomic<bool> stopping_{false};

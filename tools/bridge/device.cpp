@@ -271,8 +271,10 @@ std::string Device::code_of(JovuError code) {
 
 void Device::take_text(const std::string& text) {
     constexpr std::size_t kMostTexts = 1000;
+    constexpr std::size_t kMostTextBytes = 262144;
     const MutexLock lock(mutex_);
-    if (collects_ && texts_.size() < kMostTexts) {
+    if (collects_ && texts_.size() < kMostTexts && text_bytes_ + text.size() <= kMostTextBytes) {
+        text_bytes_ += text.size();
         texts_.push_back(text);
     }
 }

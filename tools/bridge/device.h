@@ -222,9 +222,11 @@ private:
     std::condition_variable_any changed_;
     JovuPushCancel* push_ JOVU_GUARDED_BY(mutex_) = nullptr;  ///< Of the push in progress.
     bool collects_ JOVU_GUARDED_BY(mutex_) = false;
-    std::vector<std::string> texts_ JOVU_GUARDED_BY(mutex_);  ///< For the gcode in progress.
+    std::vector<std::string> texts_ JOVU_GUARDED_BY(mutex_);  ///< Of the gcode line in progress.
+    std::size_t text_bytes_ JOVU_GUARDED_BY(mutex_) = 0;      ///< Of all lines of that request.
     std::optional<Trace> trace_ JOVU_GUARDED_BY(mutex_);
-    bool stray_ JOVU_GUARDED_BY(mutex_) = false;  ///< Samples without a trace are being ended.
+    bool stray_ JOVU_GUARDED_BY(mutex_) = false;  ///< Samples without a trace are to be ended.
+    Clock::time_point stray_time_ JOVU_GUARDED_BY(mutex_){};  ///< When that was ordered last.
     std::optional<Followed> followed_ JOVU_GUARDED_BY(mutex_);
     JobState job_ JOVU_GUARDED_BY(mutex_);
     std::string published_job_ JOVU_GUARDED_BY(mutex_);

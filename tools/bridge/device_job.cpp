@@ -4,6 +4,7 @@
 /// Jobs: fetched, sent, verified, followed.
 
 #include <algorithm>
+#include <atomic>
 #include <cstdio>
 #include <nlohmann/json.hpp>
 #include <thread>
@@ -58,6 +59,18 @@ bool shows_new_job(const StatusReport& before, const StatusReport& now) {
     return now.job_id != before.job_id || now.file != before.file || phase == JobPhase::active ||
            phase == JobPhase::paused;
 }
+
+/// True for as long as it exists.
+class Raised {
+public:
+    explicit Raised(std::atomic<bool>& flag) : flag_(flag) { flag_ = true; }
+    ~Raised() { flag_ = false; }
+    Raised(const Raised&) = delete;
+    Raised& operator=(const Raised&) = delete;
+
+private:
+    std::atomic<bool>& flag_;
+};
 
 /// The device does not do what was asked of it.
 struct JobRefused {
@@ -173,16 +186,16 @@ void Device::run_job(const Running& running) {
         shown = job_;
     }
     bool busy = false;
-    preparing_ = true;
     JobState job;
     job.request = running->request.id;
     job.file = request.name;
     job.phase = "fetching";
     job.total = request.reference.size;
-    job_progress(running, job, true);
     Outcome outcome;
     JovuPushCancel cancel;
     try {
+        const Raised preparing(preparing_);
+        job_progress(running, job, true);
         std::uint64_t fetched = 0;
         const File file = services_.jobs.fetch(
             request.reference, limits_of(services_.settings.get()->jobs),
@@ -219,7 +232,6 @@ void Device::run_job(const Running& running) {
         services_.log.error(error.what());
         outcome = Outcome::failed("unavailable", error.what());
     }
-    preparing_ = false;
     if (outcome.code.empty() && outcome.result.is_null()) {
         return;  // Followed.
     }

@@ -32,6 +32,8 @@ constexpr auto kFlushPeriod = 100ms;
 constexpr std::size_t kMostSamples = 2000;
 /// Longest time for turning a trace off.
 constexpr auto kTraceOffLimit = 3s;
+/// The shortest time between two attempts to end a trace that nobody asked for.
+constexpr auto kStrayPeriod = 10s;
 
 Outcome failure(const std::string& code, const std::string& message, Json result) {
     return {code, message, std::move(result)};
@@ -65,11 +67,14 @@ void Device::run_gcode(const Running& running) {
     {
         const MutexLock lock(mutex_);
         abort_ = stopping_.load() || gone_.load();
-        collects_ = true;
-        texts_.clear();
     }
     if (!begin(running)) {
         return;
+    }
+    {
+        const MutexLock lock(mutex_);
+        collects_ = true;
+        text_bytes_ = 0;
     }
     const bool several = gcode.lines.size() > 1;
     if (several) {
@@ -198,16 +203,18 @@ Outcome Device::change_job(const Running& running, Control control) {
 
 void Device::run_trace(const Running& running) {
     const auto& request = std::get<TraceRequest>(running->request.content);
+    bool busy = false;
     {
         const MutexLock lock(mutex_);
-        if (!trace_) {
+        busy = trace_.has_value();
+        if (!busy) {
             trace_ = Trace{running, request.servo, 0, {}, 0, 0};
         }
-        if (trace_->running != running) {
-            services_.requests.finish(
-                *running, Outcome::failed("busy", "another trace of this device is in progress"));
-            return;
-        }
+    }
+    if (busy) {
+        services_.requests.finish(
+            *running, Outcome::failed("busy", "another trace of this device is in progress"));
+        return;
     }
     if (!begin(running)) {
         const MutexLock lock(mutex_);
@@ -276,17 +283,20 @@ void Device::take_sample(const servo_trace_msg& sample) {
             } else {
                 ++trace_->lost;
             }
-        } else if (!stray_) {
+        } else if (!stray_ && (stray_time_ == Clock::time_point() ||
+                               Clock::now() - stray_time_ >= kStrayPeriod)) {
             stray_ = true;
+            stray_time_ = Clock::now();
             stray = static_cast<std::uint32_t>(sample.servo_name);
         }
     }
     if (stray) {
-        requests_.post([this, servo = *stray] { stray_trace(servo); }, true);
+        requests_.post([this, servo = *stray] { stray_trace(servo); });
     }
 }
 
-/// Turns off a trace that an earlier bridge or another program left on.
+/// Turns off a trace that an earlier bridge or another program left on. After the requests that
+/// wait, and seldom: a device may go on sending samples whatever it is told.
 void Device::stray_trace(std::uint32_t servo) {
     {
         const MutexLock lock(mutex_);
@@ -295,7 +305,7 @@ void Device::stray_trace(std::uint32_t servo) {
             return;
         }
     }
-    if (!gone_) {
+    if (!gone_ && !matches_any(services_.settings.get()->devices.read_only, name_)) {
         const JovuResponseTimeout limit(kTraceOffLimit);
         exchange([&] {
             client().servo_dc_trace_enable(address_, static_cast<servo_dc_name_t>(servo), false);

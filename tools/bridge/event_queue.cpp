@@ -20,7 +20,8 @@ EventQueue::~EventQueue() {
 void EventQueue::push(const std::shared_ptr<Device>& device, const std::string& text) {
     {
         const MutexLock lock(mutex_);
-        if (events_.size() < kMost) {
+        if (events_.size() < kMost && bytes_ + text.size() <= kMostBytes) {
+            bytes_ += text.size();
             events_.push_back({device, text, std::chrono::system_clock::now()});
         } else {
             ++lost_[device->name()];
@@ -42,6 +43,7 @@ void EventQueue::run() {
                 return;
             }
             events.swap(events_);
+            bytes_ = 0;
             lost.swap(lost_);
         }
         for (const Event& event : events) {

@@ -26,6 +26,7 @@ namespace jovu_bridge {
 class EventQueue {
 public:
     static constexpr std::size_t kMost = 10000;
+    static constexpr std::size_t kMostBytes = std::size_t{8} << 20U;
 
     explicit EventQueue(Outbox& outbox, const jovu_mqtt::Topics& topics);
     ~EventQueue();
@@ -48,6 +49,7 @@ private:
     jovu_cli::Mutex mutex_;
     std::condition_variable_any wake_;
     std::deque<Event> events_ JOVU_GUARDED_BY(mutex_);
+    std::size_t bytes_ JOVU_GUARDED_BY(mutex_) = 0;                      ///< Of their texts.
     std::map<std::string, std::uint64_t> lost_ JOVU_GUARDED_BY(mutex_);  ///< By device.
     bool ended_ JOVU_GUARDED_BY(mutex_) = false;
     std::thread thread_;  ///< Last: it uses the members above.

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "bridge/outbox.h"
 
+#include <iterator>
 #include <nlohmann/json.hpp>
 #include <utility>
 
@@ -17,6 +18,7 @@ void Outbox::state(const std::string& topic, std::string payload) {
     const MutexLock lock(mutex_);
     State& state = states_[topic];
     state.payload = std::move(payload);
+    state.last = false;
     if (!state.waits) {
         state.waits = true;
         waiting_states_.push_back(topic);
@@ -24,12 +26,22 @@ void Outbox::state(const std::string& topic, std::string payload) {
     drain();
 }
 
+void Outbox::forget(const std::string& prefix) {
+    const MutexLock lock(mutex_);
+    for (auto state = states_.lower_bound(prefix);
+         state != states_.end() && state->first.compare(0, prefix.size(), prefix) == 0;) {
+        state->second.last = true;
+        state =
+            state->second.waits || state->second.on_way ? std::next(state) : states_.erase(state);
+    }
+}
+
 void Outbox::event(const std::string& topic, std::string payload) {
     const MutexLock lock(mutex_);
-    events_.push_back({topic, std::move(payload), {}});
-    while (events_.size() > limits_.max_events) {
+    events_.push({topic, std::move(payload), {}});
+    while (events_.size() > limits_.max_events || events_.bytes() > limits_.max_bytes) {
         ++lost_events_[events_.front().topic];
-        events_.pop_front();
+        events_.pop();
         drop("event", 1);
     }
     drain();
@@ -50,9 +62,9 @@ void Outbox::respond(const ReplyTo& reply, std::string payload, bool final) {
     if (!final && !connected_) {
         return;
     }
-    responses_.push_back({reply.topic, std::move(payload), reply.correlation});
-    while (responses_.size() > limits_.max_responses) {
-        responses_.pop_front();
+    responses_.push({reply.topic, std::move(payload), reply.correlation});
+    while (responses_.size() > limits_.max_responses || responses_.bytes() > limits_.max_bytes) {
+        responses_.pop();
         drop("response", 1);
     }
     drain();
@@ -79,7 +91,7 @@ void Outbox::connected() {
     const MutexLock lock(mutex_);
     connected_ = true;
     for (auto& [topic, state] : states_) {
-        if (!state.waits) {
+        if (!state.waits && !state.last) {
             state.waits = true;
             waiting_states_.push_back(topic);
         }
@@ -105,6 +117,8 @@ void Outbox::acknowledged(const jovu_mqtt::Acknowledgement& acknowledgement) {
             state->second.on_way = false;
             if (state->second.waits) {
                 waiting_states_.push_back(state->first);
+            } else if (state->second.last) {
+                states_.erase(state);
             }
         }
     }
@@ -139,7 +153,7 @@ void Outbox::drain() {
 }
 
 bool Outbox::drain_responses() {
-    for (; !responses_.empty(); responses_.pop_front()) {
+    for (; !responses_.empty(); responses_.pop()) {
         jovu_mqtt::Message message;
         message.topic = responses_.front().topic;
         message.payload = responses_.front().payload;
@@ -154,11 +168,12 @@ bool Outbox::drain_responses() {
 
 bool Outbox::drain_states() {
     for (; !waiting_states_.empty(); waiting_states_.pop_front()) {
-        State& state = states_[waiting_states_.front()];
+        const auto found = states_.find(waiting_states_.front());
         // The values of a topic follow one another: the next is sent when the broker has this one.
-        if (!state.waits || state.on_way) {
+        if (found == states_.end() || !found->second.waits || found->second.on_way) {
             continue;
         }
+        State& state = found->second;
         jovu_mqtt::Message message;
         message.topic = waiting_states_.front();
         message.payload = state.payload;
@@ -188,7 +203,7 @@ bool Outbox::drain_events() {
             return false;
         }
     }
-    for (; !events_.empty(); events_.pop_front()) {
+    for (; !events_.empty(); events_.pop()) {
         jovu_mqtt::Message message;
         message.topic = events_.front().topic;
         message.payload = events_.front().payload;

@@ -12,6 +12,7 @@
 #include <map>
 #include <optional>
 #include <string>
+#include <utility>
 
 #include "bridge/metrics.h"
 #include "bridge/request.h"
@@ -27,9 +28,13 @@ namespace jovu_bridge {
 /// without waiting and calls nothing back.
 class Outbox {
 public:
+    /// What 10,000 messages do not reach unless they are of unusual length.
+    static constexpr std::size_t kMostBytes = std::size_t{64} << 20U;
+
     struct Limits {
         std::size_t max_events = 10000;
         std::size_t max_responses = 10000;
+        std::size_t max_bytes = kMostBytes;  ///< Of the events, and of the responses.
     };
 
     /// Messages that the broker has not acknowledged.
@@ -42,6 +47,10 @@ public:
 
     /// Sets the value of a retained topic.
     void state(const std::string& topic, std::string payload);
+
+    /// Sends what waits of the retained topics that begin with @p prefix, and not again at the next
+    /// connection.
+    void forget(const std::string& prefix);
 
     /// Adds an event. It is retained, so that a new subscriber receives the last one.
     void event(const std::string& topic, std::string payload);
@@ -74,11 +83,33 @@ private:
         std::string payload;
         bool waits = false;   ///< To be sent.
         bool on_way = false;  ///< An earlier value is not acknowledged yet.
+        bool last = false;    ///< To be forgotten once it is acknowledged.
     };
     struct Queued {
         std::string topic;
         std::string payload;
         std::string correlation;
+
+        std::size_t bytes() const { return topic.size() + payload.size() + correlation.size(); }
+    };
+    class Queue {
+    public:
+        bool empty() const { return messages_.empty(); }
+        std::size_t size() const { return messages_.size(); }
+        std::size_t bytes() const { return bytes_; }
+        const Queued& front() const { return messages_.front(); }
+        void push(Queued message) {
+            bytes_ += message.bytes();
+            messages_.push_back(std::move(message));
+        }
+        void pop() {
+            bytes_ -= messages_.front().bytes();
+            messages_.pop_front();
+        }
+
+    private:
+        std::deque<Queued> messages_;
+        std::size_t bytes_ = 0;
     };
     struct Sent {
         Clock::time_point time;
@@ -102,9 +133,9 @@ private:
     bool connected_ JOVU_GUARDED_BY(mutex_) = false;
     std::map<std::string, State> states_ JOVU_GUARDED_BY(mutex_);
     std::deque<std::string> waiting_states_ JOVU_GUARDED_BY(mutex_);  ///< Topics, oldest first.
-    std::deque<Queued> events_ JOVU_GUARDED_BY(mutex_);
+    Queue events_ JOVU_GUARDED_BY(mutex_);
     std::map<std::string, std::uint64_t> lost_events_ JOVU_GUARDED_BY(mutex_);  ///< By topic.
-    std::deque<Queued> responses_ JOVU_GUARDED_BY(mutex_);
+    Queue responses_ JOVU_GUARDED_BY(mutex_);
     std::map<jovu_mqtt::Token, Sent> sent_ JOVU_GUARDED_BY(mutex_);
     std::uint64_t lost_ JOVU_GUARDED_BY(mutex_) = 0;
 };
