@@ -8,7 +8,10 @@ namespace jovusim {
 
 namespace {
 constexpr std::size_t kWaitingLimit = 1U << 20U;
-}
+/// About half a second of one servo's samples. A host that reads more slowly than samples are made
+/// waits for each response as long as this takes it to read.
+constexpr std::size_t kMinorLimit = 1U << 17U;
+}  // namespace
 
 void TransmitQueue::push(std::string run, Millis not_before, std::size_t packet_size) {
     // A single run of any length fits: only a host that does not read loses output.
@@ -25,7 +28,7 @@ void TransmitQueue::push(std::string run, Millis not_before, std::size_t packet_
 }
 
 void TransmitQueue::push_minor(std::string run, Millis not_before) {
-    if (waiting_ + run.size() > kWaitingLimit / 2) {
+    if (waiting_ + run.size() > kMinorLimit) {
         ++dropped_;
         return;
     }

@@ -29,7 +29,7 @@ public:
     /// @param packet_size 1 to kMaxPacket
     void push(std::string run, Millis not_before, std::size_t packet_size = kMaxPacket);
 
-    /// Queues a run of low priority: drops and counts it when half a megabyte is queued.
+    /// Queues a run of low priority: drops and counts it when 128 KiB are queued.
     void push_minor(std::string run, Millis not_before);
 
     /// Drops the runs of low priority of which nothing has been sent.
