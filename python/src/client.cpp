@@ -70,7 +70,7 @@ py::object run_command(const SharedCore& core, std::size_t index, const py::hand
                                 ":" + std::to_string(address.address) + ": " + exchange->reason,
                             exchange->code);
     }
-    return call_until_exit([&] { return exchange->command->result(); });
+    return exchange->command->result();
 }
 
 py::object store_notification(const Notification& notification) {
@@ -137,8 +137,9 @@ public:
     void report(const JovuPushProgress& progress) {
         if (!progress_ || failed_) return;
         const bool worked = call_back([&] {
-            progress_(python_class("PushProgress")(progress.sent, progress.total, progress.percent,
-                                                   store_string(progress.job_id), progress.filler));
+            call(progress_, py::make_tuple(python_class("PushProgress")(
+                                progress.sent, progress.total, progress.percent,
+                                store_string(progress.job_id), progress.filler)));
         });
         if (!worked) {
             failed_ = true;
@@ -266,12 +267,10 @@ void bind_client(py::module_& module) {
                      const GilReleased released;
                      taken = queue.take();
                  }
-                 return call_until_exit([&taken] {
-                     py::list notifications;
-                     for (const Notification& notification : taken)
-                         notifications.append(store_notification(notification));
-                     return notifications;
-                 });
+                 py::list notifications;
+                 for (const Notification& notification : taken)
+                     notifications.append(store_notification(notification));
+                 return notifications;
              })
         .def("close", &NotificationQueue::close)
         .def_property_readonly("lost", &NotificationQueue::lost);

@@ -26,6 +26,10 @@ void wait_for_exit() noexcept {
         pause();
 }
 
+PyObject* call_python(PyObject* callable, PyObject* arguments, PyObject* keywords) {
+    return call_until_exit([=] { return PyObject_Call(callable, arguments, keywords); });
+}
+
 void GilReleased::acquire() noexcept {
     if (state_ == nullptr) return;
     require_interpreter();

@@ -4,9 +4,11 @@
 /// The interpreter's global lock (GIL), acquired and released so that threads survive the end of
 /// the interpreter.
 ///
-/// An interpreter that ends terminates each other thread that asks for the GIL, by unwinding its
-/// stack. That would run destructors which use Python objects, and end the process in the first one
-/// that is noexcept. These classes let such a thread wait for the end of the process instead.
+/// An interpreter that ends terminates each other thread that asks for the GIL, also in the middle
+/// of a call of Python, by unwinding its stack. That would run destructors which use Python objects
+/// without the GIL, and handlers which must not swallow it. So whatever asks for the GIL is called
+/// through call_until_exit(), with no such frame in between: the thread waits for the end of the
+/// process instead.
 #pragma once
 
 // NOLINTNEXTLINE(bugprone-reserved-identifier,readability-identifier-naming): the interpreter's.
@@ -19,7 +21,8 @@ namespace jovu_python {
 /// Waits for the end of the process.
 [[noreturn]] void wait_for_exit() noexcept;
 
-/// Calls a function that runs Python or acquires the GIL. Never returns once the interpreter ends.
+/// Calls a function that acquires the GIL, and has nothing to destroy when it does not return.
+/// Never returns once the interpreter ends.
 template <class Function>
 auto call_until_exit(const Function& function) {
     try {
@@ -28,6 +31,11 @@ auto call_until_exit(const Function& function) {
         wait_for_exit();  // Leaving this handler would end the process.
     }
 }
+
+/// Calls an object of Python; as PyObject_Call(). Never returns once the interpreter ends.
+/// @param keywords a dictionary, or null.
+/// @return a new reference; null when the object has raised an exception.
+PyObject* call_python(PyObject* callable, PyObject* arguments, PyObject* keywords);
 
 /// Releases the GIL for a scope. The thread has it before and after.
 class GilReleased {

@@ -56,7 +56,7 @@ thread_local Run* current_run = nullptr;
 /// Runs a Python callback. The caller has the GIL.
 bool run_callback(const std::function<void()>& callback, Error& error) {
     try {
-        call_until_exit(callback);
+        callback();
         return true;
     } catch (pybind11::error_already_set& raised) {
         error.emplace(std::move(raised));

@@ -158,7 +158,7 @@ void update_firmware(const std::shared_ptr<Dfu>& dfu, const std::string& vendor,
     run_without_gil(
         [dfu, device, file, callback] {
             dfu->update(device, file, [&callback](double percent) {
-                if (callback) call_back([&] { (*callback)(percent); });
+                if (callback) call_back([&] { call(*callback, py::make_tuple(percent)); });
             });
         },
         // An update that is cut leaves the device without firmware. Ctrl-C of a terminal reaches

@@ -3,6 +3,8 @@
 
 #include <cmath>
 
+#include "gil.h"
+
 namespace jovu_python {
 
 namespace {
@@ -29,8 +31,16 @@ std::string shown(py::handle value) {
 
 }  // namespace
 
-py::object python_class(std::string_view name) {
-    return (*classes())[py::str(name.data(), name.size())];
+py::object call(const py::handle& callable, const py::tuple& arguments,
+                const py::object& keywords) {
+    auto result = py::reinterpret_steal<py::object>(
+        call_python(callable.ptr(), arguments.ptr(), keywords.ptr()));
+    if (!result) throw py::error_already_set();
+    return result;
+}
+
+Defined python_class(std::string_view name) {
+    return Defined((*classes())[py::str(name.data(), name.size())]);
 }
 
 void set_python_classes(const py::dict& given) {
@@ -118,7 +128,7 @@ void load_byte_array(py::handle value, const Place& place, unsigned char* array,
 }
 
 void require_class(py::handle value, const Place& place, std::string_view name) {
-    if (!py::isinstance(value, python_class(name))) {
+    if (!py::isinstance(value, python_class(name).object())) {
         wrong_type(value, place, "a jovu." + std::string(name));
     }
 }

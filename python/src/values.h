@@ -20,6 +20,7 @@
 #include <string_view>
 #include <tuple>
 #include <type_traits>
+#include <utility>
 
 #include "commands/structures.h"
 #include "commands/type_names.h"
@@ -107,8 +108,29 @@ struct MemberType<T S::*> {
     using Type = T;
 };
 
-/// The class of Python that has a name: a structure, an enumeration or "Address". Set at import.
-py::object python_class(std::string_view name);
+/// Calls an object of Python, on any thread: as the object itself, which may not be called where
+/// C++ frames of a thread have something to destroy. See gil.h.
+py::object call(const py::handle& callable, const py::tuple& arguments,
+                const py::object& keywords = {});
+
+/// What Python defines for the module: a class, or a function.
+class Defined {
+public:
+    explicit Defined(py::object object) : object_(std::move(object)) {}
+
+    const py::object& object() const { return object_; }
+    template <class... Argument>
+    py::object operator()(Argument&&... argument) const {
+        return call(object_, py::make_tuple(std::forward<Argument>(argument)...));
+    }
+    py::object with(const py::dict& keywords) const { return call(object_, py::tuple(), keywords); }
+
+private:
+    py::object object_;
+};
+
+/// What Python has defined with a name: a structure, an enumeration or "Address". Set at import.
+Defined python_class(std::string_view name);
 void set_python_classes(const py::dict& classes);
 
 /// Where a value stands, for messages: "move_config.target".
@@ -258,7 +280,7 @@ py::object store(const T& value) {
         } else {
             name = jovu::Structure<T>::name;
         }
-        return python_class(name)(**members);
+        return python_class(name).with(members);
     } else if constexpr (std::is_same_v<T, std::string>) {
         return store_string(value);
     } else {

@@ -13,7 +13,7 @@ from typing import Any
 import jovu
 import numpy
 import pytest
-from conftest import DEVICE, request, stats
+from conftest import DEVICE, eventually, request, stats
 
 COMMANDS = [name for name in dir(jovu.Client) if hasattr(jovu.Client.__mro__[1], name)]
 COMMANDS = [name for name in COMMANDS if not name.startswith("_")]
@@ -40,7 +40,9 @@ def test_every_command(client: jovu.Client) -> None:
         if name == "Enter_dfu_mode":
             # The device leaves; the fixture has to find it again.
             assert stats()["message"]["commands"][name] == 1
-            request(f"replug {DEVICE}")
+            request(f"unplug {DEVICE}")
+            eventually(lambda: not client.devices())
+            request(f"plug {DEVICE}")
             client.wait_for_device(30)
         else:
             assert stats()["message"]["commands"][name] >= 1
