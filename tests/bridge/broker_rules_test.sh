@@ -8,6 +8,7 @@ set -euo pipefail
 packaging=$1/packaging/bridge
 work=$(mktemp -d)
 broker=
+client_id=
 cleanup() {
     [[ -z $broker ]] || kill "$broker" 2>/dev/null || true
     rm -rf "$work"
@@ -38,10 +39,10 @@ printf 'persistence_location %s/\nuser %s\n' "$work" "$(id -un)" >>conf
 mosquitto -c conf >log 2>&1 &
 broker=$!
 
-client() { # PROGRAM USER ARGUMENTS...: a client of the program, as a user whose client name is the same
+client() { # PROGRAM USER ARGUMENTS...: a client of the program, as a user whose client id is $client_id or the same
     local program=$1 user=$2
     shift 2
-    timeout 10 "$program" -V mqttv5 -h localhost -p "$port" --cafile ca.pem -i "$user" -u "$user" \
+    timeout 10 "$program" -V mqttv5 -h localhost -p "$port" --cafile ca.pem -i "${client_id:-$user}" -u "$user" \
         -P "${user:0:1}" -q 1 "$@"
 }
 for _ in {1..50}; do
@@ -79,7 +80,7 @@ while read -r expected user topic publisher; do
     client mosquitto_sub "$user" -t "$topic" -C 1 -W 2 >received 2>/dev/null &
     reader=$!
     sleep 0.5
-    client mosquitto_pub "$publisher" -t "$topic" -m payload 2>/dev/null
+    client_id=publisher client mosquitto_pub "$publisher" -t "$topic" -m payload 2>/dev/null
     wait "$reader" || true
     if [[ $(cat received) == payload ]]; then got=yes; else got=no; fi
     [[ $got == "$expected" ]] || fail "$user reads $topic: $got instead of $expected"
