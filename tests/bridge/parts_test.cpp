@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <csignal>
+#include <nlohmann/json.hpp>
 
 #include "bridge/availability.h"
 #include "bridge/journal.h"
@@ -17,6 +18,7 @@
 namespace jovu_bridge {
 namespace {
 
+using namespace std::chrono_literals;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using State = Journal::State;
@@ -151,7 +153,8 @@ TEST(Outbox, KeepsTheNewestStatesAndTheLastResponses) {
     outbox.disconnected();
     outbox.state("s", "5");
     outbox.state("other", "1");
-    outbox.forget("s");
+    outbox.state("s/more", "1");
+    outbox.forget("s", "s");  // Without a connection, what waits but for "s" may be out of date.
     outbox.connected();
     outbox.acknowledged({6, "", false});
     EXPECT_THAT(connection.sent.back(), "s=5");
@@ -159,8 +162,10 @@ TEST(Outbox, KeepsTheNewestStatesAndTheLastResponses) {
     outbox.disconnected();
     outbox.connected();
     outbox.acknowledged({7, "", false});
+    outbox.again("o");
+    outbox.acknowledged({9, "", false});
     EXPECT_THAT(std::vector<std::string>(connection.sent.begin() + 6, connection.sent.end()),
-                ElementsAre("other=1", "s=5", "other=1"));
+                ElementsAre("other=1", "s=5", "other=1", "other=1"));
 
     // Two long responses are too many.
     outbox.disconnected();
@@ -170,70 +175,173 @@ TEST(Outbox, KeepsTheNewestStatesAndTheLastResponses) {
     EXPECT_EQ(outbox.lost(), lost + 1);
 }
 
-TEST(Availability, FollowsADeviceAmongBridges) {
-    Metrics metrics("b", "1");
-    Connection connection;
-    Outbox outbox(
-        {}, [&](jovu_mqtt::Message m) { return connection.take(std::move(m)); }, metrics);
-    Log log(-1, false);
-    Availability here(outbox, log, jovu_mqtt::Topics(), "b1");
-    outbox.connected();
-    const auto says = [&](const std::string& bridge, const std::string& state, bool stored) {
-        here.receive("S", R"({"bridge":")" + bridge + R"(","state":")" + state + "\"}", stored);
-    };
-    /// @return what was published since the last call, as "online" or "offline", each with a space.
-    std::size_t seen = 0;
-    const auto published = [&] {
-        std::string states;
-        for (; seen < connection.sent.size(); ++seen) {
-            outbox.acknowledged({seen + 1, "", false});
-            states +=
-                connection.sent[seen].find("online") != std::string::npos ? "online " : "offline ";
+/// Bridges that have a device of one name, or had it, and the broker between them.
+class Bridges {
+public:
+    explicit Bridges(int count) {
+        for (int i = 1; i <= count; ++i) {
+            bridges_.push_back(std::make_unique<Bridge>(*this, "b" + std::to_string(i)));
         }
-        return states;
-    };
-    // What an earlier run left, unless another bridge has it by now; a forgery is ignored.
-    for (const bool moved : {false, true}) {
-        says("b1", "online", true);
-        says("b1", "online", false);
-        if (moved) says("b2", "online", false);
-        here.correct();
-        EXPECT_EQ(published(), moved ? "" : "offline ");
     }
-    here.receive("S", "[1]", true);
-    here.receive("S", R"({"bridge":1,"state":"online"})", true);
+    void connected(int number) { bridge(number).availability.connected("S"); }
+    void disconnected(int number) { bridge(number).availability.disconnected("S", "unplugged"); }
+    /// A bridge vanishes, and its last will is published.
+    void vanish(int number) {
+        for (const auto& each : bridges_) {
+            each->availability.receive_bridge(bridge(number).name, R"({"state":"offline"})");
+        }
+        bridge(number).listens = false;
+    }
+    void reconnect(int number) {
+        bridge(number).listens = true;
+        bridge(number).outbox.disconnected();
+        bridge(number).availability.reconnected(now_);
+        bridge(number).outbox.connected();
+    }
+    /// Lets a time pass that is long enough for bridges to contradict.
+    void settle() {
+        now_ += 1min;
+        for (const auto& each : bridges_) {
+            each->availability.settle(now_, true);
+        }
+    }
 
-    // Moved here: the other bridge notices the leaving last.
-    here.connected("S");
-    says("b2", "offline", false);
-    EXPECT_EQ(published(), "online online ");
-    EXPECT_EQ(here.rival("S"), "");
+    /// Delivers what is published, and what is published thereupon.
+    /// @return what each bridge does with a request: refuse, carry out or be silent, as "rcs"; "!"
+    ///     when the bridges do not stop publishing.
+    std::string roles() {
+        const std::size_t most = seen_ + 100;
+        for (; seen_ < topic_.size() && seen_ < most; ++seen_) {
+            const auto [from, payload] = topic_[seen_];
+            for (const auto& each : bridges_) {
+                if (each->listens && each->availability.receive("S", payload, false)) {
+                    each->outbox.again("jovu/devices/S/");
+                }
+            }
+            from->outbox.acknowledged({seen_ + 1, "", false});
+        }
+        std::string roles = seen_ == most ? "!" : "";
+        for (const auto& each : bridges_) {
+            roles += !each->availability.rival("S").empty() ? 'r'
+                     : each->availability.elsewhere("S")    ? 's'
+                                                            : 'c';
+        }
+        return roles;
+    }
+    /// @return what the broker has stored, as "b1 online".
+    std::string stored() const {
+        const auto value = nlohmann::json::parse(topic_.back().second);
+        return value["bridge"].get<std::string>() + " " + value["state"].get<std::string>();
+    }
+    Availability& availability(int number) { return bridge(number).availability; }
 
-    // A stored value is of a bridge that was killed. Another controller of the same name is told
-    // once, so that two bridges do not tell each other for ever.
-    says("b2", "online", true);
-    EXPECT_EQ(here.rival("S"), "");
-    for (int i = 0; i < 3; ++i)
-        says("b2", "online", false);
-    EXPECT_EQ(here.rival("S"), "b2");
-    EXPECT_EQ(published(), "online ");
-    here.disconnected("S", "unplugged");
-    EXPECT_TRUE(here.elsewhere("S"));
-    here.connected("S");
-    EXPECT_EQ(here.rival("S"), "b2");
-    here.receive_bridge("b3", R"({"state":"offline"})");
-    EXPECT_EQ(here.rival("S"), "b2");
-    here.receive_bridge("b2", R"({"state":"offline"})");
-    EXPECT_EQ(here.rival("S"), "");
-    EXPECT_EQ(published(), "offline online ");
+private:
+    struct Bridge {
+        Bridge(Bridges& all, std::string its_name)
+            : name(std::move(its_name)),
+              outbox(
+                  {},
+                  [this, &all](const jovu_mqtt::Message& message) {
+                      all.topic_.emplace_back(this, message.payload);
+                      return std::optional<jovu_mqtt::Token>(all.topic_.size());
+                  },
+                  metrics),
+              availability(outbox, log, jovu_mqtt::Topics(), name) {
+            outbox.connected();
+        }
+        const std::string name;
+        bool listens = true;
+        Metrics metrics{"b", "1"};
+        Log log{-1, false};
+        Outbox outbox;
+        Availability availability;
+    };
+    Bridge& bridge(int number) { return *bridges_.at(static_cast<std::size_t>(number) - 1); }
 
-    // Moved away: the other bridge alone may know how a request ended, even when it is gone.
-    here.disconnected("S", "unplugged");
-    EXPECT_FALSE(here.elsewhere("S"));
-    says("b2", "online", false);
-    EXPECT_TRUE(here.elsewhere("S"));
-    here.receive_bridge("b2", R"({"state":"offline"})");
-    EXPECT_TRUE(here.elsewhere("S"));
+    std::vector<std::pair<Bridge*, std::string>> topic_;
+    std::size_t seen_ = 0;
+    Availability::Clock::time_point now_ = Availability::Clock::now();
+    std::vector<std::unique_ptr<Bridge>> bridges_;
+};
+
+TEST(Availability, OneBridgeRespondsWhereverADeviceIs) {
+    Bridges moved(2);
+    moved.connected(1);
+    EXPECT_EQ(moved.roles(), "cc");  // b2 has never had it: it is asked nothing.
+    moved.disconnected(1);
+    moved.connected(2);
+    EXPECT_EQ(moved.roles(), "sc");
+    moved.vanish(2);
+    EXPECT_EQ(moved.roles(), "sc") << "b2 alone knows how requests ended";
+    moved.reconnect(2);
+    moved.connected(1);  // b2 notices the leaving last.
+    EXPECT_EQ(moved.roles(), "rr");
+    moved.disconnected(2);
+    EXPECT_EQ(moved.roles(), "cs");
+    EXPECT_EQ(moved.stored(), "b1 online");
+
+    Bridges rivals(3);
+    for (int i = 1; i <= 3; ++i) {
+        rivals.connected(i);
+        static_cast<void>(rivals.roles());
+    }
+    EXPECT_EQ(rivals.roles(), "rrr");
+    rivals.disconnected(3);
+    EXPECT_EQ(rivals.roles(), "rrs");
+    for (int i = 1; i <= 3; ++i)
+        rivals.reconnect(i);  // The broker was restarted.
+    EXPECT_EQ(rivals.roles(), "rrs");
+    rivals.settle();
+    EXPECT_EQ(rivals.roles(), "rrs");
+    rivals.reconnect(1);  // And again, and b2 does not come back.
+    EXPECT_EQ(rivals.roles().substr(0, 1), "r");
+    rivals.settle();
+    EXPECT_EQ(rivals.roles().substr(0, 1), "c");
+    rivals.vanish(2);
+    rivals.reconnect(2);
+    EXPECT_EQ(rivals.roles(), "rrs");
+    rivals.vanish(1);
+    EXPECT_EQ(rivals.roles().substr(1), "cs");
+
+    Bridges unplugged(2);  // Both at the same moment.
+    unplugged.connected(1);
+    unplugged.connected(2);
+    EXPECT_EQ(unplugged.roles(), "rr");
+    unplugged.disconnected(1);
+    unplugged.disconnected(2);
+    EXPECT_EQ(unplugged.roles(), "sc");
+    EXPECT_EQ(unplugged.stored(), "b2 offline");
+}
+
+TEST(Availability, CorrectsWhatAnEarlierRunHasLeft) {
+    const std::string online = R"({"bridge":"b1","state":"online"})";
+    const std::string deep(4000, '[');
+    const struct {
+        std::vector<std::pair<std::string, bool>> messages;  ///< And whether each was stored.
+        bool corrects;
+    } rows[] = {
+        {{{online, true}}, true},
+        {{{online, false}}, false},  // Not what the broker had: a forgery.
+        {{{online, true}, {R"({"bridge":"b2","state":"online"})", false}}, false},
+        {{{online + std::string(4096, ' '), true}}, false},
+        {{{"[1]", true}, {R"({"bridge":1,"state":"online"})", true}, {deep, true}, {"", true}},
+         false},
+    };
+    for (const auto& row : rows) {
+        Metrics metrics("b", "1");
+        Connection connection;
+        Outbox outbox(
+            {}, [&](jovu_mqtt::Message m) { return connection.take(std::move(m)); }, metrics);
+        Log log(-1, false);
+        Availability here(outbox, log, jovu_mqtt::Topics(), "b1");
+        outbox.connected();
+        for (const auto& [payload, stored] : row.messages)
+            here.receive("S", payload, stored);
+        here.settle(Availability::Clock::now(), false);
+        EXPECT_TRUE(connection.sent.empty());
+        here.settle(Availability::Clock::now(), true);
+        EXPECT_EQ(connection.sent.size(), row.corrects ? 1U : 0U) << row.messages[0].first;
+    }
 }
 
 TEST(Request, ReadingCommandsAreCommandsThatSetNothing) {

@@ -492,6 +492,14 @@ TEST_F(Service, TurnsATraceOffHoweverItEnds) {
     bridge_->start();
     EXPECT_TRUE(eventually([&] { return traced() == false; }));
     ASSERT_TRUE(begin_long("stopped"));
+    // Samples of another servo are none of this trace.
+    response =
+        requester_->ask(serial, "call/servo_dc_trace_enable",
+                        {{"id", "other"}, {"arguments", {{"servo_name", 0}, {"enable", true}}}});
+    EXPECT_EQ(end_of(response), "done");
+    EXPECT_TRUE(eventually(
+        [&] { return test::stats(device_)["machine"]["servos"][0]["traced"] == false; }));
+    EXPECT_EQ(traced(), true);
     EXPECT_EQ(bridge_->end(SIGTERM), 0);
     EXPECT_EQ(traced(), false);
 }

@@ -139,6 +139,7 @@ jovu_mqtt::Handlers Bridge::handlers() {
     handlers.connected = [this](bool /*session_present*/) {
         log_.info("connected to the broker " + settings_.get()->broker.url);
         metrics_.broker_connected(true);
+        availability_.reconnected(Clock::now());
         outbox_.connected();
     };
     handlers.disconnected = [this](const jovu_mqtt::Disconnection& disconnection) {
@@ -252,7 +253,9 @@ void Bridge::reload(const ReadConfig& read) {
 void Bridge::receive(const jovu_mqtt::Message& message) {
     const auto topic = topics_.parse_device(message.topic);
     if (topic && topic->leaf == "availability") {
-        availability_.receive(topic->serial, message.payload, message.retain);
+        if (availability_.receive(topic->serial, message.payload, message.retain)) {
+            outbox_.again(topics_.device(topic->serial, ""));
+        }
     } else if (const auto bridge = topics_.parse_bridge(message.topic)) {
         availability_.receive_bridge(*bridge, message.payload);
     } else {
@@ -266,17 +269,19 @@ void Bridge::receive_request(const jovu_mqtt::Message& message) {
         const MutexLock lock(rules_mutex_);
         rules = rules_;
     }
-    const auto topic = topics_.parse_device(message.topic);
-    if (topic && availability_.elsewhere(topic->serial)) {
-        return;  // The other bridge responds.
-    }
     auto parsed = parse_request(
         {message.topic, message.payload, message.properties.response_topic,
          message.properties.correlation_data, message.retain, message.properties.expiry},
         *rules);
     if (const auto* const refusal = std::get_if<Refusal>(&parsed)) {
-        requests_.refuse(*refusal);
+        if (!availability_.elsewhere(refusal->device)) {
+            requests_.refuse(*refusal);
+        }
         return;
+    }
+    const auto& request = std::get<Request>(parsed);
+    if (availability_.elsewhere(request.device) && !requests_.knows(request)) {
+        return;  // The other bridge responds.
     }
     const Running running = requests_.admit(std::move(std::get<Request>(parsed)));
     if (!running) {
@@ -325,7 +330,18 @@ std::vector<std::shared_ptr<Device>> Bridge::devices() const {
     return all;
 }
 
+/// Notifications of one address run on several threads at a time, in any order.
 void Bridge::device_connected(JovuDeviceAddress address) {
+    std::uint64_t number = 0;
+    {
+        const MutexLock lock(lifecycle_mutex_);
+        Connections& connections = connections_[address];
+        if (++connections.open == 0) {
+            connections_.erase(address);
+            return;  // Its disconnection came first.
+        }
+        number = connections.newest = ++last_connection_;
+    }
     const std::optional<JovuDeviceInfo> info = look_up(address);
     if (!info || stopping_) {
         return;  // Unplugged already.
@@ -343,10 +359,12 @@ void Bridge::device_connected(JovuDeviceAddress address) {
     std::shared_ptr<Device> stale;
     {
         const MutexLock lock(lifecycle_mutex_);
-        stale = take(address);
-        if (stale || duplicates_.erase(address) != 0) {
-            ++replaced_[address];  // Its disconnection comes later.
+        const auto connections = connections_.find(address);
+        if (connections == connections_.end() || connections->second.newest != number) {
+            return;  // Unplugged meanwhile, or replaced by another, which is looked up by now.
         }
+        stale = take(address);
+        duplicates_.erase(address);
         add(address, name, info->port);
     }
     if (stale) {
@@ -413,7 +431,8 @@ void Bridge::end(Device& device) {
     // said is then not to be said again.
     const MutexLock lock(lifecycle_mutex_);
     if (!find(device.name())) {
-        outbox_.forget(topics_.device(device.name(), ""));
+        outbox_.forget(topics_.device(device.name(), ""),
+                       topics_.device(device.name(), "availability"));
     }
 }
 
@@ -421,12 +440,11 @@ void Bridge::device_disconnected(JovuDeviceAddress address) {
     std::shared_ptr<Device> device;
     {
         const MutexLock lock(lifecycle_mutex_);
-        const auto replaced = replaced_.find(address);
-        if (replaced != replaced_.end()) {
-            if (--replaced->second == 0) {
-                replaced_.erase(replaced);
-            }
-            return;
+        const int open = --connections_[address].open;
+        if (open == 0) {
+            connections_.erase(address);
+        } else {
+            return;  // The device was replaced, or its connection comes later.
         }
         if (duplicates_.erase(address) != 0) {
             return;
@@ -454,6 +472,7 @@ void Bridge::adopt_duplicate(const std::string& name) {
 
 void Bridge::device_unavailable(const JovuDeviceInfo& info) {
     const std::string name = name_of(info);
+    const MutexLock lock(lifecycle_mutex_);
     if (!matches_any(settings_.get()->devices.serials, name) || find(name)) {
         return;
     }
@@ -479,8 +498,9 @@ void Bridge::keep_house() {
     if (!stopping_ && outbox_.lost() != published_lost_) {
         publish_bridge();
     }
-    if (!stopping_ && Clock::now() - started_at_ > kSettleTime) {
-        availability_.correct();
+    if (!stopping_) {
+        const auto now = Clock::now();
+        availability_.settle(now, now - started_at_ > kSettleTime);
     }
     try {
         const Journal::Size size = journal_.size();
@@ -532,16 +552,17 @@ void Bridge::stop(std::chrono::milliseconds limit) {
         const MutexLock lock(table_mutex_);
         table_.clear();
     }
+    publish_bridge();  // First: without its bridge no device is available.
     for (const std::shared_ptr<Device>& device : all) {
         device->leave();
         availability_.disconnected(device->name(), "the bridge has stopped");
     }
-    publish_bridge();
     const auto farewell = Clock::now() + kFarewellLimit;
     while (client_->connected() && outbox_.size() > 0 && Clock::now() < farewell) {
         std::this_thread::sleep_for(10ms);
     }
-    client_->disconnect(1s);
+    // The last will says that the bridge is offline, if there was not the time to say it.
+    client_->disconnect(1s, outbox_.size() > 0);
 }
 
 }  // namespace jovu_bridge

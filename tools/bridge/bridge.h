@@ -61,6 +61,11 @@ public:
 
 private:
     using Clock = std::chrono::steady_clock;
+    /// What the notifications of one address have said.
+    struct Connections {
+        int open = 0;  ///< Connections less disconnections.
+        std::uint64_t newest = 0;
+    };
     struct Duplicate {
         std::string name;
         std::string port;
@@ -110,8 +115,9 @@ private:
 
     /// Held while a device is added or removed; nothing waits for a device with it held.
     jovu_cli::Mutex lifecycle_mutex_;
-    /// Disconnections that are to be ignored: the device was replaced before they came.
-    std::unordered_map<JovuDeviceAddress, unsigned> replaced_ JOVU_GUARDED_BY(lifecycle_mutex_);
+    std::unordered_map<JovuDeviceAddress, Connections> connections_
+        JOVU_GUARDED_BY(lifecycle_mutex_);
+    std::uint64_t last_connection_ JOVU_GUARDED_BY(lifecycle_mutex_) = 0;
     std::unordered_map<JovuDeviceAddress, Duplicate> duplicates_ JOVU_GUARDED_BY(lifecycle_mutex_);
 
     /// A leaf, which the thread that receives acquires too.

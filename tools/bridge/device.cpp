@@ -25,6 +25,17 @@ constexpr int kMostControls = 32;
 constexpr auto kLeaveLimit = 400ms;
 constexpr auto kLeavePoll = 20ms;
 
+/// @return the most bytes that a text takes in a payload.
+std::size_t size_in_json(const std::string& text) {
+    std::size_t size = 3;  // Quotes and comma.
+    for (const char letter : text) {
+        const auto byte = static_cast<unsigned char>(letter);
+        const bool escaped = letter == '"' || letter == '\\';
+        size += byte < ' ' ? 6 : byte >= 0x7F ? 3 : escaped ? 2 : 1;
+    }
+    return size;
+}
+
 /// @return a report without what changes all the time.
 std::string without_times(Json object) {
     object.erase("time");
@@ -273,8 +284,12 @@ void Device::take_text(const std::string& text) {
     constexpr std::size_t kMostTexts = 1000;
     constexpr std::size_t kMostTextBytes = 262144;
     const MutexLock lock(mutex_);
-    if (collects_ && texts_.size() < kMostTexts && text_bytes_ + text.size() <= kMostTextBytes) {
-        text_bytes_ += text.size();
+    if (!collects_ || texts_.size() >= kMostTexts) {
+        return;
+    }
+    const std::size_t bytes = size_in_json(text);
+    if (text_bytes_ + bytes <= kMostTextBytes) {
+        text_bytes_ += bytes;
         texts_.push_back(text);
     }
 }

@@ -27,6 +27,9 @@ constexpr std::uint32_t kResultOk = 0;
 constexpr auto kStateLimit = 2s;
 constexpr auto kStatePoll = 200ms;
 
+/// Bytes of the lines of gcode in a response, which is to fit the largest message of a broker.
+constexpr std::size_t kMaxResult = 524288;
+
 /// How often samples are published, and how many may wait meanwhile.
 constexpr auto kFlushPeriod = 100ms;
 constexpr std::size_t kMostSamples = 2000;
@@ -81,6 +84,8 @@ void Device::run_gcode(const Running& running) {
         services_.requests.accepted(*running);
     }
     Json lines = Json::array();
+    std::size_t ended = 0;  // The response has the first of them.
+    std::size_t bytes = 0;
     std::size_t refused = 0;
     Outcome outcome;
     for (std::size_t i = 0; i < gcode.lines.size() && outcome.code.empty(); ++i) {
@@ -98,16 +103,18 @@ void Device::run_gcode(const Running& running) {
             break;
         }
         const auto result = made.result.get<std::uint32_t>();
-        lines.push_back({{"serial", name_},
-                         {"line", gcode.numbers[i]},
-                         {"command", code},
-                         {"result", result},
-                         {"accepted", result == kResultOk},
-                         {"texts", take_texts()}});
+        const Json line = {
+            {"serial", name_},  {"line", gcode.numbers[i]},        {"command", code},
+            {"result", result}, {"accepted", result == kResultOk}, {"texts", take_texts()}};
         if (several) {
             services_.requests.progress(
-                *running, {{"sent", i + 1}, {"total", gcode.lines.size()}, {"line", lines.back()}});
+                *running, {{"sent", i + 1}, {"total", gcode.lines.size()}, {"line", line}});
         }
+        bytes += to_payload(line).size();
+        if (bytes <= kMaxResult) {
+            lines.push_back(line);
+        }
+        ++ended;
         if (result != kResultOk) {
             ++refused;
             if (!gcode.keep_going) {
@@ -126,7 +133,11 @@ void Device::run_gcode(const Running& running) {
         collects_ = false;
         texts_.clear();
     }
-    outcome.result = {{"lines", std::move(lines)}};
+    outcome.result = Json::object();
+    if (lines.size() < ended) {
+        outcome.result["left_out"] = ended - lines.size();
+    }
+    outcome.result["lines"] = std::move(lines);
     services_.requests.finish(*running, outcome);
 }
 
@@ -277,7 +288,8 @@ void Device::take_sample(const servo_trace_msg& sample) {
     std::optional<std::uint32_t> stray;
     {
         const MutexLock lock(mutex_);
-        if (trace_) {
+        const auto servo = static_cast<std::uint32_t>(sample.servo_name);
+        if (trace_ && trace_->servo == servo) {
             if (trace_->samples.size() < kMostSamples) {
                 trace_->samples.push_back(sample);
             } else {
@@ -287,7 +299,7 @@ void Device::take_sample(const servo_trace_msg& sample) {
                                Clock::now() - stray_time_ >= kStrayPeriod)) {
             stray_ = true;
             stray_time_ = Clock::now();
-            stray = static_cast<std::uint32_t>(sample.servo_name);
+            stray = servo;
         }
     }
     if (stray) {
@@ -300,7 +312,7 @@ void Device::take_sample(const servo_trace_msg& sample) {
 void Device::stray_trace(std::uint32_t servo) {
     {
         const MutexLock lock(mutex_);
-        if (trace_) {
+        if (trace_ && trace_->servo == servo) {
             stray_ = false;
             return;
         }

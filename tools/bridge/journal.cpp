@@ -333,13 +333,15 @@ private:
             run.step();
         } else {
             Statement::Run run(finish_);
-            run.bind(change.value).bind(change.device).bind(change.id).step();
+            run.bind(change.value).bind(now_milliseconds()).bind(change.device).bind(change.id);
+            run.step();
         }
     }
 
     void prune(const Limits& limits) {
         Statement::Run(prune_age_)
             .bind(now_milliseconds() - std::int64_t{limits.max_age.count()})
+            .bind(opened_)
             .step();
         Statement::Run(prune_count_).bind(static_cast<std::int64_t>(limits.max_entries)).step();
     }
@@ -351,8 +353,13 @@ private:
     const Database database_ = open_database(file_);
     const Statement start_{database_,
                            "INSERT INTO requests(device,id,digest,started) VALUES(?,?,?,?)"};
-    const Statement finish_{database_, "UPDATE requests SET response=? WHERE device=? AND id=?"};
-    const Statement prune_age_{database_, "DELETE FROM requests WHERE started<?"};
+    // From now on the response can be had for max_age, however long the request has taken.
+    const Statement finish_{database_,
+                            "UPDATE requests SET response=?,started=? WHERE device=? AND id=?"};
+    // What has no response may be in progress, unless another process began it.
+    const Statement prune_age_{
+        database_, "DELETE FROM requests WHERE started<? AND (response IS NOT NULL OR started<?)"};
+    const std::int64_t opened_ = now_milliseconds();
     const Statement prune_count_{
         database_,
         "DELETE FROM requests WHERE response IS NOT NULL AND number<=(SELECT number FROM requests"

@@ -26,13 +26,30 @@ void Outbox::state(const std::string& topic, std::string payload) {
     drain();
 }
 
-void Outbox::forget(const std::string& prefix) {
+void Outbox::forget(const std::string& prefix, const std::string& last) {
     const MutexLock lock(mutex_);
     for (auto state = states_.lower_bound(prefix);
          state != states_.end() && state->first.compare(0, prefix.size(), prefix) == 0;) {
-        state->second.last = true;
-        state =
-            state->second.waits || state->second.on_way ? std::next(state) : states_.erase(state);
+        State& forgotten = state->second;
+        forgotten.waits = forgotten.waits && (connected_ || state->first == last);
+        forgotten.last = true;
+        state = forgotten.waits || forgotten.on_way ? std::next(state) : states_.erase(state);
+    }
+}
+
+void Outbox::again(const std::string& prefix) {
+    const MutexLock lock(mutex_);
+    for (auto state = states_.lower_bound(prefix);
+         state != states_.end() && state->first.compare(0, prefix.size(), prefix) == 0; ++state) {
+        send_again(state->first, state->second);
+    }
+    drain();
+}
+
+void Outbox::send_again(const std::string& topic, State& state) {
+    if (!state.waits && !state.last) {
+        state.waits = true;
+        waiting_states_.push_back(topic);
     }
 }
 
@@ -91,10 +108,7 @@ void Outbox::connected() {
     const MutexLock lock(mutex_);
     connected_ = true;
     for (auto& [topic, state] : states_) {
-        if (!state.waits && !state.last) {
-            state.waits = true;
-            waiting_states_.push_back(topic);
-        }
+        send_again(topic, state);
     }
     drain();
 }
@@ -108,6 +122,7 @@ void Outbox::acknowledged(const jovu_mqtt::Acknowledgement& acknowledgement) {
     const MutexLock lock(mutex_);
     const auto found = sent_.find(acknowledgement.token);
     if (found == sent_.end()) {
+        drain();  // Samples, which had left no room for what waits.
         return;
     }
     metrics_.acknowledged(Clock::now() - found->second.time);

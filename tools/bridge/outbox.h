@@ -48,9 +48,13 @@ public:
     /// Sets the value of a retained topic.
     void state(const std::string& topic, std::string payload);
 
-    /// Sends what waits of the retained topics that begin with @p prefix, and not again at the next
-    /// connection.
-    void forget(const std::string& prefix);
+    /// The retained topics that begin with @p prefix are not sent again at the next connection.
+    /// What waits of them is sent, but without a connection only @p last: the others may be of
+    /// another bridge by then.
+    void forget(const std::string& prefix, const std::string& last);
+
+    /// Sends the retained topics that begin with @p prefix again: another has overwritten them.
+    void again(const std::string& prefix);
 
     /// Adds an event. It is retained, so that a new subscriber receives the last one.
     void event(const std::string& topic, std::string payload);
@@ -116,6 +120,7 @@ private:
         std::string topic;  ///< Of a retained state; empty for others.
     };
 
+    void send_again(const std::string& topic, State& state) JOVU_REQUIRES(mutex_);
     void drain() JOVU_REQUIRES(mutex_);
     bool drain_responses() JOVU_REQUIRES(mutex_);
     bool drain_states() JOVU_REQUIRES(mutex_);

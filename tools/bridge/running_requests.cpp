@@ -10,6 +10,9 @@ using jovu_cli::MutexLock;
 
 namespace {
 
+/// Bytes; a broker with our configuration takes messages of at most a mebibyte.
+constexpr std::size_t kMaxResponse = 921600;
+
 Json error_json(const std::string& code, const std::string& message) {
     return {{"code", code}, {"message", message}};
 }
@@ -65,6 +68,24 @@ Running RunningRequests::admit(Request request) {
         }
     }
     return nullptr;
+}
+
+bool RunningRequests::knows(const Request& request) {
+    if (request.reading) {
+        return false;
+    }
+    {
+        const MutexLock lock(mutex_);
+        if (entries_.count(Key(request.device, request.id)) != 0) {
+            return true;
+        }
+    }
+    try {
+        return journal_.find(request.device, request.id).state != Journal::State::absent;
+    } catch (const JournalError& error) {
+        log_.error(error.what());
+        return false;
+    }
 }
 
 bool RunningRequests::enter(const Key& key, const Running& running) {
@@ -180,7 +201,12 @@ void RunningRequests::finish(RunningRequest& running, const Outcome& outcome) {
     if (failed) {
         response["error"] = error_json(outcome.code, outcome.message);
     }
-    const std::string text = to_payload(response);
+    std::string text = to_payload(response);
+    if (text.size() > kMaxResponse) {
+        response["result"] = nullptr;
+        response["too_long"] = text.size();
+        text = to_payload(response);
+    }
     if (running.journalled) {
         try {
             journal_.finish(request.device, request.id, text);

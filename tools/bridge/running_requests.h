@@ -65,6 +65,10 @@ public:
     /// @return the request if it is to be carried out, else null.
     Running admit(Request request);
 
+    /// Whether this bridge carries the request out, or has done so. False also when the journal
+    /// cannot be read.
+    bool knows(const Request& request);
+
     /// Sends the response to something that is not carried out.
     void refuse(const Refusal& refusal);
 

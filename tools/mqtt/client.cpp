@@ -71,7 +71,7 @@ public:
         return on_their_way_;
     }
     bool wait_unacknowledged(std::size_t count, Clock::time_point deadline) const;
-    void disconnect(milliseconds limit) noexcept;
+    void disconnect(milliseconds limit, bool last_will) noexcept;
 
 private:
     struct Connected {
@@ -130,6 +130,7 @@ private:
     std::atomic<bool> connected_{false};
     std::atomic<bool> leaving_{false};
     std::atomic<Clock::rep> leave_deadline_{0};
+    std::atomic<bool> leave_with_will_{false};
 
     mutable Mutex mutex_;  ///< Held briefly; no other lock is acquired under it.
     mutable std::condition_variable_any settled_;
@@ -208,7 +209,8 @@ bool Client::Core::wait_unacknowledged(std::size_t count, Clock::time_point dead
     return on_their_way_ <= count;
 }
 
-void Client::Core::disconnect(milliseconds limit) noexcept {
+void Client::Core::disconnect(milliseconds limit, bool last_will) noexcept {
+    leave_with_will_ = last_will;
     leave_deadline_ = (Clock::now() + limit).time_since_epoch().count();
     leaving_ = true;
     wake();
@@ -526,7 +528,10 @@ void Client::Core::leave() {
     if (!connected_) {
         return;
     }
-    mosquitto_disconnect_v5(handle_.get(), MQTT_RC_NORMAL_DISCONNECTION, nullptr);
+    mosquitto_disconnect_v5(
+        handle_.get(),
+        leave_with_will_ ? MQTT_RC_DISCONNECT_WITH_WILL_MSG : MQTT_RC_NORMAL_DISCONNECTION,
+        nullptr);
     for (int socket = mosquitto_socket(handle_.get()); socket != -1;
          socket = mosquitto_socket(handle_.get())) {
         mosquitto_loop_write(handle_.get(), 1);
@@ -641,7 +646,7 @@ void Client::Core::on_log(mosquitto* /*handle*/, void* core, int level, const ch
 Client::Client(ClientOptions options, Handlers handlers)
     : core_(std::make_unique<Core>(std::move(options), std::move(handlers))) {}
 Client::~Client() {
-    core_->disconnect(kLeaveLimit);
+    core_->disconnect(kLeaveLimit, false);
 }
 void Client::start() {
     core_->start();
@@ -661,8 +666,8 @@ std::size_t Client::unacknowledged() const {
 bool Client::wait_unacknowledged(std::size_t count, Clock::time_point deadline) const {
     return core_->wait_unacknowledged(count, deadline);
 }
-void Client::disconnect(std::chrono::milliseconds limit) noexcept {
-    core_->disconnect(limit);
+void Client::disconnect(std::chrono::milliseconds limit, bool last_will) noexcept {
+    core_->disconnect(limit, last_will);
 }
 
 }  // namespace jovu_mqtt

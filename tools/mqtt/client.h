@@ -149,11 +149,11 @@ public:
     /// @return false at the deadline, or when the client has ended.
     bool wait_unacknowledged(std::size_t count, Clock::time_point deadline) const;
 
-    /// Ends the connection in order, so that the broker does not publish the last will, and the
-    /// thread. What is on its way is given up. Returns within the limit, also when the broker takes
-    /// nothing; a look-up of the broker's name that is in progress is waited for, which the
-    /// system's resolver limits. Not in a handler.
-    void disconnect(std::chrono::milliseconds limit) noexcept;
+    /// Ends the connection in order, and the thread. What is on its way is given up. Returns within
+    /// the limit, also when the broker takes nothing; a look-up of the broker's name that is in
+    /// progress is waited for, which the system's resolver limits. Not in a handler.
+    /// @param last_will whether the broker publishes it all the same.
+    void disconnect(std::chrono::milliseconds limit, bool last_will = false) noexcept;
 
     static constexpr std::chrono::milliseconds kLeaveLimit{1000};
 

@@ -198,6 +198,10 @@ void send_fleet_gcode(const FleetContext& context, const std::vector<std::string
                 }
             }
         }
+        if (result.is_object() && result.contains("left_out")) {
+            print_error("jovu: lines of " + printable(response.serial) +
+                        " without a result: " + result["left_out"].dump());
+        }
     };
     requests.run([&](const FleetResponse& response) {
         if (response.is_final()) {
