@@ -202,7 +202,11 @@ TEST(Fleet, TellsWhenAnOutcomeIsUnknown) {
     const Broker broker;
     StandIn bridge(broker, [](const StandIn::Request&) { return std::vector<json>(); });
     bridge.add_device("A1");
+    const auto received = [&](std::size_t count) {  // The program may end before that.
+        return eventually([&] { return bridge.requests().size() == count; });
+    };
     const Ended ended = jovu(on(broker, "gcode G28 --timeout 0.2"));
+    ASSERT_TRUE(received(1));
     const std::string id = bridge.requests().at(0).payload["id"];
     EXPECT_THAT(id, MatchesRegex("[0-9a-f]{32}"));
     EXPECT_EQ(ended.status, 21);
@@ -211,12 +215,13 @@ TEST(Fleet, TellsWhenAnOutcomeIsUnknown) {
                                      id + " asks again"));
     EXPECT_THAT(jovu(on(broker, "--json gcode G28 --timeout 0.2 --request-id mine")).out,
                 HasSubstr(R"("code":"outcome_unknown")"));
+    ASSERT_TRUE(received(2));
     EXPECT_EQ(bridge.requests().back().payload["id"], "mine");
     EXPECT_THAT(jovu(on(broker, "status --timeout 0.2")).out, HasSubstr("failed   no response"));
+    ASSERT_TRUE(received(3));
 
     Program program(on(broker, "gcode G28"));
-    const std::size_t before = bridge.requests().size();
-    ASSERT_TRUE(eventually([&] { return bridge.requests().size() > before; }));
+    ASSERT_TRUE(received(4));
     program.signal(SIGINT);
     EXPECT_THAT(program.finish(), Exits(130, "interrupted: outcome unknown: A1"));
 }
