@@ -336,9 +336,13 @@ void Bridge::device_connected(JovuDeviceAddress address) {
     {
         const MutexLock lock(lifecycle_mutex_);
         Connections& connections = connections_[address];
-        if (++connections.open == 0) {
+        ++connections.open;
+        if (connections.open == 0) {
             connections_.erase(address);
             return;  // Its disconnection came first.
+        }
+        if (connections.open < 0) {
+            return;
         }
         number = connections.newest = ++last_connection_;
     }
@@ -440,12 +444,10 @@ void Bridge::device_disconnected(JovuDeviceAddress address) {
     std::shared_ptr<Device> device;
     {
         const MutexLock lock(lifecycle_mutex_);
-        const int open = --connections_[address].open;
-        if (open == 0) {
-            connections_.erase(address);
-        } else {
+        if (--connections_[address].open != 0) {
             return;  // The device was replaced, or its connection comes later.
         }
+        connections_.erase(address);
         if (duplicates_.erase(address) != 0) {
             return;
         }
