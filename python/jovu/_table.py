@@ -13,7 +13,7 @@ import os
 import textwrap
 import typing
 
-from . import _jovu, _values
+from . import _arguments, _jovu, _values
 
 with open(os.path.join(os.path.dirname(__file__), "header_comments.json"), encoding="utf-8") as _file:
     _comments = json.load(_file)
@@ -77,7 +77,8 @@ class FirmwareNumber(int):
     def __new__(cls, value=0):
         number = super().__new__(cls, value)
         if not cls.lowest <= number <= cls.highest:
-            raise ValueError(f"{value} is out of range, {cls.lowest} to {cls.highest}")
+            given = _arguments.shown(value)
+            raise ValueError(f"{given} is out of range, {cls.lowest} to {cls.highest}")
         return number
 
     def __repr__(self):
@@ -219,6 +220,8 @@ def _method(index, name, summary, keys, kinds, result):
     method.__module__ = "jovu"
     method.__doc__ = _docstring(name, summary, keys, kinds, result)
     method.__signature__ = signature
+    method.__annotations__ = {"device": _values.Address, **dict(zip(keys, types))}
+    method.__annotations__["return"] = signature.return_annotation
     return method
 
 
@@ -252,6 +255,7 @@ _jovu.set_classes(
             )
         },
         "make_error": _make_error,
+        "shown": _arguments.shown,
     }
 )
 

@@ -11,6 +11,7 @@
 #include "commands.h"
 #include "commands/catalogue.h"
 #include "gil.h"
+#include "interruptible.h"
 #include "jovu/exception.h"
 #include "values.h"
 
@@ -89,6 +90,7 @@ void translate(std::exception_ptr pointer) {
 // NOLINTNEXTLINE: the macro declares what the interpreter looks for.
 PYBIND11_MODULE(_jovu, module) {
     (void)jovu_python::is_forked();  // From now on a fork is noticed.
+    jovu_python::remember_main_thread();
     module.doc() = "Private to the package jovu.";
     module.def("structures", &jovu_python::structures);
     module.def("commands", &jovu_python::described_commands);
