@@ -392,17 +392,16 @@ void bind_client(py::module_& module) {
         .def("send_job_data", &send_job_data)
         .def("push", &push)
         .def("send_job", &send_job)
-        .def("record",
-             [](Core& core, const py::handle& device, const py::handle& servo,
-                const py::handle& most) {
-                 const auto number = static_cast<int>(
-                     load_integer(servo, Place{nullptr, "servo"}, INT16_MIN, INT16_MAX));
-                 const auto kept = static_cast<std::size_t>(
-                     load_integer(most, Place{nullptr, "most"}, 0, INT64_MAX));
-                 auto recording = std::make_shared<Recording>(load_address(device), number, kept);
-                 core.record(recording);
-                 return recording;
-             });
+        .def("record", [](Core& core, const py::handle& device, const py::handle& servo,
+                          const py::handle& most) {
+            const auto number = static_cast<int>(
+                load_integer(servo, Place{nullptr, "servo"}, INT16_MIN, INT16_MAX));
+            const auto kept =
+                static_cast<std::size_t>(load_integer(most, Place{nullptr, "most"}, 0, INT64_MAX));
+            auto recording = std::make_shared<Recording>(load_address(device), number, kept);
+            core.record(recording);
+            return recording;
+        });
 }
 
 }  // namespace jovu_python

@@ -111,6 +111,7 @@ std::vector<JovuDeviceAddress> Core::connected() const {
     const std::lock_guard<std::mutex> lock(mutex_);
     devices.erase(std::remove_if(devices.begin(), devices.end(),
                                  [this](JovuDeviceAddress device) {
+                                     if (stopped_) return true;
                                      const auto entry = connections_.find(device);
                                      return entry == connections_.end() || entry->second <= 0;
                                  }),

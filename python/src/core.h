@@ -64,7 +64,8 @@ public:
     /// Chooses whether notifications of a kind are queued.
     void enable(Kind kind, bool on);
 
-    /// Waits until a device accepts commands that did not when the count was taken, or until stop().
+    /// Waits until a device accepts commands that did not when the count was taken, or until
+    /// stop().
     /// @param seen the count of connections that the caller has seen; updated.
     void wait_for_connection(std::uint64_t& seen, std::chrono::milliseconds limit);
 

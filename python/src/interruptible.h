@@ -22,8 +22,8 @@ struct OnInterrupt {
     std::chrono::milliseconds patience{0};
 };
 
-/// Finds out which thread is the main one. Called at import, with the GIL: later, in the middle of a
-/// call, it would run code of Python.
+/// Finds out which thread is the main one. Called at import, with the GIL: later, in the middle of
+/// a call, it would run code of Python.
 void remember_main_thread();
 
 /// Runs work and returns when it has ended, or been abandoned (see OnInterrupt). What the work uses

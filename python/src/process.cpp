@@ -190,8 +190,7 @@ void update_firmware(const std::shared_ptr<Dfu>& dfu, const py::handle& given,
         [dfu, device, file, callback] {
             dfu->update(device, file, [&callback](double percent) {
                 if (callback) {
-                    call_back(
-                        [callback, percent] { call(*callback, py::make_tuple(percent)); });
+                    call_back([callback, percent] { call(*callback, py::make_tuple(percent)); });
                 }
             });
         },
@@ -239,18 +238,17 @@ void bind_process(py::module_& module) {
             devices.append(store_info(info));
         return devices;
     });
-    module.def("set_device_filter", [](bool all, const py::tuple& serials,
-                                       const py::tuple& ports, const py::tuple& addresses) {
+    module.def("set_device_filter", [](bool all, const py::tuple& serials, const py::tuple& ports,
+                                       const py::tuple& addresses) {
         require_own_process();
         JovuDeviceFilter filter = load_filter(all, serials, ports, addresses);
         const GilReleased released;
         JovuTransport::set_device_filter(std::move(filter));
     });
-    module.def("filter_matches",
-               [](bool all, const py::tuple& serials, const py::tuple& ports,
-                  const py::tuple& addresses, const py::handle& info) {
-                   return load_filter(all, serials, ports, addresses).matches(load_info(info));
-               });
+    module.def("filter_matches", [](bool all, const py::tuple& serials, const py::tuple& ports,
+                                    const py::tuple& addresses, const py::handle& info) {
+        return load_filter(all, serials, ports, addresses).matches(load_info(info));
+    });
     // Restored at exit: then the lines go to standard output again.
     module.def("capture_log", [](bool on) {
         jovu_set_log_handler(on ? JovuLogHandler(&log_line) : JovuLogHandler());

@@ -109,7 +109,8 @@ struct MemberType<T S::*> {
 };
 
 /// @name What may run code of Python
-/// On any thread; directly it may not be done where C++ frames have something to destroy. See gil.h.
+/// On any thread; directly it may not be done where C++ frames have something to destroy. See
+/// gil.h.
 /// @{
 py::object call(const py::handle& callable, const py::tuple& arguments,
                 const py::object& keywords = {});

@@ -8,6 +8,8 @@ import io
 import math
 import pickle
 import re
+import threading
+import time
 from collections.abc import Callable
 from typing import Any
 
@@ -184,17 +186,19 @@ FIVE: Any = 5
         (lambda c: c.bio_get_version(ELSEWHERE), jovu.Disconnected, "bio_get_version, device 9:9: "),
         (lambda c: c.close_device(ELSEWHERE), jovu.Disconnected, ""),
         (lambda c: c.wait_for_device(0.05, serial="none"), TimeoutError, "Attached: 1:2 JVS001002 (open)."),
+        (lambda c: CLIENT(unknown=5), TypeError, "unexpected keyword argument"),
         (lambda c: CLIENT(connected=5), TypeError, "a callback must be callable or None, not 5"),
         (lambda c: type("", (CLIENT,), {"connected": print}), TypeError, "connected hides the callback"),
         (lambda c: jovu.DeviceFilter(serials="JVS"), TypeError, "serials: needs a sequence, not 'str'"),
         (lambda c: jovu.DeviceFilter(ports=FIVE), TypeError, "ports: needs a sequence, not 'int'"),
-        (lambda c: jovu.DeviceFilter(addresses=DEVICE).matches(FIVE), TypeError, "addresses: needs a jovu.Address"),
+        (lambda c: jovu.DeviceFilter(addresses=(FIVE,)).matches(FIVE), TypeError, "addresses: needs a jovu.Address"),
         (lambda c: jovu.set_log_handler(FIVE), TypeError, "handler: needs a callable or None"),
         (lambda c: jovu.ScanPause().__exit__(), RuntimeError, "not entered"),
         (lambda c: jovu.set_device_filter(jovu.DeviceFilter(ports=["x"])), jovu.Error, "Not a port: x"),
         (lambda c: jovu.Dfu("/no/such/folder"), jovu.ToolFailed, "dfu-util is not found"),
     ],
 )
+@pytest.mark.filterwarnings("error")  # Also when a destructor fails.
 def test_refusals(
     client: jovu.Client, call: Callable[[Any], object], kind: "type[Exception]", message: str
 ) -> None:
@@ -253,8 +257,13 @@ def test_closed(client: jovu.Client) -> None:
     client.wait_for_device(30)
     assert client.bio_get_version(DEVICE) == "1.0.0"
     assert client.list_attached() == [jovu.UsbDevice(type=1, port=2)]
-    client.close()
-    assert client.closed
+    threading.Timer(0.3, client.close).start()
+    for _ in range(2):  # While it is closed, and afterwards.
+        began = time.monotonic()
+        with pytest.raises(jovu.ShutDown):
+            client.wait_for_device(60, serial="none")
+        assert time.monotonic() - began < 20
+    assert client.closed and client.devices() == []
     with pytest.raises(jovu.ShutDown):
         client.bio_get_version(DEVICE)
 
