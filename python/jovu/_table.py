@@ -60,10 +60,6 @@ def _error_class(code):
 ERRORS = {code: _error_class(code) for code in ErrorCode if code != ErrorCode.none}
 
 
-def _make_error(code, message):
-    return ERRORS.get(code, Error)(message)
-
-
 class FirmwareNumber(int):
     """A number that the firmware gives a meaning, such as the name of a servo.
 
@@ -254,7 +250,8 @@ _jovu.set_classes(
                 "UsbDevice",
             )
         },
-        "make_error": _make_error,
+        "error unknown": Error,
+        **{f"error {code.name}": ERRORS.get(code, Error) for code in ErrorCode},
         "shown": _arguments.shown,
     }
 )

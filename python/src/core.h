@@ -69,7 +69,7 @@ public:
     /// @param seen the count of connections that the caller has seen; updated.
     void wait_for_connection(std::uint64_t& seen, std::chrono::milliseconds limit);
 
-    /// @return the devices that accept commands.
+    /// @return the devices that accept commands; none after stop().
     std::vector<JovuDeviceAddress> connected() const;
 
     /// Adds samples to a recording from now on, until it is destroyed.

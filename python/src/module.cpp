@@ -73,13 +73,13 @@ py::list described_commands() {
     return described;
 }
 
+/// Runs in a handler, so it runs no code of Python: see gil.h.
 void translate(std::exception_ptr pointer) {
     try {
         if (pointer) std::rethrow_exception(pointer);
     } catch (const JovuException& error) {
-        const py::object raised =
-            python_class("make_error")(static_cast<int>(error.code()), store_string(error.what()));
-        PyErr_SetObject(reinterpret_cast<PyObject*>(Py_TYPE(raised.ptr())), raised.ptr());
+        const Defined raised = python_class(std::string("error ") + jovu_error_name(error.code()));
+        PyErr_SetObject(raised.object().ptr(), store_string(error.what()).ptr());
     }
 }
 

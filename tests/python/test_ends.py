@@ -63,6 +63,8 @@ def safe_loop(function):
         ("in_thread(lambda: client.status(device, 60))", "silent always"),
         ("in_thread(lambda: safe_loop(lambda: client.bio_get_version(device)))", ""),
         ("in_thread(lambda: safe_loop(jovu.list_devices))", ""),
+        ("sys.setswitchinterval(1e-6)\n"
+         "[in_thread(lambda: safe_loop(lambda: client.bio_get_version((9, 9)))) for _ in range(3)]", ""),
         ("in_thread(lambda: client.push(device, sys.executable, lambda step: None))", "never 04"),
         ("in_thread(lambda: loop(lambda: client.push(device, '/bin/ls', lambda step: None)))", ""),
         ("in_thread(lambda: client.push(device, '/bin/ls', lambda step: time.sleep(1000)))", ""),
@@ -74,7 +76,8 @@ def safe_loop(function):
          "in_thread(lambda: loop(recording.samples))", ""),
         # The thread ends in code of Python that C++ has called.
         ("slow = type('Slow', (), {'__index__': lambda self: 0 * sum(range(3000))})()\n"
-         "in_thread(lambda: loop(lambda: jovu.DeviceFilter(addresses=[(slow, 0)]).matches(None)))", ""),
+         "info = jovu.list_devices()[0]\n"
+         "in_thread(lambda: loop(lambda: jovu.DeviceFilter(addresses=[(slow, 0)]).matches(info)))", ""),
         ("jovu.set_log_handler(lambda *line: time.sleep(1000)); client.close_device(device)", ""),
     ],
 )
