@@ -25,8 +25,13 @@ def type_name(annotation: Any) -> str:
     return str(annotation).replace("typing.", "")
 
 
+def given_type_name(annotation: Any) -> str:
+    """The type of an argument: numbers of NumPy are none of int and float."""
+    return {int: "SupportsIndex", float: "SupportsFloat"}.get(annotation) or type_name(annotation)
+
+
 def table_stub() -> str:
-    lines = ["import enum", "from dataclasses import dataclass", "from typing import Union", "", "from ._values import Address"]
+    lines = ["import enum", "from dataclasses import dataclass", "from typing import SupportsFloat, SupportsIndex, Union", "", "from ._values import Address"]
     lines += ["", "__all__ = ["]
     lines += [f'    "{name}",' for name in _table.__all__]
     lines += ["]", "", "class ErrorCode(enum.IntEnum):"]
@@ -49,7 +54,7 @@ def table_stub() -> str:
             continue
         signature = inspect.signature(method)
         parameters = ["self"] + [
-            f"{parameter.name}: {type_name(parameter.annotation)}"
+            f"{parameter.name}: {given_type_name(parameter.annotation)}"
             for parameter in list(signature.parameters.values())[1:]
         ]
         result = type_name(signature.return_annotation)
@@ -67,26 +72,21 @@ def function_stub(name: str, docstring: str, indent: str = "") -> str:
     # What the module makes of the classes of Python that it has been given.
     returned = {
         "connected": "list[Address]", "list_attached": "list[UsbDevice]",
-        "list_devices": "list[DeviceInfo]", "devices": "list[DfuDevice]",
+        "list_devices": "list[DeviceInfo]", "sample_layout": "Any", "devices": "list[DfuDevice]",
         "status": "StatusReport", "structures": "dict[str, list[tuple[str, tuple[Any, ...]]]]",
         "commands": "list[tuple[str, str, list[str], list[tuple[Any, ...]], tuple[Any, ...]]]",
-        "take": "list[tuple[int, tuple[Any, ...]]]", "array": "Any", "__enter__": "ScanPause", "log_queue": "Queue",
+        "take": "list[tuple[int, tuple[Any, ...]]]", "__enter__": "ScanPause", "log_queue": "Queue",
     }
     if name in returned:
         signature = re.sub(r"-> .*", f"-> {returned[name]}", signature)
-    for old, new in (("handle", "object"), ("tuple", "tuple[Any, ...]"), ("Iterable", "Any"),
-                     (r"arg0: str, arg1: str, arg2: str, arg3: str",
-                      "arg0: str, arg1: str, arg2: str, arg3: Union[str, bytes]"),
-                     (r"\(self, arg0: str\)", "(self, arg0: Union[str, bytes])"),
-                     (r"arg0: object, arg1: str, arg2", "arg0: object, arg1: Union[str, bytes], arg2"),
-                     ("dict", "dict[str, Any]")):
+    for old, new in (("handle", "object"), ("tuple", "tuple[Any, ...]"), ("dict", "dict[str, Any]")):
         if name not in returned or new == "object":
-            signature = re.sub(rf"\b{old}\b(?!\[)" if old.isalpha() else old, new, signature)
+            signature = re.sub(rf"\b{old}\b(?!\[)", new, signature)
     return f"{indent}def {name}{signature}: ..."
 
 
 def module_stub() -> str:
-    lines = ["from typing import Any, Union", "", "from ._table import StatusReport"]
+    lines = ["from typing import Any", "", "from ._table import StatusReport"]
     lines += ["from ._values import Address, DeviceInfo, DfuDevice, UsbDevice", ""]
     functions, classes = [], []
     for name, value in sorted(vars(_jovu).items()):

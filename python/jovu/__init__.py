@@ -8,6 +8,10 @@
 Every failure raises a subclass of jovu.Error.
 """
 
+from . import _jovu
+
+_jovu.require_main_interpreter()
+
 from . import _table
 from ._client import Client, Recording, SamplesLost, response_timeout
 from ._dfu import Dfu

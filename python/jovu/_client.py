@@ -6,6 +6,9 @@ from __future__ import annotations
 import atexit
 import contextlib
 import contextvars
+import functools
+import io
+import operator
 import os
 import threading
 import time
@@ -13,11 +16,22 @@ import warnings
 import weakref
 from collections.abc import Callable, Iterator
 from types import TracebackType
-from typing import TYPE_CHECKING, Any, BinaryIO, Generic, Optional, TypeVar, Union, overload
+from typing import (
+    TYPE_CHECKING,
+    Any,
+    BinaryIO,
+    Generic,
+    Optional,
+    SupportsIndex,
+    TypeVar,
+    Union,
+    overload,
+)
 
 from . import _jovu, _log
+from ._arguments import milliseconds, wrong_type
 from ._jovu import PushCancel
-from ._table import Commands, StatusReport, servo_trace_msg
+from ._table import Commands, ShutDown, StatusReport, servo_trace_msg
 from ._values import Address, DeviceInfo, PushProgress, PushResult, UsbDevice
 
 if TYPE_CHECKING:
@@ -25,6 +39,8 @@ if TYPE_CHECKING:
     from numpy.typing import NDArray
 
     Samples = NDArray[numpy.void]
+else:
+    Samples = Any  # NumPy is imported once it is needed.
 
 Path = Union[str, bytes, "os.PathLike[str]", "os.PathLike[bytes]"]
 Handler = TypeVar("Handler", bound=Callable[..., object])
@@ -42,13 +58,6 @@ class SamplesLost(RuntimeWarning):
     """Samples of a trace are missing."""
 
 
-def _milliseconds(seconds: float) -> int:
-    try:
-        return round(seconds * 1000)
-    except (OverflowError, ValueError):
-        raise ValueError(f"{seconds} is not a time in seconds") from None
-
-
 @contextlib.contextmanager
 def response_timeout(seconds: float) -> Iterator[None]:
     """Set how long commands in this context wait for their response; 0.01 s to 24 h.
@@ -56,9 +65,7 @@ def response_timeout(seconds: float) -> Iterator[None]:
     Takes precedence over Client.set_response_timeout(). May be nested: the innermost one counts.
     Holds for the current thread, or the current task of asyncio.
     """
-    limit = _milliseconds(seconds)
-    _jovu.check_response_timeout(limit)
-    token = _limit.set(limit)
+    token = _limit.set(milliseconds("seconds", seconds))
     try:
         yield
     finally:
@@ -88,6 +95,14 @@ class _Callback(Generic[Handler]):
         client._core.enable(self._kind, handler is not None)
 
 
+@functools.cache
+def _sample_type() -> Any:
+    """The memory layout of a sample."""
+    import numpy
+
+    return numpy.dtype(_jovu.sample_layout())
+
+
 def _steps(counts: Any) -> Any:
     """How far each count is from the one before; 1 where the device has restarted its count."""
     import numpy
@@ -108,6 +123,11 @@ class Recording:
     def __len__(self) -> int:
         return len(self._samples)
 
+    def _received(self) -> Samples:
+        import numpy
+
+        return numpy.frombuffer(self._samples.packed(), dtype=_sample_type())
+
     def samples(self) -> Samples:
         """The samples so far.
 
@@ -117,10 +137,11 @@ class Recording:
         """
         import numpy
 
-        received = self._samples.array()
-        fields = [("time", "f8"), *((name, received.dtype[name]) for name in received.dtype.names)]
+        received = self._received()
+        names: Any = received.dtype.names
+        fields = [("time", "f8"), *((name, received.dtype[name]) for name in names)]
         result = numpy.empty(len(received), dtype=fields)
-        for name in received.dtype.names:
+        for name in names:
             result[name] = received[name]
         result["time"][:1] = 0
         result["time"][1:] = numpy.cumsum(_steps(received["int_cnt"])) / self.rate
@@ -129,8 +150,18 @@ class Recording:
     @property
     def lost(self) -> int:
         """How many samples are missing, by their counts, or were not kept for want of room."""
-        steps = _steps(self._samples.array()["int_cnt"])
+        steps = _steps(self._received()["int_cnt"])
         return self._samples.lost + int((steps - 1).sum())
+
+
+class _Trace:
+    """Whether a servo is traced, for the recordings that share its trace."""
+
+    def __init__(self) -> None:
+        # Held while the trace is switched off, so that no recording begins meanwhile. A signal
+        # handler may record the servo too.
+        self.lock = threading.RLock()
+        self.recordings = 0
 
 
 class Client(Commands):
@@ -146,27 +177,39 @@ class Client(Commands):
         strict_matching: whether a response must come from the device that its request was sent to.
     """
 
-    connected: _Callback[Callable[[Address], object]] = _Callback(
+    connected = _Callback[Callable[[Address], object]](
         0, "A device is connected and accepts commands: connected(device)."
     )
-    disconnected: _Callback[Callable[[Address], object]] = _Callback(
+    disconnected = _Callback[Callable[[Address], object]](
         1, "A device is disconnected: disconnected(device)."
     )
-    unavailable: _Callback[Callable[[Address, DeviceInfo], object]] = _Callback(
+    unavailable = _Callback[Callable[[Address, DeviceInfo], object]](
         2, "A device is attached and cannot be opened: unavailable(device, info)."
     )
-    debug_event: _Callback[Callable[[Address, str], object]] = _Callback(
+    debug_event = _Callback[Callable[[Address, str], object]](
         3, "The firmware printed a message: debug_event(device, text)."
     )
-    servo_trace: _Callback[Callable[[Address, servo_trace_msg], object]] = _Callback(
+    servo_trace = _Callback[Callable[[Address, servo_trace_msg], object]](
         4, "A traced servo reports a sample: servo_trace(device, sample)."
     )
-    status_report: _Callback[Callable[[Address, StatusReport], object]] = _Callback(
+    status_report = _Callback[Callable[[Address, StatusReport], object]](
         5, "A status report has arrived: status_report(device, report)."
     )
-    job_data: _Callback[Callable[[Address, bytes], object]] = _Callback(
+    job_data = _Callback[Callable[[Address, bytes], object]](
         6, "A JSON object has arrived on the job channel: job_data(device, json)."
     )
+
+    #: Of an object whose constructor has failed, too.
+    _closed = True
+
+    def __init_subclass__(cls, **arguments: Any) -> None:
+        super().__init_subclass__(**arguments)
+        for name in vars(cls):
+            if isinstance(getattr(Client, name, None), _Callback):
+                raise TypeError(
+                    f"{cls.__name__}.{name} hides the callback of that name: choose another name "
+                    f"and set it, as {name}=self.on_{name} of Client.__init__()"
+                )
 
     def __init__(
         self,
@@ -180,11 +223,9 @@ class Client(Commands):
         status_report: Optional[Callable[[Address, StatusReport], object]] = None,
         job_data: Optional[Callable[[Address, bytes], object]] = None,
     ) -> None:
-        self._closed = True  # Until it has been started.
         self._handlers: dict[int, Any] = {}
         self._core = _jovu.Core()
-        self._traces: dict[tuple[Address, int], int] = {}
-        self._traces_lock = threading.Lock()
+        self._traces: dict[tuple[Address, int], _Trace] = {}
         self.connected = connected
         self.disconnected = disconnected
         self.unavailable = unavailable
@@ -266,18 +307,21 @@ class Client(Commands):
 
         Raises:
             TimeoutError: there is none in that time; the message names those that are attached.
+            ShutDown: the client is closed.
         """
         deadline = time.monotonic() + timeout
         seen = 0
         while True:
+            if self._closed:
+                raise ShutDown("The client has been closed.")
             serials = {info.address: info.serial for info in _jovu.list_devices()}
             for device in self.devices():
                 if serial is None or (serials.get(device) or self.bio_get_serial(device)) == serial:
                     return device
             left = deadline - time.monotonic()
-            if left <= 0:
+            if not left > 0:  # Also when it is no number.
                 break
-            seen = self._core.wait_for_connection(seen, _milliseconds(min(left, 3600)) + 1)
+            seen = self._core.wait_for_connection(seen, round(min(left, 3600) * 1000) + 1)
         attached = ", ".join(
             f"{info.address} {info.serial} ({info.state.name})" for info in _jovu.list_devices()
         )
@@ -302,7 +346,7 @@ class Client(Commands):
 
     def set_response_timeout(self, seconds: float) -> None:
         """Set how long commands wait for their response; 0.01 s to 24 h, 15 s at first."""
-        self._core.set_response_timeout(_milliseconds(seconds))
+        self._core.set_response_timeout(milliseconds("seconds", seconds))
 
     def status(self, device: Address, timeout: float = 15.0) -> StatusReport:
         """Request a status report and wait for it.
@@ -313,7 +357,7 @@ class Client(Commands):
         Raises:
             ResponseTimedOut: none has arrived in that time.
         """
-        return self._core.status(device, _milliseconds(timeout))
+        return self._core.status(device, milliseconds("timeout", timeout))
 
     def request_status(self, device: Address) -> None:
         """Request a status report, which arrives at `status_report`."""
@@ -364,6 +408,8 @@ class Client(Commands):
             cancel: cancels the push from another thread.
         """
         own = PushCancel() if cancel is None else cancel
+        if not isinstance(own, PushCancel):
+            raise wrong_type("cancel", cancel, "a jovu.PushCancel or None")
         return PushResult(self._core.push(device, os.fsencode(path), progress, own))
 
     def send_job(
@@ -385,11 +431,15 @@ class Client(Commands):
         with contextlib.ExitStack() as stack:
             if isinstance(file, (str, bytes, os.PathLike)):
                 file = stack.enter_context(open(file, "rb"))
-            self._core.send_job(device, file.fileno(), job_id, compressed, decompressed_length)
+            try:
+                descriptor = file.fileno()
+            except (AttributeError, io.UnsupportedOperation):
+                raise wrong_type("file", file, "a path or an open file of the system") from None
+            self._core.send_job(device, descriptor, job_id, compressed, decompressed_length)
 
     @contextlib.contextmanager
     def tracing(
-        self, device: Address, servo: int, *, most: int = 10_000_000
+        self, device: Address, servo: SupportsIndex, *, most: int = 10_000_000
     ) -> Iterator[Recording]:
         """Record the samples of a servo while the context is entered.
 
@@ -401,22 +451,19 @@ class Client(Commands):
         """
         rate = self.servo_dc_config_get(device, servo).interrupt_frequency or _USUAL_RATE
         recording = Recording(self._core.record(device, servo, most), rate)
-        key = (Address(*device), int(servo))
-        with self._traces_lock:
-            self._traces[key] = self._traces.get(key, 0) + 1
+        trace = self._traces.setdefault((Address(*device), operator.index(servo)), _Trace())
+        with trace.lock:
+            trace.recordings += 1
         try:
             self.servo_dc_trace_enable(device, servo, True)
             yield recording
         finally:
-            with self._traces_lock:
-                self._traces[key] -= 1
-                last = self._traces[key] == 0
-                if last:
-                    del self._traces[key]
-            if last:
-                self.servo_dc_trace_enable(device, servo, False)
+            with trace.lock:
+                trace.recordings -= 1
+                if trace.recordings == 0:
+                    self.servo_dc_trace_enable(device, servo, False)
 
-    def trace(self, device: Address, servo: int, seconds: float) -> Samples:
+    def trace(self, device: Address, servo: SupportsIndex, seconds: float) -> Samples:
         """Record the samples of a servo for a time. See tracing().
 
         Warns:
@@ -457,6 +504,6 @@ def _close_all() -> None:
         if not client.closed:
             client._closed = True
             # A callback of a push, which this waits for, may never return.
-            if client._core.stop_for(_milliseconds(max(0.0, deadline - time.monotonic()))):
+            if client._core.stop_for(round(max(0.0, deadline - time.monotonic()) * 1000)):
                 client._join(max(0.0, deadline - time.monotonic()))
     _log.stop()

@@ -64,4 +64,4 @@ class Dfu:
         with file:
             # A path without blanks, which dfu-util's command line does not quote.
             path = f"/proc/{os.getpid()}/fd/{file.fileno()}"
-            self._tool.update(*device, path, progress)
+            self._tool.update(device, path, progress)

@@ -10,6 +10,7 @@ from collections.abc import Callable
 from typing import Any, Optional
 
 from . import _jovu
+from ._arguments import wrong_type
 from ._values import Address
 
 
@@ -52,6 +53,8 @@ def set_log_handler(handler: Optional[LogHandler]) -> None:
     go to the logger "jovu" of the module logging.
     """
     global _handler
+    if handler is not None and not callable(handler):
+        raise wrong_type("handler", handler, "a callable or None")
     _handler = _to_logging if handler is None else handler
     start()
 

@@ -1,13 +1,12 @@
 # SPDX-License-Identifier: Apache-2.0
 """What counts for the whole process."""
 
-from __future__ import annotations
-
 import dataclasses
-from collections.abc import Sequence
-from typing import Optional
+from collections.abc import Iterable, Sequence
+from typing import Any, Optional
 
 from . import _jovu
+from ._arguments import wrong_type
 from ._values import Address, DeviceInfo
 
 
@@ -23,11 +22,15 @@ class DeviceFilter:
     addresses: Optional[Sequence[Address]] = None
 
     def __post_init__(self) -> None:
-        for name in ("serials", "ports"):
-            if isinstance(getattr(self, name), (str, bytes)):
-                raise TypeError(f"{name}: needs a sequence of strings, not one string")
+        for name in ("serials", "ports", "addresses"):
+            rules = getattr(self, name)
+            if rules is None:
+                continue
+            if isinstance(rules, (str, bytes)) or not isinstance(rules, Iterable):
+                raise wrong_type(name, rules, "a sequence")
+            object.__setattr__(self, name, tuple(rules))
 
-    def _rules(self) -> tuple[bool, Sequence[str], Sequence[str], Sequence[Address]]:
+    def _rules(self) -> tuple[bool, Any, Any, Any]:
         matches_all = self.serials is None and self.ports is None and self.addresses is None
         return matches_all, self.serials or (), self.ports or (), self.addresses or ()
 

@@ -13,7 +13,7 @@ import os
 import textwrap
 import typing
 
-from . import _jovu, _values
+from . import _arguments, _jovu, _values
 
 with open(os.path.join(os.path.dirname(__file__), "header_comments.json"), encoding="utf-8") as _file:
     _comments = json.load(_file)
@@ -60,10 +60,6 @@ def _error_class(code):
 ERRORS = {code: _error_class(code) for code in ErrorCode if code != ErrorCode.none}
 
 
-def _make_error(code, message):
-    return ERRORS.get(code, Error)(message)
-
-
 class FirmwareNumber(int):
     """A number that the firmware gives a meaning, such as the name of a servo.
 
@@ -77,7 +73,8 @@ class FirmwareNumber(int):
     def __new__(cls, value=0):
         number = super().__new__(cls, value)
         if not cls.lowest <= number <= cls.highest:
-            raise ValueError(f"{value} is out of range, {cls.lowest} to {cls.highest}")
+            given = _arguments.shown(value)
+            raise ValueError(f"{given} is out of range, {cls.lowest} to {cls.highest}")
         return number
 
     def __repr__(self):
@@ -219,6 +216,8 @@ def _method(index, name, summary, keys, kinds, result):
     method.__module__ = "jovu"
     method.__doc__ = _docstring(name, summary, keys, kinds, result)
     method.__signature__ = signature
+    method.__annotations__ = {"device": _values.Address, **dict(zip(keys, types))}
+    method.__annotations__["return"] = signature.return_annotation
     return method
 
 
@@ -251,7 +250,9 @@ _jovu.set_classes(
                 "UsbDevice",
             )
         },
-        "make_error": _make_error,
+        "error unknown": Error,
+        **{f"error {code.name}": ERRORS.get(code, Error) for code in ErrorCode},
+        "shown": _arguments.shown,
     }
 )
 

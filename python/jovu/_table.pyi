@@ -3,7 +3,7 @@
 
 import enum
 from dataclasses import dataclass
-from typing import Union
+from typing import SupportsFloat, SupportsIndex, Union
 
 from ._values import Address
 
@@ -284,19 +284,19 @@ class Commands:
         """Read the firmware version."""
     def bio_get_serial(self, device: Address) -> str:
         """Read the controller's serial number."""
-    def gpio_get_raw(self, device: Address, gpio: int) -> bool:
+    def gpio_get_raw(self, device: Address, gpio: SupportsIndex) -> bool:
         """Read the level of a pin."""
-    def gpio_input_get(self, device: Address, pin: int, debounce: bool) -> input_state_t:
+    def gpio_input_get(self, device: Address, pin: SupportsIndex, debounce: bool) -> input_state_t:
         """Read the state of an input."""
-    def gpio_output_set(self, device: Address, pin: int, value: bool) -> None:
+    def gpio_output_set(self, device: Address, pin: SupportsIndex, value: bool) -> None:
         """Set an output."""
     def gcode_process_command(self, device: Address, command: Union[str, bytes]) -> gcode_process_result_t:
         """Run a line of gcode."""
     def gcode_process_macro(self, device: Address, macro: Union[str, bytes]) -> gcode_process_result_t:
         """Run a macro stored in the controller."""
-    def heater_param_set(self, device: Address, param_num: int, param_val: float) -> int:
+    def heater_param_set(self, device: Address, param_num: SupportsIndex, param_val: SupportsFloat) -> int:
         """Set a parameter of the heater's control loop."""
-    def heater_param_get(self, device: Address, param_num: int, param_val: float) -> int:
+    def heater_param_get(self, device: Address, param_num: SupportsIndex, param_val: SupportsFloat) -> int:
         """Query a parameter of the heater's control loop."""
     def heater_param_set_defaults(self, device: Address) -> None:
         """Reset the heater's parameters to the defaults."""
@@ -312,75 +312,75 @@ class Commands:
         """Read the heater's state."""
     def heater_fault_get(self, device: Address) -> heater_fault_t:
         """Read the fault that stopped the heater."""
-    def heater_var_set(self, device: Address, var_num: int, var_val: float) -> int:
+    def heater_var_set(self, device: Address, var_num: SupportsIndex, var_val: SupportsFloat) -> int:
         """Set a variable of the heater."""
-    def heater_var_get(self, device: Address, var_num: int, var_val: float) -> int:
+    def heater_var_get(self, device: Address, var_num: SupportsIndex, var_val: SupportsFloat) -> int:
         """Query a variable of the heater."""
-    def wifi_start_wifi(self, device: Address, interface_t: int) -> int:
+    def wifi_start_wifi(self, device: Address, interface_t: SupportsIndex) -> int:
         """Turn a Wi-Fi interface on."""
-    def wifi_stop_wifi(self, device: Address, interface_t: int) -> int:
+    def wifi_stop_wifi(self, device: Address, interface_t: SupportsIndex) -> int:
         """Turn a Wi-Fi interface off."""
-    def wifi_client_connect(self, device: Address, interface_t: int, connect_t: wifi_client_connect_t) -> int:
+    def wifi_client_connect(self, device: Address, interface_t: SupportsIndex, connect_t: wifi_client_connect_t) -> int:
         """Join a network."""
-    def wifi_disconnect(self, device: Address, interface_t: int) -> int:
+    def wifi_disconnect(self, device: Address, interface_t: SupportsIndex) -> int:
         """Leave the network."""
-    def wifi_client_get_status(self, device: Address, interface_t: int) -> wifi_status_t:
+    def wifi_client_get_status(self, device: Address, interface_t: SupportsIndex) -> wifi_status_t:
         """Read the connection state and addresses of a Wi-Fi interface."""
-    def wifi_client_get_configuration(self, device: Address, interface_t: int) -> wifi_config_t:
+    def wifi_client_get_configuration(self, device: Address, interface_t: SupportsIndex) -> wifi_config_t:
         """Read the configuration of a Wi-Fi interface."""
-    def wifi_save_configuration(self, device: Address, interface_t: int) -> int:
+    def wifi_save_configuration(self, device: Address, interface_t: SupportsIndex) -> int:
         """Save the Wi-Fi configuration permanently."""
-    def wifi_set_auto_start_configuration_item(self, device: Address, interface_t: int, auto_start: bool) -> int:
+    def wifi_set_auto_start_configuration_item(self, device: Address, interface_t: SupportsIndex, auto_start: bool) -> int:
         """Set whether Wi-Fi starts with the controller."""
-    def wifi_set_auto_connect_configuration_item(self, device: Address, interface_t: int, auto_connect: bool) -> int:
+    def wifi_set_auto_connect_configuration_item(self, device: Address, interface_t: SupportsIndex, auto_connect: bool) -> int:
         """Set whether Wi-Fi joins a network when it starts."""
-    def wifi_set_auto_connect_ssid_configuration_item(self, device: Address, interface_t: int, auto_connect_ssid: Union[str, bytes]) -> int:
+    def wifi_set_auto_connect_ssid_configuration_item(self, device: Address, interface_t: SupportsIndex, auto_connect_ssid: Union[str, bytes]) -> int:
         """Set the network that Wi-Fi joins automatically."""
-    def wifi_set_auto_connect_key_configuration_item(self, device: Address, interface_t: int, auto_connect_key: Union[str, bytes]) -> int:
+    def wifi_set_auto_connect_key_configuration_item(self, device: Address, interface_t: SupportsIndex, auto_connect_key: Union[str, bytes]) -> int:
         """Set the key of the network that Wi-Fi joins automatically."""
-    def wifi_client_configure(self, device: Address, interface_t: int, cmd: int, config: wifi_config_t) -> int:
+    def wifi_client_configure(self, device: Address, interface_t: SupportsIndex, cmd: SupportsIndex, config: wifi_config_t) -> int:
         """Set the whole configuration of a Wi-Fi interface."""
-    def servo_dc_config_get(self, device: Address, servo_name: int) -> servo_dc_client_config_t:
+    def servo_dc_config_get(self, device: Address, servo_name: SupportsIndex) -> servo_dc_client_config_t:
         """Read the configuration of a servo."""
-    def servo_dc_config_set(self, device: Address, servo_name: int, config: servo_dc_client_config_t) -> None:
+    def servo_dc_config_set(self, device: Address, servo_name: SupportsIndex, config: servo_dc_client_config_t) -> None:
         """Set the configuration of a servo."""
     def servo_dc_move_default(self, device: Address) -> servo_dc_move_config_t:
         """Read a move with every member at its default."""
-    def servo_dc_move(self, device: Address, servo_name: int, move_config: servo_dc_move_config_t) -> servo_move_call_result_t:
+    def servo_dc_move(self, device: Address, servo_name: SupportsIndex, move_config: servo_dc_move_config_t) -> servo_move_call_result_t:
         """Start or prepare a move."""
     def servo_dc_move_start_sync(self, device: Address) -> None:
         """Start all prepared moves."""
-    def servo_dc_move_active(self, device: Address, servo_name: int) -> bool:
+    def servo_dc_move_active(self, device: Address, servo_name: SupportsIndex) -> bool:
         """Check whether a move is in progress."""
-    def servo_dc_put_idle(self, device: Address, servo_name: int) -> bool:
+    def servo_dc_put_idle(self, device: Address, servo_name: SupportsIndex) -> bool:
         """Disable a servo's drive."""
-    def servo_dc_move_modify(self, device: Address, modifer_data: servo_dc_move_modifier_data_t, count: int, validate: bool) -> int:
+    def servo_dc_move_modify(self, device: Address, modifer_data: servo_dc_move_modifier_data_t, count: SupportsIndex, validate: bool) -> int:
         """Change a move in progress."""
-    def servo_dc_move_modifier_validate(self, device: Address, modifier_data: servo_dc_move_modifier_data_t, count: int) -> bool:
+    def servo_dc_move_modifier_validate(self, device: Address, modifier_data: servo_dc_move_modifier_data_t, count: SupportsIndex) -> bool:
         """Check whether a change of a move is possible."""
-    def servo_dc_move_metrics_get(self, device: Address, servo_name: int) -> servo_dc_move_metrics_t:
+    def servo_dc_move_metrics_get(self, device: Address, servo_name: SupportsIndex) -> servo_dc_move_metrics_t:
         """Read how closely a servo followed its last move."""
-    def servo_dc_move_dir_get(self, device: Address, servo_name: int) -> servo_dc_move_dir_t:
+    def servo_dc_move_dir_get(self, device: Address, servo_name: SupportsIndex) -> servo_dc_move_dir_t:
         """Read the direction of the current move."""
-    def servo_dc_position_get(self, device: Address, servo_name: int) -> int:
+    def servo_dc_position_get(self, device: Address, servo_name: SupportsIndex) -> int:
         """Read the position in native units."""
-    def servo_dc_position_get_client(self, device: Address, servo_name: int) -> float:
+    def servo_dc_position_get_client(self, device: Address, servo_name: SupportsIndex) -> float:
         """Read the position in client units."""
-    def servo_dc_position_set(self, device: Address, servo_name: int, position: int) -> None:
+    def servo_dc_position_set(self, device: Address, servo_name: SupportsIndex, position: SupportsIndex) -> None:
         """Set the current position in native units, without moving."""
-    def servo_dc_position_set_client(self, device: Address, servo_name: int, position: float) -> None:
+    def servo_dc_position_set_client(self, device: Address, servo_name: SupportsIndex, position: SupportsFloat) -> None:
         """Set the current position in client units, without moving."""
-    def servo_dc_target_get_client(self, device: Address, servo_name: int) -> float:
+    def servo_dc_target_get_client(self, device: Address, servo_name: SupportsIndex) -> float:
         """Read the target of the current move in client units."""
-    def servo_dc_units_client_to_native(self, device: Address, servo_name: int, pos_client: float) -> int:
+    def servo_dc_units_client_to_native(self, device: Address, servo_name: SupportsIndex, pos_client: SupportsFloat) -> int:
         """Convert client units to native units."""
-    def servo_dc_units_native_to_client(self, device: Address, servo_name: int, pos_native: int) -> float:
+    def servo_dc_units_native_to_client(self, device: Address, servo_name: SupportsIndex, pos_native: SupportsIndex) -> float:
         """Convert native units to client units."""
-    def servo_dc_name_str_get(self, device: Address, servo_name: int) -> str:
+    def servo_dc_name_str_get(self, device: Address, servo_name: SupportsIndex) -> str:
         """Read the name of a servo."""
-    def servo_dc_backlash_set(self, device: Address, servo_name: int, backlash_value: int, flush: bool) -> None:
+    def servo_dc_backlash_set(self, device: Address, servo_name: SupportsIndex, backlash_value: SupportsIndex, flush: bool) -> None:
         """Set the backlash of a servo."""
-    def servo_dc_trace_enable(self, device: Address, servo_name: int, enable: bool) -> None:
+    def servo_dc_trace_enable(self, device: Address, servo_name: SupportsIndex, enable: bool) -> None:
         """Turn the trace events of a servo on or off."""
     def unload_initiate(self, device: Address) -> int:
         """Start unloading the filament."""
@@ -388,23 +388,23 @@ class Commands:
         """Start loading a filament."""
     def Enter_dfu_mode(self, device: Address) -> None:
         """Restart the controller for a firmware update."""
-    def ui_led(self, device: Address, led: int, on_count: int, off_count: int) -> None:
+    def ui_led(self, device: Address, led: SupportsIndex, on_count: SupportsIndex, off_count: SupportsIndex) -> None:
         """Blink an LED."""
-    def sd_mmc_write(self, device: Address, offset: int, buf: int, length: int) -> int:
+    def sd_mmc_write(self, device: Address, offset: SupportsIndex, buf: SupportsIndex, length: SupportsIndex) -> int:
         """Write the first byte of a buffer to the SD store."""
-    def sd_mmc_write_byte(self, device: Address, offset: int, write_buf: int) -> write_byte_return_t:
+    def sd_mmc_write_byte(self, device: Address, offset: SupportsIndex, write_buf: SupportsIndex) -> write_byte_return_t:
         """Write one byte to the SD store."""
-    def sd_mmc_read_byte(self, device: Address, offset: int) -> read_byte_return_t:
+    def sd_mmc_read_byte(self, device: Address, offset: SupportsIndex) -> read_byte_return_t:
         """Read one byte from the SD store."""
-    def sd_mmc_read(self, device: Address, offset: int, read_buf: int, length: int) -> int:
+    def sd_mmc_read(self, device: Address, offset: SupportsIndex, read_buf: SupportsIndex, length: SupportsIndex) -> int:
         """Have the device read from the SD store."""
     def sd_mmc_get_storage_info(self, device: Address) -> storage_info_t:
         """Read the size of the SD store."""
-    def hbridge_duty_set(self, device: Address, hbridge: int, duty: int) -> None:
+    def hbridge_duty_set(self, device: Address, hbridge: SupportsIndex, duty: SupportsIndex) -> None:
         """Set the duty cycle of an H-bridge."""
-    def wifi_client_scan_refresh(self, device: Address, interface_t: int) -> int:
+    def wifi_client_scan_refresh(self, device: Address, interface_t: SupportsIndex) -> int:
         """Scan for networks."""
-    def wifi_client_scan_get(self, device: Address, interface_t: int, index: int) -> wifi_scan_network_t:
+    def wifi_client_scan_get(self, device: Address, interface_t: SupportsIndex, index: SupportsIndex) -> wifi_scan_network_t:
         """Read one network of the last scan."""
     def jm_disable_network_tasks(self, device: Address) -> int:
         """Stop the controller's network tasks."""

@@ -1,8 +1,6 @@
 # SPDX-License-Identifier: Apache-2.0
 """Small values: addresses, devices, results of pushes."""
 
-from __future__ import annotations
-
 import enum
 from typing import NamedTuple
 

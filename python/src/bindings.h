@@ -12,7 +12,7 @@ namespace jovu_python {
 
 /// The client and what belongs to it.
 void bind_client(pybind11::module_& module);
-/// What has no client: devices, filter, log, time-outs, firmware update.
+/// What has no client: devices, filter, log, scan pauses, firmware update.
 void bind_process(pybind11::module_& module);
 
 pybind11::object store_info(const JovuDeviceInfo& info);

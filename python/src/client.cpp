@@ -2,7 +2,6 @@
 
 /// @file
 /// The client: commands, jobs, notifications and recordings.
-#include <pybind11/numpy.h>
 #include <pybind11/pybind11.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -118,8 +117,9 @@ struct CloseFile {
 };
 
 /// A push that is in progress, and the callback that follows it.
-class Push {
+class Push : public std::enable_shared_from_this<Push> {
 public:
+    /// @param progress null for none.
     Push(std::shared_ptr<JovuPushCancel> cancel, py::object progress)
         : cancel_(std::move(cancel)), progress_(std::move(progress)) {}
     Push(const Push&) = delete;
@@ -136,10 +136,10 @@ public:
     /// Calls the callback on the thread that pushes. An exception in it cancels the push.
     void report(const JovuPushProgress& progress) {
         if (!progress_ || failed_) return;
-        const bool worked = call_back([&] {
-            call(progress_, py::make_tuple(python_class("PushProgress")(
-                                progress.sent, progress.total, progress.percent,
-                                store_string(progress.job_id), progress.filler)));
+        const bool worked = call_back([push = shared_from_this(), progress] {
+            call(push->progress_, py::make_tuple(python_class("PushProgress")(
+                                      progress.sent, progress.total, progress.percent,
+                                      store_string(progress.job_id), progress.filler)));
         });
         if (!worked) {
             failed_ = true;
@@ -153,23 +153,28 @@ private:
     bool failed_ = false;  ///< Belongs to the thread that pushes.
 };
 
-int push(const SharedCore& core, const py::handle& device, const std::string& path,
+int push(const SharedCore& core, const py::handle& device, const py::handle& file,
          const py::object& progress, const std::shared_ptr<JovuPushCancel>& cancel) {
     const JovuDeviceAddress address = load_address(device);
-    const auto push = std::make_shared<Push>(cancel, progress.is_none() ? py::object() : progress);
+    const std::string path = load_terminated(file, Place{nullptr, "path"});
+    const auto push =
+        std::make_shared<Push>(cancel, load_callback(progress, Place{nullptr, "progress"}));
     const auto result = std::make_shared<JovuPushResult>();
     run_without_gil(
         [core, address, path, push, result] {
             const auto report = [&push](const JovuPushProgress& step) { push->report(step); };
             *result = core->client().SendJobFile(address, path, report, push->cancel());
         },
-        {[push] { push->request_cancel(); }, Milliseconds::max()});
+        {[push] { push->request_cancel(); }, Milliseconds::max()}, core.get());
     return static_cast<int>(*result);
 }
 
 void send_job(const SharedCore& core, const py::handle& device, int descriptor,
-              const std::string& job_id, bool compressed, unsigned long decompressed_length) {
+              const py::handle& id, bool compressed, const py::handle& length) {
     const JovuDeviceAddress address = load_address(device);
+    const std::string job_id = load_string(id, Place{nullptr, "job_id"});
+    const auto decompressed_length = static_cast<unsigned long>(
+        load_integer(length, Place{nullptr, "decompressed_length"}, 0, INT64_MAX));
     const int own = dup(descriptor);
     // NOLINTNEXTLINE(cppcoreguidelines-owning-memory): owned by the pointer.
     const std::shared_ptr<std::FILE> file(own < 0 ? nullptr : fdopen(own, "rb"),
@@ -223,21 +228,32 @@ void send_job_data(const SharedCore& core, const py::handle& device, const py::o
         {[interrupted] { *interrupted = true; }, kCancelPatience});
 }
 
-py::array recorded(const Recording& recording) {
+/// @return the memory layout of a sample, as the arguments of numpy.dtype().
+py::dict sample_layout() {
     py::list names;
     py::list formats;
     py::list offsets;
     for_each_member<servo_trace_msg>([&](std::string_view key, auto field) {
         using Field = typename MemberType<decltype(field)>::Type;
+        static_assert(std::is_integral_v<Field>);
         const servo_trace_msg sample{};
         names.append(py::str(key.data(), key.size()));
-        formats.append(py::dtype::of<Field>());
+        formats.append((std::is_signed_v<Field> ? "i" : "u") + std::to_string(sizeof(Field)));
         offsets.append(reinterpret_cast<const char*>(&(sample.*field)) -
                        reinterpret_cast<const char*>(&sample));
     });
+    py::dict layout;
+    layout["names"] = names;
+    layout["formats"] = formats;
+    layout["offsets"] = offsets;
+    layout["itemsize"] = sizeof(servo_trace_msg);
+    return layout;
+}
+
+py::bytes recorded(const Recording& recording) {
     const std::vector<servo_trace_msg> samples = recording.samples();
-    return {py::dtype(names, formats, offsets, sizeof(servo_trace_msg)),
-            std::vector<py::ssize_t>{static_cast<py::ssize_t>(samples.size())}, samples.data()};
+    return {reinterpret_cast<const char*>(samples.data()),
+            samples.size() * sizeof(servo_trace_msg)};
 }
 
 }  // namespace
@@ -254,8 +270,10 @@ void bind_client(py::module_& module) {
         .def_property_readonly("cancelled", &JovuPushCancel::cancelled,
                                "Whether cancel() has been called.");
 
+    // NumPy is left to Python: its first import, and its copies, release the GIL.
+    module.def("sample_layout", &sample_layout);
     py::class_<Recording, std::shared_ptr<Recording>>(module, "Samples")
-        .def("array", &recorded)
+        .def("packed", &recorded)
         .def("__len__", &Recording::size)
         .def_property_readonly("lost", &Recording::lost);
 
@@ -273,7 +291,10 @@ void bind_client(py::module_& module) {
                  return notifications;
              })
         .def("close", &NotificationQueue::close)
-        .def_property_readonly("lost", &NotificationQueue::lost);
+        .def_property_readonly("lost", [](const NotificationQueue& queue) {
+            require_own_process();
+            return queue.lost();
+        });
 
     py::class_<Core, SharedCore>(module, "Core")
         .def(py::init([] {
@@ -290,6 +311,7 @@ void bind_client(py::module_& module) {
              [](const SharedCore& core) {
                  if (is_forked()) return;
                  const GilReleased released;
+                 refuse_callbacks(core.get());
                  core->stop();
              })
         .def("stop_for",
@@ -370,14 +392,16 @@ void bind_client(py::module_& module) {
         .def("send_job_data", &send_job_data)
         .def("push", &push)
         .def("send_job", &send_job)
-        .def("record",
-             [](Core& core, const py::handle& device, const py::handle& servo, std::size_t most) {
-                 const auto number = static_cast<int>(
-                     load_integer(servo, Place{nullptr, "servo"}, INT16_MIN, INT16_MAX));
-                 auto recording = std::make_shared<Recording>(load_address(device), number, most);
-                 core.record(recording);
-                 return recording;
-             });
+        .def("record", [](Core& core, const py::handle& device, const py::handle& servo,
+                          const py::handle& most) {
+            const auto number = static_cast<int>(
+                load_integer(servo, Place{nullptr, "servo"}, INT16_MIN, INT16_MAX));
+            const auto kept =
+                static_cast<std::size_t>(load_integer(most, Place{nullptr, "most"}, 0, INT64_MAX));
+            auto recording = std::make_shared<Recording>(load_address(device), number, kept);
+            core.record(recording);
+            return recording;
+        });
 }
 
 }  // namespace jovu_python

@@ -24,16 +24,19 @@ void Recording::add(JovuDeviceAddress device, const servo_trace_msg& sample) {
 }
 
 std::vector<servo_trace_msg> Recording::samples() const {
+    require_own_process();
     const std::lock_guard<std::mutex> lock(mutex_);
     return samples_;
 }
 
 std::size_t Recording::size() const {
+    require_own_process();
     const std::lock_guard<std::mutex> lock(mutex_);
     return samples_.size();
 }
 
 std::uint64_t Recording::lost() const {
+    require_own_process();
     const std::lock_guard<std::mutex> lock(mutex_);
     return lost_;
 }
@@ -74,8 +77,18 @@ void Core::start(bool strict_matching) {
 }
 
 void Core::stop() {
+    {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        stopped_ = true;
+        changed_.notify_all();
+    }
     client_->stop();
     queue_.close();
+}
+
+JovuClient& Core::client() const {
+    require_own_process();
+    return client_->client();
 }
 
 void Core::enable(Kind kind, bool on) {
@@ -89,7 +102,7 @@ void Core::enable(Kind kind, bool on) {
 
 void Core::wait_for_connection(std::uint64_t& seen, std::chrono::milliseconds limit) {
     std::unique_lock<std::mutex> lock(mutex_);
-    changed_.wait_for(lock, limit, [&] { return connection_count_ != seen; });
+    changed_.wait_for(lock, limit, [&] { return stopped_ || connection_count_ != seen; });
     seen = connection_count_;
 }
 
@@ -98,6 +111,7 @@ std::vector<JovuDeviceAddress> Core::connected() const {
     const std::lock_guard<std::mutex> lock(mutex_);
     devices.erase(std::remove_if(devices.begin(), devices.end(),
                                  [this](JovuDeviceAddress device) {
+                                     if (stopped_) return true;
                                      const auto entry = connections_.find(device);
                                      return entry == connections_.end() || entry->second <= 0;
                                  }),
@@ -106,6 +120,7 @@ std::vector<JovuDeviceAddress> Core::connected() const {
 }
 
 void Core::record(const std::shared_ptr<Recording>& recording) {
+    require_own_process();
     const std::lock_guard<std::mutex> lock(mutex_);
     recordings_.erase(std::remove_if(recordings_.begin(), recordings_.end(),
                                      [](const auto& entry) { return entry.expired(); }),

@@ -20,7 +20,8 @@
 
 namespace jovu_python {
 
-/// Samples of one servo, as they arrive.
+/// Samples of one servo, as they arrive. In a forked process, which may have copied a locked mutex,
+/// the functions that read throw std::runtime_error.
 class Recording {
 public:
     /// @param most how many samples are kept; later ones are counted as lost.
@@ -53,20 +54,22 @@ public:
 
     /// See JovuCallbackClient::start().
     void start(bool strict_matching);
-    /// See JovuCallbackClient::stop(). The queue is closed afterwards.
+    /// See JovuCallbackClient::stop(). Ends wait_for_connection(). The queue is closed afterwards.
     void stop();
 
-    JovuClient& client() const { return client_->client(); }
+    /// @throws std::runtime_error in a forked process.
+    JovuClient& client() const;
     NotificationQueue& queue() { return queue_; }
 
     /// Chooses whether notifications of a kind are queued.
     void enable(Kind kind, bool on);
 
-    /// Waits until a device accepts commands that did not when the count was taken.
+    /// Waits until a device accepts commands that did not when the count was taken, or until
+    /// stop().
     /// @param seen the count of connections that the caller has seen; updated.
     void wait_for_connection(std::uint64_t& seen, std::chrono::milliseconds limit);
 
-    /// @return the devices that accept commands.
+    /// @return the devices that accept commands; none after stop().
     std::vector<JovuDeviceAddress> connected() const;
 
     /// Adds samples to a recording from now on, until it is destroyed.
@@ -86,6 +89,7 @@ private:
     // Guarded by mutex_:
     std::unordered_map<JovuDeviceAddress, int> connections_;
     std::uint64_t connection_count_ = 0;
+    bool stopped_ = false;
     std::vector<std::weak_ptr<Recording>> recordings_;
 
     /// Destroyed first: its callbacks use the members above.

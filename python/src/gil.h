@@ -8,7 +8,8 @@
 /// of a call of Python, by unwinding its stack. That would run destructors which use Python objects
 /// without the GIL, and handlers which must not swallow it. So whatever asks for the GIL is called
 /// through call_until_exit(), with no such frame in between: the thread waits for the end of the
-/// process instead.
+/// process instead. A handler of a C++ exception may not call it, since the C++ runtime ends the
+/// process when an unwinding is caught there.
 #pragma once
 
 // NOLINTNEXTLINE(bugprone-reserved-identifier,readability-identifier-naming): the interpreter's.

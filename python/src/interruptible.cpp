@@ -27,20 +27,31 @@ constexpr std::chrono::milliseconds kSignalPoll{50};
 /// One call, shared by the thread that waits and the thread that works.
 struct Run {
     std::function<void()> work;
+    const void* owner = nullptr;  ///< See run_without_gil().
 
     std::mutex mutex;
     std::condition_variable changed;
     // Guarded by mutex:
     bool done = false;
-    bool abandoned = false;
-    const std::function<void()>* callback = nullptr;  ///< To be run by the waiting thread.
-    bool callback_failed = false;
-    std::exception_ptr failure;  ///< Of the work; belongs to the waiting thread once done.
+    bool refuses_callbacks = false;
+    std::function<void()> callback;  ///< To be run by the waiting thread.
+    std::exception_ptr failure;      ///< Of the work; belongs to the waiting thread once done.
 
     /// When the work runs on the calling thread: the GIL that it has released, and the exception of
     /// a callback.
     GilReleased* released = nullptr;
     Error* error = nullptr;
+
+    /// The run that the waiting thread waits for as well: it has started this one in a callback or
+    /// in a signal handler.
+    Run* outer_wait = nullptr;
+
+    /// Callbacks do nothing from now on, and call_back() waits for none.
+    void refuse_callbacks() {
+        const std::lock_guard<std::mutex> lock(mutex);
+        refuses_callbacks = true;
+        changed.notify_all();
+    }
 
     void perform() {
         try {
@@ -51,7 +62,13 @@ struct Run {
     }
 };
 
+/// The run whose work this thread performs.
 thread_local Run* current_run = nullptr;
+/// The innermost run that this thread waits for.
+thread_local Run* waited_run = nullptr;
+
+/// The identifier of Python's main thread. Set at import.
+unsigned long main_thread = 0;
 
 /// Runs a Python callback. The caller has the GIL.
 bool run_callback(const std::function<void()>& callback, Error& error) {
@@ -110,31 +127,23 @@ private:
     std::size_t waiting_ = 0;
 };
 
-bool on_main_thread() {
-    static const auto main_thread = pybind11::module_::import("threading")
-                                        .attr("main_thread")()
-                                        .attr("ident")
-                                        .cast<unsigned long>();
-    return PyThread_get_thread_ident() == main_thread;
-}
-
 /// Waits for a run on a helper thread, and runs its callbacks and signal handlers meanwhile.
-void wait_for(Run& run, const OnInterrupt& on_interrupt, GilReleased& released, Error& error) {
+/// @return whether the work has ended; else it continues.
+bool wait_for(Run& run, const OnInterrupt& on_interrupt, GilReleased& released, Error& error) {
     Error callback_error;
     std::optional<Clock::time_point> deadline;
     std::unique_lock<std::mutex> lock(run.mutex);
     for (;;) {
-        run.changed.wait_for(lock, kSignalPoll,
-                             [&run] { return run.done || run.callback != nullptr; });
-        if (run.done) break;
-        const std::function<void()>* const callback = run.callback;
+        run.changed.wait_for(lock, kSignalPoll, [&run] { return run.done || run.callback; });
+        if (run.done || (deadline && Clock::now() >= *deadline)) break;
+        // A copy: the work goes on meanwhile when the callback itself has callbacks refused.
+        const std::function<void()> callback = run.callback;
         lock.unlock();
         released.acquire();
         bool interrupted = false;
-        bool callback_worked = true;
-        if (callback != nullptr) {
-            callback_worked = run_callback(*callback, callback_error);
-            interrupted = !callback_worked;
+        if (callback) {
+            interrupted = !run_callback(callback, callback_error);
+            if (interrupted) run.refuse_callbacks();
         } else if (PyErr_CheckSignals() != 0) {
             const bool again = deadline.has_value();
             error.emplace();
@@ -149,35 +158,42 @@ void wait_for(Run& run, const OnInterrupt& on_interrupt, GilReleased& released, 
             if (on_interrupt.request) on_interrupt.request();
         }
         lock.lock();
-        if (callback != nullptr) {
+        if (callback) {
             run.callback = nullptr;
-            if (!callback_worked) run.callback_failed = true;
             run.changed.notify_all();
-        }
-        if (deadline && Clock::now() >= *deadline && !run.done) {
-            run.abandoned = true;
-            run.changed.notify_all();
-            break;
         }
     }
+    const bool done = run.done;
     lock.unlock();
+    if (!done) run.refuse_callbacks();
     released.acquire();
     if (!error && callback_error) error.emplace(std::move(*callback_error));
+    return done;
 }
 
 }  // namespace
 
-void run_without_gil(std::function<void()> work, OnInterrupt on_interrupt) {
+void remember_main_thread() {
+    main_thread = pybind11::module_::import("threading")
+                      .attr("main_thread")()
+                      .attr("ident")
+                      .cast<unsigned long>();
+}
+
+void run_without_gil(std::function<void()> work, const OnInterrupt& on_interrupt,
+                     const void* owner) {
     require_own_process();
     const auto run = std::make_shared<Run>();
     run->work = std::move(work);
+    run->owner = owner;
     Error error;
-    bool abandoned = false;
-    if (on_main_thread()) {
+    bool done = true;
+    if (PyThread_get_thread_ident() == main_thread) {
         GilReleased released;
         HelperThreads::instance().start(run);
-        wait_for(*run, on_interrupt, released, error);
-        abandoned = run->abandoned;
+        run->outer_wait = std::exchange(waited_run, run.get());
+        done = wait_for(*run, on_interrupt, released, error);
+        waited_run = run->outer_wait;
     } else {
         GilReleased released;
         run->released = &released;
@@ -187,7 +203,7 @@ void run_without_gil(std::function<void()> work, OnInterrupt on_interrupt) {
         current_run = outer;
     }
     if (error) throw pybind11::error_already_set(std::move(*error));
-    if (!abandoned && run->failure) std::rethrow_exception(run->failure);
+    if (done && run->failure) std::rethrow_exception(run->failure);
 }
 
 bool run_for(std::function<void()> work, std::chrono::milliseconds limit) {
@@ -196,13 +212,10 @@ bool run_for(std::function<void()> work, std::chrono::milliseconds limit) {
     const GilReleased released;
     HelperThreads::instance().start(run);
     std::unique_lock<std::mutex> lock(run->mutex);
-    run->changed.wait_for(lock, limit, [&run] { return run->done; });
-    run->abandoned = !run->done;
-    run->changed.notify_all();
-    return run->done;
+    return run->changed.wait_for(lock, limit, [&run] { return run->done; });
 }
 
-bool call_back(const std::function<void()>& function) {
+bool call_back(std::function<void()> function) {
     Run& run = *current_run;
     if (run.released != nullptr) {
         if (*run.error) return false;
@@ -212,13 +225,18 @@ bool call_back(const std::function<void()>& function) {
         return worked;
     }
     std::unique_lock<std::mutex> lock(run.mutex);
-    if (run.abandoned || run.callback_failed) return false;
-    run.callback = &function;
+    if (run.refuses_callbacks) return false;
+    run.callback = std::move(function);
     run.changed.notify_all();
-    // An abandoned run has no callback in progress: the waiting thread decides between two.
-    run.changed.wait(lock, [&run] { return run.callback == nullptr || run.abandoned; });
+    run.changed.wait(lock, [&run] { return !run.callback || run.refuses_callbacks; });
     run.callback = nullptr;
-    return !run.abandoned && !run.callback_failed;
+    return !run.refuses_callbacks;
+}
+
+void refuse_callbacks(const void* owner) {
+    for (Run* run = waited_run; run != nullptr; run = run->outer_wait) {
+        if (run->owner == owner) run->refuse_callbacks();
+    }
 }
 
 }  // namespace jovu_python

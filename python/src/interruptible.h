@@ -22,20 +22,32 @@ struct OnInterrupt {
     std::chrono::milliseconds patience{0};
 };
 
+/// Finds out which thread is the main one. Called at import, with the GIL: later, in the middle of
+/// a call, it would run code of Python.
+void remember_main_thread();
+
 /// Runs work and returns when it has ended, or been abandoned (see OnInterrupt). What the work uses
 /// is owned by it, as it may outlive the call; it owns no Python objects. The caller has the GIL.
+/// @param owner of the work, for refuse_callbacks().
 /// @throws what the work has thrown; pybind11::error_already_set with the exception of a signal
 ///     handler, or of a function that call_back() has run.
-void run_without_gil(std::function<void()> work, OnInterrupt on_interrupt = {});
+void run_without_gil(std::function<void()> work, const OnInterrupt& on_interrupt = {},
+                     const void* owner = nullptr);
 
 /// Runs work on a helper thread and waits for it for a time. The caller has the GIL.
 /// @return whether the work has ended; else it continues.
 bool run_for(std::function<void()> work, std::chrono::milliseconds limit);
 
 /// Called by work: runs a function with the GIL on the thread that called run_without_gil(), and
-/// waits for it. Once a function has thrown error_already_set, or the work has been abandoned, does
-/// nothing.
+/// waits for it, or until callbacks are refused: the function owns what it uses. Does nothing once
+/// callbacks are refused: when a function has thrown error_already_set, when the work has been
+/// abandoned, and after refuse_callbacks().
 /// @return whether the function ran without an exception.
-bool call_back(const std::function<void()>& function);
+bool call_back(std::function<void()> function);
+
+/// Refuses the callbacks of all work of an owner for which the calling thread waits. This thread
+/// may be in such a callback, or in a signal handler: before it waits for the end of that work, it
+/// has to end the work's wait for the callback.
+void refuse_callbacks(const void* owner);
 
 }  // namespace jovu_python

@@ -11,6 +11,7 @@
 #include "commands.h"
 #include "commands/catalogue.h"
 #include "gil.h"
+#include "interruptible.h"
 #include "jovu/exception.h"
 #include "values.h"
 
@@ -72,13 +73,13 @@ py::list described_commands() {
     return described;
 }
 
+/// Runs in a handler, so it runs no code of Python: see gil.h.
 void translate(std::exception_ptr pointer) {
     try {
         if (pointer) std::rethrow_exception(pointer);
     } catch (const JovuException& error) {
-        const py::object raised =
-            python_class("make_error")(static_cast<int>(error.code()), store_string(error.what()));
-        PyErr_SetObject(reinterpret_cast<PyObject*>(Py_TYPE(raised.ptr())), raised.ptr());
+        const Defined raised = python_class(std::string("error ") + jovu_error_name(error.code()));
+        PyErr_SetObject(raised.object().ptr(), store_string(error.what()).ptr());
     }
 }
 
@@ -89,6 +90,7 @@ void translate(std::exception_ptr pointer) {
 // NOLINTNEXTLINE: the macro declares what the interpreter looks for.
 PYBIND11_MODULE(_jovu, module) {
     (void)jovu_python::is_forked();  // From now on a fork is noticed.
+    jovu_python::remember_main_thread();
     module.doc() = "Private to the package jovu.";
     module.def("structures", &jovu_python::structures);
     module.def("commands", &jovu_python::described_commands);

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 
 /// @file
-/// What has no client: devices, filter, log, time-outs, scan pauses, firmware update.
+/// What has no client: devices, filter, log, scan pauses, firmware update.
 #include <fcntl.h>
 #include <pybind11/pybind11.h>
 #include <sched.h>
@@ -11,6 +11,8 @@
 #include <limits>
 #include <list>
 #include <memory>
+#include <mutex>
+#include <stdexcept>
 #include <string>
 #include <thread>
 #include <utility>
@@ -21,7 +23,6 @@
 #include "jovu/client.h"
 #include "jovu/dfu.h"
 #include "jovu/log.h"
-#include "jovu/response_timeout.h"
 #include "jovu/version.h"
 #include "notifications.h"
 #include "values.h"
@@ -61,15 +62,16 @@ py::list names_of(const char* (*name)(Code) noexcept) {
 JovuDeviceInfo load_info(const py::handle& info) {
     const Place place{nullptr, "info"};
     JovuDeviceInfo loaded;
-    loaded.address = load_address(info.attr("address"));
-    loaded.port = load_string(py::object(info.attr("port")), Place{&place, "port"});
-    loaded.serial = load_string(py::object(info.attr("serial")), Place{&place, "serial"});
+    loaded.address = load_address(attribute(info, "address"));
+    loaded.port = load_string(attribute(info, "port"), Place{&place, "port"});
+    loaded.serial = load_string(attribute(info, "serial"), Place{&place, "serial"});
     return loaded;
 }
 
-/// @param serials, ports, addresses sequences of rules. @param all without any rule.
-JovuDeviceFilter load_filter(bool all, const py::iterable& serials, const py::iterable& ports,
-                             const py::iterable& addresses) {
+/// @param serials, ports, addresses rules. Tuples: iterating over other sequences may run code of
+///     Python. @param all without any rule.
+JovuDeviceFilter load_filter(bool all, const py::tuple& serials, const py::tuple& ports,
+                             const py::tuple& addresses) {
     if (all) return {};
     JovuDeviceFilter filter = JovuDeviceFilter::none();
     for (const py::handle serial : serials)
@@ -77,21 +79,43 @@ JovuDeviceFilter load_filter(bool all, const py::iterable& serials, const py::it
     for (const py::handle port : ports)
         filter.add_port(load_string(port, Place{nullptr, "ports"}));
     for (const py::handle address : addresses)
-        filter.add_address(load_address(address));
+        filter.add_address(load_address(address, "addresses"));
     return filter;
 }
 
-/// A scan pause with an end.
+/// A scan pause with an end. May be entered more than once, by any threads.
 class ScanPause {
 public:
-    void enter() {
-        const GilReleased released;
-        pause_ = std::make_unique<JovuScanPause>();
+    ScanPause() = default;
+    ScanPause(const ScanPause&) = delete;
+    ScanPause& operator=(const ScanPause&) = delete;
+    ~ScanPause() {
+        // Its end would acquire a lock that the fork may have copied.
+        if (is_forked()) (void)pause_.release();
     }
-    void leave() { pause_.reset(); }
+
+    void enter() {
+        require_own_process();
+        const GilReleased released;
+        const std::lock_guard<std::mutex> lock(mutex_);
+        if (pause_ == nullptr) pause_ = std::make_unique<JovuScanPause>();
+        ++entered_;
+    }
+
+    /// @throws std::runtime_error when it is not entered.
+    void leave() {
+        if (is_forked()) return;
+        const GilReleased released;
+        const std::lock_guard<std::mutex> lock(mutex_);
+        if (entered_ == 0) throw std::runtime_error("The scan pause is not entered.");
+        if (--entered_ == 0) pause_.reset();
+    }
 
 private:
+    std::mutex mutex_;
+    // Guarded by mutex_:
     std::unique_ptr<JovuScanPause> pause_;
+    int entered_ = 0;
 };
 
 /// What the update of this thread calls with its progress: JovuDfu passes no pointer on.
@@ -100,7 +124,9 @@ thread_local const std::function<void(double)>* update_progress = nullptr;
 /// Runs dfu-util that is found in a folder.
 class Dfu {
 public:
-    explicit Dfu(const std::string& folder) {
+    explicit Dfu(const py::handle& given) {
+        require_own_process();
+        const std::string folder = load_terminated(given, Place{nullptr, "folder"});
         // JovuDfu takes the working directory, and that of the process belongs to the application:
         // this thread gets one of its own.
         std::string problem;
@@ -150,15 +176,22 @@ py::list list_dfu_devices(const std::shared_ptr<Dfu>& dfu) {
     return devices;
 }
 
-void update_firmware(const std::shared_ptr<Dfu>& dfu, const std::string& vendor,
-                     const std::string& product, const std::string& serial, const std::string& file,
-                     const py::object& progress) {
-    const JovuDfu::DfuDevice_t device{vendor, product, serial};
-    const auto callback = progress.is_none() ? nullptr : share(progress);
+void update_firmware(const std::shared_ptr<Dfu>& dfu, const py::handle& given,
+                     const std::string& file, const py::object& progress) {
+    const Place place{nullptr, "device"};
+    require_class(given, place, "DfuDevice");
+    const auto id = [&](const char* name) {
+        return load_terminated(attribute(given, name), Place{&place, name});
+    };
+    const JovuDfu::DfuDevice_t device{id("vendor_id"), id("product_id"), id("serial")};
+    const py::object checked = load_callback(progress, Place{nullptr, "progress"});
+    const auto callback = checked ? share(checked) : nullptr;
     run_without_gil(
         [dfu, device, file, callback] {
             dfu->update(device, file, [&callback](double percent) {
-                if (callback) call_back([&] { call(*callback, py::make_tuple(percent)); });
+                if (callback) {
+                    call_back([callback, percent] { call(*callback, py::make_tuple(percent)); });
+                }
             });
         },
         // An update that is cut leaves the device without firmware. Ctrl-C of a terminal reaches
@@ -186,8 +219,17 @@ void bind_process(py::module_& module) {
     module.attr("error_names") = names_of<JovuError>(&jovu_error_name);
     module.attr("state_names") = names_of<JovuDeviceState>(&jovu_state_name);
     module.def("version", &jovu_version);
-    module.def("is_watching", &JovuTransport::is_watching);
+    module.def("is_watching", [] {
+        require_own_process();
+        return JovuTransport::is_watching();
+    });
     module.def("is_forked", &is_forked);
+    // Not at initialisation, which later interpreters skip.
+    module.def("require_main_interpreter", [] {
+        if (PyInterpreterState_Get() != PyInterpreterState_Main()) {
+            throw py::import_error("jovu can be imported in the main interpreter only.");
+        }
+    });
     module.def("list_devices", [] {
         const auto found = std::make_shared<std::vector<JovuDeviceInfo>>();
         run_without_gil([found] { *found = JovuTransport::list_devices(); });
@@ -196,19 +238,16 @@ void bind_process(py::module_& module) {
             devices.append(store_info(info));
         return devices;
     });
-    module.def("set_device_filter", [](bool all, const py::iterable& serials,
-                                       const py::iterable& ports, const py::iterable& addresses) {
+    module.def("set_device_filter", [](bool all, const py::tuple& serials, const py::tuple& ports,
+                                       const py::tuple& addresses) {
+        require_own_process();
         JovuDeviceFilter filter = load_filter(all, serials, ports, addresses);
         const GilReleased released;
         JovuTransport::set_device_filter(std::move(filter));
     });
-    module.def("filter_matches",
-               [](bool all, const py::iterable& serials, const py::iterable& ports,
-                  const py::iterable& addresses, const py::handle& info) {
-                   return load_filter(all, serials, ports, addresses).matches(load_info(info));
-               });
-    module.def("check_response_timeout", [](long long limit) {
-        const JovuResponseTimeout valid{std::chrono::milliseconds(limit)};
+    module.def("filter_matches", [](bool all, const py::tuple& serials, const py::tuple& ports,
+                                    const py::tuple& addresses, const py::handle& info) {
+        return load_filter(all, serials, ports, addresses).matches(load_info(info));
     });
     // Restored at exit: then the lines go to standard output again.
     module.def("capture_log", [](bool on) {
@@ -232,7 +271,7 @@ void bind_process(py::module_& module) {
         .def("__exit__", [](ScanPause& pause, const py::args& /*unused*/) { pause.leave(); });
 
     py::class_<Dfu, std::shared_ptr<Dfu>>(module, "DfuTool")
-        .def(py::init<std::string>())
+        .def(py::init<const py::handle&>())
         .def("devices", &list_dfu_devices)
         .def("update", &update_firmware);
 }

@@ -108,10 +108,14 @@ struct MemberType<T S::*> {
     using Type = T;
 };
 
-/// Calls an object of Python, on any thread: as the object itself, which may not be called where
-/// C++ frames of a thread have something to destroy. See gil.h.
+/// @name What may run code of Python
+/// On any thread; directly it may not be done where C++ frames have something to destroy. See
+/// gil.h.
+/// @{
 py::object call(const py::handle& callable, const py::tuple& arguments,
                 const py::object& keywords = {});
+py::object attribute(const py::handle& object, const char* name);
+/// @}
 
 /// What Python defines for the module: a class, or a function.
 class Defined {
@@ -149,12 +153,16 @@ double load_number(py::handle value, const Place& place, double largest);
 bool load_bool(py::handle value, const Place& place);
 /// @return the bytes of a string, or of an object with the buffer protocol.
 std::string load_string(py::handle value, const Place& place);
+/// @throws also when it has a zero byte, where its readers would end it.
+std::string load_terminated(py::handle value, const Place& place);
 /// @param place of the array. @throws also for a string that is longer than the array.
 void load_char_array(py::handle value, const Place& place, char* array, std::size_t size);
 void load_byte_array(py::handle value, const Place& place, unsigned char* array, std::size_t size);
 /// @throws TypeError unless the value is of that class.
 void require_class(py::handle value, const Place& place, std::string_view name);
-JovuDeviceAddress load_address(py::handle value);
+JovuDeviceAddress load_address(py::handle value, std::string_view name = "device");
+/// @return null for None.
+py::object load_callback(const py::object& value, const Place& place);
 
 py::object store_string(std::string_view string);
 py::object store_address(JovuDeviceAddress address);
@@ -227,8 +235,7 @@ void load(py::handle value, const Place& place, T& target) {
         require_class(value, place, jovu::Structure<T>::name);
         for_each_member<T>([&](std::string_view key, auto field) {
             const Place member{&place, key};
-            const py::object given = value.attr(std::string(key).c_str());
-            load(given, member, target.*field);
+            load(attribute(value, std::string(key).c_str()), member, target.*field);
         });
     } else if constexpr (std::is_same_v<T, std::shared_ptr<char>>) {
         target = jovu_make_string(load_string(value, place));

@@ -6,6 +6,7 @@ import logging
 import pathlib
 import resource
 import shutil
+import signal
 import subprocess
 import sys
 import threading
@@ -92,9 +93,23 @@ def test_unavailable(client: jovu.Client) -> None:
     seen: "list[jovu.DeviceInfo]" = []
     client.unavailable = lambda device, info: seen.append(info)
     request(f"unplug {DEVICE}")
-    # No device is opened until the fault is set.
-    with jovu.ScanPause():
+    pause = jovu.ScanPause()
+
+    def enter_often() -> None:
+        for _ in range(300):
+            with pause:
+                pass
+
+    # No device is opened until the fault is set, however often the pause is entered meanwhile.
+    with pause:
         request("plug 1:2")
+        threads = [threading.Thread(target=enter_often) for _ in range(4)]
+        for thread in threads:
+            thread.start()
+        for thread in threads:
+            thread.join()
+        time.sleep(0.3)
+        assert not client.devices()
         request(f"fault {DEVICE} claim EBUSY 1")
     eventually(lambda: seen)
     assert seen[0].state is jovu.DeviceState.in_use and seen[0].address == DEVICE
@@ -192,6 +207,31 @@ def test_a_push_that_ends_early(client: jovu.Client, job: pathlib.Path) -> None:
     thread.join()
     assert isinstance(raised[0], KeyboardInterrupt)
     assert client.status(DEVICE).error == 2
+
+
+@pytest.mark.parametrize("where", ["callback", "signal handler"])
+def test_close_ends_a_push(client: jovu.Client, job: pathlib.Path, where: str) -> None:
+    def close_another(step: jovu.PushProgress) -> None:
+        jovu.Client().close()
+
+    assert client.push(DEVICE, job, close_another) is jovu.PushResult.completed
+
+    def close(*arguments: object) -> None:
+        client.close()
+
+    def progress(step: jovu.PushProgress) -> None:
+        if where == "callback":
+            close()
+
+    before = signal.signal(signal.SIGALRM, close)
+    try:
+        if where == "signal handler":
+            signal.setitimer(signal.ITIMER_REAL, 0.1)
+        with pytest.raises(jovu.ShutDown):
+            while True:
+                client.push(DEVICE, job, progress)
+    finally:
+        signal.signal(signal.SIGALRM, before)
 
 
 def test_threads(client: jovu.Client, job: pathlib.Path) -> None:

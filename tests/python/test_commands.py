@@ -4,9 +4,12 @@
 import copy
 import dataclasses
 import inspect
+import io
 import math
 import pickle
 import re
+import threading
+import time
 from collections.abc import Callable
 from typing import Any
 
@@ -103,8 +106,22 @@ def test_structures_are_values() -> None:
     assert jovu.wifi_config_t().ip_config is not jovu.wifi_config_t().ip_config
 
 
+class Odd:
+    def __index__(self) -> int:
+        raise ZeroDivisionError("by __index__")
+
+    def __float__(self) -> float:
+        raise ZeroDivisionError("by __float__")
+
+
+class Shown(int):
+    def __repr__(self) -> str:
+        return "a" + "é" * 80
+
+
 MOVE: Any = jovu.servo_dc_move_config_t
 CLIENT: Any = jovu.Client
+FIVE: Any = 5
 
 
 @pytest.mark.parametrize(
@@ -117,6 +134,10 @@ CLIENT: Any = jovu.Client
         (lambda c: c.ui_led(DEVICE, 0, 1.5, 0), TypeError, "on_count: needs an integer, not 'float'"),
         (lambda c: c.ui_led("1:2", 0, 1, 0), TypeError, "device: needs a jovu.Address, not 'str'"),
         (lambda c: c.ui_led((1, 256), 0, 1, 0), ValueError, "device.address: 256 is out of range, 0 to 255"),
+        (lambda c: c.ui_led(DEVICE, 0, 10**5000, 0), ValueError, "on_count: <int object"),
+        (lambda c: c.ui_led(DEVICE, 0, Odd(), 0), ZeroDivisionError, "by __index__"),
+        (lambda c: c.heater_param_set(DEVICE, 0, Odd()), ZeroDivisionError, "by __float__"),
+        (lambda c: c.ui_led(DEVICE, 0, Shown(40000), 0), ValueError, f"on_count: a{'é' * 76}... is out of"),
         (lambda c: c.gpio_output_set(DEVICE, 0, "on"), TypeError, "value: needs a bool, not 'str'"),
         (lambda c: c.heater_param_set(DEVICE, 0, 1e39), ValueError, "param_val: 1e+39 is out of range"),
         (lambda c: c.heater_param_set(DEVICE, 0, "1"), TypeError, "param_val: needs a number, not 'str'"),
@@ -137,21 +158,47 @@ CLIENT: Any = jovu.Client
             ValueError,
             "config.hdw_config.mac_address: needs 6 bytes, not 5",
         ),
-        (lambda c: c.status(DEVICE, math.inf), ValueError, "inf is not a time in seconds"),
-        (lambda c: c.status(DEVICE, 0.001), jovu.Rejected, ""),
-        (lambda c: c.set_response_timeout(1e6), jovu.Rejected, ""),
+        (
+            lambda c: c.wifi_client_configure(
+                DEVICE, 0, 0, jovu.wifi_config_t(hdw_config=jovu.wifi_hdw_config_t(mac_address=[1]))  # type: ignore[arg-type]
+            ),
+            TypeError,
+            "config.hdw_config.mac_address: needs bytes, not 'list'",
+        ),
+        (lambda c: c.status(DEVICE, math.inf), ValueError, "timeout: inf is out of range, 0.01 to 86400"),
+        (lambda c: c.set_response_timeout(1e20), ValueError, "seconds: 1e+20 is out of range"),
+        (lambda c: c.status(DEVICE, "1"), TypeError, "timeout: needs a number of seconds, not 'str'"),
         (lambda c: c.push(DEVICE, "/no/such/file"), jovu.FileUnreadable, "Failed to open job file."),
         (lambda c: c.push(DEVICE, "/no/such/file"), OSError, ""),
+        (lambda c: c.push(DEVICE, __file__ + "\0x"), ValueError, "path: a zero byte"),
+        (lambda c: c.push(DEVICE, __file__, 5), TypeError, "progress: needs a callable or None, not 'int'"),
+        (lambda c: c.push(DEVICE, __file__, None, 5), TypeError, "cancel: needs a jovu.PushCancel or None"),
+        (lambda c: c.send_job(DEVICE, io.BytesIO(b"G1")), TypeError, "file: needs a path or an open file"),
+        (lambda c: c.send_job(DEVICE, __file__, 5), TypeError, "job_id: needs a str or bytes, not 'int'"),
+        (lambda c: c.send_job(DEVICE, __file__, "\ud800"), ValueError, "job_id: '\\ud800' has a surrogate"),
+        (
+            lambda c: c.send_job(DEVICE, __file__, compressed=True, decompressed_length=-1),
+            ValueError,
+            "decompressed_length: -1 is out of range, 0 to ",
+        ),
+        (lambda c: c.tracing(DEVICE, 0, most=-1).__enter__(), ValueError, "most: -1 is out of range, 0 to "),
         (lambda c: c.send_job_data(DEVICE, "text"), TypeError, "bytes-like"),
         (lambda c: c.bio_get_version(ELSEWHERE), jovu.Disconnected, "bio_get_version, device 9:9: "),
         (lambda c: c.close_device(ELSEWHERE), jovu.Disconnected, ""),
         (lambda c: c.wait_for_device(0.05, serial="none"), TimeoutError, "Attached: 1:2 JVS001002 (open)."),
+        (lambda c: CLIENT(unknown=5), TypeError, "unexpected keyword argument"),
         (lambda c: CLIENT(connected=5), TypeError, "a callback must be callable or None, not 5"),
-        (lambda c: jovu.DeviceFilter(serials="JVS"), TypeError, "serials: needs a sequence of strings"),
+        (lambda c: type("", (CLIENT,), {"connected": print}), TypeError, "connected hides the callback"),
+        (lambda c: jovu.DeviceFilter(serials="JVS"), TypeError, "serials: needs a sequence, not 'str'"),
+        (lambda c: jovu.DeviceFilter(ports=FIVE), TypeError, "ports: needs a sequence, not 'int'"),
+        (lambda c: jovu.DeviceFilter(addresses=(FIVE,)).matches(FIVE), TypeError, "addresses: needs a jovu.Address"),
+        (lambda c: jovu.set_log_handler(FIVE), TypeError, "handler: needs a callable or None"),
+        (lambda c: jovu.ScanPause().__exit__(), RuntimeError, "not entered"),
         (lambda c: jovu.set_device_filter(jovu.DeviceFilter(ports=["x"])), jovu.Error, "Not a port: x"),
         (lambda c: jovu.Dfu("/no/such/folder"), jovu.ToolFailed, "dfu-util is not found"),
     ],
 )
+@pytest.mark.filterwarnings("error")  # Also when a destructor fails.
 def test_refusals(
     client: jovu.Client, call: Callable[[Any], object], kind: "type[Exception]", message: str
 ) -> None:
@@ -196,7 +243,7 @@ def test_time_limits(client: jovu.Client) -> None:
     client.set_response_timeout(0.05)
     with pytest.raises(jovu.ResponseTimedOut):
         client.bio_get_serial(DEVICE)
-    with pytest.raises(jovu.Rejected), jovu.response_timeout(0.001):
+    with pytest.raises(ValueError, match="seconds: 0.001 is out of range"), jovu.response_timeout(0.001):
         pass
     request(f"fault {DEVICE} clear")
 
@@ -210,14 +257,19 @@ def test_closed(client: jovu.Client) -> None:
     client.wait_for_device(30)
     assert client.bio_get_version(DEVICE) == "1.0.0"
     assert client.list_attached() == [jovu.UsbDevice(type=1, port=2)]
-    client.close()
-    assert client.closed
+    threading.Timer(0.3, client.close).start()
+    for _ in range(2):  # While it is closed, and afterwards.
+        began = time.monotonic()
+        with pytest.raises(jovu.ShutDown):
+            client.wait_for_device(60, serial="none")
+        assert time.monotonic() - began < 20
+    assert client.closed and client.devices() == []
     with pytest.raises(jovu.ShutDown):
         client.bio_get_version(DEVICE)
 
 
 def test_numbers_of_numpy(client: jovu.Client) -> None:
-    client.servo_dc_position_set(DEVICE, numpy.int64(0), numpy.int32(400))  # type: ignore[arg-type]
+    client.servo_dc_position_set(DEVICE, numpy.int64(0), numpy.int32(400))
     assert client.servo_dc_position_get_client(DEVICE, 0) == 2.0
-    client.servo_dc_position_set_client(DEVICE, 0, numpy.float32(0.1))  # type: ignore[arg-type]
+    client.servo_dc_position_set_client(DEVICE, 0, numpy.float32(0.1))
     assert client.servo_dc_units_native_to_client(DEVICE, 0, 21) == 0.105

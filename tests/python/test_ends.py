@@ -9,6 +9,7 @@ import subprocess
 import sys
 import textwrap
 import time
+import typing
 
 import jovu
 import pytest
@@ -62,10 +63,21 @@ def safe_loop(function):
         ("in_thread(lambda: client.status(device, 60))", "silent always"),
         ("in_thread(lambda: safe_loop(lambda: client.bio_get_version(device)))", ""),
         ("in_thread(lambda: safe_loop(jovu.list_devices))", ""),
+        ("sys.setswitchinterval(1e-6)\n"
+         "[in_thread(lambda: safe_loop(lambda: client.bio_get_version((9, 9)))) for _ in range(3)]", ""),
         ("in_thread(lambda: client.push(device, sys.executable, lambda step: None))", "never 04"),
         ("in_thread(lambda: loop(lambda: client.push(device, '/bin/ls', lambda step: None)))", ""),
         ("in_thread(lambda: client.push(device, '/bin/ls', lambda step: time.sleep(1000)))", ""),
         ("in_thread(client.close, daemon=False)", ""),
+        # Four threads import NumPy.
+        ("all = [threading.Thread(target=client.trace, args=(device, 0, 0.1)) for _ in range(4)]\n"
+         "[each.start() for each in all]; [each.join() for each in all]", ""),
+        ("trace = client.tracing(device, 0); recording = trace.__enter__()\n"
+         "in_thread(lambda: loop(recording.samples))", ""),
+        # The thread ends in code of Python that C++ has called.
+        ("slow = type('Slow', (), {'__index__': lambda self: 0 * sum(range(3000))})()\n"
+         "info = jovu.list_devices()[0]\n"
+         "in_thread(lambda: loop(lambda: jovu.DeviceFilter(addresses=[(slow, 0)]).matches(info)))", ""),
         ("jovu.set_log_handler(lambda *line: time.sleep(1000)); client.close_device(device)", ""),
     ],
 )
@@ -100,9 +112,16 @@ def test_a_forked_process_is_refused(client: jovu.Client) -> None:
         "-c",
         BEGINNING
         + textwrap.dedent("""
+        with client.tracing(device, 0) as recording:
+            pass
         child = os.fork()
         if child == 0:
-            for use in (jovu.Client, lambda: client.bio_get_version(device), jovu.list_devices):
+            for use in (
+                jovu.Client, lambda: client.bio_get_version(device), jovu.list_devices, client.devices,
+                lambda: client.cancel_exchanges(device), lambda: client.set_response_timeout(1),
+                lambda: jovu.set_device_filter(jovu.DeviceFilter()), jovu.ScanPause().__enter__,
+                jovu.is_watching, lambda: len(recording), recording.samples, jovu.Dfu,
+            ):
                 try:
                     use()
                 except RuntimeError as error:
@@ -111,7 +130,7 @@ def test_a_forked_process_is_refused(client: jovu.Client) -> None:
         print(os.waitpid(child, 0)[1], client.bio_get_version(device))
         """),
     )
-    assert forked.stdout.count('start processes with the method "spawn"') == 3, forked.stderr
+    assert forked.stdout.count('start processes with the method "spawn"') == 12, forked.stderr
     assert forked.stdout.endswith(f"{3 << 8} 1.0.0\n")
 
 
@@ -130,6 +149,9 @@ def test_everything_is_described() -> None:
     for name in jovu.__all__:
         value = getattr(jovu, name)
         assert name in ("LogHandler", "Unspecified") or inspect.getdoc(value), name
+        if isinstance(value, type):
+            for each in (value, *filter(inspect.isfunction, vars(value).values())):
+                typing.get_type_hints(each)
     for error in jovu.ErrorCode:
         if error is not jovu.ErrorCode.none:
             kind = getattr(jovu, "".join(part.capitalize() for part in error.name.split("_")))
