@@ -88,7 +88,9 @@ public:
         }
         const auto messages =
             exchange(command(1, row->idx, row->name, args.is_null() ? "" : args.dump()));
-        const Json body = messages.back()["data"]["command"];
+        Json body;  // Samples that wait come after it.
+        for (const Json& message : messages)
+            if (message["data"].contains("command")) body = message["data"]["command"];
         for (const auto& [key, value] : args.items())
             if (more != nullptr && body["args"][key] != value)
                 *more += " " + body["args"][key].dump();

@@ -8,9 +8,6 @@ namespace jovusim {
 
 namespace {
 constexpr std::size_t kWaitingLimit = 1U << 20U;
-/// About half a second of one servo's samples. A host that reads more slowly than samples are made
-/// waits for each response as long as this takes it to read.
-constexpr std::size_t kMinorLimit = 1U << 17U;
 }  // namespace
 
 void TransmitQueue::push(std::string run, Millis not_before, std::size_t packet_size) {
@@ -24,22 +21,30 @@ void TransmitQueue::push(std::string run, Millis not_before, std::size_t packet_
     entry.bytes = std::move(run);
     entry.not_before = not_before;
     entry.packet_size = std::clamp<std::size_t>(packet_size, 1, kMaxPacket);
-    runs_.push_back(std::move(entry));
+    runs_.insert(std::find_if(unsent(), runs_.end(), [](const Run& other) { return other.minor; }),
+                 std::move(entry));
 }
 
 void TransmitQueue::push_minor(std::string run, Millis not_before) {
-    if (waiting_ + run.size() > kMinorLimit) {
+    if (waiting_ + run.size() > kWaitingLimit / 2) {
         ++dropped_;
         return;
     }
-    push(std::move(run), not_before);
-    runs_.back().minor = true;
+    waiting_ += run.size();
+    Run entry;
+    entry.bytes = std::move(run);
+    entry.not_before = not_before;
+    entry.minor = true;
+    runs_.push_back(std::move(entry));
+}
+
+std::deque<TransmitQueue::Run>::iterator TransmitQueue::unsent() {
+    return runs_.begin() + (offset_ > 0 ? 1 : 0);
 }
 
 void TransmitQueue::drop_minor() {
-    if (runs_.empty()) return;
-    const auto end = std::remove_if(runs_.begin() + (offset_ > 0 ? 1 : 0), runs_.end(),
-                                    [](const Run& run) { return run.minor; });
+    const auto end =
+        std::remove_if(unsent(), runs_.end(), [](const Run& run) { return run.minor; });
     runs_.erase(end, runs_.end());
     waiting_ = 0;
     for (const Run& run : runs_)
