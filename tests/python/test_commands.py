@@ -27,7 +27,7 @@ def sample(annotation: Any) -> Any:
     """A value for an argument that the simulator accepts."""
     if dataclasses.is_dataclass(annotation):
         return annotation()
-    return {int: 0, float: 1.5, bool: True}.get(annotation, "home")
+    return {int: 0, float: 1.5, bool: False}.get(annotation, "home")  # False: no trace stays on.
 
 
 def test_every_command(client: jovu.Client) -> None:

@@ -88,9 +88,7 @@ public:
         }
         const auto messages =
             exchange(command(1, row->idx, row->name, args.is_null() ? "" : args.dump()));
-        Json body;  // Samples that wait come after it.
-        for (const Json& message : messages)
-            if (message["data"].contains("command")) body = message["data"]["command"];
+        const Json body = messages.back()["data"]["command"];
         for (const auto& [key, value] : args.items())
             if (more != nullptr && body["args"][key] != value)
                 *more += " " + body["args"][key].dump();

@@ -8,7 +8,7 @@ namespace jovusim {
 
 namespace {
 constexpr std::size_t kWaitingLimit = 1U << 20U;
-}  // namespace
+}
 
 void TransmitQueue::push(std::string run, Millis not_before, std::size_t packet_size) {
     // A single run of any length fits: only a host that does not read loses output.
@@ -21,8 +21,7 @@ void TransmitQueue::push(std::string run, Millis not_before, std::size_t packet_
     entry.bytes = std::move(run);
     entry.not_before = not_before;
     entry.packet_size = std::clamp<std::size_t>(packet_size, 1, kMaxPacket);
-    runs_.insert(std::find_if(unsent(), runs_.end(), [](const Run& other) { return other.minor; }),
-                 std::move(entry));
+    runs_.push_back(std::move(entry));
 }
 
 void TransmitQueue::push_minor(std::string run, Millis not_before) {
@@ -30,21 +29,14 @@ void TransmitQueue::push_minor(std::string run, Millis not_before) {
         ++dropped_;
         return;
     }
-    waiting_ += run.size();
-    Run entry;
-    entry.bytes = std::move(run);
-    entry.not_before = not_before;
-    entry.minor = true;
-    runs_.push_back(std::move(entry));
-}
-
-std::deque<TransmitQueue::Run>::iterator TransmitQueue::unsent() {
-    return runs_.begin() + (offset_ > 0 ? 1 : 0);
+    push(std::move(run), not_before);
+    runs_.back().minor = true;
 }
 
 void TransmitQueue::drop_minor() {
-    const auto end =
-        std::remove_if(unsent(), runs_.end(), [](const Run& run) { return run.minor; });
+    if (runs_.empty()) return;
+    const auto end = std::remove_if(runs_.begin() + (offset_ > 0 ? 1 : 0), runs_.end(),
+                                    [](const Run& run) { return run.minor; });
     runs_.erase(end, runs_.end());
     waiting_ = 0;
     for (const Run& run : runs_)

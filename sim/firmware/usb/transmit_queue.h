@@ -24,8 +24,7 @@ constexpr std::size_t kMaxPacket = 64;
 /// which may be empty.
 class TransmitQueue {
 public:
-    /// Queues one run, ahead of those of low priority: a host that reads them more slowly than they
-    /// are made would wait for it too long. Drops and counts it when a megabyte is queued already.
+    /// Queues one run. Drops and counts it when a megabyte is queued already.
     /// @param not_before  the first moment at which the host can receive it
     /// @param packet_size 1 to kMaxPacket
     void push(std::string run, Millis not_before, std::size_t packet_size = kMaxPacket);
@@ -62,8 +61,6 @@ private:
     };
 
     void finish_run();
-    /// Returns the first run of which nothing has been sent.
-    std::deque<Run>::iterator unsent();
 
     std::deque<Run> runs_;
     std::size_t offset_ = 0;  ///< bytes of the first run that have been sent
