@@ -182,7 +182,9 @@ TEST_F(JobInterface, WaitsForAReportUntilNoneCanCome) {
         const std::size_t before = fake_usb::sent().size();
         const bool brief = expected.find("50 ms") != std::string::npos;
         auto waiting = std::async(std::launch::async, awaited, milliseconds(brief ? 50 : 60000));
-        ASSERT_TRUE(eventually([=] { return fake_usb::sent().size() > before; }));
+        ASSERT_TRUE(eventually([=] {  // The request has been sent.
+            return fake_usb::sent().size() > before && !fake_usb::in_flight(mine, kJobsOut);
+        }));
         meanwhile();
         EXPECT_EQ(waiting.get(), expected);
     }
