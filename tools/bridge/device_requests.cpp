@@ -308,7 +308,7 @@ void Device::take_sample(const servo_trace_msg& sample) {
 }
 
 /// Turns off a trace that an earlier bridge or another program left on. After the requests that
-/// wait, and seldom: a device may go on sending samples whatever it is told.
+/// wait, and seldom: a device may ignore the command and send samples all the time.
 void Device::stray_trace(std::uint32_t servo) {
     {
         const MutexLock lock(mutex_);
