@@ -122,7 +122,7 @@ void Outbox::acknowledged(const jovu_mqtt::Acknowledgement& acknowledgement) {
     const MutexLock lock(mutex_);
     const auto found = sent_.find(acknowledgement.token);
     if (found == sent_.end()) {
-        drain();  // Acknowledged samples make room for waiting messages.
+        drain();  // The connection refuses messages while too many samples are unacknowledged.
         return;
     }
     metrics_.acknowledged(Clock::now() - found->second.time);

@@ -12,8 +12,8 @@ namespace jovu_mqtt {
 
 constexpr std::string_view kDefaultPrefix = "jovu";
 
-/// @return the name as one level of a topic. ASCII letters, digits, '.', '_' and '-' stay; another
-///     byte is written as %XX.
+/// @return the name as one level of a topic: percent-encoded, but for ASCII letters, digits, '.',
+///     '_' and '-'.
 std::string encode_level(std::string_view name);
 
 /// @return the name of a level that encode_level() made; nothing for any other string.
