@@ -3,7 +3,7 @@
 """Measures the library against its floors and keeps the results.
 
   bench/run.py measure [--build DIR] [--out FILE] [--effort FACTOR] [--only NAME...] [--add FILE...]
-      Runs the benchmarks (about 5 minutes) and writes their rows as JSON. --add adds rows that were
+      Runs the benchmarks (about 8 minutes) and writes their rows as JSON. --add adds rows that were
       measured elsewhere, such as in a virtual machine.
   bench/run.py page [--results FILE] [--before FILE] [--check]
       Writes the tables of docs/performance.md from the results; --check only compares.

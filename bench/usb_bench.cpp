@@ -383,7 +383,7 @@ void devices(Options& options, std::size_t attached, std::size_t open) {
                                 (attached == 1 ? " device" : " devices") +
                                 (open == attached ? "" : ", " + std::to_string(open) + " open");
     const std::optional<bench::Wanted> none;
-    options.results.add("devices", subject, by_turns(subject, options.rounds(3), body),
+    options.results.add("devices", subject, by_turns(subject, options.rounds(7), body),
                         {{"all announced", "ms"},
                          {"scan", "us each"},
                          {"idle CPU", "us/s", none, 0.5, false},
