@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
+#include <limits>
 #include <nlohmann/json.hpp>
 #include <stdexcept>
 #include <thread>
@@ -47,18 +48,53 @@ nlohmann::json machine() {
             {"library", JOVU_VERSION}};
 }
 
+/// The processors' time of this machine so far, in ticks of the kernel's.
+struct ProcessorTime {
+    double all = 0;
+    double stolen = 0;  ///< When a process wanted to run, and another machine had the processor.
+};
+
+/// @return zeroes where the kernel does not tell.
+ProcessorTime processor_time() {
+    std::ifstream file("/proc/stat");
+    file.ignore(std::numeric_limits<std::streamsize>::max(), ' ');
+    // Of user, nice, system, idle, iowait, irq, softirq and steal the last one; guest time, behind
+    // it, is a part of user time.
+    constexpr int kColumns = 8;
+    ProcessorTime time;
+    for (int i = 0; i < kColumns && file >> time.stolen; ++i)
+        time.all += time.stolen;
+    return file ? time : ProcessorTime();
+}
+
+/// More than this share of a round, and the round is repeated.
+constexpr double kMostStolen = 0.02;
+
 }  // namespace
 
 Rounds by_turns(const std::string& progress, int rounds, const std::function<Figures(Name)>& turn) {
     Rounds result;
     const bool shown = ::isatty(STDERR_FILENO) == 1;
-    for (int i = 0; i < rounds; ++i) {
-        if (shown) std::fprintf(stderr, "\r\33[K%s %d/%d", progress.c_str(), i + 1, rounds);
-        for (const Name name : {i % 2 == 0 ? kJovu : kBare, i % 2 == 0 ? kBare : kJovu}) {
-            for (const auto& [measure, value] : turn(name))
+    int repeats_left = 2 * rounds;
+    for (int i = 0, done = 0; done < rounds; ++i) {
+        if (shown) std::fprintf(stderr, "\r\33[K%s %d/%d", progress.c_str(), done + 1, rounds);
+        const ProcessorTime before = processor_time();
+        Figures figures[2];
+        for (const Name name : {i % 2 == 0 ? kJovu : kBare, i % 2 == 0 ? kBare : kJovu})
+            figures[name] = turn(name);
+        const ProcessorTime after = processor_time();
+        if (after.stolen - before.stolen > kMostStolen * (after.all - before.all) &&
+            repeats_left > 0) {
+            --repeats_left;
+            continue;
+        }
+        ++done;
+        for (const Name name : {kJovu, kBare}) {
+            for (const auto& [measure, value] : figures[name])
                 result.of[name][measure].push_back(value);
         }
     }
+    result.repeated = 2 * rounds - repeats_left;
     if (shown) std::fputs("\r\33[K", stderr);
     return result;
 }
@@ -77,7 +113,7 @@ void Results::add(const std::string& table, const std::string& subject, const Ro
             ratios.push_back(jovu[i] / bare[i]);
         rows_.push_back({table, subject, measure, quantile(jovu, measure.part),
                          quantile(bare, measure.part), median(ratios), quantile(ratios, 0.25),
-                         quantile(ratios, 0.75), jovu.size()});
+                         quantile(ratios, 0.75), jovu.size(), rounds.repeated});
         print(rows_.back());
     }
 }
@@ -91,10 +127,13 @@ void Results::print(const Row& row) {
                  figure(want.limit) +
                  ((want.at_most ? value <= want.limit : value >= want.limit) ? "" : "  MISSED");
     }
-    std::printf("%-12s %-22s %-22s %9s %9s %-9s %6s (%s to %s)  %s\n", row.table.c_str(),
+    const std::string repeated =
+        row.repeated == 0 ? "" : "  repeated: " + std::to_string(row.repeated);
+    std::printf("%-12s %-22s %-22s %9s %9s %-9s %6s (%s to %s)  %s%s\n", row.table.c_str(),
                 row.subject.c_str(), row.measure.name.c_str(), figure(row.jovu).c_str(),
                 figure(row.bare).c_str(), row.measure.unit.c_str(), figure(row.ratio).c_str(),
-                figure(row.low).c_str(), figure(row.high).c_str(), wanted.c_str());
+                figure(row.low).c_str(), figure(row.high).c_str(), wanted.c_str(),
+                repeated.c_str());
     std::fflush(stdout);
 }
 
@@ -106,7 +145,7 @@ void Results::write_json(const std::string& path) const {
             {"measure", row.measure.name}, {"unit", row.measure.unit},
             {"libjovu", number(row.jovu)}, {"floor", number(row.bare)},
             {"ratio", number(row.ratio)},  {"ratio_quartiles", {number(row.low), number(row.high)}},
-            {"rounds", row.rounds}};
+            {"rounds", row.rounds},        {"repeated", row.repeated}};
         if (row.measure.wanted) {
             out["wanted"] = {
                 {"of", row.measure.wanted->of_ratio ? "ratio" : "libjovu"},

@@ -45,9 +45,12 @@ struct Measure {
 /// The figures of both programs in each round, by measure.
 struct Rounds {
     std::map<std::string, std::vector<double>> of[2];
+    int repeated = 0;  ///< Rounds that were disturbed, and do not count.
 };
 
-/// Has both programs take turns, each round in the other order.
+/// Has both programs take turns, each round in the other order. Repeats a round in which other
+/// machines took the processors of this one (virtual) machine, at most twice @p rounds times; after
+/// that, such rounds count.
 Rounds by_turns(const std::string& progress, int rounds, const std::function<Figures(Name)>& turn);
 
 class Results {
@@ -68,6 +71,7 @@ private:
         double jovu, bare;        ///< Medians, or another quantile, of the rounds.
         double ratio, low, high;  ///< Median and quartiles of the ratios of the rounds.
         std::size_t rounds;
+        int repeated;
     };
     static void print(const Row& row);
 
