@@ -259,8 +259,8 @@ def results_table(results, before):
                      f"{number(row['libjovu'])} | {number(row['floor'])} | {number(row['ratio'])} | "
                      f"{shown(old) if old else ''} | {wanted_text(row)} |")
     machine = results["machine"]
-    repeated = {(row["table"], row["subject"]): (row.get("repeated", 0), row["rounds"])
-                for row in results["rows"] if "rounds" in row}
+    repeated = {(row["table"], row["subject"]): (row["repeated"], row["rounds"])
+                for row in results["rows"] if "repeated" in row}
     lines += ["", f"Measured on {machine['cores']} cores ({machine['processor']}), Linux "
                   f"{machine['kernel']}, with libjovu {machine['library']} at {results['commit']}; load "
                   f"average {machine['load']:.1f} at the end of it. Beside {sum(each[1] for each in repeated.values())} "
