@@ -261,10 +261,13 @@ def results_table(results, before):
     machine = results["machine"]
     repeated = {(row["table"], row["subject"]): (row["repeated"], row["rounds"])
                 for row in results["rows"] if "repeated" in row}
-    lines += ["", f"Measured on {machine['cores']} cores ({machine['processor']}), Linux "
-                  f"{machine['kernel']}, with libjovu {machine['library']} at {results['commit']}; load "
-                  f"average {machine['load']:.1f} at the end of it. Beside {sum(each[1] for each in repeated.values())} "
-                  f"rounds, {sum(each[0] for each in repeated.values())} were disturbed and repeated."]
+    note = (f"Measured on {machine['cores']} cores ({machine['processor']}), Linux {machine['kernel']}, "
+            f"with libjovu {machine['library']} at {results['commit']}; load average "
+            f"{machine['load']:.1f} at the end of it.")
+    if repeated:
+        rounds, disturbed = (sum(each[i] for each in repeated.values()) for i in (1, 0))
+        note += f" {disturbed} rounds beside these {rounds} were disturbed, and repeated."
+    lines += ["", note]
     return lines
 
 
