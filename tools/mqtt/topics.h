@@ -12,7 +12,7 @@ namespace jovu_mqtt {
 
 constexpr std::string_view kDefaultPrefix = "jovu";
 
-/// @return the name as one level of a topic: percent-encoded, but for ASCII letters, digits, '.',
+/// @return the name as one level of a topic: percent-encoded, except ASCII letters, digits, '.',
 ///     '_' and '-'.
 std::string encode_level(std::string_view name);
 
