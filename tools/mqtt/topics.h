@@ -12,8 +12,8 @@ namespace jovu_mqtt {
 
 constexpr std::string_view kDefaultPrefix = "jovu";
 
-/// @return the name as one level of a topic: percent-encoded, except ASCII letters, digits, '.',
-///     '_' and '-'.
+/// @return the name as one level of a topic: each byte that is not alphanumeric in ASCII, '.', '_'
+///     or '-' is percent-encoded.
 std::string encode_level(std::string_view name);
 
 /// @return the name of a level that encode_level() made; nothing for any other string.
