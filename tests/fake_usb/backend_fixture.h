@@ -24,7 +24,7 @@
 namespace test {
 
 inline constexpr JovuDeviceAddress kAddress{1, 5};
-inline constexpr unsigned kMessagesIn = 0x81, kJobsIn = 0x83, kJobsOut = 0x04;
+inline constexpr unsigned kMessagesIn = 0x81, kJobsIn = 0x83;
 
 /// The callbacks of clients, in order: "a+1.5" (client a: device 1.5 connected), "a-1.5"
 /// (disconnected), "a<1.5 abc" (sent abc), "a!1.5 in_use" (cannot be opened).
