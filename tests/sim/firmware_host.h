@@ -88,7 +88,12 @@ public:
         }
         const auto messages =
             exchange(command(1, row->idx, row->name, args.is_null() ? "" : args.dump()));
-        const Json body = messages.back()["data"]["command"];
+        // Samples may come before it and behind it.
+        const auto response =
+            std::find_if(messages.begin(), messages.end(),
+                         [](const Json& message) { return message["data"].contains("command"); });
+        if (response == messages.end()) throw std::runtime_error("no response to " + step);
+        const Json body = (*response)["data"]["command"];
         for (const auto& [key, value] : args.items())
             if (more != nullptr && body["args"][key] != value)
                 *more += " " + body["args"][key].dump();

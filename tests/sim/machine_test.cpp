@@ -330,6 +330,28 @@ TEST(TraceTest, PlayIsTakenUpAfterEachTurn) {
     }
 }
 
+TEST(TraceTest, TheServosWaitForAHostThatReadsSlowly) {
+    Host host;
+    host.play("trace_enable 0 1;move 0 {\"target\":20};");
+    std::string bytes = host.read(kMessageIn);
+    for (int i = 0; i < 5000; ++i) {  // a sample in about 5 ms
+        bytes += host.controller.next_packet(kMessageIn, ++host.now).value();
+    }
+    host.send(kMessageOut, framed(Host::command(2, 50, "servo_dc_trace_enable",
+                                                R"({"servo_name":0,"enable":0})")));
+    EXPECT_EQ(host.machine()["servos"][0]["state"], 0) << "they have made up for it";
+    const std::string late = host.read(kMessageIn);
+    EXPECT_LT(late.size(), 100000U) << "the response is behind no more";
+    int count = 0;
+    for (const Json& message : Host::messages(bytes + late)) {
+        if (!message["data"].contains("event")) continue;
+        const int next = message["data"]["event"]["args"]["msg"]["int_cnt"];
+        EXPECT_TRUE(count == 0 || next == count + 1) << next << " after " << count;
+        count = next;
+    }
+    EXPECT_EQ(host.stats()["message"]["dropped"], 0U);
+}
+
 TEST(TraceTest, LossesAreCountedAndShow) {
     Host host;
     const std::string endless =

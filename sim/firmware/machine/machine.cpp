@@ -33,12 +33,17 @@ const char* to_string(FilamentState state) {
     return "unknown";
 }
 
-void Machine::advance(Millis now) {
+void Machine::advance(Millis now, std::size_t most_samples) {
     if (!now_) now_ = now;
     const Millis gone = now - *now_;
     now_ = now;
-    servos_.advance(static_cast<std::uint64_t>(std::min(gone, kLongestServoWait)),
-                    recording_ ? &samples_ : nullptr);
+    servo_lag_ += static_cast<std::uint64_t>(std::min(gone, kLongestServoWait));
+    std::uint64_t runs = servo_lag_;
+    if (recording_ && servos_.traced() > 0) {
+        runs = std::min<std::uint64_t>(runs, most_samples / servos_.traced());
+    }
+    servo_lag_ -= runs;
+    servos_.advance(runs, recording_ ? &samples_ : nullptr);
     double left = static_cast<double>(gone) / 1000.0 * time_scale_;
     seconds_ += left;
     filament_left_ = std::max(filament_left_ - left, 0.0);
@@ -61,7 +66,8 @@ void Machine::advance(Millis now) {
 
 std::optional<Millis> Machine::next_due() const {
     std::optional<Millis> due = disconnect_at_;
-    if (recording_ && now_ && servos_.traced()) due = std::min(*now_ + 1, due.value_or(*now_ + 1));
+    if (recording_ && now_ && servos_.traced() > 0)
+        due = std::min(*now_ + 1, due.value_or(*now_ + 1));
     return due;
 }
 

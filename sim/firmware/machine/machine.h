@@ -34,7 +34,9 @@ public:
         : time_scale_(time_scale), wifi_(serial) {}
 
     /// Advances the machine to that moment.
-    void advance(Millis now);
+    /// @param most_samples while a servo is traced, the servos run no longer than to make these;
+    ///     they make up for it when more are allowed or the trace ends
+    void advance(Millis now, std::size_t most_samples);
 
     /// The next moment at which the machine does something without a request, if any.
     std::optional<Millis> next_due() const;
@@ -89,6 +91,7 @@ private:
     double last_activity_ = 0;
     Heater heater_;
     ServoBank servos_;
+    std::uint64_t servo_lag_ = 0;  ///< ms that the servos are behind
     Gpio gpio_;
     Wifi wifi_;
     Storage storage_;

@@ -295,9 +295,9 @@ void ServoBank::start_waiting_moves() {
         servo.start_waiting_move();
 }
 
-bool ServoBank::traced() const {
-    return std::any_of(servos_.begin(), servos_.end(),
-                       [](const Servo& servo) { return servo.traced(); });
+std::size_t ServoBank::traced() const {
+    return static_cast<std::size_t>(std::count_if(
+        servos_.begin(), servos_.end(), [](const Servo& servo) { return servo.traced(); }));
 }
 
 bool ServoBank::idle() const {

@@ -219,7 +219,8 @@ public:
     /// Runs the loop once for each millisecond. @param samples of traced servos; may be null
     void advance(std::uint64_t milliseconds, std::vector<TraceSample>* samples);
 
-    bool traced() const;
+    /// How many servos are traced.
+    std::size_t traced() const;
 
     /// Power-on: all at 0, with the default configuration. The interrupt count continues.
     void reset();

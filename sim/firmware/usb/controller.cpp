@@ -44,7 +44,7 @@ Controller::Controller(DeviceConfig config)
       jobs_(identity_, machine_, faults_, violations_) {}
 
 void Controller::advance(Millis now) {
-    machine_.advance(now);
+    machine_.advance(now, messages_.room_for_samples(now));
     messages_.send_samples(machine_.take_samples(), now);
 }
 

@@ -1,7 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "firmware/usb/message_channel.h"
 
+#include <algorithm>
 #include <cstdio>
+#include <limits>
+#include <optional>
 #include <stdexcept>
 
 #include "firmware/base/values.h"
@@ -95,6 +98,13 @@ namespace {
 /// An incomplete frame is dropped after this time, so that a restarted host is understood. Longer
 /// than the time-out of one transfer on the host.
 constexpr Millis kFrameSilence = 5000;
+
+/// A response comes behind these: a host that reads a hundred samples a second has it within the
+/// time-out of a command.
+constexpr std::size_t kUnreadSamples = 250;
+
+/// A host that has received nothing for this time does not read.
+constexpr Millis kReadingSilence = 1000;
 
 /// First id of events, far from the ids of a host that has just started.
 constexpr std::uint32_t kFirstEventId = 0x40000000;
@@ -216,6 +226,12 @@ std::string MessageChannel::trace_event(const TraceSample& sample) {
                   next_event_id_++, sample.servo, static_cast<int>(sample.state), sample.count,
                   sample.commanded, sample.position, sample.pwm, sample.padout);
     return encode_frame(text);
+}
+
+std::size_t MessageChannel::room_for_samples(Millis now) const {
+    const std::optional<Millis> last = transmit_queue_.last_read();
+    if (!last || now - *last > kReadingSilence) return std::numeric_limits<std::size_t>::max();
+    return kUnreadSamples - std::min(transmit_queue_.minor_count(), kUnreadSamples);
 }
 
 void MessageChannel::send_samples(const std::vector<TraceSample>& samples, Millis now) {

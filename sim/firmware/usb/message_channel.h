@@ -79,6 +79,10 @@ public:
     /// Queues a debug event with the first kMaxEventString bytes of a string.
     void send_debug_event(const std::string& text, Millis now);
 
+    /// How many samples may be made now. The servos wait for a host that reads more slowly than
+    /// they make samples, and not for one that does not read at all.
+    std::size_t room_for_samples(Millis now) const;
+
     /// Queues a trace event for each sample.
     void send_samples(const std::vector<TraceSample>& samples, Millis now);
 

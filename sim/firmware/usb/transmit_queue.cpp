@@ -31,6 +31,7 @@ void TransmitQueue::push_minor(std::string run, Millis not_before) {
     }
     push(std::move(run), not_before);
     runs_.back().minor = true;
+    ++minor_;
 }
 
 void TransmitQueue::drop_minor() {
@@ -38,9 +39,11 @@ void TransmitQueue::drop_minor() {
     const auto end = std::remove_if(runs_.begin() + (offset_ > 0 ? 1 : 0), runs_.end(),
                                     [](const Run& run) { return run.minor; });
     runs_.erase(end, runs_.end());
-    waiting_ = 0;
-    for (const Run& run : runs_)
+    waiting_ = minor_ = 0;
+    for (const Run& run : runs_) {
         waiting_ += run.bytes.size();
+        if (run.minor) ++minor_;
+    }
 }
 
 void TransmitQueue::push_burst(std::uint64_t count,
@@ -56,6 +59,7 @@ void TransmitQueue::push_burst(std::uint64_t count,
 
 std::optional<std::string> TransmitQueue::next_packet(Millis now) {
     if (runs_.empty() || runs_.front().not_before > now) return std::nullopt;
+    last_read_ = now;
     const Run& run = runs_.front();
     std::string packet = run.bytes.substr(offset_, run.packet_size);
     offset_ += packet.size();
@@ -73,6 +77,7 @@ void TransmitQueue::finish_run() {
         run.bytes = run.make(++run.made);
         waiting_ += run.bytes.size();
     } else {
+        if (run.minor) --minor_;
         runs_.pop_front();
     }
 }
@@ -85,7 +90,7 @@ std::optional<Millis> TransmitQueue::next_due() const {
 void TransmitQueue::clear() {
     runs_.clear();
     offset_ = 0;
-    waiting_ = 0;
+    waiting_ = minor_ = 0;
 }
 
 std::optional<Corruption> corruption_from_name(std::string_view name) {

@@ -44,6 +44,12 @@ public:
     /// When the first packet is due; nothing when the queue is empty.
     std::optional<Millis> next_due() const;
 
+    /// How many runs of low priority are queued.
+    std::size_t minor_count() const { return minor_; }
+
+    /// When the host last received a packet; nothing before the first one.
+    std::optional<Millis> last_read() const { return last_read_; }
+
     /// Drops everything.
     void clear();
 
@@ -65,6 +71,8 @@ private:
     std::deque<Run> runs_;
     std::size_t offset_ = 0;  ///< bytes of the first run that have been sent
     std::size_t waiting_ = 0;
+    std::size_t minor_ = 0;
+    std::optional<Millis> last_read_;
     std::uint64_t dropped_ = 0;
 };
 
