@@ -160,7 +160,8 @@ TEST_F(Push, IsNotJudgedByAReportFromBefore) {
     send_report(device_, {{"status", {{"state", "printing"}}}});
     fault("never 04 1 6");  // holds one piece up until it is sent again
     Program program(push_);
-    ASSERT_TRUE(eventually([&] { return job()["received"] >= 20480; }));
+    ASSERT_TRUE(eventually([&] { return job()["received"] >= 20480; }))
+        << testing::PrintToString(program.finish());
     send_report(device_, {{"status", {{"state", "error"}}}, {"error", 9}});
     EXPECT_THAT(program.finish(), Exits(0, ""));
 }
