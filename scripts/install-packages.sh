@@ -35,7 +35,7 @@ test_packages=(
     qt6-base-dev libqt6opengl6-dev qt6-charts-dev  # the panel among the examples
     xvfb xauth fonts-dejavu-core                   # an X server for its test
     qemu-system-x86 udev busybox-static binutils usbip   # the virtual machine for tests on a kernel
-    clang libclang-rt-14-dev clang-format-14 clang-tidy-14
+    clang lld libclang-rt-14-dev clang-format-14 clang-tidy-14
     python3 doxygen                           # the check of the documentation
     python3-dev pybind11-dev python3-numpy        # the Python package
     python3-pytest python3-mypy python3-matplotlib  # its tests, its example
