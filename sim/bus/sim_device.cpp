@@ -24,7 +24,7 @@ SimDevice::~SimDevice() {
 
 ClientId SimDevice::open() {
     const MutexLock lock(mutex_);
-    if (clients_.empty()) core_.function().host_opened();
+    if (clients_.empty()) core_.function().host_opened(now_ms());
     const ClientId client = next_client_++;
     clients_.insert(client);
     ++counters_.opens;

@@ -141,7 +141,7 @@ void UsbipDevice::submit(const Command& command, const char* data) {
     bytes_in_flight_ += urb.length;
     if (!control && command.in) {
         ++reads_in_flight_;
-        if (!std::exchange(host_reads_, true)) core_.function().host_opened();
+        if (!std::exchange(host_reads_, true)) core_.function().host_opened(now);
     }
     Urb refused = urb;
     // The kernel knows the endpoints and asks for no other.

@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <iomanip>
+#include <optional>
 #include <sstream>
 #include <stdexcept>
 #include <string>
@@ -135,7 +136,7 @@ public:
             } else if (std::sscanf(words.c_str(), "!heater %u", &level) == 1) {
                 controller.machine().heater().set_plugged(level != 0);
             } else if (std::sscanf(words.c_str(), "!host %u", &level) == 1) {
-                level != 0 ? controller.host_opened() : controller.host_closed();
+                level != 0 ? controller.host_opened(now) : controller.host_closed();
             } else {
                 const std::size_t member = std::min(words.find(" @"), words.size());
                 const Json result = ask(words.substr(0, member), &more);
@@ -153,7 +154,8 @@ public:
         const Millis end = now + span;
         while (now < end) {
             now = std::min(now + 10, end);
-            controller.tick(now);
+            const std::optional<Millis> due = controller.next_tick();
+            if (due && *due <= now) controller.tick(now);
         }
     }
 

@@ -12,6 +12,8 @@ namespace {
 constexpr double kStepSeconds = 0.1;
 constexpr double kLongestWait = 3600.0;
 constexpr Millis kLongestServoWait = 3'600'000;
+/// Moves would jump when the servos made up for more.
+constexpr std::uint64_t kMostServoLag = 2000;
 constexpr double kFilamentSeconds = 3.0;
 
 /// Delay before the disconnect, so that the host can read the response.
@@ -33,17 +35,11 @@ const char* to_string(FilamentState state) {
     return "unknown";
 }
 
-void Machine::advance(Millis now, std::size_t most_samples) {
+void Machine::advance(Millis now, std::optional<std::size_t> most_samples) {
     if (!now_) now_ = now;
     const Millis gone = now - *now_;
     now_ = now;
-    servo_lag_ += static_cast<std::uint64_t>(std::min(gone, kLongestServoWait));
-    std::uint64_t runs = servo_lag_;
-    if (recording_ && servos_.traced() > 0) {
-        runs = std::min<std::uint64_t>(runs, most_samples / servos_.traced());
-    }
-    servo_lag_ -= runs;
-    servos_.advance(runs, recording_ ? &samples_ : nullptr);
+    advance_servos(static_cast<std::uint64_t>(std::min(gone, kLongestServoWait)), most_samples);
     double left = static_cast<double>(gone) / 1000.0 * time_scale_;
     seconds_ += left;
     filament_left_ = std::max(filament_left_ - left, 0.0);
@@ -62,6 +58,17 @@ void Machine::advance(Millis now, std::size_t most_samples) {
     }
     heater_.set_job_target(job_.temperature_wanted());
     if (job_.running()) note_activity();
+}
+
+void Machine::advance_servos(std::uint64_t milliseconds, std::optional<std::size_t> most_samples) {
+    const std::size_t traced = recording_ ? servos_.traced() : 0;
+    std::uint64_t runs = servo_lag_ + milliseconds;
+    if (traced > 0) {
+        // A host that does not read gets no samples of before.
+        runs = most_samples ? std::min<std::uint64_t>(runs, *most_samples / traced) : milliseconds;
+    }
+    servo_lag_ = std::min(servo_lag_ + milliseconds - runs, kMostServoLag);
+    servos_.advance(runs, recording_ ? &samples_ : nullptr);
 }
 
 std::optional<Millis> Machine::next_due() const {

@@ -4,6 +4,7 @@
 /// The machine: heater, servos, peripherals, Wi-Fi and print job.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -34,9 +35,10 @@ public:
         : time_scale_(time_scale), wifi_(serial) {}
 
     /// Advances the machine to that moment.
-    /// @param most_samples while a servo is traced, the servos run no longer than to make these;
-    ///     they make up for it when more are allowed or the trace ends
-    void advance(Millis now, std::size_t most_samples);
+    /// @param most_samples while a servo is traced, all servos run no longer than to make these,
+    /// and
+    ///     up to two seconds that they missed are made up for later; nothing = no limit
+    void advance(Millis now, std::optional<std::size_t> most_samples);
 
     /// The next moment at which the machine does something without a request, if any.
     std::optional<Millis> next_due() const;
@@ -85,6 +87,8 @@ public:
     Json stats() const;
 
 private:
+    void advance_servos(std::uint64_t milliseconds, std::optional<std::size_t> most_samples);
+
     double time_scale_;
     std::optional<Millis> now_;
     double seconds_ = 0;

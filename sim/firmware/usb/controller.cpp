@@ -44,7 +44,9 @@ Controller::Controller(DeviceConfig config)
       jobs_(identity_, machine_, faults_, violations_) {}
 
 void Controller::advance(Millis now) {
-    machine_.advance(now, messages_.room_for_samples(now));
+    // Judged by the moment before: a simulator that was held up has kept the host from reading.
+    machine_.advance(now, messages_.room_for_samples(advanced_.value_or(now)));
+    advanced_ = now;
     messages_.send_samples(machine_.take_samples(), now);
 }
 
@@ -75,6 +77,12 @@ std::optional<Millis> Controller::next_due() const {
 void Controller::reset_channels() {
     messages_.reset();
     jobs_.reset();
+}
+
+/// No samples of the time before.
+void Controller::host_opened(Millis now) {
+    advance(now);
+    machine_.record_samples(true);
 }
 
 /// The next program would read old samples before the response to its first command.

@@ -42,7 +42,7 @@ public:
     DfuFaults& dfu_faults() override { return dfu_faults_; }
     void tick(Millis now) override { advance(now); }
     std::optional<Millis> next_tick() const override { return machine_.next_due(); }
-    void host_opened() override { machine_.record_samples(true); }
+    void host_opened(Millis now) override;
     void host_closed() override;
     Json stats(Millis now) override;
     std::vector<std::string> take_violations() override { return violations_.take(); }
@@ -77,6 +77,7 @@ private:
     ResponseFaults faults_;
     DfuFaults dfu_faults_;
     Machine machine_;
+    std::optional<Millis> advanced_;  ///< when the machine last advanced
     MessageChannel messages_;
     JobChannel jobs_;
 };

@@ -3,8 +3,6 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <limits>
-#include <optional>
 #include <stdexcept>
 
 #include "firmware/base/values.h"
@@ -99,11 +97,12 @@ namespace {
 /// than the time-out of one transfer on the host.
 constexpr Millis kFrameSilence = 5000;
 
-/// A response comes behind these: a host that reads a hundred samples a second has it within the
-/// time-out of a command.
+/// A response comes behind these: a host that reads without long pauses, if only a hundred samples
+/// a second, has it within the time-out of a command.
 constexpr std::size_t kUnreadSamples = 250;
 
-/// A host that has received nothing for this time does not read.
+/// A host that has received nothing for this time does not read; or a fault has kept the device
+/// from sending, which counts as that.
 constexpr Millis kReadingSilence = 1000;
 
 /// First id of events, far from the ids of a host that has just started.
@@ -228,9 +227,9 @@ std::string MessageChannel::trace_event(const TraceSample& sample) {
     return encode_frame(text);
 }
 
-std::size_t MessageChannel::room_for_samples(Millis now) const {
+std::optional<std::size_t> MessageChannel::room_for_samples(Millis heard) const {
     const std::optional<Millis> last = transmit_queue_.last_read();
-    if (!last || now - *last > kReadingSilence) return std::numeric_limits<std::size_t>::max();
+    if (!last || heard - *last > kReadingSilence) return std::nullopt;
     return kUnreadSamples - std::min(transmit_queue_.minor_count(), kUnreadSamples);
 }
 

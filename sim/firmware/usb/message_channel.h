@@ -7,6 +7,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <map>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -79,9 +80,10 @@ public:
     /// Queues a debug event with the first kMaxEventString bytes of a string.
     void send_debug_event(const std::string& text, Millis now);
 
-    /// How many samples may be made now. The servos wait for a host that reads more slowly than
-    /// they make samples, and not for one that does not read at all.
-    std::size_t room_for_samples(Millis now) const;
+    /// How many samples may be made now; nothing when the host does not read. The servos wait for a
+    /// host that reads more slowly than they make samples.
+    /// @param heard when the host could last read
+    std::optional<std::size_t> room_for_samples(Millis heard) const;
 
     /// Queues a trace event for each sample.
     void send_samples(const std::vector<TraceSample>& samples, Millis now);

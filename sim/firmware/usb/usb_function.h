@@ -129,7 +129,7 @@ public:
     virtual std::optional<Millis> next_tick() const = 0;
 
     /// The first program on the host has opened the device.
-    virtual void host_opened() {}
+    virtual void host_opened(Millis /*now*/) {}
 
     /// The last program on the host has closed the device. The bus does not show that: unsent
     /// output other than samples remains for the next program.
