@@ -35,10 +35,12 @@ public:
         : time_scale_(time_scale), wifi_(serial) {}
 
     /// Advances the machine to that moment.
-    /// @param most_samples while a servo is traced, all servos run no longer than to make these,
-    /// and
-    ///     up to two seconds that they missed are made up for later; nothing = no limit
+    /// @param most_samples while a servo is traced, all servos run no longer than to make these; up
+    ///     to two seconds that they missed are made up for later; nothing = no limit
     void advance(Millis now, std::optional<std::size_t> most_samples);
+
+    /// The moment to which the machine has advanced, if any.
+    std::optional<Millis> now() const { return now_; }
 
     /// The next moment at which the machine does something without a request, if any.
     std::optional<Millis> next_due() const;

@@ -45,8 +45,7 @@ Controller::Controller(DeviceConfig config)
 
 void Controller::advance(Millis now) {
     // Judged by the moment before: a simulator that was held up has kept the host from reading.
-    machine_.advance(now, messages_.room_for_samples(advanced_.value_or(now)));
-    advanced_ = now;
+    machine_.advance(now, messages_.room_for_samples(machine_.now().value_or(now)));
     messages_.send_samples(machine_.take_samples(), now);
 }
 

@@ -77,7 +77,6 @@ private:
     ResponseFaults faults_;
     DfuFaults dfu_faults_;
     Machine machine_;
-    std::optional<Millis> advanced_;  ///< when the machine last advanced
     MessageChannel messages_;
     JobChannel jobs_;
 };
